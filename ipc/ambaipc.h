@@ -1,0 +1,51 @@
+// What we need of the vendor's inter-core IPC library (libambaipc): two calls and the records that
+// they take. A service registers programs; the other core calls a program's procedures, and the
+// library runs them on threads of its own, never two of one program at once. The layouts are the
+// library's; both cores share them, so they are fixed here at compile time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" {
+
+// The result record of one call, filled by the procedure. The library gives it in and takes it
+// back; the meaning of its words is the library's.
+struct _AMBA_IPC_SVC_RESULT_s_ {
+    uint32_t word_0;
+    uint32_t word_4;
+    uint64_t word_8;
+    uint32_t word_16;
+    uint32_t word_20;
+};
+
+// A procedure: argument bytes and result record, both valid only during the call. The argument
+// carries no length.
+typedef void (*IpcProc)(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
+
+struct IpcProcEntry {
+    IpcProc procedure;
+    int32_t word;  // always 0; the meaning is the library's
+};
+
+struct IpcProgInfo {
+    int32_t count;             // number of procedures
+    IpcProcEntry* procedures;  // count entries, contiguous
+};
+
+// Makes a program callable under a service name. The library takes what it needs from name and info
+// during the call. The last argument is always 1. Returns 0 on success.
+int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, IpcProgInfo* info,
+                         int last);
+
+// Takes a program back. Safe to call from a signal handler. Returns 0 on success.
+int ambaipc_svc_unregister(uint32_t program, uint32_t version);
+
+}  // extern "C"
+
+static_assert(sizeof(_AMBA_IPC_SVC_RESULT_s_) == 24);
+static_assert(offsetof(_AMBA_IPC_SVC_RESULT_s_, word_8) == 8);
+static_assert(offsetof(_AMBA_IPC_SVC_RESULT_s_, word_16) == 16);
+static_assert(offsetof(_AMBA_IPC_SVC_RESULT_s_, word_20) == 20);
+static_assert(sizeof(IpcProcEntry) == 16 && offsetof(IpcProcEntry, word) == 8);
+static_assert(sizeof(IpcProgInfo) == 16 && offsetof(IpcProgInfo, procedures) == 8);

@@ -1,0 +1,45 @@
+// The link's frame: what every message between device and companion travels in, in both directions.
+//
+//   offset  size  field (all integers little-endian)
+//        0    32  start sequence, STARTING_SEQUENCE
+//       32     4  CRC-32 of the payload alone; 0 for an empty payload
+//       36     4  payload length in bytes
+//       40     2  message type
+//       42        payload
+//
+// Frames follow each other in the stream with nothing between them. The header has no version and
+// no checksum of its own.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+inline constexpr std::array<unsigned char, 32> STARTING_SEQUENCE = {
+    0x5A, 0x1E, 0x9C, 0x03, 0xD7, 0xB2, 0x4F, 0x66, 0x81, 0xE0, 0xC3, 0xA9, 0x5B, 0x7D, 0x2E, 0x4F,
+    0x0C, 0x6A, 0x18, 0xB3, 0xE5, 0x9D, 0x7F, 0x20, 0x41, 0xC8, 0xA6, 0xE3, 0xB9, 0xD0, 0x5F, 0x17};
+
+inline constexpr size_t CHECKSUM_OFFSET = 32;
+inline constexpr size_t LENGTH_OFFSET = 36;
+inline constexpr size_t TYPE_OFFSET = 40;
+inline constexpr size_t HEADER_SIZE = 42;
+
+// The builder takes payloads up to this size; a receiver takes header and payload together up to
+// this size. The two limits differ by the header on purpose.
+inline constexpr uint64_t MAX_SIZE = 0x100000;
+
+// Only the numbers travel on the wire.
+enum MessageType : uint16_t {
+    ControlMessage = 0,   // companion to device: keep-alive
+    ButtonMessage = 1,    // companion to device: first byte is the button
+    ImageMessage = 2,     // device to companion: run-length encoded image
+    IdentityMessage = 3,  // device to companion: 5-byte device id, then firmware version text
+    ConnectRequest = 4,   // companion to device: make this connection the link
+    IdentityRequest = 5,  // companion to device: answered by an IdentityMessage
+    DataMessage = 6,      // both: text
+};
+
+// Returns the complete frame around a copy of length payload bytes, or an empty vector when length
+// exceeds MAX_SIZE. payload may be null only when length is 0.
+std::vector<unsigned char> BuildFrame(uint16_t type, const unsigned char* payload, uint64_t length);

@@ -1,0 +1,22 @@
+// The payload of an ImageMessage: a run-length encoded image, as unsigned 16-bit little-endian
+// words.
+//
+//   word 0     image width in pixels
+//   word 1     image height in pixels
+//   word 2, 3  first run: run length (1 to 65535), pixel value
+//   word 4, 5  second run, and so on, row by row
+//
+// Pixels are 16-bit ARGB 4:4:4:4. A pixel whose top four bits are zero is transparent, whatever its
+// colour, and is sent as 0, so that all of them fall into one run. Two things are lost on purpose,
+// and every companion expects it: the first pixel keeps its raw value, and the last pixel of the
+// image is not sent.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+// Encodes width x height pixels into words, which holds at least two words and is doubled where it
+// does not suffice. Returns the payload length in bytes (twice the number of words written).
+// Throws std::bad_alloc when words cannot grow.
+uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
+                     std::vector<uint16_t>& words);
