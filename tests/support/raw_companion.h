@@ -37,7 +37,9 @@ inline bool wait_until(const std::function<bool()>& condition,
     return true;
 }
 
-inline Bytes bytes(std::string_view text) { return {text.begin(), text.end()}; }
+inline Bytes bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
 
 inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
     return BuildFrame(type, payload.data(), payload.size());
@@ -181,10 +183,6 @@ class RawCompanion {
         if (!connected) throw std::runtime_error("the device does not connect");
         return Socket(::accept(m_listener.fd(), nullptr, nullptr));
     }
-
-    // A connection that is the link: the device has answered, and would not have in time.
-    // Repeats the request on new connections until one is taken.
-    Socket link();
 
     const sockaddr_in& device() const { return m_device; }
 
