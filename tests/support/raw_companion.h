@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
@@ -171,17 +172,23 @@ class RawCompanion {
                reinterpret_cast<const sockaddr*>(&m_device), sizeof m_device);
     }
 
-    // Answers every broadcast until the device connects.
-    Socket connection() {
-        const bool connected = wait_until([this] {
+    // Answers every broadcast until the device connects, or not at all.
+    std::optional<Socket> connection_within(std::chrono::milliseconds limit) {
+        const auto connects = [this] {
             if (m_discovery.readable(0ms)) {
                 hear();
                 answer();
             }
             return m_listener.readable(10ms);
-        });
-        if (!connected) throw std::runtime_error("the device does not connect");
+        };
+        if (!wait_until(connects, limit)) return std::nullopt;
         return Socket(::accept(m_listener.fd(), nullptr, nullptr));
+    }
+
+    Socket connection() {
+        auto connection = connection_within(LIMIT);
+        if (!connection) throw std::runtime_error("the device does not connect");
+        return std::move(*connection);
     }
 
     const sockaddr_in& device() const { return m_device; }
