@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <mutex>
 
 #include "tests/support/raw_companion.h"
@@ -83,6 +82,7 @@ class Controller : public testing::Test {
                                 [=, this] { return m_worker->seen().link.size() > before; });
     }
 
+    LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
     std::shared_ptr<Worker> m_worker = std::make_shared<Worker>();
     std::shared_ptr<NetworkController> m_controller = std::make_shared<NetworkController>(m_worker);
@@ -189,11 +189,6 @@ TEST_F(Controller, FloodOfAnswersMakesFewCandidates) {
     for (const Socket& candidate : candidates) EXPECT_TRUE(candidate.ended());
     EXPECT_FALSE(m_companion.offered());
     link();  // and their places are free again
-}
-
-size_t threads() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 TEST_F(Controller, MayGoWhileItsUnitsLive) {

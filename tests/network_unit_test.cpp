@@ -310,6 +310,8 @@ TEST_F(Connection, SendAfterAResetFailsWithoutASignal) {
 
 TEST_F(Connection, SendToAPeerThatDoesNotReadFails) {
     const Socket peer = connect();
+    peer.write(bytes("x"));
+    EXPECT_TRUE(wait_until([&] { return m_taker.data() == "x"; }));  // connected
     const Bytes data(NetworkUnit::BUFFER_SIZE);
     EXPECT_TRUE(wait_until([&] { return !send(data); }));
     EXPECT_FALSE(m_unit->writable());

@@ -255,6 +255,7 @@ TEST(VeltraneCommunicator, HandlerHasEndedWhenItIsTakenBack) {
 }
 
 TEST(VeltraneCommunicator, SendsOverTheLink) {
+    const LastThreadsEnd last_threads_end;
     RawCompanion companion;
     const auto communicator = std::make_shared<VeltraneCommunicator>("11111", "fw1.1");
     std::atomic<int> buttons{0};  // that came through: only the link's do

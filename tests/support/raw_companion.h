@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -165,6 +166,23 @@ class Chatter {
   private:
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
+};
+
+// Made before all others and gone after them: waits until only the threads are left that there
+// were, so that nothing of a test is still at work when its process ends.
+class LastThreadsEnd {
+  public:
+    ~LastThreadsEnd() {
+        wait_until([this] { return count() <= m_count; });
+    }
+
+  private:
+    static ptrdiff_t count() {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return std::distance(begin(tasks), end(tasks));
+    }
+
+    const ptrdiff_t m_count = count();
 };
 
 // Answers discovery when told to, and accepts.
