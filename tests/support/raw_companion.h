@@ -60,14 +60,16 @@ inline sockaddr_in ipv4(const char* address, uint16_t port) {
 class Socket {
   public:
     explicit Socket(int descriptor = -1) : m_descriptor(descriptor) {}
-    Socket(int type, const char* address, uint16_t port) : Socket(socket(AF_INET, type, 0)) {
+    enum class Use { Listen, Connect };
+    Socket(int type, const char* address, uint16_t port, Use use = Use::Listen)
+        : Socket(socket(AF_INET, type, 0)) {
         const int on = 1;
         setsockopt(m_descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         const sockaddr_in local = ipv4(address, port);
         if (bind(m_descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
             throw std::runtime_error("cannot bind port " + std::to_string(port));
         }
-        if (type == SOCK_STREAM) listen(m_descriptor, 64);
+        if (type == SOCK_STREAM && use == Use::Listen) listen(m_descriptor, 64);
     }
     Socket(Socket&& other) noexcept : m_descriptor(std::exchange(other.m_descriptor, -1)) {}
     Socket& operator=(Socket&& other) noexcept {
