@@ -27,7 +27,6 @@ class Worker : public NetworkController::NetworkWorker {
         for (uint64_t i = 0; i < length; ++i) {
             if (data[i] == 'c' && signal) signal();
             if (data[i] == 'a') send(bytes("answer"));
-            if (data[i] == 'm') send(Bytes(0x10000, 'm'));
             if (data[i] == 't') throw std::runtime_error("worker");
         }
     }
@@ -113,27 +112,30 @@ TEST_F(Controller, ShowsACandidateToTheWorkerAndItsAnswerToTheCandidate) {
 TEST_F(Controller, LinksTheOneThatTheWorkerAccepts) {
     testing::internal::CaptureStdout();
     const Socket peer = link();
-    const Chatter chatter(peer, bytes("."));
     EXPECT_EQ(testing::internal::GetCapturedStdout().substr(0, 10), "connected\n");
     m_worker->send(bytes("frame"));
     EXPECT_EQ(peer.read(5), bytes("frame"));
     peer.write(bytes("a"));
     EXPECT_EQ(peer.read(6), bytes("answer"));
+}
 
-    // The search ends, and with it every other candidate.
-    while (m_companion.offered()) {
-        const Socket other = m_companion.accept();
-        try {
-            other.write(bytes("intruder"));
-            while (!other.ended()) {
-            }
-        } catch (const std::runtime_error&) {  // ended
-        }
+TEST_F(Controller, DropsTheOthersAndTheirEndsToo) {
+    Socket peer;
+    Socket other;
+    while (m_worker->seen().link.empty()) {
+        m_companion.hear();
+        m_companion.answer();
+        m_companion.answer();
+        peer = m_companion.accept();
+        other = m_companion.accept();
+        const Chatter chatter(peer, bytes("c"));
+        wait_until([&] { return !m_worker->seen().link.empty() || peer.readable(10ms); });
     }
-    const Worker::Seen seen = m_worker->seen();
-    EXPECT_EQ(seen.candidate.find("intruder"), std::string::npos);
-    EXPECT_EQ(seen.link.find("intruder"), std::string::npos);
-    EXPECT_EQ(seen.link_ends, 0);
+    const Chatter chatter(peer, bytes("."));
+    EXPECT_TRUE(other.ended());  // silent, it is given up and destroyed
+    m_worker->send(bytes("still linked"));
+    EXPECT_EQ(peer.read(12), bytes("still linked"));
+    EXPECT_EQ(m_worker->seen().link_ends, 0);
 }
 
 TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
@@ -160,12 +162,6 @@ TEST_F(Controller, DropsALinkThatDoesNotRead) {
         m_worker->send(Bytes(0x100000));
         return m_companion.connection_within(0ms).has_value();
     }));
-    link();
-}
-
-TEST_F(Controller, CandidateThatAsksAndDoesNotReadHoldsUpNobody) {
-    const Socket greedy = m_companion.connection();
-    greedy.write(Bytes(1000, 'm'));  // 64 MiB in answers
     link();
 }
 

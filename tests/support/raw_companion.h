@@ -240,7 +240,7 @@ class RawCompanion {
 
     // Connections, each of which repeats its request, until one has become the link.
     Socket link(const Bytes& request, const std::function<bool()>& linked) {
-        while (true) {
+        for (int attempt = 0; attempt < 20; ++attempt) {
             Socket candidate = connection();
             {
                 const Chatter chatter(candidate, request);
@@ -248,6 +248,7 @@ class RawCompanion {
             }
             if (linked()) return candidate;
         }
+        throw std::runtime_error("the device does not accept");
     }
 
     bool offered() const { return m_listener.readable(0ms); }
