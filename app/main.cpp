@@ -1,0 +1,32 @@
+// guilinkd: mirrors the device's GUI to a companion. Takes no options; runs until SIGTERM.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <memory>
+#include <thread>
+
+#include "app/forever_thread.h"
+#include "ipc/ipc_gui_fetcher.h"
+
+namespace {
+
+// Without them the first sockets would take their place, and get the service's lines.
+void ensure_standard_streams() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) close(fd);
+}
+
+}  // namespace
+
+int main() {
+    ensure_standard_streams();
+    // Keeps the standard streams. Where it cannot detach, the service runs all the same.
+    [[maybe_unused]] const int ignored = daemon(0, 1);
+    const std::shared_ptr<IpcGuiFetcher> fetcher = IpcGuiFetcher::getInstance();
+    std::thread keep_alive(foreverThread);
+    if (keep_alive.joinable()) keep_alive.join();
+    return 0;
+}

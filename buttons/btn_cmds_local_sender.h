@@ -1,0 +1,80 @@
+// Hands the companion's button presses to the device's control service: each is one UDP datagram to
+// 127.0.0.1 port 3426 with one line of JSON, [{"msg_id":100,"param":"On"}]. Nothing is answered,
+// and nobody notices when nobody listens.
+//
+// A button that has no translation sends the last command again; meant.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+// The button numbers that travel on the link.
+enum class ButtonCmdNetId : int32_t {
+    Button0,
+    Button1,
+    Button2,
+    Button3,
+    Button4,
+    Button5,
+    Button6,
+    Button7,
+    Button8,
+    Button9,
+    Button10,
+    Button11,
+    Button12,
+    Button13,
+    Button14,
+    Button15,
+};
+
+class BtnCmdsLocalSender {
+  public:
+    // The message ids that the control service understands.
+    enum class ButtonCmdLocalId : int32_t {
+        Message100 = 100,
+        Message101,
+        Message102,
+        Message103,
+        Message104,
+        Message105,
+        Message106,
+        Message107,
+        Message108,
+        Message109,
+        Message110,
+        Message111,
+        Message112,
+        Message113,
+        Message114,
+        Message115,
+    };
+
+    // The one sender of the process, made on the first call.
+    static std::shared_ptr<BtnCmdsLocalSender> getInstance();
+
+    BtnCmdsLocalSender();
+    ~BtnCmdsLocalSender();
+    BtnCmdsLocalSender(const BtnCmdsLocalSender&) = delete;
+    BtnCmdsLocalSender& operator=(const BtnCmdsLocalSender&) = delete;
+
+    // Sends the command of a button. Failures are told on standard error. Calls are serialised.
+    void send(const ButtonCmdNetId& id);
+
+  private:
+    static std::string _serializeToJson(const ButtonCmdNetId& id);
+
+    static const std::map<ButtonCmdNetId, ButtonCmdLocalId>& m_buttons_map;
+
+    static std::mutex m_send_mutex;  // guards the last command, which all senders share
+    const int m_socket;
+    sockaddr_in m_destination = {};
+};
+
+// Sends the command of a button through the one sender.
+void SendButtonCommand(uint32_t id);

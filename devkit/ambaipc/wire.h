@@ -1,0 +1,62 @@
+// How a call travels between the two sides of our IPC library: one message there, one message back,
+// over an abstract Unix socket of type SOCK_SEQPACKET that each program has for itself. The name
+// lives in the network namespace, and no other namespace can reach it. Both sides run on one
+// machine, so the integers are in its own byte order.
+//
+//   call    record (24 bytes), procedure number, 4 bytes of 0, argument (0 to MAX_ARGUMENT bytes)
+//   answer  record (24 bytes), status, 4 bytes of 0
+//
+// A connection carries any number of calls, one after the other.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "ipc/ambaipc.h"
+
+namespace guilink {
+
+inline constexpr size_t MAX_ARGUMENT = 4096;  // bytes; far above the 12 of a frame or a QR body
+
+enum class CallStatus : uint32_t {
+    done = 0,
+    no_such_procedure = 1,
+    too_short = 2,     // the message ends before its argument
+    too_long = 3,      // the argument exceeds MAX_ARGUMENT
+    unregistered = 4,  // the program was taken back
+};
+
+struct CallHeader {
+    _AMBA_IPC_SVC_RESULT_s_ record;
+    uint32_t procedure;
+    uint32_t zero;
+};
+
+struct Answer {
+    _AMBA_IPC_SVC_RESULT_s_ record;
+    CallStatus status;
+    uint32_t zero;
+};
+
+static_assert(sizeof(CallHeader) == 32 && sizeof(Answer) == 32);
+
+struct ProgramAddress {
+    sockaddr_un address = {};
+    socklen_t length = 0;
+
+    ProgramAddress(uint32_t program, uint32_t version) {
+        address.sun_family = AF_UNIX;
+        // The leading zero byte makes the name abstract; it ends with the length, not with a zero.
+        const int name = std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1,
+                                       "ambaipc/%08x/%u", program, version);
+        length =
+            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(name));
+    }
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&address); }
+};
+
+}  // namespace guilink

@@ -1,0 +1,57 @@
+#include "devkit/peer/connection.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "protocol/frame.h"
+
+namespace guilink {
+
+namespace {
+
+constexpr size_t MAX_OUTGOING = 65536;  // bytes; far above all that is said in a second
+
+bool worth_another_try() {
+    return errno == EAGAIN || errno == EINTR;
+}
+
+}  // namespace
+
+Connection::Connection(int descriptor, uint32_t address)
+    : m_descriptor(descriptor), m_address(address) {}
+
+Connection::~Connection() {
+    close(m_descriptor);
+}
+
+void Connection::receive(const FrameReader::FrameCallback& on_frame) {
+    std::array<unsigned char, 65536> chunk;
+    const ssize_t count = recv(m_descriptor, chunk.data(), chunk.size(), 0);
+    if (count > 0) {
+        m_last_received = Clock::now();
+        m_reader.feed({chunk.data(), static_cast<size_t>(count)}, on_frame);
+    } else if (count == 0 || !worth_another_try()) {
+        m_ended = true;
+    }
+}
+
+void Connection::send(uint16_t type, std::span<const unsigned char> payload) {
+    const std::vector<unsigned char> frame = BuildFrame(type, payload.data(), payload.size());
+    m_outgoing.insert(m_outgoing.end(), frame.begin(), frame.end());
+    flush();
+    if (m_outgoing.size() > MAX_OUTGOING) m_ended = true;
+}
+
+void Connection::flush() {
+    const ssize_t count = ::send(m_descriptor, m_outgoing.data(), m_outgoing.size(), MSG_NOSIGNAL);
+    if (count > 0) {
+        m_outgoing.erase(m_outgoing.begin(), m_outgoing.begin() + count);
+    } else if (count < 0 && !worth_another_try()) {
+        m_ended = true;
+    }
+}
+
+}  // namespace guilink

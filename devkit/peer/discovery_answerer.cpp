@@ -1,0 +1,53 @@
+#include "devkit/peer/discovery_answerer.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "devkit/peer/frame_reader.h"
+#include "protocol/frame.h"
+
+namespace guilink {
+
+namespace {
+
+constexpr uint16_t DISCOVERY_PORT = 3152;  // UDP, where devices look for companions
+
+bool is_identity(std::span<const unsigned char> datagram) {
+    bool identity = false;
+    FrameReader reader;
+    reader.feed(datagram, [&](uint16_t type, auto) { identity = type == IdentityMessage; });
+    return identity && reader.skipped() == 0;
+}
+
+}  // namespace
+
+DiscoveryAnswerer::DiscoveryAnswerer() : m_socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0) {
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(DISCOVERY_PORT);
+    if (bind(descriptor(), reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0) {
+        throw std::runtime_error(
+            "cannot listen for devices on UDP port 3152: " + std::string(std::strerror(errno)) +
+            "; is another companion running?");
+    }
+}
+
+void DiscoveryAnswerer::answer(const std::function<bool(uint32_t)>& wanted) const {
+    static const std::vector<unsigned char> acceptance = BuildFrame(ConnectRequest, nullptr, 0);
+    while (true) {
+        std::array<unsigned char, 2048> datagram;
+        sockaddr_in sender = {};
+        socklen_t size = sizeof sender;
+        const ssize_t received = recvfrom(descriptor(), datagram.data(), datagram.size(), 0,
+                                          reinterpret_cast<sockaddr*>(&sender), &size);
+        if (received < 0) return;
+        if (!wanted(sender.sin_addr.s_addr)) continue;
+        if (!is_identity({datagram.data(), static_cast<size_t>(received)})) continue;
+        sendto(descriptor(), acceptance.data(), acceptance.size(), 0,
+               reinterpret_cast<const sockaddr*>(&sender), sizeof sender);
+    }
+}
+
+}  // namespace guilink

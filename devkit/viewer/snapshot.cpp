@@ -1,0 +1,99 @@
+#include "devkit/viewer/snapshot.h"
+
+#include <condition_variable>
+#include <iomanip>
+#include <iostream>
+#include <mutex>
+#include <stdexcept>
+
+#include "devkit/peer/companion.h"
+#include "devkit/viewer/png_file.h"
+
+namespace guilink {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// What the companion has heard so far; waited for by the one who takes the picture.
+class Heard {
+  public:
+    explicit Heard(Clock::time_point deadline) : m_deadline(deadline) {}
+
+    void status(const LinkStatus& status) {
+        const std::lock_guard lock(m_mutex);
+        if (status.linked) m_status = status;  // the last one known is printed
+        m_changed.notify_all();
+    }
+
+    void image(const Companion::Payload& payload) {
+        const std::lock_guard lock(m_mutex);
+        m_newest = payload;
+        if (++m_images == 1) m_first_time = Clock::now();
+        m_bytes += payload->size();
+        m_changed.notify_all();
+    }
+
+    // Returns how many images there are then.
+    uint64_t wait_for_images(uint64_t count) {
+        std::unique_lock lock(m_mutex);
+        if (!m_changed.wait_until(lock, m_deadline, [&] { return m_images >= count; })) {
+            throw std::runtime_error(
+                m_status.identity.empty()
+                    ? "no device has linked in time; is guilinkd running in this network?"
+                : m_images == 0
+                    ? "the device has sent no image in time; is anything drawn (guilink-core)?"
+                    : "the device has not sent enough images in time; use fewer --frames or a "
+                      "longer --timeout");
+        }
+        return m_images;
+    }
+
+    Companion::Payload newest() {
+        const std::lock_guard lock(m_mutex);
+        return m_newest;
+    }
+
+    void print() {
+        const std::lock_guard lock(m_mutex);
+        const std::chrono::duration<double> time = Clock::now() - m_first_time;
+        std::cout << "device    " << m_status.address << '\n'
+                  << "identity  " << m_status.identity << '\n'
+                  << "firmware  " << m_status.firmware << '\n'
+                  << std::fixed << std::setprecision(1) << "frames    "
+                  << static_cast<double>(m_images) / time.count() << " a second\n"
+                  << "size      " << m_bytes / m_images << " bytes a frame\n";
+    }
+
+  private:
+    const Clock::time_point m_deadline;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    LinkStatus m_status;
+    Companion::Payload m_newest;
+    uint64_t m_images = 0;
+    uint64_t m_bytes = 0;
+    Clock::time_point m_first_time;
+};
+
+}  // namespace
+
+void take_snapshot(const SnapshotOptions& options) {
+    Heard heard(Clock::now() + options.timeout);
+    Companion companion({[&](const LinkStatus& status) { heard.status(status); },
+                         [&](const Companion::Payload& payload) { heard.image(payload); },
+                         {}});
+    uint64_t images = heard.wait_for_images(1);
+    for (const uint8_t button : options.presses) companion.press(button);
+    images = heard.wait_for_images(images + options.frames);
+
+    Image image;
+    decode_image(*heard.newest(), image);
+    write_png(options.file, image);
+    if (!options.raw_file.empty()) write_raw(options.raw_file, image);
+    heard.print();
+    std::cout << "picture   " << options.file << ", " << image.width << " x " << image.height
+              << '\n';
+}
+
+}  // namespace guilink

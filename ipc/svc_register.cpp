@@ -1,0 +1,33 @@
+#include "ipc/svc_register.h"
+
+#include <cstdlib>
+
+uint32_t sg_svc_vers;
+uint32_t sg_svc_prog;
+IpcProgInfo sg_svc_info;
+
+int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, uint32_t version,
+                    const char* name) {
+    sg_svc_vers = version;
+    sg_svc_prog = program;
+
+    struct sigaction action = {};
+    action.sa_sigaction = sg_svc_unregister;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGTERM, &action, nullptr);
+
+    // The table of an earlier registration is lost, not freed: the library may still read it.
+    sg_svc_info.count = count;
+    sg_svc_info.procedures =
+        static_cast<IpcProcEntry*>(std::malloc(static_cast<size_t>(count) * sizeof(IpcProcEntry)));
+    for (int32_t i = 0; i < count; ++i) sg_svc_info.procedures[i] = {procedures[i], 0};
+
+    return ambaipc_svc_register(program, version, name, &sg_svc_info, 1);
+}
+
+void sg_svc_unregister(int, siginfo_t*, void*) {
+    ambaipc_svc_unregister(sg_svc_prog, sg_svc_vers);
+    // Threads of all kinds are still running: nothing that one of them may touch has a destructor
+    // that runs now, and nothing is left to be flushed, so that this ends, always.
+    std::exit(0);
+}

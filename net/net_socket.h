@@ -1,0 +1,41 @@
+// Owns one socket descriptor for its whole life: creates it, refuses to exist without one, closes
+// it. Everything else is done with the system's own calls on the descriptor.
+#pragma once
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+// A template over the socket primitives that it stands on, each with its signature, then the
+// address type and the integer types of domain, type and protocol. The service uses NetSocket<>
+// alone.
+template <typename CreateSignature = int(int, int, int), CreateSignature* Create = ::socket,
+          typename CloseSignature = int(int), CloseSignature* Close = ::close,
+          typename ConnectSignature = int(int, const sockaddr*, unsigned int),
+          ConnectSignature* Connect = ::connect,
+          typename ReceiveSignature = long(int, void*, unsigned long, int),
+          ReceiveSignature* Receive = ::recv,
+          typename SendSignature = long(int, const void*, unsigned long, int),
+          SendSignature* Send = ::send, typename Address = sockaddr, typename Domain = int,
+          typename Type = int, typename Protocol = int>
+class NetSocket {
+  public:
+    // Throws std::runtime_error when there is no socket to be had.
+    NetSocket(Domain domain, Type type, Protocol protocol)
+        : _descriptor(Create(domain, type, protocol)) {
+        if (_descriptor == _invalid) throw std::runtime_error("NetSocket: couldn't create socket");
+    }
+    virtual ~NetSocket() { _close_function(_descriptor); }
+
+    NetSocket(const NetSocket&) = delete;
+    NetSocket& operator=(const NetSocket&) = delete;
+
+    int descriptor() const { return _descriptor; }
+    int invalid() const { return _invalid; }  // what the primitives return on failure
+
+  private:
+    int _descriptor;
+    CloseSignature* _close_function = Close;
+    int _invalid = -1;
+};

@@ -1,0 +1,146 @@
+#include "net/network_unit_v4.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/time.h>
+
+#include <utility>
+
+#include "base/write_line.h"
+
+namespace {
+
+constexpr int POLL_TIMEOUT = 3000;        // ms; no byte for longer, and the peer is gone
+constexpr timeval SEND_TIMEOUT = {3, 0};  // a send that finds no room for longer has failed
+constexpr int SYN_RETRANSMISSIONS = 3;    // bounds the attempt to connect
+
+std::string dotted(uint32_t address) {
+    return inet_ntoa(in_addr{address});
+}
+
+}  // namespace
+
+NetworkUnitV4::NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
+                             const std::vector<unsigned char>& ping_packet)
+    : _ping_packet(ping_packet), _address(address), _mask(mask) {}
+
+NetworkUnitV4::~NetworkUnitV4() {
+    _stop = true;
+    NetworkUnitV4::join();
+}
+
+void NetworkUnitV4::enumerate_interfaces(const UnitFoundCallback& on_found,
+                                         const std::vector<unsigned char>& ping_packet) {
+    if (!on_found) return;
+
+    ifaddrs* interfaces = nullptr;
+    getifaddrs(&interfaces);  // on failure the list is empty
+    for (const ifaddrs* entry = interfaces; entry != nullptr; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
+        const auto ipv4 = [](const sockaddr* address) {
+            return reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr;
+        };
+        const uint32_t address = ipv4(entry->ifa_addr);
+        const uint32_t mask = ipv4(entry->ifa_netmask);
+        if (address == htonl(INADDR_LOOPBACK)) continue;
+        on_found(std::make_unique<NetworkUnitV4>(address, mask, ping_packet));
+    }
+    freeifaddrs(interfaces);
+}
+
+void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback& on_data) {
+    try {
+        const std::lock_guard lock(_mutex);
+        _tcp_stop = true;
+        if (_tcp_thread.joinable()) _tcp_thread.join();
+        _socket = std::make_unique<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        const int fd = _socket->descriptor();
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
+        setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
+        // 8 bytes where the system reads 4: meant, and right on a little-endian machine.
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
+        _tcp_stop = false;
+        _tcp_thread = std::thread(_tcp_connection_receive_launcher, this, port, on_data);
+    } catch (...) {
+        write_line(STDERR_FILENO, "NetworkUnitV4: tcp connection error");
+    }
+}
+
+bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
+    const std::lock_guard lock(_mutex);
+    if (_socket == nullptr) return false;
+    pollfd event = {_socket->descriptor(), POLLOUT, 0};
+    if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
+    // A connection that the peer has reset fails like any other: no SIGPIPE.
+    const ssize_t sent = ::send(event.fd, data, length, MSG_NOSIGNAL);
+    return sent >= 0 && static_cast<unsigned long>(sent) == length;
+}
+
+bool NetworkUnitV4::writable() const {
+    const std::lock_guard lock(_mutex);
+    if (_socket == nullptr) return false;
+    pollfd event = {_socket->descriptor(), POLLOUT, 0};
+    return poll(&event, 1, 0) == 1;
+}
+
+void NetworkUnitV4::join() {
+    std::thread ping_thread;
+    std::thread tcp_thread;
+    {
+        const std::lock_guard lock(_mutex);
+        ping_thread.swap(_ping_thread);
+        tcp_thread.swap(_tcp_thread);
+    }
+    // Waiting without the mutex: what the threads call may lead back to send.
+    if (ping_thread.joinable()) ping_thread.join();
+    if (tcp_thread.joinable()) tcp_thread.join();
+}
+
+void NetworkUnitV4::print_host() const {
+    write_line(STDOUT_FILENO, "Host: " + dotted(_address) + "(" + dotted(_mask) + ")");
+}
+
+void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, unsigned short port,
+                                                     DataReceivedCallback on_data) {
+    if (unit == nullptr) return;
+    pthread_setname_np(pthread_self(), "tcp-receive");
+    try {
+        unit->_tcp_receive(port, on_data);
+    } catch (...) {  // on_data empty or throwing: the thread ends without a word
+    }
+}
+
+void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback& on_data) const {
+    sockaddr_in peer = {};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = _address;
+    peer.sin_port = htons(port);
+    const int fd = _socket->descriptor();
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == _socket->invalid()) {
+        return;
+    }
+
+    // Callbacks may send on the unit that they are given.
+    auto* const unit = const_cast<NetworkUnitV4*>(this);
+    std::vector<unsigned char> buffer(BUFFER_SIZE);
+    while (!_stop && !_tcp_stop) {
+        pollfd event = {fd, POLLIN, 0};
+        if (poll(&event, 1, POLL_TIMEOUT) <= 0) {
+            write_line(STDERR_FILENO, "NetworkUnitV4: tcp receiver error or timeout");
+            on_data(nullptr, 0, unit);
+            return;
+        }
+        if ((event.revents & POLLIN) == 0) continue;
+        const ssize_t received = recv(fd, buffer.data(), buffer.size(), 0);
+        if (received < 1) {
+            on_data(nullptr, 0, unit);
+            return;
+        }
+        on_data(buffer.data(), static_cast<unsigned long>(received), unit);
+    }
+}

@@ -1,0 +1,50 @@
+// A network unit of the IPv4 family: discovery by ICMP echo sweep or by UDP broadcast, and the TCP
+// connection. Addresses and masks are 32-bit values in network byte order.
+//
+// Every wait on a socket is at most 3 s long, so that a unit that is told to stop has stopped soon
+// after.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "net/net_socket.h"
+#include "net/network_unit.h"
+
+class NetworkUnitV4 : public NetworkUnit {
+  public:
+    // A discovery payload that is empty selects the ICMP sweep; any other is what is broadcast.
+    NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
+                  const std::vector<unsigned char>& ping_packet);
+    ~NetworkUnitV4() override;
+
+    // Hands one unit for each local IPv4 interface but 127.0.0.1 to on_found, on this thread.
+    static void enumerate_interfaces(const UnitFoundCallback& on_found,
+                                     const std::vector<unsigned char>& ping_packet);
+
+    void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) override;
+    bool send(const unsigned char* data, unsigned long length) override;
+    void ping(const UnitFoundCallback& on_found) override;
+    void join() override;
+    void print_host() const override;
+    bool writable() const override;
+
+    // Thread entries; they return at once when unit is null.
+    static void _ping_send_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found);
+    static void _ping_receive_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found,
+                                       const NetSocket<>& socket);
+    static void _tcp_connection_receive_launcher(const NetworkUnitV4* unit, unsigned short port,
+                                                 DataReceivedCallback on_data);
+
+  private:
+    void _icmp_ping_send(const UnitFoundCallback& on_found) const;
+    void _icmp_ping_receive(const UnitFoundCallback& on_found, const NetSocket<>& socket) const;
+    void _udp_ping_send(const UnitFoundCallback& on_found) const;
+    void _udp_ping_receive(const UnitFoundCallback& on_found, const NetSocket<>& socket) const;
+    void _tcp_receive(unsigned short port, const DataReceivedCallback& on_data) const;
+
+    const std::vector<unsigned char> _ping_packet;
+    const uint32_t _address;
+    const uint32_t _mask;
+    std::unique_ptr<NetSocket<>> _socket;  // the TCP connection's; null until the first tcp_connect
+};

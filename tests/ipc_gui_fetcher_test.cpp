@@ -1,0 +1,197 @@
+#include "ipc/ipc_gui_fetcher.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <fstream>
+
+#include "ipc/svc_register.h"
+#include "tests/support/raw_companion.h"
+
+namespace {
+
+using namespace guilink::test;
+
+struct Registration {
+    uint32_t program;
+    uint32_t version;
+    std::string name;
+    std::vector<IpcProc> procedures;
+    int32_t word;
+    int last;
+};
+std::vector<Registration> registrations;
+
+constexpr _AMBA_IPC_SVC_RESULT_s_ DIRTY = {1, 2, 3, 4, 5};
+
+bool cleared(const _AMBA_IPC_SVC_RESULT_s_& result) {
+    return result.word_0 == 0 && result.word_4 == 2 && result.word_8 == 3 && result.word_16 == 0 &&
+           result.word_20 == 0;
+}
+
+// Size in bytes of each mapping of physical memory.
+std::vector<uint64_t> mappings() {
+    std::vector<uint64_t> sizes;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        uint64_t begin = 0;
+        uint64_t end = 0;
+        if (line.find("/dev/mem") == std::string::npos) continue;
+        if (std::sscanf(line.c_str(), "%lx-%lx", &begin, &end) == 2) sizes.push_back(end - begin);
+    }
+    return sizes;
+}
+
+}  // namespace
+
+// In the place of the vendor's library.
+extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name,
+                                    IpcProgInfo* info, int last) {
+    Registration registration = {program, version, name, {}, -1, last};
+    for (int32_t i = 0; i < info->count; ++i) {
+        registration.procedures.push_back(info->procedures[i].procedure);
+        registration.word = info->procedures[i].word;
+    }
+    registrations.push_back(registration);
+
+    // The core calls at once, before the fetcher is complete: nothing is mapped.
+    if (program == IPC_PROG_GUI_BUF) {
+        const GuiBufferArg early = {0x1000, 4096};
+        _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
+        registration.procedures[0](reinterpret_cast<const unsigned char*>(&early), &result);
+        EXPECT_TRUE(cleared(result));
+        EXPECT_TRUE(mappings().empty());
+    }
+    return -1;  // which nobody looks at
+}
+
+extern "C" int ambaipc_svc_unregister(uint32_t program, uint32_t version) {
+    write(STDERR_FILENO, "unregistered ", 13);
+    const std::string text = std::to_string(program) + " " + std::to_string(version) + "\n";
+    write(STDERR_FILENO, text.data(), text.size());
+    return 0;
+}
+
+namespace {
+
+void push(uint64_t address, uint32_t size) {
+    GuiBufferArg argument = {};
+    argument.phys_addr = address;
+    argument.size = size;
+    _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
+    IpcGuiFetcher::ipcGuiBufReceiver(reinterpret_cast<const unsigned char*>(&argument), &result);
+    EXPECT_TRUE(cleared(result));
+}
+
+TEST(IpcGuiFetcher, RegistersBothPrograms) {
+    const auto fetcher = IpcGuiFetcher::getInstance();
+    EXPECT_EQ(IpcGuiFetcher::getInstance(), fetcher);
+    ASSERT_EQ(registrations.size(), 2u);
+    const IpcProc procedures[] = {IpcGuiFetcher::ipcGuiBufReceiver,
+                                  IpcGuiFetcher::ipcQrBodyReceiver};
+    for (uint32_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(registrations[i].program, 0x70000004 + i);
+        EXPECT_EQ(registrations[i].version, 1u);
+        EXPECT_EQ(registrations[i].name, "svc_ipc_gui");
+        EXPECT_EQ(registrations[i].procedures, std::vector{procedures[i]});
+        EXPECT_EQ(registrations[i].word, 0);
+        EXPECT_EQ(registrations[i].last, 1);
+    }
+}
+
+TEST(IpcGuiFetcher, TermUnregistersTheLastProgramAndExits) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            const auto fetcher = IpcGuiFetcher::getInstance();
+            raise(SIGTERM);
+        },
+        testing::ExitedWithCode(0), "^unregistered 1879048197 1\n$");
+}
+
+TEST(IpcGuiFetcher, MapsEachAddressOnce) {
+    const auto fetcher = IpcGuiFetcher::getInstance();
+    constexpr uint32_t SIZE = 1'572'864;
+    push(0x10000000, SIZE);
+    EXPECT_EQ(mappings(), std::vector<uint64_t>{SIZE + 4096});
+    push(0x10000000, SIZE);
+    EXPECT_EQ(mappings().size(), 1u);
+    push(0x20000123, SIZE);  // not on a page
+    EXPECT_EQ(mappings(), (std::vector<uint64_t>(2, SIZE + 4096)));
+    push(0x110000000, SIZE);  // above 4 GiB: an entry of its own, for the same memory as the first
+    EXPECT_EQ(mappings().size(), 3u);
+}
+
+// What a companion shows of frames from three addresses.
+TEST(IpcGuiFetcher, HandsOverTheSizeMappedLast) {
+    constexpr uint32_t LARGE = 2'457'600;
+    constexpr uint32_t SMALL = 1'572'864;
+    const int memory = open("/dev/mem", O_RDWR);
+    const auto paint = [memory](off_t address, uint16_t value) {
+        const std::vector<uint16_t> pixels(LARGE / 2, value);
+        EXPECT_EQ(pwrite(memory, pixels.data(), LARGE, address), ssize_t{LARGE});
+    };
+    paint(0x10000000, 0x9001);
+    paint(0x20000124, 0x9002);  // not on a page
+    paint(0x30000000, 0x9003);
+    close(memory);
+
+    RawCompanion companion;
+    const auto fetcher = IpcGuiFetcher::getInstance();
+    const Socket link = companion.connection();
+    const auto shows = [&](uint64_t address, uint32_t announced, uint16_t width, uint16_t pixel) {
+        for (int i = 0; i < 1000; ++i) {
+            link.write(frame(ConnectRequest));
+            link.write(frame(ControlMessage));
+            push(address, announced);
+            if (!link.readable(20ms)) continue;
+            const Bytes payload = payload_of(link.read_frame());
+            uint16_t words[4];
+            std::memcpy(words, payload.data(), sizeof words);
+            if (words[0] == width && words[3] == pixel) return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(shows(0x10000000, LARGE, 1280, 0x9001));
+    EXPECT_TRUE(shows(0x20000124, SMALL, 1024, 0x9002));
+    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // announced large, handed over small
+    EXPECT_TRUE(shows(0x130000000, LARGE, 1280, 0x9003));
+    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // announced small, handed over large
+}
+
+TEST(IpcGuiFetcher, QrBodyReplacesTheFacadeUnderTraffic) {
+    RawCompanion companion;
+    const auto fetcher = IpcGuiFetcher::getInstance();
+    std::atomic<bool> stop{false};
+    std::thread core([&stop] {
+        while (!stop) push(0x10000000, 1'572'864);
+    });
+    for (const std::string body : {"QRQR1", "QRQR2", "QRQR2"}) {
+        _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
+        IpcGuiFetcher::ipcQrBodyReceiver(reinterpret_cast<const unsigned char*>(body.c_str()),
+                                         &result);
+        EXPECT_EQ(std::memcmp(&result, &DIRTY, sizeof result), 0);
+        const Bytes expected = frame(IdentityMessage, bytes(body + "fw1.1"));
+        while (companion.hear() != expected) {
+        }
+    }
+    stop = true;
+    core.join();
+}
+
+TEST(IpcGuiFetcher, QrBodyOfAnotherLengthEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto receive = [](const char* body) {
+        const auto fetcher = IpcGuiFetcher::getInstance();
+        _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
+        std::thread([&] {
+            IpcGuiFetcher::ipcQrBodyReceiver(reinterpret_cast<const unsigned char*>(body), &result);
+        }).join();
+    };
+    EXPECT_EXIT(receive("ABCD"), testing::KilledBySignal(SIGABRT), "ID size must be 5 bytes");
+    EXPECT_EXIT(receive("ABCDEF"), testing::KilledBySignal(SIGABRT), "ID size must be 5 bytes");
+    EXPECT_EXIT(receive(nullptr), testing::KilledBySignal(SIGABRT), "");
+}
+
+}  // namespace

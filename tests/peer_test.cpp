@@ -1,0 +1,234 @@
+// The companion's library, against bytes of all kinds and a device in bare sockets.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "devkit/peer/companion.h"
+#include "devkit/peer/frame_reader.h"
+#include "devkit/peer/image_decoder.h"
+#include "protocol/image.h"
+#include "tests/support/raw_companion.h"
+
+namespace guilink {
+namespace {
+
+using namespace guilink::test;
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// What a reader finds in a stream that comes in pieces of a size: type and payload as text.
+std::vector<std::string> read_in_pieces(const Bytes& stream, size_t size) {
+    FrameReader reader;
+    std::vector<std::string> found;
+    for (size_t i = 0; i < stream.size(); i += size) {
+        const auto piece = std::span(stream).subspan(i, std::min(size, stream.size() - i));
+        reader.feed(piece, [&](uint16_t type, auto payload) {
+            found.push_back(std::to_string(type) + std::string(payload.begin(), payload.end()));
+        });
+    }
+    return found;
+}
+
+TEST(FrameReader, FindsFramesHoweverTheyAreDamagedOrSplit) {
+    Bytes wrong_checksum = frame(DataMessage, bytes("wrong"));
+    wrong_checksum.back() ^= 1;
+    Bytes too_long = frame(DataMessage);
+    too_long[LENGTH_OFFSET + 2] = 0x10;  // 1 MiB and
+    too_long[LENGTH_OFFSET] = 1;         // one byte
+    const Bytes cut_start(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end() - 1);
+    const Bytes stream = bytes("garbage") + frame(IdentityMessage, bytes("ABCDEfw")) +
+                         wrong_checksum + frame(DataMessage, bytes("a")) + too_long + cut_start +
+                         frame(70 % 7, bytes("b")) + frame(ImageMessage);
+    for (const size_t size : {1ul, 7ul, 41ul, 42ul, 43ul, stream.size()}) {
+        EXPECT_THAT(read_in_pieces(stream, size), testing::ElementsAre("3ABCDEfw", "6a", "0b", "2"))
+            << size;
+    }
+    const Bytes largest(MAX_SIZE, 'x');
+    EXPECT_EQ(read_in_pieces(frame(DataMessage, largest), 65536).size(), 1u);
+}
+
+Bytes payload(std::initializer_list<uint16_t> words) {
+    Bytes result(2 * words.size());
+    std::memcpy(result.data(), std::data(words), result.size());
+    return result;
+}
+
+TEST(ImageDecoder, LastPixelRepeatsItsNeighbour) {
+    Image image;
+    decode_image(payload({3, 1, 1, 0x0ABC, 1, 0x8001}), image);
+    EXPECT_EQ(image.pixels, (std::vector<uint16_t>{0x0ABC, 0x8001, 0x8001}));
+    decode_image(payload({1, 1}), image);
+    EXPECT_EQ(image.pixels, std::vector<uint16_t>{0});
+}
+
+TEST(ImageDecoder, UndoesTheEncoder) {
+    std::minstd_rand random;
+    for (const auto& [width, height] : {std::pair{1280, 960}, {1024, 768}, {2, 1}, {7, 3}}) {
+        std::vector<uint16_t> pixels(static_cast<size_t>(width * height));
+        for (uint16_t value = 0x9001; auto& pixel : pixels) {
+            if (random() % 50 == 0) value = static_cast<uint16_t>(random());
+            pixel = value;
+        }
+        std::vector<uint16_t> words(2);
+        words.resize(EncodeImage(pixels.data(), static_cast<uint16_t>(width),
+                                 static_cast<uint16_t>(height), words) /
+                     2);
+        Bytes encoded(2 * words.size());
+        std::memcpy(encoded.data(), words.data(), encoded.size());
+        Image image;
+        decode_image(encoded, image);
+
+        // The known losses: the colour of transparent pixels but the first, and the last pixel.
+        for (size_t i = 1; i < pixels.size(); ++i) {
+            if (pixels[i] < 0x1000) pixels[i] = 0;
+        }
+        pixels.back() = pixels[pixels.size() - 2];
+        EXPECT_EQ(image.pixels, pixels);
+    }
+}
+
+TEST(ImageDecoder, RefusesWhatIsNoCompleteImage) {
+    Image image;
+    for (const Bytes& damaged :
+         {Bytes{}, payload({1}), payload({0, 5}), payload({65535, 65535, 65535, 1}),
+          payload({4, 1, 4, 0x8000}), payload({4, 1, 2, 0x8000}), payload({4, 1, 3}),
+          payload({4, 1, 65535, 0x8000, 1, 0x8000}), payload({1, 1, 1, 0x8000})}) {
+        EXPECT_THROW(decode_image(damaged, image), std::runtime_error);
+    }
+}
+
+// A device in bare sockets, and what the companion has said of it.
+class CompanionTest : public testing::Test {
+  protected:
+    // Broadcasts, and connects to whoever answers.
+    Socket connect(const char* address = "127.0.0.1") {
+        const Socket search(SOCK_DGRAM, address, 3153);
+        const sockaddr_in companion = ipv4("127.0.0.1", 3152);
+        const Bytes request = frame(IdentityMessage, bytes("ABCDEfw2"));
+        sendto(search.fd(), request.data(), request.size(), 0,
+               reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
+        m_answered = search.readable(500ms) && search.read_some() == frame(ConnectRequest);
+
+        Socket connection(SOCK_STREAM, address, 0, Socket::Use::Connect);
+        const sockaddr_in link = ipv4("127.0.0.1", 8399);
+        EXPECT_EQ(::connect(connection.fd(), reinterpret_cast<const sockaddr*>(&link), sizeof link),
+                  0);
+        return connection;
+    }
+
+    // Reads up to the first frame of a type, and returns the types before it.
+    static std::vector<int> read_until(const Socket& connection, uint16_t type) {
+        std::vector<int> types;
+        while (true) {
+            const Bytes next = connection.read_frame();
+            if (type_of(next) == type) return types;
+            types.push_back(type_of(next));
+        }
+    }
+
+    static void identify(const Socket& connection) {
+        connection.write(frame(IdentityMessage, bytes("ABCDEfw2")));
+    }
+
+    bool linked() {
+        return wait_until([this] {
+            const std::lock_guard lock(m_mutex);
+            return m_status.linked && m_status.identity == "ABCDE" && m_status.firmware == "fw2";
+        });
+    }
+
+    bool m_answered = false;  // the last broadcast
+    std::mutex m_mutex;
+    LinkStatus m_status;
+    size_t m_images = 0;
+    Companion m_companion{{[this](const LinkStatus& status) {
+                               const std::lock_guard lock(m_mutex);
+                               m_status = status;
+                           },
+                           [this](const Companion::Payload&) {
+                               const std::lock_guard lock(m_mutex);
+                               ++m_images;
+                           },
+                           {}}};
+};
+
+TEST_F(CompanionTest, LinksAndKeepsAlive) {
+    const Socket device = connect();
+    EXPECT_TRUE(m_answered);
+    EXPECT_EQ(type_of(device.read_frame()), ConnectRequest);
+    EXPECT_EQ(type_of(device.read_frame()), ControlMessage);
+    // The second request to connect comes before the first one for the identity.
+    EXPECT_THAT(read_until(device, IdentityRequest), testing::Contains(ConnectRequest));
+    identify(device);
+    EXPECT_TRUE(linked());
+    for (int i = 0; i < 5; ++i) read_until(device, ControlMessage);
+}
+
+TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
+    for (const uint8_t button : Bytes{3, 1, 2}) EXPECT_TRUE(m_companion.press(button));
+    EXPECT_TRUE(m_companion.send_text("hello"));
+    const Socket device = connect();
+    device.write(frame(ImageMessage, payload({1, 1})));
+    EXPECT_THAT(read_until(device, IdentityRequest),
+                testing::Not(testing::Contains(ButtonMessage)));
+    identify(device);
+    for (const uint8_t button : Bytes{3, 1, 2}) {
+        Bytes next;
+        do next = device.read_frame();
+        while (type_of(next) != ButtonMessage);
+        EXPECT_EQ(payload_of(next), Bytes{button});
+    }
+    EXPECT_THAT(read_until(device, DataMessage), testing::Not(testing::Contains(ButtonMessage)));
+}
+
+TEST_F(CompanionTest, TakesTheNewestThatSpeaksAndRefusesOtherDevices) {
+    const Socket first = connect();
+    read_until(first, IdentityRequest);
+    identify(first);
+    EXPECT_TRUE(linked());
+
+    const Socket stranger = connect("127.0.0.2");
+    EXPECT_TRUE(stranger.ended());
+
+    const Socket second = connect();
+    read_until(second, IdentityRequest);
+    identify(second);
+    EXPECT_TRUE(wait_until([&] {
+        try {
+            return first.read_some().empty();
+        } catch (const std::runtime_error&) {
+            return true;
+        }
+    }));
+    read_until(second, ControlMessage);
+}
+
+TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
+    for (int i = 0; i < 3; ++i) {
+        Socket device = connect();
+        read_until(device, IdentityRequest);
+        // Whatever it sends meanwhile.
+        device.write(bytes("garbage") + frame(ImageMessage, bytes("x")) + frame(77));
+        identify(device);
+        EXPECT_TRUE(linked());
+        if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
+        device.reset();
+        EXPECT_TRUE(wait_until([this] {
+            const std::lock_guard lock(m_mutex);
+            return !m_status.linked;
+        }));
+    }
+}
+
+TEST_F(CompanionTest, TellsThatItsPortsAreTaken) {
+    EXPECT_THAT([] { Companion second({}); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    testing::HasSubstr("is another companion running?")));
+}
+
+}  // namespace
+}  // namespace guilink

@@ -1,0 +1,208 @@
+// The service from outside: its binary, its sockets, its signals.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+
+#include "devkit/ambaipc/caller.h"
+#include "ipc/ipc_gui_fetcher.h"
+#include "tests/support/daemon.h"
+
+namespace {
+
+using namespace guilink;
+using namespace guilink::test;
+
+constexpr uint32_t FRAME_SIZE = 1'572'864;  // 1024 x 768
+
+void write_settings(const std::string& text) {
+    std::ofstream("/tmp/FL0/kel.ini") << text;
+}
+
+Bytes identity(const std::string& id) {
+    return frame(IdentityMessage, bytes(id + "fw1.1"));
+}
+
+// The real-time core, as far as the service sees it. Each call tells whether the service took it.
+class Core {
+  public:
+    // Offers what lies at an address as a frame.
+    bool push(uint64_t address) {
+        Bytes argument(12);
+        std::memcpy(&argument[0], &address, sizeof address);
+        std::memcpy(&argument[8], &FRAME_SIZE, sizeof FRAME_SIZE);
+        return call(m_gui, argument);
+    }
+
+    bool send_qr_body(const std::string& body) {
+        Bytes argument = bytes(body);
+        argument.push_back(0);
+        return call(m_qr, argument);
+    }
+
+  private:
+    static bool call(AmbaipcCaller& caller, const Bytes& argument) {
+        _AMBA_IPC_SVC_RESULT_s_ result = {};
+        try {
+            caller.call(0, argument, result);
+            return true;
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+    }
+
+    AmbaipcCaller m_gui{IPC_PROG_GUI_BUF, IPC_SVC_VERSION};
+    AmbaipcCaller m_qr{IPC_PROG_QR_BODY, IPC_SVC_VERSION};
+};
+
+// Everything at once for as long as it lives: frames at full speed, and a companion that links
+// whenever it can, keeps alive, asks and presses.
+class Load {
+  public:
+    Load() : m_core([this] { push(); }), m_peer([this] { talk(); }) {}
+    ~Load() {
+        m_stop = true;
+        m_core.join();
+        m_peer.join();
+    }
+    Load(const Load&) = delete;
+    Load& operator=(const Load&) = delete;
+
+    bool images_arrive() const { return m_images > 0; }
+
+  private:
+    void push() {
+        Core core;
+        for (uint64_t i = 0; !m_stop; ++i) {
+            if (!core.push(0x10000000 + i % 3 * 0x1000000)) std::this_thread::sleep_for(1ms);
+        }
+    }
+
+    void talk() {
+        RawCompanion companion;
+        while (!m_stop) {
+            const std::optional<Socket> link = companion.connection_within(100ms);
+            try {
+                while (link && !m_stop) {
+                    for (const uint16_t type : {ConnectRequest, ControlMessage, IdentityRequest}) {
+                        link->write(frame(type));
+                    }
+                    link->write(frame(ButtonMessage, {1}));
+                    while (link->readable(5ms)) {
+                        if (type_of(link->read_frame()) == ImageMessage) ++m_images;
+                    }
+                }
+            } catch (const std::runtime_error&) {  // the service is gone, or had a better candidate
+            }
+        }
+    }
+
+    std::atomic<bool> m_stop{false};
+    std::atomic<int> m_images{0};
+    std::thread m_core;
+    std::thread m_peer;
+};
+
+TEST(Service, DetachesAndKeepsItsStreams) {
+    Daemon daemon;
+    const std::string process = "/proc/" + std::to_string(daemon.pid());
+    EXPECT_EQ(std::filesystem::read_symlink(process + "/cwd"), "/");
+    EXPECT_EQ(getsid(daemon.pid()), daemon.pid());
+    EXPECT_TRUE(std::filesystem::read_symlink(process + "/fd/1").string().starts_with("pipe:"));
+
+    RawCompanion companion;
+    EXPECT_EQ(companion.hear(), identity("11111"));
+    EXPECT_EQ(ntohs(companion.device().sin_port), 3153);
+    EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
+    EXPECT_EQ(daemon.output(), "");
+}
+
+TEST(Service, TakesItsIdentityFromTheSettings) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"X=1\nBODY_QR=ABCDEFG\nBODY_QR=VWXYZ\n", "ABCDE"},
+        {"BODY_QR=ABCD\r\n", "ABCD\r"},
+        {"body_qr=ABCDE\n BODY_QR=ABCDE\n", "11111"},
+        {"BODY", "11111"},
+    };
+    for (const auto& [settings, id] : cases) {
+        write_settings(settings);
+        Daemon daemon;
+        RawCompanion companion;
+        EXPECT_EQ(companion.hear(), identity(id)) << settings;
+        EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
+    }
+}
+
+TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
+    write_settings("BODY_QR=AB\n");
+    Daemon daemon;
+    EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
+}
+
+TEST(Service, LinksAgainAfterTheLinkIsLost) {
+    Daemon daemon;
+    RawCompanion companion;
+    Core core;
+    for (int i = 0; i < 3; ++i) {
+        Socket link = companion.connection();
+        while (!link.readable(20ms)) {
+            link.write(frame(ConnectRequest));
+            link.write(frame(ControlMessage));
+            core.push(0x10000000);
+        }
+        EXPECT_EQ(type_of(link.read_frame()), ImageMessage);
+        if (i == 0) link.reset();
+    }
+    EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
+}
+
+TEST(Service, ButtonComesBackAsADatagram) {
+    Daemon daemon;
+    RawCompanion companion;
+    const Socket control_service(SOCK_DGRAM, "127.0.0.1", 3426);
+    const Socket link = companion.connection();
+    while (!control_service.readable(20ms)) {
+        link.write(frame(ConnectRequest));
+        link.write(frame(ButtonMessage, {7}));
+    }
+    EXPECT_EQ(control_service.read_some(), bytes(R"([{"msg_id":107,"param":"On"}])"));
+    EXPECT_TRUE(daemon.wait_for_output("connected\nBUTTON 7\n"));
+    EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
+}
+
+TEST(Service, QrBodyUnderTrafficReplacesTheIdentity) {
+    Daemon daemon;
+    const Load load;
+    Core core;
+    for (const std::string id : {"QRQR1", "QRQR2", "QRQR3"}) {
+        EXPECT_TRUE(wait_until([&] { return core.send_qr_body(id); }));
+    }
+    EXPECT_TRUE(wait_until([&] { return load.images_arrive(); }));
+    EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
+}
+
+TEST(Service, QrBodyOfAnotherLengthEndsItAbnormally) {
+    Daemon daemon;
+    Core core;
+    EXPECT_TRUE(wait_until([&] {
+        core.send_qr_body("ABCD");
+        return !daemon.alive();
+    }));
+    EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
+}
+
+// From the first registration on; before it the signal's default action is right.
+TEST(Service, TermEndsItWithStatus0UnderFullLoad) {
+    const char* const rounds = std::getenv("GUILINK_TERM_ROUNDS");
+    const Load load;
+    std::minstd_rand random;
+    for (int i = 0; i < (rounds != nullptr ? std::stoi(rounds) : 5); ++i) {
+        Daemon daemon(Daemon::Until::Detached);
+        Core core;
+        ASSERT_TRUE(wait_until([&] { return core.push(0x10000000); }));
+        std::this_thread::sleep_for(random() % 3000 * 1ms);
+        ASSERT_EQ(daemon.terminate(), 0) << daemon.output();
+    }
+}
+
+}  // namespace

@@ -1,0 +1,131 @@
+// The real service, as the shipped binary: started, watched from outside, and ended with its real
+// exit status although it detaches itself.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "tests/support/raw_companion.h"
+
+namespace guilink::test {
+
+class Daemon {
+  public:
+    enum class Until { Detached, Started };
+
+    // Returns once the service has come so far, or has ended.
+    explicit Daemon(Until until = Until::Started) {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);  // what detaches itself becomes our child again
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+        m_output_end = ends[0];
+        const pid_t launcher = fork();
+        if (launcher == 0) {
+            dup2(ends[1], STDOUT_FILENO);
+            dup2(ends[1], STDERR_FILENO);
+            execl(GUILINKD, GUILINKD, nullptr);
+            _exit(127);
+        }
+        close(ends[1]);
+        m_reader = std::thread([this] { collect(); });
+        int status = -1;
+        waitpid(launcher, &status, 0);
+        if (status != 0) throw std::runtime_error("cannot start " GUILINKD);
+        m_pid = only_child();
+        if (until == Until::Started) wait_until([this] { return started() || !alive(); });
+    }
+
+    ~Daemon() {
+        if (!m_status) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        m_reader.join();
+        close(m_output_end);
+    }
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    pid_t pid() const { return m_pid; }
+
+    // Still running.
+    bool alive() {
+        int status = 0;
+        if (!m_status && waitpid(m_pid, &status, WNOHANG) == m_pid) m_status = status;
+        return !m_status;
+    }
+
+    // The status of waitpid, once the service has ended.
+    int status() {
+        if (!wait_until([this] { return !alive(); })) throw std::runtime_error("does not end");
+        return *m_status;
+    }
+
+    int terminate() {
+        kill(m_pid, SIGTERM);
+        return status();
+    }
+
+    // All that the service has written so far.
+    std::string output() {
+        const std::lock_guard lock(m_mutex);
+        return m_output;
+    }
+
+    bool wait_for_output(const std::string& text) {
+        return wait_until([&] { return output().find(text) != std::string::npos; });
+    }
+
+  private:
+    void collect() {
+        char chunk[4096];
+        ssize_t count;
+        while ((count = read(m_output_end, chunk, sizeof chunk)) > 0) {
+            const std::lock_guard lock(m_mutex);
+            m_output.append(chunk, static_cast<size_t>(count));
+        }
+    }
+
+    // The keep-alive thread is the last that start-up makes.
+    bool started() const {
+        const auto tasks = "/proc/" + std::to_string(m_pid) + "/task";
+        for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+            std::ifstream file(task.path() / "comm");
+            std::string name;
+            if (file >> name && name == "keep-alive") return true;
+        }
+        return false;
+    }
+
+    static pid_t only_child() {
+        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+            std::ifstream file(entry.path() / "stat");
+            std::string pid, name, state, parent;
+            if (file >> pid >> name >> state >> parent && parent == std::to_string(getpid())) {
+                return std::stoi(pid);
+            }
+        }
+        return -1;  // ended at once: status tells how
+    }
+
+    int m_output_end = -1;
+    std::thread m_reader;
+    pid_t m_pid = -1;
+    std::optional<int> m_status;
+
+    std::mutex m_mutex;
+    std::string m_output;
+};
+
+}  // namespace guilink::test
