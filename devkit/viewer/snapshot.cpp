@@ -29,7 +29,8 @@ class Heard {
     void image(const Companion::Payload& payload) {
         const std::lock_guard lock(m_mutex);
         m_newest = payload;
-        if (++m_images == 1) m_first_time = Clock::now();
+        m_last_time = Clock::now();
+        if (++m_images == 1) m_first_time = m_last_time;
         m_bytes += payload->size();
         m_changed.notify_all();
     }
@@ -56,12 +57,12 @@ class Heard {
 
     void print() {
         const std::lock_guard lock(m_mutex);
-        const std::chrono::duration<double> time = Clock::now() - m_first_time;
+        const std::chrono::duration<double> time = m_last_time - m_first_time;
         std::cout << "device    " << m_status.address << '\n'
                   << "identity  " << m_status.identity << '\n'
                   << "firmware  " << m_status.firmware << '\n'
                   << std::fixed << std::setprecision(1) << "frames    "
-                  << static_cast<double>(m_images) / time.count() << " a second\n"
+                  << static_cast<double>(m_images - 1) / time.count() << " a second\n"
                   << "size      " << m_bytes / m_images << " bytes a frame\n";
     }
 
@@ -74,6 +75,7 @@ class Heard {
     uint64_t m_images = 0;
     uint64_t m_bytes = 0;
     Clock::time_point m_first_time;
+    Clock::time_point m_last_time;
 };
 
 }  // namespace

@@ -1,0 +1,55 @@
+// What the simulated GUI is drawn on: a cairo surface with the few strokes that the GUI is made of,
+// and its pixels as the device has them.
+#pragma once
+
+#include <cairo.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace guilink {
+
+struct Colour {
+    double red, green, blue, alpha = 1.0;
+};
+
+struct Box {
+    double x, y, width, height;
+};
+
+enum class Align { left, centre, right };
+
+class Canvas {
+  public:
+    // In pixels. Everything is drawn in units of a 1280 x 960 screen.
+    Canvas(uint16_t width, uint16_t height);
+
+    uint16_t width() const { return m_width; }
+    uint16_t height() const { return m_height; }
+    cairo_t* context() const { return m_context.get(); }  // for what the strokes below do not do
+
+    void clear();  // everything is transparent
+    void fill(const Box& box, double radius, const Colour& colour);
+    void outline(const Box& box, double radius, double thickness, const Colour& colour);
+    void line(double x1, double y1, double x2, double y2, double thickness, const Colour& colour);
+    void disc(double x, double y, double radius, const Colour& colour);
+    // y is the baseline.
+    void text(double x, double y, double size, const std::string& text, const Colour& colour,
+              Align align = Align::left, bool bold = false);
+
+    // Writes width x height pixels, ARGB 4:4:4:4, not premultiplied, row by row.
+    void read(std::span<uint16_t> pixels) const;
+
+  private:
+    void path(const Box& box, double radius);
+    void use(const Colour& colour);
+
+    const uint16_t m_width;
+    const uint16_t m_height;
+    const std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> m_surface;
+    const std::unique_ptr<cairo_t, decltype(&cairo_destroy)> m_context;
+};
+
+}  // namespace guilink

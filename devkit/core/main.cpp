@@ -1,0 +1,189 @@
+// guilink-core: stands in for the device's real-time core. Draws a GUI into physical memory,
+// announces each frame to the service, obeys the buttons that come back.
+#include <poll.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <optional>
+
+#include "devkit/ambaipc/caller.h"
+#include "devkit/ambaipc/gui_buffer.h"
+#include "devkit/core/control_service.h"
+#include "devkit/core/frame_memory.h"
+#include "devkit/core/scenes.h"
+
+namespace {
+
+using namespace guilink;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // while the service is away
+
+volatile std::sig_atomic_t stopped = 0;
+
+struct Options {
+    bool large = true;
+    double fps = 60;
+    uint64_t frames = 0;  // 0: no end
+    Scene scene = Scene::menu;
+    bool still = false;
+    std::string qr_body;
+    std::string dump;
+};
+
+// A screen of one size: what is drawn on, and where it goes.
+struct Screen {
+    explicit Screen(bool is_large)
+        : large(is_large),
+          canvas(is_large ? 1280 : 1024, is_large ? 960 : 768),
+          memory(uint32_t{canvas.width()} * canvas.height() * 2) {}
+    const bool large;
+    Canvas canvas;
+    const FrameMemory memory;
+};
+
+std::string wall_clock() {
+    const std::time_t now = std::time(nullptr);
+    char text[16];
+    std::strftime(text, sizeof text, "%H:%M:%S", std::localtime(&now));
+    return text;
+}
+
+// Calls the service; says once when it is away, and once when it is back.
+class Service {
+  public:
+    void announce(uint64_t address, uint32_t size) {
+        call(m_gui, gui_buffer_argument(address, size));
+    }
+
+    // Waits for the service as long as it takes.
+    void send_qr_body(const std::string& text) {
+        const auto* const begin = reinterpret_cast<const unsigned char*>(text.c_str());
+        while (!call(m_qr, {begin, text.size() + 1}) && !stopped) {
+            poll(nullptr, 0, 100);
+        }
+    }
+
+  private:
+    bool call(AmbaipcCaller& caller, std::span<const unsigned char> argument) {
+        if (m_away_since && Clock::now() < *m_away_since + SERVICE_RETRY) return false;
+        try {
+            _AMBA_IPC_SVC_RESULT_s_ record = {};
+            caller.call(ONLY_PROCEDURE, argument, record);
+            if (m_away_since) std::cerr << "guilink-core: the service is there, frames go on\n";
+            m_away_since.reset();
+            return true;
+        } catch (const std::runtime_error& error) {
+            if (stopped) return false;
+            if (!m_away_since) std::cerr << "guilink-core: " << error.what() << "; trying on\n";
+            m_away_since = Clock::now();
+            return false;
+        }
+    }
+
+    AmbaipcCaller m_gui{GUI_BUFFER_PROGRAM, GUI_SERVICE_VERSION};
+    AmbaipcCaller m_qr{QR_BODY_PROGRAM, GUI_SERVICE_VERSION};
+    std::optional<Clock::time_point> m_away_since;
+};
+
+// Returns when the next frame is due; takes buttons meanwhile.
+void take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large) {
+    while (!stopped) {
+        while (const auto button = control.next()) {
+            gui.press(*button);
+            if (*button == Button::size) large = !large;
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
+        if (left.count() <= 0) return;
+        pollfd event = {control.descriptor(), POLLIN, 0};
+        poll(&event, 1, static_cast<int>(left.count()));
+    }
+}
+
+void write_dump(const std::string& file, std::span<const uint16_t> pixels) {
+    std::ofstream stream(file, std::ios::binary);
+    stream.write(reinterpret_cast<const char*>(pixels.data()),
+                 static_cast<std::streamsize>(pixels.size_bytes()));
+    if (!stream.flush()) throw std::runtime_error("cannot write " + file);
+}
+
+void run(const Options& options) {
+    ControlService control;
+    Service service;
+    Gui gui(options.qr_body.empty() ? "11111" : options.qr_body);
+    bool large = options.large;
+    auto screen = std::make_unique<Screen>(large);
+    if (!options.qr_body.empty()) service.send_qr_body(options.qr_body);
+
+    const std::chrono::duration<double> interval(1 / options.fps);
+    const auto start = Clock::now();
+    auto due = start;
+    std::span<uint16_t> pixels;
+    for (uint64_t frame = 1; !stopped; ++frame) {
+        if (screen->large != large) {
+            screen.reset();
+            screen = std::make_unique<Screen>(large);
+        }
+        Moment moment = {frame, std::chrono::duration<double>(due - start).count(), wall_clock()};
+        if (options.still) moment = {0, 0, "12:34:56"};
+        const size_t buffer = frame % FrameMemory::BUFFERS;
+        pixels = screen->memory.pixels(buffer);
+        draw_scene(options.scene, gui, screen->canvas, moment, pixels);
+        service.announce(screen->memory.address(buffer), screen->memory.size());
+        if (frame == options.frames) break;
+
+        due += std::chrono::duration_cast<Clock::duration>(interval);
+        due = std::max(due, Clock::now());  // a core that is too slow draws less, not in bursts
+        take_buttons_until(due, control, gui, large);
+    }
+    if (!options.dump.empty()) write_dump(options.dump, pixels);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app(
+        "Stands in for a device's real-time core: draws a GUI into simulated memory,\n"
+        "announces its frames to guilinkd and obeys the buttons. Run it in scripts/sandbox.");
+    Options options;
+    app.add_option("--size", options.large, "Size of the screen, 1280x960 or 1024x768")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, bool>{{"1280x960", true}, {"1024x768", false}}))
+        ->default_str("1280x960");
+    app.add_option("--fps", options.fps, "Frames a second")
+        ->check(CLI::Range(0.1, 1000.0))
+        ->capture_default_str();
+    app.add_option("--frames", options.frames, "End after this many frames");
+    app.add_option("--scene", options.scene,
+                   "What to draw: menu, overlay, gradient, noise or sweep")
+        ->transform(
+            CLI::CheckedTransformer(std::map<std::string, Scene>{{"menu", Scene::menu},
+                                                                 {"overlay", Scene::overlay},
+                                                                 {"gradient", Scene::gradient},
+                                                                 {"noise", Scene::noise},
+                                                                 {"sweep", Scene::sweep}}))
+        ->default_str("menu");
+    app.add_flag("--still", options.still, "Nothing moves until a button is pressed");
+    app.add_option("--qr-body", options.qr_body,
+                   "Give the service this identity first (5 characters)");
+    app.add_option("--dump", options.dump,
+                   "At the end, write the last frame's pixels to this file");
+    CLI11_PARSE(app, argc, argv);
+
+    struct sigaction action = {};
+    action.sa_handler = [](int) { stopped = 1; };
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    try {
+        run(options);
+        return 0;
+    } catch (const std::exception& error) {
+        std::cerr << "guilink-core: " << error.what() << '\n';
+        return 1;
+    }
+}

@@ -1,0 +1,69 @@
+// The simulated core: its memory, its buttons, its GUI.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "devkit/core/control_service.h"
+#include "devkit/core/frame_memory.h"
+#include "devkit/core/scenes.h"
+
+namespace guilink {
+namespace {
+
+TEST(FrameMemory, NoAddressIsEverUsedTwice) {
+    std::set<uint64_t> pages;
+    for (const uint32_t size : {2'457'600u, 1'572'864u, 2'457'600u}) {
+        const FrameMemory memory(size);
+        for (size_t buffer = 0; buffer < FrameMemory::BUFFERS; ++buffer) {
+            EXPECT_EQ(memory.address(buffer) % 4096, 0u);
+            EXPECT_EQ(memory.pixels(buffer).size_bytes(), size);
+            memory.pixels(buffer).back() = 1;
+            // With the page more that the service maps.
+            for (uint64_t page = 0; page <= size; page += 4096) {
+                EXPECT_TRUE(pages.insert(memory.address(buffer) + page).second);
+            }
+        }
+    }
+}
+
+TEST(ControlService, OnlyCommandsAreObeyed) {
+    EXPECT_EQ(parse_command(R"([{"msg_id":100,"param":"On"}])"), Button::up);
+    EXPECT_EQ(parse_command(R"([{"msg_id":115,"param":"On"}])"), Button::info);
+    for (const char* const junk :
+         {"", "[]", "[{}]", "junk", R"([{"msg_id":99,"param":"On"}])",
+          R"([{"msg_id":116,"param":"On"}])", R"([{"msg_id":100,"param":"Off"}])",
+          R"([{"msg_id":"100","param":"On"}])", R"([{"msg_id":-9223372036854775808,"param":"On"}])",
+          R"({"msg_id":100,"param":"On"})"}) {
+        EXPECT_EQ(parse_command(junk), std::nullopt) << junk;
+    }
+}
+
+std::vector<uint16_t> drawn(const Gui& gui, Scene scene = Scene::menu, const Moment& moment = {}) {
+    Canvas canvas(1024, 768);
+    std::vector<uint16_t> pixels(1024 * 768);
+    draw_scene(scene, gui, canvas, moment, pixels);
+    return pixels;
+}
+
+TEST(Gui, EveryButtonCanBeSeen) {
+    for (uint8_t button = 0; button < BUTTON_COUNT; ++button) {
+        Gui gui("11111");
+        const auto before = drawn(gui);
+        EXPECT_EQ(before, drawn(gui));  // nothing moves by itself at one moment
+        gui.press(static_cast<Button>(button));
+        EXPECT_NE(before, drawn(gui)) << int{button};
+    }
+}
+
+TEST(Scenes, DifferAndMove) {
+    const Gui gui("11111");
+    std::set<std::vector<uint16_t>> seen;
+    for (const Scene scene :
+         {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise, Scene::sweep}) {
+        EXPECT_TRUE(seen.insert(drawn(gui, scene)).second);
+        EXPECT_TRUE(seen.insert(drawn(gui, scene, {64, 1, "12:00:00"})).second);
+    }
+}
+
+}  // namespace
+}  // namespace guilink
