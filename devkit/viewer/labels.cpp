@@ -25,7 +25,7 @@ constexpr const char* DEFAULTS = R"([
     {"button": 13, "label": "Hide", "key": "h"},
     {"button": 14, "label": "Size", "key": "s"},
     {"button": 15, "label": "Info", "key": "i"},
-    {"button": 7, "label": "Power", "key": "p"}
+    {"button": 7, "label": "Power", "key": "p", "place": "wide"}
 ])";
 
 constexpr size_t MAX_LABEL = 24;  // bytes; as many as fit a button

@@ -10,7 +10,7 @@ namespace guilink {
 //
 // The file is an array of objects: "button" (0 to 255), "label" (text), and where wanted "key" (a
 // key's name in the browser, such as "ArrowUp" or "z") and "place" (one of "up", "down", "left",
-// "right", "ok", "back", "menu": where on the pad it lies).
+// "right", "ok", "back", "menu", "wide": where on the pad it lies).
 std::string load_labels(const std::string& file);
 
 }  // namespace guilink
