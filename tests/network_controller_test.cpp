@@ -27,8 +27,10 @@ class Worker : public NetworkController::NetworkWorker {
         for (uint64_t i = 0; i < length; ++i) {
             if (data[i] == 'c' && signal) signal();
             if (data[i] == 'a') send(bytes("answer"));
+            if (data[i] == 'm') send(Bytes(0x10000, 'm'));
             if (data[i] == 't') throw std::runtime_error("worker");
         }
+        m_examined += length;
     }
     void SetController(const std::shared_ptr<NetworkController>& controller) override {
         const std::lock_guard lock(m_mutex);
@@ -50,6 +52,8 @@ class Worker : public NetworkController::NetworkWorker {
         if (controller != nullptr) controller->send(data.data(), data.size());
     }
 
+    uint64_t examined() const { return m_examined; }
+
     struct Seen {
         std::string candidate;
         std::string link;
@@ -62,6 +66,8 @@ class Worker : public NetworkController::NetworkWorker {
     }
 
   private:
+    std::atomic<uint64_t> m_examined{0};  // bytes that have been dealt with
+
     std::mutex m_mutex;
     std::weak_ptr<NetworkController> m_controller;
     std::string m_candidate;  // bytes of connections that are not the link
@@ -163,6 +169,14 @@ TEST_F(Controller, DropsALinkThatDoesNotRead) {
         return m_companion.connection_within(0ms).has_value();
     }));
     link();
+}
+
+TEST_F(Controller, WaitsForNoCandidateThatAsksAndDoesNotRead) {
+    m_companion.hear();
+    m_companion.answer();
+    const Socket greedy = m_companion.accept();
+    greedy.write(Bytes(100, 'm'));  // 6 MiB in answers
+    EXPECT_TRUE(wait_until([&] { return m_worker->examined() == 100; }));
 }
 
 TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {

@@ -292,22 +292,4 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
     EXPECT_EQ(link.read_frame(), frame(DataMessage, bytes("hello")));
 }
 
-TEST(VeltraneCommunicator, CandidateThatAsksAndDoesNotReadHoldsUpNobody) {
-    const LastThreadsEnd last_threads_end;
-    RawCompanion companion;
-    const auto communicator =
-        std::make_shared<VeltraneCommunicator>("11111", std::string(60'000, 'x'));
-    std::atomic<int> buttons{0};
-    communicator->SetMessageHandler([&](uint16_t, const Bytes&) { ++buttons; });
-    const auto controller = std::make_shared<NetworkController>(communicator);
-    communicator->SetController(controller);
-
-    Bytes requests;
-    for (int i = 0; i < 1000; ++i) requests = requests + frame(IdentityRequest);
-    const Socket greedy = companion.connection();
-    greedy.write(requests);
-    const Bytes request = frame(ConnectRequest) + frame(ButtonMessage);
-    EXPECT_NO_THROW(companion.link(request, [&] { return buttons > 0; }));
-}
-
 }  // namespace
