@@ -126,14 +126,15 @@ TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOne) {
         const auto value = static_cast<uint16_t>(0x8000 + i / 8 % 2);
         std::memcpy(striped.get() + i, &value, sizeof value);
     }
-    keep_alive();
-    std::this_thread::sleep_for(100ms);  // the keep-alive is seen long before it is too old
-    for (int i = 0; i < 6; ++i) {
+    const auto older = colour(0x9006, SMALL);
+    const auto newer = colour(0x9007, SMALL);
+    for (int i = 0; i < 100; ++i) {
+        if (i % 10 == 0) keep_alive();
         m_facade->push_frame(striped, SMALL);
-        std::this_thread::sleep_for(30ms);
+        std::this_thread::sleep_for(8ms);
     }
-    m_facade->push_frame(colour(0x9006, SMALL), SMALL);
-    m_facade->push_frame(colour(0x9007, SMALL), SMALL);
+    m_facade->push_frame(older, SMALL);
+    m_facade->push_frame(newer, SMALL);
     uint16_t pixel;
     do {
         pixel = next_image().first_pixel;

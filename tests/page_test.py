@@ -99,8 +99,8 @@ class Page(unittest.TestCase):
     def tearDown(self):
         self.browser.quit()
         for process in reversed(self.processes):
-            process.kill()
-            process.wait()
+            process.terminate()
+            self.assertEqual(process.wait(LIMIT), 0, "also what a sanitizer finds at the end")
         self.end_service()
         shutil.rmtree(self.directory)
 
@@ -116,6 +116,8 @@ class Page(unittest.TestCase):
         for entry in pathlib.Path("/proc").glob("[0-9]*/comm"):
             if entry.read_text().strip() == "guilinkd":
                 os.kill(int(entry.parent.name), 15)
+                while entry.exists():
+                    time.sleep(0.05)
 
     def open_browser(self):
         options = webdriver.ChromeOptions()
