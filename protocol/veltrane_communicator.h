@@ -7,7 +7,6 @@
 // with an announced frame above MAX_SIZE or with more than MAX_SIZE bytes pending all of it goes.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>

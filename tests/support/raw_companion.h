@@ -8,8 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -148,6 +150,43 @@ inline Bytes payload_of(const Bytes& frame) {
     return {frame.begin() + HEADER_SIZE, frame.end()};
 }
 
+// Keeps writing the same bytes, so that a connection never falls silent.
+class Chatter {
+  public:
+    Chatter(const Socket& socket, const Bytes& data)
+        : m_thread([this, &socket, data] {
+              try {
+                  for (; !m_stop; std::this_thread::sleep_for(20ms)) socket.write(data);
+              } catch (const std::runtime_error&) {  // the other end is gone
+              }
+          }) {}
+    ~Chatter() {
+        m_stop = true;
+        m_thread.join();
+    }
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+// Made before all others and gone after them: waits until only the threads are left that there
+// were, so that nothing of a test is still at work when its process ends.
+class LastThreadsEnd {
+  public:
+    ~LastThreadsEnd() {
+        wait_until([this] { return count() <= m_count; });
+    }
+
+  private:
+    static ptrdiff_t count() {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return std::distance(begin(tasks), end(tasks));
+    }
+
+    const ptrdiff_t m_count = count();
+};
+
 // Answers discovery when told to, and accepts.
 class RawCompanion {
   public:
@@ -184,6 +223,12 @@ class RawCompanion {
             return m_listener.readable(10ms);
         };
         if (!wait_until(connects, limit)) return std::nullopt;
+        return accept();
+    }
+
+    // The next connection, which must come without a further answer.
+    Socket accept() const {
+        if (!m_listener.readable(LIMIT)) throw std::runtime_error("the device does not connect");
         return Socket(::accept(m_listener.fd(), nullptr, nullptr));
     }
 
@@ -192,6 +237,21 @@ class RawCompanion {
         if (!connection) throw std::runtime_error("the device does not connect");
         return std::move(*connection);
     }
+
+    // Connections, each of which repeats its request, until one has become the link.
+    Socket link(const Bytes& request, const std::function<bool()>& linked) {
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            Socket candidate = connection();
+            {
+                const Chatter chatter(candidate, request);
+                wait_until([&] { return linked() || candidate.readable(10ms); });
+            }
+            if (linked()) return candidate;
+        }
+        throw std::runtime_error("the device does not accept");
+    }
+
+    bool offered() const { return m_listener.readable(0ms); }
 
     const sockaddr_in& device() const { return m_device; }
 

@@ -1,0 +1,37 @@
+// The wire between viewer and page, both ways.
+//
+// Viewer to page: a binary message is the payload of an ImageMessage as the device sent it; a text
+// message is JSON, {"state", "peer", "identity", "firmware", "skipped"}.
+// Page to viewer: JSON, {"press": BUTTON} or {"text": TEXT}.
+
+const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled each time
+
+// Stays connected for ever. handlers: image(ArrayBuffer), state(object), offline().
+export function connect(handlers) {
+  const url = `${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}/link`;
+  let socket = null;
+  let wait = BACK_OFF.first;
+
+  const open = () => {
+    socket = new WebSocket(url);
+    socket.binaryType = 'arraybuffer';
+    socket.onmessage = ({ data }) => {
+      wait = BACK_OFF.first;
+      if (data instanceof ArrayBuffer) handlers.image(data);
+      else handlers.state(JSON.parse(data));
+    };
+    socket.onclose = () => {
+      handlers.offline();
+      setTimeout(open, wait * (0.5 + Math.random())); // jitter: pages must not come back as one
+      wait = Math.min(2 * wait, BACK_OFF.most);
+    };
+  };
+  open();
+
+  const send = (message) => {
+    const ready = socket.readyState === WebSocket.OPEN;
+    if (ready) socket.send(JSON.stringify(message));
+    return ready;
+  };
+  return { press: (button) => send({ press: button }), text: (text) => send({ text }) };
+}

@@ -1,0 +1,80 @@
+// The buttons, by mouse, touch and keyboard. A press is sent when a button goes down, and again and
+// again while it is held; everything is released when the page loses the focus.
+
+const REPEAT = { first: 450, next: 120 }; // ms; from the press to its first repeat, then between
+
+// labels: [{button, label, key, place}]. press(button, label) sends one; returns whether it went out.
+export function makeButtons(pad, labels, press) {
+  const held = new Map(); // label entry -> timer of its repeat
+
+  const send = (entry) => press(entry.button, entry.label);
+  const down = (entry) => {
+    if (held.has(entry)) return;
+    entry.element.classList.add('down');
+    const repeat = (wait) =>
+      held.set(entry, setTimeout(() => { send(entry); repeat(REPEAT.next); }, wait));
+    repeat(REPEAT.first);
+    send(entry);
+  };
+  const up = (entry) => {
+    clearTimeout(held.get(entry));
+    held.delete(entry);
+    entry.element.classList.remove('down');
+  };
+
+  for (const entry of labels) {
+    const element = document.createElement('button');
+    element.type = 'button';
+    element.dataset.button = entry.button;
+    if (entry.place) element.dataset.place = entry.place;
+    const name = document.createElement('span');
+    name.textContent = entry.label;
+    element.append(name);
+    if (entry.key) {
+      const key = document.createElement('kbd');
+      key.textContent = shown(entry.key);
+      element.append(key);
+      element.setAttribute('aria-keyshortcuts', entry.key);
+    }
+    entry.element = element;
+    element.addEventListener('pointerdown', (event) => {
+      if (event.button !== 0) return;
+      element.setPointerCapture(event.pointerId);
+      down(entry);
+    });
+    for (const end of ['pointerup', 'pointercancel', 'lostpointercapture']) {
+      element.addEventListener(end, () => up(entry));
+    }
+    element.addEventListener('contextmenu', (event) => event.preventDefault());
+    // A click without a pointer comes from the keyboard or from assistive technology.
+    element.addEventListener('click', (event) => {
+      if (event.detail === 0) { down(entry); setTimeout(() => up(entry), REPEAT.next); }
+    });
+    pad.append(element);
+  }
+
+  const entryOf = (event) => {
+    if (event.ctrlKey || event.altKey || event.metaKey) return undefined;
+    if (event.target.closest?.('input, select, textarea')) return undefined;
+    // Enter and space work the control that has the focus.
+    if (event.target.closest?.('button') && ['Enter', ' '].includes(event.key)) return undefined;
+    return labels.find(({ key }) => key && key.toLowerCase() === event.key.toLowerCase());
+  };
+  addEventListener('keydown', (event) => {
+    const entry = entryOf(event);
+    if (!entry) return;
+    event.preventDefault();
+    if (!event.repeat) down(entry);
+  });
+  addEventListener('keyup', (event) => {
+    for (const entry of [...held.keys()]) {
+      if (entry.key?.toLowerCase() === event.key.toLowerCase()) up(entry);
+    }
+  });
+  addEventListener('blur', () => [...held.keys()].forEach(up));
+}
+
+function shown(key) {
+  const names = { ArrowUp: '↑', ArrowDown: '↓', ArrowLeft: '←', ArrowRight: '→', Enter: '⏎', ' ': 'Space', Backspace: '⌫', Escape: 'Esc' };
+  return names[key] ?? (key.length === 1 ? key.toUpperCase() : key);
+}

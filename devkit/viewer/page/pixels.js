@@ -1,0 +1,40 @@
+// Decodes the payload of an ImageMessage: 16-bit little-endian words; width, height, then pairs of
+// run length and pixel value (ARGB 4:4:4:4), row by row.
+
+const MOST_PIXELS = 1280 * 960; // of any device; a larger image is damaged
+
+// From a pixel value to the bytes R, G, B, A in memory order.
+const RGBA = new Uint32Array(65536);
+{
+  const bytes = new DataView(RGBA.buffer);
+  for (let value = 0; value < 65536; ++value) {
+    const nibble = (shift) => ((value >> shift) & 15) * 17;
+    bytes.setUint8(4 * value, nibble(8));
+    bytes.setUint8(4 * value + 1, nibble(4));
+    bytes.setUint8(4 * value + 2, nibble(0));
+    bytes.setUint8(4 * value + 3, nibble(12));
+  }
+}
+
+// Decodes into reuse, where its size fits. Returns an ImageData, or null for a damaged payload.
+export function decode(payload, reuse = null) {
+  if (payload.byteLength < 4 || payload.byteLength % 4 !== 0) return null;
+  const words = new Uint16Array(payload);
+  const [width, height] = words;
+  const count = width * height;
+  if (count === 0 || count > MOST_PIXELS) return null;
+  const image = reuse?.width === width && reuse?.height === height ? reuse : new ImageData(width, height);
+  const pixels = new Uint32Array(image.data.buffer);
+
+  let position = 0;
+  for (let i = 2; i < words.length; i += 2) {
+    const end = position + words[i];
+    if (end > count) return null;
+    pixels.fill(RGBA[words[i + 1]], position, end);
+    position = end;
+  }
+  // The last pixel of an image never travels: it repeats its neighbour.
+  if (position < count - 1) return null;
+  if (position === count - 1) pixels[position] = position > 0 ? pixels[position - 1] : 0;
+  return image;
+}

@@ -1,0 +1,147 @@
+// The page: what is shown, and what its controls do.
+import { connect } from './bytes.js';
+import { decode } from './pixels.js';
+import { makeButtons } from './input.js';
+
+const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last one every 500 ms
+const FIGURES_EVERY = 500; // ms
+const EVENTS_KEPT = 100;
+
+const $ = (id) => document.getElementById(id);
+const canvas = $('canvas');
+const context = canvas.getContext('2d');
+
+// Only the newest message is drawn, and only when the browser is about to paint.
+let newest = null;
+let image = null;
+let drawing = false;
+let lastImageTime = null;
+let shown = 0; // images drawn, and bytes received, since the last figures
+let received = 0;
+
+function draw() {
+  drawing = false;
+  const decoded = decode(newest, image);
+  if (!decoded) return note('A damaged image was ignored');
+  if (canvas.width !== decoded.width || canvas.height !== decoded.height || !image) {
+    canvas.width = decoded.width;
+    canvas.height = decoded.height;
+    $('size').textContent = `${decoded.width} × ${decoded.height}`;
+  }
+  image = decoded;
+  context.putImageData(image, 0, 0);
+  canvas.dataset.frames = Number(canvas.dataset.frames ?? 0) + 1;
+  ++shown;
+}
+
+let link = 'connecting';
+function showLink(state, text) {
+  if ($('link').textContent === text) return;
+  link = state;
+  $('link').dataset.state = state;
+  $('link').textContent = text;
+  $('device').hidden = state !== 'linked';
+  note(text);
+}
+
+const viewer = connect({
+  image(payload) {
+    newest = payload;
+    received += payload.byteLength;
+    lastImageTime = performance.now();
+    if (!drawing) {
+      drawing = true;
+      requestAnimationFrame(draw);
+    }
+  },
+  state({ state, peer, identity, firmware, skipped }) {
+    if (state === 'linked') showLink('linked', `Linked to ${peer}`);
+    else showLink('searching', 'Searching for a device');
+    $('identity').textContent = identity;
+    $('firmware').textContent = firmware;
+    $('skipped').textContent = skipped;
+  },
+  offline() {
+    showLink('offline', 'The viewer is not running');
+  },
+});
+
+let figuresTime = performance.now();
+setInterval(() => {
+  const now = performance.now();
+  const seconds = (now - figuresTime) / 1000;
+  figuresTime = now;
+  $('rate').textContent = (shown / seconds).toFixed(0);
+  $('data').textContent = (received / 1024 / seconds).toFixed(0);
+  shown = received = 0;
+
+  const age = lastImageTime === null ? null : now - lastImageTime;
+  const frozen = age === null || age > FROZEN_AFTER;
+  $('age').textContent = age === null ? '–' : age < 1000 ? `${age.toFixed(0)} ms` : `${(age / 1000).toFixed(0)} s`;
+  $('age').classList.toggle('old', frozen && age !== null);
+  $('screen').classList.toggle('frozen', frozen);
+  $('veil').hidden = !frozen;
+  $('veil').textContent = age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
+}, FIGURES_EVERY);
+
+function note(text) {
+  const now = new Date();
+  const item = document.createElement('li');
+  const time = document.createElement('time');
+  time.textContent = now.toTimeString().slice(0, 8);
+  const words = document.createElement('span');
+  words.textContent = text;
+  item.append(time, words);
+  $('log').prepend(item);
+  while ($('log').children.length > EVENTS_KEPT) $('log').lastChild.remove();
+}
+
+const labels = await (await fetch('labels.json')).json();
+makeButtons($('pad'), labels, (button, label) => {
+  note(viewer.press(button) ? `${label} pressed` : `${label} was not sent: no viewer`);
+});
+
+$('text').addEventListener('submit', (event) => {
+  event.preventDefault();
+  const text = $('line').value;
+  if (text === '') return;
+  if (viewer.text(text)) {
+    note(`Sent: ${text}`);
+    $('line').value = '';
+  } else {
+    note('The text was not sent: no viewer');
+  }
+});
+
+$('backdrop').addEventListener('change', (event) => { $('screen').dataset.backdrop = event.target.value; });
+$('sharp').addEventListener('change', (event) => $('screen').classList.toggle('sharp', event.target.checked));
+$('fullscreen').addEventListener('click', () => $('screen').requestFullscreen());
+
+function save(blob, extension) {
+  const anchor = document.createElement('a');
+  anchor.href = URL.createObjectURL(blob);
+  anchor.download = `guilink-${new Date().toISOString().slice(0, 19).replaceAll(':', '-')}.${extension}`;
+  anchor.click();
+  setTimeout(() => URL.revokeObjectURL(anchor.href), 10_000);
+  note(`Saved ${anchor.download}`);
+}
+
+$('screenshot').addEventListener('click', () => canvas.toBlob((blob) => save(blob, 'png')));
+
+let recorder = null;
+$('record').addEventListener('click', () => {
+  if (recorder) return recorder.stop();
+  const parts = [];
+  recorder = new MediaRecorder(canvas.captureStream(), { mimeType: 'video/webm' });
+  recorder.ondataavailable = ({ data }) => parts.push(data);
+  recorder.onstop = () => {
+    recorder = null;
+    $('record').setAttribute('aria-pressed', 'false');
+    $('record').textContent = 'Record';
+    save(new Blob(parts, { type: 'video/webm' }), 'webm');
+  };
+  recorder.start(1000);
+  $('record').setAttribute('aria-pressed', 'true');
+  $('record').textContent = 'Stop recording';
+  note('Recording');
+});

@@ -1,0 +1,79 @@
+#include "devkit/viewer/serve.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+
+#include "devkit/peer/companion.h"
+#include "devkit/viewer/labels.h"
+#include "devkit/viewer/web_server.h"
+
+namespace guilink {
+
+namespace {
+
+constexpr const char* INHERITED = "GUILINK_LISTEN_FD";  // holds the descriptor that a command gets
+
+[[noreturn]] void become(const std::vector<std::string>& command, int listener) {
+    fcntl(listener, F_SETFD, 0);
+    setenv(INHERITED, std::to_string(listener).c_str(), 1);
+    std::vector<char*> arguments;
+    for (const std::string& argument : command) {
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    throw std::runtime_error("cannot run " + command[0] + ": " + std::strerror(errno));
+}
+
+int listener_of(const ServeOptions& options) {
+    if (const char* const inherited = std::getenv(INHERITED)) {
+        const int listener = std::atoi(inherited);
+        fcntl(listener, F_SETFD, FD_CLOEXEC);
+        return listener;
+    }
+    return open_listener(options.listen);
+}
+
+}  // namespace
+
+void serve(const ServeOptions& options) {
+    const std::string labels = load_labels(options.labels_file);
+    const int listener = listener_of(options);
+    if (!options.command.empty()) become(options.command, listener);
+
+    // Threads inherit this: the signals wait for sigwait below.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    // The server must outlive the companion, which publishes to it; what the page presses before
+    // the companion is there is lost.
+    std::atomic<Companion*> companion{nullptr};
+    WebServer server(listener, labels,
+                     {[&](uint8_t button) {
+                          if (Companion* const link = companion) link->press(button);
+                      },
+                      [&](const std::string& text) {
+                          if (Companion* const link = companion) link->send_text(text);
+                      }});
+    Companion link({[&](const LinkStatus& status) { server.publish_status(status); },
+                    [&](const Companion::Payload& payload) { server.publish_image(payload); },
+                    {}});
+    companion = &link;
+    std::cout << "The device's screen is shown on " << server.url() << std::endl;
+
+    int signal = 0;
+    sigwait(&signals, &signal);
+    companion = nullptr;
+}
+
+}  // namespace guilink

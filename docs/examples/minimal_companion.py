@@ -1,0 +1,149 @@
+#!/usr/bin/env python3
+"""A complete companion in plain Python: links to a device, presses a button, saves the picture.
+
+    minimal_companion.py [--press N] [--frames N] [--timeout S] FILE.png
+
+Shows how little the link asks for; docs/link-protocol.md tells the rest.
+"""
+import argparse
+import select
+import socket
+import struct
+import sys
+import time
+import zlib
+
+START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")
+HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, message type
+CONTROL, BUTTON, IMAGE, IDENTITY, CONNECT, IDENTITY_REQUEST = range(6)
+MAX_PAYLOAD = 0x100000  # bytes; a length above it is damage
+KEEP_ALIVE = 0.5  # s; after 2 s without one no new pictures come, after 3 s the link ends
+SILENCE = 3       # s; a device that is there says something at each keep-alive
+
+
+def frame(kind, payload=b""):
+    return HEADER.pack(START, zlib.crc32(payload), len(payload), kind) + payload
+
+
+def messages_in(buffer):
+    """Takes what is complete out of received bytes: yields (type, payload). Survives damage."""
+    while (start := buffer.find(START)) >= 0:
+        del buffer[:start]
+        if len(buffer) < HEADER.size:
+            return
+        _, checksum, length, kind = HEADER.unpack_from(buffer)
+        end = HEADER.size + length
+        if length <= MAX_PAYLOAD and len(buffer) < end:
+            return
+        payload = bytes(buffer[HEADER.size:end])
+        if length <= MAX_PAYLOAD and zlib.crc32(payload) == checksum:
+            del buffer[:end]
+            yield kind, payload
+        else:
+            del buffer[:1]  # damaged: go on at the next start sequence
+    del buffer[:-(len(START) - 1)]  # all but what may be the beginning of one
+
+
+def decode(payload):
+    """Width, height and RGBA bytes of an image; None where it does not hold what it announces."""
+    if len(payload) < 4 or len(payload) % 4:
+        return None
+    width, height, *runs = struct.unpack(f"<{len(payload) // 2}H", payload)
+    count = width * height
+    if not count or sum(runs[0::2]) != count - 1:
+        return None
+    rgba = bytearray()
+    pixel = bytes(4)
+    for length, value in zip(runs[0::2], runs[1::2]):  # 16 bits: alpha, red, green, blue
+        pixel = bytes((value >> shift & 15) * 17 for shift in (8, 4, 0, 12))
+        rgba += pixel * length
+    return width, height, rgba + pixel  # the last pixel never travels: repeat its neighbour
+
+
+def save_png(name, width, height, rgba):
+    def chunk(kind, data):
+        checksum = struct.pack(">I", zlib.crc32(kind + data))
+        return struct.pack(">I4s", len(data), kind) + data + checksum
+
+    rows = b"".join(b"\0" + rgba[y * width * 4:(y + 1) * width * 4] for y in range(height))
+    with open(name, "wb") as file:
+        file.write(b"\x89PNG\r\n\x1a\n"
+                   + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 6, 0, 0, 0))
+                   + chunk(b"IDAT", zlib.compress(rows)) + chunk(b"IEND", b""))
+
+
+def connections(end):
+    """Answers each device that is looking for a companion; yields each connection that it makes."""
+    discovery = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    discovery.bind(("", 3152))
+    listener = socket.create_server(("", 8399))
+    while time.monotonic() < end:
+        ready = select.select([discovery, listener], [], [], KEEP_ALIVE)[0]
+        if discovery in ready:
+            call, device = discovery.recvfrom(2048)
+            if any(kind == IDENTITY for kind, _ in messages_in(bytearray(call))):
+                discovery.sendto(frame(CONNECT), device)
+        if listener in ready:
+            with listener.accept()[0] as connection:
+                yield connection
+
+
+def messages(connection, end):
+    """Keeps a connection alive and yields what the device says; ends when the device has gone."""
+    connection.settimeout(SILENCE)  # for sends
+    buffer, heard, next_alive = bytearray(), time.monotonic(), 0
+    while (now := time.monotonic()) < min(end, heard + SILENCE):
+        if now >= next_alive:
+            # Only the first ConnectRequest counts; the answers to the question show who is there.
+            connection.sendall(frame(CONNECT) + frame(CONTROL) + frame(IDENTITY_REQUEST))
+            next_alive = now + KEEP_ALIVE
+        if select.select([connection], [], [], max(0, next_alive - time.monotonic()))[0]:
+            data = connection.recv(1 << 20)
+            if not data:
+                return
+            heard = time.monotonic()
+            buffer += data
+            yield from messages_in(buffer)
+
+
+def mirror(connection, options, end):
+    """Presses, and saves the picture some images later. False when the connection ends before."""
+    identity, images, size = None, 0, 0
+    for kind, payload in messages(connection, end):
+        if kind == IDENTITY and not identity:
+            identity = payload.decode("latin-1")
+            print(f"device {identity[:5]}, firmware {identity[5:]}")
+        if kind != IMAGE or not identity:
+            continue
+        if images == 0:
+            begin = time.monotonic()
+            if options.press is not None:
+                connection.sendall(frame(BUTTON, bytes([options.press])))
+        images, size = images + 1, size + len(payload)
+        rate = (images - 1) / (time.monotonic() - begin)
+        if images > options.frames and (picture := decode(payload)):
+            print("%d x %d" % picture[:2] + f", {rate:.1f} images/s, {size // images} bytes each")
+            save_png(options.file, *picture)
+            return True
+    return False
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Links to a device and saves its picture.")
+    parser.add_argument("file", metavar="FILE.png")
+    parser.add_argument("--press", metavar="N", type=int, choices=range(16), help="button, 0 to 15")
+    parser.add_argument("--frames", metavar="N", type=int, default=10, help="images to wait for")
+    parser.add_argument("--timeout", metavar="S", type=float, default=30, help="seconds in all")
+    options = parser.parse_args()
+    end = time.monotonic() + options.timeout
+    for connection in connections(end):
+        try:
+            if mirror(connection, options, end):
+                return 0
+        except OSError as error:
+            print(f"link lost: {error}", file=sys.stderr)
+    return f"no picture within {options.timeout:g} s: is there a device, and does it draw?"
+
+
+if __name__ == "__main__":
+    sys.exit(main())

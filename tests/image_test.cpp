@@ -1,0 +1,77 @@
+#include "protocol/image.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace {
+
+using Words = std::vector<uint16_t>;
+
+TEST(EncodeImage, WritesExactlyTheseWords) {
+    const Words flat(70'000, 0x8001);
+    const struct {
+        uint16_t width;
+        uint16_t height;
+        Words pixels;
+        Words expected;
+    } table[] = {
+        {0, 7, {}, {0, 7}},
+        {1, 1, {0x1234}, {1, 1}},
+        // The last pixel is dropped, whether or not it ends a run.
+        {2, 1, {0x1234, 0x1234}, {2, 1, 1, 0x1234}},
+        {1, 3, {0xF00F, 0xF00F, 0x1234}, {1, 3, 2, 0xF00F}},
+        // The first pixel is raw, and no masked one is equal to it but 0.
+        {3, 1, {0x0ABC, 0x0005, 0x0007}, {3, 1, 1, 0x0ABC, 1, 0}},
+        {3, 1, {5, 5, 5}, {3, 1, 1, 5, 1, 0}},
+        {4, 1, {0, 5, 7, 9}, {4, 1, 3, 0}},
+        // The boundary of the mask.
+        {5, 1, {0xFFFF, 0x0FFF, 0, 0x1000, 0}, {5, 1, 1, 0xFFFF, 2, 0, 1, 0x1000}},
+        // The longest run, and more.
+        {32768, 2, flat, {32768, 2, 65535, 0x8001}},
+        {1000, 70, flat, {1000, 70, 65535, 0x8001, 4464, 0x8001}},
+    };
+    for (const auto& row : table) {
+        Words words(2);  // so that it has to grow
+        const uint64_t length = EncodeImage(row.pixels.data(), row.width, row.height, words);
+        ASSERT_LE(length, words.size() * 2);
+        words.resize(length / 2);
+        EXPECT_EQ(words, row.expected);
+    }
+}
+
+TEST(EncodeImage, DoublesTheWorkVectorOnlyWhereItDoesNotSuffice) {
+    const Words pixels = {0x8001, 0x8002, 0x8003, 0x8004, 0x8005};  // 4 runs: 10 words
+    for (const auto& [before, after] : {std::pair{2, 16}, {3, 12}, {9, 18}, {10, 10}, {50, 50}}) {
+        Words words(static_cast<size_t>(before));
+        EXPECT_EQ(EncodeImage(pixels.data(), 5, 1, words), 20u);
+        EXPECT_EQ(words.size(), static_cast<size_t>(after));
+    }
+}
+
+// Whatever way the encoder takes through an image, a companion gets its pixels.
+TEST(EncodeImage, DecodesToTheImage) {
+    std::mt19937 random(1);
+    for (uint16_t width = 1; width <= 300; ++width) {
+        Words pixels(width * 3u);
+        for (size_t i = 0; i < pixels.size();) {
+            const auto value = static_cast<uint16_t>(random() % 4 * 0x0FFF);
+            for (size_t end = i + 1 + random() % 40; i < end && i < pixels.size(); ++i) {
+                pixels[i] = value;
+            }
+        }
+        Words words(2);
+        words.resize(EncodeImage(pixels.data(), width, 3, words) / 2);
+        Words decoded;
+        for (size_t i = 2; i < words.size(); i += 2) {
+            decoded.insert(decoded.end(), words[i], words[i + 1]);
+        }
+        for (size_t i = 1; i < pixels.size(); ++i) {
+            if (pixels[i] <= 0x0FFF) pixels[i] = 0;
+        }
+        pixels.pop_back();
+        ASSERT_EQ(decoded, pixels) << "width " << width;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,214 @@
+#include "net/network_controller.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "tests/support/raw_companion.h"
+
+namespace {
+
+using namespace guilink::test;
+
+const Bytes IDENTITY = bytes("who I am");
+
+// A protocol of one-letter messages that writes down what it is shown.
+class Worker : public NetworkController::NetworkWorker {
+  public:
+    void OnDataReceived(const unsigned char* data, uint64_t length,
+                        const std::function<void()>& signal, bool deliver_all) override {
+        EXPECT_EQ(deliver_all, !signal);
+        {
+            const std::lock_guard lock(m_mutex);
+            (deliver_all ? m_link : m_candidate).append(data, data + length);
+            m_candidate_ends += length == 0 && !deliver_all;
+            m_link_ends += length == 0 && deliver_all;
+        }
+        for (uint64_t i = 0; i < length; ++i) {
+            if (data[i] == 'c' && signal) signal();
+            if (data[i] == 'a') send(bytes("answer"));
+            if (data[i] == 'm') send(Bytes(0x10000, 'm'));
+            if (data[i] == 't') throw std::runtime_error("worker");
+        }
+        m_examined += length;
+    }
+    void SetController(const std::shared_ptr<NetworkController>& controller) override {
+        const std::lock_guard lock(m_mutex);
+        m_controller = controller;
+    }
+    void SetMessageHandler(
+        const std::function<void(uint16_t, std::vector<unsigned char>)>&) override {}
+    void SendIdentity() override {}
+    void SendData(const unsigned char*, uint64_t) override {}
+    void SendImage(const uint16_t*, uint16_t, uint16_t) override {}
+    Bytes GetIdentityFrame() override { return IDENTITY; }
+
+    void send(const Bytes& data) {
+        std::shared_ptr<NetworkController> controller;
+        {
+            const std::lock_guard lock(m_mutex);
+            controller = m_controller.lock();
+        }
+        if (controller != nullptr) controller->send(data.data(), data.size());
+    }
+
+    uint64_t examined() const { return m_examined; }
+
+    struct Seen {
+        std::string candidate;
+        std::string link;
+        int candidate_ends;
+        int link_ends;
+    };
+    Seen seen() {
+        const std::lock_guard lock(m_mutex);
+        return {m_candidate, m_link, m_candidate_ends, m_link_ends};
+    }
+
+  private:
+    std::atomic<uint64_t> m_examined{0};  // bytes that have been dealt with
+
+    std::mutex m_mutex;
+    std::weak_ptr<NetworkController> m_controller;
+    std::string m_candidate;  // bytes of connections that are not the link
+    std::string m_link;       // bytes of the link
+    int m_candidate_ends = 0;
+    int m_link_ends = 0;
+};
+
+class Controller : public testing::Test {
+  protected:
+    Controller() { m_worker->SetController(m_controller); }
+
+    // Made once more, it proves that the last link is gone.
+    Socket link() {
+        const size_t before = m_worker->seen().link.size();
+        return m_companion.link(bytes("c"),
+                                [=, this] { return m_worker->seen().link.size() > before; });
+    }
+
+    LastThreadsEnd m_last_threads_end;
+    RawCompanion m_companion;
+    std::shared_ptr<Worker> m_worker = std::make_shared<Worker>();
+    std::shared_ptr<NetworkController> m_controller = std::make_shared<NetworkController>(m_worker);
+};
+
+TEST_F(Controller, ShowsACandidateToTheWorkerAndItsAnswerToTheCandidate) {
+    EXPECT_EQ(m_companion.hear(), IDENTITY);
+    EXPECT_EQ(m_companion.device().sin_addr.s_addr, inet_addr("10.77.0.1"));
+    m_worker->send(bytes("to nobody"));
+    Bytes answer;
+    while (answer.empty()) {
+        const Socket candidate = m_companion.connection();
+        try {
+            candidate.write(bytes("a"));
+            answer = candidate.read_some(6);
+        } catch (const std::runtime_error&) {  // given up already: there will be others
+        }
+    }
+    EXPECT_EQ(answer, bytes("answer"));
+    EXPECT_TRUE(wait_until([&] {
+        m_companion.connection();
+        return m_worker->seen().candidate_ends > 0;
+    }));
+    EXPECT_EQ(m_worker->seen().link, "");
+    m_worker->send(bytes("to nobody"));
+}
+
+TEST_F(Controller, LinksTheOneThatTheWorkerAccepts) {
+    testing::internal::CaptureStdout();
+    const Socket peer = link();
+    EXPECT_EQ(testing::internal::GetCapturedStdout().substr(0, 10), "connected\n");
+    m_worker->send(bytes("frame"));
+    EXPECT_EQ(peer.read(5), bytes("frame"));
+    peer.write(bytes("a"));
+    EXPECT_EQ(peer.read(6), bytes("answer"));
+}
+
+TEST_F(Controller, DropsTheOthersAndTheirEndsToo) {
+    Socket peer;
+    Socket other;
+    while (m_worker->seen().link.empty()) {
+        m_companion.hear();
+        m_companion.answer();
+        m_companion.answer();
+        peer = m_companion.accept();
+        other = m_companion.accept();
+        const Chatter chatter(peer, bytes("c"));
+        wait_until([&] { return !m_worker->seen().link.empty() || peer.readable(10ms); });
+    }
+    const Chatter chatter(peer, bytes("."));
+    EXPECT_TRUE(other.ended());  // silent, it is given up and destroyed
+    m_worker->send(bytes("still linked"));
+    EXPECT_EQ(peer.read(12), bytes("still linked"));
+    EXPECT_EQ(m_worker->seen().link_ends, 0);
+}
+
+TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
+    link().close();
+    link().reset();
+    {
+        const Socket silent = link();
+        EXPECT_TRUE(silent.ended());
+    }
+    // An exception ends only the receiving; the connection goes with the first send that fails.
+    const Socket peer = link();
+    peer.write(bytes("t"));
+    EXPECT_TRUE(wait_until([&] {
+        m_worker->send(Bytes(0x100000));
+        return m_companion.connection_within(100ms).has_value();
+    }));
+    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the end of the link is not the worker's business
+}
+
+TEST_F(Controller, DropsALinkThatDoesNotRead) {
+    const Socket peer = link();
+    const Chatter chatter(peer, bytes("."));
+    EXPECT_TRUE(wait_until([&] {
+        m_worker->send(Bytes(0x100000));
+        return m_companion.connection_within(0ms).has_value();
+    }));
+    link();
+}
+
+TEST_F(Controller, WaitsForNoCandidateThatAsksAndDoesNotRead) {
+    m_companion.hear();
+    m_companion.answer();
+    const Socket greedy = m_companion.accept();
+    greedy.write(Bytes(100, 'm'));  // 6 MiB in answers
+    EXPECT_TRUE(wait_until([&] { return m_worker->examined() == 100; }));
+}
+
+TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {
+    m_companion.connection().write(bytes("t"));
+    EXPECT_TRUE(
+        wait_until([&] { return m_worker->seen().candidate.find('t') != std::string::npos; }));
+    // Its unit is destroyed meanwhile: nothing may be sent to it any more.
+    const auto end = std::chrono::steady_clock::now() + 5s;
+    while (std::chrono::steady_clock::now() < end) {
+        m_worker->send(bytes("x"));
+        std::this_thread::sleep_for(20ms);
+    }
+    link();
+}
+
+TEST_F(Controller, FloodOfAnswersMakesFewCandidates) {
+    m_companion.hear();
+    for (int i = 0; i < 200; ++i) m_companion.answer();
+    std::vector<Socket> candidates;
+    for (int i = 0; i < 32; ++i) candidates.push_back(m_companion.accept());
+    for (const Socket& candidate : candidates) EXPECT_TRUE(candidate.ended());
+    EXPECT_FALSE(m_companion.offered());
+    link();  // and their places are free again
+}
+
+TEST_F(Controller, MayGoWhileItsUnitsLive) {
+    const Socket peer = link();
+    const Chatter chatter(peer, bytes("a"));
+    std::vector<Socket> others;
+    while (m_companion.offered()) others.push_back(m_companion.accept());
+    m_controller.reset();
+    m_worker.reset();
+}
+
+}  // namespace

@@ -1,0 +1,364 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <netinet/ip_icmp.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "net/network_unit_v4.h"
+#include "tests/support/raw_companion.h"
+
+namespace {
+
+using namespace guilink::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Units = std::vector<std::unique_ptr<NetworkUnit>>;
+
+constexpr const char* INTERFACE = "10.77.0.1";  // the sandbox's
+constexpr const char* MASK = "255.255.255.0";
+constexpr const char* THIS_HOST = "127.0.0.1";
+constexpr const char* SINGLE = "255.255.255.255";
+constexpr uint16_t PORT = 8399;
+const Bytes PAYLOAD = {1, 2, 3};
+
+std::unique_ptr<NetworkUnit> unit(const char* address, const char* mask,
+                                  const Bytes& payload = {}) {
+    return std::make_unique<NetworkUnitV4>(inet_addr(address), inet_addr(mask), payload);
+}
+
+// What the units say of themselves, sorted.
+std::vector<std::string> hosts(const Units& units) {
+    std::vector<std::string> lines;
+    for (const auto& one : units) {
+        testing::internal::CaptureStdout();
+        one->print_host();
+        lines.push_back(testing::internal::GetCapturedStdout());
+    }
+    std::ranges::sort(lines);
+    return lines;
+}
+
+// Keeps what is found.
+class Finder {
+  public:
+    UnitFoundCallback callback() {
+        return [this](std::unique_ptr<NetworkUnit>&& found) {
+            const std::lock_guard lock(m_mutex);
+            m_units.push_back(std::move(found));
+        };
+    }
+    size_t count() {
+        const std::lock_guard lock(m_mutex);
+        return m_units.size();
+    }
+    const Units& units() const { return m_units; }  // when nothing is searched any more
+
+  private:
+    std::mutex m_mutex;
+    Units m_units;
+};
+
+// Takes what a connection receives.
+class Taker {
+  public:
+    DataReceivedCallback callback() {
+        return [this](const unsigned char* data, unsigned long length, NetworkUnit* from) {
+            const std::lock_guard lock(m_mutex);
+            EXPECT_EQ(data == nullptr, length == 0);
+            m_data.append(data, data + length);
+            m_ends += length == 0;
+            m_from = from;
+        };
+    }
+    std::string data() {
+        const std::lock_guard lock(m_mutex);
+        return m_data;
+    }
+    int ends() {
+        const std::lock_guard lock(m_mutex);
+        return m_ends;
+    }
+    NetworkUnit* from() {
+        const std::lock_guard lock(m_mutex);
+        return m_from;
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::string m_data;
+    int m_ends = 0;
+    NetworkUnit* m_from = nullptr;
+};
+
+TEST(NetworkUnit, AcceptancePacketIsAnEmptyConnectRequest) {
+    EXPECT_THAT(frame(ConnectRequest), testing::ElementsAreArray(NetworkUnit::acc_packet));
+}
+
+TEST(NetworkUnit, OneUnitForEachInterfaceAddress) {
+    ASSERT_EQ(system("ip address add 10.78.1.2/30 dev guilink0 &&"
+                     "ip address add 127.0.0.9/8 dev lo"),
+              0);
+    Finder finder;
+    NetworkUnitV4::enumerate_interfaces(finder.callback(), PAYLOAD);
+    EXPECT_THAT(hosts(finder.units()),
+                ElementsAre("Host: 10.77.0.1(255.255.255.0)\n",
+                            "Host: 10.78.1.2(255.255.255.252)\n", "Host: 127.0.0.9(255.0.0.0)\n"));
+    NetworkUnitV4::enumerate_interfaces({}, PAYLOAD);  // nobody to find anything for
+}
+
+TEST(NetworkUnit, BroadcastDiscovery) {
+    RawCompanion companion("10.77.0.1");
+    const Bytes good(NetworkUnit::acc_packet.begin(), NetworkUnit::acc_packet.end());
+    Finder finder;
+    const auto seeker = unit(INTERFACE, MASK, PAYLOAD);
+    seeker->ping(finder.callback());
+    EXPECT_EQ(companion.hear(), PAYLOAD);
+    EXPECT_EQ(companion.device().sin_addr.s_addr, inet_addr(INTERFACE));
+    EXPECT_EQ(companion.device().sin_port, htons(3153));
+
+    for (size_t i = 0; i < good.size(); ++i) {
+        Bytes altered = good;
+        altered[i] ^= 0x80;
+        companion.answer(altered);
+    }
+    Bytes resized = good;
+    resized.push_back(0);
+    companion.answer(resized);
+    resized.resize(41);
+    companion.answer(resized);
+    companion.answer({});
+    EXPECT_EQ(finder.count(), 0u);
+    companion.answer(good);
+    companion.answer(good);
+    seeker->join();
+    const std::string host = "Host: 10.77.0.1(255.255.255.255)\n";
+    EXPECT_THAT(hosts(finder.units()), ElementsAre(host, host));
+
+    seeker->ping({});  // joined, it can be used again, even for nothing
+    EXPECT_EQ(companion.hear(), PAYLOAD);
+}
+
+TEST(NetworkUnit, ForbiddenDiscoveriesEndTheProcess) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto aborted = testing::KilledBySignal(SIGABRT);
+    // Not an address of ours: it cannot be bound.
+    EXPECT_EXIT(unit("10.77.0.2", MASK, PAYLOAD)->ping({}), aborted, "");
+    const auto twice = [] {
+        const auto seeker = unit(INTERFACE, MASK, PAYLOAD);
+        seeker->ping({});
+        seeker->ping({});
+    };
+    EXPECT_EXIT(twice(), aborted, "");
+}
+
+// All at once, so that each of them hears the answers to the others. All of 127/8 answers.
+TEST(NetworkUnit, EchoSweep) {
+    struct Case {
+        const char* address;
+        const char* mask;
+        std::string prefix;
+        std::pair<int, int> found;
+    };
+    const std::vector<Case> table = {
+        {"127.1.2.3", "255.255.0.0", "127.1.0.", {1, 254}},
+        {"127.2.2.3", "255.255.255.0", "127.2.2.", {1, 254}},
+        {"127.3.2.18", "255.255.255.240", "127.3.2.", {17, 30}},
+        {"127.4.2.3", "255.255.255.252", "127.4.2.", {1, 2}},
+        {"127.5.2.3", "255.255.255.254", "127.5.2.", {2, 3}},
+        {"127.6.2.3", SINGLE, "127.6.2.", {3, 3}},
+    };
+    std::vector<Finder> finders(table.size());
+    Units seekers;
+    for (size_t i = 0; i < table.size(); ++i) {
+        seekers.push_back(unit(table[i].address, table[i].mask));
+        seekers.back()->ping(finders[i].callback());
+    }
+
+    // Answers that are none, from the very host that is asked.
+    EXPECT_TRUE(wait_until([&] { return finders.back().count() == 1; }));
+    const Socket forger(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
+    const sockaddr_in host = ipv4("127.6.2.3", 0);
+    ASSERT_EQ(bind(forger.fd(), reinterpret_cast<const sockaddr*>(&host), sizeof host), 0);
+    ASSERT_EQ(connect(forger.fd(), reinterpret_cast<const sockaddr*>(&host), sizeof host), 0);
+    Bytes reply(28);
+    reply[0] = ICMP_DEST_UNREACH;
+    forger.write(reply);
+    reply[0] = ICMP_ECHOREPLY;
+    reply[1] = 1;  // its only code is 0
+    forger.write(reply);
+    forger.write(Bytes(27));  // too short
+    forger.write(Bytes(29));  // too long
+
+    for (size_t i = 0; i < table.size(); ++i) {
+        seekers[i]->join();
+        std::vector<std::string> expected;
+        for (int last = table[i].found.first; last <= table[i].found.second; ++last) {
+            expected.push_back("Host: " + table[i].prefix + std::to_string(last) + "(" + SINGLE +
+                               ")\n");
+        }
+        std::ranges::sort(expected);
+        EXPECT_EQ(hosts(finders[i].units()), expected) << table[i].address;
+    }
+
+    Finder finder;
+    const auto everywhere = unit(THIS_HOST, "0.0.0.0");
+    everywhere->ping(finder.callback());
+    everywhere->join();
+    EXPECT_EQ(finder.count(), 0u);  // asks nobody
+}
+
+TEST(NetworkUnit, NoSocketToBeHad) {
+    testing::internal::CaptureStderr();
+    Finder finder;
+    std::thread([&] {  // whose own threads have no privilege either
+        __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+        const __user_cap_data_struct none[2] = {};
+        ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
+        const auto seeker = unit(THIS_HOST, SINGLE);
+        seeker->ping(finder.callback());
+        seeker->join();
+    })
+        .join();
+    EXPECT_EQ(finder.count(), 0u);
+
+    Taker taker;
+    const auto host = unit(THIS_HOST, SINGLE);
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    host->tcp_connect(PORT, taker.callback());
+    EXPECT_FALSE(host->send(PAYLOAD.data(), PAYLOAD.size()));
+    setrlimit(RLIMIT_NOFILE, &limit);
+    host->join();
+    EXPECT_EQ(taker.ends(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "NetSocket: couldn't create socket\nNetworkUnitV4: tcp connection error\n");
+}
+
+TEST(NetworkUnit, ThreadsOfNobodyReturn) {
+    const NetSocket<> socket(AF_INET, SOCK_DGRAM, 0);
+    NetworkUnitV4::_ping_send_launcher(nullptr, {});
+    NetworkUnitV4::_ping_receive_launcher(nullptr, {}, socket);
+    NetworkUnitV4::_tcp_connection_receive_launcher(nullptr, PORT, {});
+}
+
+// A host that listens on the port of its choice, and a unit for it.
+class Connection : public testing::Test {
+  protected:
+    Socket connect() {
+        m_unit->tcp_connect(PORT, m_taker.callback());
+        return Socket(accept(m_host.fd(), nullptr, nullptr));
+    }
+    bool send(const Bytes& data) { return m_unit->send(data.data(), data.size()); }
+
+    Socket m_host{SOCK_STREAM, THIS_HOST, PORT};
+    Taker m_taker;
+    std::unique_ptr<NetworkUnit> m_unit = unit(THIS_HOST, SINGLE);
+};
+
+TEST_F(Connection, CarriesBytesBothWaysUntilItsEnd) {
+    EXPECT_FALSE(send(PAYLOAD));
+    EXPECT_FALSE(m_unit->writable());
+    testing::internal::CaptureStderr();
+    Socket peer = connect();
+    peer.write(bytes("hello"));
+    EXPECT_TRUE(wait_until([&] { return m_taker.data() == "hello"; }));
+    EXPECT_EQ(m_taker.from(), m_unit.get());
+    EXPECT_TRUE(m_unit->writable());
+    EXPECT_TRUE(send(PAYLOAD));
+    EXPECT_EQ(peer.read(PAYLOAD.size()), PAYLOAD);
+    EXPECT_EQ(m_taker.ends(), 0);
+
+    peer.close();
+    m_unit->join();
+    EXPECT_EQ(m_taker.ends(), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(Connection, RefusalIsSilent) {
+    m_host.close();
+    testing::internal::CaptureStderr();
+    m_unit->tcp_connect(PORT, m_taker.callback());
+    m_unit->join();
+    EXPECT_FALSE(send(PAYLOAD));
+    EXPECT_EQ(m_taker.ends(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(Connection, SilenceEndsIt) {
+    testing::internal::CaptureStderr();
+    const auto start = std::chrono::steady_clock::now();
+    const Socket peer = connect();
+    m_unit->join();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 3s);
+    EXPECT_EQ(m_taker.ends(), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "NetworkUnitV4: tcp receiver error or timeout\n");
+}
+
+TEST_F(Connection, SendAfterAResetFailsWithoutASignal) {
+    Socket peer = connect();
+    peer.reset();
+    m_unit->join();
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));
+    EXPECT_EQ(m_taker.ends(), 1);
+}
+
+TEST_F(Connection, SendToAPeerThatDoesNotReadFails) {
+    const Socket peer = connect();
+    peer.write(bytes("x"));
+    EXPECT_TRUE(wait_until([&] { return m_taker.data() == "x"; }));  // connected
+    const Bytes data(64 * NetworkUnit::BUFFER_SIZE);                 // more than fits on the way
+    EXPECT_FALSE(send(data));
+    EXPECT_FALSE(m_unit->writable());
+    EXPECT_FALSE(send(PAYLOAD));
+}
+
+TEST_F(Connection, NewOneEndsTheOldOneQuietly) {
+    const Socket peer = connect();
+    const Chatter chatter(peer, bytes("a"));
+    EXPECT_TRUE(wait_until([&] { return !m_taker.data().empty(); }));
+    Taker other;
+    m_unit->tcp_connect(PORT, other.callback());
+    EXPECT_TRUE(peer.ended());
+    EXPECT_EQ(m_taker.ends(), 0);
+
+    const Socket next(accept(m_host.fd(), nullptr, nullptr));
+    const Chatter next_chatter(next, bytes("b"));
+    EXPECT_TRUE(wait_until([&] { return !other.data().empty(); }));
+    m_unit.reset();
+    EXPECT_EQ(other.ends(), 0);
+    EXPECT_EQ(other.data().find('a'), std::string::npos);
+}
+
+TEST_F(Connection, ExceptionEndsReceivingAlone) {
+    m_unit->tcp_connect(PORT, [](auto...) { throw std::runtime_error("taker"); });
+    const Socket peer(accept(m_host.fd(), nullptr, nullptr));
+    peer.write(bytes("x"));
+    m_unit->join();
+    EXPECT_TRUE(send(PAYLOAD));
+}
+
+// The unit is waited for while its own thread answers: neither may wait for the other.
+TEST_F(Connection, AnswersWhileItIsJoined) {
+    m_unit->tcp_connect(PORT, [](const unsigned char* data, unsigned long length, auto* from) {
+        from->send(data, length);
+    });
+    Socket peer(accept(m_host.fd(), nullptr, nullptr));
+    std::thread joiner([&] { m_unit->join(); });
+    for (int i = 0; i < 20; ++i) {
+        std::this_thread::sleep_for(5ms);
+        peer.write(PAYLOAD);
+        EXPECT_EQ(peer.read(PAYLOAD.size()), PAYLOAD);
+    }
+    peer.close();
+    joiner.join();
+}
+
+}  // namespace

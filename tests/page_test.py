@@ -1,0 +1,222 @@
+#!/usr/bin/python3
+"""The viewer's page in a real browser, with the real service and the simulated core.
+
+Run as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS; the browser runs in there, too.
+"""
+import base64
+import hashlib
+import os
+import pathlib
+import shutil
+import socket
+import statistics
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+SKIPPED = 77  # what CTest takes for a skipped test
+try:
+    from selenium import webdriver
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.common.keys import Keys
+    from selenium.webdriver.chrome.service import Service
+    from selenium.webdriver.support.ui import WebDriverWait
+except ImportError:
+    print("page_test: skipped, there is no python3-selenium")
+    sys.exit(SKIPPED)
+if not shutil.which("chromedriver"):
+    print("page_test: skipped, there is no chromium-driver")
+    sys.exit(SKIPPED)
+
+BIN = pathlib.Path(sys.argv.pop(1)).resolve()
+ADDRESS = ("127.0.0.1", 8080)
+URL = "http://127.0.0.1:8080/"
+LIMIT = 60  # seconds, for anything that will happen
+
+# What the canvas shows, as ARGB 4:4:4:4: a canvas keeps colours premultiplied, which costs it their
+# low bits.
+CANVAS_HASH = """
+const done = arguments[0], canvas = document.getElementById('canvas');
+const {data} = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
+const pixels = new Uint16Array(data.length / 4), nibble = (i) => Math.floor((data[i] + 8) / 17);
+for (let i = 0; i < pixels.length; ++i)
+  pixels[i] = nibble(4*i+3) << 12 | nibble(4*i) << 8 | nibble(4*i+1) << 4 | nibble(4*i+2);
+crypto.subtle.digest('SHA-256', pixels).then((hash) =>
+  done([...new Uint8Array(hash)].map((byte) => byte.toString(16).padStart(2, '0')).join('')));
+"""
+
+# Presses a button and measures until the canvas shows it; the rest of the picture stands still.
+PRESS_LATENCY = """
+const done = arguments[1], canvas = document.getElementById('canvas');
+const context = canvas.getContext('2d');
+const look = () => context.getImageData(80, 250, 540, 340).data.reduce((sum, b) => (sum * 31 + b) | 0);
+const before = look(), start = performance.now();
+document.querySelector(`[data-button="${arguments[0]}"]`).click();
+const frames = canvas.dataset.frames; let seen = frames;
+const check = () => {
+  if (canvas.dataset.frames !== seen) {
+    seen = canvas.dataset.frames;
+    const now = performance.now();
+    if (look() !== before) return done(now - start);
+  }
+  requestAnimationFrame(check);
+};
+check();
+"""
+
+
+def shown_of(dump):
+    """What a page shows of the pixels that the core drew: the known losses of the link."""
+    pixels = list(struct.unpack(f"<{len(dump) // 2}H", dump))
+    pixels[1:] = [pixel if pixel > 0x0FFF else 0 for pixel in pixels[1:]]
+    pixels[0] = pixels[0] if pixels[0] > 0x0FFF else 0  # of nothing a canvas keeps no colour
+    pixels[-1] = pixels[-2]
+    return hashlib.sha256(struct.pack(f"<{len(pixels)}H", *pixels)).hexdigest()
+
+
+def handshake(**headers):
+    """Asks for the page's connection; returns the socket and the status line."""
+    connection = socket.create_connection(ADDRESS, timeout=LIMIT)
+    fields = {"Host": "127.0.0.1:8080", "Origin": "http://127.0.0.1:8080", "Upgrade": "websocket",
+              "Connection": "Upgrade", "Sec-WebSocket-Version": "13",
+              "Sec-WebSocket-Key": base64.b64encode(os.urandom(16)).decode(), **headers}
+    lines = [f"{name}: {value}" for name, value in fields.items() if value is not None]
+    connection.sendall(("GET /link HTTP/1.1\r\n" + "\r\n".join(lines) + "\r\n\r\n").encode())
+    return connection, connection.makefile("rb").readline().decode().strip()
+
+
+class Page(unittest.TestCase):
+    def setUp(self):
+        self.processes = []
+        self.directory = tempfile.mkdtemp()
+        self.start_service()
+        self.start("guilink-viewer")
+        self.browser = self.open_browser()
+
+    def tearDown(self):
+        self.browser.quit()
+        for process in reversed(self.processes):
+            process.kill()
+            process.wait()
+        self.end_service()
+        shutil.rmtree(self.directory)
+
+    def start(self, name, *arguments):
+        process = subprocess.Popen([BIN / name, *arguments], stdout=subprocess.DEVNULL)
+        self.processes.append(process)
+        return process
+
+    def start_service(self):
+        subprocess.run([BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
+
+    def end_service(self):
+        for entry in pathlib.Path("/proc").glob("[0-9]*/comm"):
+            if entry.read_text().strip() == "guilinkd":
+                os.kill(int(entry.parent.name), 15)
+
+    def open_browser(self):
+        options = webdriver.ChromeOptions()
+        for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-quic", "no-first-run",
+                         "disable-background-networking", "disable-component-update",
+                         "disable-sync", "window-size=1280,900",
+                         f"user-data-dir={self.directory}/profile"):
+            options.add_argument("--" + argument)
+        service = Service(shutil.which("chromedriver"))
+        browser = webdriver.Chrome(service=service, options=options)
+        browser.set_script_timeout(LIMIT)
+        for _ in range(LIMIT * 10):
+            try:
+                socket.create_connection(ADDRESS).close()
+                break
+            except ConnectionRefusedError:
+                time.sleep(0.1)
+        browser.get(URL)
+        return browser
+
+    def wait(self, condition):
+        WebDriverWait(self.browser, LIMIT, poll_frequency=0.05).until(lambda _: condition())
+
+    def frames(self):
+        return int(self.browser.execute_script("return canvas.dataset.frames ?? 0"))
+
+    def link_text(self):
+        return self.browser.find_element(By.ID, "link").text
+
+    def hash(self):
+        return self.browser.execute_async_script(CANVAS_HASH)
+
+    def test_shows_exactly_what_the_core_drew(self):
+        for size in ("1280x960", "1024x768"):
+            for scene in ("menu", "gradient"):
+                dump = pathlib.Path(self.directory, "dump")
+                self.wait(lambda: self.link_text() == "Linked to 10.77.0.1")
+                core = self.start("guilink-core", "--size", size, "--scene", scene, "--still",
+                                  "--frames", "30", "--dump", dump)
+                self.assertEqual(core.wait(LIMIT), 0)
+                expected = shown_of(dump.read_bytes())
+                self.wait(lambda: self.hash() == expected)
+
+    def test_click_key_and_touch_move_the_menu(self):
+        self.start("guilink-core", "--still")
+        self.wait(lambda: self.frames() > 0)
+        down = self.browser.find_element(By.CSS_SELECTOR, '[data-button="1"]')
+        place = self.browser.execute_script(
+            "const box = arguments[0].getBoundingClientRect();"
+            "return {x: box.x + box.width / 2, y: box.y + box.height / 2}", down)
+
+        def touch():
+            for kind, points in (("touchStart", [place]), ("touchEnd", [])):
+                self.browser.execute_cdp_cmd("Input.dispatchTouchEvent",
+                                             {"type": kind, "touchPoints": points})
+
+        body = self.browser.find_element(By.TAG_NAME, "body")
+        for press in (down.click, lambda: body.send_keys(Keys.ARROW_DOWN), touch):
+            before = self.hash()
+            press()
+            self.wait(lambda: self.hash() != before)
+
+        times = [self.browser.execute_async_script(PRESS_LATENCY, i % 2) for i in range(30)]
+        print(f"page_test: from a click to its pixels {statistics.median(times):.0f} ms at the median")
+
+    def test_stalled_page_slows_nobody(self):
+        self.start("guilink-core")
+        stalled = [handshake()[0] for _ in range(3)]  # never read
+        self.browser.switch_to.new_window("window")
+        self.browser.get(URL)
+        for window in self.browser.window_handles:
+            self.browser.switch_to.window(window)
+            start = self.frames()
+            self.wait(lambda: self.frames() > start + 60)
+        for connection in stalled:
+            connection.close()
+
+    def test_service_ends_and_comes_back(self):
+        self.start("guilink-core")
+        for _ in range(2):
+            self.wait(lambda: self.link_text() == "Linked to 10.77.0.1")
+            start = self.frames()
+            self.wait(lambda: self.frames() > start)
+            self.end_service()
+            self.wait(lambda: self.link_text() == "Searching for a device")
+            self.wait(lambda: "Frozen" in self.browser.find_element(By.ID, "veil").text)
+            self.start_service()
+
+    def test_other_sites_are_refused(self):
+        def answer(headers):
+            connection, status = handshake(**headers)
+            connection.close()
+            return status.split()[1]
+
+        for headers in ({}, {"Host": "localhost:8080", "Origin": "http://localhost:8080"}):
+            self.assertEqual(answer(headers), "101")
+        for headers in ({"Origin": "http://evil.example"}, {"Origin": None}, {"Origin": "null"},
+                        {"Host": "evil.example:8080", "Origin": "http://evil.example:8080"},
+                        {"Origin": "http://127.0.0.1:8081"}):
+            self.assertEqual(answer(headers), "403", headers)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,295 @@
+#include "protocol/veltrane_communicator.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "tests/support/raw_companion.h"
+
+namespace {
+
+using namespace guilink::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr const char* UNSUPPORTED = "VeltraneCommunicator: received unsupported message type\n";
+constexpr const char* OVERLOADED = "VeltraneCommunicator: buffer overloaded!\n";
+constexpr uint32_t LARGEST = 1'048'534;  // payload that a receiver takes
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// A frame that announces more, or less, than it holds.
+Bytes announcing(uint32_t length, Bytes frame) {
+    std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
+    return frame;
+}
+
+Bytes damaged(Bytes frame) {
+    frame[CHECKSUM_OFFSET] ^= 1;
+    return frame;
+}
+
+// Writes down what becomes of the bytes that it is fed.
+class Receiver : public VeltraneCommunicator {
+  public:
+    Receiver() : VeltraneCommunicator("11111", "fw1.1") {
+        SetMessageHandler([this](uint16_t type, const Bytes& payload) {
+            m_events.push_back(std::to_string(type) + ":" +
+                               std::string(payload.begin(), payload.end()));
+        });
+    }
+    void SendIdentity() override { m_events.push_back("identity"); }
+
+    void feed(const Bytes& chunk, bool deliver_all = true) {
+        OnDataReceived(
+            chunk.data(), chunk.size(), [this] { m_events.push_back("signal"); }, deliver_all);
+    }
+
+    std::vector<std::string> events() { return std::exchange(m_events, {}); }
+
+  private:
+    std::vector<std::string> m_events;
+};
+
+TEST(VeltraneCommunicator, IdentityHasFiveBytes) {
+    for (const char* id : {"", "1234", "123456"}) {
+        try {
+            const VeltraneCommunicator communicator(id, "fw1.1");
+            ADD_FAILURE() << id;
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ(error.what(), "ID size must be 5 bytes");
+        }
+    }
+    EXPECT_EQ(VeltraneCommunicator("A1B2C", "fw1.1").GetIdentityFrame(),
+              frame(IdentityMessage, bytes("A1B2Cfw1.1")));
+    EXPECT_EQ(VeltraneCommunicator("A1B2C", "").GetIdentityFrame(),
+              frame(IdentityMessage, bytes("A1B2C")));
+}
+
+TEST(VeltraneCommunicator, EverySplitOfAStreamGivesTheSameMessages) {
+    const Bytes stream = frame(ControlMessage, bytes("a")) +
+                         damaged(frame(ButtonMessage, bytes("lost"))) + frame(ConnectRequest) +
+                         frame(ButtonMessage, bytes("bc")) + frame(IdentityRequest) +
+                         frame(DataMessage);
+    const auto expected = ElementsAre("0:a", "signal", "1:bc", "identity", "6:");
+    Receiver receiver;
+    for (size_t split = 0; split <= stream.size(); ++split) {
+        const auto middle = stream.begin() + static_cast<ptrdiff_t>(split);
+        receiver.feed({stream.begin(), middle});
+        receiver.feed({middle, stream.end()});
+        ASSERT_THAT(receiver.events(), expected) << "split at " << split;
+    }
+    for (const unsigned char byte : stream) receiver.feed({byte});
+    EXPECT_THAT(receiver.events(), expected);
+}
+
+const Bytes GARBAGE(40, 0x5A);
+const Bytes GOOD = frame(DataMessage, bytes("x"));
+const Bytes LARGE = frame(DataMessage, Bytes(LARGEST, 'x'));
+
+Bytes first(size_t count, const Bytes& data) {
+    return {data.begin(), data.begin() + static_cast<ptrdiff_t>(count)};
+}
+Bytes rest(size_t start, const Bytes& data) {
+    return {data.begin() + static_cast<ptrdiff_t>(start), data.end()};
+}
+
+TEST(VeltraneCommunicator, DamageLosesThisAndFindsTheNextFrame) {
+    const struct {
+        const char* name;
+        std::vector<Bytes> chunks;
+        std::vector<std::string> expected;
+        std::string message = {};
+    } table[] = {{"GarbageBeforeAFrame", {first(10, GARBAGE) + GOOD}, {"6:x"}},
+                 {"GarbageBetweenFrames", {GOOD + GARBAGE + GOOD}, {"6:x", "6:x"}},
+                 {"GarbageAlone", {GARBAGE}, {}},
+                 {"GarbageShorterThanASearch", {first(31, GARBAGE), GOOD}, {"6:x"}},
+                 {"GarbageTakesAHalfStartAlong", {GARBAGE + first(31, GOOD), rest(31, GOOD)}, {}},
+                 {"GarbageLeavesAWholeStart", {GARBAGE + first(32, GOOD), rest(32, GOOD)}, {"6:x"}},
+                 {"WrongChecksum", {damaged(GOOD) + GOOD}, {"6:x"}},
+                 {"WrongChecksumOfNothing", {damaged(frame(DataMessage)) + GOOD}, {"6:x"}},
+                 {"LengthIsTrustedInspiteOfTheChecksum", {damaged(frame(DataMessage, GOOD))}, {}},
+                 {"AnnouncedLengthSwallowsTheNext",
+                  {announcing(static_cast<uint32_t>(1 + GOOD.size()), GOOD), GOOD},
+                  {}},
+                 {"LargestFrame", {LARGE}, {"6:" + std::string(LARGEST, 'x')}},
+                 {"LargerThanTheLargest", {announcing(LARGEST + 1, GOOD) + GOOD}, {}},
+                 {"LengthThatWouldOverflow", {announcing(0xFFFFFFFF, GOOD) + GOOD}, {}},
+                 {"Overload", {first(1'048'000, LARGE), Bytes(600, 'x')}, {}, OVERLOADED},
+                 {"OverloadAtOnce", {Bytes(1'048'577)}, {}, OVERLOADED},
+                 {"FullToTheBrim",
+                  {first(1'048'000, LARGE), rest(1'048'000, LARGE)},
+                  {"6:" + std::string(LARGEST, 'x')}}};
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.name);
+        Receiver receiver;
+        testing::internal::CaptureStderr();
+        for (const Bytes& chunk : row.chunks) receiver.feed(chunk);
+        EXPECT_EQ(receiver.events(), row.expected);
+        receiver.feed(frame(DataMessage, bytes("next")));
+        EXPECT_THAT(receiver.events(), ElementsAre("6:next"));
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), row.message);
+    }
+}
+
+TEST(VeltraneCommunicator, TypesAndDelivery) {
+    struct {
+        uint16_t type;
+        std::vector<std::string> candidate;
+        std::vector<std::string> link;
+        std::string message;
+    } const table[] = {
+        {ControlMessage, {"0:x"}, {"0:x"}, ""},
+        {ButtonMessage, {}, {"1:x"}, ""},
+        {ImageMessage, {}, {}, UNSUPPORTED},
+        {IdentityMessage, {}, {}, UNSUPPORTED},
+        {ConnectRequest, {"signal"}, {"signal"}, ""},
+        {IdentityRequest, {"identity"}, {"identity"}, ""},
+        {DataMessage, {}, {"6:x"}, ""},
+        {7, {}, {}, UNSUPPORTED},
+        {256, {}, {}, UNSUPPORTED},
+        {65535, {}, {}, UNSUPPORTED},
+    };
+    Receiver receiver;
+    for (const auto& row : table) {
+        const Bytes chunk = frame(row.type, bytes("x"));
+        testing::internal::CaptureStderr();
+        receiver.feed(chunk, false);
+        EXPECT_EQ(receiver.events(), row.candidate) << row.type;
+        receiver.feed(chunk, true);
+        EXPECT_EQ(receiver.events(), row.link) << row.type;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), row.message + row.message) << row.type;
+    }
+
+    receiver.SetMessageHandler({});
+    const Bytes all = frame(ConnectRequest) + frame(DataMessage) + frame(ControlMessage);
+    receiver.OnDataReceived(all.data(), all.size(), {}, true);  // nobody to tell anything
+    EXPECT_THAT(receiver.events(), IsEmpty());
+}
+
+TEST(VeltraneCommunicator, ExceptionLeavesTheFrame) {
+    Receiver receiver;
+    std::string taken;
+    bool broken = true;
+    receiver.SetMessageHandler([&](uint16_t, const Bytes& payload) {
+        if (std::exchange(broken, false)) throw std::runtime_error("handler");
+        taken.append(payload.begin(), payload.end());
+    });
+    EXPECT_THROW(receiver.feed(frame(DataMessage, bytes("a"))), std::runtime_error);
+    receiver.feed(frame(DataMessage, bytes("b")));
+    EXPECT_EQ(taken, "ab");
+
+    const Bytes request = frame(ConnectRequest);
+    int calls = 0;
+    const auto signal = [&] {
+        if (++calls == 1) throw std::runtime_error("signal");
+    };
+    EXPECT_THROW(receiver.OnDataReceived(request.data(), request.size(), signal, false),
+                 std::runtime_error);
+    receiver.OnDataReceived(nullptr, 0, signal, false);
+    EXPECT_EQ(calls, 2);
+}
+
+TEST(VeltraneCommunicator, SignalMayEmptyItself) {
+    Receiver receiver;
+    const Bytes requests = frame(ConnectRequest) + frame(ConnectRequest);
+    std::string calls;
+    std::function<void()> signal = [&signal, &calls,
+                                    call = std::string("called with all it holds")] {
+        signal = {};
+        calls += call;
+    };
+    receiver.OnDataReceived(requests.data(), requests.size(), signal, false);
+    EXPECT_EQ(calls, "called with all it holds");
+}
+
+TEST(VeltraneCommunicator, LeftoversOfAnotherConnectionAreDropped) {
+    Receiver receiver;
+    // One header that announces a MiB must not lock everybody else out.
+    std::thread([&] { receiver.feed(first(100, LARGE), false); }).join();
+    std::thread([&] { receiver.feed(frame(ConnectRequest), false); }).join();
+    EXPECT_THAT(receiver.events(), ElementsAre("signal"));
+
+    // But a connection that becomes the link keeps its own.
+    const Bytes data = frame(DataMessage, bytes("half"));
+    receiver.feed(frame(ConnectRequest) + first(44, data), false);
+    receiver.feed(rest(44, data), true);
+    EXPECT_THAT(receiver.events(), ElementsAre("signal", "6:half"));
+}
+
+TEST(VeltraneCommunicator, TwoConnectionsAtOnce) {
+    Receiver receiver;
+    const auto connection = [&receiver](unsigned char name) {
+        const Bytes pair = frame(DataMessage, Bytes(name, name)) + frame(DataMessage, {name});
+        for (int i = 0; i < 500; ++i) receiver.feed(pair);
+    };
+    std::thread other(connection, static_cast<unsigned char>('a'));
+    connection('b');
+    other.join();
+    std::map<std::string, int> counts;
+    for (const std::string& event : receiver.events()) ++counts[event];
+    EXPECT_THAT(counts, testing::UnorderedElementsAre(
+                            testing::Pair("6:" + std::string(97, 'a'), 500),
+                            testing::Pair("6:" + std::string(98, 'b'), 500),
+                            testing::Pair("6:a", 500), testing::Pair("6:b", 500)));
+}
+
+TEST(VeltraneCommunicator, HandlerHasEndedWhenItIsTakenBack) {
+    Receiver receiver;
+    std::atomic<bool> entered{false};
+    bool left = false;  // unguarded: the mutex of the handler orders the accesses
+    receiver.SetMessageHandler([&](uint16_t, const Bytes&) {
+        entered = true;
+        std::this_thread::sleep_for(50ms);
+        left = true;
+    });
+    std::thread connection([&] { receiver.feed(frame(ControlMessage)); });
+    EXPECT_TRUE(wait_until([&] { return entered.load(); }));
+    receiver.SetMessageHandler({});
+    EXPECT_TRUE(left);
+    connection.join();
+}
+
+TEST(VeltraneCommunicator, SendsOverTheLink) {
+    const LastThreadsEnd last_threads_end;
+    RawCompanion companion;
+    const auto communicator = std::make_shared<VeltraneCommunicator>("11111", "fw1.1");
+    std::atomic<int> buttons{0};  // that came through: only the link's do
+    communicator->SetMessageHandler([&](uint16_t, const Bytes&) { ++buttons; });
+    communicator->SendIdentity();  // dropped: there is no controller
+    const auto controller = std::make_shared<NetworkController>(communicator);
+    communicator->SetController(controller);
+    const Socket link =
+        companion.link(frame(ConnectRequest) + frame(ButtonMessage), [&] { return buttons > 0; });
+    const Chatter chatter(link, frame(ControlMessage));
+
+    communicator->SendImage(nullptr, 0, 0);  // nothing to repeat
+    communicator->SendIdentity();
+    EXPECT_EQ(link.read_frame(), frame(IdentityMessage, bytes("11111fw1.1")));
+    link.write(frame(IdentityRequest));
+    EXPECT_EQ(link.read_frame(), frame(IdentityMessage, bytes("11111fw1.1")));
+
+    const std::vector<uint16_t> pixels = {0xF001, 0xF001, 0xF002};
+    const Bytes image = frame(ImageMessage, {3, 0, 1, 0, 2, 0, 0x01, 0xF0});
+    communicator->SendImage(pixels.data(), 3, 1);
+    communicator->SendImage(nullptr, 3, 1);
+    communicator->SendImage(pixels.data(), 0, 1);
+    communicator->SendImage(pixels.data(), 3, 0);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(link.read_frame(), image);
+
+    // One pixel more than fits, each a run of its own: nothing goes out, nothing is left to repeat.
+    std::vector<uint16_t> noise(262'145);
+    for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<uint16_t>(0x8000 + i % 2);
+    communicator->SendImage(noise.data(), 52'429, 5);
+    communicator->SendImage(nullptr, 0, 0);
+    communicator->SendData(nullptr, 5);
+    communicator->SendData(bytes("x").data(), 0);
+    communicator->SendData(bytes("hello").data(), 5);
+    EXPECT_EQ(link.read_frame(), frame(DataMessage, bytes("hello")));
+}
+
+}  // namespace
