@@ -1,35 +1,64 @@
 #include "protocol/image.h"
 
+#include <algorithm>
+#include <array>
+
+#include "protocol/run_ends.h"
+
 namespace {
 
-constexpr uint16_t TRANSPARENT_MAX = 0x0FFF;  // top four bits, the alpha, are zero
-constexpr uint16_t RUN_MAX = 65535;
+constexpr uint32_t RUN_MAX = 65535;  // pixels; a length is one word
+
+// Pixels of which the run ends are found before they are written, so that both loops are simple:
+// few enough for the two lists to stay in the innermost cache, and less than RUN_MAX, so that only
+// the first run that ends in a chunk can be too long.
+constexpr uint32_t CHUNK = 4096;
 
 }  // namespace
 
 uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
-                     std::vector<uint16_t>& words) {
-    words[0] = width;
-    words[1] = height;
-    const uint32_t count = uint32_t{width} * height;
-    uint64_t position = 2;
-    if (count <= 1) return position * sizeof(uint16_t);
-
-    uint16_t value = pixels[0];  // the only pixel that is not masked; meant
-    uint16_t length = 1;
-    for (uint32_t i = 1; i < count; ++i) {
-        const uint16_t pixel = pixels[i] <= TRANSPARENT_MAX ? uint16_t{0} : pixels[i];
-        if (pixel == value && length < RUN_MAX && i < count - 1) {
-            ++length;
-            continue;
+                     std::vector<uint16_t>& words, size_t at) {
+    words[at] = width;
+    words[at + 1] = height;
+    uint64_t position = at + 2;
+    const auto make_room = [&](uint64_t count) {
+        while (words.size() < position + count) words.resize(words.size() * 2);
+    };
+    uint32_t start = 0;  // of the run to be written next
+    const auto write_run = [&](uint32_t end, uint16_t value) {
+        while (start < end) {
+            const uint32_t length = std::min(end - start, RUN_MAX);
+            make_room(2);
+            words[position++] = static_cast<uint16_t>(length);
+            words[position++] = value;
+            start += length;
         }
-        if (words.size() < position + 2) words.resize(words.size() * 2);
-        words[position] = length;
-        words[position + 1] = value;
-        position += 2;
-        value = pixel;
-        length = 1;
+    };
+
+    // The last pixel is not sent: companions fill it themselves.
+    const uint32_t last = std::max(uint32_t{width} * height, 1u) - 1;
+    if (last == 0) return (position - at) * sizeof(uint16_t);
+
+    // The first pixel is the only one that is not masked; meant. What is not 0 then equals no
+    // other.
+    if (pixels[0] != 0 && pixels[0] <= TRANSPARENT_MAX) write_run(1, pixels[0]);
+
+    std::array<uint16_t, CHUNK + RUN_ENDS_SLACK> ends;
+    std::array<uint16_t, CHUNK + RUN_ENDS_SLACK> values;
+    for (uint32_t chunk = start; chunk < last - 1; chunk += CHUNK) {
+        const uint32_t count = std::min(CHUNK, last - 1 - chunk);
+        const size_t found = FindRunEnds(pixels + chunk, count, ends.data(), values.data());
+        if (found == 0) continue;
+        write_run(chunk + ends[0], values[0]);
+        make_room(2 * (found - 1));
+        uint16_t* const to = words.data() + position;
+        for (size_t i = 1; i < found; ++i) {
+            to[2 * i - 2] = static_cast<uint16_t>(ends[i] - ends[i - 1]);
+            to[2 * i - 1] = values[i];
+        }
+        position += 2 * (found - 1);
+        start = chunk + ends[found - 1];
     }
-    // The run that the last pixel started is never written: companions fill that pixel themselves.
-    return position * sizeof(uint16_t);
+    write_run(last, pixels[last - 1] > TRANSPARENT_MAX ? pixels[last - 1] : uint16_t{0});
+    return (position - at) * sizeof(uint16_t);
 }

@@ -12,11 +12,12 @@
 // image is not sent.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
-// Encodes width x height pixels into words, which holds at least two words and is doubled where it
-// does not suffice. Returns the payload length in bytes (twice the number of words written).
-// Throws std::bad_alloc when words cannot grow.
+// Encodes width x height pixels into words from index at on. words holds at least at + 2 words and
+// is doubled where it does not suffice. Returns the payload length in bytes (twice the number of
+// words written). Throws std::bad_alloc when words cannot grow. Reentrant.
 uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
-                     std::vector<uint16_t>& words);
+                     std::vector<uint16_t>& words, size_t at = 0);

@@ -1,0 +1,145 @@
+// Compiled once for each set of vector instructions (foreach_target.h includes this file again and
+// again); the best one that the processor has is chosen at run time. 64-bit Arm has one only, which
+// makes the choice, and the library behind it, unnecessary there.
+#include "protocol/run_ends.h"
+
+#include <array>
+
+// Left out: sets for which this code gains nothing over the next smaller one, and scalable vectors.
+#define HWY_DISABLED_TARGETS \
+    (HWY_SSSE3 | HWY_AVX3 | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128)
+#define HWY_WANT_AVX3_DL  // AVX-512 as it is since it compresses 16-bit lanes
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "protocol/run_ends.cpp"
+#include <hwy/foreach_target.h>
+#include <hwy/highway.h>
+
+#ifndef GUILINK_RUN_ENDS_ONCE
+#define GUILINK_RUN_ENDS_ONCE
+
+namespace {
+
+// Row i moves those of eight 16-bit lanes to the front whose bits are set in i, as byte indices.
+// Highway has such tables, but GCC 12 copies them to the stack for every use.
+constexpr auto make_compress_table() {
+    std::array<std::array<uint16_t, 8>, 256> table{};
+    for (unsigned bits = 0; bits < table.size(); ++bits) {
+        size_t next = 0;
+        for (unsigned lane = 0; lane < 8; ++lane) {
+            if ((bits >> lane & 1) != 0) {
+                table[bits][next++] = static_cast<uint16_t>(2 * lane | (2 * lane + 1) << 8);
+            }
+        }
+    }
+    return table;
+}
+
+alignas(16) constexpr auto COMPRESS = make_compress_table();
+
+}  // namespace
+
+#endif
+
+HWY_BEFORE_NAMESPACE();
+namespace {
+namespace HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+#if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128
+
+size_t find_in_vectors(const uint16_t*, size_t, uint16_t*, uint16_t*, size_t&) {
+    return 0;
+}
+
+#else
+
+const hn::ScalableTag<uint16_t> WIDE;
+const hn::Full128<uint16_t> EIGHT;
+constexpr size_t LANES = hn::MaxLanes(WIDE);
+constexpr size_t BLOCK = 2 * LANES;  // skipped at once where nothing ends
+static_assert(LANES <= RUN_ENDS_SLACK);
+
+template <class Tag>
+HWY_INLINE auto opaque(Tag tag, hn::Vec<Tag> pixels) {
+    return hn::Ne(hn::And(pixels, hn::Set(tag, 0xFFFF - TRANSPARENT_MAX)), hn::Zero(tag));
+}
+
+// The lanes whose pixel differs from the next one.
+HWY_INLINE auto ends_at(const uint16_t* pixels) {
+    const auto pixel = hn::LoadU(WIDE, pixels);
+    const auto next = hn::LoadU(WIDE, pixels + 1);
+    return hn::And(hn::Ne(pixel, next), opaque(WIDE, hn::Or(pixel, next)));
+}
+
+template <class Tag>
+HWY_INLINE auto value_at(Tag tag, const uint16_t* pixels) {
+    const auto pixel = hn::LoadU(tag, pixels);
+    return hn::IfThenElseZero(opaque(tag, pixel), pixel);
+}
+
+// Handles as many whole blocks as there are and says in done how many pixels that were.
+size_t find_in_vectors(const uint16_t* HWY_RESTRICT pixels, size_t count,
+                       uint16_t* HWY_RESTRICT ends, uint16_t* HWY_RESTRICT values, size_t& done) {
+    size_t found = 0;
+    for (; done + BLOCK <= count; done += BLOCK) {
+        if (hn::AllFalse(WIDE, hn::Or(ends_at(pixels + done), ends_at(pixels + done + LANES)))) {
+            continue;
+        }
+        for (size_t i = done; i < done + BLOCK; i += LANES) {
+            const auto mask = ends_at(pixels + i);
+#if HWY_TARGET == HWY_AVX3_DL
+            const auto end = hn::Iota(WIDE, static_cast<uint16_t>(i + 1));
+            // Not CompressStore: some processors take a hundred cycles to compress into memory.
+            hn::StoreU(hn::Compress(end, mask), WIDE, ends + found);
+            hn::StoreU(hn::Compress(value_at(WIDE, pixels + i), mask), WIDE, values + found);
+            found += hn::CountTrue(WIDE, mask);
+#else
+            uint8_t bits[8];  // the least that StoreMaskBits wants
+            hn::StoreMaskBits(WIDE, mask, bits);
+            for (size_t j = 0; j < LANES; j += 8) {
+                const auto end = hn::Iota(EIGHT, static_cast<uint16_t>(i + j + 1));
+                const auto front = hn::Load(EIGHT, COMPRESS[bits[j / 8]].data());
+                hn::StoreU(hn::TableLookupBytes(end, front), EIGHT, ends + found);
+                hn::StoreU(hn::TableLookupBytes(value_at(EIGHT, pixels + i + j), front), EIGHT,
+                           values + found);
+                found += hwy::PopCount(bits[j / 8]);
+            }
+#endif
+        }
+    }
+    return found;
+}
+
+#endif
+
+size_t find_run_ends(const uint16_t* pixels, size_t count, uint16_t* ends, uint16_t* values) {
+    size_t done = 0;
+    size_t found = find_in_vectors(pixels, count, ends, values, done);
+    for (; done < count; ++done) {
+        const uint16_t pixel = pixels[done];
+        const uint16_t next = pixels[done + 1];
+        ends[found] = static_cast<uint16_t>(done + 1);
+        values[found] = pixel > TRANSPARENT_MAX ? pixel : uint16_t{0};
+        if (pixel != next && (pixel | next) > TRANSPARENT_MAX) ++found;
+    }
+    return found;
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+
+namespace {
+
+HWY_EXPORT(find_run_ends);
+
+}
+
+size_t FindRunEnds(const uint16_t* pixels, size_t count, uint16_t* ends, uint16_t* values) {
+    return HWY_DYNAMIC_DISPATCH(find_run_ends)(pixels, count, ends, values);
+}
+
+#endif
