@@ -43,3 +43,8 @@ enum MessageType : uint16_t {
 // Returns the complete frame around a copy of length payload bytes, or an empty vector when length
 // exceeds MAX_SIZE. payload may be null only when length is 0.
 std::vector<unsigned char> BuildFrame(uint16_t type, const unsigned char* payload, uint64_t length);
+
+// Completes, in place, a frame whose payload of length bytes already lies at frame + HEADER_SIZE:
+// writes the header before it. Returns the size of the frame, or 0, with nothing written, when
+// length exceeds MAX_SIZE.
+uint64_t FinishFrame(unsigned char* frame, uint16_t type, uint64_t length);

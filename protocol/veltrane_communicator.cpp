@@ -14,6 +14,10 @@ namespace {
 constexpr size_t ID_SIZE = 5;             // bytes of a device id
 constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB, so that a typical screen encodes in place
 
+// An image is encoded into its frame, behind room for the header.
+constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
+static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
+
 // A number of the calling thread that no other thread ever had: unlike a thread's id, it tells
 // whether bytes come from the connection that the buffered ones came from.
 uint64_t connection_serial() {
@@ -32,6 +36,18 @@ std::vector<unsigned char> build_identity_frame(const std::string& id,
                       payload.size());
 }
 
+// The first start sequence; null when there is none. Mostly it is where the last frame ended.
+const unsigned char* find_start(const unsigned char* data, uint64_t count) {
+    const auto& start = STARTING_SEQUENCE;
+    if (count < start.size()) return nullptr;
+    if (std::memcmp(data, start.data(), start.size()) == 0) return data;
+    return static_cast<const unsigned char*>(memmem(data, count, start.data(), start.size()));
+}
+
+unsigned char* bytes_of(std::vector<uint16_t>& words) {
+    return reinterpret_cast<unsigned char*>(words.data());
+}
+
 template <typename Field>
 Field read_field(const unsigned char* at) {
     Field field;
@@ -46,7 +62,8 @@ VeltraneCommunicator::VeltraneCommunicator(const std::string& device_id,
     : m_device_id(device_id),
       m_firmware(firmware),
       m_identity_frame(build_identity_frame(device_id, firmware)),
-      m_image_words(IMAGE_WORDS) {}
+      m_image_frame(HEADER_WORDS + IMAGE_WORDS),
+      m_last_image_frame(HEADER_WORDS + IMAGE_WORDS) {}
 
 void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t count,
                                           const std::function<void()>& signal, bool deliver_all) {
@@ -59,6 +76,11 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
         write_line(STDERR_FILENO, "VeltraneCommunicator: buffer overloaded!");
         m_fill = 0;
         return;
+    }
+    // What the last call left behind its last frame moves once, not once for every frame.
+    if (m_begin != 0) {
+        std::memmove(m_receive_buffer.data(), m_receive_buffer.data() + m_begin, m_fill);
+        m_begin = 0;
     }
     if (m_fill + count > m_receive_buffer.size()) m_receive_buffer.resize(m_fill + count);
     std::copy_n(data, count, m_receive_buffer.begin() + static_cast<ptrdiff_t>(m_fill));
@@ -73,17 +95,15 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
 // True when a frame has been consumed and bytes remain.
 bool VeltraneCommunicator::_parse_frame(const std::function<void()>& signal, bool deliver_all) {
     if (m_fill < STARTING_SEQUENCE.size()) return false;
-    const auto begin = m_receive_buffer.cbegin();
-    const auto end = begin + static_cast<ptrdiff_t>(m_fill);
-    const auto start = std::search(begin, end, STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end());
-    if (start == end) {
+    const unsigned char* const begin = m_receive_buffer.data() + m_begin;
+    const unsigned char* const frame = find_start(begin, m_fill);
+    if (frame == nullptr) {
         m_fill = 0;  // with a start sequence that may have begun at the end; meant
         return false;
     }
-    if (start != begin) _consume(static_cast<uint64_t>(start - begin));
+    _consume(static_cast<uint64_t>(frame - begin));
     if (m_fill < HEADER_SIZE) return false;
 
-    const unsigned char* const frame = m_receive_buffer.data();
     const auto length = read_field<uint32_t>(frame + LENGTH_OFFSET);
     const uint64_t size = HEADER_SIZE + uint64_t{length};
     if (size > MAX_SIZE) {
@@ -121,13 +141,11 @@ void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload
     }
 }
 
-// Removes count bytes from the front; false when there are fewer, or when none remain.
+// Drops count bytes, which are there, from the front; false when none remain.
 bool VeltraneCommunicator::_consume(uint64_t count) {
-    if (m_fill < count) return false;
+    m_begin += count;
     m_fill -= count;
-    if (m_fill == 0) return false;
-    std::memmove(m_receive_buffer.data(), m_receive_buffer.data() + count, m_fill);
-    return true;
+    return m_fill != 0;
 }
 
 void VeltraneCommunicator::SetController(const std::shared_ptr<NetworkController>& controller) {
@@ -141,33 +159,34 @@ void VeltraneCommunicator::SetMessageHandler(const MessageHandler& handler) {
 }
 
 void VeltraneCommunicator::SendIdentity() {
-    _send(m_identity_frame);
+    _send(m_identity_frame.data(), m_identity_frame.size());
 }
 
 void VeltraneCommunicator::SendData(const unsigned char* data, uint64_t count) {
     if (data == nullptr || count == 0) return;
-    _send(BuildFrame(DataMessage, data, count));
+    const std::vector<unsigned char> frame = BuildFrame(DataMessage, data, count);
+    _send(frame.data(), frame.size());
 }
 
 void VeltraneCommunicator::SendImage(const uint16_t* pixels, uint16_t width, uint16_t height) {
     if (pixels != nullptr && width != 0 && height != 0) {
-        const uint64_t length = EncodeImage(pixels, width, height, m_image_words);
-        m_last_image_frame = BuildFrame(
-            ImageMessage, reinterpret_cast<const unsigned char*>(m_image_words.data()), length);
+        const uint64_t length = EncodeImage(pixels, width, height, m_image_frame, HEADER_WORDS);
+        m_image_frame.swap(m_last_image_frame);
+        m_last_image_size = FinishFrame(bytes_of(m_last_image_frame), ImageMessage, length);
     }
-    _send(m_last_image_frame);
+    _send(bytes_of(m_last_image_frame), m_last_image_size);
 }
 
 std::vector<unsigned char> VeltraneCommunicator::GetIdentityFrame() {
     return m_identity_frame;
 }
 
-void VeltraneCommunicator::_send(const std::vector<unsigned char>& frame) {
-    if (frame.empty()) return;  // too large to be built, or nothing to repeat
+void VeltraneCommunicator::_send(const unsigned char* frame, uint64_t size) {
+    if (size == 0) return;  // too large to be built, or nothing to repeat
     std::shared_ptr<NetworkController> controller;
     {
         const std::lock_guard lock(m_controller_mutex);
         controller = m_controller.lock();
     }
-    if (controller != nullptr) controller->send(frame.data(), frame.size());
+    if (controller != nullptr) controller->send(frame, size);
 }

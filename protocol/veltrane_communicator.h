@@ -48,11 +48,12 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     void _dispatch(uint16_t type, const unsigned char* payload, uint32_t length,
                    const std::function<void()>& signal, bool deliver_all);
     bool _consume(uint64_t count);
-    void _send(const std::vector<unsigned char>& frame);
+    void _send(const unsigned char* frame, uint64_t size);
 
-    std::mutex m_receive_mutex;                   // guards the next three; taken before all others
+    std::mutex m_receive_mutex;                   // guards the next four; taken before all others
     std::vector<unsigned char> m_receive_buffer;  // grows as needed, never shrinks
-    uint64_t m_fill = 0;                          // valid bytes at the start of the buffer
+    uint64_t m_begin = 0;                         // where the valid bytes begin
+    uint64_t m_fill = 0;                          // how many there are
     uint64_t m_connection = 0;                    // whose bytes they are
 
     std::mutex m_handler_mutex;  // held for one call of the handler
@@ -65,6 +66,9 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     const std::string m_firmware;
     const std::vector<unsigned char> m_identity_frame;
 
-    std::vector<uint16_t> m_image_words;  // large enough for a typical screen
-    std::vector<unsigned char> m_last_image_frame;
+    // Only the sender touches them. They swap roles with every image, so that nothing is copied or
+    // allocated; a vector of words, since these are what is encoded.
+    std::vector<uint16_t> m_image_frame;       // the next one is encoded here
+    std::vector<uint16_t> m_last_image_frame;  // the one to be repeated
+    uint64_t m_last_image_size = 0;            // its bytes; 0 when there is none
 };

@@ -183,6 +183,21 @@ TEST(VeltraneCommunicator, ExceptionLeavesTheFrame) {
     receiver.feed(frame(DataMessage, bytes("b")));
     EXPECT_EQ(taken, "ab");
 
+    // In the middle, with others before and behind it; what was taken no longer counts.
+    broken = true;
+    taken.clear();
+    receiver.SetMessageHandler([&](uint16_t, const Bytes& payload) {
+        if (payload.size() == 1 && std::exchange(broken, false))
+            throw std::runtime_error("handler");
+        taken += static_cast<char>(payload[0]);
+    });
+    const Bytes big = frame(DataMessage, Bytes(500'000, '-'));
+    const Bytes tail = frame(DataMessage, bytes("d"));
+    EXPECT_THROW(receiver.feed(big + frame(DataMessage, bytes("b")) + big + first(40, tail)),
+                 std::runtime_error);
+    receiver.feed(rest(40, tail) + big);
+    EXPECT_EQ(taken, "-b-d-");
+
     const Bytes request = frame(ConnectRequest);
     int calls = 0;
     const auto signal = [&] {
