@@ -1,6 +1,8 @@
 // What is fast gives, bit for bit, what the literal way gives.
 #include <gtest/gtest.h>
+#if defined(__x86_64__)
 #include <hwy/targets.h>
+#endif
 
 #include <cstring>
 #include <random>

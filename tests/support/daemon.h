@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -24,7 +25,8 @@ class Daemon {
   public:
     enum class Until { Detached, Started };
 
-    // Returns once the service has come so far, or has ended.
+    // Returns once the service has come so far, or has ended. GUILINK_SERVICE in the environment
+    // names another build of it, for instance an emulated one.
     explicit Daemon(Until until = Until::Started) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);  // what detaches itself becomes our child again
         int ends[2];
@@ -34,7 +36,9 @@ class Daemon {
         if (launcher == 0) {
             dup2(ends[1], STDOUT_FILENO);
             dup2(ends[1], STDERR_FILENO);
-            execl(GUILINKD, GUILINKD, nullptr);
+            const char* const other = std::getenv("GUILINK_SERVICE");
+            const char* const service = other != nullptr ? other : GUILINKD;
+            execl(service, service, nullptr);
             _exit(127);
         }
         close(ends[1]);
