@@ -67,7 +67,7 @@ uint32_t update_by_tables(uint32_t value, const unsigned char* bytes, uint64_t l
 constexpr long long power(int n) {
     uint32_t remainder = 0x80000000;
     for (; n > 0; --n) remainder = shifted(remainder);
-    return static_cast<long long>(uint64_t{remainder} << 1);
+    return static_cast<long long>(remainder) << 1;
 }
 
 // Moves 128 bits over a distance of BITS: what is added to the data there has the same remainder.

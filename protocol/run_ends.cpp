@@ -44,8 +44,6 @@ HWY_BEFORE_NAMESPACE();
 namespace {
 namespace HWY_NAMESPACE {
 
-namespace hn = hwy::HWY_NAMESPACE;
-
 #if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128
 
 size_t find_in_vectors(const uint16_t*, size_t, uint16_t*, uint16_t*, size_t&) {
@@ -53,6 +51,8 @@ size_t find_in_vectors(const uint16_t*, size_t, uint16_t*, uint16_t*, size_t&) {
 }
 
 #else
+
+namespace hn = hwy::HWY_NAMESPACE;
 
 const hn::ScalableTag<uint16_t> WIDE;
 const hn::Full128<uint16_t> EIGHT;

@@ -40,7 +40,7 @@ TEST(ControlService, OnlyCommandsAreObeyed) {
 
 std::vector<uint16_t> drawn(const Gui& gui, Scene scene = Scene::menu, const Moment& moment = {}) {
     Canvas canvas(1024, 768);
-    std::vector<uint16_t> pixels(1024 * 768);
+    std::vector<uint16_t> pixels(size_t{1024} * 768);
     draw_scene(scene, gui, canvas, moment, pixels);
     return pixels;
 }

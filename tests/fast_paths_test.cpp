@@ -57,13 +57,13 @@ void expect_literal_pictures() {
     for (const unsigned longest : {2u, 5'000u, 70'000u, 300'000u}) {
         for (int i = 0; i < 2; ++i) {
             const auto width = static_cast<uint16_t>(900 + random() % 200);
-            expect_literal(picture(random, width * 300u, longest), width, 300, 2);
+            expect_literal(picture(random, size_t{width} * 300, longest), width, 300, 2);
         }
     }
     for (const uint32_t run : {65534u, 65535u}) {
         for (const uint32_t more : {0u, 1u, 2u, 65535u, 65536u}) {
             Words pixels(run + more, 0x8001);
-            pixels.resize(3 * 65535, 0x8002);
+            pixels.resize(size_t{3} * 65535, 0x8002);
             expect_literal(pixels, 65535, 3, 2);
         }
     }

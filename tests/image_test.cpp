@@ -53,7 +53,7 @@ TEST(EncodeImage, DoublesTheWorkVectorOnlyWhereItDoesNotSuffice) {
 TEST(EncodeImage, DecodesToTheImage) {
     std::mt19937 random(1);
     for (uint16_t width = 1; width <= 300; ++width) {
-        Words pixels(width * 3u);
+        Words pixels(size_t{width} * 3);
         for (size_t i = 0; i < pixels.size();) {
             const auto value = static_cast<uint16_t>(random() % 4 * 0x0FFF);
             for (size_t end = i + 1 + random() % 40; i < end && i < pixels.size(); ++i) {

@@ -15,7 +15,6 @@ namespace {
 
 using namespace guilink::test;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 using Units = std::vector<std::unique_ptr<NetworkUnit>>;
 
