@@ -7,6 +7,7 @@
 #include <chrono>
 #include <list>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include "base/write_line.h"
@@ -16,9 +17,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr unsigned short PEER_PORT = 8399;  // TCP, where a companion listens
-constexpr auto SWEEP_INTERVAL = 1s;         // a candidate has about this long to be accepted
-constexpr size_t MAX_CANDIDATES = 32;       // each costs a socket, a thread and a MiB
+constexpr unsigned short PEER_PORT = 8399;    // TCP, where a companion listens
+constexpr auto SWEEP_INTERVAL = 1s;           // a candidate has about this long to be accepted
+constexpr size_t MAX_CANDIDATES = 32;         // each costs a socket and a thread
+constexpr size_t MAX_CANDIDATES_OF_HOST = 8;  // no host alone can keep the others out
 
 }  // namespace
 
@@ -29,9 +31,9 @@ struct NetworkController::State {
     std::atomic<bool> m_stop{false};
     std::mutex m_mutex;  // guards all below but m_worker; never held while the worker is called
 
-    Units m_candidates;            // peers of the current sweep, each told to connect
-    Units m_seekers;               // the interfaces of the current sweep
-    size_t m_candidate_count = 0;  // listed, about to be or being destroyed
+    Units m_candidates;                         // peers of the current sweep, each told to connect
+    Units m_seekers;                            // the interfaces of the current sweep
+    std::multiset<uint32_t> m_candidate_hosts;  // of those listed, about to be or being destroyed
     std::unique_ptr<NetworkUnit> m_current;
     NetworkUnit* m_pending = nullptr;  // whose bytes the worker is examining at this moment
 
@@ -90,19 +92,19 @@ void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<Ne
     if (unit == nullptr) return;
     {
         const std::lock_guard lock(state->m_mutex);
-        if (state->m_stop || state->m_candidate_count == MAX_CANDIDATES) return;
-        ++state->m_candidate_count;
+        auto& hosts = state->m_candidate_hosts;
+        if (state->m_stop || hosts.size() == MAX_CANDIDATES ||
+            hosts.count(unit->address()) == MAX_CANDIDATES_OF_HOST) {
+            return;
+        }
+        hosts.insert(unit->address());
     }
     unit->tcp_connect(PEER_PORT,
                       [state](const unsigned char* data, unsigned long length, NetworkUnit* from) {
                           _data_receive(state, data, length, from);
                       });
     const std::lock_guard lock(state->m_mutex);
-    if (state->m_stop) {
-        --state->m_candidate_count;
-        return;
-    }
-    state->m_candidates.push_back(std::move(unit));
+    if (!state->m_stop) state->m_candidates.push_back(std::move(unit));
 }
 
 void NetworkController::_data_receive(const SharedState& state, const unsigned char* data,
@@ -147,7 +149,12 @@ void NetworkController::_set_current(const SharedState& state, NetworkUnit* unit
         const std::lock_guard lock(state->m_mutex);
         const auto holds_unit = [unit](const auto& candidate) { return candidate.get() == unit; };
         const auto node = std::ranges::find_if(state->m_candidates, holds_unit);
-        if (node != state->m_candidates.end()) state->m_current.swap(*node);
+        if (node != state->m_candidates.end()) {
+            auto& hosts = state->m_candidate_hosts;
+            hosts.erase(hosts.find(unit->address()));
+            state->m_current.swap(*node);
+            if (*node != nullptr) hosts.insert((*node)->address());
+        }
     }
     _clear_all(state);
 }
@@ -188,10 +195,12 @@ void NetworkController::_clear_all(const SharedState& state) {
         candidates.splice(candidates.end(), state->m_candidates);
     }
     std::thread([state, units = std::move(candidates)]() mutable {
-        while (!units.empty()) {
-            units.pop_front();
+        for (auto& unit : units) {
+            if (unit == nullptr) continue;  // its place in the list was taken by none
+            const uint32_t host = unit->address();
+            unit.reset();
             const std::lock_guard lock(state->m_mutex);
-            --state->m_candidate_count;
+            state->m_candidate_hosts.erase(state->m_candidate_hosts.find(host));
         }
     }).detach();
 }

@@ -62,6 +62,9 @@ class NetworkUnit {
     // Whether send would find room at once.
     virtual bool writable() const = 0;
 
+    // IPv4 address in network byte order.
+    virtual uint32_t address() const = 0;
+
     NetworkUnit(const NetworkUnit&) = delete;
     NetworkUnit& operator=(const NetworkUnit&) = delete;
 

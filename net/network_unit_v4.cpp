@@ -6,8 +6,10 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 
+#include <new>
 #include <utility>
 
 #include "base/write_line.h"
@@ -21,6 +23,27 @@ constexpr int SYN_RETRANSMISSIONS = 3;    // bounds the attempt to connect
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
 }
+
+// Bytes filled with zeros that cost memory only as far as they are written to, and go straight back
+// to the system: connections that come and go leave nothing behind in the heaps of their threads.
+class ReceiveBuffer {
+  public:
+    explicit ReceiveBuffer(size_t size)
+        : m_size(size),
+          m_data(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
+        if (m_data == MAP_FAILED) throw std::bad_alloc();
+    }
+    ~ReceiveBuffer() { munmap(m_data, m_size); }
+    ReceiveBuffer(const ReceiveBuffer&) = delete;
+    ReceiveBuffer& operator=(const ReceiveBuffer&) = delete;
+
+    unsigned char* data() const { return static_cast<unsigned char*>(m_data); }
+    size_t size() const { return m_size; }
+
+  private:
+    const size_t m_size;
+    void* const m_data;
+};
 
 }  // namespace
 
@@ -127,7 +150,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
 
     // Callbacks may send on the unit that they are given.
     auto* const unit = const_cast<NetworkUnitV4*>(this);
-    std::vector<unsigned char> buffer(BUFFER_SIZE);
+    const ReceiveBuffer buffer(BUFFER_SIZE);
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};
         if (poll(&event, 1, POLL_TIMEOUT) <= 0) {

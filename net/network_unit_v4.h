@@ -28,6 +28,7 @@ class NetworkUnitV4 : public NetworkUnit {
     void join() override;
     void print_host() const override;
     bool writable() const override;
+    uint32_t address() const override { return _address; }
 
     // Thread entries; they return at once when unit is null.
     static void _ping_send_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found);

@@ -192,13 +192,28 @@ TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {
     link();
 }
 
-TEST_F(Controller, FloodOfAnswersMakesFewCandidates) {
+// Answers without end from one host, which holds all connections that it gets: another host is
+// found all the same.
+TEST_F(Controller, FloodOfAnswersKeepsNoOtherHostOut) {
+    ASSERT_EQ(std::system("ip address add 10.77.0.2/32 dev lo"), 0);
+    const Socket other(SOCK_DGRAM, "10.77.0.2", 0);
+    const Bytes acceptance = frame(ConnectRequest);
     m_companion.hear();
     for (int i = 0; i < 200; ++i) m_companion.answer();
     std::vector<Socket> candidates;
-    for (int i = 0; i < 32; ++i) candidates.push_back(m_companion.accept());
-    for (const Socket& candidate : candidates) EXPECT_TRUE(candidate.ended());
+    for (int i = 0; i < 8; ++i) candidates.push_back(m_companion.accept());
+
+    const sockaddr_in& device = m_companion.device();
+    sendto(other.fd(), acceptance.data(), acceptance.size(), 0,
+           reinterpret_cast<const sockaddr*>(&device), sizeof device);
+    const Socket connection = m_companion.accept();
+    sockaddr_in local = {};
+    socklen_t size = sizeof local;
+    getsockname(connection.fd(), reinterpret_cast<sockaddr*>(&local), &size);
+    EXPECT_EQ(local.sin_addr.s_addr, inet_addr("10.77.0.2"));
     EXPECT_FALSE(m_companion.offered());
+
+    for (const Socket& candidate : candidates) EXPECT_TRUE(candidate.ended());
     link();  // and their places are free again
 }
 
