@@ -22,15 +22,16 @@ thread_local uint64_t allocations = 0;  // of this thread
 
 }
 
-void* operator new(size_t size) {
+// Not inlined: GCC would see malloc and free where it expects a pair of operators.
+[[gnu::noinline]] void* operator new(size_t size) {
     ++allocations;
     if (void* const memory = std::malloc(size)) return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
     std::free(memory);
 }
 
