@@ -130,6 +130,13 @@ class CompanionTest : public testing::Test {
         }
     }
 
+    static Bytes next_payload(const Socket& connection, uint16_t type) {
+        while (true) {
+            const Bytes next = connection.read_frame();
+            if (type_of(next) == type) return payload_of(next);
+        }
+    }
+
     static void identify(const Socket& connection) {
         connection.write(frame(IdentityMessage, bytes("ABCDEfw2")));
     }
@@ -177,12 +184,49 @@ TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
                 testing::Not(testing::Contains(ButtonMessage)));
     identify(device);
     for (const uint8_t button : Bytes{3, 1, 2}) {
-        Bytes next;
-        do next = device.read_frame();
-        while (type_of(next) != ButtonMessage);
-        EXPECT_EQ(payload_of(next), Bytes{button});
+        EXPECT_EQ(next_payload(device, ButtonMessage), Bytes{button});
     }
     EXPECT_THAT(read_until(device, DataMessage), testing::Not(testing::Contains(ButtonMessage)));
+}
+
+TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
+    const Socket device = connect();
+    read_until(device, IdentityRequest);
+    identify(device);
+    EXPECT_TRUE(linked());
+
+    const auto text = [](size_t i) { return std::to_string(i) + std::string(4000, '.'); };
+    constexpr size_t TOO_MANY = 10'000;  // 40 MB: more than all buffers on the way
+    size_t queued = 0;
+    for (int refused = 0; refused < 50 && queued < TOO_MANY; ++refused) {
+        while (queued < TOO_MANY && m_companion.send_text(text(queued))) ++queued;
+        device.write(frame(DataMessage));  // it lives, it only does not read
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_LT(queued, TOO_MANY);
+    EXPECT_FALSE(m_companion.send_text(std::string(Companion::MAX_TEXT + 1, 'x')));
+    for (size_t i = 0; i < queued; ++i) {
+        device.write(frame(DataMessage));
+        ASSERT_EQ(next_payload(device, DataMessage), bytes(text(i)));
+    }
+}
+
+TEST_F(CompanionTest, AnswersNothingButAnIdentity) {
+    const Bytes identity = frame(IdentityMessage, bytes("ABCDEfw2"));
+    Bytes damaged = identity;
+    damaged.back() ^= 1;
+    std::vector<Socket> searches;
+    for (const Bytes& datagram : {Bytes{}, bytes("?"), damaged, identity + bytes("?"),
+                                  identity + identity, frame(ConnectRequest), identity}) {
+        const sockaddr_in companion = ipv4("127.0.0.1", 3152);
+        searches.emplace_back(SOCK_DGRAM, "127.0.0.1", 0);
+        sendto(searches.back().fd(), datagram.data(), datagram.size(), 0,
+               reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
+    }
+    EXPECT_EQ(searches.back().read_some(), frame(ConnectRequest));
+    searches.pop_back();
+    // They came first, and would have been answered first.
+    for (const Socket& search : searches) EXPECT_FALSE(search.readable(0ms));
 }
 
 TEST_F(CompanionTest, TakesTheNewestThatSpeaksAndRefusesOtherDevices) {
@@ -216,7 +260,7 @@ TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
         identify(device);
         EXPECT_TRUE(linked());
         if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
-        device.reset();
+        if (i != 1) device.reset();  // the second one only falls silent
         EXPECT_TRUE(wait_until([this] {
             const std::lock_guard lock(m_mutex);
             return !m_status.linked;

@@ -68,7 +68,7 @@ bool Companion::press(uint8_t button) {
 }
 
 bool Companion::send_text(const std::string& text) {
-    return enqueue({DataMessage, {text.begin(), text.end()}});
+    return text.size() <= MAX_TEXT && enqueue({DataMessage, {text.begin(), text.end()}});
 }
 
 bool Companion::enqueue(Message message) {
@@ -201,14 +201,14 @@ void Companion::talk(Connection& connection) {
     connection.next_words = now + (connection.answered ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
 }
 
+// As many as the device takes; the others go on waiting.
 void Companion::send_waiting() {
     if (m_link == nullptr || !m_link->answered) return;
-    std::deque<Message> messages;
-    {
-        const std::lock_guard lock(m_waiting_mutex);
-        messages.swap(m_waiting);
+    const std::lock_guard lock(m_waiting_mutex);
+    while (!m_waiting.empty() && !m_link->wants_to_write() && !m_link->ended()) {
+        m_link->send(m_waiting.front().type, m_waiting.front().payload);
+        m_waiting.pop_front();
     }
-    for (const Message& message : messages) m_link->send(message.type, message.payload);
 }
 
 void Companion::drop_ended() {

@@ -42,7 +42,7 @@ class Companion {
     using Payload = std::shared_ptr<const std::vector<unsigned char>>;
 
     // Called on the companion's own thread, one at a time; each may be empty. They must not block
-    // for long, nor destroy the companion.
+    // for long, nor throw, nor destroy the companion.
     struct Handlers {
         std::function<void(const LinkStatus&)> status;  // whenever it has changed
         std::function<void(const Payload&)> image;      // each image, repeats included
@@ -56,8 +56,10 @@ class Companion {
     Companion(const Companion&) = delete;
     Companion& operator=(const Companion&) = delete;
 
-    // Both keep what they are given, in order, until there is a link. From any thread. False when
-    // too much is waiting already; it is then lost.
+    static constexpr size_t MAX_TEXT = 4096;  // bytes; far more than a line, and all can wait
+
+    // Both keep what they are given, in order, until there is a link that takes it. From any
+    // thread. False when too much is waiting already, or the text is too long; it is then lost.
     bool press(uint8_t button);
     bool send_text(const std::string& text);
 

@@ -14,11 +14,13 @@ namespace {
 
 constexpr uint16_t DISCOVERY_PORT = 3152;  // UDP, where devices look for companions
 
+// The frame, and nothing besides.
 bool is_identity(std::span<const unsigned char> datagram) {
     bool identity = false;
-    FrameReader reader;
-    reader.feed(datagram, [&](uint16_t type, auto) { identity = type == IdentityMessage; });
-    return identity && reader.skipped() == 0;
+    FrameReader().feed(datagram, [&](uint16_t type, auto payload) {
+        identity = type == IdentityMessage && HEADER_SIZE + payload.size() == datagram.size();
+    });
+    return identity;
 }
 
 }  // namespace

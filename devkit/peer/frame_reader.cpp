@@ -17,15 +17,15 @@ void FrameReader::feed(std::span<const unsigned char> bytes, const FrameCallback
 // True when something has been consumed and it is worth looking on.
 bool FrameReader::parse(const FrameCallback& on_frame) {
     const auto rest = std::span<const unsigned char>(m_buffer).subspan(m_begin);
+    if (rest.size() < STARTING_SEQUENCE.size()) return false;
     const void* const start =
         memmem(rest.data(), rest.size(), STARTING_SEQUENCE.data(), STARTING_SEQUENCE.size());
     if (start == nullptr) {
         // A start sequence may have begun in the last bytes.
-        const size_t keep = std::min(rest.size(), STARTING_SEQUENCE.size() - 1);
-        skip(rest.size() - keep);
+        m_begin += rest.size() - (STARTING_SEQUENCE.size() - 1);
         return false;
     }
-    skip(static_cast<size_t>(static_cast<const unsigned char*>(start) - rest.data()));
+    m_begin += static_cast<size_t>(static_cast<const unsigned char*>(start) - rest.data());
 
     const auto frame = std::span<const unsigned char>(m_buffer).subspan(m_begin);
     if (frame.size() < HEADER_SIZE) return false;
@@ -36,24 +36,19 @@ bool FrameReader::parse(const FrameCallback& on_frame) {
     std::memcpy(&length, &frame[LENGTH_OFFSET], sizeof length);
     std::memcpy(&type, &frame[TYPE_OFFSET], sizeof type);
     if (length > MAX_SIZE) {
-        skip(STARTING_SEQUENCE.size());
+        m_begin += STARTING_SEQUENCE.size();
         return true;
     }
     if (frame.size() < HEADER_SIZE + length) return false;
 
     const auto payload = frame.subspan(HEADER_SIZE, length);
     if (Crc32(payload.data(), payload.size()) != checksum) {
-        skip(HEADER_SIZE + length);
+        m_begin += HEADER_SIZE + length;
         return true;
     }
     m_begin += HEADER_SIZE + length;
     on_frame(type, payload);
     return true;
-}
-
-void FrameReader::skip(size_t count) {
-    m_begin += count;
-    m_skipped += count;
 }
 
 }  // namespace guilink

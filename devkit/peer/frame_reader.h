@@ -1,7 +1,7 @@
 // Finds the frames in a device's stream of bytes. What precedes a start sequence, a header that
-// announces more than any device sends and a frame whose checksum is wrong are skipped and counted;
-// a damaged frame by its announced length, so that the work stays linear in the bytes received.
-// Holds at most one incomplete frame, about 1 MiB.
+// announces more than any device sends and a frame whose checksum is wrong are skipped; a damaged
+// frame by its announced length, so that the work stays linear in the bytes received. Holds at most
+// one incomplete frame, about 1 MiB.
 #pragma once
 
 #include <cstdint>
@@ -19,15 +19,11 @@ class FrameReader {
     // Takes the next bytes of the stream and calls on_frame for each frame that they complete.
     void feed(std::span<const unsigned char> bytes, const FrameCallback& on_frame);
 
-    uint64_t skipped() const { return m_skipped; }  // bytes that belonged to no valid frame
-
   private:
     bool parse(const FrameCallback& on_frame);
-    void skip(size_t count);
 
     std::vector<unsigned char> m_buffer;
     size_t m_begin = 0;  // of what has not been looked at, in the buffer
-    uint64_t m_skipped = 0;
 };
 
 }  // namespace guilink

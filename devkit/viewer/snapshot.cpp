@@ -35,10 +35,13 @@ class Heard {
         m_changed.notify_all();
     }
 
+    // Until so many images are there, and it is known whose: from then on presses go out at once.
     // Returns how many images there are then.
     uint64_t wait_for_images(uint64_t count) {
         std::unique_lock lock(m_mutex);
-        if (!m_changed.wait_until(lock, m_deadline, [&] { return m_images >= count; })) {
+        if (!m_changed.wait_until(lock, m_deadline, [&] {
+                return m_images >= count && !m_status.identity.empty();
+            })) {
             throw std::runtime_error(
                 m_status.identity.empty()
                     ? "no device has linked in time; is guilinkd running in this network?"
