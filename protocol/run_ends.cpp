@@ -57,19 +57,28 @@ namespace hn = hwy::HWY_NAMESPACE;
 const hn::ScalableTag<uint16_t> WIDE;
 const hn::Full128<uint16_t> EIGHT;
 constexpr size_t LANES = hn::MaxLanes(WIDE);
-constexpr size_t BLOCK = 2 * LANES;  // skipped at once where nothing ends
-static_assert(LANES <= RUN_ENDS_SLACK);
+constexpr size_t BLOCK = 32;  // pixels, skipped at once where no run ends
+static_assert(BLOCK % LANES == 0 && LANES <= RUN_ENDS_SLACK);
 
 template <class Tag>
 HWY_INLINE auto opaque(Tag tag, hn::Vec<Tag> pixels) {
     return hn::Ne(hn::And(pixels, hn::Set(tag, 0xFFFF - TRANSPARENT_MAX)), hn::Zero(tag));
 }
 
-// The lanes whose pixel differs from the next one.
-HWY_INLINE auto ends_at(const uint16_t* pixels) {
-    const auto pixel = hn::LoadU(WIDE, pixels);
-    const auto next = hn::LoadU(WIDE, pixels + 1);
-    return hn::And(hn::Ne(pixel, next), opaque(WIDE, hn::Or(pixel, next)));
+// The lanes in which two pixels do not belong to one run.
+template <class Tag>
+HWY_INLINE auto differ(Tag tag, hn::Vec<Tag> pixels, hn::Vec<Tag> others) {
+    return hn::And(hn::Ne(pixels, others), opaque(tag, hn::Or(pixels, others)));
+}
+
+// Whether all pixels of a block and the one behind it belong to one run.
+HWY_INLINE bool one_run(const uint16_t* block) {
+    const auto first = hn::Set(WIDE, block[0]);
+    auto other = differ(WIDE, first, hn::LoadU(WIDE, block + 1));
+    for (size_t i = LANES; i < BLOCK; i += LANES) {
+        other = hn::Or(other, differ(WIDE, first, hn::LoadU(WIDE, block + 1 + i)));
+    }
+    return hn::AllFalse(WIDE, other);
 }
 
 template <class Tag>
@@ -83,11 +92,10 @@ size_t find_in_vectors(const uint16_t* HWY_RESTRICT pixels, size_t count,
                        uint16_t* HWY_RESTRICT ends, uint16_t* HWY_RESTRICT values, size_t& done) {
     size_t found = 0;
     for (; done + BLOCK <= count; done += BLOCK) {
-        if (hn::AllFalse(WIDE, hn::Or(ends_at(pixels + done), ends_at(pixels + done + LANES)))) {
-            continue;
-        }
+        if (one_run(pixels + done)) continue;
         for (size_t i = done; i < done + BLOCK; i += LANES) {
-            const auto mask = ends_at(pixels + i);
+            const auto mask =
+                differ(WIDE, hn::LoadU(WIDE, pixels + i), hn::LoadU(WIDE, pixels + i + 1));
 #if HWY_TARGET == HWY_AVX3_DL
             const auto end = hn::Iota(WIDE, static_cast<uint16_t>(i + 1));
             // Not CompressStore: some processors take a hundred cycles to compress into memory.

@@ -69,22 +69,23 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
                                           const std::function<void()>& signal, bool deliver_all) {
     const std::lock_guard lock(m_receive_mutex);
     // What a dead connection left must not swallow the first words of the next one.
-    if (m_connection != connection_serial()) m_fill = 0;
+    if (m_connection != connection_serial()) m_begin = m_end;
     m_connection = connection_serial();
 
-    if (m_fill + count > MAX_SIZE) {
+    const uint64_t left = m_end - m_begin;
+    if (left + count > MAX_SIZE) {
         write_line(STDERR_FILENO, "VeltraneCommunicator: buffer overloaded!");
-        m_fill = 0;
+        m_begin = m_end;
         return;
     }
     // What the last call left behind its last frame moves once, not once for every frame.
     if (m_begin != 0) {
-        std::memmove(m_receive_buffer.data(), m_receive_buffer.data() + m_begin, m_fill);
+        std::memmove(m_receive_buffer.data(), m_receive_buffer.data() + m_begin, left);
         m_begin = 0;
     }
-    if (m_fill + count > m_receive_buffer.size()) m_receive_buffer.resize(m_fill + count);
-    std::copy_n(data, count, m_receive_buffer.begin() + static_cast<ptrdiff_t>(m_fill));
-    m_fill += count;
+    m_end = left + count;
+    if (m_end > m_receive_buffer.size()) m_receive_buffer.resize(m_end);
+    std::copy_n(data, count, m_receive_buffer.begin() + static_cast<ptrdiff_t>(left));
 
     while (true) {
         const std::function<void()> copy = signal;
@@ -94,29 +95,31 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
 
 // True when a frame has been consumed and bytes remain.
 bool VeltraneCommunicator::_parse_frame(const std::function<void()>& signal, bool deliver_all) {
-    if (m_fill < STARTING_SEQUENCE.size()) return false;
+    if (m_end - m_begin < STARTING_SEQUENCE.size()) return false;
     const unsigned char* const begin = m_receive_buffer.data() + m_begin;
-    const unsigned char* const frame = find_start(begin, m_fill);
+    const unsigned char* const frame = find_start(begin, m_end - m_begin);
     if (frame == nullptr) {
-        m_fill = 0;  // with a start sequence that may have begun at the end; meant
+        m_begin = m_end;  // with a start sequence that may have begun at the end; meant
         return false;
     }
-    _consume(static_cast<uint64_t>(frame - begin));
-    if (m_fill < HEADER_SIZE) return false;
+    if (frame != begin) m_begin += static_cast<uint64_t>(frame - begin);
+    const uint64_t left = m_end - m_begin;
+    if (left < HEADER_SIZE) return false;
 
     const auto length = read_field<uint32_t>(frame + LENGTH_OFFSET);
     const uint64_t size = HEADER_SIZE + uint64_t{length};
     if (size > MAX_SIZE) {
-        m_fill = 0;
+        m_begin = m_end;
         return false;
     }
-    if (m_fill < size) return false;
+    if (left < size) return false;
     if (Crc32(frame + HEADER_SIZE, length) == read_field<uint32_t>(frame + CHECKSUM_OFFSET)) {
         _dispatch(read_field<uint16_t>(frame + TYPE_OFFSET), frame + HEADER_SIZE, length, signal,
                   deliver_all);
     }
     // A damaged frame is skipped by its announced length, which is trusted all the same; meant.
-    return _consume(size);
+    m_begin += size;
+    return m_begin != m_end;
 }
 
 void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload, uint32_t length,
@@ -139,13 +142,6 @@ void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload
         default:
             write_line(STDERR_FILENO, "VeltraneCommunicator: received unsupported message type");
     }
-}
-
-// Drops count bytes, which are there, from the front; false when none remain.
-bool VeltraneCommunicator::_consume(uint64_t count) {
-    m_begin += count;
-    m_fill -= count;
-    return m_fill != 0;
 }
 
 void VeltraneCommunicator::SetController(const std::shared_ptr<NetworkController>& controller) {

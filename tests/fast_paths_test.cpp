@@ -4,13 +4,35 @@
 #include <hwy/targets.h>
 #endif
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <random>
 
 #include "protocol/crc32.h"
 #include "protocol/image.h"
+#include "protocol/veltrane_communicator.h"
 #include "tests/support/literal_crc32.h"
 #include "tests/support/literal_encoder.h"
+#include "tests/support/raw_companion.h"
+
+namespace {
+
+thread_local uint64_t allocations = 0;  // of this thread
+
+}
+
+void* operator new(size_t size) {
+    ++allocations;
+    if (void* const memory = std::malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
@@ -94,6 +116,38 @@ TEST(FastPaths, ChecksumAsByTheTable) {
                       crc32_literally(bytes.data() + offset, length));
         }
     }
+}
+
+TEST(FastPaths, NothingIsAllocatedForAFrame) {
+    const test::LastThreadsEnd last_threads_end;
+    test::RawCompanion companion;
+    const auto communicator = std::make_shared<VeltraneCommunicator>("11111", "fw1.1");
+    std::atomic<int> messages{0};
+    communicator->SetMessageHandler([&](uint16_t, const test::Bytes&) { ++messages; });
+    const auto controller = std::make_shared<NetworkController>(communicator);
+    communicator->SetController(controller);
+    test::Bytes request = test::frame(ConnectRequest);
+    const test::Bytes button = test::frame(ButtonMessage);  // only the link's comes through
+    request.insert(request.end(), button.begin(), button.end());
+    const test::Socket link = companion.link(request, [&] { return messages > 0; });
+    const test::Bytes alive = test::frame(ControlMessage);
+    const test::Chatter chatter(link, alive);
+
+    std::mt19937 random(1);
+    const Words pixels = picture(random, 10'000, 300);
+    communicator->OnDataReceived(alive.data(), alive.size(), {}, true);
+    const uint64_t before = allocations;
+    ASSERT_GT(before, 0u);  // they are counted
+    for (int i = 0; i < 10; ++i) {
+        communicator->SendImage(pixels.data(), 100, 100);
+        communicator->SendImage(nullptr, 0, 0);
+        communicator->OnDataReceived(alive.data(), alive.size(), {}, true);
+    }
+    EXPECT_EQ(allocations - before, 0u);
+    // They did go out.
+    const test::Bytes image = link.read_frame();
+    EXPECT_EQ(test::type_of(image), ImageMessage);
+    for (int i = 1; i < 20; ++i) EXPECT_EQ(link.read_frame(), image);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 namespace guilink {
 
-inline uint64_t encode_literally(const uint16_t* pixels, uint16_t width, uint16_t height,
+[[gnu::noinline]] inline uint64_t encode_literally(const uint16_t* pixels, uint16_t width, uint16_t height,
                                  std::vector<uint16_t>& words) {
     words[0] = width;
     words[1] = height;

@@ -1,0 +1,135 @@
+#!/usr/bin/env bash
+# package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the two packages of the folder
+# PACKAGES in a throw-away Debian with network, devices and a systemd of its own. BASE is a folder for
+# the system underneath, made when it is missing and never changed. Takes root.
+set -euo pipefail
+here=$(realpath "${BASH_SOURCE[0]%/*}")
+
+fail() {
+    echo "package_test: $1" >&2
+    exit 1
+}
+
+# The innermost half: makes the throw-away system around BASE and becomes its systemd.
+if [[ ${1-} == --boot ]]; then
+    base=$2 root=$3
+    mount -t tmpfs throw-away "$root"
+    mkdir "$root"/{changes,work,system}
+    layers=lowerdir=$base,upperdir=$root/changes,workdir=$root/work
+    root+=/system
+    mount -t overlay -o "$layers" guilink "$root"
+    mount -t proc proc "$root/proc"
+    mount -t sysfs -o ro sysfs "$root/sys"
+    mount -t cgroup2 cgroup "$root/sys/fs/cgroup"
+    mount -t tmpfs run "$root/run"
+    mount -t tmpfs -o mode=755 dev "$root/dev"
+    for node in null zero full random urandom tty; do
+        touch "$root/dev/$node"
+        mount --bind /dev/$node "$root/dev/$node"
+    done
+    mkdir "$root"/dev/{pts,shm}
+    truncate -s 4G "$root/dev/mem"
+    ip link set lo up
+    ip link add guilink0 type veth peer name guilink1
+    ip address add 10.77.0.1/24 broadcast + dev guilink0
+    ip link set guilink0 up
+    ip link set guilink1 up
+    exec chroot "$root" /usr/bin/env -i container=guilink PATH=/usr/sbin:/usr/bin:/sbin:/bin \
+        /lib/systemd/systemd --show-status=no
+fi
+
+packages=$(realpath "$1")
+base=$2
+((EUID == 0)) || fail "installing packages into a system of their own takes root"
+
+if [[ ! -e $base/etc/debian_version ]]; then
+    rm -rf "$base.new"
+    needs=systemd-sysv,libcairo2,libpng16-16,libhwy-dev,fonts-dejavu-core,procps
+    debootstrap --variant=minbase --include=$needs bookworm "$base.new" >&2
+    mv "$base.new" "$base"
+fi
+base=$(realpath "$base")
+
+# A mount namespace and a control group of its own, which goes last.
+if [[ ${3-} != --private ]]; then
+    exec unshare --mount "$0" "$packages" "$base" --private
+fi
+scratch=$(mktemp -d)
+mkdir "$scratch"/{groups,root}
+mount -t cgroup2 groups "$scratch/groups"
+group=$scratch/groups/guilink-package-test.$$
+mkdir "$group"
+namespaces=(--mount --net --ipc --uts --pid --cgroup --fork --kill-child)
+(
+    echo $BASHPID >"$group/cgroup.procs"
+    exec unshare "${namespaces[@]}" "$0" --boot "$base" "$scratch/root"
+) &
+launcher=$!
+trap 'kill -KILL $launcher; wait $launcher 2>/dev/null || true
+      wait_for "" rmdir_groups; umount "$scratch/groups"; rm -rf "$scratch"' EXIT
+rmdir_groups() { find "$group" -depth -type d -exec rmdir {} + 2>/dev/null; }
+
+wait_for() { # MESSAGE COMMAND...: until it succeeds; that it will is what is tested
+    local try
+    for ((try = 0; try < 600; ++try)); do
+        if "${@:2}" >/dev/null 2>&1; then return; fi
+        sleep 0.1
+    done
+    fail "$1"
+}
+inside() { nsenter --all --root --wd --target "$(pgrep --parent $launcher)" "$@"; }
+installs() { tar -C "${1%/*}" -c "${1##*/}" | inside tar -C /tmp -x && inside dpkg -i "/tmp/${1##*/}"; }
+main_pid() { inside systemctl show --property=MainPID --value guilinkd; }
+runs_anew() { # OLD PID: the service runs as another process
+    inside systemctl is-active guilinkd && [[ $(main_pid) != "$1" ]]
+}
+
+wait_for "systemd does not start" inside systemctl is-active multi-user.target
+
+# Installed: running, enabled, with nothing to complain about.
+inside systemctl is-enabled guilinkd 2>/dev/null && fail "it is there before it is installed"
+installs "$packages"/guilink-devkit_*.deb
+installs "$packages"/guilinkd_*.deb
+inside systemctl is-active guilinkd
+inside systemctl is-enabled guilinkd
+complaints=$(inside systemd-analyze verify --man=no guilinkd.service 2>&1) || true
+[[ ! $complaints ]] || fail "$complaints"
+[[ $(inside cat "/proc/$(main_pid)/comm") == guilinkd ]] || fail "the main process is another"
+
+# In use, with no more than the unit allows it.
+inside systemd-run --quiet --unit=core guilink-core
+inside guilink-viewer --snapshot /tmp/picture.png --press 1 --timeout 60
+inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "no line in the journal"
+
+# After an abnormal end it comes back.
+old=$(main_pid)
+inside kill -ABRT "$old"
+wait_for "it does not come back after an abnormal end" runs_anew "$old"
+
+# An upgrade replaces the running service.
+newer=$scratch/newer
+dpkg-deb -R "$packages"/guilinkd_*.deb "$newer"
+sed -i 's/^Version: .*/&+1/' "$newer/DEBIAN/control"
+dpkg-deb -b "$newer" "$scratch/guilinkd_newer.deb" >/dev/null
+old=$(main_pid)
+installs "$scratch/guilinkd_newer.deb"
+runs_anew "$old" || fail "the upgrade left the old service running"
+
+# Stopped in order; disabled it stays so.
+inside systemctl stop guilinkd
+[[ $(inside systemctl show --property=Result,ExecMainStatus --value guilinkd) == $'success\n0' ]] ||
+    fail "it does not stop with status 0"
+
+# Removed while running, and purged: nothing is left.
+inside systemctl start guilinkd
+inside dpkg --purge guilinkd
+wait_for "it runs on after its removal" [ ! "$(inside pgrep -x guilinkd)" ]
+left=$(inside find /etc /lib /usr /var/lib/systemd -name '*guilinkd*')
+[[ ! $left ]] || fail "left behind: $left"
+
+# The devkit's library serves a build elsewhere.
+dpkg-deb -x "$packages"/guilink-devkit_*.deb "$scratch/devkit"
+cmake -S "$here/package" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$scratch/devkit/usr" >/dev/null
+cmake --build "$scratch/build"
+"$scratch/build/companion"
+echo "all passed"
