@@ -1,5 +1,7 @@
 #include "devkit/peer/connection.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +16,11 @@ namespace {
 
 constexpr size_t MAX_OUTGOING = 65536;  // bytes; far above all that is said in a second
 
+void switch_on(int descriptor, int option) {
+    const int on = 1;
+    setsockopt(descriptor, IPPROTO_TCP, option, &on, sizeof on);
+}
+
 bool worth_another_try() {
     return errno == EAGAIN || errno == EINTR;
 }
@@ -21,7 +28,9 @@ bool worth_another_try() {
 }  // namespace
 
 Connection::Connection(int descriptor, uint32_t address)
-    : m_descriptor(descriptor), m_address(address) {}
+    : m_descriptor(descriptor), m_address(address) {
+    switch_on(descriptor, TCP_NODELAY);  // or a press waits 40 ms behind a keep-alive
+}
 
 Connection::~Connection() {
     close(m_descriptor);
@@ -30,6 +39,9 @@ Connection::~Connection() {
 void Connection::receive(const FrameReader::FrameCallback& on_frame) {
     std::array<unsigned char, 65536> chunk;
     const ssize_t count = recv(m_descriptor, chunk.data(), chunk.size(), 0);
+    // The device holds the end of an image back until what went before is acknowledged, which can
+    // take 40 ms. The system forgets this wish now and then.
+    switch_on(m_descriptor, TCP_QUICKACK);
     if (count > 0) {
         m_last_received = Clock::now();
         m_reader.feed({chunk.data(), static_cast<size_t>(count)}, on_frame);

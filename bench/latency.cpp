@@ -1,0 +1,209 @@
+// guilink-latency LINK [SECONDS]: how long a frame takes from push_frame to the companion, and a
+// button from the companion to the device's control service, with the real service and companion in
+// one process. Only inside the sandbox. Prints one line for each figure, separated by tabs: link,
+// subject, figure, value.
+#include <poll.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "bench/pictures.h"
+#include "devkit/core/control_service.h"
+#include "devkit/peer/companion.h"
+#include "devkit/peer/image_decoder.h"
+#include "link/com_lib_interface.h"
+
+namespace {
+
+using namespace guilink;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+constexpr auto LIMIT = 30s;             // for anything that will happen
+constexpr auto FRAME_TIME = 1s / 60.0;  // of a core that draws 60 frames a second
+constexpr int ROUNDS = 200;             // of single frames and buttons
+constexpr double SECONDS = 5;           // for each part of the measurement
+
+struct Arrival {
+    Clock::time_point received;
+    Clock::time_point decoded;
+};
+
+// The companion, as far as it is timed: when the image with a stamp was there. The stamp is the
+// first pixel, the only one that travels as it is.
+class Watch {
+  public:
+    void take(const Companion::Payload& payload) {
+        const auto received = Clock::now();
+        decode_image(*payload, m_image);
+        const std::lock_guard lock(m_mutex);
+        m_arrivals.try_emplace(m_image.pixels.at(0), Arrival{received, Clock::now()});
+        m_changed.notify_all();
+    }
+    Arrival wait(uint16_t stamp) {
+        std::unique_lock lock(m_mutex);
+        if (!m_changed.wait_for(lock, LIMIT, [&] { return m_arrivals.contains(stamp); })) {
+            throw std::runtime_error("guilink-latency: a frame did not arrive");
+        }
+        return m_arrivals.at(stamp);
+    }
+    std::map<uint16_t, Arrival> take_all() {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_arrivals, {});
+    }
+
+  private:
+    Image m_image;  // touched by the companion's thread alone
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::map<uint16_t, Arrival> m_arrivals;
+};
+
+class Report {
+  public:
+    Report(std::string link, double seconds)
+        : m_link(std::move(link)),
+          m_time(
+              std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
+    }
+    Clock::duration time() const { return m_time; }  // for each part
+    void figure(const std::string& subject, const std::string& name, double value) const {
+        std::cout << m_link << '\t' << subject << '\t' << name << '\t' << value << '\n';
+    }
+    // In milliseconds.
+    void spread(const std::string& subject, const std::string& name,
+                std::vector<double> values) const {
+        if (values.empty()) return;
+        std::ranges::sort(values);
+        figure(subject, name + " median", values[values.size() / 2]);
+        figure(subject, name + " p99", values[values.size() * 99 / 100]);
+    }
+
+  private:
+    const std::string m_link;
+    const Clock::duration m_time;
+};
+
+double since(Clock::time_point start, Clock::time_point end) {
+    return Milliseconds(end - start).count();
+}
+
+// Frames are stamped with numbers that are used once.
+class Device {
+  public:
+    Device() : m_facade("11111", "fw1.1") {}
+
+    uint16_t push(Picture& picture) {
+        picture.pixels[0] = m_stamp = static_cast<uint16_t>(0x8000 | (m_stamp + 1));
+        const std::shared_ptr<unsigned char> bytes(
+            std::shared_ptr<void>(), reinterpret_cast<unsigned char*>(picture.pixels.data()));
+        m_facade.push_frame(bytes, picture.size());
+        return m_stamp;
+    }
+
+  private:
+    ComLibInterface m_facade;
+    uint16_t m_stamp = 0;
+};
+
+void link_up(Device& device, Watch& watch, Picture& picture) {
+    const auto end = Clock::now() + LIMIT;
+    while (watch.take_all().empty()) {
+        if (Clock::now() > end) throw std::runtime_error("guilink-latency: no link");
+        device.push(picture);
+        std::this_thread::sleep_for(10ms);
+    }
+    // Till the last of them is there.
+    watch.wait(device.push(picture));
+}
+
+void one_by_one(Device& device, Watch& watch, Picture& picture, const Report& report) {
+    std::vector<double> received;
+    std::vector<double> decoded;
+    const auto end = Clock::now() + report.time();
+    for (int i = 0; i == 0 || (i < ROUNDS && Clock::now() < end); ++i) {
+        const auto start = Clock::now();
+        const Arrival arrival = watch.wait(device.push(picture));
+        received.push_back(since(start, arrival.received));
+        decoded.push_back(since(start, arrival.decoded));
+        std::this_thread::sleep_for(2ms);
+        watch.take_all();
+    }
+    report.spread(picture.name, "received", received);
+    report.spread(picture.name, "decoded", decoded);
+}
+
+// What is shown, at full rate, is how old when it appears, and when the next one replaces it?
+void flooded(Device& device, Watch& watch, Picture& picture, const Report& report) {
+    std::map<uint16_t, Clock::time_point> pushed;
+    const auto start = Clock::now();
+    uint16_t last = 0;
+    for (auto next = start; next <= start + report.time();
+         next += std::chrono::duration_cast<Clock::duration>(FRAME_TIME)) {
+        std::this_thread::sleep_until(next);
+        const auto now = Clock::now();
+        pushed[last = device.push(picture)] = now;
+    }
+    watch.wait(last);
+    std::vector<double> young;
+    std::vector<double> old;
+    Clock::time_point shown;
+    for (const auto& [stamp, arrival] : watch.take_all()) {
+        if (!pushed.contains(stamp)) continue;
+        if (!young.empty()) old.push_back(since(shown, arrival.received));
+        shown = pushed[stamp];
+        young.push_back(since(shown, arrival.received));
+    }
+    report.spread(picture.name, "age when shown", young);
+    report.spread(picture.name, "age when replaced", old);
+    report.figure(picture.name, "frames a second",
+                  static_cast<double>(young.size()) * 1000 / since(start, Clock::now()));
+}
+
+void buttons(Companion& companion, ControlService& control, const Report& report) {
+    std::vector<double> times;
+    const auto end = Clock::now() + report.time();
+    for (int i = 0; i == 0 || (i < ROUNDS && Clock::now() < end); ++i) {
+        const auto start = Clock::now();
+        companion.press(static_cast<uint8_t>(i % 16));
+        pollfd event = {control.descriptor(), POLLIN, 0};
+        if (poll(&event, 1, 10'000) != 1) throw std::runtime_error("guilink-latency: no button");
+        times.push_back(since(start, Clock::now()));
+        control.next();
+        std::this_thread::sleep_for(2ms);
+    }
+    report.spread("button", "sent on", times);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    if (argc < 2) throw std::runtime_error("usage: guilink-latency LINK [SECONDS]; in the sandbox");
+    const Report report(argv[1], argc > 2 ? std::stod(argv[2]) : SECONDS);
+
+    ControlService control;
+    Watch watch;
+    Companion companion({.status = {},
+                         .image = [&](const Companion::Payload& payload) { watch.take(payload); },
+                         .text = {}});
+    Device device;
+    std::vector<Picture> pictures = draw_pictures(1280, 960);
+    link_up(device, watch, pictures.front());
+    for (Picture& picture : pictures) {
+        if (picture.name == "noise") continue;  // too large for a message
+        one_by_one(device, watch, picture, report);
+        flooded(device, watch, picture, report);
+    }
+    buttons(companion, control, report);
+} catch (const std::exception& error) {
+    std::cerr << error.what() << '\n';
+    return 1;
+}

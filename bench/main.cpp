@@ -1,0 +1,18 @@
+#include <benchmark/benchmark.h>
+
+#include "bench/measures.h"
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+
+    std::vector<guilink::Picture> pictures = guilink::draw_pictures(1280, 960);
+    for (guilink::Picture& small : guilink::draw_pictures(1024, 768)) {
+        pictures.push_back(std::move(small));
+    }
+    guilink::measure_encoding(pictures);
+    guilink::measure_checksum(pictures);
+    guilink::measure_reassembly();
+    guilink::measure_whole_frame(pictures);
+    benchmark::RunSpecifiedBenchmarks();
+}

@@ -1,0 +1,43 @@
+#include "bench/pictures.h"
+
+#include <random>
+
+#include "devkit/core/scenes.h"
+
+namespace guilink {
+
+namespace {
+
+void draw_text(Canvas& canvas) {
+    constexpr int LINE = 34;  // units of a 1280 x 960 screen
+    canvas.fill({0, 0, 1280, 960}, 0, {0.05, 0.05, 0.1});
+    std::string line;
+    for (int i = 0; i < 4; ++i) line += "The quick brown fox jumps over the lazy dog. ";
+    for (int y = LINE; y < 960; y += LINE) canvas.text(8 - y, y, 27, line + line, {1, 1, 1});
+}
+
+}  // namespace
+
+std::vector<Picture> draw_pictures(uint16_t width, uint16_t height) {
+    Canvas canvas(width, height);
+    const Gui gui("11111");
+    const Moment moment = {.frame = 1, .seconds = 1, .clock = "12:00:00"};
+    const auto blank = [&](const std::string& name) {
+        return Picture{name, width, height, std::vector<uint16_t>(size_t{width} * height)};
+    };
+    const auto drawn = [&](const std::string& name, Scene scene) {
+        Picture picture = blank(name);
+        draw_scene(scene, gui, canvas, moment, picture.pixels);
+        return picture;
+    };
+    std::vector<Picture> pictures = {
+        blank("blank"), drawn("overlay", Scene::overlay),   drawn("menu", Scene::menu),
+        blank("text"),  drawn("gradient", Scene::gradient), blank("noise")};
+    draw_text(canvas);
+    canvas.read(pictures[3].pixels);
+    std::mt19937 random(1);
+    for (uint16_t& pixel : pictures[5].pixels) pixel = static_cast<uint16_t>(random());
+    return pictures;
+}
+
+}  // namespace guilink

@@ -1,0 +1,144 @@
+#!/usr/bin/env python3
+"""report.py FOLDER CHART: tables of what scripts/bench measured, and a chart of the encoding.
+
+Times are processor times: medians of interleaved rounds, of the run in which a ratio was best."""
+
+import collections
+import glob
+import json
+import sys
+
+SCENES = ["blank", "overlay", "menu", "text", "gradient", "noise"]
+SIZES = ["1280x960", "1024x768"]
+
+
+def read_runs(folder):
+    """[{benchmark: median processor time in ns}], one for each run."""
+    runs = []
+    for path in sorted(glob.glob(folder + "/*.json")):
+        with open(path, encoding="utf-8") as file:
+            runs.append(
+                {
+                    result["run_name"]: result["cpu_time"]
+                    for result in json.load(file)["benchmarks"]
+                    if result.get("aggregate_name") == "median"
+                }
+            )
+    return runs
+
+
+def table(heading, rows):
+    print("\n| " + " | ".join(heading) + " |")
+    print("|" + "---|" * len(heading))
+    for row in rows:
+        print("| " + " | ".join(row) + " |")
+
+
+def report_speed(runs):
+    def time(name):
+        return min(run[name] for run in runs)
+
+    def best(ours, theirs):
+        """How often ours fits into theirs."""
+        return max(run[theirs] / run[ours] for run in runs)
+
+    for size in SIZES:
+        print(f"\n{size}, one frame, in microseconds and as a ratio to encode:")
+        ways = ["read", "memcpy", "encode", "encode-avx2", "lz4", "literal"]
+        rows = []
+        for scene in SCENES:
+            names = [f"{scene}/{size}/{way}" for way in ways]
+            cells = [
+                f"{time(name) / 1000:.0f}"
+                + ("" if name == names[2] else f" ({best(names[2], name):.2g} ×)")
+                for name in names
+                if name in runs[0]
+            ]
+            rows.append([scene] + cells)
+        table(["scene"] + [way for way in ways if f"menu/{size}/{way}" in runs[0]], rows)
+
+    print("\nGoals, as ratios of times, both sides in one run:")
+    rows = []
+
+    def goal(what, ours, theirs, least):
+        reached = best(ours, theirs)
+        verdict = "yes" if reached >= least * 0.95 else "**no**"
+        rows.append([what, f"{least:.3g}", f"{reached:.3g}", verdict])
+
+    for scene, least in [("menu", 7), ("gradient", 12), ("text", 5.5), ("blank", 18), ("noise", 2)]:
+        name = f"{scene}/1280x960/"
+        goal(f"literal / encode, {scene}", name + "encode", name + "literal", least)
+    for scene, most in [("menu", 1.4), ("text", 1.8)]:
+        name = f"{scene}/1280x960/"
+        goal(f"memcpy / encode, caches cold, {scene}", name + "encode-cold", name + "memcpy-cold", 1 / most)
+    for scene in ["menu", "gradient", "text"]:
+        name = f"{scene}/1280x960/"
+        goal(f"LZ4 / encode, {scene}", name + "encode", name + "lz4", 4)
+    for length in [16, 256, 4096, 131072, 1048576]:
+        goal(f"zlib / checksum of {length} bytes", f"checksum/{length}/crc32", f"checksum/{length}/zlib", 1)
+    goal("literal / service, a menu frame", "frame-menu-1280/service", "frame-menu-1280/literal", 4)
+    goal("bare loop / reassembly", "reassembly/communicator", "reassembly/bare-loop", 0.5)
+    goal("bare loop with lock / reassembly", "reassembly/communicator", "reassembly/locked-loop", 0.5)
+    table(["ratio", "at least", "reached", ""], rows)
+
+
+def report_latency(path):
+    figures = collections.defaultdict(dict)
+    columns = []
+    with open(path, encoding="utf-8") as file:
+        for line in file:
+            if line.count("\t") != 3:
+                continue  # the service's own lines
+            link, subject, figure, value = line.rstrip("\n").split("\t")
+            figures[link, subject][figure] = f"{float(value):.3g}"
+            if figure not in columns:
+                columns.append(figure)
+    print("\nLatency, in milliseconds:")
+    rows = [list(key) + [values.get(name, "") for name in columns] for key, values in figures.items()]
+    table(["link", "of"] + columns, rows)
+
+
+def draw(runs, path):
+    """Bars: microseconds for one frame of each scene, 1280x960."""
+    ways = [
+        ("memcpy", "memcpy of the frame", "#9aa5b1"),
+        ("encode", "encode", "#1f77b4"),
+        ("lz4", "LZ4", "#e0a030"),
+        ("literal", "literal encoder", "#c0504d"),
+    ]
+    bar, left, width = 14, 90, 560
+    longest = max(run[f"{scene}/1280x960/literal"] for scene in SCENES for run in runs) / 1000
+    parts = []
+    y = 40
+    for scene in SCENES:
+        parts.append(f'<text x="{left - 8}" y="{y + 2 * bar + 4}" text-anchor="end">{scene}</text>')
+        for way, _, colour in ways:
+            time = min(run[f"{scene}/1280x960/{way}"] for run in runs) / 1000
+            length = time / longest * width
+            parts.append(f'<rect x="{left}" y="{y}" width="{length:.1f}" height="{bar - 2}" fill="{colour}"/>')
+            parts.append(f'<text x="{left + length + 4:.1f}" y="{y + bar - 4}">{time:.0f} µs</text>')
+            y += bar
+        y += bar
+    x = left
+    for _, label, colour in ways:
+        parts.append(f'<rect x="{x}" y="12" width="12" height="12" fill="{colour}"/>')
+        parts.append(f'<text x="{x + 17}" y="22">{label}</text>')
+        x += 50 + 6.5 * len(label)
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(
+            f'<svg xmlns="http://www.w3.org/2000/svg" width="{left + width + 80}" height="{y}" '
+            'font-family="sans-serif" font-size="11">\n<rect width="100%" height="100%" fill="white"/>\n'
+        )
+        file.write("\n".join(parts) + "\n</svg>\n")
+
+
+def main():
+    folder, chart = sys.argv[1:]
+    runs = read_runs(folder)
+    report_speed(runs)
+    report_latency(folder + "/latency.tsv")
+    draw(runs, chart)
+    print(f"\nThe chart is in {chart}.")
+
+
+main()
