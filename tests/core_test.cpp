@@ -6,6 +6,8 @@
 #include "devkit/core/control_service.h"
 #include "devkit/core/frame_memory.h"
 #include "devkit/core/scenes.h"
+#include "protocol/frame.h"
+#include "protocol/image.h"
 
 namespace guilink {
 namespace {
@@ -62,6 +64,22 @@ TEST(Scenes, DifferAndMove) {
          {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise, Scene::sweep}) {
         EXPECT_TRUE(seen.insert(drawn(gui, scene)).second);
         EXPECT_TRUE(seen.insert(drawn(gui, scene, {64, 1, "12:00:00"})).second);
+    }
+}
+
+// A larger one is silently not sent.
+TEST(Scenes, FitIntoAMessage) {
+    const Gui gui("11111");
+    for (const uint16_t width : {uint16_t{1280}, uint16_t{1024}}) {
+        Canvas canvas(width, static_cast<uint16_t>(width * 3 / 4));
+        std::vector<uint16_t> pixels(size_t{canvas.width()} * canvas.height());
+        std::vector<uint16_t> words(2);
+        for (const Scene scene :
+             {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise, Scene::sweep}) {
+            draw_scene(scene, gui, canvas, {}, pixels);
+            EXPECT_LE(EncodeImage(pixels.data(), canvas.width(), canvas.height(), words), MAX_SIZE)
+                << "width " << width << ", scene " << static_cast<int>(scene);
+        }
     }
 }
 

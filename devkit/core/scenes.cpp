@@ -47,11 +47,11 @@ void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& momen
             });
         case Scene::noise: {
             std::minstd_rand random(static_cast<uint32_t>(moment.frame + 1));
-            // Of a size that still fits a message: every run is four pixels long.
+            // Runs of five pixels: with shorter ones the larger size would not fit into a message.
             uint32_t value = 0;
             return paint(canvas, pixels, [&](uint32_t x, uint32_t) {
-                if (x % 8 == 0) value = static_cast<uint32_t>(random());
-                return 0x8000 | value >> (x % 8 < 4 ? 0 : 8);
+                if (x % 5 == 0) value = static_cast<uint32_t>(random());
+                return 0x8000 | value;
             });
         }
         case Scene::sweep: {
