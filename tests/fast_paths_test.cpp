@@ -109,7 +109,7 @@ TEST(FastPaths, EncodeLiterallyWithAnyInstructions) {
 TEST(FastPaths, ChecksumAsByTheTable) {
     std::mt19937 random(1);
     for (uint64_t length = 0; length < 1'000; ++length) {
-        for (const size_t offset : {0, 1, 7, 15}) {
+        for (const size_t offset : {0u, 1u, 7u, 15u}) {
             std::vector<unsigned char> bytes(offset + length);
             for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(random());
             ASSERT_EQ(Crc32(bytes.data() + offset, length),

@@ -7,8 +7,8 @@
 
 namespace guilink {
 
-[[gnu::noinline]] inline uint64_t encode_literally(const uint16_t* pixels, uint16_t width, uint16_t height,
-                                 std::vector<uint16_t>& words) {
+[[gnu::noinline]] inline uint64_t encode_literally(const uint16_t* pixels, uint16_t width,
+                                                   uint16_t height, std::vector<uint16_t>& words) {
     words[0] = width;
     words[1] = height;
     const uint32_t count = uint32_t{width} * height;
