@@ -88,9 +88,9 @@ void take_snapshot(const SnapshotOptions& options) {
     Companion companion({[&](const LinkStatus& status) { heard.status(status); },
                          [&](const Companion::Payload& payload) { heard.image(payload); },
                          {}});
-    uint64_t images = heard.wait_for_images(1);
+    const uint64_t images = heard.wait_for_images(1);
     for (const uint8_t button : options.presses) companion.press(button);
-    images = heard.wait_for_images(images + options.frames);
+    heard.wait_for_images(images + options.frames);
 
     Image image;
     decode_image(*heard.newest(), image);
