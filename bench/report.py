@@ -83,19 +83,18 @@ def report_speed(runs):
 
 
 def report_latency(path):
-    figures = collections.defaultdict(dict)
-    columns = []
+    figures = {"frame": collections.defaultdict(dict), "button": collections.defaultdict(dict)}
     with open(path, encoding="utf-8") as file:
         for line in file:
             if line.count("\t") != 3:
                 continue  # the service's own lines
             link, subject, figure, value = line.rstrip("\n").split("\t")
-            figures[link, subject][figure] = f"{float(value):.3g}"
-            if figure not in columns:
-                columns.append(figure)
+            kind = figures["button" if subject == "button" else "frame"]
+            kind[link, subject][figure] = f"{float(value):.{1 if float(value) >= 100 else 2}f}"
     print("\nLatency, in milliseconds:")
-    rows = [list(key) + [values.get(name, "") for name in columns] for key, values in figures.items()]
-    table(["link", "of"] + columns, rows)
+    for kind in figures.values():
+        rows = [list(key) + list(values.values()) for key, values in kind.items()]
+        table(["link", "of"] + list(next(iter(kind.values()))), rows)
 
 
 def draw(runs, path):
