@@ -18,7 +18,7 @@ void measure_checksum(const std::vector<Picture>& pictures) {
                 for ([[maybe_unused]] auto round : state) {
                     benchmark::DoNotOptimize(way(bytes, length));
                 }
-                state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * length));
+                state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(length));
             });
         };
         add("crc32", Crc32);

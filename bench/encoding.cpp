@@ -34,7 +34,7 @@ void add(const Picture& picture, const std::string& name, Way way) {
                 benchmark::ClobberMemory();
             }
             state.counters["result"] = static_cast<double>(result);
-            state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * picture.size()));
+            state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(picture.size()));
         });
 }
 
