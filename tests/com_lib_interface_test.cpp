@@ -62,6 +62,7 @@ class LinkedFacade : public testing::Test {
         }
     }
 
+    LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
     std::optional<ComLibInterface> m_facade{std::in_place, "A1B2C", "fw1.1"};
     Socket m_link;
