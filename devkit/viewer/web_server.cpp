@@ -131,20 +131,21 @@ int open_listener(const std::string& where) {
     const std::string port = where.substr(colon + 1);
     const bool number = !port.empty() && port.size() <= 5 &&
                         port.find_first_not_of("0123456789") == std::string::npos;
-    if (!number || std::stoul(port) > UINT16_MAX) fail("its port is none");
+    if (!number || std::stoul(port) > UINT16_MAX) fail("its port must be a number up to 65535");
 
     error_code error;
     const tcp::endpoint endpoint(asio::ip::make_address(address, error),
                                  static_cast<uint16_t>(std::stoul(port)));
-    if (error) fail("its address is none");
+    if (error) fail("its address must be a number, such as 127.0.0.1 or [::1]");
     asio::io_context context;
     tcp::acceptor acceptor(context);
-    acceptor.open(endpoint.protocol());
-    acceptor.set_option(tcp::acceptor::reuse_address(true));
-    acceptor.bind(endpoint, error);
+    acceptor.open(endpoint.protocol(), error);
+    if (!error) acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+    if (!error) acceptor.bind(endpoint, error);
     if (!error) acceptor.listen(asio::socket_base::max_listen_connections, error);
-    if (error)
+    if (error == asio::error::address_in_use)
         fail(error.message() + "; is another viewer running? Choose another port with --listen");
+    if (error) fail(error.message() + "; choose another address with --listen");
     return acceptor.release();
 }
 
