@@ -210,6 +210,13 @@ class Page(Loop):
             press()
             self.wait(lambda: self.hash() != before)
 
+        # Let go after Shift, "+" is another key by name.
+        self.assertEqual(self.browser.execute_script(
+            "const key = (type, key) => dispatchEvent(new KeyboardEvent(type, {key, code: 'Equal'}));"
+            "const down = () => document.querySelectorAll('#pad .down').length;"
+            "key('keydown', '+'); const held = down(); key('keyup', '='); return [held, down()]"),
+            [1, 0])
+
         times = [self.browser.execute_async_script(PRESS_LATENCY, i % 2) for i in range(30)]
         print(f"page_test: from a click to its pixels {statistics.median(times):.0f} ms at the median")
 

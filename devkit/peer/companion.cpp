@@ -96,6 +96,7 @@ void Companion::wait() {
     std::vector<pollfd> events = {{m_wake, POLLIN, 0},
                                   {m_answerer.descriptor(), POLLIN, 0},
                                   {m_listener.descriptor(), POLLIN, 0}};
+    if (Clock::now() < m_next_accept) events[2].events = 0;
     for (const Connection& connection : m_connections) {
         const bool writes = connection.wants_to_write();
         events.push_back(
@@ -127,7 +128,10 @@ void Companion::accept_connection() {
     socklen_t size = sizeof device;
     const int descriptor = accept4(m_listener.descriptor(), reinterpret_cast<sockaddr*>(&device),
                                    &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor < 0) return;
+    if (descriptor < 0) {  // where none is left, asking again at once would be all that is done
+        m_next_accept = Clock::now() + REQUEST_INTERVAL;
+        return;
+    }
     const uint32_t address = device.sin_addr.s_addr;
     if (m_link != nullptr && m_link->address() != address) {
         close(descriptor);

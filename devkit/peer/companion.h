@@ -90,6 +90,7 @@ class Companion {
     std::list<Connection> m_connections;  // oldest first
     Connection* m_link = nullptr;         // one of them
     LinkStatus m_status;
+    Clock::time_point m_next_accept = {};
 
     std::mutex m_waiting_mutex;
     std::deque<Message> m_waiting;  // guarded by m_waiting_mutex

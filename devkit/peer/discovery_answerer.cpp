@@ -13,6 +13,7 @@ namespace guilink {
 namespace {
 
 constexpr uint16_t DISCOVERY_PORT = 3152;  // UDP, where devices look for companions
+constexpr int MAX_AT_ONCE = 64;            // datagrams; a flood must not keep the link waiting
 
 // The frame, and nothing besides.
 bool is_identity(std::span<const unsigned char> datagram) {
@@ -38,7 +39,7 @@ DiscoveryAnswerer::DiscoveryAnswerer() : m_socket(AF_INET, SOCK_DGRAM | SOCK_NON
 
 void DiscoveryAnswerer::answer(const std::function<bool(uint32_t)>& wanted) const {
     static const std::vector<unsigned char> acceptance = BuildFrame(ConnectRequest, nullptr, 0);
-    while (true) {
+    for (int i = 0; i < MAX_AT_ONCE; ++i) {
         std::array<unsigned char, 2048> datagram;
         sockaddr_in sender = {};
         socklen_t size = sizeof sender;

@@ -18,8 +18,8 @@ class DiscoveryAnswerer {
 
     int descriptor() const { return m_socket.descriptor(); }  // readable when broadcasts are there
 
-    // Answers all broadcasts that are there and whose device (IPv4 address, network byte order) is
-    // wanted. Never blocks.
+    // Takes the broadcasts that are there, and answers those whose device (IPv4 address, network
+    // byte order) is wanted. Never blocks, and leaves a flood for the next call.
     void answer(const std::function<bool(uint32_t)>& wanted) const;
 
   private:

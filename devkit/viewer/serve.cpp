@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 #include <stdexcept>
 
 #include "devkit/peer/companion.h"
@@ -55,24 +56,31 @@ void serve(const ServeOptions& options) {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    // The server must outlive the companion, which publishes to it; what the page presses before
-    // the companion is there is lost.
-    std::atomic<Companion*> companion{nullptr};
+    // The server must outlive the companion, which publishes to it; what the page presses while the
+    // companion is not there is lost.
+    std::mutex mutex;  // guards companion, and its life while the page presses
+    Companion* companion = nullptr;
     WebServer server(listener, labels,
                      {[&](uint8_t button) {
-                          if (Companion* const link = companion) link->press(button);
+                          const std::lock_guard lock(mutex);
+                          if (companion != nullptr) companion->press(button);
                       },
                       [&](const std::string& text) {
-                          if (Companion* const link = companion) link->send_text(text);
+                          const std::lock_guard lock(mutex);
+                          if (companion != nullptr) companion->send_text(text);
                       }});
     Companion link({[&](const LinkStatus& status) { server.publish_status(status); },
                     [&](const Companion::Payload& payload) { server.publish_image(payload); },
                     {}});
-    companion = &link;
+    {
+        const std::lock_guard lock(mutex);
+        companion = &link;
+    }
     std::cout << "The device's screen is shown on " << server.url() << std::endl;
 
     int signal = 0;
     sigwait(&signals, &signal);
+    const std::lock_guard lock(mutex);
     companion = nullptr;
 }
 

@@ -61,11 +61,11 @@ class Heard {
     void print() {
         const std::lock_guard lock(m_mutex);
         const std::chrono::duration<double> time = m_last_time - m_first_time;
+        const double rate = m_images > 1 ? static_cast<double>(m_images - 1) / time.count() : 0;
         std::cout << "device    " << m_status.address << '\n'
                   << "identity  " << m_status.identity << '\n'
                   << "firmware  " << m_status.firmware << '\n'
-                  << std::fixed << std::setprecision(1) << "frames    "
-                  << static_cast<double>(m_images - 1) / time.count() << " a second\n"
+                  << std::fixed << std::setprecision(1) << "frames    " << rate << " a second\n"
                   << "size      " << m_bytes / m_images << " bytes a frame\n";
     }
 

@@ -10,6 +10,7 @@
 #include <boost/asio.hpp>
 #include <boost/beast.hpp>
 #include <chrono>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
@@ -130,25 +131,26 @@ int open_listener(const std::string& where) {
     const std::string port = where.substr(colon + 1);
     const bool number = !port.empty() && port.size() <= 5 &&
                         port.find_first_not_of("0123456789") == std::string::npos;
-    if (!number || std::stoul(port) > UINT16_MAX) fail("its port is none");
+    if (!number || std::stoul(port) > UINT16_MAX) fail("its port must be a number up to 65535");
 
     error_code error;
     const tcp::endpoint endpoint(asio::ip::make_address(address, error),
                                  static_cast<uint16_t>(std::stoul(port)));
-    if (error) fail("its address is none");
+    if (error) fail("its address must be a number, such as 127.0.0.1 or [::1]");
     asio::io_context context;
     tcp::acceptor acceptor(context);
-    acceptor.open(endpoint.protocol());
-    acceptor.set_option(tcp::acceptor::reuse_address(true));
-    acceptor.bind(endpoint, error);
+    acceptor.open(endpoint.protocol(), error);
+    if (!error) acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+    if (!error) acceptor.bind(endpoint, error);
     if (!error) acceptor.listen(asio::socket_base::max_listen_connections, error);
-    if (error)
+    if (error == asio::error::address_in_use)
         fail(error.message() + "; is another viewer running? Choose another port with --listen");
+    if (error) fail(error.message() + "; choose another address with --listen");
     return acceptor.release();
 }
 
-// All of it runs on the one thread of the event loop, but for the constructor, stop and the posting
-// of what is published.
+// All of it runs on the one thread of the event loop, but for the constructor, stop and what
+// publishes.
 class WebServer::Implementation {
   public:
     Implementation(int listener, std::string labels, Handlers handlers)
@@ -185,7 +187,21 @@ class WebServer::Implementation {
         return address.ss_family == AF_INET6 ? tcp::v6() : tcp::v4();
     }
 
+    // What has been published and not taken yet. A newer image replaces it, so that a device that
+    // is faster than the event loop leaves no backlog.
+    struct Published {
+        Companion::Payload image;
+        uint64_t skipped = 0;  // images replaced
+        std::optional<LinkStatus> status;
+        bool told = false;  // the event loop will take it
+    };
+
     void accept();
+    void tell();
+    void take_published();
+
+    std::mutex m_published_mutex;
+    Published m_published;  // guarded by m_published_mutex
 
     asio::io_context m_context{1};
     tcp::acceptor m_acceptor;
@@ -194,7 +210,7 @@ class WebServer::Implementation {
     const Handlers m_handlers;
     std::set<std::shared_ptr<PageSession>> m_pages;
     LinkStatus m_status;
-    Companion::Payload m_newest;  // for a page that has just come; empty while there is no link
+    Companion::Payload m_newest;  // for a page that has just come; of this link alone
     std::thread m_thread;
 };
 
@@ -222,7 +238,7 @@ class WebServer::Implementation::PageSession
             if (self->m_server.m_pages.size() >= MAX_PAGES) return self->close();
             self->m_server.m_pages.insert(self);
             self->offer_status();
-            if (self->m_server.m_newest) self->offer_image(self->m_server.m_newest);
+            if (self->m_server.m_newest) self->offer_image(self->m_server.m_newest, 0);
             self->read();
         });
     }
@@ -232,8 +248,9 @@ class WebServer::Implementation::PageSession
         write();
     }
 
-    void offer_image(const Companion::Payload& payload) {
-        if (m_image != nullptr) ++m_skipped;
+    // skipped: images that came before this one and were never offered.
+    void offer_image(const Companion::Payload& payload, uint64_t skipped) {
+        m_skipped += skipped + (m_image != nullptr);
         m_image = payload;
         write();
     }
@@ -369,18 +386,39 @@ void WebServer::Implementation::accept() {
 }
 
 void WebServer::Implementation::publish_image(const Companion::Payload& payload) {
-    asio::post(m_context, [this, payload] {
-        m_newest = payload;
-        for (const auto& page : m_pages) page->offer_image(payload);
-    });
+    const std::lock_guard lock(m_published_mutex);
+    m_published.skipped += m_published.image != nullptr;
+    m_published.image = payload;
+    tell();
 }
 
 void WebServer::Implementation::publish_status(const LinkStatus& status) {
-    asio::post(m_context, [this, status] {
-        m_status = status;
-        if (!status.linked) m_newest = nullptr;
+    const std::lock_guard lock(m_published_mutex);
+    m_published.status = status;
+    if (!status.linked) m_published.image = nullptr;
+    tell();
+}
+
+void WebServer::Implementation::tell() {
+    if (std::exchange(m_published.told, true)) return;
+    asio::post(m_context, [this] { take_published(); });
+}
+
+void WebServer::Implementation::take_published() {
+    Published published;
+    {
+        const std::lock_guard lock(m_published_mutex);
+        published = std::exchange(m_published, {});
+    }
+    if (published.status) {
+        m_status = *published.status;
+        m_newest = nullptr;
         for (const auto& page : m_pages) page->offer_status();
-    });
+    }
+    if (published.image != nullptr) {
+        m_newest = published.image;
+        for (const auto& page : m_pages) page->offer_image(m_newest, published.skipped);
+    }
 }
 
 WebServer::WebServer(int listener, std::string labels, Handlers handlers)

@@ -60,16 +60,19 @@ export function makeButtons(pad, labels, press) {
     if (event.target.closest?.('button') && ['Enter', ' '].includes(event.key)) return undefined;
     return labels.find(({ key }) => key && key.toLowerCase() === event.key.toLowerCase());
   };
+  // By its place on the keyboard: a key let go after Shift no longer has the name it went down with.
+  const keys = new Map(); // code -> label entry
   addEventListener('keydown', (event) => {
     const entry = entryOf(event);
     if (!entry) return;
     event.preventDefault();
-    if (!event.repeat) down(entry);
+    if (event.repeat) return;
+    keys.set(event.code, entry);
+    down(entry);
   });
-  addEventListener('keyup', (event) => {
-    for (const entry of [...held.keys()]) {
-      if (entry.key?.toLowerCase() === event.key.toLowerCase()) up(entry);
-    }
+  addEventListener('keyup', ({ code }) => {
+    if (keys.has(code)) up(keys.get(code));
+    keys.delete(code);
   });
   addEventListener('blur', () => [...held.keys()].forEach(up));
 }
