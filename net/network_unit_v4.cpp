@@ -18,7 +18,7 @@ namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; no byte for longer, and the peer is gone
 constexpr timeval SEND_TIMEOUT = {3, 0};  // a send that finds no room for longer has failed
-constexpr int SYN_RETRANSMISSIONS = 3;    // bounds the attempt to connect
+constexpr int SYN_RETRANSMISSIONS = 3;    // of an attempt to connect; SEND_TIMEOUT bounds it, too
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
