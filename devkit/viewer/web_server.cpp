@@ -36,6 +36,7 @@ constexpr auto PAGE_TIMEOUT = std::chrono::seconds(10);  // a silent browser is 
 constexpr auto ACCEPT_RETRY = std::chrono::milliseconds(100);  // when no descriptor is left
 constexpr size_t MAX_REQUEST_HEADER = 8192;                    // bytes
 constexpr size_t MAX_PAGES = 256;                              // browsers at a time
+constexpr size_t MAX_VISITORS = 256;  // other connections; the link needs descriptors, too
 // A frame waits in the session, where a newer one replaces it, rather than in the kernel.
 constexpr int SEND_BUFFER = 131072;  // bytes; two or three frames of a menu
 constexpr int UNSENT_LOW = 16384;    // bytes
@@ -200,6 +201,9 @@ class WebServer::Implementation {
     void tell();
     void take_published();
 
+    // Outlives all sessions, which the context below may be the last to hold.
+    size_t m_visitors = 0;
+
     std::mutex m_published_mutex;
     Published m_published;  // guarded by m_published_mutex
 
@@ -339,7 +343,12 @@ class WebServer::Implementation::HttpSession
     : public std::enable_shared_from_this<WebServer::Implementation::HttpSession> {
   public:
     HttpSession(Implementation& server, tcp::socket socket)
-        : m_server(server), m_stream(std::move(socket)) {}
+        : m_server(server), m_stream(std::move(socket)) {
+        ++m_server.m_visitors;
+    }
+    ~HttpSession() { --m_server.m_visitors; }
+    HttpSession(const HttpSession&) = delete;
+    HttpSession& operator=(const HttpSession&) = delete;
 
     void read() {
         m_parser.emplace();
@@ -377,7 +386,8 @@ class WebServer::Implementation::HttpSession
 void WebServer::Implementation::accept() {
     m_acceptor.async_accept([this](error_code error, tcp::socket socket) {
         if (!error) {
-            std::make_shared<HttpSession>(*this, std::move(socket))->read();
+            if (m_visitors < MAX_VISITORS)
+                std::make_shared<HttpSession>(*this, std::move(socket))->read();
             return accept();
         }
         m_retry.expires_after(ACCEPT_RETRY);
