@@ -68,8 +68,11 @@ VeltraneCommunicator::VeltraneCommunicator(const std::string& device_id,
 void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t count,
                                           const std::function<void()>& signal, bool deliver_all) {
     const std::lock_guard lock(m_receive_mutex);
-    // What a dead connection left must not swallow the first words of the next one.
-    if (m_connection != connection_serial()) m_begin = m_end;
+    // What a dead connection left must not swallow the first words of the next one, nor stay.
+    if (m_connection != connection_serial()) {
+        std::vector<unsigned char>().swap(m_receive_buffer);
+        m_begin = m_end = 0;
+    }
     m_connection = connection_serial();
 
     const uint64_t left = m_end - m_begin;

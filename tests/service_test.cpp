@@ -4,16 +4,13 @@
 #include <atomic>
 #include <random>
 
-#include "devkit/ambaipc/caller.h"
-#include "ipc/ipc_gui_fetcher.h"
+#include "tests/support/core.h"
 #include "tests/support/daemon.h"
 
 namespace {
 
 using namespace guilink;
 using namespace guilink::test;
-
-constexpr uint32_t FRAME_SIZE = 1'572'864;  // 1024 x 768
 
 void write_settings(const std::string& text) {
     std::ofstream("/tmp/FL0/kel.ini") << text;
@@ -23,46 +20,13 @@ Bytes identity(const std::string& id) {
     return frame(IdentityMessage, bytes(id + "fw1.1"));
 }
 
-// The real-time core, as far as the service sees it. Each call tells whether the service took it.
-class Core {
-  public:
-    // Offers what lies at an address as a frame.
-    bool push(uint64_t address) {
-        Bytes argument(12);
-        std::memcpy(&argument[0], &address, sizeof address);
-        std::memcpy(&argument[8], &FRAME_SIZE, sizeof FRAME_SIZE);
-        return call(m_gui, argument);
-    }
-
-    bool send_qr_body(const std::string& body) {
-        Bytes argument = bytes(body);
-        argument.push_back(0);
-        return call(m_qr, argument);
-    }
-
-  private:
-    static bool call(AmbaipcCaller& caller, const Bytes& argument) {
-        _AMBA_IPC_SVC_RESULT_s_ result = {};
-        try {
-            caller.call(0, argument, result);
-            return true;
-        } catch (const std::runtime_error&) {
-            return false;
-        }
-    }
-
-    AmbaipcCaller m_gui{IPC_PROG_GUI_BUF, IPC_SVC_VERSION};
-    AmbaipcCaller m_qr{IPC_PROG_QR_BODY, IPC_SVC_VERSION};
-};
-
 // Everything at once for as long as it lives: frames at full speed, and a companion that links
 // whenever it can, keeps alive, asks and presses.
 class Load {
   public:
-    Load() : m_core([this] { push(); }), m_peer([this] { talk(); }) {}
+    Load() : m_peer([this] { talk(); }) {}
     ~Load() {
         m_stop = true;
-        m_core.join();
         m_peer.join();
     }
     Load(const Load&) = delete;
@@ -71,13 +35,6 @@ class Load {
     bool images_arrive() const { return m_images > 0; }
 
   private:
-    void push() {
-        Core core;
-        for (uint64_t i = 0; !m_stop; ++i) {
-            if (!core.push(0x10000000 + i % 3 * 0x1000000)) std::this_thread::sleep_for(1ms);
-        }
-    }
-
     void talk() {
         RawCompanion companion;
         while (!m_stop) {
@@ -99,7 +56,7 @@ class Load {
 
     std::atomic<bool> m_stop{false};
     std::atomic<int> m_images{0};
-    std::thread m_core;
+    const Frames m_frames;
     std::thread m_peer;
 };
 
@@ -148,7 +105,7 @@ TEST(Service, LinksAgainAfterTheLinkIsLost) {
         while (!link.readable(20ms)) {
             link.write(frame(ConnectRequest));
             link.write(frame(ControlMessage));
-            core.push(0x10000000);
+            core.push();
         }
         EXPECT_EQ(type_of(link.read_frame()), ImageMessage);
         if (i == 0) link.reset();
@@ -199,7 +156,7 @@ TEST(Service, TermEndsItWithStatus0UnderFullLoad) {
     for (int i = 0; i < (rounds != nullptr ? std::stoi(rounds) : 5); ++i) {
         Daemon daemon(Daemon::Until::Detached);
         Core core;
-        ASSERT_TRUE(wait_until([&] { return core.push(0x10000000); }));
+        ASSERT_TRUE(wait_until([&] { return core.push(); }));
         std::this_thread::sleep_for(random() % 3000 * 1ms);
         ASSERT_EQ(daemon.terminate(), 0) << daemon.output();
     }

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,8 +27,10 @@ class Daemon {
     enum class Until { Detached, Started };
 
     // Returns once the service has come so far, or has ended. GUILINK_SERVICE in the environment
-    // names another build of it, for instance an emulated one.
-    explicit Daemon(Until until = Until::Started) {
+    // names another build of it, for instance an emulated one. change_streams is called just before
+    // the service takes this process's place.
+    explicit Daemon(
+        Until until = Until::Started, const std::function<void()>& change_streams = [] {}) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);  // what detaches itself becomes our child again
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
@@ -36,6 +39,7 @@ class Daemon {
         if (launcher == 0) {
             dup2(ends[1], STDOUT_FILENO);
             dup2(ends[1], STDERR_FILENO);
+            change_streams();
             const char* const other = std::getenv("GUILINK_SERVICE");
             const char* const service = other != nullptr ? other : GUILINKD;
             execl(service, service, nullptr);
@@ -81,6 +85,21 @@ class Daemon {
         return status();
     }
 
+    // What it holds at this moment.
+    struct Level {
+        size_t threads;
+        size_t descriptors;
+        size_t memory;  // KiB that are its own: RssAnon
+    };
+    Level level() const {
+        std::ifstream status(process() + "status");
+        size_t memory = 0;
+        for (std::string word; memory == 0 && status >> word;) {
+            if (word == "RssAnon:") status >> memory;
+        }
+        return {entries("task"), entries("fd"), memory};
+    }
+
     // All that the service has written so far.
     std::string output() {
         const std::lock_guard lock(m_mutex);
@@ -101,10 +120,16 @@ class Daemon {
         }
     }
 
+    std::string process() const { return "/proc/" + std::to_string(m_pid) + "/"; }
+
+    size_t entries(const char* directory) const {
+        const std::filesystem::directory_iterator all(process() + directory);
+        return static_cast<size_t>(std::distance(begin(all), end(all)));
+    }
+
     // The keep-alive thread is the last that start-up makes.
     bool started() const {
-        const auto tasks = "/proc/" + std::to_string(m_pid) + "/task";
-        for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        for (const auto& task : std::filesystem::directory_iterator(process() + "task")) {
             std::ifstream file(task.path() / "comm");
             std::string name;
             if (file >> name && name == "keep-alive") return true;

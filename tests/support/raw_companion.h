@@ -62,7 +62,7 @@ class Socket {
     explicit Socket(int descriptor = -1) : m_descriptor(descriptor) {}
     enum class Use { Listen, Connect };
     Socket(int type, const char* address, uint16_t port, Use use = Use::Listen)
-        : Socket(socket(AF_INET, type, 0)) {
+        : Socket(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
         const int on = 1;
         setsockopt(m_descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         const sockaddr_in local = ipv4(address, port);
@@ -236,7 +236,7 @@ class RawCompanion {
     // The next connection, which must come without a further answer.
     Socket accept() const {
         if (!m_listener.readable(LIMIT)) throw std::runtime_error("the device does not connect");
-        return Socket(::accept(m_listener.fd(), nullptr, nullptr));
+        return Socket(accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
     }
 
     Socket connection() {
@@ -257,6 +257,9 @@ class RawCompanion {
         }
         throw std::runtime_error("the device does not accept");
     }
+
+    // No connection is offered any more.
+    void refuse() { m_listener.close(); }
 
     bool offered() const { return m_listener.readable(0ms); }
 

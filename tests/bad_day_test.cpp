@@ -1,0 +1,424 @@
+// The service among peers that misbehave, on networks that fail. After each trouble it must link to
+// a good companion, hold no more than before, and end with status 0.
+//
+// Where GUILINK_QUIET is set, the machine has nothing else to do, and the promised times are asked
+// for.
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <array>
+#include <random>
+
+#include "devkit/peer/companion.h"
+#include "tests/support/core.h"
+#include "tests/support/daemon.h"
+
+namespace {
+
+using namespace guilink;
+using namespace guilink::test;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep what is freed
+#else
+constexpr size_t MEMORY_SLACK = 256;  // KiB
+#endif
+
+std::chrono::milliseconds relink_limit() {
+    return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
+}
+
+void run(const std::string& command) {
+    if (std::system(command.c_str()) != 0) throw std::runtime_error(command + " has failed");
+}
+
+// A host of its own at the other end of the device's cable.
+class FarHost {
+  public:
+    FarHost() : m_near(open_namespace()) {
+        unshare(CLONE_NEWNET);
+        m_far = open_namespace();
+        setns(m_near, CLONE_NEWNET);
+        const std::string own = std::to_string(getpid());
+        run("ip link set guilink1 netns /proc/" + own + "/fd/" + std::to_string(m_far));
+        setns(m_far, CLONE_NEWNET);
+        run("ip address add 10.77.0.2/24 dev guilink1");
+        run("ip link set guilink1 up");
+        setns(m_near, CLONE_NEWNET);
+    }
+
+    // Sockets that action makes are that host's.
+    template <typename Action>
+    auto inside(const Action& action) const {
+        setns(m_far, CLONE_NEWNET);
+        auto result = action();
+        setns(m_near, CLONE_NEWNET);
+        return result;
+    }
+
+  private:
+    static int open_namespace() { return open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); }
+
+    const int m_near;
+    int m_far;
+};
+
+// One on the far host that behaves.
+class GoodCompanion {
+  public:
+    explicit GoodCompanion(const FarHost& host)
+        : m_companion(host.inside([this] {
+              const auto count = [this](const LinkStatus& status) {
+                  if (!status.linked) m_images = 0;
+              };
+              return std::make_unique<Companion>(
+                  Companion::Handlers{count, [this](const auto&) { ++m_images; }, {}});
+          })) {}
+
+    // Of the present link.
+    int images() const { return m_images; }
+    bool linked_within(std::chrono::milliseconds limit) const {
+        return wait_until([this] { return images() > 0; }, limit);
+    }
+    void press(uint8_t button) { m_companion->press(button); }
+
+  private:
+    std::atomic<int> m_images{0};
+    const std::unique_ptr<Companion> m_companion;
+};
+
+// Answers discovery a thousand times a second, and then refuses; or else holds each connection, and
+// says the same words on it again and again without ever reading.
+class HostileHost {
+  public:
+    explicit HostileHost(const std::optional<Bytes>& words)
+        : m_words(words.value_or(Bytes())), m_host("127.0.0.66") {
+        if (!words) m_host.refuse();
+        m_host.hear();
+        m_thread = std::thread([this] { harass(); });
+    }
+    ~HostileHost() {
+        m_stop = true;
+        m_thread.join();
+    }
+
+  private:
+    void harass() {
+        std::vector<Socket> held;
+        while (!m_stop) {
+            for (int i = 0; i < 10; ++i, std::this_thread::sleep_for(1ms)) m_host.answer();
+            while (m_host.offered()) held.push_back(m_host.accept());
+            for (const Socket& socket : held) {
+                send(socket.fd(), m_words.data(), m_words.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            }
+        }
+    }
+
+    const Bytes m_words;
+    RawCompanion m_host;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Bytes repeated(const Bytes& data, int times) {
+    Bytes result;
+    while (times-- > 0) result.insert(result.end(), data.begin(), data.end());
+    return result;
+}
+
+// The beginning of a frame whose end never comes.
+Bytes announcement(uint32_t length, size_t size) {
+    Bytes result = frame(DataMessage, Bytes(size));
+    std::memcpy(&result[LENGTH_OFFSET], &length, sizeof length);
+    return result;
+}
+
+constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;
+
+// A connection that has become the link and got an image.
+Socket linked(RawCompanion& companion) {
+    while (true) {
+        Socket connection = companion.connection();
+        const Chatter chatter(connection, frame(ConnectRequest) + frame(ControlMessage));
+        try {
+            connection.read_frame();
+            return connection;
+        } catch (const std::runtime_error&) {  // one of those that were given up
+        }
+    }
+}
+
+class BadDay : public testing::Test {
+  protected:
+    void SetUp() override {
+        Frames::draw_busy_pictures();
+        GoodCompanion good(m_far);
+        good.press(1);  // the sender of buttons makes its socket for the first one
+        ASSERT_TRUE(m_daemon->wait_for_output("BUTTON 1"));
+        std::this_thread::sleep_for(4s);  // the last sweeps take 3 s to end
+        m_before = m_daemon->level();
+    }
+
+    void TearDown() override {
+        const auto end_of_trouble = std::chrono::steady_clock::now();
+        ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();
+        const GoodCompanion good(m_far);
+        ASSERT_TRUE(good.linked_within(relink_limit()));
+        const std::chrono::duration<double> took =
+            std::chrono::steady_clock::now() - end_of_trouble;
+
+        Daemon::Level after;
+        EXPECT_TRUE(wait_until([&] {
+            after = m_daemon->level();
+            return after.threads <= m_before.threads && after.descriptors <= m_before.descriptors &&
+                   after.memory <= m_before.memory + MEMORY_SLACK;
+        }));
+        std::printf(
+            "linked again after %.1f s; threads %zu of %zu, descriptors %zu of %zu, "
+            "memory %zu of %zu KiB\n",
+            took.count(), after.threads, m_before.threads, after.descriptors, m_before.descriptors,
+            after.memory, m_before.memory);
+        EXPECT_EQ(m_daemon->terminate(), 0) << m_daemon->output();
+    }
+
+    Socket link() { return linked(m_peer); }
+
+    // Whether the link still answers when it is asked.
+    static bool answers(const Socket& link) {
+        const Chatter chatter(link, frame(IdentityRequest));
+        while (type_of(link.read_frame()) != IdentityMessage) {
+        }
+        return true;
+    }
+
+    const FarHost m_far;
+    const Frames m_frames{100ms};
+    std::optional<Daemon> m_daemon{std::in_place};
+    RawCompanion m_peer{"127.0.0.3"};
+    Daemon::Level m_before;
+};
+
+TEST_F(BadDay, PeerGoesInTheMiddleOfAnImage) {
+    for (int i = 0; i < 4; ++i) {
+        Socket peer = link();
+        peer.read(1000);
+        i % 2 == 0 ? peer.close() : peer.reset();
+    }
+}
+
+TEST_F(BadDay, PeerStallsWithAFullWindow) {
+    const Socket peer = link();
+    const Chatter chatter(peer, frame(ControlMessage));
+    m_peer.connection();  // the service looks for another one
+}
+
+TEST_F(BadDay, PeerAsksAndDoesNotRead) {
+    const Socket peer = link();
+    const Chatter chatter(peer, repeated(frame(ControlMessage) + frame(IdentityRequest), 1000));
+    m_peer.connection();
+}
+
+TEST_F(BadDay, PeerTrickles) {
+    const Socket peer = link();
+    for (const unsigned char byte : frame(ControlMessage) + frame(IdentityRequest)) {
+        peer.write({byte});
+        std::this_thread::sleep_for(10ms);
+    }
+    while (type_of(peer.read_frame()) != IdentityMessage) {
+    }
+}
+
+TEST_F(BadDay, PeerFloodsWhileTheControlServiceIsAbsent) {
+    const Socket peer = link();
+    peer.write(repeated(frame(ControlMessage), 50'000));
+    peer.write(repeated(frame(ButtonMessage, {3}), 1000));
+    EXPECT_TRUE(answers(peer));
+}
+
+TEST_F(BadDay, PeerSendsGarbageAndAnnouncesHugeLengths) {
+    const Socket peer = link();
+    Bytes garbage(0x100000);
+    std::generate(garbage.begin(), garbage.end(), std::minstd_rand());
+    peer.write(garbage);
+    EXPECT_TRUE(answers(peer));
+    for (const uint32_t length : {LARGEST_PAYLOAD + 1, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+        peer.write(announcement(length, 1000));
+        EXPECT_TRUE(answers(peer)) << length;
+    }
+}
+
+TEST_F(BadDay, PeerDiesInTheMiddleOfAFrame) {
+    for (const Bytes& piece : {announcement(100, 50), announcement(LARGEST_PAYLOAD, 500'000)}) {
+        Socket candidate = m_peer.connection();
+        candidate.write(piece);
+        candidate.reset();
+        Socket peer = link();
+        peer.write(piece);
+        peer.close();
+    }
+}
+
+TEST_F(BadDay, CandidateSpeaksBeforeItIsAccepted) {
+    for (int i = 0; i < 5; ++i) {
+        const Socket candidate = m_peer.connection();
+        candidate.write(frame(ButtonMessage, {9}) + frame(DataMessage, bytes("early")));
+        candidate.write(frame(ImageMessage, Bytes(100'000)) + frame(ControlMessage));
+    }
+    EXPECT_EQ(m_daemon->output().find("BUTTON 9"), std::string::npos);
+    EXPECT_EQ(m_daemon->output().find("USER"), std::string::npos);
+}
+
+TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
+    int linked = 0;
+    while (linked == 0) {
+        std::vector<RawCompanion> hosts;
+        for (int i = 1; i <= 10; ++i) hosts.emplace_back(("127.0.1." + std::to_string(i)).c_str());
+        for (RawCompanion& host : hosts) host.hear();
+        for (const RawCompanion& host : hosts) host.answer();
+        std::list<Socket> candidates;
+        for (const RawCompanion& host : hosts) {
+            const auto offered = [&] { return host.offered(); };
+            if (wait_until(offered, 100ms)) candidates.push_back(host.accept());
+        }
+        if (candidates.size() < 2) continue;  // the other answers were lost with older sweeps
+        std::list<Chatter> chatters;
+        for (const Socket& candidate : candidates) {
+            chatters.emplace_back(candidate, frame(ConnectRequest) + frame(ControlMessage));
+        }
+        for (const Socket& candidate : candidates) linked += !candidate.read_some().empty();
+    }
+    EXPECT_EQ(linked, 1);
+}
+
+TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
+    const GoodCompanion good(m_far);
+    ASSERT_TRUE(good.linked_within(LIMIT));
+    for (const char* const address : {"10.77.0.1", "10.77.0.9"}) {
+        run("ip link set guilink0 down");
+        EXPECT_TRUE(wait_until([&] { return good.images() == 0; }));
+        run("ip address flush dev guilink0");
+        run("ip address add " + std::string(address) + "/24 broadcast + dev guilink0");
+        run("ip link set guilink0 up");
+        EXPECT_TRUE(good.linked_within(relink_limit()));
+    }
+}
+
+TEST_F(BadDay, SlowNetworkCarriesTheNewestImagesAndEachPress) {
+    run("tc qdisc add dev guilink0 root tbf rate 10mbit burst 32kb latency 50ms");
+    {
+        const Frames at_60_per_second(16ms);
+        GoodCompanion good(m_far);
+        EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
+        for (const uint8_t button : std::array<uint8_t, 3>{4, 5, 6}) good.press(button);
+        EXPECT_TRUE(m_daemon->wait_for_output("BUTTON 4\nBUTTON 5\nBUTTON 6\n"));
+    }
+    run("tc qdisc delete dev guilink0 root");
+}
+
+TEST_F(BadDay, CoreCallsAtFullSpeedFromTheFirstInstant) {
+    m_daemon.reset();
+    const Frames at_full_speed;
+    m_daemon.emplace();
+    EXPECT_TRUE(answers(link()));
+}
+
+TEST_F(BadDay, IdentityChangesBackToBackUnderTraffic) {
+    const GoodCompanion good(m_far);
+    const Frames at_full_speed;
+    Core core;
+    for (const char* const id : {"QRQR1", "QRQR2", "QRQR3", "QRQR4", "QRQR5"}) {
+        EXPECT_TRUE(wait_until([&] { return core.send_qr_body(id); }));
+    }
+}
+
+// Hostile neighbours go on and on; a good one is linked all the same.
+class HostileNeighbour : public BadDay {
+  protected:
+    void keeps_nobody_out(const std::optional<Bytes>& words) {
+        const HostileHost hostile(words);
+        std::this_thread::sleep_for(2s);  // it has settled before the good one comes
+        EXPECT_TRUE(GoodCompanion(m_far).linked_within(LIMIT));
+    }
+};
+
+TEST_F(HostileNeighbour, Refuses) {
+    keeps_nobody_out(std::nullopt);
+}
+
+TEST_F(HostileNeighbour, NeverSpeaks) {
+    keeps_nobody_out(Bytes());
+}
+
+TEST_F(HostileNeighbour, AsksAndDoesNotRead) {
+    keeps_nobody_out(repeated(frame(IdentityRequest), 100));
+}
+
+TEST_F(HostileNeighbour, AnnouncesAMebibyte) {
+    keeps_nobody_out(announcement(LARGEST_PAYLOAD, 10'000));
+}
+
+TEST_F(HostileNeighbour, Trickles) {
+    keeps_nobody_out(Bytes{0x5A});
+}
+
+TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    close(ends[0]);
+    Daemon daemon(Daemon::Until::Started, [&] { dup2(ends[1], STDOUT_FILENO); });
+    RawCompanion companion;
+    const Socket candidate = companion.connection();  // accepting it is worth a line
+    const Chatter chatter(candidate, frame(ConnectRequest));
+    EXPECT_EQ(WTERMSIG(daemon.status()), SIGPIPE);
+}
+
+// Its lines wait, and whoever wants to write one; a signal is obeyed all the same.
+TEST(BadStreams, PipeThatNobodyReadsHoldsItUpOnlyAsLongAsItIsFull) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const auto is_full = [&] {
+        pollfd event = {ends[1], POLLOUT, 0};
+        return poll(&event, 1, 0) == 0;
+    };
+    Daemon daemon(Daemon::Until::Started, [&] {
+        fcntl(ends[1], F_SETFL, 0);  // waits where there is no room
+        dup2(ends[1], STDOUT_FILENO);
+    });
+    const Frames frames(100ms);
+    RawCompanion companion;
+    const auto fill = [&](const Socket& peer) {
+        const Chatter presses(peer, repeated(frame(ButtonMessage, {1}), 1000));
+        EXPECT_TRUE(wait_until(is_full));
+    };
+    fill(linked(companion));
+    {
+        const std::jthread reader([&](const std::stop_token& stop) {
+            char lines[4096];
+            while (!stop.stop_requested()) {
+                if (read(ends[0], lines, sizeof lines) < 0) std::this_thread::sleep_for(1ms);
+            }
+        });
+        linked(companion);
+    }
+    fill(linked(companion));
+    EXPECT_EQ(daemon.terminate(), 0);
+}
+
+TEST(BadStreams, NoneAtAll) {
+    Daemon daemon(Daemon::Until::Started, [] {
+        for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(stream);
+    });
+    const Frames frames(100ms);
+    RawCompanion companion;
+    const Socket peer = companion.connection();
+    const Chatter chatter(peer, frame(ConnectRequest) + frame(ControlMessage));
+    EXPECT_EQ(type_of(peer.read_frame()), ImageMessage);
+    EXPECT_EQ(daemon.terminate(), 0);
+}
+
+}  // namespace
