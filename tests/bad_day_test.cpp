@@ -144,12 +144,13 @@ constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;
 Socket linked(RawCompanion& companion) {
     while (true) {
         Socket connection = companion.connection();
-        const Chatter chatter(connection, frame(ConnectRequest) + frame(ControlMessage));
         try {
+            const Chatter chatter(connection, frame(ConnectRequest) + frame(ControlMessage));
             connection.read_frame();
-            return connection;
         } catch (const std::runtime_error&) {  // one of those that were given up
+            continue;
         }
+        return connection;
     }
 }
 
@@ -158,8 +159,10 @@ class BadDay : public testing::Test {
     void SetUp() override {
         Frames::draw_busy_pictures();
         GoodCompanion good(m_far);
-        good.press(1);  // the sender of buttons makes its socket for the first one
-        ASSERT_TRUE(m_daemon->wait_for_output("BUTTON 1"));
+        ASSERT_TRUE(wait_until([&] {  // the sender of buttons makes its socket for the first one
+            good.press(1);
+            return m_daemon->output().find("BUTTON 1") != std::string::npos;
+        }));
         std::this_thread::sleep_for(4s);  // the last sweeps take 3 s to end
         m_before = m_daemon->level();
     }
