@@ -358,7 +358,7 @@ TEST_F(HostileNeighbour, NeverSpeaks) {
 }
 
 TEST_F(HostileNeighbour, AsksAndDoesNotRead) {
-    keeps_nobody_out(repeated(frame(IdentityRequest), 100));
+    keeps_nobody_out(repeated(frame(IdentityRequest), 10'000));
 }
 
 TEST_F(HostileNeighbour, AnnouncesAMebibyte) {
