@@ -11,9 +11,13 @@
 
 namespace {
 
-// Bytes from which a buffer is mapped. Fixed, because glibc raises it with every large buffer that
-// is freed, and what is not mapped stays with the process: a change of identity would cost 13 MB.
-constexpr int MAPPED_FROM = 128 * 1024;
+constexpr int MAPPED_FROM = 128 * 1024;  // bytes; larger buffers are mapped
+
+// So that memory which is freed goes back to the system, and months do not add up.
+void keep_nothing_freed() {
+    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // or it rises: a change of identity would cost 13 MB
+    mallopt(M_ARENA_MAX, 1);                 // or threads that come and go leave their own ones
+}
 
 // Without them the first sockets would take their place, and get the service's lines.
 void ensure_standard_streams() {
@@ -28,7 +32,7 @@ void ensure_standard_streams() {
 
 int main() {
     ensure_standard_streams();
-    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);
+    keep_nothing_freed();
     // Keeps the standard streams. Where it cannot detach, the service runs all the same.
     [[maybe_unused]] const int ignored = daemon(0, 1);
     const std::shared_ptr<IpcGuiFetcher> fetcher = IpcGuiFetcher::getInstance();

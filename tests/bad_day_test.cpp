@@ -21,7 +21,7 @@ using namespace guilink::test;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep what is freed
 #else
-constexpr size_t MEMORY_SLACK = 256;  // KiB
+constexpr size_t MEMORY_SLACK = 384;  // KiB
 #endif
 
 std::chrono::milliseconds relink_limit() {
