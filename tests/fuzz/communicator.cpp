@@ -1,0 +1,55 @@
+// What a connection may say to the service: in pieces, from two callers, as candidate or link.
+#include <thread>
+#include <utility>
+
+#include "protocol/veltrane_communicator.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace guilink::fuzz {
+
+constexpr unsigned char DELIVER_ALL = 1;
+constexpr unsigned char ANOTHER_CALLER = 2;
+
+std::vector<Bytes> seeds() {
+    const Bytes keep_alive = frame(ControlMessage);
+    const Bytes press = frame(ButtonMessage, {7});
+    return {
+        piece(1, 0, frame(ConnectRequest) + keep_alive + press + frame(DataMessage, bytes("text"))),
+        piece(0, 0, frame(IdentityRequest)) + piece(3, 2, press) + piece(1, 0, keep_alive),
+        piece(1, 0, announcing(0xFFFFFFFF, press)) + piece(1, 0, press),
+        piece(1, 0, announcing(1'048'534, press)) + piece(1, 255, Bytes(8000)) + piece(3, 0, press),
+        piece(1, 255, Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end())),
+    };
+}
+
+}  // namespace guilink::fuzz
+
+using namespace guilink::fuzz;
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
+    static VeltraneCommunicator& communicator = *new VeltraneCommunicator("11111", "fw1.1");
+    Bytes stream;  // of the connection that speaks
+    communicator.SetMessageHandler([&](uint16_t type, const Bytes& payload) {
+        const Bytes said = frame(type, payload);
+        require(memmem(stream.data(), stream.size(), said.data(), said.size()) != nullptr,
+                "a message is one that its connection said");
+    });
+    bool another = false;
+    const auto take = [&](unsigned char how, int times, const Bytes& chunk) {
+        const auto say = [&] {
+            for (int i = 0; i < times; ++i) {
+                stream.insert(stream.end(), chunk.begin(), chunk.end());
+                communicator.OnDataReceived(
+                    chunk.data(), chunk.size(), [] {}, how & DELIVER_ALL);
+            }
+        };
+        const bool was_another = std::exchange(another, how & ANOTHER_CALLER);
+        if (another || was_another) stream.clear();
+        another ? std::thread(say).join() : say();
+    };
+    for_each_piece(data, size, take);
+    std::thread([] {
+        communicator.OnDataReceived(nullptr, 0, {}, false);
+    }).join();  // starts afresh
+    return 0;
+}

@@ -1,0 +1,82 @@
+// What all fuzz targets share. A target says what it is fed to begin with, and takes each input;
+// what it finds wrong it does not return from.
+#pragma once
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "protocol/frame.h"
+
+namespace guilink::fuzz {
+
+using Bytes = std::vector<unsigned char>;
+
+std::vector<Bytes> seeds();
+
+inline void require(bool condition, const char* what) {
+    if (condition) return;
+    std::fprintf(stderr, "not so: %s\n", what);
+    std::abort();
+}
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+inline Bytes bytes(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
+    return BuildFrame(type, payload.data(), payload.size());
+}
+
+// A frame that announces more, or less, than it holds.
+inline Bytes announcing(uint32_t length, Bytes frame) {
+    std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
+    return frame;
+}
+
+// Pieces of what a target is fed: each has a head of 4 bytes (one for the target, how often it
+// comes, two for its length); so short inputs can fill large buffers.
+inline Bytes piece(unsigned char how, unsigned char repeats, const Bytes& data) {
+    const auto length = static_cast<uint16_t>(data.size());
+    return Bytes{how, repeats, static_cast<unsigned char>(length),
+                 static_cast<unsigned char>(length >> 8)} +
+           data;
+}
+
+template <typename Take>
+void for_each_piece(const unsigned char* data, size_t size, const Take& take) {
+    constexpr size_t HEAD = 4;
+    while (size >= HEAD) {
+        const unsigned char how = data[0];
+        const int times = data[1] + 1;
+        const size_t length = std::min(size_t{data[3]} << 8 | data[2], size - HEAD);
+        take(how, times, Bytes(data + HEAD, data + HEAD + length));
+        data += HEAD + length;
+        size -= HEAD + length;
+    }
+}
+
+}  // namespace guilink::fuzz
+
+// Before the first input: the corpus, which is the last argument, gets the seeds.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    int number = 0;
+    for (const auto& seed : guilink::fuzz::seeds()) {
+        const std::string directory = (*argv)[*argc - 1];
+        std::ofstream(directory + "/seed-" + std::to_string(number++), std::ios::binary)
+            .write(reinterpret_cast<const char*>(seed.data()),
+                   static_cast<std::streamsize>(seed.size()));
+    }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size);
