@@ -59,8 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     for_each_piece(data, size, [](unsigned char, int, const Bytes& message) {
         if (message.empty()) return;  // looks like the end of the connection
         Answer answer;
-        require(send(caller, message.data(), message.size(), 0) > 0, "a message is taken");
-        require(recv(caller, &answer, sizeof answer, 0) == sizeof answer, "each gets an answer");
+        // libFuzzer's clock interrupts system calls.
+        const auto sent = TEMP_FAILURE_RETRY(send(caller, message.data(), message.size(), 0));
+        require(sent == std::ssize(message), "a message is taken");
+        const auto received = TEMP_FAILURE_RETRY(recv(caller, &answer, sizeof answer, 0));
+        require(received == sizeof answer, "each gets an answer");
         require(answer.status == status_of(message), "the answer is the right one");
         if (answer.status != CallStatus::done) return;
         const std::string argument(message.begin() + sizeof(CallHeader), message.end());
