@@ -22,7 +22,8 @@ namespace {
 
 constexpr uint16_t LINK_PORT = 8399;     // TCP, where devices connect
 constexpr auto REQUEST_INTERVAL = 50ms;  // until linked; the device gives a connection about 1 s
-constexpr auto KEEP_ALIVE_INTERVAL = 400ms;  // the device sends images for 2 s after each
+constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;  // then even a slow device has listed the connection
+constexpr auto KEEP_ALIVE_INTERVAL = 400ms;     // the device sends images for 2 s after each
 constexpr auto SILENCE = 1s;           // after which a linked device is asked to say something
 constexpr auto TIMEOUT = 3s;           // without a byte, and the device is gone
 constexpr size_t MAX_CONNECTIONS = 8;  // a device tries one a second, and drops it soon after
@@ -208,6 +209,7 @@ void Companion::talk(Connection& connection) {
 // As many as the device takes; the others go on waiting.
 void Companion::send_waiting() {
     if (m_link == nullptr || !m_link->answered) return;
+    if (!m_link->image_seen && m_link->requests < REQUESTS_WITHOUT_IMAGE) return;
     const std::lock_guard lock(m_waiting_mutex);
     while (!m_waiting.empty() && !m_link->wants_to_write() && !m_link->ended()) {
         m_link->send(m_waiting.front().type, m_waiting.front().payload);

@@ -7,8 +7,9 @@
 // caller does not keep is lost.
 //
 // Buttons and texts go out once the device has answered an identity request that followed the
-// second request to connect: what the device finds in one piece with a request is lost, and the
-// very first request may have come before the device listed the connection.
+// second request to connect: what the device finds in one piece with a request is lost. And the
+// first requests may have come before the device listed the connection: an image, which only the
+// link carries, tells that they have not, or else, where nothing is drawn, two requests more.
 #pragma once
 
 #include <chrono>
