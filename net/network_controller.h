@@ -52,8 +52,8 @@ class NetworkController {
     NetworkController& operator=(const NetworkController&) = delete;
 
     // Sends to the linked peer, or else answers the candidate whose bytes the worker is examining,
-    // or else drops the data. Blocks for 6 s at most; a peer that fails to take the data by then is
-    // dropped.
+    // or else drops the data. Blocks for 6 s at most, once a send under way is done; a peer that
+    // fails to take the data by then is dropped.
     void send(const unsigned char* data, uint64_t length);
 
   private:

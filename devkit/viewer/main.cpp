@@ -23,7 +23,8 @@ int main(int argc, char** argv) {
         app.add_option("--snapshot", snapshot.file, "Write one picture to this PNG file and end");
     app.add_option("--raw", snapshot.raw_file, "Write the picture's 16-bit pixels, too")
         ->needs(file);
-    app.add_option("--press", snapshot.presses, "Press this button first (0 to 15; repeatable)")
+    app.add_option("--press", snapshot.presses,
+                   "Press this button first (a device knows 0 to 15; repeatable)")
         ->needs(file)
         ->allow_extra_args(false);
     app.add_option("--frames", snapshot.frames, "Images to wait for after the last press")

@@ -42,8 +42,8 @@ constexpr int SEND_BUFFER = 131072;  // bytes; two or three frames of a menu
 constexpr int UNSENT_LOW = 16384;    // bytes
 
 constexpr const char* SECURITY_POLICY =
-    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' blob: data:; "
-    "media-src blob:; connect-src 'self'; base-uri 'none'; form-action 'none'; "
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+    "connect-src 'self'; base-uri 'none'; form-action 'none'; "
     "frame-ancestors 'none'";
 
 // The name in a Host header without its port, brackets included.
