@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "base/write_line.h"
 #include "ipc/svc_register.h"
 #include "tests/support/raw_companion.h"
 
@@ -67,9 +68,8 @@ extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const ch
 }
 
 extern "C" int ambaipc_svc_unregister(uint32_t program, uint32_t version) {
-    write(STDERR_FILENO, "unregistered ", 13);
-    const std::string text = std::to_string(program) + " " + std::to_string(version) + "\n";
-    write(STDERR_FILENO, text.data(), text.size());
+    write_line(STDERR_FILENO,
+               "unregistered " + std::to_string(program) + " " + std::to_string(version));
     return 0;
 }
 
