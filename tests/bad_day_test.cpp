@@ -120,21 +120,9 @@ class HostileHost {
     std::thread m_thread;
 };
 
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 Bytes repeated(const Bytes& data, int times) {
     Bytes result;
     while (times-- > 0) result.insert(result.end(), data.begin(), data.end());
-    return result;
-}
-
-// The beginning of a frame whose end never comes.
-Bytes announcement(uint32_t length, size_t size) {
-    Bytes result = frame(DataMessage, Bytes(size));
-    std::memcpy(&result[LENGTH_OFFSET], &length, sizeof length);
     return result;
 }
 
@@ -250,13 +238,14 @@ TEST_F(BadDay, PeerSendsGarbageAndAnnouncesHugeLengths) {
     peer.write(garbage);
     EXPECT_TRUE(answers(peer));
     for (const uint32_t length : {LARGEST_PAYLOAD + 1, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-        peer.write(announcement(length, 1000));
+        peer.write(announcing(length, frame(DataMessage, Bytes(1000))));
         EXPECT_TRUE(answers(peer)) << length;
     }
 }
 
 TEST_F(BadDay, PeerDiesInTheMiddleOfAFrame) {
-    for (const Bytes& piece : {announcement(100, 50), announcement(LARGEST_PAYLOAD, 500'000)}) {
+    for (const Bytes& piece : {announcing(100, frame(DataMessage, Bytes(50))),
+                               announcing(LARGEST_PAYLOAD, frame(DataMessage, Bytes(500'000)))}) {
         Socket candidate = m_peer.connection();
         candidate.write(piece);
         candidate.reset();
@@ -362,7 +351,7 @@ TEST_F(HostileNeighbour, AsksAndDoesNotRead) {
 }
 
 TEST_F(HostileNeighbour, AnnouncesAMebibyte) {
-    keeps_nobody_out(announcement(LARGEST_PAYLOAD, 10'000));
+    keeps_nobody_out(announcing(LARGEST_PAYLOAD, frame(DataMessage, Bytes(10'000))));
 }
 
 TEST_F(HostileNeighbour, Trickles) {

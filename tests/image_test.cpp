@@ -49,29 +49,4 @@ TEST(EncodeImage, DoublesTheWorkVectorOnlyWhereItDoesNotSuffice) {
     }
 }
 
-// Whatever way the encoder takes through an image, a companion gets its pixels.
-TEST(EncodeImage, DecodesToTheImage) {
-    std::mt19937 random(1);
-    for (uint16_t width = 1; width <= 300; ++width) {
-        Words pixels(size_t{width} * 3);
-        for (size_t i = 0; i < pixels.size();) {
-            const auto value = static_cast<uint16_t>(random() % 4 * 0x0FFF);
-            for (size_t end = i + 1 + random() % 40; i < end && i < pixels.size(); ++i) {
-                pixels[i] = value;
-            }
-        }
-        Words words(2);
-        words.resize(EncodeImage(pixels.data(), width, 3, words) / 2);
-        Words decoded;
-        for (size_t i = 2; i < words.size(); i += 2) {
-            decoded.insert(decoded.end(), words[i], words[i + 1]);
-        }
-        for (size_t i = 1; i < pixels.size(); ++i) {
-            if (pixels[i] <= 0x0FFF) pixels[i] = 0;
-        }
-        pixels.pop_back();
-        ASSERT_EQ(decoded, pixels) << "width " << width;
-    }
-}
-
 }  // namespace

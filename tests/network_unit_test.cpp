@@ -240,13 +240,6 @@ TEST(NetworkUnit, NoSocketToBeHad) {
               "NetSocket: couldn't create socket\nNetworkUnitV4: tcp connection error\n");
 }
 
-TEST(NetworkUnit, ThreadsOfNobodyReturn) {
-    const NetSocket<> socket(AF_INET, SOCK_DGRAM, 0);
-    NetworkUnitV4::_ping_send_launcher(nullptr, {});
-    NetworkUnitV4::_ping_receive_launcher(nullptr, {}, socket);
-    NetworkUnitV4::_tcp_connection_receive_launcher(nullptr, PORT, {});
-}
-
 // A host that listens on the port of its choice, and a unit for it.
 class Connection : public testing::Test {
   protected:

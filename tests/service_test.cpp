@@ -32,8 +32,6 @@ class Load {
     Load(const Load&) = delete;
     Load& operator=(const Load&) = delete;
 
-    bool images_arrive() const { return m_images > 0; }
-
   private:
     void talk() {
         RawCompanion companion;
@@ -45,9 +43,7 @@ class Load {
                         link->write(frame(type));
                     }
                     link->write(frame(ButtonMessage, {1}));
-                    while (link->readable(5ms)) {
-                        if (type_of(link->read_frame()) == ImageMessage) ++m_images;
-                    }
+                    while (link->readable(5ms)) link->read_frame();
                 }
             } catch (const std::runtime_error&) {  // the service is gone, or had a better candidate
             }
@@ -55,7 +51,6 @@ class Load {
     }
 
     std::atomic<bool> m_stop{false};
-    std::atomic<int> m_images{0};
     const Frames m_frames;
     std::thread m_peer;
 };
@@ -96,23 +91,6 @@ TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
 }
 
-TEST(Service, LinksAgainAfterTheLinkIsLost) {
-    Daemon daemon;
-    RawCompanion companion;
-    Core core;
-    for (int i = 0; i < 3; ++i) {
-        Socket link = companion.connection();
-        while (!link.readable(20ms)) {
-            link.write(frame(ConnectRequest));
-            link.write(frame(ControlMessage));
-            core.push();
-        }
-        EXPECT_EQ(type_of(link.read_frame()), ImageMessage);
-        if (i == 0) link.reset();
-    }
-    EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
-}
-
 TEST(Service, ButtonComesBackAsADatagram) {
     Daemon daemon;
     RawCompanion companion;
@@ -124,17 +102,6 @@ TEST(Service, ButtonComesBackAsADatagram) {
     }
     EXPECT_EQ(control_service.read_some(), bytes(R"([{"msg_id":107,"param":"On"}])"));
     EXPECT_TRUE(daemon.wait_for_output("connected\nBUTTON 7\n"));
-    EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
-}
-
-TEST(Service, QrBodyUnderTrafficReplacesTheIdentity) {
-    Daemon daemon;
-    const Load load;
-    Core core;
-    for (const std::string id : {"QRQR1", "QRQR2", "QRQR3"}) {
-        EXPECT_TRUE(wait_until([&] { return core.send_qr_body(id); }));
-    }
-    EXPECT_TRUE(wait_until([&] { return load.images_arrive(); }));
     EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
 }
 

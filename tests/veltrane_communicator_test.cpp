@@ -17,17 +17,6 @@ constexpr const char* UNSUPPORTED = "VeltraneCommunicator: received unsupported 
 constexpr const char* OVERLOADED = "VeltraneCommunicator: buffer overloaded!\n";
 constexpr uint32_t LARGEST = 1'048'534;  // payload that a receiver takes
 
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-// A frame that announces more, or less, than it holds.
-Bytes announcing(uint32_t length, Bytes frame) {
-    std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
-    return frame;
-}
-
 Bytes damaged(Bytes frame) {
     frame[CHECKSUM_OFFSET] ^= 1;
     return frame;
@@ -220,20 +209,6 @@ TEST(VeltraneCommunicator, SignalMayEmptyItself) {
     };
     receiver.OnDataReceived(requests.data(), requests.size(), signal, false);
     EXPECT_EQ(calls, "called with all it holds");
-}
-
-TEST(VeltraneCommunicator, LeftoversOfAnotherConnectionAreDropped) {
-    Receiver receiver;
-    // One header that announces a MiB must not lock everybody else out.
-    std::thread([&] { receiver.feed(first(100, LARGE), false); }).join();
-    std::thread([&] { receiver.feed(frame(ConnectRequest), false); }).join();
-    EXPECT_THAT(receiver.events(), ElementsAre("signal"));
-
-    // But a connection that becomes the link keeps its own.
-    const Bytes data = frame(DataMessage, bytes("half"));
-    receiver.feed(frame(ConnectRequest) + first(44, data), false);
-    receiver.feed(rest(44, data), true);
-    EXPECT_THAT(receiver.events(), ElementsAre("signal", "6:half"));
 }
 
 TEST(VeltraneCommunicator, TwoConnectionsAtOnce) {

@@ -5,16 +5,15 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "protocol/frame.h"
+#include "tests/support/bytes.h"
 
 namespace guilink::fuzz {
 
-using Bytes = std::vector<unsigned char>;
+using namespace guilink::test;
 
 std::vector<Bytes> seeds();
 
@@ -22,25 +21,6 @@ inline void require(bool condition, const char* what) {
     if (condition) return;
     std::fprintf(stderr, "not so: %s\n", what);
     std::abort();
-}
-
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-inline Bytes bytes(const std::string& text) {
-    return {text.begin(), text.end()};
-}
-
-inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
-    return BuildFrame(type, payload.data(), payload.size());
-}
-
-// A frame that announces more, or less, than it holds.
-inline Bytes announcing(uint32_t length, Bytes frame) {
-    std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
-    return frame;
 }
 
 // Pieces of what a target is fed: each has a head of 4 bytes (one for the target, how often it

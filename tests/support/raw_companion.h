@@ -15,17 +15,16 @@
 #include <functional>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "net/network_unit.h"
-#include "protocol/frame.h"
+#include "tests/support/bytes.h"
 
 namespace guilink::test {
 
-using Bytes = std::vector<unsigned char>;
 using namespace std::chrono_literals;
 
 constexpr auto LIMIT = 30s;  // for anything that will happen, however slow the machine
@@ -38,14 +37,6 @@ inline bool wait_until(const std::function<bool()>& condition,
         std::this_thread::sleep_for(5ms);
     }
     return true;
-}
-
-inline Bytes bytes(std::string_view text) {
-    return {text.begin(), text.end()};
-}
-
-inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
-    return BuildFrame(type, payload.data(), payload.size());
 }
 
 inline sockaddr_in ipv4(const char* address, uint16_t port) {
@@ -141,14 +132,6 @@ class Socket {
   private:
     int m_descriptor;
 };
-
-inline uint16_t type_of(const Bytes& frame) {
-    return static_cast<uint16_t>(frame[TYPE_OFFSET] | frame[TYPE_OFFSET + 1] << 8);
-}
-
-inline Bytes payload_of(const Bytes& frame) {
-    return {frame.begin() + HEADER_SIZE, frame.end()};
-}
 
 // Keeps writing the same bytes, so that a connection never falls silent.
 class Chatter {

@@ -1,0 +1,42 @@
+// What travels on the link, put together and taken apart.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "protocol/frame.h"
+
+namespace guilink::test {
+
+using Bytes = std::vector<unsigned char>;
+
+inline Bytes bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
+    return BuildFrame(type, payload.data(), payload.size());
+}
+
+// A frame that announces more, or less, than it holds.
+inline Bytes announcing(uint32_t length, Bytes frame) {
+    std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
+    return frame;
+}
+
+inline uint16_t type_of(const Bytes& frame) {
+    return static_cast<uint16_t>(frame[TYPE_OFFSET] | frame[TYPE_OFFSET + 1] << 8);
+}
+
+inline Bytes payload_of(const Bytes& frame) {
+    return {frame.begin() + HEADER_SIZE, frame.end()};
+}
+
+}  // namespace guilink::test
