@@ -9,16 +9,16 @@ require() {  # FILE PROPERTY PATTERN READELF'S OPTIONS
     failed=1
 }
 
-shopt -s nullglob
 for file in "$1"/{guilinkd,guilink-core,guilink-viewer} "$2"/libambaipc.so; do
-    [[ -f $file ]] || continue  # a build for the device has the service alone
+    # A build for the device has the service alone.
+    [[ -f $file || $file == */guilinkd ]] || continue
     echo "looking at ${file##*/}"
     require "$file" "position independence" 'Type: +DYN' --file-header
     require "$file" "relocations that are read-only" GNU_RELRO --program-headers --wide
     require "$file" "binding at the start" 'FLAGS.*NOW' --dynamic --wide
     require "$file" "stack without execution" 'GNU_STACK .* RW +0x' --program-headers --wide
-    require "$file" "stack protector" '__stack_chk_fail' --dyn-syms --wide
+    require "$file" "stack protector" '__stack_chk_fail@' --dyn-syms --wide
     [[ $file == *.so ]] || require "$file" "PIE" 'FLAGS_1.*PIE' --dynamic --wide
-    require "$file" "fortified calls" '__[a-z]+_chk' --dyn-syms --wide
+    require "$file" "fortified calls" '__[a-z]+_chk@' --dyn-syms --wide
 done
 exit $failed
