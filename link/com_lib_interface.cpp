@@ -22,11 +22,9 @@ constexpr auto SENDER_WAIT = 500ms;  // the longest pause between two images on 
 }  // namespace
 
 ComLibInterface::ComLibInterface(const std::string& id, const std::string& fw)
-    : m_communicator(std::make_shared<VeltraneCommunicator>(id, fw)),
-      m_controller(std::make_shared<NetworkController>(m_communicator)),
-      m_front(FRAME_BUFFER_SIZE),
-      m_back(FRAME_BUFFER_SIZE),
-      m_last_alive(Clock::now()) {
+    : m_front(FRAME_BUFFER_SIZE), m_back(FRAME_BUFFER_SIZE), m_last_alive(Clock::now()) {
+    m_communicator = std::make_shared<VeltraneCommunicator>(id, fw);
+    m_controller = std::make_shared<NetworkController>(m_communicator);
     m_communicator->SetController(m_controller);
     m_communicator->SetMessageHandler(
         [this](uint16_t type, const std::vector<unsigned char>& payload) {

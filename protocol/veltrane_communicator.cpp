@@ -12,6 +12,7 @@
 namespace {
 
 constexpr size_t ID_SIZE = 5;             // bytes of a device id
+constexpr size_t KEPT = 0x10000;          // bytes of buffer that the next connection takes over
 constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB, so that a typical screen encodes in place
 
 // An image is encoded into its frame, behind room for the header.
@@ -70,7 +71,7 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
     const std::lock_guard lock(m_receive_mutex);
     // What a dead connection left must not swallow the first words of the next one, nor stay.
     if (m_connection != connection_serial()) {
-        std::vector<unsigned char>().swap(m_receive_buffer);
+        if (m_receive_buffer.size() > KEPT) std::vector<unsigned char>().swap(m_receive_buffer);
         m_begin = m_end = 0;
     }
     m_connection = connection_serial();

@@ -49,12 +49,11 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
                    const std::function<void()>& signal, bool deliver_all);
     void _send(const unsigned char* frame, uint64_t size);
 
-    std::mutex m_receive_mutex;  // guards the next four; taken before all others
-    std::vector<unsigned char>
-        m_receive_buffer;       // grows as needed; starts anew with each connection
-    uint64_t m_begin = 0;       // of the valid bytes
-    uint64_t m_end = 0;         // likewise
-    uint64_t m_connection = 0;  // whose bytes they are
+    std::mutex m_receive_mutex;                   // guards the next four; taken before all others
+    std::vector<unsigned char> m_receive_buffer;  // a large one goes with its connection
+    uint64_t m_begin = 0;                         // of the valid bytes
+    uint64_t m_end = 0;                           // likewise
+    uint64_t m_connection = 0;                    // whose bytes they are
 
     std::mutex m_handler_mutex;  // held for one call of the handler
     MessageHandler m_message_handler;
