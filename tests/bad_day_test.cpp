@@ -28,6 +28,10 @@ std::chrono::milliseconds relink_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
 }
 
+double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 void run(const std::string& command) {
     if (std::system(command.c_str()) != 0) throw std::runtime_error(command + " has failed");
 }
@@ -160,8 +164,7 @@ class BadDay : public testing::Test {
         ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();
         const GoodCompanion good(m_far);
         ASSERT_TRUE(good.linked_within(relink_limit()));
-        const std::chrono::duration<double> took =
-            std::chrono::steady_clock::now() - end_of_trouble;
+        const double took = seconds_since(end_of_trouble);
 
         Daemon::Level after;
         EXPECT_TRUE(wait_until([&] {
@@ -172,7 +175,7 @@ class BadDay : public testing::Test {
         std::printf(
             "linked again after %.1f s; threads %zu of %zu, descriptors %zu of %zu, "
             "memory %zu of %zu KiB\n",
-            took.count(), after.threads, m_before.threads, after.descriptors, m_before.descriptors,
+            took, after.threads, m_before.threads, after.descriptors, m_before.descriptors,
             after.memory, m_before.memory);
         EXPECT_EQ(m_daemon->terminate(), 0) << m_daemon->output();
     }
@@ -333,8 +336,10 @@ class HostileNeighbour : public BadDay {
   protected:
     void keeps_nobody_out(const std::optional<Bytes>& words) {
         const HostileHost hostile(words);
-        std::this_thread::sleep_for(2s);  // it has settled before the good one comes
+        std::this_thread::sleep_for(2500ms);  // it has settled before the good one comes
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_TRUE(GoodCompanion(m_far).linked_within(LIMIT));
+        std::printf("linked beside it after %.1f s\n", seconds_since(start));
     }
 };
 
