@@ -2,6 +2,7 @@
 // again while it is held; everything is released when the page loses the focus.
 
 const REPEAT = { first: 450, next: 120 }; // ms; from the press to its first repeat, then between
+const CLICK = 50; // ms that a click without a pointer holds its button; one meanwhile is its echo
 
 // labels: [{button, label, key, place}]. press(button, label) sends one; returns whether it went out.
 export function makeButtons(pad, labels, press) {
@@ -48,7 +49,7 @@ export function makeButtons(pad, labels, press) {
     element.addEventListener('contextmenu', (event) => event.preventDefault());
     // A click without a pointer comes from the keyboard or from assistive technology.
     element.addEventListener('click', (event) => {
-      if (event.detail === 0) { down(entry); setTimeout(() => up(entry), REPEAT.next); }
+      if (event.detail === 0) { down(entry); setTimeout(() => up(entry), CLICK); }
     });
     pad.append(element);
   }
