@@ -1,0 +1,34 @@
+// What a device may send as an image: the decoder makes it a complete one, or refuses it.
+#include "devkit/peer/image_decoder.h"
+
+#include <stdexcept>
+
+#include "tests/fuzz/fuzz.h"
+
+namespace guilink::fuzz {
+
+Bytes payload(std::initializer_list<uint16_t> words) {
+    Bytes result(2 * words.size());
+    std::memcpy(result.data(), std::data(words), result.size());
+    return result;
+}
+
+std::vector<Bytes> seeds() {
+    return {payload({1, 1}), payload({3, 2, 1, 0x0ABC, 4, 0xF00F}),
+            payload({1280, 960, 65535, 0x8001, 1, 0x8002})};
+}
+
+}  // namespace guilink::fuzz
+
+using namespace guilink;
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
+    try {
+        Image image;  // in memory of its own, so that a write beyond its end is seen
+        decode_image({data, size}, image);
+        fuzz::require(image.pixels.size() == size_t{image.width} * image.height,
+                      "an image is complete");
+    } catch (const std::runtime_error&) {
+    }
+    return 0;
+}
