@@ -132,18 +132,9 @@ Bytes repeated(const Bytes& data, int times) {
 
 constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;
 
-// A connection that has become the link and got an image.
+// A link that has got an image.
 Socket linked(RawCompanion& companion) {
-    while (true) {
-        Socket connection = companion.connection();
-        try {
-            const Chatter chatter(connection, frame(ConnectRequest) + frame(ControlMessage));
-            connection.read_frame();
-        } catch (const std::runtime_error&) {  // one of those that were given up
-            continue;
-        }
-        return connection;
-    }
+    return companion.link(frame(ConnectRequest) + frame(ControlMessage));
 }
 
 class BadDay : public testing::Test {
@@ -369,8 +360,8 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     close(ends[0]);
     Daemon daemon(Daemon::Until::Started, [&] { dup2(ends[1], STDOUT_FILENO); });
     RawCompanion companion;
-    const Socket candidate = companion.connection();  // accepting it is worth a line
-    const Chatter chatter(candidate, frame(ConnectRequest));
+    // A link is worth a line.
+    const Socket peer = companion.link(frame(ConnectRequest), [&] { return !daemon.alive(); });
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGPIPE);
 }
 
@@ -412,9 +403,7 @@ TEST(BadStreams, NoneAtAll) {
     });
     const Frames frames(100ms);
     RawCompanion companion;
-    const Socket peer = companion.connection();
-    const Chatter chatter(peer, frame(ConnectRequest) + frame(ControlMessage));
-    EXPECT_EQ(type_of(peer.read_frame()), ImageMessage);
+    EXPECT_EQ(type_of(linked(companion).read_frame()), ImageMessage);
     EXPECT_EQ(daemon.terminate(), 0);
 }
 

@@ -33,12 +33,10 @@ class LinkedFacade : public testing::Test {
   protected:
     // The first image that arrives proves that the connection is the link.
     void SetUp() override {
-        m_link = m_companion.connection();
-        while (!m_link.readable(50ms)) {
-            m_link.write(frame(ConnectRequest));
-            keep_alive();
+        m_link = m_companion.link(frame(ConnectRequest) + frame(ControlMessage), [this] {
             m_facade->push_frame(colour(0x8001, SMALL), SMALL);
-        }
+            return false;
+        });
         EXPECT_EQ(next_image().first_pixel, 0x8001);
     }
 

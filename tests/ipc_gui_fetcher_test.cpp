@@ -139,10 +139,12 @@ TEST(IpcGuiFetcher, HandsOverTheSizeMappedLast) {
 
     RawCompanion companion;
     const auto fetcher = IpcGuiFetcher::getInstance();
-    const Socket link = companion.connection();
+    const Socket link = companion.link(frame(ConnectRequest) + frame(ControlMessage), [] {
+        push(0x10000000, LARGE);
+        return false;
+    });
     const auto shows = [&](uint64_t address, uint32_t announced, uint16_t width, uint16_t pixel) {
         for (int i = 0; i < 1000; ++i) {
-            link.write(frame(ConnectRequest));
             link.write(frame(ControlMessage));
             push(address, announced);
             if (!link.readable(20ms)) continue;

@@ -156,9 +156,7 @@ TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
 }
 
 TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {
-    m_companion.connection().write(bytes("t"));
-    EXPECT_TRUE(
-        wait_until([&] { return m_worker->seen().candidate.find('t') != std::string::npos; }));
+    m_companion.link(bytes("t"), [&] { return !m_worker->seen().candidate.empty(); });
     // Its unit is destroyed meanwhile: nothing may be sent to it any more.
     const auto end = std::chrono::steady_clock::now() + 5s;
     while (std::chrono::steady_clock::now() < end) {

@@ -95,11 +95,8 @@ TEST(Service, ButtonComesBackAsADatagram) {
     Daemon daemon;
     RawCompanion companion;
     const Socket control_service(SOCK_DGRAM, "127.0.0.1", 3426);
-    const Socket link = companion.connection();
-    while (!control_service.readable(20ms)) {
-        link.write(frame(ConnectRequest));
-        link.write(frame(ButtonMessage, {7}));
-    }
+    const Socket link = companion.link(frame(ConnectRequest) + frame(ButtonMessage, {7}),
+                                       [&] { return control_service.readable(0ms); });
     EXPECT_EQ(control_service.read_some(), bytes(R"([{"msg_id":107,"param":"On"}])"));
     EXPECT_TRUE(daemon.wait_for_output("connected\nBUTTON 7\n"));
     EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
