@@ -132,6 +132,15 @@ class Socket {
         return recv(m_descriptor, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
     }
 
+    // Throws away what is there, and tells whether the stream has ended.
+    bool drain() const {
+        char bytes[65536];
+        ssize_t count;
+        while ((count = recv(m_descriptor, bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
+        }
+        return count == 0 || errno != EAGAIN;
+    }
+
     // The connection has ended, and nothing came before its end.
     bool ended() const { return read_some().empty(); }
 
