@@ -102,9 +102,11 @@ inside guilink-viewer --snapshot /tmp/picture.png --press 1 --timeout 60
 inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "no line in the journal"
 
 # After an abnormal end it comes back.
-old=$(main_pid)
-inside kill -ABRT "$old"
-wait_for "it does not come back after an abnormal end" runs_anew "$old"
+for signal in ABRT HUP; do
+    old=$(main_pid)
+    inside kill -$signal "$old"
+    wait_for "it does not come back after SIG$signal" runs_anew "$old"
+done
 
 # An upgrade replaces the running service.
 newer=$scratch/newer
