@@ -63,7 +63,8 @@ class BtnCmdsLocalSender {
     BtnCmdsLocalSender(const BtnCmdsLocalSender&) = delete;
     BtnCmdsLocalSender& operator=(const BtnCmdsLocalSender&) = delete;
 
-    // Sends the command of a button. Failures are told on standard error. Calls are serialised.
+    // Sends the command of a button. That there is none is told on standard error; a datagram that
+    // cannot be sent is not noticed. Calls are serialised.
     void send(const ButtonCmdNetId& id);
 
   private:

@@ -1,7 +1,7 @@
 // What we need of the vendor's inter-core IPC library (libambaipc): two calls and the records that
 // they take. A service registers programs; the other core calls a program's procedures, and the
 // library runs them on threads of its own, never two of one program at once. The layouts are the
-// library's; both cores share them, so they are fixed here at compile time.
+// library's, so they are fixed here at compile time.
 #pragma once
 
 #include <cstddef>

@@ -59,7 +59,7 @@ class IpcGuiFetcher {
     std::shared_ptr<ComLibInterface> m_comLib;
     std::mutex m_comLibMutex;  // guards m_comLib, and its life while a frame is being pushed
 
-    static std::string& ID;        // five characters
+    static std::string& ID;        // of the first facade; no QR body changes it
     static const std::string& fw;  // firmware version text
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
     static std::atomic<bool> m_published;  // m_guiFetcher is set and will not change any more

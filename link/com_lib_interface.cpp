@@ -72,7 +72,7 @@ void ComLibInterface::_sender_loop() {
     pthread_setname_np(pthread_self(), "frame-sender");
     const std::lock_guard wait_lock(m_wait_mutex);
     while (!m_stop) {
-        // With the frame's own mutex and flag, a frame accepted during SendImage is not waited for.
+        // With the frame's own mutex and flag, a frame accepted during SendImage is seen at once.
         std::unique_lock lock(m_frame_mutex);
         if (m_frame_cv.wait_for(lock, SENDER_WAIT, [this] { return m_frame_ready; })) {
             m_frame_ready = false;
