@@ -13,8 +13,8 @@ namespace {
 
 constexpr int MAPPED_FROM = 128 * 1024;  // bytes; larger buffers are mapped
 
-// So that memory which is freed goes back to the system, and months do not add up.
-void keep_nothing_freed() {
+// To the system, at once, so that months do not add up.
+void return_freed_memory() {
     mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // or it rises: a change of identity would cost 13 MB
     mallopt(M_ARENA_MAX, 1);                 // or threads that come and go leave their own ones
 }
@@ -32,7 +32,7 @@ void ensure_standard_streams() {
 
 int main() {
     ensure_standard_streams();
-    keep_nothing_freed();
+    return_freed_memory();
     // Keeps the standard streams. Where it cannot detach, the service runs all the same.
     [[maybe_unused]] const int ignored = daemon(0, 1);
     const std::shared_ptr<IpcGuiFetcher> fetcher = IpcGuiFetcher::getInstance();

@@ -2,7 +2,7 @@
 // frame, with a physical address and a size, and another one now and then with a new identity (the
 // QR body). Frames go to the current link facade; a new identity replaces the facade.
 //
-// Each buffer address is mapped once and stays mapped; its frames cost no system call from then on.
+// Each buffer address is mapped once and stays mapped; its frames cost no mapping from then on.
 // All static objects stay alive when the process exits: the core goes on calling.
 #pragma once
 

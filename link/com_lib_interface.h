@@ -26,8 +26,7 @@ class ComLibInterface {
     // Starts to search for a companion at once. id is the device's identity, exactly 5 bytes, or
     // std::runtime_error is thrown; fw is its firmware version text.
     ComLibInterface(const std::string& id, const std::string& fw);
-    // Drops the link; takes up to about 1.5 s, more while a send blocks or a search is just being
-    // started.
+    // Drops the link; takes up to about 1.5 s, more while a send blocks.
     ~ComLibInterface();
     ComLibInterface(const ComLibInterface&) = delete;
     ComLibInterface& operator=(const ComLibInterface&) = delete;

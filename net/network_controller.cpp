@@ -22,6 +22,15 @@ constexpr auto SWEEP_INTERVAL = 1s;           // a candidate has about this long
 constexpr size_t MAX_CANDIDATES = 32;         // each costs a socket and a thread
 constexpr size_t MAX_CANDIDATES_OF_HOST = 8;  // no host alone can keep the others out
 
+// Never on the caller's thread: it may be one of the units' own, and none may wait for itself.
+template <typename Destroy>
+void destroy_aside(Destroy&& destroy) {
+    std::thread([destroy = std::forward<Destroy>(destroy)]() mutable {
+        pthread_setname_np(pthread_self(), "destroyer");
+        destroy();
+    }).detach();
+}
+
 }  // namespace
 
 // What the units' callbacks work on, for as long as they run.
@@ -47,12 +56,13 @@ NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worke
 }
 
 NetworkController::~NetworkController() {
-    // From the flag on no callback lists a unit any more: none is left once all are cleared, and no
-    // unit keeps the state, which its own callbacks share, alive.
+    // From the flag on only the worker lists units, those of a sweep in progress. None is left once
+    // these are cleared, too, and no unit keeps the state, which its own callbacks share, alive.
     m_state->m_stop = true;
     _clear_all(m_state);
     _clear_current(m_state);
     m_worker_thread.join();
+    _clear_all(m_state);
 }
 
 void NetworkController::_worker_launcher(NetworkController* controller) {
@@ -85,7 +95,7 @@ void NetworkController::_seeker_found(const SharedState& state,
     if (unit == nullptr || state->m_stop) return;
     unit->ping([state](std::unique_ptr<NetworkUnit>&& peer) { _peer_found(state, peer); });
     const std::lock_guard lock(state->m_mutex);
-    if (!state->m_stop) state->m_seekers.push_back(std::move(unit));
+    state->m_seekers.push_back(std::move(unit));
 }
 
 void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit) {
@@ -171,14 +181,13 @@ void NetworkController::send(const unsigned char* data, uint64_t length) {
     }
 }
 
-// Never the caller's thread: it may be one of the units' own, and none may wait for itself.
 void NetworkController::_clear_current(const SharedState& state) {
     std::unique_ptr<NetworkUnit> unit;
     {
         const std::lock_guard lock(state->m_mutex);
         unit = std::move(state->m_current);
     }
-    std::thread([unit = std::move(unit)]() mutable { unit.reset(); }).detach();
+    destroy_aside([unit = std::move(unit)]() mutable { unit.reset(); });
 }
 
 void NetworkController::_clear_all(const SharedState& state) {
@@ -187,14 +196,14 @@ void NetworkController::_clear_all(const SharedState& state) {
         const std::lock_guard lock(state->m_mutex);
         seekers.splice(seekers.end(), state->m_seekers);
     }
-    std::thread([units = std::move(seekers)]() mutable { units.clear(); }).detach();
+    destroy_aside([units = std::move(seekers)]() mutable { units.clear(); });
 
     State::Units candidates;
     {
         const std::lock_guard lock(state->m_mutex);
         candidates.splice(candidates.end(), state->m_candidates);
     }
-    std::thread([state, units = std::move(candidates)]() mutable {
+    destroy_aside([state, units = std::move(candidates)]() mutable {
         for (auto& unit : units) {
             if (unit == nullptr) continue;  // its place in the list was taken by none
             const uint32_t host = unit->address();
@@ -202,5 +211,5 @@ void NetworkController::_clear_all(const SharedState& state) {
             const std::lock_guard lock(state->m_mutex);
             state->m_candidate_hosts.erase(state->m_candidate_hosts.find(host));
         }
-    }).detach();
+    });
 }

@@ -44,8 +44,7 @@ class NetworkController {
     // Starts to search at once. The worker is kept as a weak pointer and must outlive the
     // controller.
     explicit NetworkController(const std::shared_ptr<NetworkWorker>& worker);
-    // Drops all units and waits for the search to pause, which it does once a second; some seconds
-    // more for each interface whose discovery is just being started.
+    // Drops all units and waits for the search to pause, which it does once a second.
     virtual ~NetworkController();
 
     NetworkController(const NetworkController&) = delete;

@@ -27,14 +27,9 @@ constexpr uint32_t PROGRAM = 0x70000004;
 std::atomic<int> calls{0};
 std::atomic<int> inside{0};
 std::atomic<int> overlaps{0};
-std::string last_text;  // written by the program's thread, read after the answer
 
 void fill_record(const unsigned char*, Record* record) {
     *record = {1, 2, record->word_8 + 1, 3, 4};
-}
-
-void take_text(const unsigned char* argument, Record*) {
-    last_text = reinterpret_cast<const char*>(argument);
 }
 
 void count(const unsigned char*, Record*) {
@@ -80,16 +75,6 @@ TEST(Ambaipc, RecordGoesThereAndBackByteForByte) {
         1,    0,    0,    0,    2,    0,    0,    0,                              // words 0, 4
         0x89, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 3, 0, 0, 0, 4, 0, 0, 0};  // 8, 16, 20
     EXPECT_EQ(std::memcmp(&record, expected.data(), sizeof(record)), 0);
-}
-
-TEST(Ambaipc, TextWithoutItsEndIsEnded) {
-    ASSERT_EQ(register_program(PROGRAM, {take_text}), 0);
-    AmbaipcCaller caller(PROGRAM, 1);
-    const std::string longest(MAX_ARGUMENT, 'x');
-    call(caller, 0, longest);
-    EXPECT_EQ(last_text, longest);
-    call(caller, 0, "QR123");
-    EXPECT_EQ(last_text, "QR123");
 }
 
 TEST(Ambaipc, WrongCallsAreRefusedAndTheServiceLivesOn) {
