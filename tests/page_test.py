@@ -233,6 +233,11 @@ class Page(Loop):
         times = [self.browser.execute_async_script(PRESS_LATENCY, i % 2) for i in range(30)]
         print(f"page_test: from a click to its pixels {statistics.median(times):.0f} ms at the median")
 
+        # Enter is OK, also just after a click on another button.
+        down.click()
+        self.browser.switch_to.active_element.send_keys(Keys.ENTER)
+        self.wait(lambda: "OK pressed" in self.browser.find_element(By.ID, "log").text)
+
     def test_stalled_page_slows_nobody(self):
         self.start("guilink-core")
         stalled = [handshake()[0] for _ in range(3)]  # never read

@@ -56,9 +56,9 @@ export function makeButtons(pad, labels, press) {
 
   const entryOf = (event) => {
     if (event.ctrlKey || event.altKey || event.metaKey) return undefined;
-    if (event.target.closest?.('input, select, textarea')) return undefined;
+    if (event.target.closest?.('input:not([type="checkbox"]), select')) return undefined;
     // Enter and space work the control that has the focus.
-    if (event.target.closest?.('button') && ['Enter', ' '].includes(event.key)) return undefined;
+    if (event.target.closest?.('button, input') && ['Enter', ' '].includes(event.key)) return undefined;
     return labels.find(({ key }) => key && key.toLowerCase() === event.key.toLowerCase());
   };
   // By its place on the keyboard: a key let go after Shift no longer has the name it went down with.
@@ -75,6 +75,8 @@ export function makeButtons(pad, labels, press) {
     if (keys.has(code)) up(keys.get(code));
     keys.delete(code);
   });
+  // What the pointer has worked gives the focus up, or Enter would work it again.
+  addEventListener('click', ({ detail, target }) => { if (detail > 0) target.closest('button')?.blur(); });
   addEventListener('blur', () => [...held.keys()].forEach(up));
 }
 
