@@ -97,19 +97,22 @@ function note(text) {
 }
 
 const labels = await (await fetch('labels.json')).json();
+// The viewer would keep what it is given until a device links, and that may be long after.
+const sent = (send) => link === 'linked' && send();
+
 makeButtons($('pad'), labels, (button, label) => {
-  note(viewer.press(button) ? `${label} pressed` : `${label} was not sent: no viewer`);
+  note(sent(() => viewer.press(button)) ? `${label} pressed` : `${label} was not sent: no device`);
 });
 
 $('text').addEventListener('submit', (event) => {
   event.preventDefault();
   const text = $('line').value;
   if (text === '') return;
-  if (viewer.text(text)) {
+  if (sent(() => viewer.text(text))) {
     note(`Sent: ${text}`);
     $('line').value = '';
   } else {
-    note('The text was not sent: no viewer');
+    note('The text was not sent: no device');
   }
 });
 
@@ -126,7 +129,10 @@ function save(blob, extension) {
   note(`Saved ${anchor.download}`);
 }
 
-$('screenshot').addEventListener('click', () => canvas.toBlob((blob) => save(blob, 'png')));
+$('screenshot').addEventListener('click', () => {
+  if (!image) return note('There is no picture yet');
+  canvas.toBlob((blob) => save(blob, 'png'));
+});
 
 let recorder = null;
 $('record').addEventListener('click', () => {
