@@ -8,7 +8,7 @@ const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled eac
 
 // Stays connected for ever. handlers: image(ArrayBuffer), state(object), offline().
 export function connect(handlers) {
-  const url = `${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}/link`;
+  const url = `ws://${location.host}/link`;
   let socket = null;
   let wait = BACK_OFF.first;
 

@@ -29,12 +29,12 @@ export function decode(payload, reuse = null) {
   let position = 0;
   for (let i = 2; i < words.length; i += 2) {
     const end = position + words[i];
-    if (end > count) return null;
+    if (end >= count) return null;
     pixels.fill(RGBA[words[i + 1]], position, end);
     position = end;
   }
   // The last pixel of an image never travels: it repeats its neighbour.
-  if (position < count - 1) return null;
-  if (position === count - 1) pixels[position] = position > 0 ? pixels[position - 1] : 0;
+  if (position !== count - 1) return null;
+  pixels[position] = position > 0 ? pixels[position - 1] : 0;
   return image;
 }
