@@ -1,5 +1,6 @@
 #include "devkit/viewer/labels.h"
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -29,6 +30,7 @@ constexpr const char* DEFAULTS = R"([
 ])";
 
 constexpr size_t MAX_LABEL = 24;  // bytes; as many as fit a button
+constexpr std::string_view PLACES[] = {"up", "down", "left", "right", "ok", "back", "menu", "wide"};
 
 void check(const nlohmann::json& labels) {
     const auto require = [](bool condition, const std::string& what) {
@@ -51,6 +53,9 @@ void check(const nlohmann::json& labels) {
             const bool known = name == "button" || name == "label";
             require(known || ((name == "key" || name == "place") && value.is_string()),
                     "\"" + name + "\" is unknown, or no text" + where);
+            require(name != "place" ||
+                        std::ranges::count(PLACES, value.get_ref<const std::string&>()) == 1,
+                    "there is no such \"place\"" + where);
         }
     }
 }

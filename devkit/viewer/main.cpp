@@ -11,16 +11,23 @@ int main(int argc, char** argv) {
         "Shows the GUI of a device in this network and presses its buttons: on a page for\n"
         "browsers, or, with --snapshot, on one picture.");
     guilink::ServeOptions page;
-    app.add_option("--listen", page.listen, "Where to serve the page, ADDRESS:PORT")
-        ->capture_default_str();
-    app.add_option("--labels", page.labels_file, "JSON file with the names of the buttons");
-    app.add_option("--exec", page.command,
-                   "Only open the page's socket, then run this command, whose viewer serves it")
-        ->expected(1, -1);
+    auto* const listen =
+        app.add_option("--listen", page.listen, "Where to serve the page, ADDRESS:PORT")
+            ->capture_default_str();
+    auto* const labels =
+        app.add_option("--labels", page.labels_file, "JSON file with the names of the buttons");
+    auto* const command =
+        app.add_option("--exec", page.command,
+                       "Only open the page's socket, then run this command, whose viewer serves it")
+            ->expected(1, -1)
+            ->excludes(labels);
 
     guilink::SnapshotOptions snapshot;
     auto* const file =
-        app.add_option("--snapshot", snapshot.file, "Write one picture to this PNG file and end");
+        app.add_option("--snapshot", snapshot.file, "Write one picture to this PNG file and end")
+            ->excludes(listen)
+            ->excludes(labels)
+            ->excludes(command);
     app.add_option("--raw", snapshot.raw_file, "Write the picture's 16-bit pixels, too")
         ->needs(file);
     app.add_option("--press", snapshot.presses,
