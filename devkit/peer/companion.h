@@ -12,6 +12,7 @@
 // link carries, tells that they have not, or else, where nothing is drawn, two requests more.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
