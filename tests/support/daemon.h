@@ -49,7 +49,10 @@ class Daemon {
         m_reader = std::thread([this] { collect(); });
         int status = -1;
         waitpid(launcher, &status, 0);
-        if (status != 0) throw std::runtime_error("cannot start " GUILINKD);
+        if (status != 0) {
+            m_reader.join();
+            throw std::runtime_error("cannot start " GUILINKD);
+        }
         m_pid = only_child();
         if (until == Until::Started) wait_until([this] { return started() || !alive(); });
     }
