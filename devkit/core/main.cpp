@@ -170,7 +170,10 @@ int main(int argc, char** argv) {
         ->default_str("menu");
     app.add_flag("--still", options.still, "Nothing moves until a button is pressed");
     app.add_option("--qr-body", options.qr_body,
-                   "Give the service this identity first (5 characters)");
+                   "Give the service this identity first (5 characters)")
+        ->check([](const std::string& text) {
+            return std::string(text.size() == 5 ? "" : "any other length ends the service");
+        });
     app.add_option("--dump", options.dump,
                    "At the end, write the last frame's pixels to this file");
     CLI11_PARSE(app, argc, argv);
