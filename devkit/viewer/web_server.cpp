@@ -94,17 +94,19 @@ http::response<http::string_body> answer(const Request& request, const std::stri
         response.set(http::field::content_type, "text/plain");
         response.body() = why;
     };
-    const Asset* const asset = find_asset(view(request.target()));
+    const std::string_view target = view(request.target());
+    const std::string_view path = target.substr(0, target.find('?'));
+    const Asset* const asset = find_asset(path);
     const bool head = request.method() == http::verb::head;
     if (!host_allowed(view(request[http::field::host]))) {
         refuse(http::status::forbidden, "This server is called by its number or localhost.\n");
     } else if (request.method() != http::verb::get && !head) {
         refuse(http::status::method_not_allowed, "Only GET and HEAD are served.\n");
         response.set(http::field::allow, "GET, HEAD");
-    } else if (request.target() == "/labels.json") {
+    } else if (path == "/labels.json") {
         response.set(http::field::content_type, "application/json");
         response.body() = labels;
-    } else if (request.target() == "/link") {
+    } else if (path == "/link") {
         refuse(http::status::forbidden, "Only this server's page may connect.\n");
     } else if (asset == nullptr) {
         refuse(http::status::not_found, "There is no such file.\n");
@@ -247,7 +249,9 @@ class WebServer::Implementation::PageSession
         });
     }
 
+    // An image that waits may be of the link before.
     void offer_status() {
+        m_image = nullptr;
         m_status_waits = true;
         write();
     }

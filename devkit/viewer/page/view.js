@@ -84,7 +84,13 @@ setInterval(() => {
   $('veil').textContent = age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 
+// What is said again, as by a button that is held, is counted.
 function note(text) {
+  const last = $('log').firstChild;
+  if (last?.lastChild.textContent === text) {
+    last.dataset.times = Number(last.dataset.times ?? 1) + 1;
+    return;
+  }
   const now = new Date();
   const item = document.createElement('li');
   const time = document.createElement('time');
@@ -96,13 +102,8 @@ function note(text) {
   while ($('log').children.length > EVENTS_KEPT) $('log').lastChild.remove();
 }
 
-const labels = await (await fetch('labels.json')).json();
 // The viewer would keep what it is given until a device links, and that may be long after.
 const sent = (send) => link === 'linked' && send();
-
-makeButtons($('pad'), labels, (button, label) => {
-  note(sent(() => viewer.press(button)) ? `${label} pressed` : `${label} was not sent: no device`);
-});
 
 $('text').addEventListener('submit', (event) => {
   event.preventDefault();
@@ -118,7 +119,9 @@ $('text').addEventListener('submit', (event) => {
 
 $('backdrop').addEventListener('change', (event) => { $('screen').dataset.backdrop = event.target.value; });
 $('sharp').addEventListener('change', (event) => $('screen').classList.toggle('sharp', event.target.checked));
-$('fullscreen').addEventListener('click', () => $('screen').requestFullscreen());
+$('fullscreen').addEventListener('click', () => {
+  $('screen').requestFullscreen().catch(({ message }) => note(message));
+});
 
 function save(blob, extension) {
   const anchor = document.createElement('a');
@@ -138,7 +141,11 @@ let recorder = null;
 $('record').addEventListener('click', () => {
   if (recorder) return recorder.stop();
   const parts = [];
-  recorder = new MediaRecorder(canvas.captureStream(), { mimeType: 'video/webm' });
+  try {
+    recorder = new MediaRecorder(canvas.captureStream(), { mimeType: 'video/webm' });
+  } catch ({ message }) {
+    return note(`This browser does not record: ${message}`);
+  }
   recorder.ondataavailable = ({ data }) => parts.push(data);
   recorder.onstop = () => {
     recorder = null;
@@ -151,3 +158,12 @@ $('record').addEventListener('click', () => {
   $('record').textContent = 'Stop recording';
   note('Recording');
 });
+
+try {
+  const labels = await (await fetch('labels.json')).json();
+  makeButtons($('pad'), labels, (button, label) => {
+    note(sent(() => viewer.press(button)) ? `${label} pressed` : `${label} was not sent: no device`);
+  });
+} catch {
+  note('The buttons could not be fetched: load the page again');
+}
