@@ -26,6 +26,13 @@ constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // while the service is
 
 volatile std::sig_atomic_t stopped = 0;
 
+const std::map<std::string, bool> SIZES = {{"1280x960", true}, {"1024x768", false}};  // large?
+const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
+                                             {"overlay", Scene::overlay},
+                                             {"gradient", Scene::gradient},
+                                             {"noise", Scene::noise},
+                                             {"sweep", Scene::sweep}};
+
 struct Options {
     bool large = true;
     double fps = 60;
@@ -151,22 +158,19 @@ int main(int argc, char** argv) {
         "Stands in for a device's real-time core: draws a GUI into simulated memory,\n"
         "announces its frames to guilinkd and obeys the buttons. Run it in scripts/sandbox.");
     Options options;
-    app.add_option("--size", options.large, "Size of the screen, 1280x960 or 1024x768")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, bool>{{"1280x960", true}, {"1024x768", false}}))
+    app.add_option_function<std::string>(
+           "--size", [&](const std::string& name) { options.large = SIZES.at(name); },
+           "Size of the screen")
+        ->check(CLI::IsMember(SIZES))
         ->default_str("1280x960");
     app.add_option("--fps", options.fps, "Frames a second")
         ->check(CLI::Range(0.1, 1000.0))
         ->capture_default_str();
     app.add_option("--frames", options.frames, "End after this many frames");
-    app.add_option("--scene", options.scene,
-                   "What to draw: menu, overlay, gradient, noise or sweep")
-        ->transform(
-            CLI::CheckedTransformer(std::map<std::string, Scene>{{"menu", Scene::menu},
-                                                                 {"overlay", Scene::overlay},
-                                                                 {"gradient", Scene::gradient},
-                                                                 {"noise", Scene::noise},
-                                                                 {"sweep", Scene::sweep}}))
+    app.add_option_function<std::string>(
+           "--scene", [&](const std::string& name) { options.scene = SCENES.at(name); },
+           "What to draw")
+        ->check(CLI::IsMember(SCENES))
         ->default_str("menu");
     app.add_flag("--still", options.still, "Nothing moves until a button is pressed");
     app.add_option("--qr-body", options.qr_body,

@@ -1,6 +1,7 @@
 #include "devkit/viewer/serve.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,6 +37,12 @@ constexpr const char* INHERITED = "GUILINK_LISTEN_FD";  // holds the descriptor 
 int listener_of(const ServeOptions& options) {
     if (const char* const inherited = std::getenv(INHERITED)) {
         const int listener = std::atoi(inherited);
+        int listens = 0;
+        socklen_t size = sizeof listens;
+        getsockopt(listener, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
+        if (listens == 0) {
+            throw std::runtime_error(std::string(INHERITED) + " names no listening socket");
+        }
         fcntl(listener, F_SETFD, FD_CLOEXEC);
         return listener;
     }

@@ -89,7 +89,9 @@ void take_snapshot(const SnapshotOptions& options) {
                          [&](const Companion::Payload& payload) { heard.image(payload); },
                          {}});
     const uint64_t images = heard.wait_for_images(1);
-    for (const uint8_t button : options.presses) companion.press(button);
+    for (const uint8_t button : options.presses) {
+        if (!companion.press(button)) throw std::runtime_error("the device takes no more presses");
+    }
     heard.wait_for_images(images + options.frames);
 
     Image image;
