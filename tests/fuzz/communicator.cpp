@@ -13,9 +13,11 @@ constexpr unsigned char ANOTHER_CALLER = 2;
 std::vector<Bytes> seeds() {
     const Bytes keep_alive = frame(ControlMessage);
     const Bytes press = frame(ButtonMessage, {7});
+    const auto middle = press.begin() + 20;
     return {
         piece(1, 0, frame(ConnectRequest) + keep_alive + press + frame(DataMessage, bytes("text"))),
         piece(0, 0, frame(IdentityRequest)) + piece(3, 2, press) + piece(1, 0, keep_alive),
+        piece(1, 0, {press.begin(), middle}) + piece(3, 0, {middle, press.end()}),
         piece(1, 0, announcing(0xFFFFFFFF, press)) + piece(1, 0, press),
         piece(1, 0, announcing(1'048'534, press)) + piece(1, 255, Bytes(8000)) + piece(3, 0, press),
         piece(1, 255, Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end())),
