@@ -7,7 +7,9 @@ import base64
 import hashlib
 import os
 import pathlib
+import select
 import shutil
+import signal
 import socket
 import statistics
 import struct
@@ -123,11 +125,15 @@ class Loop(unittest.TestCase):
         subprocess.run([BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
 
     def end_service(self):
-        for entry in pathlib.Path("/proc").glob("[0-9]*/comm"):
-            if entry.read_text().strip() == "guilinkd":
-                os.kill(int(entry.parent.name), 15)
-                while entry.exists():
-                    time.sleep(0.05)
+        for process in pathlib.Path("/proc").glob("[0-9]*"):
+            try:
+                if (process / "comm").read_text().strip() == "guilinkd":
+                    service = os.pidfd_open(int(process.name))
+                    signal.pidfd_send_signal(service, signal.SIGTERM)
+                    select.select([service], [], [])
+                    os.close(service)
+            except (FileNotFoundError, ProcessLookupError):  # another one that has just gone
+                pass
 
 
 class Snapshot(Loop):
