@@ -23,11 +23,16 @@ constexpr size_t MAX_CANDIDATES = 32;         // each costs a socket and a threa
 constexpr size_t MAX_CANDIDATES_OF_HOST = 8;  // no host alone can keep the others out
 
 // Never on the caller's thread: it may be one of the units' own, and none may wait for itself.
+// Where no thread is to be had the process ends, with all units as they are: a receive thread would
+// drop the exception, destroy them itself and leave a link that hears nothing and is never given
+// up.
 template <typename Destroy>
-void destroy_aside(Destroy&& destroy) {
-    std::thread([destroy = std::forward<Destroy>(destroy)]() mutable {
+void destroy_aside(Destroy destroy) noexcept {
+    auto* const owned = std::make_unique<Destroy>(std::move(destroy)).release();  // by the thread
+    std::thread([owned] {
         pthread_setname_np(pthread_self(), "destroyer");
-        destroy();
+        const std::unique_ptr<Destroy> owner(owned);
+        (*owner)();
     }).detach();
 }
 
