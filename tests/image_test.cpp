@@ -40,13 +40,4 @@ TEST(EncodeImage, WritesExactlyTheseWords) {
     }
 }
 
-TEST(EncodeImage, DoublesTheWorkVectorOnlyWhereItDoesNotSuffice) {
-    const Words pixels = {0x8001, 0x8002, 0x8003, 0x8004, 0x8005};  // 4 runs: 10 words
-    for (const auto& [before, after] : {std::pair{2, 16}, {3, 12}, {9, 18}, {10, 10}, {50, 50}}) {
-        Words words(static_cast<size_t>(before));
-        EXPECT_EQ(EncodeImage(pixels.data(), 5, 1, words), 20u);
-        EXPECT_EQ(words.size(), static_cast<size_t>(after));
-    }
-}
-
 }  // namespace

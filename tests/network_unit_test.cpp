@@ -165,7 +165,6 @@ TEST(NetworkUnit, EchoSweep) {
     };
     const std::vector<Case> table = {
         {"127.1.2.3", "255.255.0.0", "127.1.0.", {1, 254}},
-        {"127.2.2.3", "255.255.255.0", "127.2.2.", {1, 254}},
         {"127.3.2.18", "255.255.255.240", "127.3.2.", {17, 30}},
         {"127.4.2.3", "255.255.255.252", "127.4.2.", {1, 2}},
         {"127.5.2.3", "255.255.255.254", "127.5.2.", {2, 3}},
@@ -327,14 +326,6 @@ TEST_F(Connection, NewOneEndsTheOldOneQuietly) {
     m_unit.reset();
     EXPECT_EQ(other.ends(), 0);
     EXPECT_EQ(other.data().find('a'), std::string::npos);
-}
-
-TEST_F(Connection, ExceptionEndsReceivingAlone) {
-    m_unit->tcp_connect(PORT, [](auto...) { throw std::runtime_error("taker"); });
-    const Socket peer(accept(m_host.fd(), nullptr, nullptr));
-    peer.write(bytes("x"));
-    m_unit->join();
-    EXPECT_TRUE(send(PAYLOAD));
 }
 
 // The unit is waited for while its own thread answers: neither may wait for the other.

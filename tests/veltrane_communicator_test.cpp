@@ -186,16 +186,6 @@ TEST(VeltraneCommunicator, ExceptionLeavesTheFrame) {
                  std::runtime_error);
     receiver.feed(rest(40, tail) + big);
     EXPECT_EQ(taken, "-b-d-");
-
-    const Bytes request = frame(ConnectRequest);
-    int calls = 0;
-    const auto signal = [&] {
-        if (++calls == 1) throw std::runtime_error("signal");
-    };
-    EXPECT_THROW(receiver.OnDataReceived(request.data(), request.size(), signal, false),
-                 std::runtime_error);
-    receiver.OnDataReceived(nullptr, 0, signal, false);
-    EXPECT_EQ(calls, 2);
 }
 
 TEST(VeltraneCommunicator, SignalMayEmptyItself) {
