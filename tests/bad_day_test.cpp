@@ -208,6 +208,10 @@ TEST_F(BadDay, PeerAsksAndDoesNotRead) {
     m_peer.connection();
 }
 
+TEST_F(BadDay, PeerAsksToConnectAgainAndAgain) {
+    m_peer.link(repeated(frame(ConnectRequest), 5000) + frame(ControlMessage));
+}
+
 TEST_F(BadDay, PeerTrickles) {
     const Socket peer = link();
     for (const unsigned char byte : frame(ControlMessage) + frame(IdentityRequest)) {
