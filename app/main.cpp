@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "app/forever_thread.h"
+#include "base/write_line.h"
 #include "ipc/ipc_gui_fetcher.h"
 
 namespace {
@@ -32,6 +33,7 @@ void ensure_standard_streams() {
 
 int main() {
     ensure_standard_streams();
+    unblock_standard_streams();
     return_freed_memory();
     // Keeps the standard streams. Where it cannot detach, the service runs all the same.
     [[maybe_unused]] const int ignored = daemon(0, 1);

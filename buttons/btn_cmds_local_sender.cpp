@@ -55,10 +55,10 @@ BtnCmdsLocalSender::~BtnCmdsLocalSender() {
 
 std::string BtnCmdsLocalSender::_serializeToJson(const ButtonCmdNetId& id) {
     const auto report = [](const std::exception& error) {
+        // Allocates nothing: the error may be that there is no memory.
         write_line(STDERR_FILENO,
-                   std::string("Error: Method: BtnCmdsLocalSender::_serializeToJson, exception "
-                               "thrown: ") +
-                       error.what());
+                   {"Error: Method: BtnCmdsLocalSender::_serializeToJson, exception thrown: ",
+                    error.what()});
     };
     try {
         const auto local_id = static_cast<int>(m_buttons_map.at(id));

@@ -16,7 +16,7 @@ void IpcGuiFetcher::ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_S
         facade = std::make_shared<ComLibInterface>(body, fw);
     } catch (const std::bad_alloc& error) {
         write_line(STDERR_FILENO,
-                   std::string("Error during alloc of mem for ComLibInterface\n") + error.what());
+                   {"Error during alloc of mem for ComLibInterface\n", error.what()});
         std::exit(1);
     }
     {

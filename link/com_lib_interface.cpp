@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr uint64_t SMALL_FRAME_SIZE = 1'572'864;  // bytes; 1024 x 768 pixels of 16 bits
-constexpr auto ALIVE_TIMEOUT = 2s;   // a companion that was silent for longer gets no new frames
+constexpr auto ALIVE_TIMEOUT = 2s;   // a companion that is silent for longer gets no new frames
 constexpr auto SENDER_WAIT = 500ms;  // the longest pause between two images on the link
 
 }  // namespace
@@ -36,7 +36,7 @@ ComLibInterface::ComLibInterface(const std::string& id, const std::string& fw)
 ComLibInterface::~ComLibInterface() {
     m_stop = true;
     m_sender_thread.join();
-    // Receive threads outlive the facade and may be inside the handler, which holds this.
+    // Receive threads outlive the facade and may run the handler, which holds this.
     m_communicator->SetMessageHandler({});
 }
 
@@ -47,21 +47,21 @@ void ComLibInterface::_set_resolution(uint64_t size) {
 }
 
 void ComLibInterface::_set_alive_time(Clock::time_point time) {
-    const std::lock_guard lock(m_alive_mutex);
+    const Lock lock(m_alive_mutex);
     m_last_alive = time;
 }
 
 ComLibInterface::Clock::time_point ComLibInterface::_alive_time() {
-    const std::lock_guard lock(m_alive_mutex);
+    const Lock lock(m_alive_mutex);
     return m_last_alive;
 }
 
 void ComLibInterface::push_frame(std::shared_ptr<unsigned char> frame, uint64_t size) {
     if (Clock::now() > _alive_time() + ALIVE_TIMEOUT) return;
 
-    const std::lock_guard lock(m_frame_mutex);
+    const Lock lock(m_frame_mutex);
     _set_resolution(size);
-    // Not clamped, and a smaller frame is read as a whole 1024 x 768 one: meant, the core is
+    // Deliberate: not clamped, and a smaller frame is read as a whole 1024 x 768 one. The core is
     // trusted.
     std::memcpy(m_back.data(), frame.get(), size >= FRAME_BUFFER_SIZE ? size : SMALL_FRAME_SIZE);
     m_frame_cv.notify_all();
@@ -70,11 +70,13 @@ void ComLibInterface::push_frame(std::shared_ptr<unsigned char> frame, uint64_t 
 
 void ComLibInterface::_sender_loop() {
     pthread_setname_np(pthread_self(), "frame-sender");
-    const std::lock_guard wait_lock(m_wait_mutex);
+    const Lock wait_lock(m_wait_mutex);
     while (!m_stop) {
-        // With the frame's own mutex and flag, a frame accepted during SendImage is seen at once.
-        std::unique_lock lock(m_frame_mutex);
-        if (m_frame_cv.wait_for(lock, SENDER_WAIT, [this] { return m_frame_ready; })) {
+        // Waits with the frame's own mutex and flag: a frame that was accepted during SendImage is
+        // seen at once.
+        const auto ready = [this]() REQUIRES(m_frame_mutex) { return m_frame_ready; };
+        Lock lock(m_frame_mutex);
+        if (m_frame_cv.wait_for(lock, SENDER_WAIT, ready)) {
             m_frame_ready = false;
             m_front.swap(m_back);
             const auto width = static_cast<uint16_t>(m_width);
@@ -99,12 +101,13 @@ void ComLibInterface::_on_message(uint16_t type, const std::vector<unsigned char
             try {
                 const uint32_t button = payload.at(0);
                 SendButtonCommand(button);
-                write_line(STDOUT_FILENO, "BUTTON " + std::to_string(button));
-            } catch (...) {  // no button in the payload, or no way to send it: the press is lost
+                write_line(STDOUT_FILENO, {"BUTTON ", std::to_string(button)});
+            } catch (...) {  // an empty payload, or no memory: the press is lost
             }
             return;
         case DataMessage:
-            write_line(STDOUT_FILENO, "USER " + std::string(payload.begin(), payload.end()));
+            write_line(STDOUT_FILENO,
+                       {"USER ", {reinterpret_cast<const char*>(payload.data()), payload.size()}});
             return;
         default:
             return;

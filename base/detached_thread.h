@@ -1,0 +1,34 @@
+// A thread that nobody joins.
+#pragma once
+
+#include <pthread.h>
+
+#include <exception>
+#include <memory>
+#include <new>
+#include <utility>
+
+// Runs action on a thread of its own, which also destroys it. If no thread can be started, the
+// process ends with action as it is. The thread is created detached: detaching it later
+// (std::thread::detach) may read freed memory inside the C library if it is just ending.
+template <typename Action>
+void run_detached(const char* name, Action action) noexcept {
+    struct Start {
+        const char* name;  // at most 15 characters
+        Action action;
+    };
+    auto* const start = new (std::nothrow) Start{name, std::move(action)};
+    if (start == nullptr) std::terminate();
+    const auto entry = [](void* argument) -> void* {
+        const std::unique_ptr<Start> owned(static_cast<Start*>(argument));
+        pthread_setname_np(pthread_self(), owned->name);
+        owned->action();
+        return nullptr;
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t thread;
+    if (pthread_create(&thread, &attributes, entry, start) != 0) std::terminate();
+    pthread_attr_destroy(&attributes);
+}

@@ -1,0 +1,43 @@
+// A mutex, and the annotations by which clang checks at compile time that what it guards is touched
+// under it alone (-Wthread-safety in the lint build). Other compilers see none of this.
+#pragma once
+
+#include <mutex>
+
+#if defined(__clang__)
+#define GUILINK_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define GUILINK_THREAD_ANNOTATION(x)
+#endif
+
+#define CAPABILITY(name) GUILINK_THREAD_ANNOTATION(capability(name))
+#define SCOPED_CAPABILITY GUILINK_THREAD_ANNOTATION(scoped_lockable)
+#define GUARDED_BY(mutex) GUILINK_THREAD_ANNOTATION(guarded_by(mutex))
+#define REQUIRES(...) GUILINK_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) GUILINK_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ACQUIRE(...) GUILINK_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define RELEASE(...) GUILINK_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+
+class CAPABILITY("mutex") Mutex {
+  public:
+    void lock() ACQUIRE() { m_mutex.lock(); }
+    void unlock() RELEASE() { m_mutex.unlock(); }
+
+  private:
+    std::mutex m_mutex;
+};
+
+// Holds a mutex for a scope. A condition variable (std::condition_variable_any) may wait with it.
+class SCOPED_CAPABILITY Lock {
+  public:
+    explicit Lock(Mutex& mutex) ACQUIRE(mutex) : m_lock(mutex) {}
+    ~Lock() RELEASE() = default;
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+    void unlock() RELEASE() { m_lock.unlock(); }
+    void lock() ACQUIRE() { m_lock.lock(); }
+
+  private:
+    std::unique_lock<Mutex> m_lock;
+};

@@ -1,0 +1,107 @@
+#include "base/write_line.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstring>
+
+namespace {
+
+constexpr int READER_PAUSE =
+    100;  // ms; a reader in the middle of a long line that takes longer is gone
+
+// Trivially destructible: threads go on logging while the process exits.
+struct Stream {
+    std::atomic<bool> is_socket{false};
+    std::atomic<bool> is_cut{false};  // its last line has no end yet
+    std::atomic<unsigned> dropped{0};
+};
+std::array<Stream, STDERR_FILENO + 1> streams;
+
+// Collects a line and writes it in pieces that a pipe takes as a whole or not at all.
+class Line {
+  public:
+    explicit Line(int stream)
+        : m_descriptor(stream), m_stream(streams[static_cast<size_t>(stream)]) {
+        m_dropped_before = m_stream.dropped.exchange(0);
+        if (m_dropped_before == 0) return;
+        m_ends_a_cut_line = m_stream.is_cut.exchange(false);
+        if (m_ends_a_cut_line) append("\n");
+        char number[16];
+        const auto end = std::to_chars(std::begin(number), std::end(number), m_dropped_before).ptr;
+        append({number, static_cast<size_t>(end - number)});
+        append(m_dropped_before == 1 ? " line dropped\n" : " lines dropped\n");
+    }
+
+    void append(std::string_view text) {
+        while (!text.empty()) {
+            if (m_size == m_buffer.size()) flush();
+            const size_t count = std::min(text.size(), m_buffer.size() - m_size);
+            std::memcpy(&m_buffer[m_size], text.data(), count);
+            m_size += count;
+            text.remove_prefix(count);
+        }
+    }
+
+    void flush() {
+        if (!m_failed && !write()) {
+            m_failed = true;
+            m_stream.dropped += 1 + (m_begun ? 0 : m_dropped_before);
+            if (m_begun || m_ends_a_cut_line) m_stream.is_cut = true;
+        }
+        m_begun = true;
+        m_size = 0;
+    }
+
+  private:
+    bool write() const {
+        pollfd event = {m_descriptor, POLLOUT, 0};
+        if (poll(&event, 1, m_begun ? READER_PAUSE : 0) != 1) return false;
+        const ssize_t count = m_stream.is_socket
+                                  ? ::send(m_descriptor, m_buffer.data(), m_size, MSG_DONTWAIT)
+                                  : ::write(m_descriptor, m_buffer.data(), m_size);
+        return count < 0 ? errno != EAGAIN : static_cast<size_t>(count) == m_size;
+    }
+
+    const int m_descriptor;
+    Stream& m_stream;
+    unsigned m_dropped_before;  // reported at the head of this line
+    bool m_ends_a_cut_line = false;
+    std::array<char, PIPE_BUF> m_buffer;
+    size_t m_size = 0;
+    bool m_begun = false;  // a part of the line is written already
+    bool m_failed = false;
+};
+
+}  // namespace
+
+void unblock_standard_streams() {
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat status = {};
+        if (fstat(stream, &status) != 0) continue;
+        streams[static_cast<size_t>(stream)].is_socket = S_ISSOCK(status.st_mode);
+        if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) continue;
+        // O_NONBLOCK belongs to the open description, which others may share: take a new one.
+        const char* const path = stream == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2";
+        const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (own < 0) continue;  // poll alone has to do
+        dup2(own, stream);
+        close(own);
+    }
+}
+
+void write_line(int stream, std::initializer_list<std::string_view> pieces) noexcept {
+    Line line(stream);
+    for (const std::string_view piece : pieces) line.append(piece);
+    line.append("\n");
+    line.flush();
+}
