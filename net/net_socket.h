@@ -1,5 +1,5 @@
 // Owns one socket descriptor for its whole life: creates it, refuses to exist without one, closes
-// it. Everything else is done with the system's own calls on the descriptor.
+// it. For everything else, use the system's calls on the descriptor.
 #pragma once
 
 #include <sys/socket.h>
@@ -7,9 +7,8 @@
 
 #include <stdexcept>
 
-// A template over the socket primitives that it stands on, each with its signature, then the
-// address type and the integer types of domain, type and protocol. The service uses NetSocket<>
-// alone.
+// A template over the socket primitives, each with its signature, then over the address type and
+// the integer types of domain, type and protocol. The service only uses NetSocket<>.
 template <typename CreateSignature = int(int, int, int), CreateSignature* Create = ::socket,
           typename CloseSignature = int(int), CloseSignature* Close = ::close,
           typename ConnectSignature = int(int, const sockaddr*, unsigned int),
@@ -21,7 +20,7 @@ template <typename CreateSignature = int(int, int, int), CreateSignature* Create
           typename Type = int, typename Protocol = int>
 class NetSocket {
   public:
-    // Throws std::runtime_error when there is no socket to be had.
+    // Throws std::runtime_error if the system gives no socket.
     NetSocket(Domain domain, Type type, Protocol protocol)
         : _descriptor(Create(domain, type, protocol)) {
         if (_descriptor == _invalid) throw std::runtime_error("NetSocket: couldn't create socket");

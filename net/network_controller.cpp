@@ -1,15 +1,17 @@
 #include "net/network_controller.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <list>
-#include <mutex>
-#include <set>
+#include <map>
 #include <utility>
 
+#include "base/detached_thread.h"
+#include "base/mutex.h"
 #include "base/write_line.h"
 #include "net/network_unit_v4.h"
 
@@ -17,42 +19,76 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr unsigned short PEER_PORT = 8399;    // TCP, where a companion listens
-constexpr auto SWEEP_INTERVAL = 1s;           // a candidate has about this long to be accepted
-constexpr size_t MAX_CANDIDATES = 32;         // each costs a socket and a thread
-constexpr size_t MAX_CANDIDATES_OF_HOST = 8;  // no host alone can keep the others out
+constexpr unsigned short PEER_PORT = 8399;     // TCP, a companion listens there
+constexpr auto SWEEP_INTERVAL = 1s;            // a candidate has about this long to be accepted
+constexpr size_t MAX_CANDIDATES = 32;          // each costs a socket and a thread
+constexpr unsigned MAX_TURNS_OF_HOST = 8;      // in a sweep; bounds the connections to one host
+constexpr size_t MAX_HOSTS = 1024;             // remembered; beyond it all turns are forgotten
+constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then it is another candidate's turn
 
-// Never on the caller's thread: it may be one of the units' own, and none may wait for itself.
-// Where no thread is to be had the process ends, with all units as they are: a receive thread would
-// drop the exception, destroy them itself and leave a link that hears nothing and is never given
-// up.
-template <typename Destroy>
-void destroy_aside(Destroy destroy) noexcept {
-    auto* const owned = std::make_unique<Destroy>(std::move(destroy)).release();  // by the thread
-    std::thread([owned] {
-        pthread_setname_np(pthread_self(), "destroyer");
-        const std::unique_ptr<Destroy> owner(owned);
-        (*owner)();
-    }).detach();
-}
+// How often a host has been a candidate.
+struct Turns {
+    unsigned since_link = 0;
+    unsigned in_sweep = 0;
+};
+
+// Lives in the callback of a connection. A copy that goes on another thread reports the end of a
+// connection that does not exist.
+struct ConnectionEnd {
+    std::weak_ptr<NetworkController::NetworkWorker> worker;
+
+    ~ConnectionEnd() {
+        if (const auto shared = worker.lock()) shared->OnConnectionEnd();
+    }
+};
 
 }  // namespace
 
-// What the units' callbacks work on, for as long as they run.
+// The callbacks of units work on this, for as long as they run.
 struct NetworkController::State {
+    // Lists throughout: units move between them without an allocation that could fail.
     using Units = std::list<std::unique_ptr<NetworkUnit>>;
 
     std::atomic<bool> m_stop{false};
-    std::mutex m_mutex;  // guards all below but m_worker; never held while the worker is called
+    Mutex m_mutex;  // never held while the worker is called or a unit is destroyed
 
-    Units m_candidates;                         // peers of the current sweep, each told to connect
-    Units m_seekers;                            // the interfaces of the current sweep
-    std::multiset<uint32_t> m_candidate_hosts;  // of those listed, about to be or being destroyed
-    std::unique_ptr<NetworkUnit> m_current;
-    NetworkUnit* m_pending = nullptr;  // whose bytes the worker is examining at this moment
+    Units m_candidates GUARDED_BY(m_mutex);  // peers found, each connecting or connected
+    Units m_seekers GUARDED_BY(m_mutex);  // interfaces of this sweep and, stopping, of earlier ones
+    Units m_current GUARDED_BY(m_mutex);  // the linked peer, or empty
+    Units m_dropped GUARDED_BY(m_mutex);  // connections that were given up and are stopping
+    size_t m_connecting GUARDED_BY(m_mutex) = 0;  // admitted, but not yet listed
+    std::map<uint32_t, Turns> m_turns GUARDED_BY(m_mutex);
 
-    std::weak_ptr<NetworkWorker> m_worker;
+    Mutex m_examination_mutex;  // one candidate at a time; taken before all others
+    NetworkUnit* m_pending GUARDED_BY(m_mutex) = nullptr;  // the one being examined
+
+    std::weak_ptr<NetworkWorker> m_worker;  // constant
+
+    void drop(Units& from, Units::iterator unit) REQUIRES(m_mutex) {
+        (*unit)->stop();
+        m_dropped.splice(m_dropped.end(), from, unit);
+    }
+    bool admit(uint32_t host) REQUIRES(m_mutex);
 };
+
+// Whether there is a place for a candidate. Hosts that had fewer turns go first: when all places
+// are taken, the longest listed candidate of the host with the most turns makes room for another
+// host.
+bool NetworkController::State::admit(uint32_t host) {
+    if (m_turns.size() == MAX_HOSTS && !m_turns.contains(host)) m_turns.clear();
+    Turns& turns = m_turns[host];
+    if (turns.in_sweep == MAX_TURNS_OF_HOST || m_dropped.size() >= MAX_CANDIDATES) return false;
+    if (m_candidates.size() + m_connecting >= MAX_CANDIDATES) {
+        const auto turns_of = [this](const auto& unit)
+                                  REQUIRES(m_mutex) { return m_turns[unit->address()].since_link; };
+        const auto most = std::ranges::max_element(m_candidates, {}, turns_of);
+        if (most == m_candidates.end() || turns_of(*most) <= turns.since_link) return false;
+        drop(m_candidates, most);
+    }
+    ++turns.since_link;
+    ++turns.in_sweep;
+    return true;
+}
 
 NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worker)
     : m_state(std::make_shared<State>()) {
@@ -61,13 +97,25 @@ NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worke
 }
 
 NetworkController::~NetworkController() {
-    // From the flag on only the worker lists units, those of a sweep in progress. None is left once
-    // these are cleared, too, and no unit keeps the state, which its own callbacks share, alive.
-    m_state->m_stop = true;
+    State& state = *m_state;
+    // Once m_stop is set, only a running sweep adds units; a second clear after the join stops
+    // them.
+    state.m_stop = true;
     _clear_all(m_state);
-    _clear_current(m_state);
+    {
+        const Lock lock(state.m_mutex);
+        if (!state.m_current.empty()) state.drop(state.m_current, state.m_current.begin());
+    }
     m_worker_thread.join();
     _clear_all(m_state);
+    State::Units units;
+    {
+        const Lock lock(state.m_mutex);
+        units.splice(units.end(), state.m_seekers);
+        units.splice(units.end(), state.m_dropped);
+    }
+    // Not on this thread: it may be a unit's own, which would join itself.
+    if (!units.empty()) run_detached("destroyer", [owned = std::move(units)] {});
 }
 
 void NetworkController::_worker_launcher(NetworkController* controller) {
@@ -80,10 +128,12 @@ void NetworkController::_worker_handler() {
     while (!state->m_stop) {
         bool linked;
         {
-            const std::lock_guard lock(state->m_mutex);
-            linked = state->m_current != nullptr;
+            const Lock lock(state->m_mutex);
+            linked = !state->m_current.empty();
+            for (auto& [host, turns] : state->m_turns) turns.in_sweep = 0;
         }
         _clear_all(state);
+        _destroy_stopped(state);
         if (!linked) {
             const std::shared_ptr<NetworkWorker> worker(state->m_worker);
             const auto found = [state](std::unique_ptr<NetworkUnit>&& unit) {
@@ -99,122 +149,133 @@ void NetworkController::_seeker_found(const SharedState& state,
                                       std::unique_ptr<NetworkUnit>& unit) {
     if (unit == nullptr || state->m_stop) return;
     unit->ping([state](std::unique_ptr<NetworkUnit>&& peer) { _peer_found(state, peer); });
-    const std::lock_guard lock(state->m_mutex);
+    const Lock lock(state->m_mutex);
     state->m_seekers.push_back(std::move(unit));
 }
 
 void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit) {
     if (unit == nullptr) return;
+    _destroy_stopped(state);  // a refused connection gives its place back here
     {
-        const std::lock_guard lock(state->m_mutex);
-        auto& hosts = state->m_candidate_hosts;
-        if (state->m_stop || hosts.size() == MAX_CANDIDATES ||
-            hosts.count(unit->address()) == MAX_CANDIDATES_OF_HOST) {
-            return;
-        }
-        hosts.insert(unit->address());
+        const Lock lock(state->m_mutex);
+        if (state->m_stop || !state->admit(unit->address())) return;
+        ++state->m_connecting;
     }
     unit->tcp_connect(PEER_PORT,
-                      [state](const unsigned char* data, unsigned long length, NetworkUnit* from) {
+                      [state, end = ConnectionEnd{state->m_worker}](
+                          const unsigned char* data, unsigned long length, NetworkUnit* from) {
                           _data_receive(state, data, length, from);
                       });
-    const std::lock_guard lock(state->m_mutex);
+    const Lock lock(state->m_mutex);
+    --state->m_connecting;
     if (!state->m_stop) state->m_candidates.push_back(std::move(unit));
 }
 
 void NetworkController::_data_receive(const SharedState& state, const unsigned char* data,
                                       uint64_t length, NetworkUnit* unit) {
-    std::unique_lock lock(state->m_mutex);
-    if (state->m_current != nullptr) {
-        if (state->m_current.get() != unit) return;
-        if (length == 0) {
+    const std::shared_ptr<NetworkWorker> worker = state->m_worker.lock();
+    {
+        Lock lock(state->m_mutex);
+        if (state->m_current.empty()) {
             lock.unlock();
-            _clear_current(state);
+            if (worker != nullptr) _examine(state, data, length, unit, *worker);
             return;
         }
-        const std::shared_ptr<NetworkWorker> worker = state->m_worker.lock();
-        if (worker == nullptr) return;
-        lock.unlock();
-        worker->OnDataReceived(data, length, {}, true);
-        return;
+        if (state->m_current.front().get() != unit) return;
     }
+    if (length == 0) {
+        _clear_current(state, unit);
+    } else if (worker != nullptr) {
+        worker->OnDataReceived(data, length, {}, true);
+    }
+}
 
-    const std::shared_ptr<NetworkWorker> worker = state->m_worker.lock();
-    if (worker == nullptr) return;
-    state->m_pending = unit;
-    lock.unlock();
-
-    // Let go on every way out, exceptions too: the unit may be destroyed soon after.
-    struct Examination {
-        State& state;
-        ~Examination() {
-            const std::lock_guard relock(state.m_mutex);
-            state.m_pending = nullptr;
+// One candidate at a time, in small portions: each gets its own answers, and soon.
+void NetworkController::_examine(const SharedState& state, const unsigned char* data,
+                                 uint64_t length, NetworkUnit* unit, NetworkWorker& worker) {
+    // Resets m_pending on every way out: the unit may be destroyed soon after.
+    class Examination {
+      public:
+        Examination(State& state, NetworkUnit* unit)
+            : m_state(state), m_examination(state.m_examination_mutex) {
+            const Lock lock(state.m_mutex);
+            state.m_pending = unit;
         }
-    } const examination{*state};
+        ~Examination() {
+            const Lock lock(m_state.m_mutex);
+            m_state.m_pending = nullptr;
+        }
+
+      private:
+        State& m_state;
+        const Lock m_examination;
+    };
     const auto signal = [&state, unit] {
         write_line(STDOUT_FILENO, "connected");
         _set_current(state, unit);
     };
-    worker->OnDataReceived(data, length, signal, false);
+    do {
+        const uint64_t portion = std::min(length, EXAMINED_AT_ONCE);
+        const Examination examination(*state, unit);
+        worker.OnDataReceived(data, portion, signal, false);
+        data += portion;
+        length -= portion;
+    } while (length != 0);
 }
 
-void NetworkController::_set_current(const SharedState& state, NetworkUnit* unit) {
+void NetworkController::_set_current(const SharedState& state, const NetworkUnit* unit) {
     {
-        const std::lock_guard lock(state->m_mutex);
-        const auto holds_unit = [unit](const auto& candidate) { return candidate.get() == unit; };
-        const auto node = std::ranges::find_if(state->m_candidates, holds_unit);
-        if (node != state->m_candidates.end()) {
-            auto& hosts = state->m_candidate_hosts;
-            hosts.erase(hosts.find(unit->address()));
-            state->m_current.swap(*node);
-            if (*node != nullptr) hosts.insert((*node)->address());
-        }
+        const Lock lock(state->m_mutex);
+        auto& candidates = state->m_candidates;
+        const auto node = std::ranges::find(candidates, unit, &std::unique_ptr<NetworkUnit>::get);
+        // Not listed yet, or given up: the request has no effect on anybody.
+        if (node == candidates.end()) return;
+        auto& current = state->m_current;
+        if (!current.empty()) state->drop(current, current.begin());
+        current.splice(current.end(), candidates, node);
+        state->m_turns.clear();
     }
     _clear_all(state);
 }
 
 void NetworkController::send(const unsigned char* data, uint64_t length) {
-    std::unique_lock lock(m_state->m_mutex);
-    if (m_state->m_current != nullptr) {
-        if (m_state->m_current->send(data, length)) return;
-        lock.unlock();
-        _clear_current(m_state);
-    } else if (m_state->m_pending != nullptr && m_state->m_pending->writable()) {
-        // A candidate that does not read its answers is not waited for: everybody else would be.
-        m_state->m_pending->send(data, length);
+    State& state = *m_state;
+    const Lock lock(state.m_mutex);
+    if (!state.m_current.empty()) {
+        const auto unit = state.m_current.begin();
+        if (!(*unit)->send(data, length)) state.drop(state.m_current, unit);
+    } else if (state.m_pending != nullptr && !state.m_pending->send_at_once(data, length)) {
+        auto& candidates = state.m_candidates;
+        const auto node =
+            std::ranges::find(candidates, state.m_pending, &std::unique_ptr<NetworkUnit>::get);
+        if (node != candidates.end()) state.drop(candidates, node);
     }
 }
 
-void NetworkController::_clear_current(const SharedState& state) {
-    std::unique_ptr<NetworkUnit> unit;
-    {
-        const std::lock_guard lock(state->m_mutex);
-        unit = std::move(state->m_current);
-    }
-    destroy_aside([unit = std::move(unit)]() mutable { unit.reset(); });
+// Drops the current unit if it still is the given one.
+void NetworkController::_clear_current(const SharedState& state, const NetworkUnit* unit) {
+    const Lock lock(state->m_mutex);
+    auto& current = state->m_current;
+    if (!current.empty() && current.front().get() == unit) state->drop(current, current.begin());
 }
 
 void NetworkController::_clear_all(const SharedState& state) {
-    State::Units seekers;
-    {
-        const std::lock_guard lock(state->m_mutex);
-        seekers.splice(seekers.end(), state->m_seekers);
+    const Lock lock(state->m_mutex);
+    for (const auto& seeker : state->m_seekers) seeker->stop();
+    while (!state->m_candidates.empty()) {
+        state->drop(state->m_candidates, state->m_candidates.begin());
     }
-    destroy_aside([units = std::move(seekers)]() mutable { units.clear(); });
+}
 
-    State::Units candidates;
-    {
-        const std::lock_guard lock(state->m_mutex);
-        candidates.splice(candidates.end(), state->m_candidates);
-    }
-    destroy_aside([state, units = std::move(candidates)]() mutable {
-        for (auto& unit : units) {
-            if (unit == nullptr) continue;  // its place in the list was taken by none
-            const uint32_t host = unit->address();
-            unit.reset();
-            const std::lock_guard lock(state->m_mutex);
-            state->m_candidate_hosts.erase(state->m_candidate_hosts.find(host));
+// Destroys the units whose threads have ended.
+void NetworkController::_destroy_stopped(const SharedState& state) {
+    State::Units stopped;  // destroyed without the lock
+    const Lock lock(state->m_mutex);
+    for (auto* const units : {&state->m_seekers, &state->m_candidates, &state->m_dropped}) {
+        for (auto unit = units->begin(); unit != units->end();) {
+            const auto next = std::next(unit);
+            if ((*unit)->stopped()) stopped.splice(stopped.end(), *units, unit);
+            unit = next;
         }
-    });
+    }
 }

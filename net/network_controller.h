@@ -1,12 +1,12 @@
 // Keeps the device linked to exactly one peer. While none is linked, a discovery sweep runs about
-// once a second on every interface, and every host that answers becomes a candidate: it is given a
-// TCP connection, and its bytes are shown to the worker (the link protocol) until the worker
-// accepts one. That one becomes current, all others are dropped. A failed send or the end of its
-// connection drops the current one, what was being sent is lost, and the search begins again.
+// once a second on every interface, and every host that answers becomes a candidate: it gets a TCP
+// connection, and its bytes go to the worker (the link protocol) until the worker accepts one. That
+// one becomes current, all others are dropped. A failed send or the end of its connection drops the
+// current one; what was being sent is lost, and the search begins again.
 //
-// Units are destroyed on detached threads, since they are dropped from their own threads and take
-// seconds to stop. Their callbacks may thus come after the controller: they share the state below
-// and never touch the controller itself.
+// A dropped unit is asked to stop at once. It is destroyed when its threads have ended, so that
+// nobody waits for it and no thread joins itself. Its callbacks may come after the controller's
+// end: they share the state below and never touch the controller.
 #pragma once
 
 #include <cstdint>
@@ -19,18 +19,19 @@ class NetworkUnit;
 
 class NetworkController {
   public:
-    // The link protocol, as the controller sees it.
+    // The link protocol, as the controller sees it: the worker does something useful with bytes.
+    // (The thread that searches is the controller's own and has nothing to do with it.)
     class NetworkWorker {
       public:
-        // Takes count bytes that a connection received, valid only during the call; a count of 0 is
-        // its end. signal, where not empty, makes that connection the link. With deliver_all false
-        // only keep-alives reach the message handler. Called from several threads, without any
-        // lock.
+        // Receives bytes of the calling thread's connection, valid only during the call. signal, if
+        // not empty, makes that connection the link. With deliver_all false only keep-alives reach
+        // the message handler. A length of 0 is the end of a candidate's connection. Called from
+        // several threads.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
         // Keeps a weak pointer to where everything is sent.
         virtual void SetController(const std::shared_ptr<NetworkController>& controller) = 0;
-        // Installs what takes the messages of the peer: type and payload.
+        // Installs the handler of the peer's messages: type and payload.
         virtual void SetMessageHandler(
             const std::function<void(uint16_t, std::vector<unsigned char>)>& handler) = 0;
         virtual void SendIdentity() = 0;
@@ -39,20 +40,23 @@ class NetworkController {
         // The payload of discovery.
         virtual std::vector<unsigned char> GetIdentityFrame() = 0;
         virtual ~NetworkWorker() = default;
+        // The calling thread's connection has ended: nothing more will come from this thread.
+        virtual void OnConnectionEnd() {}
     };
 
     // Starts to search at once. The worker is kept as a weak pointer and must outlive the
     // controller.
     explicit NetworkController(const std::shared_ptr<NetworkWorker>& worker);
-    // Drops all units and waits for the search to pause, which it does once a second.
+    // Drops all units; waits up to 1 s for the searching thread, and for a send under way.
     virtual ~NetworkController();
 
     NetworkController(const NetworkController&) = delete;
     NetworkController& operator=(const NetworkController&) = delete;
 
-    // Sends to the linked peer, or else answers the candidate whose bytes the worker is examining,
-    // or else drops the data. Blocks for 6 s at most, once a send under way is done; a peer that
-    // fails to take the data by then is dropped.
+    // Sends to the linked peer, or else to the candidate whose bytes the worker is examining, or
+    // else drops the data. Blocks for at most 6 s, after a send under way; a peer that has not
+    // taken the data by then is dropped. A candidate that has no room for all of it is dropped at
+    // once.
     void send(const unsigned char* data, uint64_t length);
 
   private:
@@ -64,10 +68,13 @@ class NetworkController {
     static void _seeker_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit);
     static void _peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit);
     static void _clear_all(const SharedState& state);
-    static void _clear_current(const SharedState& state);
+    static void _clear_current(const SharedState& state, const NetworkUnit* unit);
+    static void _destroy_stopped(const SharedState& state);
     static void _data_receive(const SharedState& state, const unsigned char* data, uint64_t length,
                               NetworkUnit* unit);
-    static void _set_current(const SharedState& state, NetworkUnit* unit);
+    static void _examine(const SharedState& state, const unsigned char* data, uint64_t length,
+                         NetworkUnit* unit, NetworkWorker& worker);
+    static void _set_current(const SharedState& state, const NetworkUnit* unit);
 
     const SharedState m_state;
     std::thread m_worker_thread;

@@ -1,6 +1,6 @@
-// One IPv4 endpoint of the link: a local interface, from whose subnet peers are searched, or one
-// remote host that was found, to which the link's TCP connection is opened. The controller works
-// with this interface; NetworkUnitV4 implements it.
+// One IPv4 endpoint of the link: a local interface, whose subnet is searched for peers, or a remote
+// host that was found, to which the link's TCP connection is opened. The controller works with this
+// interface; NetworkUnitV4 implements it.
 //
 // A unit owns its threads. They never take its mutex, so a callback that runs on one of them may
 // call send of the same unit; it must not call tcp_connect or join.
@@ -11,17 +11,18 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
+
+#include "base/mutex.h"
 
 class NetworkUnit;
 
-// Takes a unit that was found. Whoever wants to keep it moves it out; what is left in the pointer
-// is destroyed right after the call.
+// Receives a unit that was found. The callee moves it out to keep it; a unit left in the pointer is
+// destroyed right after the call.
 using UnitFoundCallback = std::function<void(std::unique_ptr<NetworkUnit>&&)>;
 
-// Takes bytes that a unit received, valid only during the call. A null pointer with length 0 means
-// that the connection has ended.
+// Receives bytes of a unit's connection, valid only during the call. A null pointer with length 0
+// means that the connection has ended.
 using DataReceivedCallback =
     std::function<void(const unsigned char* data, unsigned long length, NetworkUnit* unit)>;
 
@@ -30,16 +31,16 @@ class NetworkUnit {
     static constexpr unsigned long BUFFER_SIZE = 0x100000;    // bytes; socket and receive buffers
     static constexpr uint32_t SINGLE_NODE_MASK = 0xFFFFFFFF;  // of a unit that is exactly one host
 
-    // The only datagram that answers a discovery by broadcast: an empty ConnectRequest frame,
-    // spelled out so that the network stands alone.
+    // The only valid answer to a discovery broadcast: an empty ConnectRequest frame, spelled out
+    // because this folder does not include the protocol.
     static constexpr std::array<unsigned char, 42> acc_packet = {
         0x5A, 0x1E, 0x9C, 0x03, 0xD7, 0xB2, 0x4F, 0x66, 0x81, 0xE0, 0xC3, 0xA9, 0x5B, 0x7D,
         0x2E, 0x4F, 0x0C, 0x6A, 0x18, 0xB3, 0xE5, 0x9D, 0x7F, 0x20, 0x41, 0xC8, 0xA6, 0xE3,
         0xB9, 0xD0, 0x5F, 0x17, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04, 0x00};
 
     // Opens the TCP connection to the unit's address and starts to receive, in the background. An
-    // earlier connection is ended first. Failures are told on standard error only; a host that
-    // refuses is not even told: it shows in send.
+    // earlier connection is ended first. Failures are only logged to standard error. A refused
+    // connection is not logged; send() returns false.
     virtual void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) = 0;
 
     // Sends on the TCP connection; true only if all of it was handed to the system in one call.
@@ -47,7 +48,7 @@ class NetworkUnit {
     virtual bool send(const unsigned char* data, unsigned long length) = 0;
 
     // Starts a discovery of about 3 s in the background; each peer found is handed to on_found, on
-    // a thread of this unit. A second discovery must be preceded by join, or the process ends.
+    // a thread of this unit. Call join before a second discovery, or the process ends.
     virtual void ping(const UnitFoundCallback& on_found) = 0;
 
     // Waits for the unit's threads to end by themselves.
@@ -56,11 +57,18 @@ class NetworkUnit {
     // Writes "Host: ADDRESS(MASK)" to standard output.
     virtual void print_host() const = 0;
 
-    // Stops the unit's threads and waits for them, which may take seconds.
+    // Stops the unit's threads and waits for them. That takes seconds while a discovery runs.
     virtual ~NetworkUnit() = default;
 
-    // Whether send would find room at once.
-    virtual bool writable() const = 0;
+    // Asks all threads of the unit to end, and waits for none: the connection ends now, sends fail
+    // from now on, a discovery ends within 3 s. Must not be called during a send.
+    virtual void stop() = 0;
+
+    // No thread of the unit runs any more: destroying it does not block.
+    virtual bool stopped() const = 0;
+
+    // Like send, but never blocks: what finds no room is not sent.
+    virtual bool send_at_once(const unsigned char* data, unsigned long length) = 0;
 
     // IPv4 address in network byte order.
     virtual uint32_t address() const = 0;
@@ -72,11 +80,12 @@ class NetworkUnit {
     NetworkUnit() = default;
 
     // Serialises tcp_connect, send, ping and join.
-    mutable std::mutex _mutex;
-    std::thread _ping_thread;
-    std::thread _tcp_thread;
+    mutable Mutex _mutex;
+    std::thread _ping_thread GUARDED_BY(_mutex);
+    std::thread _tcp_thread GUARDED_BY(_mutex);
 
-    std::atomic<bool> _stop{false};               // set by the destructor alone; ends every loop
+    std::atomic<bool> _stop{false};               // ends every loop, for good
     mutable std::atomic<bool> _ping_done{false};  // the discovery sender has finished its wait
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
+    mutable std::atomic<int> _running{0};         // threads of discovery and connection
 };

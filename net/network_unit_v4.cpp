@@ -16,16 +16,16 @@
 
 namespace {
 
-constexpr int POLL_TIMEOUT = 3000;        // ms; no byte for longer, and the peer is gone
-constexpr timeval SEND_TIMEOUT = {3, 0};  // a send that finds no room for longer has failed
-constexpr int SYN_RETRANSMISSIONS = 3;    // of an attempt to connect; SEND_TIMEOUT bounds it, too
+constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer is gone
+constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send that finds no room for longer has failed
+constexpr int SYN_RETRANSMISSIONS = 3;    // of a connection attempt; SEND_TIMEOUT bounds it, too
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
 }
 
-// Bytes filled with zeros that cost memory only as far as they are written to, and go straight back
-// to the system: connections that come and go leave nothing behind in the heaps of their threads.
+// Zero-filled bytes, mapped: they cost memory only as far as they are written to, and the system
+// gets them back at once when the connection ends.
 class ReceiveBuffer {
   public:
     explicit ReceiveBuffer(size_t size)
@@ -52,7 +52,7 @@ NetworkUnitV4::NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
     : _ping_packet(ping_packet), _address(address), _mask(mask) {}
 
 NetworkUnitV4::~NetworkUnitV4() {
-    _stop = true;
+    NetworkUnitV4::stop();
     NetworkUnitV4::join();
 }
 
@@ -61,7 +61,7 @@ void NetworkUnitV4::enumerate_interfaces(const UnitFoundCallback& on_found,
     if (!on_found) return;
 
     ifaddrs* interfaces = nullptr;
-    getifaddrs(&interfaces);  // on failure the list is empty
+    getifaddrs(&interfaces);  // a failure leaves the list empty
     for (const ifaddrs* entry = interfaces; entry != nullptr; entry = entry->ifa_next) {
         if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
         const auto ipv4 = [](const sockaddr* address) {
@@ -77,55 +77,68 @@ void NetworkUnitV4::enumerate_interfaces(const UnitFoundCallback& on_found,
 
 void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback& on_data) {
     try {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _tcp_stop = true;
         if (_tcp_thread.joinable()) _tcp_thread.join();
         _socket = std::make_unique<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
         const int fd = _socket->descriptor();
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
         setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
-        // 8 bytes where the system reads 4: meant, and right on a little-endian machine.
+        // Deliberate: 8 bytes where the system reads 4, which is right on a little-endian machine.
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         _tcp_stop = false;
-        _tcp_thread = std::thread(_tcp_connection_receive_launcher, this, port, on_data);
+        ++_running;
+        try {
+            _tcp_thread = std::thread(_tcp_connection_receive_launcher, this, port, on_data);
+        } catch (...) {
+            --_running;
+            throw;
+        }
     } catch (...) {
         write_line(STDERR_FILENO, "NetworkUnitV4: tcp connection error");
     }
 }
 
 bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
-    const std::lock_guard lock(_mutex);
-    if (_socket == nullptr) return false;
+    const Lock lock(_mutex);
+    if (_socket == nullptr || _stop) return false;
     pollfd event = {_socket->descriptor(), POLLOUT, 0};
     if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
-    // A connection that the peer has reset fails like any other: no SIGPIPE.
+    // MSG_NOSIGNAL: a connection that the peer has reset fails like any other, without SIGPIPE.
     const ssize_t sent = ::send(event.fd, data, length, MSG_NOSIGNAL);
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
 
-bool NetworkUnitV4::writable() const {
-    const std::lock_guard lock(_mutex);
-    if (_socket == nullptr) return false;
-    pollfd event = {_socket->descriptor(), POLLOUT, 0};
-    return poll(&event, 1, 0) == 1;
+bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length) {
+    const Lock lock(_mutex);
+    if (_socket == nullptr || _stop) return false;
+    const ssize_t sent = ::send(_socket->descriptor(), data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+    return sent >= 0 && static_cast<unsigned long>(sent) == length;
+}
+
+void NetworkUnitV4::stop() {
+    _stop = true;
+    const Lock lock(_mutex);
+    // Wakes the receiver, also out of connect.
+    if (_socket != nullptr) shutdown(_socket->descriptor(), SHUT_RDWR);
 }
 
 void NetworkUnitV4::join() {
     std::thread ping_thread;
     std::thread tcp_thread;
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         ping_thread.swap(_ping_thread);
         tcp_thread.swap(_tcp_thread);
     }
-    // Waiting without the mutex: what the threads call may lead back to send.
+    // Joined without the mutex: a callback on these threads may call send.
     if (ping_thread.joinable()) ping_thread.join();
     if (tcp_thread.joinable()) tcp_thread.join();
 }
 
 void NetworkUnitV4::print_host() const {
-    write_line(STDOUT_FILENO, "Host: " + dotted(_address) + "(" + dotted(_mask) + ")");
+    write_line(STDOUT_FILENO, {"Host: ", dotted(_address), "(", dotted(_mask), ")"});
 }
 
 void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, unsigned short port,
@@ -133,9 +146,15 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
     if (unit == nullptr) return;
     pthread_setname_np(pthread_self(), "tcp-receive");
     try {
-        unit->_tcp_receive(port, on_data);
-    } catch (...) {  // on_data empty or throwing: the thread ends without a word
+        // Its own copy, gone before the thread counts as ended: it may own what others wait for.
+        const DataReceivedCallback callback = std::move(on_data);
+        unit->_tcp_receive(port, callback);
+    } catch (...) {
+        // on_data is empty or has thrown: ends without a message. Nobody reads this connection any
+        // more, so the next send fails and the link is given up.
+        shutdown(unit->_socket->descriptor(), SHUT_RDWR);
     }
+    --unit->_running;
 }
 
 void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback& on_data) const {
@@ -148,12 +167,14 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
         return;
     }
 
-    // Callbacks may send on the unit that they are given.
+    // Callbacks may send on the unit that they get.
     auto* const unit = const_cast<NetworkUnitV4*>(this);
     const ReceiveBuffer buffer(BUFFER_SIZE);
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};
-        if (poll(&event, 1, POLL_TIMEOUT) <= 0) {
+        const int ready = poll(&event, 1, POLL_TIMEOUT);
+        if (_stop) return;  // stop() has ended the connection, not the peer
+        if (ready <= 0) {
             write_line(STDERR_FILENO, "NetworkUnitV4: tcp receiver error or timeout");
             on_data(nullptr, 0, unit);
             return;

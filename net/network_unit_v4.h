@@ -1,8 +1,7 @@
 // A network unit of the IPv4 family: discovery by ICMP echo sweep or by UDP broadcast, and the TCP
 // connection. Addresses and masks are 32-bit values in network byte order.
 //
-// Every wait on a socket is at most 3 s long, so that a unit that is told to stop has stopped soon
-// after.
+// No wait on a socket is longer than 3 s, so a unit that is asked to stop has stopped soon after.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +12,7 @@
 
 class NetworkUnitV4 : public NetworkUnit {
   public:
-    // A discovery payload that is empty selects the ICMP sweep; any other is what is broadcast.
+    // An empty ping_packet selects discovery by ICMP sweep; any other is broadcast by UDP.
     NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
                   const std::vector<unsigned char>& ping_packet);
     ~NetworkUnitV4() override;
@@ -27,7 +26,9 @@ class NetworkUnitV4 : public NetworkUnit {
     void ping(const UnitFoundCallback& on_found) override;
     void join() override;
     void print_host() const override;
-    bool writable() const override;
+    void stop() override;
+    bool stopped() const override { return _running == 0; }
+    bool send_at_once(const unsigned char* data, unsigned long length) override;
     uint32_t address() const override { return _address; }
 
     // Thread entries; they return at once when unit is null.
@@ -47,5 +48,8 @@ class NetworkUnitV4 : public NetworkUnit {
     const std::vector<unsigned char> _ping_packet;
     const uint32_t _address;
     const uint32_t _mask;
-    std::unique_ptr<NetSocket<>> _socket;  // the TCP connection's; null until the first tcp_connect
+
+    // The TCP connection's; null until the first tcp_connect. Replaced under the mutex, while the
+    // receiver, which uses it without, does not run.
+    std::unique_ptr<NetSocket<>> _socket;
 };

@@ -1,4 +1,4 @@
-// How a unit finds hosts: a sender and a receiver thread on one socket, for about 3 s.
+// Discovery: a sender and a receiver thread on one socket, for about 3 s.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/ip_icmp.h>
@@ -19,15 +19,14 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int POLL_TIMEOUT = 3000;  // ms; how soon a receiver sees that it is to end
-constexpr timeval SEND_TIMEOUT = {3,
-                                  0};  // a host that cannot be sent to must not hold up the sweep
-constexpr auto ANSWER_WAIT = 3s;       // for answers after the last request
-constexpr auto REQUEST_PAUSE = 1ms;    // before each echo request, to spare the network
-constexpr uint32_t SWEEP_LIMIT = 256;  // addresses; a larger subnet is searched in its first ones
-constexpr uint16_t DESTINATION_PORT = 3152;  // UDP, where a companion listens
-constexpr uint16_t LOCAL_PORT = 3153;        // UDP, where answers arrive
-constexpr size_t IP_HEADER_SIZE = 20;        // taken as exactly this
+constexpr int POLL_TIMEOUT = 3000;           // ms; until a receiver looks at its flags again
+constexpr timeval SEND_TIMEOUT = {3, 0};     // s; an unreachable host must not hold up the sweep
+constexpr auto ANSWER_WAIT = 3s;             // for answers after the last request
+constexpr auto REQUEST_PAUSE = 1ms;          // before each echo request, to spare the network
+constexpr uint32_t SWEEP_LIMIT = 256;        // addresses; of a larger subnet only the first ones
+constexpr uint16_t DESTINATION_PORT = 3152;  // UDP, a companion listens there
+constexpr uint16_t LOCAL_PORT = 3153;        // UDP, answers arrive there
+constexpr size_t IP_HEADER_SIZE = 20;        // bytes; headers with options are not expected
 
 // Echo request: type 8, code 0, checksum, identifier 0, sequence number 0, 20 bytes of data.
 constexpr std::array<unsigned char, 28> ECHO_REQUEST = {ICMP_ECHO, 0, 0xF7, 0xFF};
@@ -44,7 +43,7 @@ void send_to(int fd, const unsigned char* data, size_t length, const sockaddr_in
     sendto(fd, data, length, 0, reinterpret_cast<const sockaddr*>(&target), sizeof target);
 }
 
-// Null, with a line that says so, when there is no socket to be had.
+// Logs a failure and returns null.
 std::unique_ptr<NetSocket<>> open_socket(int type, int protocol) {
     try {
         return std::make_unique<NetSocket<>>(AF_INET, type, protocol);
@@ -55,14 +54,14 @@ std::unique_ptr<NetSocket<>> open_socket(int type, int protocol) {
 }
 
 void set_common_options(int fd) {
-    // 8 bytes where the system reads 4: meant, and right on a little-endian machine.
+    // Deliberate: 8 bytes where the system reads 4, which is right on a little-endian machine.
     constexpr auto& size = NetworkUnit::BUFFER_SIZE;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
 }
 
-// True when a datagram is there to be received, false when it is worth looking at the flags again.
+// True when a datagram is ready, false when it is time to look at the flags.
 bool wait_for_datagram(int fd) {
     pollfd event = {fd, POLLIN, 0};
     const int ready = poll(&event, 1, POLL_TIMEOUT);
@@ -70,8 +69,8 @@ bool wait_for_datagram(int fd) {
     return ready > 0 && (event.revents & POLLIN) != 0;
 }
 
-// True when the next datagram fills the buffer exactly. MSG_TRUNC asks for the real length: a
-// longer one must not pass for one of the right size.
+// True when the next datagram fills the buffer exactly. MSG_TRUNC returns the real length: a longer
+// datagram must not pass for one of the right size.
 template <size_t Size>
 bool receive_exactly(int fd, std::array<unsigned char, Size>& buffer, sockaddr_in& sender) {
     socklen_t length = sizeof sender;
@@ -87,15 +86,21 @@ void report(const UnitFoundCallback& on_found, uint32_t address) {
 }  // namespace
 
 void NetworkUnitV4::ping(const UnitFoundCallback& on_found) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _ping_done = false;
+    ++_running;  // a thread that cannot be started ends the process
     _ping_thread = std::thread(_ping_send_launcher, this, on_found);
 }
 
 void NetworkUnitV4::_ping_send_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found) {
     if (unit == nullptr) return;
     pthread_setname_np(pthread_self(), "ping-send");
-    unit->_ping_packet.empty() ? unit->_icmp_ping_send(on_found) : unit->_udp_ping_send(on_found);
+    {
+        const UnitFoundCallback callback = std::move(on_found);
+        unit->_ping_packet.empty() ? unit->_icmp_ping_send(callback)
+                                   : unit->_udp_ping_send(callback);
+    }
+    --unit->_running;
 }
 
 void NetworkUnitV4::_ping_receive_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found,
@@ -116,7 +121,7 @@ void NetworkUnitV4::_icmp_ping_send(const UnitFoundCallback& on_found) const {
     const int fd = socket->descriptor();
     set_common_options(fd);
 
-    // Network and broadcast address are left out where the subnet is large enough to have them.
+    // A subnet of more than two addresses has a network and a broadcast address to leave out.
     const uint32_t count = std::min(uint32_t{0} - ntohl(_mask), SWEEP_LIMIT);
     const uint32_t base = ntohl(_address & _mask);
     const uint32_t first = count > 3 ? 1 : 0;
@@ -167,7 +172,7 @@ void NetworkUnitV4::_udp_ping_send(const UnitFoundCallback& on_found) const {
     const sockaddr_in local = endpoint(_address, LOCAL_PORT);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == -1) {
         _ping_done = true;
-        return;  // with the receiver still joinable, which ends the process: meant
+        return;  // Deliberate: destroying the joinable receiver calls std::terminate.
     }
     send_to(fd, _ping_packet.data(), _ping_packet.size(),
             endpoint(_address | ~_mask, DESTINATION_PORT));

@@ -12,15 +12,14 @@
 namespace {
 
 constexpr size_t ID_SIZE = 5;             // bytes of a device id
-constexpr size_t KEPT = 0x10000;          // bytes of buffer that the next connection takes over
 constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB, so that a typical screen encodes in place
 
 // An image is encoded into its frame, behind room for the header.
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
-// A number of the calling thread that no other thread ever had: unlike a thread's id, it tells
-// whether bytes come from the connection that the buffered ones came from.
+// The calling thread's number. A thread receives for one connection; its number, unlike its id, is
+// never used again.
 uint64_t connection_serial() {
     static std::atomic<uint64_t> last{0};
     thread_local const uint64_t serial = ++last;
@@ -37,7 +36,7 @@ std::vector<unsigned char> build_identity_frame(const std::string& id,
                       payload.size());
 }
 
-// The first start sequence; null when there is none. Mostly it is where the last frame ended.
+// The first start sequence, or null. Mostly it begins where the last frame ended.
 const unsigned char* find_start(const unsigned char* data, uint64_t count) {
     const auto& start = STARTING_SEQUENCE;
     if (count < start.size()) return nullptr;
@@ -66,64 +65,103 @@ VeltraneCommunicator::VeltraneCommunicator(const std::string& device_id,
       m_image_frame(HEADER_WORDS + IMAGE_WORDS),
       m_last_image_frame(HEADER_WORDS + IMAGE_WORDS) {}
 
+// Bytes that are not consumed yet.
+struct VeltraneCommunicator::Stream {
+    const unsigned char* begin;
+    const unsigned char* end;
+
+    uint64_t size() const { return static_cast<uint64_t>(end - begin); }
+};
+
 void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t count,
                                           const std::function<void()>& signal, bool deliver_all) {
-    const std::lock_guard lock(m_receive_mutex);
-    // What a dead connection left must not swallow the first words of the next one, nor stay.
-    if (m_connection != connection_serial()) {
-        if (m_receive_buffer.size() > KEPT) std::vector<unsigned char>().swap(m_receive_buffer);
-        m_begin = m_end = 0;
-    }
-    m_connection = connection_serial();
-
-    const uint64_t left = m_end - m_begin;
-    if (left + count > MAX_SIZE) {
+    if (count == 0) return;
+    const Lock lock(m_receive_mutex);
+    const uint64_t connection = connection_serial();
+    const auto kept = m_receive_buffers.find(connection);
+    const bool is_kept = kept != m_receive_buffers.end();
+    if ((is_kept ? kept->second.size() : 0) + count > MAX_SIZE) {
         write_line(STDERR_FILENO, "VeltraneCommunicator: buffer overloaded!");
-        m_begin = m_end;
+        if (is_kept) m_receive_buffers.erase(kept);
         return;
     }
-    // What the last call left behind its last frame moves once, not once for every frame.
-    if (m_begin != 0) {
-        std::memmove(m_receive_buffer.data(), m_receive_buffer.data() + m_begin, left);
-        m_begin = 0;
-    }
-    m_end = left + count;
-    if (m_end > m_receive_buffer.size()) m_receive_buffer.resize(m_end);
-    std::copy_n(data, count, m_receive_buffer.begin() + static_cast<ptrdiff_t>(left));
 
-    while (true) {
-        const std::function<void()> copy = signal;
-        if (!_parse_frame(copy, deliver_all)) return;
+    // Mostly all frames are complete; then they are read where they are.
+    Stream stream = {data, data + count};
+    if (is_kept) {
+        std::vector<unsigned char>& buffer = kept->second;
+        buffer.insert(buffer.end(), data, data + count);
+        stream = {buffer.data(), buffer.data() + buffer.size()};
     }
+    try {
+        bool bytes_remain;
+        do {
+            const std::function<void()> copy = signal;
+            bytes_remain = _parse_frame(stream, copy, deliver_all);
+        } while (bytes_remain);
+    } catch (...) {
+        _keep(connection, stream);
+        throw;
+    }
+    _keep(connection, stream);
 }
 
-// True when a frame has been consumed and bytes remain.
-bool VeltraneCommunicator::_parse_frame(const std::function<void()>& signal, bool deliver_all) {
-    if (m_end - m_begin < STARTING_SEQUENCE.size()) return false;
-    const unsigned char* const begin = m_receive_buffer.data() + m_begin;
-    const unsigned char* const frame = find_start(begin, m_end - m_begin);
+// Returns true if a frame has been consumed and bytes remain.
+bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void()>& signal,
+                                        bool deliver_all) {
+    if (stream.size() < STARTING_SEQUENCE.size()) return false;
+    const unsigned char* const frame = find_start(stream.begin, stream.size());
     if (frame == nullptr) {
-        m_begin = m_end;  // with a start sequence that may have begun at the end; meant
+        // Deliberate: a partial start sequence at the end is dropped, too.
+        stream.begin = stream.end;
         return false;
     }
-    if (frame != begin) m_begin += static_cast<uint64_t>(frame - begin);
-    const uint64_t left = m_end - m_begin;
-    if (left < HEADER_SIZE) return false;
+    stream.begin = frame;
+    if (stream.size() < HEADER_SIZE) return false;
 
     const auto length = read_field<uint32_t>(frame + LENGTH_OFFSET);
     const uint64_t size = HEADER_SIZE + uint64_t{length};
     if (size > MAX_SIZE) {
-        m_begin = m_end;
+        stream.begin = stream.end;
         return false;
     }
-    if (left < size) return false;
+    if (stream.size() < size) return false;
     if (Crc32(frame + HEADER_SIZE, length) == read_field<uint32_t>(frame + CHECKSUM_OFFSET)) {
         _dispatch(read_field<uint16_t>(frame + TYPE_OFFSET), frame + HEADER_SIZE, length, signal,
                   deliver_all);
     }
-    // A damaged frame is skipped by its announced length, which is trusted all the same; meant.
-    m_begin += size;
-    return m_begin != m_end;
+    // Deliberate: the length of a damaged frame is trusted, so all that it announces is skipped.
+    stream.begin += size;
+    return stream.size() != 0;
+}
+
+// Keeps what a connection's next bytes may complete.
+void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream) {
+    const auto kept = m_receive_buffers.find(connection);
+    if (stream.size() == 0) {
+        if (kept != m_receive_buffers.end()) m_receive_buffers.erase(kept);
+        return;
+    }
+    if (kept == m_receive_buffers.end() || kept->second.data() != stream.begin) {
+        m_receive_buffers.insert_or_assign(connection,
+                                           std::vector<unsigned char>(stream.begin, stream.end));
+    }
+
+    uint64_t total = 0;
+    for (const auto& [owner, bytes] : m_receive_buffers) total += bytes.size();
+    while (total > MAX_SIZE) {
+        const auto size_of_others = [connection](const auto& entry) {
+            return entry.first == connection ? 0 : entry.second.size();
+        };
+        const auto largest = std::ranges::max_element(m_receive_buffers, {}, size_of_others);
+        total -= largest->second.size();
+        m_receive_buffers.erase(largest);
+    }
+}
+
+void VeltraneCommunicator::OnConnectionEnd() {
+    const Lock lock(m_receive_mutex);
+    m_receive_buffers.erase(connection_serial());
 }
 
 void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload, uint32_t length,
@@ -132,7 +170,7 @@ void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload
         case ControlMessage:
         case ButtonMessage:
         case DataMessage: {
-            const std::lock_guard lock(m_handler_mutex);
+            const Lock lock(m_handler_mutex);
             if (!m_message_handler || (!deliver_all && type != ControlMessage)) return;
             m_message_handler(type, {payload, payload + length});
             return;
@@ -149,12 +187,12 @@ void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload
 }
 
 void VeltraneCommunicator::SetController(const std::shared_ptr<NetworkController>& controller) {
-    const std::lock_guard lock(m_controller_mutex);
+    const Lock lock(m_controller_mutex);
     m_controller = controller;
 }
 
 void VeltraneCommunicator::SetMessageHandler(const MessageHandler& handler) {
-    const std::lock_guard lock(m_handler_mutex);
+    const Lock lock(m_handler_mutex);
     m_message_handler = handler;
 }
 
@@ -185,7 +223,7 @@ void VeltraneCommunicator::_send(const unsigned char* frame, uint64_t size) {
     if (size == 0) return;  // too large to be built, or nothing to repeat
     std::shared_ptr<NetworkController> controller;
     {
-        const std::lock_guard lock(m_controller_mutex);
+        const Lock lock(m_controller_mutex);
         controller = m_controller.lock();
     }
     if (controller != nullptr) controller->send(frame, size);

@@ -1,19 +1,22 @@
-// Turns the bytes of a connection into messages, and messages into frames. Received bytes are
-// reassembled, checked and dispatched: what the companion says goes to the message handler, its
-// requests are answered here. Owns no socket and no thread; sends through the controller, and
-// drops what it is given while there is none.
+// Turns the bytes of connections into messages, and messages into frames. Received bytes are
+// reassembled, checked and dispatched: messages go to the message handler, requests are answered
+// here. Owns no socket and no thread; sends through the controller, and drops what it is given
+// while there is no controller.
 //
-// A stream that is damaged loses data, never more than what is buffered: without a start sequence,
-// with an announced frame above MAX_SIZE or with more than MAX_SIZE bytes pending all of it goes.
+// The part of a frame that a connection has not completed yet is kept for that connection alone. A
+// damaged stream loses no more than what is buffered: all of it goes without a start sequence, with
+// an announced frame above MAX_SIZE, or with more than MAX_SIZE bytes pending. All connections
+// together keep at most MAX_SIZE bytes; beyond that the one that keeps the most loses them.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "net/network_controller.h"
 #include "protocol/frame.h"
 
@@ -23,17 +26,19 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
 
     using MessageHandler = std::function<void(uint16_t type, std::vector<unsigned char> payload)>;
 
-    // device_id has exactly 5 bytes, or std::runtime_error is thrown; firmware is any text.
+    // device_id must have exactly 5 bytes, or std::runtime_error is thrown; firmware is any
+    // text.
     VeltraneCommunicator(const std::string& device_id, const std::string& firmware);
 
-    // Calls are serialised. A trailing part of a frame is kept for the next call from the same
-    // thread; a thread receives for one connection, so a call from another thread starts afresh.
-    // An exception of handler or signal goes to the caller, the frame stays in the buffer.
+    // Calls are serialised. A thread receives for one connection: the part of a frame at the end of
+    // data waits for the next call from the same thread, and a length of 0 changes nothing. An
+    // exception of handler or signal goes to the caller, and its frame stays buffered.
     void OnDataReceived(const unsigned char* data, uint64_t count,
                         const std::function<void()>& signal, bool deliver_all) override;
+    void OnConnectionEnd() override;
     void SetController(const std::shared_ptr<NetworkController>& controller) override;
     // When this returns, the previous handler is not running and will not be called again. Must not
-    // be called from the handler.
+    // be called by the handler.
     void SetMessageHandler(const MessageHandler& handler) override;
     void SendIdentity() override;
     // Sends a DataMessage; does nothing without data or when count is 0.
@@ -44,30 +49,31 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     std::vector<unsigned char> GetIdentityFrame() override;
 
   private:
-    bool _parse_frame(const std::function<void()>& signal, bool deliver_all);
+    struct Stream;
+
+    bool _parse_frame(Stream& stream, const std::function<void()>& signal, bool deliver_all);
     void _dispatch(uint16_t type, const unsigned char* payload, uint32_t length,
                    const std::function<void()>& signal, bool deliver_all);
+    void _keep(uint64_t connection, const Stream& stream) REQUIRES(m_receive_mutex);
     void _send(const unsigned char* frame, uint64_t size);
 
-    std::mutex m_receive_mutex;                   // guards the next four; taken before all others
-    std::vector<unsigned char> m_receive_buffer;  // a large one goes with its connection
-    uint64_t m_begin = 0;                         // of the valid bytes
-    uint64_t m_end = 0;                           // likewise
-    uint64_t m_connection = 0;                    // whose bytes they are
+    Mutex m_receive_mutex;  // taken before all others
+    // Incomplete frames, by connection; an entry is never empty.
+    std::map<uint64_t, std::vector<unsigned char>> m_receive_buffers GUARDED_BY(m_receive_mutex);
 
-    std::mutex m_handler_mutex;  // held for one call of the handler
-    MessageHandler m_message_handler;
+    Mutex m_handler_mutex;  // held for one call of the handler
+    MessageHandler m_message_handler GUARDED_BY(m_handler_mutex);
 
-    std::mutex m_controller_mutex;  // held while the reference is copied
-    std::weak_ptr<NetworkController> m_controller;
+    Mutex m_controller_mutex;
+    std::weak_ptr<NetworkController> m_controller GUARDED_BY(m_controller_mutex);
 
     const std::string m_device_id;
     const std::string m_firmware;
     const std::vector<unsigned char> m_identity_frame;
 
-    // Only the sender touches them. They swap roles with every image, so that nothing is copied or
-    // allocated; a vector of words, since these are what is encoded.
+    // Only touched by the sending thread. They swap roles with every image, so that nothing is
+    // copied or allocated; vectors of words, because words are what is encoded.
     std::vector<uint16_t> m_image_frame;       // the next one is encoded here
     std::vector<uint16_t> m_last_image_frame;  // the one to be repeated
-    uint64_t m_last_image_size = 0;            // its bytes; 0 when there is none
+    uint64_t m_last_image_size = 0;            // its bytes; 0 if there is none
 };

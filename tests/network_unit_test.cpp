@@ -247,6 +247,7 @@ class Connection : public testing::Test {
         return Socket(accept(m_host.fd(), nullptr, nullptr));
     }
     bool send(const Bytes& data) { return m_unit->send(data.data(), data.size()); }
+    bool send_at_once(const Bytes& data) { return m_unit->send_at_once(data.data(), data.size()); }
 
     Socket m_host{SOCK_STREAM, THIS_HOST, PORT};
     Taker m_taker;
@@ -255,16 +256,18 @@ class Connection : public testing::Test {
 
 TEST_F(Connection, CarriesBytesBothWaysUntilItsEnd) {
     EXPECT_FALSE(send(PAYLOAD));
-    EXPECT_FALSE(m_unit->writable());
+    EXPECT_FALSE(send_at_once(PAYLOAD));
+    EXPECT_TRUE(m_unit->stopped());
     testing::internal::CaptureStderr();
     Socket peer = connect();
     peer.write(bytes("hello"));
     EXPECT_TRUE(wait_until([&] { return m_taker.data() == "hello"; }));
     EXPECT_EQ(m_taker.from(), m_unit.get());
-    EXPECT_TRUE(m_unit->writable());
     EXPECT_TRUE(send(PAYLOAD));
-    EXPECT_EQ(peer.read(PAYLOAD.size()), PAYLOAD);
+    EXPECT_TRUE(send_at_once(PAYLOAD));
+    EXPECT_EQ(peer.read(2 * PAYLOAD.size()), PAYLOAD + PAYLOAD);
     EXPECT_EQ(m_taker.ends(), 0);
+    EXPECT_FALSE(m_unit->stopped());
 
     peer.close();
     m_unit->join();
@@ -306,9 +309,25 @@ TEST_F(Connection, SendToAPeerThatDoesNotReadFails) {
     peer.write(bytes("x"));
     EXPECT_TRUE(wait_until([&] { return m_taker.data() == "x"; }));  // connected
     const Bytes data(64 * NetworkUnit::BUFFER_SIZE);                 // more than fits on the way
+    EXPECT_FALSE(send_at_once(data));
     EXPECT_FALSE(send(data));
-    EXPECT_FALSE(m_unit->writable());
     EXPECT_FALSE(send(PAYLOAD));
+}
+
+TEST_F(Connection, StopEndsItAtOnceAndQuietly) {
+    testing::internal::CaptureStderr();
+    const Socket peer = connect();
+    peer.write(bytes("x"));
+    EXPECT_TRUE(wait_until([&] { return m_taker.data() == "x"; }));
+    const auto start = std::chrono::steady_clock::now();
+    m_unit->stop();
+    EXPECT_FALSE(send(PAYLOAD));
+    EXPECT_FALSE(send_at_once(PAYLOAD));
+    EXPECT_TRUE(peer.ended());
+    EXPECT_TRUE(wait_until([&] { return m_unit->stopped(); }));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);  // not by the silence of the peer
+    EXPECT_EQ(m_taker.ends(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(Connection, NewOneEndsTheOldOneQuietly) {

@@ -201,6 +201,40 @@ TEST(VeltraneCommunicator, SignalMayEmptyItself) {
     EXPECT_EQ(calls, "called with all it holds");
 }
 
+// Runs on a connection of its own, which has not ended when the result is looked at.
+void on_a_connection(const std::function<void()>& action) {
+    std::thread(action).join();
+}
+
+TEST(VeltraneCommunicator, EachConnectionKeepsItsOwnHalfFrame) {
+    Receiver receiver;
+    receiver.feed(first(40, GOOD));
+    on_a_connection([&] { receiver.feed(first(20, GOOD) + GARBAGE); });
+    on_a_connection([&] { receiver.feed({}); });
+    receiver.OnDataReceived(nullptr, 0, {}, false);
+    receiver.feed(rest(40, GOOD));
+    EXPECT_THAT(receiver.events(), ElementsAre("6:x"));
+
+    receiver.feed(first(40, GOOD));
+    receiver.OnConnectionEnd();
+    receiver.feed(rest(40, GOOD) + GOOD);
+    EXPECT_THAT(receiver.events(), ElementsAre("6:x"));
+}
+
+TEST(VeltraneCommunicator, ConnectionsKeepAMebibyteTogether) {
+    Receiver receiver;
+    receiver.feed(first(41, GOOD));
+    for (const size_t kept : {600'000u, 500'000u, 400'000u}) {  // the first one has to go
+        on_a_connection([&] { receiver.feed(first(kept, LARGE)); });
+    }
+    on_a_connection([&] {
+        receiver.feed(first(600'000, LARGE));
+        receiver.feed(rest(600'000, LARGE));
+    });
+    receiver.feed(rest(41, GOOD));
+    EXPECT_THAT(receiver.events(), ElementsAre("6:" + std::string(LARGEST, 'x'), "6:x"));
+}
+
 TEST(VeltraneCommunicator, TwoConnectionsAtOnce) {
     Receiver receiver;
     const auto connection = [&receiver](unsigned char name) {

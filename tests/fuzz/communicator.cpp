@@ -1,6 +1,5 @@
 // What a connection may say to the service: in pieces, from two callers, as candidate or link.
 #include <thread>
-#include <utility>
 
 #include "protocol/veltrane_communicator.h"
 #include "tests/fuzz/fuzz.h"
@@ -30,28 +29,30 @@ using namespace guilink::fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static VeltraneCommunicator& communicator = *new VeltraneCommunicator("11111", "fw1.1");
-    Bytes stream;  // of the connection that speaks
+    // The main thread's connection lasts for the whole input; each other caller is a new one.
+    Bytes main_stream;
+    Bytes* stream = nullptr;  // of the connection that speaks
     communicator.SetMessageHandler([&](uint16_t type, const Bytes& payload) {
         const Bytes said = frame(type, payload);
-        require(memmem(stream.data(), stream.size(), said.data(), said.size()) != nullptr,
+        require(memmem(stream->data(), stream->size(), said.data(), said.size()) != nullptr,
                 "a message is one that its connection said");
     });
-    bool another = false;
-    const auto take = [&](unsigned char how, int times, const Bytes& chunk) {
-        const auto say = [&] {
+    for_each_piece(data, size, [&](unsigned char how, int times, const Bytes& chunk) {
+        const auto say = [&](Bytes& own) {
+            stream = &own;
             for (int i = 0; i < times; ++i) {
-                stream.insert(stream.end(), chunk.begin(), chunk.end());
+                own.insert(own.end(), chunk.begin(), chunk.end());
                 communicator.OnDataReceived(
                     chunk.data(), chunk.size(), [] {}, how & DELIVER_ALL);
             }
         };
-        const bool was_another = std::exchange(another, how & ANOTHER_CALLER);
-        if (another || was_another) stream.clear();
-        another ? std::thread(say).join() : say();
-    };
-    for_each_piece(data, size, take);
-    std::thread([] {
-        communicator.OnDataReceived(nullptr, 0, {}, false);
-    }).join();  // starts afresh
+        const auto other_caller = [&] {
+            Bytes own;
+            say(own);
+            communicator.OnConnectionEnd();
+        };
+        how& ANOTHER_CALLER ? std::thread(other_caller).join() : say(main_stream);
+    });
+    communicator.OnConnectionEnd();
     return 0;
 }
