@@ -1,192 +1,15 @@
-// The service among peers that misbehave, on networks that fail. After each trouble it must link to
-// a good companion, hold no more than before, and end with status 0.
-//
-// Where GUILINK_QUIET is set, the machine has nothing else to do, and the promised times are asked
-// for.
-#include <gtest/gtest.h>
-#include <sched.h>
-
+// The service among peers that misbehave, on networks that fail.
 #include <array>
+#include <list>
 #include <random>
 
-#include "devkit/peer/companion.h"
-#include "tests/support/core.h"
-#include "tests/support/daemon.h"
+#include "tests/support/bad_day.h"
+#include "tests/support/hostile_host.h"
 
 namespace {
 
 using namespace guilink;
 using namespace guilink::test;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep what is freed
-#else
-constexpr size_t MEMORY_SLACK = 384;  // KiB
-#endif
-
-std::chrono::milliseconds relink_limit() {
-    return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-void run(const std::string& command) {
-    if (std::system(command.c_str()) != 0) throw std::runtime_error(command + " has failed");
-}
-
-// A host of its own at the other end of the device's cable.
-class FarHost {
-  public:
-    FarHost() : m_near(open_namespace()) {
-        unshare(CLONE_NEWNET);
-        m_far = open_namespace();
-        setns(m_near, CLONE_NEWNET);
-        const std::string own = std::to_string(getpid());
-        run("ip link set guilink1 netns /proc/" + own + "/fd/" + std::to_string(m_far));
-        setns(m_far, CLONE_NEWNET);
-        run("ip address add 10.77.0.2/24 dev guilink1");
-        run("ip link set guilink1 up");
-        setns(m_near, CLONE_NEWNET);
-    }
-
-    // Sockets that action makes are that host's.
-    template <typename Action>
-    auto inside(const Action& action) const {
-        setns(m_far, CLONE_NEWNET);
-        auto result = action();
-        setns(m_near, CLONE_NEWNET);
-        return result;
-    }
-
-  private:
-    static int open_namespace() { return open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); }
-
-    const int m_near;
-    int m_far;
-};
-
-// One on the far host that behaves.
-class GoodCompanion {
-  public:
-    explicit GoodCompanion(const FarHost& host)
-        : m_companion(host.inside([this] {
-              const auto count = [this](const LinkStatus& status) {
-                  if (!status.linked) m_images = 0;
-              };
-              return std::make_unique<Companion>(
-                  Companion::Handlers{count, [this](const auto&) { ++m_images; }, {}});
-          })) {}
-
-    // Of the present link.
-    int images() const { return m_images; }
-    bool linked_within(std::chrono::milliseconds limit) const {
-        return wait_until([this] { return images() > 0; }, limit);
-    }
-    void press(uint8_t button) { m_companion->press(button); }
-
-  private:
-    std::atomic<int> m_images{0};
-    const std::unique_ptr<Companion> m_companion;
-};
-
-// Answers discovery a thousand times a second, and then refuses; or else holds each connection, and
-// says the same words on it again and again without ever reading.
-class HostileHost {
-  public:
-    explicit HostileHost(const std::optional<Bytes>& words)
-        : m_words(words.value_or(Bytes())), m_host("127.0.0.66") {
-        if (!words) m_host.refuse();
-        m_host.hear();
-        m_thread = std::thread([this] { harass(); });
-    }
-    ~HostileHost() {
-        m_stop = true;
-        m_thread.join();
-    }
-
-  private:
-    void harass() {
-        std::vector<Socket> held;
-        while (!m_stop) {
-            for (int i = 0; i < 10; ++i, std::this_thread::sleep_for(1ms)) m_host.answer();
-            while (m_host.offered()) held.push_back(m_host.accept());
-            for (const Socket& socket : held) {
-                send(socket.fd(), m_words.data(), m_words.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-            }
-        }
-    }
-
-    const Bytes m_words;
-    RawCompanion m_host;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
-
-Bytes repeated(const Bytes& data, int times) {
-    Bytes result;
-    while (times-- > 0) result.insert(result.end(), data.begin(), data.end());
-    return result;
-}
-
-constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;
-
-// A link that has got an image.
-Socket linked(RawCompanion& companion) {
-    return companion.link(frame(ConnectRequest) + frame(ControlMessage));
-}
-
-class BadDay : public testing::Test {
-  protected:
-    void SetUp() override {
-        Frames::draw_busy_pictures();
-        GoodCompanion good(m_far);
-        ASSERT_TRUE(wait_until([&] {  // the sender of buttons makes its socket for the first one
-            good.press(1);
-            return m_daemon->output().find("BUTTON 1") != std::string::npos;
-        }));
-        std::this_thread::sleep_for(4s);  // the last sweeps take 3 s to end
-        m_before = m_daemon->level();
-    }
-
-    void TearDown() override {
-        const auto end_of_trouble = std::chrono::steady_clock::now();
-        ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();
-        const GoodCompanion good(m_far);
-        ASSERT_TRUE(good.linked_within(relink_limit()));
-        const double took = seconds_since(end_of_trouble);
-
-        Daemon::Level after;
-        EXPECT_TRUE(wait_until([&] {
-            after = m_daemon->level();
-            return after.threads <= m_before.threads && after.descriptors <= m_before.descriptors &&
-                   after.memory <= m_before.memory + MEMORY_SLACK;
-        }));
-        std::printf(
-            "linked again after %.1f s; threads %zu of %zu, descriptors %zu of %zu, "
-            "memory %zu of %zu KiB\n",
-            took, after.threads, m_before.threads, after.descriptors, m_before.descriptors,
-            after.memory, m_before.memory);
-        EXPECT_EQ(m_daemon->terminate(), 0) << m_daemon->output();
-    }
-
-    Socket link() { return linked(m_peer); }
-
-    // Whether the link still answers when it is asked.
-    static bool answers(const Socket& link) {
-        const Chatter chatter(link, frame(IdentityRequest));
-        while (type_of(link.read_frame()) != IdentityMessage) {
-        }
-        return true;
-    }
-
-    const FarHost m_far;
-    const Frames m_frames{100ms};
-    std::optional<Daemon> m_daemon{std::in_place};
-    RawCompanion m_peer{"127.0.0.3"};
-    Daemon::Level m_before;
-};
 
 TEST_F(BadDay, PeerGoesInTheMiddleOfAnImage) {
     for (int i = 0; i < 4; ++i) {
@@ -346,7 +169,7 @@ class HostileNeighbour : public BadDay {
   protected:
     void keeps_nobody_out(const std::optional<Bytes>& words) {
         const HostileHost hostile(words);
-        std::this_thread::sleep_for(2500ms);  // it has settled before the good one comes
+        EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));  // it was there first
         const auto start = std::chrono::steady_clock::now();
         EXPECT_TRUE(GoodCompanion(m_far).linked_within(LIMIT));
         std::printf("linked beside it after %.1f s\n", seconds_since(start));
@@ -402,7 +225,7 @@ TEST(BadStreams, PipeThatNobodyReadsHoldsItUpOnlyAsLongAsItIsFull) {
         const Chatter presses(peer, repeated(frame(ButtonMessage, {1}), 1000));
         EXPECT_TRUE(wait_until(is_full));
     };
-    fill(linked(companion));
+    fill(companion.link());
     {
         const std::jthread reader([&](const std::stop_token& stop) {
             char lines[4096];
@@ -410,9 +233,9 @@ TEST(BadStreams, PipeThatNobodyReadsHoldsItUpOnlyAsLongAsItIsFull) {
                 if (read(ends[0], lines, sizeof lines) < 0) std::this_thread::sleep_for(1ms);
             }
         });
-        linked(companion);
+        companion.link();
     }
-    fill(linked(companion));
+    fill(companion.link());
     EXPECT_EQ(daemon.terminate(), 0);
 }
 
@@ -422,7 +245,7 @@ TEST(BadStreams, NoneAtAll) {
     });
     const Frames frames(100ms);
     RawCompanion companion;
-    EXPECT_EQ(type_of(linked(companion).read_frame()), ImageMessage);
+    EXPECT_EQ(type_of(companion.link().read_frame()), ImageMessage);
     EXPECT_EQ(daemon.terminate(), 0);
 }
 

@@ -1,4 +1,4 @@
-// What travels on the link, put together and taken apart.
+// Frames of the link, built and taken apart.
 #pragma once
 
 #include <cstdint>
@@ -21,11 +21,19 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
+inline Bytes repeated(const Bytes& data, int times) {
+    Bytes result;
+    while (times-- > 0) result.insert(result.end(), data.begin(), data.end());
+    return result;
+}
+
 inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
     return BuildFrame(type, payload.data(), payload.size());
 }
 
-// A frame that announces more, or less, than it holds.
+constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;  // that the service accepts
+
+// A frame whose header announces another length.
 inline Bytes announcing(uint32_t length, Bytes frame) {
     std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
     return frame;

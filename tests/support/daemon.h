@@ -16,6 +16,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "tests/support/raw_companion.h"
@@ -103,7 +104,18 @@ class Daemon {
         return {entries("task"), entries("fd"), memory};
     }
 
-    // All that the service has written so far.
+    // Running threads whose name begins so.
+    size_t threads(std::string_view name) const {
+        size_t count = 0;
+        for (const auto& task : std::filesystem::directory_iterator(process() + "task")) {
+            std::ifstream file(task.path() / "comm");
+            std::string found;
+            if (file >> found) count += found.starts_with(name);
+        }
+        return count;
+    }
+
+    // Everything that the service has written so far.
     std::string output() {
         const std::lock_guard lock(m_mutex);
         return m_output;
@@ -130,15 +142,8 @@ class Daemon {
         return static_cast<size_t>(std::distance(begin(all), end(all)));
     }
 
-    // The keep-alive thread is the last that start-up makes.
-    bool started() const {
-        for (const auto& task : std::filesystem::directory_iterator(process() + "task")) {
-            std::ifstream file(task.path() / "comm");
-            std::string name;
-            if (file >> name && name == "keep-alive") return true;
-        }
-        return false;
-    }
+    // The idle thread is the last one that start-up makes.
+    bool started() const { return threads("keep-alive") == 1; }
 
     static pid_t only_child() {
         for (const auto& entry : std::filesystem::directory_iterator("/proc")) {

@@ -39,7 +39,7 @@ class RawCompanion {
     // Answers broadcasts until the device connects; nullopt if it has not within limit.
     std::optional<Socket> connection_within(std::chrono::milliseconds limit) {
         const auto connects = [this] {
-            if (m_discovery.readable(0ms)) {
+            if (asked()) {
                 hear();
                 answer();
             }
@@ -65,7 +65,8 @@ class RawCompanion {
     // all the time, returns true, or the device sends something. The device gives up candidates
     // that a sweep overtakes, so the first one is not always the link.
     Socket link(
-        const Bytes& request, const std::function<bool()>& linked = [] { return false; }) {
+        const Bytes& request = frame(ConnectRequest) + frame(ControlMessage),
+        const std::function<bool()>& linked = [] { return false; }) {
         for (int attempt = 0; attempt < 20; ++attempt) {
             Socket candidate = connection();
             {
@@ -80,6 +81,7 @@ class RawCompanion {
     // Refuses connections from now on.
     void refuse() { m_listener.close(); }
 
+    bool asked() const { return m_discovery.readable(0ms); }
     bool offered() const { return m_listener.readable(0ms); }
 
     const sockaddr_in& device() const { return m_device; }

@@ -1,0 +1,91 @@
+// The service in trouble. Derive from BadDay, or use it as the fixture: the test makes the trouble,
+// the fixture checks that the service has recovered.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <optional>
+#include <utility>
+
+#include "tests/support/core.h"
+#include "tests/support/daemon.h"
+#include "tests/support/far_host.h"
+
+namespace guilink::test {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep what is freed
+#else
+constexpr size_t MEMORY_SLACK = 384;  // KiB
+#endif
+
+// Set GUILINK_QUIET where the machine has nothing else to do: the promised times are checked then.
+inline std::chrono::milliseconds relink_limit() {
+    return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
+}
+
+inline double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+class BadDay : public testing::Test {
+  protected:
+    // Links the good companion, and takes the level of the service once it has settled.
+    void SetUp() override {
+        Frames::draw_busy_pictures();
+        GoodCompanion good(m_far);
+        ASSERT_TRUE(wait_until([&] {
+            good.press(1);  // the sender of buttons makes its socket for the first one
+            return m_daemon->output().find("BUTTON 1") != std::string::npos;
+        }));
+        ASSERT_TRUE(wait_until([&] { return settled(); }));
+    }
+
+    // The service must link the good companion again, return to its level and end with status 0.
+    void TearDown() override {
+        const auto end_of_trouble = std::chrono::steady_clock::now();
+        ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();
+        const GoodCompanion good(m_far);
+        ASSERT_TRUE(good.linked_within(relink_limit()));
+        const double took = seconds_since(end_of_trouble);
+
+        Daemon::Level after;
+        EXPECT_TRUE(wait_until([&] {
+            after = m_daemon->level();
+            return after.threads <= m_before.threads && after.descriptors <= m_before.descriptors &&
+                   after.memory <= m_before.memory + MEMORY_SLACK;
+        }));
+        std::printf(
+            "linked again after %.1f s; threads %zu of %zu, descriptors %zu of %zu, "
+            "memory %zu of %zu KiB\n",
+            took, after.threads, m_before.threads, after.descriptors, m_before.descriptors,
+            after.memory, m_before.memory);
+        EXPECT_EQ(m_daemon->terminate(), 0) << m_daemon->output();
+    }
+
+    Socket link() { return m_peer.link(); }
+
+    // Asks until the link answers; throws if it does not.
+    static bool answers(const Socket& link) {
+        const Chatter chatter(link, frame(IdentityRequest));
+        while (type_of(link.read_frame()) != IdentityMessage) {
+        }
+        return true;
+    }
+
+    // Two samples of a linked service without remains of the search are the same.
+    bool settled() {
+        const Daemon::Level last = std::exchange(m_before, m_daemon->level());
+        return m_daemon->threads("ping-") == 0 && m_daemon->threads("tcp-receive") == 1 &&
+               m_before.threads == last.threads && m_before.descriptors == last.descriptors;
+    }
+
+    const FarHost m_far;
+    const Frames m_frames{100ms};
+    std::optional<Daemon> m_daemon{std::in_place};
+    RawCompanion m_peer{"127.0.0.3"};
+    Daemon::Level m_before = {};
+};
+
+}  // namespace guilink::test
