@@ -15,9 +15,9 @@
 #include <utility>
 
 #include "bench/pictures.h"
+#include "devkit/companion/companion.h"
+#include "devkit/companion/image_decoder.h"
 #include "devkit/core/control_service.h"
-#include "devkit/peer/companion.h"
-#include "devkit/peer/image_decoder.h"
 #include "link/com_lib_interface.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "devkit/peer/image_decoder.h"
+#include "devkit/companion/image_decoder.h"
 
 namespace guilink {
 

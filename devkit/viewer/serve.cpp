@@ -12,7 +12,7 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "devkit/peer/companion.h"
+#include "devkit/companion/companion.h"
 #include "devkit/viewer/labels.h"
 #include "devkit/viewer/web_server.h"
 

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "devkit/peer/companion.h"
+#include "devkit/companion/companion.h"
 #include "devkit/viewer/png_file.h"
 
 namespace guilink {

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "devkit/peer/companion.h"
+#include "devkit/companion/companion.h"
 
 namespace guilink {
 

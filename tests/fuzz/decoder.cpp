@@ -1,5 +1,5 @@
 // What a device may send as an image: the decoder makes it a complete one, or refuses it.
-#include "devkit/peer/image_decoder.h"
+#include "devkit/companion/image_decoder.h"
 
 #include <stdexcept>
 

@@ -1,7 +1,7 @@
 // Images of any size and any runs: the encoder agrees with a literal one, and the decoder gives
 // back the image but for what is lost on purpose.
 #include "bench/literal_encoder.h"
-#include "devkit/peer/image_decoder.h"
+#include "devkit/companion/image_decoder.h"
 #include "protocol/image.h"
 #include "tests/fuzz/fuzz.h"
 

@@ -1,5 +1,5 @@
-#include <devkit/peer/companion.h>
-#include <devkit/peer/image_decoder.h>
+#include <devkit/companion/companion.h>
+#include <devkit/companion/image_decoder.h>
 
 #include <array>
 

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "devkit/peer/companion.h"
+#include "devkit/companion/companion.h"
 #include "tests/support/waiting.h"
 
 namespace guilink::test {

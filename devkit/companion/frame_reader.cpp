@@ -1,4 +1,4 @@
-#include "devkit/peer/frame_reader.h"
+#include "devkit/companion/frame_reader.h"
 
 #include <cstring>
 

@@ -1,11 +1,11 @@
-#include "devkit/peer/discovery_answerer.h"
+#include "devkit/companion/discovery_answerer.h"
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
-#include "devkit/peer/frame_reader.h"
+#include "devkit/companion/frame_reader.h"
 #include "protocol/frame.h"
 
 namespace guilink {

@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "devkit/peer/frame_reader.h"
+#include "devkit/companion/frame_reader.h"
 
 namespace guilink {
 

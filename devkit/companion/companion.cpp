@@ -1,4 +1,4 @@
-#include "devkit/peer/companion.h"
+#include "devkit/companion/companion.h"
 
 #include <arpa/inet.h>
 #include <poll.h>

@@ -4,9 +4,9 @@
 
 #include <optional>
 
-#include "devkit/peer/companion.h"
-#include "devkit/peer/frame_reader.h"
-#include "devkit/peer/image_decoder.h"
+#include "devkit/companion/companion.h"
+#include "devkit/companion/frame_reader.h"
+#include "devkit/companion/image_decoder.h"
 #include "tests/support/raw_companion.h"
 
 namespace guilink {

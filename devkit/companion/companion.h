@@ -25,8 +25,8 @@
 #include <thread>
 #include <vector>
 
-#include "devkit/peer/connection.h"
-#include "devkit/peer/discovery_answerer.h"
+#include "devkit/companion/connection.h"
+#include "devkit/companion/discovery_answerer.h"
 #include "net/net_socket.h"
 
 namespace guilink {

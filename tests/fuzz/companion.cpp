@@ -1,7 +1,7 @@
 // What a device may say to a companion, in pieces.
 #include <utility>
 
-#include "devkit/peer/frame_reader.h"
+#include "devkit/companion/frame_reader.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace guilink::fuzz {

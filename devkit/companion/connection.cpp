@@ -1,4 +1,4 @@
-#include "devkit/peer/connection.h"
+#include "devkit/companion/connection.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>

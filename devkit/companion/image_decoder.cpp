@@ -1,4 +1,4 @@
-#include "devkit/peer/image_decoder.h"
+#include "devkit/companion/image_decoder.h"
 
 #include <algorithm>
 #include <cstring>
