@@ -1,9 +1,9 @@
 #include <benchmark/benchmark.h>
 #include <zlib.h>
 
-#include "bench/literal_crc32.h"
 #include "bench/measures.h"
 #include "protocol/crc32.h"
+#include "tests/support/literal_crc32.h"
 
 namespace guilink {
 

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <numeric>
 
-#include "bench/literal_encoder.h"
 #include "bench/measures.h"
 #include "protocol/image.h"
+#include "tests/support/literal_encoder.h"
 
 namespace guilink {
 

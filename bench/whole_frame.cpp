@@ -9,11 +9,11 @@
 #include <stdexcept>
 #include <thread>
 
-#include "bench/literal_crc32.h"
-#include "bench/literal_encoder.h"
 #include "bench/measures.h"
 #include "protocol/frame.h"
 #include "protocol/image.h"
+#include "tests/support/literal_crc32.h"
+#include "tests/support/literal_encoder.h"
 
 namespace guilink {
 

@@ -9,11 +9,11 @@
 #include <new>
 #include <random>
 
-#include "bench/literal_crc32.h"
-#include "bench/literal_encoder.h"
 #include "protocol/crc32.h"
 #include "protocol/image.h"
 #include "protocol/veltrane_communicator.h"
+#include "tests/support/literal_crc32.h"
+#include "tests/support/literal_encoder.h"
 #include "tests/support/raw_companion.h"
 
 namespace {

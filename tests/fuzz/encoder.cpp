@@ -1,9 +1,9 @@
 // Images of any size and any runs: the encoder agrees with a literal one, and the decoder gives
 // back the image but for what is lost on purpose.
-#include "bench/literal_encoder.h"
 #include "devkit/companion/image_decoder.h"
 #include "protocol/image.h"
 #include "tests/fuzz/fuzz.h"
+#include "tests/support/literal_encoder.h"
 
 namespace guilink::fuzz {
 

@@ -1,5 +1,5 @@
-// The image encoder as one reads it out of the payload's description, one pixel after the other:
-// the yardstick of the fast one, for its result and for its speed.
+// The reference encoder: pixel by pixel, exactly as docs/link-protocol.md describes the payload.
+// Tests compare results with it, benchmarks speed.
 #pragma once
 
 #include <cstdint>

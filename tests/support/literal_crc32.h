@@ -1,5 +1,4 @@
-// The checksum by the standard table, one byte after the other: the yardstick of the fast one, for
-// its result and for its speed.
+// The reference checksum: a table lookup per byte. Tests compare results with it, benchmarks speed.
 #pragma once
 
 #include <array>
