@@ -3,7 +3,7 @@
 
     minimal_companion.py [--press N] [--frames N] [--timeout S] FILE.png
 
-Shows how little the link asks for; docs/link-protocol.md tells the rest.
+It shows how little a companion needs. docs/link-protocol.md describes the link in full.
 """
 import argparse
 import select
@@ -17,8 +17,8 @@ START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B
 HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, message type
 CONTROL, BUTTON, IMAGE, IDENTITY, CONNECT, IDENTITY_REQUEST = range(6)
 MAX_PAYLOAD = 0x100000  # bytes; a length above it is damage
-KEEP_ALIVE = 0.5  # s; after 2 s without one no new pictures come, after 3 s the link ends
-SILENCE = 3       # s; a device that is there says something at each keep-alive
+KEEP_ALIVE = 0.5  # s; after 2 s without one the device sends no new images, after 3 s it drops us
+SILENCE = 3       # s; a device that is alive answers each keep-alive's IdentityRequest
 
 
 def frame(kind, payload=b""):
@@ -26,7 +26,7 @@ def frame(kind, payload=b""):
 
 
 def messages_in(buffer):
-    """Takes what is complete out of received bytes: yields (type, payload). Survives damage."""
+    """Removes complete frames from the buffer; yields (type, payload). Skips damaged bytes."""
     while (start := buffer.find(START)) >= 0:
         del buffer[:start]
         if len(buffer) < HEADER.size:
@@ -40,12 +40,12 @@ def messages_in(buffer):
             del buffer[:end]
             yield kind, payload
         else:
-            del buffer[:1]  # damaged: go on at the next start sequence
-    del buffer[:-(len(START) - 1)]  # all but what may be the beginning of one
+            del buffer[:1]  # damaged: continue at the next start sequence
+    del buffer[:-(len(START) - 1)]  # a start sequence may begin in the rest
 
 
 def decode(payload):
-    """Width, height and RGBA bytes of an image; None where it does not hold what it announces."""
+    """Returns width, height and RGBA bytes of an image, or None if it is damaged."""
     if len(payload) < 4 or len(payload) % 4:
         return None
     width, height, *runs = struct.unpack(f"<{len(payload) // 2}H", payload)
@@ -57,7 +57,7 @@ def decode(payload):
     for length, value in zip(runs[0::2], runs[1::2]):  # 16 bits: alpha, red, green, blue
         pixel = bytes((value >> shift & 15) * 17 for shift in (8, 4, 0, 12))
         rgba += pixel * length
-    return width, height, rgba + pixel  # the last pixel never travels: repeat its neighbour
+    return width, height, rgba + pixel  # the last pixel is not sent: repeat its neighbour
 
 
 def save_png(name, width, height, rgba):
@@ -73,7 +73,7 @@ def save_png(name, width, height, rgba):
 
 
 def connections(end):
-    """Answers each device that is looking for a companion; yields each connection that it makes."""
+    """Answers each device that searches for a companion; yields each connection it opens."""
     discovery = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     discovery.bind(("", 3152))
     listener = socket.create_server(("", 8399))
@@ -89,12 +89,12 @@ def connections(end):
 
 
 def messages(connection, end):
-    """Keeps a connection alive and yields what the device says; ends when the device has gone."""
+    """Keeps a connection alive and yields its messages; ends when the device has gone."""
     connection.settimeout(SILENCE)  # for sends
     buffer, heard, next_alive = bytearray(), time.monotonic(), 0
     while (now := time.monotonic()) < min(end, heard + SILENCE):
         if now >= next_alive:
-            # Only the first ConnectRequest counts; the answers to the question show who is there.
+            # On the link, ConnectRequests are ignored. The identity shows which device answers.
             connection.sendall(frame(CONNECT) + frame(CONTROL) + frame(IDENTITY_REQUEST))
             next_alive = now + KEEP_ALIVE
         if select.select([connection], [], [], max(0, next_alive - time.monotonic()))[0]:
@@ -107,7 +107,7 @@ def messages(connection, end):
 
 
 def mirror(connection, options, end):
-    """Presses, and saves the picture some images later. False when the connection ends before."""
+    """Presses the button and saves a later image. False if the connection ends before that."""
     identity, images, size = None, 0, 0
     for kind, payload in messages(connection, end):
         if kind == IDENTITY and not identity:
@@ -133,7 +133,7 @@ def main():
     parser.add_argument("file", metavar="FILE.png")
     parser.add_argument("--press", metavar="N", type=int, choices=range(16), help="button, 0 to 15")
     parser.add_argument("--frames", metavar="N", type=int, default=10, help="images to wait for")
-    parser.add_argument("--timeout", metavar="S", type=float, default=30, help="seconds in all")
+    parser.add_argument("--timeout", metavar="S", type=float, default=30, help="total seconds")
     options = parser.parse_args()
     end = time.monotonic() + options.timeout
     for connection in connections(end):
@@ -142,7 +142,7 @@ def main():
                 return 0
         except OSError as error:
             print(f"link lost: {error}", file=sys.stderr)
-    return f"no picture within {options.timeout:g} s: is there a device, and does it draw?"
+    return f"no picture within {options.timeout:g} s; check that the device is on and draws"
 
 
 if __name__ == "__main__":
