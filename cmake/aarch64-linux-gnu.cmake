@@ -1,10 +1,10 @@
-# The device: 64-bit Arm with Debian's cross compiler, programs run by user-mode emulation.
+# Builds for the device, 64-bit Arm, with Debian's cross compiler. qemu's user mode runs the programs.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 
-# Headers and libraries of the device alone; programs of the build machine.
+# Find headers and libraries only for the device, programs only for the build machine.
 set(sysroot /usr/aarch64-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH ${sysroot})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -1,4 +1,4 @@
-# Writes OUTPUT, C++ that defines find_asset, from the files of the page in DIRECTORY.
+# Writes OUTPUT, a C++ file that defines find_asset and contains the page's files from DIRECTORY.
 set(types html "text/html" css "text/css" js "text/javascript" svg "image/svg+xml")
 set(data "")
 set(table "")
@@ -9,13 +9,13 @@ foreach(file ${files})
     string(REGEX REPLACE ".*\\." "" extension ${name})
     list(FIND types ${extension} index)
     if(index EQUAL -1)
-        message(FATAL_ERROR "${file}: what type is .${extension}? Tell ${CMAKE_CURRENT_LIST_FILE}")
+        message(FATAL_ERROR "cannot embed ${file}: no content type for .${extension}; add one to ${CMAKE_CURRENT_LIST_FILE}")
     endif()
     math(EXPR index "${index} + 1")
     list(GET types ${index} type)
     file(READ ${file} hex HEX)
     string(REGEX REPLACE "(..)" "\\\\x\\1" bytes "${hex}")
-    # A line of source for every 8 bytes.
+    # One source line per 8 bytes.
     string(REGEX REPLACE "((\\\\x..)(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?)" "\"\\1\"\n" bytes "${bytes}")
     string(APPEND data "constexpr char ${identifier}[] =\n${bytes};\n")
     string(APPEND table "    {\"/${name}\", \"${type}\", {${identifier}, sizeof ${identifier} - 1}},\n")
