@@ -173,6 +173,15 @@ void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<Ne
 
 void NetworkController::_data_receive(const SharedState& state, const unsigned char* data,
                                       uint64_t length, NetworkUnit* unit) {
+    // An exception ends the receiving; a link that nobody reads must not stay.
+    struct Guard {
+        const SharedState& state;
+        const NetworkUnit* unit;
+        const int exceptions = std::uncaught_exceptions();
+        ~Guard() {
+            if (std::uncaught_exceptions() > exceptions) _clear_current(state, unit);
+        }
+    } const guard{state, unit};
     const std::shared_ptr<NetworkWorker> worker = state->m_worker.lock();
     {
         Lock lock(state->m_mutex);

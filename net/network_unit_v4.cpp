@@ -149,10 +149,7 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
         // Its own copy, gone before the thread counts as ended: it may own what others wait for.
         const DataReceivedCallback callback = std::move(on_data);
         unit->_tcp_receive(port, callback);
-    } catch (...) {
-        // on_data is empty or has thrown: ends without a message. Nobody reads this connection any
-        // more, so the next send fails and the link is given up.
-        shutdown(unit->_socket->descriptor(), SHUT_RDWR);
+    } catch (...) {  // on_data is empty or has thrown: the thread ends without a message
     }
     --unit->_running;
 }
