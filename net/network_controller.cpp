@@ -52,10 +52,10 @@ struct NetworkController::State {
     std::atomic<bool> m_stop{false};
     Mutex m_mutex;  // never held while the worker is called or a unit is destroyed
 
-    Units m_candidates GUARDED_BY(m_mutex);  // peers found, each connecting or connected
-    Units m_seekers GUARDED_BY(m_mutex);  // interfaces of this sweep and, stopping, of earlier ones
-    Units m_current GUARDED_BY(m_mutex);  // the linked peer, or empty
-    Units m_dropped GUARDED_BY(m_mutex);  // connections that were given up and are stopping
+    Units m_candidates GUARDED_BY(m_mutex);       // peers found, each connecting or connected
+    Units m_seekers GUARDED_BY(m_mutex);          // interfaces of this sweep and earlier ones
+    Units m_current GUARDED_BY(m_mutex);          // the linked peer, or empty
+    Units m_dropped GUARDED_BY(m_mutex);          // connections that were given up and are stopping
     size_t m_connecting GUARDED_BY(m_mutex) = 0;  // admitted, but not yet listed
     std::map<uint32_t, Turns> m_turns GUARDED_BY(m_mutex);
 
@@ -67,6 +67,13 @@ struct NetworkController::State {
     void drop(Units& from, Units::iterator unit) REQUIRES(m_mutex) {
         (*unit)->stop();
         m_dropped.splice(m_dropped.end(), from, unit);
+    }
+    static Units::iterator find(Units& units, const NetworkUnit* unit) {
+        return std::ranges::find(units, unit, &std::unique_ptr<NetworkUnit>::get);
+    }
+    bool is_dropped(const NetworkUnit* unit) EXCLUDES(m_mutex) {
+        const Lock lock(m_mutex);
+        return find(m_dropped, unit) != m_dropped.end();
     }
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
@@ -199,7 +206,8 @@ void NetworkController::_data_receive(const SharedState& state, const unsigned c
     }
 }
 
-// One candidate at a time, in small portions: each gets its own answers, and soon.
+// One candidate at a time, in small portions: each gets its own answers, and soon. What a dropped
+// one still has to say is not worth the time.
 void NetworkController::_examine(const SharedState& state, const unsigned char* data,
                                  uint64_t length, NetworkUnit* unit, NetworkWorker& worker) {
     // Resets m_pending on every way out: the unit may be destroyed soon after.
@@ -229,14 +237,14 @@ void NetworkController::_examine(const SharedState& state, const unsigned char* 
         worker.OnDataReceived(data, portion, signal, false);
         data += portion;
         length -= portion;
-    } while (length != 0);
+    } while (length != 0 && !state->is_dropped(unit));
 }
 
 void NetworkController::_set_current(const SharedState& state, const NetworkUnit* unit) {
     {
         const Lock lock(state->m_mutex);
         auto& candidates = state->m_candidates;
-        const auto node = std::ranges::find(candidates, unit, &std::unique_ptr<NetworkUnit>::get);
+        const auto node = State::find(candidates, unit);
         // Not listed yet, or given up: the request has no effect on anybody.
         if (node == candidates.end()) return;
         auto& current = state->m_current;
@@ -255,8 +263,7 @@ void NetworkController::send(const unsigned char* data, uint64_t length) {
         if (!(*unit)->send(data, length)) state.drop(state.m_current, unit);
     } else if (state.m_pending != nullptr && !state.m_pending->send_at_once(data, length)) {
         auto& candidates = state.m_candidates;
-        const auto node =
-            std::ranges::find(candidates, state.m_pending, &std::unique_ptr<NetworkUnit>::get);
+        const auto node = State::find(candidates, state.m_pending);
         if (node != candidates.end()) state.drop(candidates, node);
     }
 }
@@ -268,9 +275,10 @@ void NetworkController::_clear_current(const SharedState& state, const NetworkUn
     if (!current.empty() && current.front().get() == unit) state->drop(current, current.begin());
 }
 
+// Seekers stay: their searches end by themselves. Until then an answer counts whichever of the
+// sockets that share the port receives it.
 void NetworkController::_clear_all(const SharedState& state) {
     const Lock lock(state->m_mutex);
-    for (const auto& seeker : state->m_seekers) seeker->stop();
     while (!state->m_candidates.empty()) {
         state->drop(state->m_candidates, state->m_candidates.begin());
     }

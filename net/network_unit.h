@@ -60,8 +60,8 @@ class NetworkUnit {
     // Stops the unit's threads and waits for them. That takes seconds while a discovery runs.
     virtual ~NetworkUnit() = default;
 
-    // Asks all threads of the unit to end, and waits for none: the connection ends now, sends fail
-    // from now on, a discovery ends within 3 s. Must not be called during a send.
+    // Ends the connection now, without waiting for its thread; sends fail from now on. A discovery
+    // goes on to its end. Blocks while a send does.
     virtual void stop() = 0;
 
     // No thread of the unit runs any more: destroying it does not block.
@@ -84,7 +84,7 @@ class NetworkUnit {
     std::thread _ping_thread GUARDED_BY(_mutex);
     std::thread _tcp_thread GUARDED_BY(_mutex);
 
-    std::atomic<bool> _stop{false};               // ends every loop, for good
+    std::atomic<bool> _stop{false};               // set by the destructor; ends every loop
     mutable std::atomic<bool> _ping_done{false};  // the discovery sender has finished its wait
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
     mutable std::atomic<int> _running{0};         // threads of discovery and connection

@@ -52,6 +52,7 @@ NetworkUnitV4::NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
     : _ping_packet(ping_packet), _address(address), _mask(mask) {}
 
 NetworkUnitV4::~NetworkUnitV4() {
+    _stop = true;
     NetworkUnitV4::stop();
     NetworkUnitV4::join();
 }
@@ -102,7 +103,7 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
 
 bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
     const Lock lock(_mutex);
-    if (_socket == nullptr || _stop) return false;
+    if (_socket == nullptr || _tcp_stop) return false;
     pollfd event = {_socket->descriptor(), POLLOUT, 0};
     if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
     // MSG_NOSIGNAL: a connection that the peer has reset fails like any other, without SIGPIPE.
@@ -112,13 +113,13 @@ bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
 
 bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length) {
     const Lock lock(_mutex);
-    if (_socket == nullptr || _stop) return false;
+    if (_socket == nullptr || _tcp_stop) return false;
     const ssize_t sent = ::send(_socket->descriptor(), data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
 
 void NetworkUnitV4::stop() {
-    _stop = true;
+    _tcp_stop = true;
     const Lock lock(_mutex);
     // Wakes the receiver, also out of connect.
     if (_socket != nullptr) shutdown(_socket->descriptor(), SHUT_RDWR);
@@ -170,7 +171,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};
         const int ready = poll(&event, 1, POLL_TIMEOUT);
-        if (_stop) return;  // stop() has ended the connection, not the peer
+        if (_stop || _tcp_stop) return;  // the peer has not ended the connection
         if (ready <= 0) {
             write_line(STDERR_FILENO, "NetworkUnitV4: tcp receiver error or timeout");
             on_data(nullptr, 0, unit);
