@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr int READER_PAUSE =
-    100;  // ms; a reader in the middle of a long line that takes longer is gone
+constexpr int ROOM = 0x100000;     // bytes that wait for a reader, if the system allows as many
+constexpr int READER_PAUSE = 100;  // ms; a reader that pauses longer within a line has stopped
 
 // Trivially destructible: threads go on logging while the process exits.
 struct Stream {
@@ -93,7 +93,8 @@ void unblock_standard_streams() {
         // O_NONBLOCK belongs to the open description, which others may share: take a new one.
         const char* const path = stream == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2";
         const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-        if (own < 0) continue;  // poll alone has to do
+        if (own < 0) continue;           // poll alone has to do
+        fcntl(own, F_SETPIPE_SZ, ROOM);  // so that a burst is not lost on a reader that reads
         dup2(own, stream);
         close(own);
     }

@@ -4,7 +4,6 @@
 #include <random>
 
 #include "tests/support/bad_day.h"
-#include "tests/support/hostile_host.h"
 
 namespace {
 
@@ -164,38 +163,6 @@ TEST_F(BadDay, IdentityChangesBackToBackUnderTraffic) {
     }
 }
 
-// Hostile neighbours go on and on; a good one is linked all the same.
-class HostileNeighbour : public BadDay {
-  protected:
-    void keeps_nobody_out(const std::optional<Bytes>& words) {
-        const HostileHost hostile(words);
-        EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));  // it was there first
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_TRUE(GoodCompanion(m_far).linked_within(LIMIT));
-        std::printf("linked beside it after %.1f s\n", seconds_since(start));
-    }
-};
-
-TEST_F(HostileNeighbour, Refuses) {
-    keeps_nobody_out(std::nullopt);
-}
-
-TEST_F(HostileNeighbour, NeverSpeaks) {
-    keeps_nobody_out(Bytes());
-}
-
-TEST_F(HostileNeighbour, AsksAndDoesNotRead) {
-    keeps_nobody_out(repeated(frame(IdentityRequest), 10'000));
-}
-
-TEST_F(HostileNeighbour, AnnouncesAMebibyte) {
-    keeps_nobody_out(announcing(LARGEST_PAYLOAD, frame(DataMessage, Bytes(10'000))));
-}
-
-TEST_F(HostileNeighbour, Trickles) {
-    keeps_nobody_out(Bytes{0x5A});
-}
-
 TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -207,37 +174,90 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGPIPE);
 }
 
-// Its lines wait, and whoever wants to write one; a signal is obeyed all the same.
-TEST(BadStreams, PipeThatNobodyReadsHoldsItUpOnlyAsLongAsItIsFull) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-    const auto is_full = [&] {
-        pollfd event = {ends[1], POLLOUT, 0};
-        return poll(&event, 1, 0) == 0;
-    };
-    Daemon daemon(Daemon::Until::Started, [&] {
-        fcntl(ends[1], F_SETFL, 0);  // waits where there is no room
-        dup2(ends[1], STDOUT_FILENO);
-    });
-    const Frames frames(100ms);
-    RawCompanion companion;
-    const auto fill = [&](const Socket& peer) {
-        const Chatter presses(peer, repeated(frame(ButtonMessage, {1}), 1000));
-        EXPECT_TRUE(wait_until(is_full));
-    };
-    fill(companion.link());
-    {
-        const std::jthread reader([&](const std::stop_token& stop) {
-            char lines[4096];
-            while (!stop.stop_requested()) {
-                if (read(ends[0], lines, sizeof lines) < 0) std::this_thread::sleep_for(1ms);
-            }
-        });
-        companion.link();
+// A pipe with little room that is read only when a test asks for it.
+class SlowPipe {
+  public:
+    SlowPipe() {
+        if (pipe2(m_ends, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("no pipe");
     }
-    fill(companion.link());
-    EXPECT_EQ(daemon.terminate(), 0);
+    ~SlowPipe() {
+        close(m_ends[0]);
+        close(m_ends[1]);
+    }
+    SlowPipe(const SlowPipe&) = delete;
+    SlowPipe& operator=(const SlowPipe&) = delete;
+
+    // As a stream of this process, which waits where there is no room.
+    void replace(int stream) const {
+        fcntl(m_ends[1], F_SETFL, 0);
+        dup2(m_ends[1], stream);
+    }
+    void fill() const {
+        const Bytes garbage(65536, '#');
+        fcntl(m_ends[1], F_SETFL, O_NONBLOCK);
+        while (::write(m_ends[1], garbage.data(), garbage.size()) > 0) {
+        }
+        while (::write(m_ends[1], "#", 1) > 0) {
+        }
+    }
+    std::string drain() const {
+        std::string text(0x200000, '\0');
+        const ssize_t count = ::read(m_ends[0], text.data(), text.size());
+        text.resize(count > 0 ? static_cast<size_t>(count) : 0);
+        return text;
+    }
+
+  private:
+    int m_ends[2];
+};
+
+class FullPipe : public testing::TestWithParam<int> {
+  protected:
+    const SlowPipe m_pipe;
+    Daemon m_daemon{Daemon::Until::Started, [this] { m_pipe.replace(GetParam()); }};
+    const Frames m_frames{100ms};
+    RawCompanion m_companion{"127.0.0.4"};
+};
+
+// Lines are lost, and nothing else; what was lost is counted.
+TEST_P(FullPipe, LosesLinesAlone) {
+    const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);
+    Socket link = m_companion.link();
+    m_pipe.fill();
+    const Bytes noise = frame(DataMessage, Bytes(100'000, 'x')) + frame(ImageMessage);
+    for (int i = 0; i < 3; ++i) {
+        link.write(noise + frame(ButtonMessage, {3}) + frame(ControlMessage));
+        EXPECT_EQ(control.read_some(), bytes(R"([{"msg_id":103,"param":"On"}])"));
+    }
+    Core core;
+    EXPECT_TRUE(core.send_qr_body("QRQR1"));
+    link.close();
+    link = m_companion.link();
+    EXPECT_EQ(type_of(link.read_frame()), ImageMessage);
+
+    m_pipe.drain();
+    std::string lines;
+    EXPECT_TRUE(wait_until([&] {
+        link.write(noise + frame(ControlMessage));
+        lines += m_pipe.drain();
+        return lines.find(" lines dropped\n") != std::string::npos;
+    }));
+    EXPECT_EQ(m_daemon.terminate(), 0);
 }
+
+TEST_P(FullPipe, UnknownWordsOfANeighbourKeepNobodyOut) {
+    m_pipe.fill();
+    const Socket neighbour = m_companion.connection();
+    const Chatter chatter(neighbour, frame(ImageMessage));
+    RawCompanion good("127.0.0.3");
+    EXPECT_EQ(type_of(good.link().read_frame()), ImageMessage);
+    EXPECT_EQ(m_daemon.terminate(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, FullPipe, testing::Values(STDOUT_FILENO, STDERR_FILENO),
+                         [](const auto& stream) {
+                             return stream.param == STDOUT_FILENO ? "Output" : "Error";
+                         });
 
 TEST(BadStreams, NoneAtAll) {
     Daemon daemon(Daemon::Until::Started, [] {

@@ -1,7 +1,8 @@
-// A neighbour that wants to be linked and never will be.
+// Neighbours that want to be linked and never will be.
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -10,38 +11,69 @@
 
 namespace guilink::test {
 
-// Answers discovery a thousand times a second. Refuses the connections; or, if there are words,
-// holds them and sends the words on each again and again without ever reading.
-class HostileHost {
+// What hostile hosts do with the connections that their answers bring.
+struct Manners {
+    std::optional<Bytes> words = Bytes();         // nothing at all: they refuse
+    std::chrono::milliseconds words_after = 0ms;  // on each connection
+    std::chrono::milliseconds words_every = 10ms;
+    size_t addresses = 1;
+    bool floods = true;  // answers a thousand times a second instead of once a broadcast
+    bool reads = false;
+};
+
+class HostileHosts {
   public:
-    explicit HostileHost(const std::optional<Bytes>& words)
-        : m_words(words.value_or(Bytes())), m_host("127.0.0.66") {
-        if (!words) m_host.refuse();
-        m_host.hear();
+    explicit HostileHosts(Manners manners) : m_manners(std::move(manners)) {
+        for (size_t i = 1; i <= m_manners.addresses; ++i) {
+            m_hosts.emplace_back(("127.0.66." + std::to_string(i)).c_str());
+            if (!m_manners.words) m_hosts.back().refuse();
+        }
+        for (RawCompanion& host : m_hosts) host.hear();
         m_thread = std::thread([this] { harass(); });
     }
-    ~HostileHost() {
+    ~HostileHosts() {
         m_stop = true;
         m_thread.join();
     }
 
-    int sweeps() const { return m_sweeps; }  // of the service, since this host is there
+    int sweeps() const { return m_sweeps; }  // of the service, since these hosts are there
 
   private:
+    using Clock = std::chrono::steady_clock;
+    struct Held {
+        Socket socket;
+        Clock::time_point next_words;
+    };
+
     void harass() {
-        std::vector<Socket> held;
-        while (!m_stop) {
-            for (int i = 0; i < 10; ++i, std::this_thread::sleep_for(1ms)) m_host.answer();
-            for (; m_host.asked(); m_host.hear()) ++m_sweeps;
-            while (m_host.offered()) held.push_back(m_host.accept());
-            for (const Socket& socket : held) {
-                send(socket.fd(), m_words.data(), m_words.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        std::deque<Held> held;
+        for (; !m_stop; std::this_thread::sleep_for(1ms)) {
+            m_sweeps += m_hosts.front().asked();
+            for (RawCompanion& host : m_hosts) {
+                const bool asked = host.asked();
+                if (asked) host.hear();
+                if (asked || m_manners.floods) host.answer();
+                while (m_manners.words && host.offered()) {
+                    held.push_back({host.accept(), Clock::now() + m_manners.words_after});
+                }
             }
+            std::erase_if(held, [this](Held& each) { return !speak(each); });
         }
     }
 
-    const Bytes m_words;
-    RawCompanion m_host;
+    // False once the connection is gone.
+    bool speak(Held& held) const {
+        if (m_manners.reads && held.socket.drain()) return false;
+        if (Clock::now() < held.next_words) return true;
+        held.next_words = Clock::now() + m_manners.words_every;
+        const Bytes& words = *m_manners.words;
+        return send(held.socket.fd(), words.data(), words.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >=
+                   0 ||
+               errno == EAGAIN;
+    }
+
+    const Manners m_manners;
+    std::vector<RawCompanion> m_hosts;
     std::atomic<int> m_sweeps{0};
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
