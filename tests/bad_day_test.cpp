@@ -199,6 +199,7 @@ class SlowPipe {
         }
         while (::write(m_ends[1], "#", 1) > 0) {
         }
+        fcntl(m_ends[1], F_SETFL, 0);  // the service may share the description
     }
     std::string drain() const {
         std::string text(0x200000, '\0');
