@@ -1,7 +1,7 @@
-// What we need of the vendor's inter-core IPC library (libambaipc): two calls and the records that
-// they take. A service registers programs; the other core calls a program's procedures, and the
-// library runs them on threads of its own, never two of one program at once. The layouts are the
-// library's, so they are fixed here at compile time.
+// The part of the vendor's inter-core IPC library (libambaipc) that we use: two calls and their
+// records. A service registers programs. The other core calls a program's procedures; the library
+// runs them on its own threads, never two of one program at once. The layouts are the library's and
+// are asserted below.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,8 @@
 
 extern "C" {
 
-// The result record of one call, filled by the procedure. The library gives it in and takes it
-// back; the meaning of its words is the library's.
+// The result record of one call. The library passes it in, the procedure fills it; only the library
+// knows the meaning of its words.
 struct _AMBA_IPC_SVC_RESULT_s_ {
     uint32_t word_0;
     uint32_t word_4;
@@ -25,7 +25,7 @@ typedef void (*IpcProc)(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* 
 
 struct IpcProcEntry {
     IpcProc procedure;
-    int32_t word;  // always 0; the meaning is the library's
+    int32_t word;  // always 0; only the library knows its meaning
 };
 
 struct IpcProgInfo {
@@ -33,12 +33,12 @@ struct IpcProgInfo {
     IpcProcEntry* procedures;  // count entries, contiguous
 };
 
-// Makes a program callable under a service name. The library takes what it needs from name and info
-// during the call. The last argument is always 1. Returns 0 on success.
+// Makes a program callable under a service name. The library copies name and info during the call.
+// The last argument is always 1. Returns 0 on success.
 int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, IpcProgInfo* info,
                          int last);
 
-// Takes a program back. Safe to call from a signal handler. Returns 0 on success.
+// Unregisters a program. Safe to call from a signal handler. Returns 0 on success.
 int ambaipc_svc_unregister(uint32_t program, uint32_t version);
 
 }  // extern "C"

@@ -1,16 +1,33 @@
 #include "ipc/ipc_gui_fetcher.h"
 
-#include <cstdlib>
-#include <fstream>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <new>
+
+#include "base/write_line.h"
+#include "ipc/read_identity.h"
 #include "ipc/svc_register.h"
 #include "link/com_lib_interface.h"
+
+static_assert(offsetof(GuiBufferArg, phys_addr) == 0 && offsetof(GuiBufferArg, size) == 8);
 
 namespace {
 
 constexpr const char* SETTINGS_FILE = "/tmp/FL0/kel.ini";
-constexpr std::string_view IDENTITY_KEY = "BODY_QR=";
-constexpr size_t IDENTITY_SIZE = 5;  // characters
+constexpr uint64_t PAGE_MASK = 0xFFFFF000;  // Deliberate: drops the address bits above 4 GiB.
+constexpr uint64_t OFFSET_MASK = 0xFFF;
+constexpr uint32_t EXTRA_PAGE = 4096;  // bytes; for a frame that does not start on a page
+
+void clear(_AMBA_IPC_SVC_RESULT_s_* result) {
+    result->word_0 = 0;
+    result->word_16 = 0;
+    result->word_20 = 0;
+}
 
 }  // namespace
 
@@ -19,6 +36,8 @@ const std::string& IpcGuiFetcher::fw = *new std::string("fw1.1");
 std::shared_ptr<IpcGuiFetcher>& IpcGuiFetcher::m_guiFetcher = *new std::shared_ptr<IpcGuiFetcher>;
 std::atomic<bool> IpcGuiFetcher::m_published{false};
 std::mutex IpcGuiFetcher::m_instanceMutex;
+std::map<uint64_t, std::shared_ptr<unsigned char>>& IpcGuiFetcher::cached_buffers =
+    *new std::map<uint64_t, std::shared_ptr<unsigned char>>;
 
 std::shared_ptr<IpcGuiFetcher> IpcGuiFetcher::getInstance() {
     const std::lock_guard lock(m_instanceMutex);
@@ -34,7 +53,7 @@ IpcGuiFetcher::IpcGuiFetcher() {
     m_comLib = std::make_shared<ComLibInterface>(ID, fw);
     const char* const name = "svc_ipc_gui";
     const IpcProc procedures[] = {ipcGuiBufReceiver, ipcQrBodyReceiver};
-    // A failed registration leaves the service running, with nothing to feed it.
+    // If a registration fails, the service runs on and receives no frames.
     sg_svc_register(&procedures[0], 1, IPC_PROG_GUI_BUF, IPC_SVC_VERSION, name);
     sg_svc_register(&procedures[1], 1, IPC_PROG_QR_BODY, IPC_SVC_VERSION, name);
 }
@@ -43,13 +62,72 @@ IpcGuiFetcher::~IpcGuiFetcher() {
     std::free(sg_svc_info.procedures);
 }
 
-// The first line that begins with the key decides, whatever the length of its value.
+// Deliberate: the identity may have any length here; ComLibInterface rejects a wrong one.
 void IpcGuiFetcher::loadIdFromIni() {
     std::ifstream file(SETTINGS_FILE);
-    std::string line;
-    while (std::getline(file, line)) {
-        if (!line.starts_with(IDENTITY_KEY)) continue;
-        ID = line.substr(IDENTITY_KEY.size(), IDENTITY_SIZE);
+    if (const auto identity = read_identity(file)) ID = *identity;
+}
+
+void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
+                                      _AMBA_IPC_SVC_RESULT_s_* result) {
+    if (!m_published) {  // called between registration and the end of construction
+        clear(result);
         return;
     }
+    IpcGuiFetcher& fetcher = *m_guiFetcher;
+    GuiBufferArg buffer = {};
+    std::memcpy(&buffer.phys_addr, argument, sizeof buffer.phys_addr);
+    std::memcpy(&buffer.size, argument + offsetof(GuiBufferArg, size), sizeof buffer.size);
+
+    std::shared_ptr<unsigned char> frame;
+    if (const auto cached = cached_buffers.find(buffer.phys_addr); cached != cached_buffers.end()) {
+        frame = cached->second;
+    } else {
+        mapPhysBuffer(fetcher, buffer);
+        // Runs only if the map cannot store the buffer.
+        // Deliberate: unmaps from the frame's first byte, with the size mapped last.
+        const auto release = [&fetcher](unsigned char* start) {
+            munmap(start, fetcher.m_mappedSize);
+        };
+        frame = std::shared_ptr<unsigned char>(fetcher.m_mappedBuffer, release);
+        cached_buffers[buffer.phys_addr] = frame;
+    }
+
+    {
+        const std::lock_guard lock(fetcher.m_comLibMutex);
+        // Deliberate: the size mapped last, not the announced one; all buffers have one size.
+        if (fetcher.m_comLib != nullptr) fetcher.m_comLib->push_frame(frame, fetcher.m_mappedSize);
+    }
+    clear(result);
+}
+
+// Deliberate: checks no result. A buffer that could not be mapped faults when it is read.
+void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer) {
+    const uint64_t page = buffer.phys_addr & PAGE_MASK;
+    const uint64_t offset = buffer.phys_addr & OFFSET_MASK;
+    const uint32_t length = buffer.size + EXTRA_PAGE;
+    const int memory = open("/dev/mem", O_RDWR | O_SYNC);
+    void* const start =
+        mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, memory, static_cast<off_t>(page));
+    fetcher.m_mappedBuffer = static_cast<unsigned char*>(start) + offset;
+    fetcher.m_mappedSize = buffer.size;
+    close(memory);
+}
+
+void IpcGuiFetcher::ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_*) {
+    const std::shared_ptr<IpcGuiFetcher> fetcher = getInstance();  // waits for its construction
+    std::shared_ptr<ComLibInterface> facade;
+    try {
+        const std::string body = reinterpret_cast<const char*>(argument);
+        facade = std::make_shared<ComLibInterface>(body, fw);
+    } catch (const std::bad_alloc& error) {
+        write_line(STDERR_FILENO,
+                   {"Error during alloc of mem for ComLibInterface\n", error.what()});
+        std::exit(1);
+    }
+    {
+        const std::lock_guard lock(fetcher->m_comLibMutex);
+        fetcher->m_comLib.swap(facade);
+    }
+    // The old facade is destroyed here, on this thread. Frames already go to the new one.
 }

@@ -1,5 +1,5 @@
-// Registers a program with the vendor's IPC library, and takes the one registered last back when
-// SIGTERM ends the process.
+// Registers programs with the vendor's IPC library. On SIGTERM, unregisters the last one and ends
+// the process.
 #pragma once
 
 #include <csignal>
@@ -7,12 +7,13 @@
 
 #include "ipc/ambaipc.h"
 
-// Makes count procedures callable as a program, and SIGTERM end the process from now on. The
-// procedures must be callable for the rest of the process's life. Returns what the library returns.
+// Registers a program of count procedures, which must stay callable as long as the process runs,
+// and installs the handler of SIGTERM. Returns the library's result.
 int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, uint32_t version,
                     const char* name);
 
-// Handler of SIGTERM: unregisters the program registered last, that one alone, and exits with 0.
+// Handler of SIGTERM. Deliberate: unregisters only the program registered last. Exits with status
+// 0.
 void sg_svc_unregister(int signal_number, siginfo_t* information, void* context);
 
 // Of the last registration; a later one overwrites an earlier one.

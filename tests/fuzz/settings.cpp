@@ -1,9 +1,8 @@
 // Any settings file: the first line that begins with the key decides.
-#include "link/com_lib_interface.h"
+#include <sstream>
+
+#include "ipc/read_identity.h"
 #include "tests/fuzz/fuzz.h"
-#pragma clang diagnostic ignored "-Wkeyword-macro"
-#define private public  // nobody else has to read the settings
-#include "ipc/ipc_gui_fetcher.h"
 
 namespace guilink::fuzz {
 
@@ -17,18 +16,17 @@ using namespace guilink::fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    std::ofstream("/tmp/FL0/kel.ini", std::ios::binary) << text;
-    IpcGuiFetcher::ID = "11111";
-    IpcGuiFetcher::loadIdFromIni();
+    std::istringstream settings(text);
+    const std::optional<std::string> identity = read_identity(settings);
 
     const std::string key = "\nBODY_QR=";
     const std::string lines = "\n" + text;
     const size_t at = lines.find(key);
-    std::string expected = "11111";
+    std::optional<std::string> expected;
     if (at != std::string::npos) {
         const std::string value = lines.substr(at + key.size());
         expected = value.substr(0, value.find('\n')).substr(0, 5);
     }
-    require(IpcGuiFetcher::ID == expected, "the identity is the one that the file gives");
+    require(identity == expected, "the identity is that of the file");
     return 0;
 }
