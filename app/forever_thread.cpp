@@ -7,8 +7,7 @@
 
 namespace {
 
-// Stays alive on purpose: destroying a condition variable waits for its waiters, and exit would
-// never end.
+// Never destroyed: the destructor would wait for the waiting thread, and exit would never return.
 std::condition_variable& foreverThreadCond = *new std::condition_variable;
 std::mutex foreverThreadMutex;
 bool foreverThreadFlag = false;
@@ -16,7 +15,7 @@ bool foreverThreadFlag = false;
 }  // namespace
 
 void foreverThread() {
-    pthread_setname_np(pthread_self(), "keep-alive");
+    pthread_setname_np(pthread_self(), "idle");
     std::unique_lock lock(foreverThreadMutex);
     while (!foreverThreadFlag) foreverThreadCond.wait(lock);
 }

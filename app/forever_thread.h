@@ -1,5 +1,5 @@
-// The keep-alive: what the main thread waits for all its life.
+// The idle thread, which the main thread joins.
 #pragma once
 
-// Returns once foreverThreadFlag is set, which nothing does: the process ends by a signal.
+// Returns when foreverThreadFlag is set. Nothing sets it: a signal ends the process.
 void foreverThread();

@@ -12,15 +12,16 @@
 
 namespace {
 
-constexpr int MAPPED_FROM = 128 * 1024;  // bytes; larger buffers are mapped
+constexpr int MAPPED_FROM = 128 * 1024;  // bytes; larger buffers get a mapping of their own
 
-// To the system, at once, so that months do not add up.
+// Returns freed memory to the system at once, so that RSS does not creep over months.
 void return_freed_memory() {
-    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // or it rises: a change of identity would cost 13 MB
-    mallopt(M_ARENA_MAX, 1);                 // or threads that come and go leave their own ones
+    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // fixed: a rising one costs 13 MB at a new identity
+    mallopt(M_ARENA_MAX, 1);                 // one for all: those of ended threads would stay
 }
 
-// Without them the first sockets would take their place, and get the service's lines.
+// If descriptors 0 to 2 are closed, the first sockets would get these numbers and receive our log
+// lines.
 void ensure_standard_streams() {
     int fd;
     do {
@@ -35,10 +36,10 @@ int main() {
     ensure_standard_streams();
     unblock_standard_streams();
     return_freed_memory();
-    // Keeps the standard streams. Where it cannot detach, the service runs all the same.
+    // Keeps the standard streams. If it cannot detach, the service runs all the same.
     [[maybe_unused]] const int ignored = daemon(0, 1);
     const std::shared_ptr<IpcGuiFetcher> fetcher = IpcGuiFetcher::getInstance();
-    std::thread keep_alive(foreverThread);
-    if (keep_alive.joinable()) keep_alive.join();
+    std::thread idle(foreverThread);
+    if (idle.joinable()) idle.join();
     return 0;
 }

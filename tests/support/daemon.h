@@ -143,7 +143,7 @@ class Daemon {
     }
 
     // The idle thread is the last one that start-up makes.
-    bool started() const { return threads("keep-alive") == 1; }
+    bool started() const { return threads("idle") == 1; }
 
     static pid_t only_child() {
         for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
