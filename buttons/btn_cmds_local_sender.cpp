@@ -16,7 +16,7 @@ constexpr const char* CONTROL_SERVICE_ADDRESS = "127.0.0.1";
 constexpr uint16_t CONTROL_SERVICE_PORT = 3426;  // UDP
 
 char json_buffer[512];
-// All objects of this file stay alive on purpose: receive threads use them while the process exits.
+// No object of this file is destroyed at exit: receive threads still use them then.
 std::string& last_json = *new std::string;
 
 using Net = ButtonCmdNetId;
@@ -50,7 +50,7 @@ BtnCmdsLocalSender::BtnCmdsLocalSender() : m_socket(socket(AF_INET, SOCK_DGRAM, 
 }
 
 BtnCmdsLocalSender::~BtnCmdsLocalSender() {
-    if (m_socket > 0) close(m_socket);  // a descriptor of 0 is left open; meant
+    if (m_socket > 0) close(m_socket);  // Deliberate: leaves descriptor 0 open.
 }
 
 std::string BtnCmdsLocalSender::_serializeToJson(const ButtonCmdNetId& id) {

@@ -1,8 +1,8 @@
-// Hands the companion's button presses to the device's control service: each is one UDP datagram to
-// 127.0.0.1 port 3426 with one line of JSON, [{"msg_id":100,"param":"On"}]. Nothing is answered,
-// and nobody notices when nobody listens.
+// Sends the companion's button presses to the device's control service. Each press is one UDP
+// datagram to 127.0.0.1 port 3426 that holds one line of JSON, [{"msg_id":100,"param":"On"}]. There
+// is no answer, and no error if nothing listens.
 //
-// A button that has no translation sends the last command again; meant.
+// Deliberate: an unknown button resends the last command.
 #pragma once
 
 #include <netinet/in.h>
@@ -55,7 +55,7 @@ class BtnCmdsLocalSender {
         Message115,
     };
 
-    // The one sender of the process, made on the first call.
+    // The singleton, constructed by the first call.
     static std::shared_ptr<BtnCmdsLocalSender> getInstance();
 
     BtnCmdsLocalSender();
@@ -63,8 +63,8 @@ class BtnCmdsLocalSender {
     BtnCmdsLocalSender(const BtnCmdsLocalSender&) = delete;
     BtnCmdsLocalSender& operator=(const BtnCmdsLocalSender&) = delete;
 
-    // Sends the command of a button. That there is none is told on standard error; a datagram that
-    // cannot be sent is not noticed. Calls are serialised.
+    // Sends the command of a button. Logs an unknown button to standard error; ignores a datagram
+    // that cannot be sent. Calls are serialised.
     void send(const ButtonCmdNetId& id);
 
   private:
@@ -72,10 +72,10 @@ class BtnCmdsLocalSender {
 
     static const std::map<ButtonCmdNetId, ButtonCmdLocalId>& m_buttons_map;
 
-    static std::mutex m_send_mutex;  // guards the last command, which all senders share
+    static std::mutex m_send_mutex;  // guards the last command
     const int m_socket;
     sockaddr_in m_destination = {};
 };
 
-// Sends the command of a button through the one sender.
+// Sends the command of a button through the singleton.
 void SendButtonCommand(uint32_t id);
