@@ -10,7 +10,7 @@ namespace guilink::test {
 
 using namespace std::chrono_literals;
 
-constexpr auto LIMIT = 30s;  // for any event that must come, on a machine however slow
+constexpr auto LIMIT = 60s;  // for any event that must come, on a machine however slow
 
 inline bool wait_until(const std::function<bool()>& condition,
                        std::chrono::milliseconds limit = LIMIT) {
