@@ -101,7 +101,7 @@ TEST(IpcGuiFetcher, RegistersBothPrograms) {
     }
 }
 
-TEST(IpcGuiFetcher, TermUnregistersTheLastProgramAndExits) {
+TEST(IpcGuiFetcherDeathTest, TermUnregistersTheLastProgramAndExits) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
@@ -197,7 +197,7 @@ TEST(IpcGuiFetcher, QrBodyReplacesTheFacadeUnderTraffic) {
     core.join();
 }
 
-TEST(IpcGuiFetcher, QrBodyOfAnotherLengthEndsTheProcess) {
+TEST(IpcGuiFetcherDeathTest, QrBodyOfAnotherLengthEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto receive = [](const char* body) {
         const auto fetcher = IpcGuiFetcher::getInstance();

@@ -142,7 +142,7 @@ TEST(NetworkUnit, BroadcastDiscovery) {
     EXPECT_EQ(companion.hear(), PAYLOAD);
 }
 
-TEST(NetworkUnit, ForbiddenDiscoveriesEndTheProcess) {
+TEST(NetworkUnitDeathTest, ForbiddenDiscoveriesEndTheProcess) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     const auto aborted = testing::KilledBySignal(SIGABRT);
     // Not an address of ours: it cannot be bound.
