@@ -184,7 +184,7 @@ def main():
         try:
             assert len(sys.argv) == 2 and float(sys.argv[1]) >= 1
         except (AssertionError, ValueError):
-            sys.exit("usage: scripts/soak MINUTES (at least 1; a slow leak shows after 30)")
+            sys.exit("usage: tests/soak.py MINUTES (at least 1; a slow leak shows after 30)")
         os.chdir(ROOT)
         subprocess.run(["scripts/install", "build"], check=True)
         subprocess.run(["scripts/stage", "build release", "scripts/build", "release", "guilinkd",
