@@ -1,70 +1,62 @@
-// The simulated device's GUI: a head-up display over a live picture (which is transparent here), a
-// menu over it, pages with settings, a list, and a page about the device. Every button does
-// something that can be seen.
+// The simulated device's GUI: a menu with pages of settings, a list and a page about the device,
+// and what the buttons do to them. Every button changes something visible. draw_gui.h draws it.
 #pragma once
 
-#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "devkit/core/buttons.h"
-#include "devkit/core/canvas.h"
 
 namespace guilink {
 
-// When a frame is drawn; all that moves follows from it, so that equal moments make equal frames.
-struct Moment {
-    uint64_t frame = 0;
-    double seconds = 0;
-    std::string clock;  // shown as it is
-};
-
 class Gui {
   public:
-    explicit Gui(std::string identity);
+    static constexpr int SLIDER_MAX = 10;
+    static constexpr int ZOOM_MAX = 8;
+    static constexpr size_t PALETTES = 4;
 
-    void press(Button button);
-    void draw(Canvas& canvas, const Moment& moment) const;
-
-  private:
     enum class PageName { menu, display, image, recordings, about };
     enum class Kind { page, slider, toggle, item };
 
     struct Row {
         std::string label;
         Kind kind;
-        int value = 0;  // of a page row, the page
+        int value =
+            0;  // slider: 0 to SLIDER_MAX; toggle: 0 or 1; page: its PageName; item: seconds
     };
     struct Page {
         std::string title;
         std::vector<Row> rows;
         size_t selected = 0;
     };
+    struct State {
+        std::string identity;
+        std::vector<Page> pages;  // by PageName
+        PageName page_name = PageName::menu;
+        bool powered = true;
+        bool page_open = true;
+        bool hidden = false;
+        int zoom = 2;
+        size_t palette = 0;
+        std::optional<Button> last_button;
 
-    Page& page() { return m_pages[static_cast<size_t>(m_page)]; }
-    const Page& page() const { return m_pages[static_cast<size_t>(m_page)]; }
+        const Page& page() const { return pages[static_cast<size_t>(page_name)]; }
+    };
+
+    explicit Gui(std::string identity);
+
+    void press(Button button);
+    const State& state() const { return m_state; }
+
+  private:
+    Page& page() { return m_state.pages[static_cast<size_t>(m_state.page_name)]; }
     void open(PageName name);
+    void move(size_t by);
     void enter();
-    void change(int step);
-    Colour accent() const;
+    void change(int by);
 
-    void draw_viewfinder(Canvas& canvas, const Moment& moment) const;
-    void draw_status_bar(Canvas& canvas, const Moment& moment) const;
-    void draw_page(Canvas& canvas, const Moment& moment) const;
-    void draw_row(Canvas& canvas, const Row& row, double y, bool selected,
-                  const Moment& moment) const;
-    void draw_about(Canvas& canvas, const Moment& moment) const;
-    void draw_last_button(Canvas& canvas) const;
-
-    const std::string m_identity;
-    std::vector<Page> m_pages;  // by PageName
-    PageName m_page = PageName::menu;
-    bool m_powered = true;
-    bool m_page_open = true;
-    bool m_hidden = false;
-    int m_zoom = 2;
-    size_t m_palette = 0;
-    std::string m_last_button;  // empty before the first
+    State m_state;
 };
 
 }  // namespace guilink

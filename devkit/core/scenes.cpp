@@ -35,7 +35,7 @@ void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& momen
     const uint32_t height = canvas.height();
     switch (scene) {
         case Scene::menu:
-            gui.draw(canvas, moment);
+            draw_gui(canvas, gui, moment);
             return canvas.read(pixels);
         case Scene::overlay:
             draw_overlay(canvas, moment);

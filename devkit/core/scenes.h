@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-#include "devkit/core/gui.h"
+#include "devkit/core/draw_gui.h"
 
 namespace guilink {
 

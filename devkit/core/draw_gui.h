@@ -1,0 +1,22 @@
+// How the simulated GUI looks: a head-up display over a live picture (transparent here), and a page
+// over it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "devkit/core/canvas.h"
+#include "devkit/core/gui.h"
+
+namespace guilink {
+
+// When a frame is drawn. Everything that moves follows from it: equal moments make equal frames.
+struct Moment {
+    uint64_t frame = 0;
+    double seconds = 0;
+    std::string clock;  // as text
+};
+
+void draw_gui(Canvas& canvas, const Gui& gui, const Moment& moment);
+
+}  // namespace guilink
