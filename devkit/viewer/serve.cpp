@@ -14,6 +14,7 @@
 
 #include "devkit/companion/companion.h"
 #include "devkit/viewer/labels.h"
+#include "devkit/viewer/listening_address.h"
 #include "devkit/viewer/web_server.h"
 
 namespace guilink {
@@ -83,7 +84,7 @@ void serve(const ServeOptions& options) {
         const std::lock_guard lock(mutex);
         companion = &link;
     }
-    std::cout << "The device's screen is shown on " << server.url() << std::endl;
+    std::cout << "The device's screen is shown on " << url_of(listener) << std::endl;
 
     int signal = 0;
     sigwait(&signals, &signal);

@@ -1,48 +1,50 @@
 // The viewer's web side: serves the page, and mirrors the device's images to every browser that has
-// it open. One event loop on one thread. A browser that cannot keep up gets the newest image only,
-// and slows nobody else down.
-//
-// Other web sites must not press buttons: requests must name this server by a number or as
-// localhost, and the page's connection must come from the page itself.
+// it open, on a thread of its own. See access_policy.h for who may connect, and sessions.h for what
+// they get.
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include "devkit/companion/companion.h"
+#include "devkit/viewer/sessions.h"
 
 namespace guilink {
 
-// Opens a listening TCP socket on an address and port, such as "127.0.0.1:8080" or "[::1]:0".
-// Returns its descriptor. Throws std::runtime_error when it cannot.
-int open_listener(const std::string& where);
-
 class WebServer {
   public:
-    // Called on the server's thread.
-    struct Handlers {
-        std::function<void(uint8_t)> press;
-        std::function<void(const std::string&)> text;
-    };
-
     // Takes ownership of a listening socket. labels is JSON, as load_labels returns it.
-    WebServer(int listener, std::string labels, Handlers handlers);
-    // Closes all connections; takes no time.
+    WebServer(int listener, std::string labels, PageHandlers handlers);
+    // Closes all connections without delay.
     ~WebServer();
     WebServer(const WebServer&) = delete;
     WebServer& operator=(const WebServer&) = delete;
-
-    std::string url() const;
 
     // From any thread; both return at once.
     void publish_image(const Companion::Payload& payload);
     void publish_status(const LinkStatus& status);
 
   private:
-    class Implementation;
-    const std::unique_ptr<Implementation> m_implementation;
+    // What has been published and not taken yet. A newer image replaces it, so that a device that
+    // is faster than the event loop leaves no backlog.
+    struct Published {
+        Companion::Payload image;
+        uint64_t skipped = 0;  // images replaced
+        std::optional<LinkStatus> status;
+        bool posted = false;  // the event loop will take it
+    };
+
+    void post();  // the caller holds m_published_mutex
+    void take_published();
+
+    std::mutex m_published_mutex;
+    Published m_published;  // guarded by m_published_mutex
+
+    Sessions m_sessions;
+    std::thread m_thread;
 };
 
 }  // namespace guilink

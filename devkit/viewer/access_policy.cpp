@@ -1,0 +1,37 @@
+#include "devkit/viewer/access_policy.h"
+
+#include <arpa/inet.h>
+
+#include <string>
+
+namespace guilink {
+
+namespace {
+
+// The name in a Host header without its port, brackets included.
+std::string_view host_name(std::string_view host) {
+    const size_t end = host.starts_with('[') ? host.find(']') : host.rfind(':');
+    if (end == std::string_view::npos) return host;
+    return host.substr(0, host.starts_with('[') ? end + 1 : end);
+}
+
+bool is_address(int family, std::string_view text) {
+    in6_addr address;  // the larger of the two
+    return inet_pton(family, std::string(text).c_str(), &address) == 1;
+}
+
+}  // namespace
+
+bool host_allowed(std::string_view host) {
+    const std::string_view name = host_name(host);
+    if (name == "localhost") return true;
+    if (!name.starts_with('[') || !name.ends_with(']')) return is_address(AF_INET, name);
+    const std::string_view address = name.substr(1, name.size() - 2);
+    return is_address(AF_INET6, address.substr(0, address.find('%')));  // without its scope
+}
+
+bool from_our_page(std::string_view host, std::string_view origin) {
+    return host_allowed(host) && origin == "http://" + std::string(host);
+}
+
+}  // namespace guilink

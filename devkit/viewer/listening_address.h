@@ -1,0 +1,15 @@
+// Where the page is served.
+#pragma once
+
+#include <string>
+
+namespace guilink {
+
+// Opens a listening TCP socket on an address and port, such as "127.0.0.1:8080" or "[::1]:0" (port
+// 0: any free one). Returns its descriptor. Throws std::runtime_error when that fails.
+int open_listener(const std::string& where);
+
+// The URL under which a browser on this machine reaches a listening socket.
+std::string url_of(int listener);
+
+}  // namespace guilink

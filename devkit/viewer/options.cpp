@@ -1,0 +1,52 @@
+#include "devkit/viewer/options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace guilink {
+
+std::optional<int> parse_options(int argc, const char* const* argv, Options& options) {
+    CLI::App app(
+        "Shows the GUI of a device in this network and presses its buttons: on a page for\n"
+        "browsers or, with --snapshot, in one picture.");
+    ServeOptions& page = options.page;
+    auto* const listen =
+        app.add_option("--listen", page.listen, "Serve the page on this ADDRESS:PORT")
+            ->capture_default_str();
+    auto* const labels =
+        app.add_option("--labels", page.labels_file, "JSON file with the names of the buttons");
+    auto* const command =
+        app.add_option("--exec", page.command,
+                       "Only open the page's socket, then run this command; the viewer that it "
+                       "starts serves the page")
+            ->expected(1, -1)
+            ->excludes(labels);
+
+    SnapshotOptions& snapshot = options.snapshot;
+    auto* const file =
+        app.add_option("--snapshot", snapshot.file, "Write one picture to this PNG file and exit")
+            ->excludes(listen)
+            ->excludes(labels)
+            ->excludes(command);
+    app.add_option("--raw", snapshot.raw_file, "Also write the picture's 16-bit pixels")
+        ->needs(file);
+    app.add_option("--press", snapshot.presses,
+                   "Press this button first (a device knows 0 to 15; repeatable)")
+        ->needs(file)
+        ->allow_extra_args(false);
+    app.add_option("--frames", snapshot.frames, "Images to wait for after the last press")
+        ->needs(file)
+        ->capture_default_str();
+    unsigned timeout = static_cast<unsigned>(snapshot.timeout.count());
+    app.add_option("--timeout", timeout, "Seconds after which to give up")
+        ->needs(file)
+        ->capture_default_str();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
+    snapshot.timeout = std::chrono::seconds(timeout);
+    return std::nullopt;
+}
+
+}  // namespace guilink
