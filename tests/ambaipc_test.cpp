@@ -82,14 +82,15 @@ TEST(Ambaipc, WrongCallsAreRefusedAndTheServiceLivesOn) {
     const auto calling = [&](uint32_t procedure, size_t length) {
         return [&caller, procedure, length] { call(caller, procedure, std::string(length, 'x')); };
     };
-    EXPECT_THAT(calling(0, 0), ThrowsMessage<std::runtime_error>(HasSubstr("nobody serves it")));
+    EXPECT_THAT(calling(0, 0),
+                ThrowsMessage<std::runtime_error>(HasSubstr("no process serves it")));
     ASSERT_EQ(register_program(PROGRAM, {count}), 0);
     EXPECT_THAT(calling(1, 0), ThrowsMessage<std::runtime_error>(HasSubstr("no procedure")));
     EXPECT_THAT(calling(0, MAX_ARGUMENT + 1),
                 ThrowsMessage<std::runtime_error>(HasSubstr("longer")));
     AmbaipcCaller other_version(PROGRAM, 2);
     EXPECT_THAT([&] { call(other_version, 0); },
-                ThrowsMessage<std::runtime_error>(HasSubstr("nobody serves it")));
+                ThrowsMessage<std::runtime_error>(HasSubstr("no process serves it")));
 
     const int connection = raw_connection();
     send(connection, "short", 5, 0);

@@ -1,9 +1,8 @@
 // Our stand-in for the vendor's IPC library: the service's side.
 //
-// Each program has a listening socket and one thread that polls it and its callers, so calls to one
-// program never overlap, and a caller that says nothing holds up nobody. Whatever a caller does
-// wrong is answered with a status and changes nothing for the others. A procedure's exception is
-// nobody's to catch here: it ends the process.
+// Each program has a listening socket and one thread that polls it and its callers. So calls to one
+// program never overlap, and a silent caller delays no other. A caller's mistake is answered with a
+// status and does not affect other callers. An exception from a procedure ends the process.
 #include "ipc/ambaipc.h"
 
 #include <poll.h>
@@ -31,22 +30,23 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr size_t MAX_PROGRAMS = 32;  // different programs in the life of a process; the service: 2
-constexpr size_t MAX_CALLERS = 64;   // connections to a program; above it the oldest is closed
-constexpr size_t PADDING = 64;       // zero bytes after the argument, so that every text in it ends
-constexpr auto ACCEPT_RETRY = 100ms;  // pause when no connection can be accepted (no descriptors)
+constexpr size_t MAX_PROGRAMS =
+    32;  // different programs in the life of a process; the service has 2
+constexpr size_t MAX_CALLERS = 64;    // connections to a program; one more closes the oldest
+constexpr size_t PADDING = 64;        // zero bytes after the argument: every text is terminated
+constexpr auto ACCEPT_RETRY = 100ms;  // when out of descriptors
 
 constexpr int FREE = -1;
-constexpr int LEAVING = -2;  // taken back; its thread has still to close the listener
+constexpr int LEAVING = -2;  // unregistered; its thread has not closed the listener yet
 
-// A program's place. Once given to a program, it stays that program's.
+// Once a program has used a slot, no other program gets it.
 struct Slot {
-    uint64_t key = 0;                 // program and version; constant once listener was not FREE
+    uint64_t key = 0;                 // program and version; constant once set
     std::atomic<int> listener{FREE};  // the listening socket, FREE or LEAVING
 };
 
-// Never destroyed: at exit the programs' threads still run, and the signal handler that called exit
-// may have interrupted anything. All of this is constant-initialised and has no destructor.
+// Constant-initialised and never destroyed: at exit the programs' threads still run, and the signal
+// handler that called exit may have interrupted any code.
 constinit std::array<Slot, MAX_PROGRAMS> slots;
 constinit std::atomic<size_t> slots_used{0};
 constinit std::mutex register_mutex;  // one registration at a time; unregistering never takes it
@@ -55,7 +55,7 @@ uint64_t key_of(uint32_t program, uint32_t version) {
     return uint64_t{program} << 32 | version;
 }
 
-// One write, so that lines of several threads never mix and nothing is left to flush at exit.
+// One write per line: lines of different threads never mix, and nothing is left to flush at exit.
 __attribute__((format(printf, 1, 2))) void print_line(const char* format, ...) {
     char line[256];
     va_list arguments;
@@ -74,13 +74,13 @@ class Program {
           m_slot(slot),
           m_listener(listener) {}
 
-    // Serves calls until the program has been taken back.
+    // Serves calls until the program is unregistered.
     void serve() {
         m_polled.push_back({m_listener, POLLIN, 0});
         for (;;) {
             if (poll(m_polled.data(), m_polled.size(), -1) < 0) continue;  // interrupted
-            // The hang-up, not LEAVING, says that unregistering has used the descriptor for the
-            // last time.
+            // Wait for the hang-up, not for LEAVING: only then does unregistering no longer use the
+            // descriptor.
             if (m_polled[0].revents & POLLHUP) break;
             for (size_t i = 1; i < m_polled.size(); ++i)
                 if (m_polled[i].revents && !answer_call(m_polled[i].fd)) drop(i);
@@ -104,7 +104,7 @@ class Program {
             return;
         }
         if (m_polled.size() > MAX_CALLERS) {
-            print_line("ambaipc: %s: more than %zu callers, the oldest is dropped\n",
+            print_line("ambaipc: %s: more than %zu callers; the oldest is dropped\n",
                        m_name.c_str(), MAX_CALLERS);
             close(m_polled[1].fd);
             m_polled.erase(m_polled.begin() + 1);
@@ -112,12 +112,12 @@ class Program {
         m_polled.push_back({caller, POLLIN, 0});
     }
 
-    // Takes one call and answers it. Returns false when the connection is of no more use.
+    // Receives one call and answers it. Returns false when the connection is to be closed.
     bool answer_call(int caller) {
-        // MSG_TRUNC asks for the real length of a message that was cut.
+        // MSG_TRUNC returns the real length even of a truncated message.
         const ssize_t received = recv(caller, &m_call, sizeof(m_call) - PADDING, MSG_TRUNC);
         if (received < 0) return errno == EAGAIN || errno == EINTR;
-        if (received == 0) return false;  // gone; an empty message looks the same
+        if (received == 0) return false;  // closed; an empty message looks the same
         const CallStatus status = run(static_cast<size_t>(received));
         const Answer answer = {m_call.header.record, status, 0};
         if (send(caller, &answer, sizeof(answer), MSG_NOSIGNAL) == sizeof(answer)) return true;
@@ -163,13 +163,13 @@ Slot* find_slot(uint64_t key) {
     return nullptr;
 }
 
-// Returns the slot for a program that is not registered; throws what is in the way.
+// Returns the slot for a program; throws when it is registered already or no slot is free.
 Slot& free_slot(uint64_t key) {
     if (Slot* known = find_slot(key)) {
         const int listener = known->listener.load(std::memory_order_acquire);
         if (listener == FREE) return *known;
         throw std::runtime_error(listener == LEAVING
-                                     ? "it is still being taken back; register it again later"
+                                     ? "it is still being unregistered; register it again later"
                                      : "it is registered already; unregister it first");
     }
     const size_t used = slots_used.load(std::memory_order_relaxed);
@@ -207,7 +207,7 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
         Slot& slot = free_slot(key_of(program, version));
         listener = listen_for(program, version);
         std::thread thread([service = Program(name, *info, slot, listener), program]() mutable {
-            char thread_name[16];  // the longest that the kernel takes
+            char thread_name[16];  // the kernel's maximum
             std::snprintf(thread_name, sizeof(thread_name), "ipc %08x", program);
             pthread_setname_np(pthread_self(), thread_name);
             service.serve();
@@ -223,8 +223,8 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
     }
 }
 
-// Runs in a signal handler: atomics and shutdown only. From here on calls are refused; the
-// program's thread closes the sockets when it sees the hang-up.
+// Runs in a signal handler: atomics and shutdown only. Calls are refused from now on; the program's
+// thread closes the sockets when it sees the hang-up.
 int ambaipc_svc_unregister(uint32_t program, uint32_t version) {
     if (Slot* slot = find_slot(key_of(program, version))) {
         int listener = slot->listener.load(std::memory_order_acquire);

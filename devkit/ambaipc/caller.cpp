@@ -22,15 +22,15 @@ const char* refusal(CallStatus status) {
         case CallStatus::done:
             return nullptr;
         case CallStatus::no_such_procedure:
-            return "the program has no procedure of this number";
+            return "the program has no procedure with this number";
         case CallStatus::too_short:
             return "the service found the message too short";
         case CallStatus::too_long:
-            return "the argument is longer than a call can carry";
+            return "the argument is too long for a call";
         case CallStatus::unregistered:
-            return "the service has just taken the program back";
+            return "the service has just unregistered the program";
     }
-    return "the service answered with an unknown status; are both sides of one build?";
+    return "the service answered with an unknown status; do both sides come from the same build?";
 }
 
 }  // namespace
@@ -56,7 +56,7 @@ void AmbaipcCaller::call(uint32_t procedure, std::span<const unsigned char> argu
     const bool reused = m_connection >= 0;
     if (!reused) connect();
     bool sent = transmit();
-    if (!sent && reused) {  // the service has been restarted since
+    if (!sent && reused) {  // the service may have been restarted
         disconnect();
         connect();
         sent = transmit();
@@ -64,11 +64,11 @@ void AmbaipcCaller::call(uint32_t procedure, std::span<const unsigned char> argu
     Answer answer;
     const ssize_t received = sent ? recv(m_connection, &answer, sizeof(answer), 0) : -1;
     if (received != sizeof(answer)) {
-        // Also lets an answer that comes too late go nowhere.
+        // A late answer must not be read as the answer to the next call.
         const int error = errno;
         disconnect();
         errno = error;
-        if (received >= 0) fail("the service went away in mid-call; look at its own messages");
+        if (received >= 0) fail("the service ended during the call; see its own messages");
         fail_by_errno();
     }
     if (const char* reason = refusal(answer.status)) fail(reason);
@@ -86,7 +86,9 @@ void AmbaipcCaller::connect() {
     const int error = errno;
     disconnect();
     if (error == ECONNREFUSED)
-        fail("nobody serves it; is guilinkd running in this network namespace (scripts/sandbox)?");
+        fail(
+            "no process serves it; is guilinkd running in this network namespace "
+            "(scripts/sandbox)?");
     errno = error;
     fail_by_errno();
 }

@@ -1,6 +1,6 @@
-// The other core's side of a call: calls the procedures of one program, over one connection that is
-// made at the first call and again whenever it was lost. A call is never repeated once the service
-// may have seen it. Not for several threads at once.
+// The other core's side of a call: calls the procedures of one program over one connection, which
+// it opens at the first call and reopens when it is lost. A call that the service may have received
+// is never repeated. Not thread-safe.
 #pragma once
 
 #include <chrono>
@@ -13,26 +13,25 @@ namespace guilink {
 
 class AmbaipcCaller {
   public:
-    // A QR body makes the service stop its old link, which takes it some seconds.
+    // Long, because a QR body makes the service stop its old link first, which lasts some seconds.
     static constexpr auto CALL_TIMEOUT = std::chrono::seconds(30);
 
-    // Connects to nothing yet.
     AmbaipcCaller(uint32_t program, uint32_t version);
     ~AmbaipcCaller();
     AmbaipcCaller(const AmbaipcCaller&) = delete;
     AmbaipcCaller& operator=(const AmbaipcCaller&) = delete;
 
-    // Calls one procedure and waits for its end, CALL_TIMEOUT at most. The record goes there as it
-    // is and comes back as the procedure left it. Throws std::runtime_error when nobody serves the
-    // program, when the service refuses the call or goes away, on time-out, and when a signal
-    // handler of this thread has run meanwhile; the record is then unchanged.
+    // Calls one procedure and waits until it returns, at most CALL_TIMEOUT. The procedure gets the
+    // record and may change it. Throws std::runtime_error, and leaves the record unchanged, when no
+    // process serves the program, when the service refuses the call or ends, on time-out, and when
+    // a signal handler interrupts the wait.
     void call(uint32_t procedure, std::span<const unsigned char> argument,
               _AMBA_IPC_SVC_RESULT_s_& record);
 
   private:
     void connect();
     void disconnect();
-    // Both throw std::runtime_error: what was called, and why it failed.
+    // Both throw std::runtime_error with the program and the reason.
     [[noreturn]] void fail(const char* reason) const;
     [[noreturn]] void fail_by_errno() const;
 

@@ -1,5 +1,5 @@
-// The calls that the real-time core makes: where the service's two programs are, and the argument
-// of the first, as it lies in memory.
+// The calls that the real-time core makes: the numbers of the service's two programs, and how the
+// argument of the first is laid out in memory.
 #pragma once
 
 #include <array>
@@ -8,9 +8,9 @@
 namespace guilink {
 
 inline constexpr uint32_t GUI_BUFFER_PROGRAM = 0x70000004;
-inline constexpr uint32_t QR_BODY_PROGRAM = 0x70000005;  // argument: text with a zero at its end
+inline constexpr uint32_t QR_BODY_PROGRAM = 0x70000005;  // argument: zero-terminated text
 inline constexpr uint32_t GUI_SERVICE_VERSION = 1;
-inline constexpr uint32_t ONLY_PROCEDURE = 0;  // each program has a single one
+inline constexpr uint32_t ONLY_PROCEDURE = 0;  // each program has one procedure
 
 // A frame's physical address (offset 0) and its size in bytes (offset 8), little-endian.
 inline std::array<unsigned char, 12> gui_buffer_argument(uint64_t address, uint32_t size) {

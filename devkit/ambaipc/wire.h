@@ -1,12 +1,12 @@
-// How a call travels between the two sides of our IPC library: one message there, one message back,
-// over an abstract Unix socket of type SOCK_SEQPACKET that each program has for itself. The name
-// lives in the network namespace, and no other namespace can reach it. Both sides run on one
-// machine, so the integers are in its own byte order.
+// The protocol between the two sides of our IPC library: one message per call and one per answer,
+// over an abstract Unix socket of type SOCK_SEQPACKET, one socket per program. The socket's name
+// belongs to the network namespace; no other namespace can reach it. Both sides run on one machine,
+// so integers are in its byte order.
 //
 //   call    record (24 bytes), procedure number, 4 bytes of 0, argument (0 to MAX_ARGUMENT bytes)
 //   answer  record (24 bytes), status, 4 bytes of 0
 //
-// A connection carries any number of calls, one after the other.
+// A connection carries any number of calls, one at a time.
 #pragma once
 
 #include <sys/socket.h>
@@ -20,14 +20,14 @@
 
 namespace guilink {
 
-inline constexpr size_t MAX_ARGUMENT = 4096;  // bytes; far above the 12 of a frame or a QR body
+inline constexpr size_t MAX_ARGUMENT = 4096;  // bytes; a frame has 12, a QR body 6
 
 enum class CallStatus : uint32_t {
     done = 0,
     no_such_procedure = 1,
     too_short = 2,     // the message ends before its argument
     too_long = 3,      // the argument exceeds MAX_ARGUMENT
-    unregistered = 4,  // the program was taken back
+    unregistered = 4,  // the program has been unregistered
 };
 
 struct CallHeader {
@@ -50,7 +50,7 @@ struct ProgramAddress {
 
     ProgramAddress(uint32_t program, uint32_t version) {
         address.sun_family = AF_UNIX;
-        // The leading zero byte makes the name abstract; it ends with the length, not with a zero.
+        // A leading zero byte makes the name abstract. Its length delimits it, not a final zero.
         const int name = std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1,
                                        "ambaipc/%08x/%u", program, version);
         length =
