@@ -84,7 +84,12 @@ struct NetworkController::State {
 bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() == MAX_HOSTS && !m_turns.contains(host)) m_turns.clear();
     Turns& turns = m_turns[host];
-    if (turns.in_sweep == MAX_TURNS_OF_HOST || m_dropped.size() >= MAX_CANDIDATES) return false;
+    const auto is_of_host = [host](const auto& unit) { return unit->address() == host; };
+    if (turns.in_sweep >= MAX_TURNS_OF_HOST ||
+        std::ranges::count_if(m_dropped, is_of_host) >= MAX_TURNS_OF_HOST ||
+        m_dropped.size() >= MAX_CANDIDATES) {
+        return false;
+    }
     if (m_candidates.size() + m_connecting >= MAX_CANDIDATES) {
         const auto turns_of = [this](const auto& unit)
                                   REQUIRES(m_mutex) { return m_turns[unit->address()].since_link; };
