@@ -65,7 +65,7 @@ class Line {
   private:
     bool write() const {
         pollfd event = {m_descriptor, POLLOUT, 0};
-        if (poll(&event, 1, m_begun ? READER_PAUSE : 0) != 1) return false;
+        if (poll(&event, 1, m_begun ? READER_PAUSE : 0) == 0) return false;
         const ssize_t count = m_stream.is_socket
                                   ? ::send(m_descriptor, m_buffer.data(), m_size, MSG_DONTWAIT)
                                   : ::write(m_descriptor, m_buffer.data(), m_size);

@@ -184,8 +184,12 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     close(ends[0]);
     Daemon daemon(Daemon::Until::Started, [&] { dup2(ends[1], STDOUT_FILENO); });
     RawCompanion companion;
-    // A link is worth a line.
-    const Socket peer = companion.link(frame(ConnectRequest), [&] { return !daemon.alive(); });
+    EXPECT_TRUE(wait_until([&] {  // each request is worth a line
+        if (const auto candidate = companion.connection_within(100ms)) {
+            candidate->write(frame(ConnectRequest));
+        }
+        return !daemon.alive();
+    }));
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGPIPE);
 }
 
