@@ -8,17 +8,11 @@
 #include "devkit/companion/frame_reader.h"
 #include "devkit/companion/image_decoder.h"
 #include "tests/support/raw_companion.h"
-#include "tests/support/retry.h"
 
 namespace guilink {
 namespace {
 
 using namespace guilink::test;
-
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 // What a reader finds in a stream that comes in pieces of a size: type and payload as text.
 std::vector<std::string> read_in_pieces(const Bytes& stream, size_t size) {
@@ -49,12 +43,6 @@ TEST(FrameReader, FindsFramesHoweverTheyAreDamagedOrSplit) {
     }
     const Bytes largest(MAX_SIZE, 'x');
     EXPECT_EQ(read_in_pieces(frame(DataMessage, largest), 65536).size(), 1u);
-}
-
-Bytes payload(std::initializer_list<uint16_t> words) {
-    Bytes result(2 * words.size());
-    std::memcpy(result.data(), std::data(words), result.size());
-    return result;
 }
 
 TEST(ImageDecoder, LastPixelRepeatsItsNeighbour) {
@@ -113,156 +101,130 @@ class CompanionTest : public testing::Test {
         connection.write(frame(IdentityMessage, bytes("ABCDEfw2")));
     }
 
-    void wait_for_link() {
-        const auto linked = [this] {
+    bool linked() {
+        return wait_until([this] {
             const std::lock_guard lock(m_mutex);
             return m_status.linked && m_status.identity == "ABCDE" && m_status.firmware == "fw2";
-        };
-        if (!wait_until(linked)) throw std::runtime_error("not linked");
-    }
-
-    // Runs body with a new companion.
-    template <typename Body>
-    void with_companion(const Body& body) {
-        retry_if_starved([&] {
-            m_companion.reset();
-            m_status = {};
-            Companion::Handlers handlers;
-            handlers.status = [this](const LinkStatus& status) {
-                const std::lock_guard lock(m_mutex);
-                m_status = status;
-            };
-            m_companion.emplace(handlers);
-            body();
         });
     }
 
     std::optional<Socket> m_search;  // has broadcast last
     std::mutex m_mutex;
     LinkStatus m_status;
-    std::optional<Companion> m_companion;
+    Companion m_companion{{[this](const LinkStatus& status) {
+                               const std::lock_guard lock(m_mutex);
+                               m_status = status;
+                           },
+                           {},
+                           {}}};
 };
 
 TEST_F(CompanionTest, LinksAndKeepsAlive) {
-    with_companion([&] {
-        const Socket device = connect();
-        EXPECT_EQ(m_search->read_some(), frame(ConnectRequest));
-        EXPECT_EQ(type_of(device.read_frame()), ConnectRequest);
-        EXPECT_EQ(type_of(device.read_frame()), ControlMessage);
-        // The second request to connect comes before the first one for the identity.
-        EXPECT_THAT(read_until(device, IdentityRequest), testing::Contains(ConnectRequest));
-        identify(device);
-        wait_for_link();
-        const Chatter chatter(device, frame(DataMessage));
-        for (int i = 0; i < 5; ++i) read_until(device, ControlMessage);
-    });
+    const Socket device = connect();
+    EXPECT_EQ(m_search->read_some(), frame(ConnectRequest));
+    EXPECT_EQ(type_of(device.read_frame()), ConnectRequest);
+    EXPECT_EQ(type_of(device.read_frame()), ControlMessage);
+    // The second request to connect comes before the first one for the identity.
+    EXPECT_THAT(read_until(device, IdentityRequest), testing::Contains(ConnectRequest));
+    identify(device);
+    EXPECT_TRUE(linked());
+    const Chatter chatter(device, frame(DataMessage));
+    for (int i = 0; i < 5; ++i) read_until(device, ControlMessage);
 }
 
 TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
-    with_companion([&] {
-        for (const uint8_t button : Bytes{3, 1, 2}) EXPECT_TRUE(m_companion->press(button));
-        EXPECT_TRUE(m_companion->send_text("hello"));
-        const Socket device = connect();
-        device.write(frame(ImageMessage, payload({1, 1})));
-        EXPECT_THAT(read_until(device, IdentityRequest),
-                    testing::Not(testing::Contains(ButtonMessage)));
-        identify(device);
-        for (const uint8_t button : Bytes{3, 1, 2}) {
-            EXPECT_EQ(next_payload(device, ButtonMessage), Bytes{button});
-        }
-        EXPECT_THAT(read_until(device, DataMessage),
-                    testing::Not(testing::Contains(ButtonMessage)));
-    });
+    for (const uint8_t button : Bytes{3, 1, 2}) EXPECT_TRUE(m_companion.press(button));
+    EXPECT_TRUE(m_companion.send_text("hello"));
+    const Socket device = connect();
+    device.write(frame(ImageMessage, payload({1, 1})));
+    EXPECT_THAT(read_until(device, IdentityRequest),
+                testing::Not(testing::Contains(ButtonMessage)));
+    identify(device);
+    for (const uint8_t button : Bytes{3, 1, 2}) {
+        EXPECT_EQ(next_payload(device, ButtonMessage), Bytes{button});
+    }
+    EXPECT_THAT(read_until(device, DataMessage), testing::Not(testing::Contains(ButtonMessage)));
 }
 
 TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
-    with_companion([&] {
-        const Socket device = connect();
-        read_until(device, IdentityRequest);
-        identify(device);
-        wait_for_link();
-        const Chatter chatter(device, frame(DataMessage));  // it lives, it only does not read
+    const Socket device = connect();
+    read_until(device, IdentityRequest);
+    identify(device);
+    EXPECT_TRUE(linked());
+    const Chatter chatter(device, frame(DataMessage));  // it lives, it only does not read
 
-        const auto text = [](size_t i) { return std::to_string(i) + std::string(4000, '.'); };
-        constexpr size_t TOO_MANY = 10'000;  // 40 MB: more than all buffers on the way
-        size_t queued = 0;
-        for (int refused = 0; refused < 50 && queued < TOO_MANY; ++refused) {
-            while (queued < TOO_MANY && m_companion->send_text(text(queued))) ++queued;
-            std::this_thread::sleep_for(5ms);
-        }
-        EXPECT_LT(queued, TOO_MANY);
-        EXPECT_FALSE(m_companion->send_text(std::string(Companion::MAX_TEXT + 1, 'x')));
-        for (size_t i = 0; i < queued; ++i) {
-            ASSERT_EQ(next_payload(device, DataMessage), bytes(text(i)));
-        }
-    });
+    const auto text = [](size_t i) { return std::to_string(i) + std::string(4000, '.'); };
+    constexpr size_t TOO_MANY = 10'000;  // 40 MB: more than all buffers on the way
+    size_t queued = 0;
+    for (int refused = 0; refused < 50 && queued < TOO_MANY; ++refused) {
+        while (queued < TOO_MANY && m_companion.send_text(text(queued))) ++queued;
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_LT(queued, TOO_MANY);
+    EXPECT_FALSE(m_companion.send_text(std::string(Companion::MAX_TEXT + 1, 'x')));
+    for (size_t i = 0; i < queued; ++i) {
+        ASSERT_EQ(next_payload(device, DataMessage), bytes(text(i)));
+    }
 }
 
 TEST_F(CompanionTest, AnswersNothingButAnIdentity) {
-    with_companion([&] {
-        const Bytes identity = frame(IdentityMessage, bytes("ABCDEfw2"));
-        Bytes damaged = identity;
-        damaged.back() ^= 1;
-        std::vector<Socket> searches;
-        for (const Bytes& datagram : {Bytes{}, bytes("?"), damaged, identity + bytes("?"),
-                                      identity + identity, frame(ConnectRequest), identity}) {
-            const sockaddr_in companion = ipv4("127.0.0.1", 3152);
-            searches.emplace_back(SOCK_DGRAM, "127.0.0.1", 0);
-            sendto(searches.back().fd(), datagram.data(), datagram.size(), 0,
-                   reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
-        }
-        EXPECT_EQ(searches.back().read_some(), frame(ConnectRequest));
-        searches.pop_back();
-        // They came first, and would have been answered first.
-        for (const Socket& search : searches) EXPECT_FALSE(search.readable(0ms));
-    });
+    const Bytes identity = frame(IdentityMessage, bytes("ABCDEfw2"));
+    Bytes damaged = identity;
+    damaged.back() ^= 1;
+    std::vector<Socket> searches;
+    for (const Bytes& datagram : {Bytes{}, bytes("?"), damaged, identity + bytes("?"),
+                                  identity + identity, frame(ConnectRequest), identity}) {
+        const sockaddr_in companion = ipv4("127.0.0.1", 3152);
+        searches.emplace_back(SOCK_DGRAM, "127.0.0.1", 0);
+        sendto(searches.back().fd(), datagram.data(), datagram.size(), 0,
+               reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
+    }
+    EXPECT_EQ(searches.back().read_some(), frame(ConnectRequest));
+    searches.pop_back();
+    // They came first, and would have been answered first.
+    for (const Socket& search : searches) EXPECT_FALSE(search.readable(0ms));
 }
 
 TEST_F(CompanionTest, TakesTheNewestThatSpeaksAndRefusesOtherDevices) {
-    with_companion([&] {
-        const Socket first = connect();
-        read_until(first, IdentityRequest);
-        identify(first);
-        wait_for_link();
+    const Socket first = connect();
+    read_until(first, IdentityRequest);
+    identify(first);
+    EXPECT_TRUE(linked());
 
-        const Socket stranger = connect("127.0.0.2");
-        EXPECT_TRUE(stranger.ended());
+    const Socket stranger = connect("127.0.0.2");
+    EXPECT_TRUE(stranger.ended());
 
-        const Socket second = connect();
-        read_until(second, IdentityRequest);
-        identify(second);
-        EXPECT_TRUE(wait_until([&] {
-            try {
-                return first.read_some().empty();
-            } catch (const std::runtime_error&) {
-                return true;
-            }
-        }));
-        read_until(second, ControlMessage);
-    });
+    const Socket second = connect();
+    read_until(second, IdentityRequest);
+    identify(second);
+    EXPECT_TRUE(wait_until([&] {
+        try {
+            return first.read_some().empty();
+        } catch (const std::runtime_error&) {
+            return true;
+        }
+    }));
+    read_until(second, ControlMessage);
 }
 
 TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
-    with_companion([&] {
-        for (int i = 0; i < 3; ++i) {
-            Socket device = connect();
-            read_until(device, IdentityRequest);
-            // Whatever it sends meanwhile.
-            device.write(bytes("garbage") + frame(ImageMessage, bytes("x")) + frame(77));
-            identify(device);
-            wait_for_link();
-            if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
-            if (i != 1) device.reset();  // the second one only falls silent
-            EXPECT_TRUE(wait_until([this] {
-                const std::lock_guard lock(m_mutex);
-                return !m_status.linked;
-            }));
-        }
-    });
+    for (int i = 0; i < 3; ++i) {
+        Socket device = connect();
+        read_until(device, IdentityRequest);
+        // Whatever it sends meanwhile.
+        device.write(bytes("garbage") + frame(ImageMessage, bytes("x")) + frame(77));
+        identify(device);
+        EXPECT_TRUE(linked());
+        if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
+        if (i != 1) device.reset();  // the second one only falls silent
+        EXPECT_TRUE(wait_until([this] {
+            const std::lock_guard lock(m_mutex);
+            return !m_status.linked;
+        }));
+    }
 }
 
 TEST_F(CompanionTest, TellsThatItsPortsAreTaken) {
-    const Companion first({});
     EXPECT_THAT([] { Companion second({}); },
                 testing::ThrowsMessage<std::runtime_error>(
                     testing::HasSubstr("is another companion running?")));

@@ -9,7 +9,6 @@
 #include "base/write_line.h"
 #include "ipc/svc_register.h"
 #include "tests/support/raw_companion.h"
-#include "tests/support/retry.h"
 
 namespace {
 
@@ -140,35 +139,21 @@ TEST(IpcGuiFetcher, HandsOverTheSizeMappedLast) {
 
     RawCompanion companion;
     const auto fetcher = IpcGuiFetcher::getInstance();
-    Socket link;
+    const Socket link = companion.link(frame(ConnectRequest) + frame(ControlMessage), [] {
+        push(0x10000000, LARGE);
+        return false;
+    });
+    const Chatter chatter(link, frame(ControlMessage));
     const auto shows = [&](uint64_t address, uint32_t announced, uint16_t width, uint16_t pixel) {
-        bool shown = false;
-        const auto look = [&] {
-            const Chatter chatter(link, frame(ControlMessage));
-            for (int i = 0; i < 1000 && !shown; ++i) {
-                push(address, announced);
-                if (!link.readable(20ms)) continue;
-                const Bytes payload = payload_of(link.read_frame());
-                uint16_t words[4];
-                std::memcpy(words, payload.data(), sizeof words);
-                shown = words[0] == width && words[3] == pixel;
-            }
-        };
-        retry_if_starved([&] {
-            if (link.fd() < 0) {
-                link = companion.link(frame(ConnectRequest) + frame(ControlMessage), [&] {
-                    push(0x10000000, LARGE);
-                    return false;
-                });
-            }
-            try {
-                look();
-            } catch (const std::runtime_error&) {
-                link.close();
-                throw;
-            }
-        });
-        return shown;
+        for (int i = 0; i < 1000; ++i) {
+            push(address, announced);
+            if (!link.readable(20ms)) continue;
+            const Bytes payload = payload_of(link.read_frame());
+            uint16_t words[4];
+            std::memcpy(words, payload.data(), sizeof words);
+            if (words[0] == width && words[3] == pixel) return true;
+        }
+        return false;
     };
     EXPECT_TRUE(shows(0x10000000, LARGE, 1280, 0x9001));
     EXPECT_TRUE(shows(0x20000124, SMALL, 1024, 0x9002));

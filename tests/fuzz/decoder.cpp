@@ -7,12 +7,6 @@
 
 namespace guilink::fuzz {
 
-Bytes payload(std::initializer_list<uint16_t> words) {
-    Bytes result(2 * words.size());
-    std::memcpy(result.data(), std::data(words), result.size());
-    return result;
-}
-
 std::vector<Bytes> seeds() {
     return {payload({1, 1}), payload({3, 2, 1, 0x0ABC, 4, 0xF00F}),
             payload({1280, 960, 65535, 0x8001, 1, 0x8002})};

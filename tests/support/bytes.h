@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <string_view>
 #include <vector>
 
@@ -14,6 +15,12 @@ using Bytes = std::vector<unsigned char>;
 
 inline Bytes bytes(std::string_view text) {
     return {text.begin(), text.end()};
+}
+
+inline Bytes payload(std::initializer_list<uint16_t> words) {
+    Bytes result(2 * words.size());
+    std::memcpy(result.data(), std::data(words), result.size());
+    return result;
 }
 
 inline Bytes operator+(Bytes left, const Bytes& right) {

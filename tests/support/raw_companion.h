@@ -21,7 +21,7 @@ class RawCompanion {
 
     // Waits for a broadcast and returns its payload. answer() replies to its sender.
     Bytes hear() {
-        if (!m_discovery.readable(LIMIT)) throw std::runtime_error("no broadcast");
+        if (!m_discovery.readable(LIMIT)) throw_missing_event("no broadcast");
         Bytes payload(2000);
         socklen_t size = sizeof m_device;
         const ssize_t count = recvfrom(m_discovery.fd(), payload.data(), payload.size(), 0,
@@ -51,13 +51,13 @@ class RawCompanion {
 
     // The next connection, which must come without a further answer.
     Socket accept() const {
-        if (!m_listener.readable(LIMIT)) throw std::runtime_error("the device does not connect");
+        if (!m_listener.readable(LIMIT)) throw_missing_event("the device does not connect");
         return Socket(accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
     }
 
     Socket connection() {
         auto connection = connection_within(LIMIT);
-        if (!connection) throw std::runtime_error("the device does not connect");
+        if (!connection) throw_missing_event("the device does not connect");
         return std::move(*connection);
     }
 
@@ -75,7 +75,7 @@ class RawCompanion {
             }
             if (linked() || candidate.has_data()) return candidate;
         }
-        throw std::runtime_error("the device does not accept");
+        throw_missing_event("the device does not accept");
     }
 
     // Refuses connections from now on.

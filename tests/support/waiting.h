@@ -1,9 +1,13 @@
-// Waiting for events. Limits are generous: reaching one is a failure.
+// Waiting for events. Limits are generous: reaching one is a failure, on this machine at least.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
 namespace guilink::test {
@@ -12,11 +16,33 @@ using namespace std::chrono_literals;
 
 constexpr auto LIMIT = 60s;  // for any event that must come, on a machine however slow
 
+// Set if an event did not come on a machine too busy to run this process: an end of the link that
+// gets no processor for 3 s is silent, and the link is lost. tests/support/run then tries again.
+inline std::atomic<bool> starved{false};
+
+inline void note_missing_event() {
+    std::chrono::nanoseconds without_processor{0};  // of all threads, though ready to run
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "schedstat");
+        int64_t running, waiting;
+        if (file >> running >> waiting) without_processor += std::chrono::nanoseconds(waiting);
+    }
+    if (without_processor > 1s) starved = true;
+}
+
+[[noreturn]] inline void throw_missing_event(const std::string& what) {
+    note_missing_event();
+    throw std::runtime_error(what);
+}
+
 inline bool wait_until(const std::function<bool()>& condition,
                        std::chrono::milliseconds limit = LIMIT) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
+        if (std::chrono::steady_clock::now() > end) {
+            if (limit == LIMIT) note_missing_event();
+            return false;
+        }
         std::this_thread::sleep_for(5ms);
     }
     return true;
