@@ -20,14 +20,14 @@ namespace guilink {
 
 namespace {
 
-constexpr uint16_t LINK_PORT = 8399;     // TCP, where devices connect
-constexpr auto REQUEST_INTERVAL = 50ms;  // until linked; the device gives a connection about 1 s
+constexpr uint16_t LINK_PORT = 8399;            // TCP; devices connect to it
+constexpr auto REQUEST_INTERVAL = 50ms;         // until linked; a candidate lives for about 1 s
 constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;  // then even a slow device has listed the connection
 constexpr auto KEEP_ALIVE_INTERVAL = 400ms;     // the device sends images for 2 s after each
-constexpr auto SILENCE = 1s;           // after which a linked device is asked to say something
-constexpr auto TIMEOUT = 3s;           // without a byte, and the device is gone
-constexpr size_t MAX_CONNECTIONS = 8;  // a device tries one a second, and drops it soon after
-constexpr size_t MAX_WAITING = 256;    // messages; nobody presses more while searching
+constexpr auto SILENCE = 1s;           // a device silent for longer is asked for its identity
+constexpr auto TIMEOUT = 3s;           // a connection silent for longer is closed
+constexpr size_t MAX_CONNECTIONS = 8;  // a device opens about one a second and soon drops it
+constexpr size_t MAX_WAITING = 256;    // messages queued
 
 int listen_for_devices(const NetSocket<>& listener) {
     const int on = 1;
@@ -92,7 +92,7 @@ void Companion::run() {
     }
 }
 
-// Takes what has arrived; returns after REQUEST_INTERVAL at the latest.
+// Waits, at most REQUEST_INTERVAL, and processes what has arrived.
 void Companion::wait() {
     std::vector<pollfd> events = {{m_wake, POLLIN, 0},
                                   {m_answerer.descriptor(), POLLIN, 0},
@@ -129,7 +129,7 @@ void Companion::accept_connection() {
     socklen_t size = sizeof device;
     const int descriptor = accept4(m_listener.descriptor(), reinterpret_cast<sockaddr*>(&device),
                                    &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor < 0) {  // where none is left, asking again at once would be all that is done
+    if (descriptor < 0) {  // out of descriptors: wait instead of spinning
         m_next_accept = Clock::now() + REQUEST_INTERVAL;
         return;
     }
@@ -178,7 +178,7 @@ void Companion::take_frame(Connection& from, uint16_t type,
     }
 }
 
-// The newest that speaks is the one that the device means.
+// The device has replaced its link when a newer connection delivers a message.
 void Companion::take_as_link(Connection& connection) {
     if (m_link == &connection) return;
     for (Connection& other : m_connections) {
@@ -206,7 +206,7 @@ void Companion::talk(Connection& connection) {
     connection.next_words = now + (connection.answered ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
 }
 
-// As many as the device takes; the others go on waiting.
+// Stops when the socket is full; the rest stays queued.
 void Companion::send_waiting() {
     if (m_link == nullptr || !m_link->answered) return;
     if (!m_link->image_seen && m_link->requests < REQUESTS_WITHOUT_IMAGE) return;

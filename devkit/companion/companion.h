@@ -1,15 +1,16 @@
-// A companion: is found by devices, becomes the link of one, receives its images and presses its
-// buttons. On this a companion with any face can be built.
+// A companion without a user interface: links to one device, receives its images and presses its
+// buttons.
 //
 // The device searches and connects; the companion answers and waits. It asks each connection to
-// become the link, and takes the newest one that has said something valid; while linked, other
-// devices are turned away. Only the link carries images, and only the newest image matters: what a
-// caller does not keep is lost.
+// become the link. The newest connection with a valid message from the device is the link; while
+// there is one, other devices are refused. Only the link carries images. Images are not stored: a
+// handler must keep what it needs.
 //
-// Buttons and texts go out once the device has answered an identity request that followed the
-// second request to connect: what the device finds in one piece with a request is lost. And the
-// first requests may have come before the device listed the connection: an image, which only the
-// link carries, tells that they have not, or else, where nothing is drawn, two requests more.
+// Buttons and texts wait until the device certainly delivers them. It drops whatever arrives in one
+// chunk with a connect request, so they wait for the answer to an identity request that was sent
+// after the second connect request. And it ignores connect requests that arrive before it has
+// listed the connection, so they also wait for an image, or, as the device may draw nothing, for
+// two more connect requests.
 #pragma once
 
 #include <atomic>
@@ -43,25 +44,25 @@ class Companion {
     // The payload of an ImageMessage as it came, for decode_image or for passing on.
     using Payload = std::shared_ptr<const std::vector<unsigned char>>;
 
-    // Called on the companion's own thread, one at a time; each may be empty. They must not block
-    // for long, nor throw, nor destroy the companion.
+    // Called on the companion's own thread, one at a time. Each may be empty. They must not block
+    // for long, throw, or destroy the companion.
     struct Handlers {
-        std::function<void(const LinkStatus&)> status;  // whenever it has changed
+        std::function<void(const LinkStatus&)> status;  // on every change
         std::function<void(const Payload&)> image;      // each image, repeats included
-        std::function<void(const std::string&)> text;   // the device says something
+        std::function<void(const std::string&)> text;   // a text from the device
     };
 
-    // Starts to listen. Throws std::runtime_error when a port cannot be had.
+    // Starts to listen. Throws std::runtime_error when it cannot listen on a port.
     explicit Companion(Handlers handlers);
-    // Drops the link; returns at once, or when the running handler does.
+    // Drops the link. Waits only for a running handler.
     ~Companion();
     Companion(const Companion&) = delete;
     Companion& operator=(const Companion&) = delete;
 
-    static constexpr size_t MAX_TEXT = 4096;  // bytes; far more than a line, and all can wait
+    static constexpr size_t MAX_TEXT = 4096;  // bytes of one text
 
-    // Both keep what they are given, in order, until there is a link that takes it. From any
-    // thread. False when too much is waiting already, or the text is too long; it is then lost.
+    // Both queue the message, in order, until a link delivers it. From any thread. Return false,
+    // and drop the message, when the queue is full or the text is too long.
     bool press(uint8_t button);
     bool send_text(const std::string& text);
 
@@ -86,9 +87,9 @@ class Companion {
     const Handlers m_handlers;
     const DiscoveryAnswerer m_answerer;
     const NetSocket<> m_listener;
-    const int m_wake;  // readable when there is something to send, or an end
+    const int m_wake;  // eventfd: readable when a message is queued or m_stop is set
 
-    // Touched by the companion's thread alone.
+    // Only for the companion's thread.
     std::list<Connection> m_connections;  // oldest first
     Connection* m_link = nullptr;         // one of them
     LinkStatus m_status;

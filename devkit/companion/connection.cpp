@@ -14,7 +14,7 @@ namespace guilink {
 
 namespace {
 
-constexpr size_t MAX_OUTGOING = 65536;  // bytes; far above all that is said in a second
+constexpr size_t MAX_OUTGOING = 65536;  // bytes; a second of messages is far less
 
 void switch_on(int descriptor, int option) {
     const int on = 1;
@@ -29,7 +29,7 @@ bool worth_another_try() {
 
 Connection::Connection(int descriptor, uint32_t address)
     : m_descriptor(descriptor), m_address(address) {
-    switch_on(descriptor, TCP_NODELAY);  // or a press waits 40 ms behind a keep-alive
+    switch_on(descriptor, TCP_NODELAY);  // else a press waits up to 40 ms behind a keep-alive
 }
 
 Connection::~Connection() {
@@ -39,8 +39,8 @@ Connection::~Connection() {
 void Connection::receive(const FrameReader::FrameCallback& on_frame) {
     std::array<unsigned char, 65536> chunk;
     const ssize_t count = recv(m_descriptor, chunk.data(), chunk.size(), 0);
-    // The device holds the end of an image back until what went before is acknowledged, which can
-    // take 40 ms. The system forgets this wish now and then.
+    // The device sends the end of an image only after the rest is acknowledged, and delayed
+    // acknowledgements take up to 40 ms. Set it every time: the kernel resets this option.
     switch_on(m_descriptor, TCP_QUICKACK);
     if (count > 0) {
         m_last_received = Clock::now();

@@ -1,6 +1,5 @@
-// One connection that a device has made: what it says, as frames, and what is said to it. Never
-// blocks; what the device does not take waits in a small buffer, and a device that lets it fill is
-// given up.
+// One connection from a device: receives and sends frames. Never blocks: what the device does not
+// read waits in a small buffer, and when that is full the connection ends.
 #pragma once
 
 #include <chrono>
@@ -24,20 +23,20 @@ class Connection {
 
     int descriptor() const { return m_descriptor; }
     uint32_t address() const { return m_address; }  // IPv4, network byte order
-    bool ended() const { return m_ended; }          // of no more use
+    bool ended() const { return m_ended; }          // to be closed
     void end() { m_ended = true; }
     bool wants_to_write() const { return !m_outgoing.empty(); }
-    Clock::time_point last_received() const { return m_last_received; }  // or since it was made
+    Clock::time_point last_received() const { return m_last_received; }  // or construction
 
     void receive(const FrameReader::FrameCallback& on_frame);
     void send(uint16_t type, std::span<const unsigned char> payload = {});
     void flush();
 
-    // What the companion has to remember of it.
-    unsigned requests = 0;              // how often it was asked to be the link
-    bool answered = false;              // it has told its identity since the second time
+    // Set by the companion.
+    unsigned requests = 0;              // connect requests sent
+    bool answered = false;              // identity received after the second request
     bool image_seen = false;            // only the link carries images
-    Clock::time_point next_words = {};  // when something has to be said again
+    Clock::time_point next_words = {};  // when the next messages are due
 
   private:
     const int m_descriptor;

@@ -12,10 +12,10 @@ namespace guilink {
 
 namespace {
 
-constexpr uint16_t DISCOVERY_PORT = 3152;  // UDP, where devices look for companions
-constexpr int MAX_AT_ONCE = 64;            // datagrams; a flood must not keep the link waiting
+constexpr uint16_t DISCOVERY_PORT = 3152;  // UDP; devices broadcast to it
+constexpr int MAX_AT_ONCE = 64;            // datagrams; a flood must not starve the link
 
-// The frame, and nothing besides.
+// Whether the datagram is one identity frame and nothing else.
 bool is_identity(std::span<const unsigned char> datagram) {
     bool identity = false;
     FrameReader().feed(datagram, [&](uint16_t type, auto payload) {

@@ -1,5 +1,5 @@
-// Answers the devices that look for a companion: each broadcast of an identity frame to UDP port
-// 3152, on whatever interface it arrives.
+// Answers devices that search for a companion: every identity frame broadcast to UDP port 3152, on
+// any interface.
 #pragma once
 
 #include <netinet/in.h>
@@ -13,13 +13,13 @@ namespace guilink {
 
 class DiscoveryAnswerer {
   public:
-    // Throws std::runtime_error when the port cannot be had.
+    // Throws std::runtime_error when it cannot bind the port.
     DiscoveryAnswerer();
 
-    int descriptor() const { return m_socket.descriptor(); }  // readable when broadcasts are there
+    int descriptor() const { return m_socket.descriptor(); }  // readable: broadcasts have arrived
 
-    // Takes the broadcasts that are there, and answers those whose device (IPv4 address, network
-    // byte order) is wanted. Never blocks, and leaves a flood for the next call.
+    // Reads the broadcasts that have arrived and answers those from a wanted device (IPv4 address,
+    // network byte order). Never blocks; reads a limited number per call.
     void answer(const std::function<bool(uint32_t)>& wanted) const;
 
   private:

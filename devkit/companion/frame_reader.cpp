@@ -14,14 +14,14 @@ void FrameReader::feed(std::span<const unsigned char> bytes, const FrameCallback
     m_begin = 0;
 }
 
-// True when something has been consumed and it is worth looking on.
+// Returns whether another frame may follow.
 bool FrameReader::parse(const FrameCallback& on_frame) {
     const auto rest = std::span<const unsigned char>(m_buffer).subspan(m_begin);
     if (rest.size() < STARTING_SEQUENCE.size()) return false;
     const void* const start =
         memmem(rest.data(), rest.size(), STARTING_SEQUENCE.data(), STARTING_SEQUENCE.size());
     if (start == nullptr) {
-        // A start sequence may have begun in the last bytes.
+        // Keep the last bytes: a start sequence may begin in them.
         m_begin += rest.size() - (STARTING_SEQUENCE.size() - 1);
         return false;
     }

@@ -1,6 +1,6 @@
-// Finds the frames in a device's stream of bytes. What precedes a start sequence, a header that
-// announces more than any device sends and a frame whose checksum is wrong are skipped; a damaged
-// frame by its announced length, so that the work stays linear in the bytes received. Holds at most
+// Finds the frames in a device's stream of bytes. Skips bytes before a start sequence, a header
+// that announces more than MAX_SIZE bytes, and a frame with a wrong checksum. Such a frame is
+// skipped by its announced length, so the work stays linear in the bytes received. Buffers at most
 // one incomplete frame, about 1 MiB.
 #pragma once
 
@@ -13,17 +13,17 @@ namespace guilink {
 
 class FrameReader {
   public:
-    // Type and payload of a frame; the payload is valid only during the call.
+    // Type and payload; the payload is valid only during the call.
     using FrameCallback = std::function<void(uint16_t, std::span<const unsigned char>)>;
 
-    // Takes the next bytes of the stream and calls on_frame for each frame that they complete.
+    // Adds the next bytes of the stream and calls on_frame for each frame that they complete.
     void feed(std::span<const unsigned char> bytes, const FrameCallback& on_frame);
 
   private:
     bool parse(const FrameCallback& on_frame);
 
     std::vector<unsigned char> m_buffer;
-    size_t m_begin = 0;  // of what has not been looked at, in the buffer
+    size_t m_begin = 0;  // first byte of m_buffer that is not parsed yet
 };
 
 }  // namespace guilink

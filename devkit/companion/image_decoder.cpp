@@ -18,13 +18,13 @@ uint16_t word(std::span<const unsigned char> payload, size_t index) {
 
 void decode_image(std::span<const unsigned char> payload, Image& image) {
     if (payload.size() < 4 || payload.size() % 4 != 0) {
-        throw std::runtime_error("cannot decode an image: its payload is cut off");
+        throw std::runtime_error("cannot decode an image: its payload is incomplete");
     }
     image.width = word(payload, 0);
     image.height = word(payload, 1);
     const uint32_t count = uint32_t{image.width} * image.height;
     if (count == 0 || count > MAX_PIXELS) {
-        throw std::runtime_error("cannot decode an image: no device has a screen of that size");
+        throw std::runtime_error("cannot decode an image: its size is impossible");
     }
 
     image.pixels.resize(count);
@@ -38,7 +38,7 @@ void decode_image(std::span<const unsigned char> payload, Image& image) {
         position = std::fill_n(position, length, word(payload, i + 1));
     }
     if (position != last) {
-        throw std::runtime_error("cannot decode an image: its runs end before it does");
+        throw std::runtime_error("cannot decode an image: its runs do not fill it");
     }
     *last = count > 1 ? *(last - 1) : uint16_t{0};
 }

@@ -1,4 +1,4 @@
-// Turns the payload of an ImageMessage back into pixels (see protocol/image.h for its layout).
+// Decodes the payload of an ImageMessage into pixels (layout: protocol/image.h).
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace guilink {
 
-constexpr uint32_t MAX_PIXELS = 1280 * 960;  // of any device; a larger image is damaged
+constexpr uint32_t MAX_PIXELS = 1280 * 960;  // the largest screen; a larger image is damaged
 
 struct Image {
     uint16_t width = 0;
@@ -15,9 +15,9 @@ struct Image {
     std::vector<uint16_t> pixels;  // ARGB 4:4:4:4, row by row
 };
 
-// Decodes into image, whose memory is used again. The last pixel, which never travels, repeats its
-// neighbour, or is 0 where there is none. Throws std::runtime_error, and leaves an unusable image,
-// when the payload is no complete image.
+// Decodes into image and reuses its memory. The device never sends the last pixel: it repeats its
+// left neighbour, or is 0 in an image of one pixel. Throws std::runtime_error when the payload is
+// not a complete image; the contents of image are then undefined.
 void decode_image(std::span<const unsigned char> payload, Image& image);
 
 }  // namespace guilink
