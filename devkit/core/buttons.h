@@ -1,4 +1,4 @@
-// The sixteen buttons of the simulated device, by their number on the link.
+// The sixteen buttons of the simulated device, in the order of their numbers on the link.
 #pragma once
 
 #include <cstdint>

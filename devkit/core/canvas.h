@@ -1,5 +1,5 @@
-// What the simulated GUI is drawn on: a cairo surface with the few strokes that the GUI is made of,
-// and its pixels as the device has them.
+// A cairo surface with the few shapes that the simulated GUI needs, readable in the device's pixel
+// format.
 #pragma once
 
 #include <cairo.h>
@@ -23,14 +23,14 @@ enum class Align { left, centre, right };
 
 class Canvas {
   public:
-    // In pixels. Everything is drawn in units of a 1280 x 960 screen.
+    // width and height are in pixels; all drawing is in units of a 1280 x 960 screen.
     Canvas(uint16_t width, uint16_t height);
 
     uint16_t width() const { return m_width; }
     uint16_t height() const { return m_height; }
-    cairo_t* context() const { return m_context.get(); }  // for what the strokes below do not do
+    cairo_t* context() const { return m_context.get(); }  // for other shapes
 
-    void clear();  // everything is transparent
+    void clear();  // to transparent
     void fill(const Box& box, double radius, const Colour& colour);
     void outline(const Box& box, double radius, double thickness, const Colour& colour);
     void line(double x1, double y1, double x2, double y2, double thickness, const Colour& colour);

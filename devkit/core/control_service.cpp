@@ -16,7 +16,7 @@ namespace guilink {
 namespace {
 
 constexpr uint16_t CONTROL_PORT = 3426;  // UDP on the loopback address
-constexpr int FIRST_ID = 100;            // of the button with the number 0
+constexpr int FIRST_ID = 100;            // msg_id of button 0
 
 }  // namespace
 
@@ -38,7 +38,8 @@ std::optional<Button> ControlService::next() {
     while ((size = recv(descriptor(), datagram.data(), datagram.size(), 0)) >= 0) {
         const std::string_view text(datagram.data(), static_cast<size_t>(size));
         if (const auto button = parse_command(text)) return button;
-        std::cerr << "guilink-core: ignored what is no button command (" << size << " bytes)\n";
+        std::cerr << "guilink-core: ignored a datagram that is no button command (" << size
+                  << " bytes)\n";
     }
     return std::nullopt;
 }

@@ -1,5 +1,5 @@
-// The simulated device's control service: takes the button commands that the service sends, UDP
-// datagrams to 127.0.0.1 port 3426 such as [{"msg_id":100,"param":"On"}].
+// The simulated device's control service: receives guilinkd's button commands, UDP datagrams to
+// 127.0.0.1 port 3426 such as [{"msg_id":100,"param":"On"}].
 #pragma once
 
 #include <optional>
@@ -12,20 +12,20 @@ namespace guilink {
 
 class ControlService {
   public:
-    // Throws std::runtime_error when the port cannot be had.
+    // Throws std::runtime_error when it cannot bind the port.
     ControlService();
 
-    int descriptor() const { return m_socket.descriptor(); }  // readable when a command is there
+    int descriptor() const { return m_socket.descriptor(); }  // readable: a command has arrived
 
-    // The next button; none when no valid command is there. What is no command is told on standard
-    // error. Never blocks.
+    // Returns the next button, or nothing when no valid command has arrived. Reports any other
+    // datagram on standard error. Never blocks.
     std::optional<Button> next();
 
   private:
     NetSocket<> m_socket;
 };
 
-// The button of a command, or none.
+// Returns the button, or nothing when text is not a valid command.
 std::optional<Button> parse_command(std::string_view text);
 
 }  // namespace guilink

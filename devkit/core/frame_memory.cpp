@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* MEMORY = "/dev/mem";
 constexpr uint64_t PAGE = 4096;
-constexpr uint64_t FIRST_ADDRESS = 0x10000000;  // as on the device, well above what Linux uses
+constexpr uint64_t FIRST_ADDRESS = 0x10000000;  // as on the device: above Linux's memory
 
 [[noreturn]] void fail(const std::string& why) {
     throw std::runtime_error("cannot make frame buffers in /dev/mem: " + why);
@@ -28,12 +28,12 @@ int open_memory() {
     struct stat status;
     if (file < 0 || fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
         if (file >= 0) close(file);
-        fail("it is no simulated memory; run this in scripts/sandbox");
+        fail("it is no simulated memory; run guilink-core in scripts/sandbox");
     }
     return file;
 }
 
-// Takes length bytes of addresses that nobody has had before.
+// Reserves length bytes of unused addresses and returns the first.
 uint64_t take_addresses(int file, uint64_t length) {
     flock(file, LOCK_EX);
     uint64_t used = 0;
@@ -50,7 +50,7 @@ uint64_t take_addresses(int file, uint64_t length) {
 
 }  // namespace
 
-// The service maps a page more than the size, so there is one between two buffers.
+// Buffers are one page apart, because the service maps one page more than the size.
 FrameMemory::FrameMemory(uint32_t size)
     : m_size(size),
       m_stride((size + PAGE - 1) / PAGE * PAGE + PAGE),

@@ -1,10 +1,9 @@
-// The frame buffers of the simulated core, in simulated physical memory: a regular file at
-// /dev/mem, as the sandbox has it.
+// The simulated core's frame buffers, in simulated physical memory: the regular file that the
+// sandbox puts at /dev/mem.
 //
-// The service maps an address once, with the size announced then. A set of buffers is therefore
-// always made of addresses that no core has used before in this memory: how far it is used is noted
-// at its very beginning. The memory of a set is given back when the set goes, its addresses are
-// not.
+// The service maps an address once and keeps that size. So every set of buffers gets addresses that
+// no core has used before. The file's first 8 bytes hold the first unused address. Destroying a set
+// frees its memory, but its addresses stay used.
 #pragma once
 
 #include <cstddef>
@@ -15,10 +14,10 @@ namespace guilink {
 
 class FrameMemory {
   public:
-    static constexpr size_t BUFFERS = 3;  // the core draws into one after the other
+    static constexpr size_t BUFFERS = 3;  // the core draws into them in turn
 
     // Buffers of size bytes each. Throws std::runtime_error when there is no simulated memory, or
-    // all its addresses have been used.
+    // no address is left.
     explicit FrameMemory(uint32_t size);
     ~FrameMemory();
     FrameMemory(const FrameMemory&) = delete;

@@ -1,5 +1,5 @@
-// guilink-core: stands in for the device's real-time core. Draws a GUI into physical memory,
-// announces each frame to the service, obeys the buttons that come back.
+// guilink-core simulates the device's real-time core: draws a GUI into physical memory, announces
+// each frame to guilinkd and obeys the buttons that come back.
 #include <poll.h>
 
 #include <CLI/CLI.hpp>
@@ -22,7 +22,7 @@ namespace {
 using namespace guilink;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // while the service is away
+constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // while calls fail
 
 volatile std::sig_atomic_t stopped = 0;
 
@@ -43,7 +43,7 @@ struct Options {
     std::string dump;
 };
 
-// A screen of one size: what is drawn on, and where it goes.
+// The canvas and the frame buffers of one screen size.
 struct Screen {
     explicit Screen(bool is_large)
         : large(is_large),
@@ -61,14 +61,14 @@ std::string wall_clock() {
     return text;
 }
 
-// Calls the service; says once when it is away, and once when it is back.
+// Calls guilinkd. Reports once when calls start to fail, and once when they succeed again.
 class Service {
   public:
     void announce(uint64_t address, uint32_t size) {
         call(m_gui, gui_buffer_argument(address, size));
     }
 
-    // Waits for the service as long as it takes.
+    // Retries until guilinkd accepts it.
     void send_qr_body(const std::string& text) {
         const auto* const begin = reinterpret_cast<const unsigned char*>(text.c_str());
         while (!call(m_qr, {begin, text.size() + 1}) && !stopped) {
@@ -82,12 +82,12 @@ class Service {
         try {
             _AMBA_IPC_SVC_RESULT_s_ record = {};
             caller.call(ONLY_PROCEDURE, argument, record);
-            if (m_away_since) std::cerr << "guilink-core: the service is there, frames go on\n";
+            if (m_away_since) std::cerr << "guilink-core: guilinkd accepts frames again\n";
             m_away_since.reset();
             return true;
         } catch (const std::runtime_error& error) {
             if (stopped) return false;
-            if (!m_away_since) std::cerr << "guilink-core: " << error.what() << "; trying on\n";
+            if (!m_away_since) std::cerr << "guilink-core: " << error.what() << " (retrying)\n";
             m_away_since = Clock::now();
             return false;
         }
@@ -98,7 +98,7 @@ class Service {
     std::optional<Clock::time_point> m_away_since;
 };
 
-// Returns when the next frame is due; takes buttons meanwhile.
+// Handles buttons until the next frame is due.
 void take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large) {
     while (!stopped) {
         while (const auto button = control.next()) {
@@ -145,7 +145,7 @@ void run(const Options& options) {
         if (frame == options.frames) break;
 
         due += std::chrono::duration_cast<Clock::duration>(interval);
-        due = std::max(due, Clock::now());  // a core that is too slow draws less, not in bursts
+        due = std::max(due, Clock::now());  // when late, skip frames instead of catching up
         take_buttons_until(due, control, gui, large);
     }
     if (!options.dump.empty()) write_dump(options.dump, pixels);
@@ -155,31 +155,30 @@ void run(const Options& options) {
 
 int main(int argc, char** argv) {
     CLI::App app(
-        "Stands in for a device's real-time core: draws a GUI into simulated memory,\n"
-        "announces its frames to guilinkd and obeys the buttons. Run it in scripts/sandbox.");
+        "Simulates a device's real-time core: draws a GUI into simulated memory, announces\n"
+        "its frames to guilinkd and obeys the buttons. Run it in scripts/sandbox.");
     Options options;
     app.add_option_function<std::string>(
            "--size", [&](const std::string& name) { options.large = SIZES.at(name); },
-           "Size of the screen")
+           "Screen size")
         ->check(CLI::IsMember(SIZES))
         ->default_str("1280x960");
     app.add_option("--fps", options.fps, "Frames a second")
         ->check(CLI::Range(0.1, 1000.0))
         ->capture_default_str();
-    app.add_option("--frames", options.frames, "End after this many frames");
+    app.add_option("--frames", options.frames, "Exit after this many frames");
     app.add_option_function<std::string>(
            "--scene", [&](const std::string& name) { options.scene = SCENES.at(name); },
            "What to draw")
         ->check(CLI::IsMember(SCENES))
         ->default_str("menu");
-    app.add_flag("--still", options.still, "Nothing moves until a button is pressed");
-    app.add_option("--qr-body", options.qr_body,
-                   "Give the service this identity first (5 characters)")
+    app.add_flag("--still", options.still, "Stop all motion; only buttons change the picture");
+    app.add_option("--qr-body", options.qr_body, "Send guilinkd this identity first (5 characters)")
         ->check([](const std::string& text) {
-            return std::string(text.size() == 5 ? "" : "any other length ends the service");
+            return std::string(text.size() == 5 ? ""
+                                                : "guilinkd aborts unless it has 5 characters");
         });
-    app.add_option("--dump", options.dump,
-                   "At the end, write the last frame's pixels to this file");
+    app.add_option("--dump", options.dump, "On exit, write the last frame's pixels to this file");
     CLI11_PARSE(app, argc, argv);
 
     struct sigaction action = {};

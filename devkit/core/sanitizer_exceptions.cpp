@@ -1,6 +1,6 @@
-// What sanitizers report and we mean; part of sanitizer builds alone, and complete.
+// All accepted sanitizer reports. Only sanitizer builds contain this file.
 
-// The font library keeps what it has read until the process ends.
+// The font library never frees its cache.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libfontconfig\n";

@@ -1,4 +1,4 @@
-// What the core draws when it is not its GUI: steady input for tests and measurements.
+// What the core can draw: its GUI, and reproducible pictures for tests and measurements.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@ namespace guilink {
 enum class Scene { menu, overlay, gradient, noise, sweep };
 
 // Draws one frame of a scene into the canvas's width x height pixels. menu draws the GUI, overlay a
-// sparse head-up display, gradient every colour in broad steps, noise nearly as much as fits into a
-// message, sweep a bar that moves one pixel a frame.
+// sparse head-up display, gradient every colour in broad steps, noise almost the largest message,
+// sweep a bar that moves one pixel per frame.
 void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& moment,
                 std::span<uint16_t> pixels);
 
