@@ -74,6 +74,13 @@ const check = () => {
 press();
 """
 
+# Whether the veil still covers the next picture.
+WATCH_VEIL = """
+delete window.veiled;
+new MutationObserver((_, observer) => { window.veiled = !veil.hidden; observer.disconnect(); })
+  .observe(canvas, {attributeFilter: ['data-frames']});
+"""
+
 
 def arrived(dump):
     """What arrives of the pixels that the core drew: the known losses of the link."""
@@ -244,6 +251,16 @@ class Page(Loop):
         self.browser.switch_to.active_element.send_keys(Keys.ENTER)
         self.wait(lambda: "OK pressed" in self.browser.find_element(By.ID, "log").text)
 
+        # A phone held sideways shows screen and pad side by side, all of both.
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": 844, "height": 390, "deviceScaleFactor": 1, "mobile": True})
+        screen, pad = (self.browser.find_element(By.ID, name).rect for name in ("screen", "pad"))
+        self.assertLessEqual(screen["x"] + screen["width"], pad["x"])
+        self.assertLessEqual(pad["x"] + pad["width"], 844)
+        for box in screen, pad:
+            self.assertLessEqual(box["y"] + box["height"], 390)
+            self.assertGreater(box["height"], 300)
+
     def test_stalled_page_slows_nobody(self):
         self.start("guilink-core")
         stalled = [handshake()[0] for _ in range(3)]  # never read
@@ -265,7 +282,10 @@ class Page(Loop):
             self.end_service()
             self.wait(lambda: self.link_text() == "Searching for a device")
             self.wait(lambda: "Frozen" in self.browser.find_element(By.ID, "veil").text)
+            self.browser.execute_script(WATCH_VEIL)
             self.start_service()
+            self.wait(lambda: self.browser.execute_script("return window.veiled !== undefined"))
+            self.assertFalse(self.browser.execute_script("return veiled"))
 
     def test_other_sites_are_refused(self):
         for headers, status in (({}, "101"), ({"Origin": "http://evil.example"}, "403")):

@@ -220,7 +220,7 @@ class Sessions::Implementation::PageSession
         m_skipped_reported = m_skipped;
         const LinkStatus& status = m_server.m_status;
         const nlohmann::json message = {{"state", status.linked ? "linked" : "searching"},
-                                        {"peer", status.address},
+                                        {"address", status.address},
                                         {"identity", status.identity},
                                         {"firmware", status.firmware},
                                         {"skipped", m_skipped}};

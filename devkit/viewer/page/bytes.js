@@ -1,12 +1,13 @@
-// The wire between viewer and page, both ways.
+// The WebSocket between viewer and page.
 //
 // Viewer to page: a binary message is the payload of an ImageMessage as the device sent it; a text
-// message is JSON, {"state", "peer", "identity", "firmware", "skipped"}.
+// message is JSON, {"state", "address", "identity", "firmware", "skipped"}.
 // Page to viewer: JSON, {"press": BUTTON} or {"text": TEXT}.
 
 const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled each time
 
-// Stays connected for ever. handlers: image(ArrayBuffer), state(object), offline().
+// Connects, and reconnects whenever the connection is lost. handlers: image(ArrayBuffer),
+// state(object), offline().
 export function connect(handlers) {
   const url = `ws://${location.host}/link`;
   let socket = null;
@@ -22,7 +23,7 @@ export function connect(handlers) {
     };
     socket.onclose = () => {
       handlers.offline();
-      setTimeout(open, wait * (0.5 + Math.random())); // jitter: pages must not come back as one
+      setTimeout(open, wait * (0.5 + Math.random())); // jitter: pages must not reconnect all at once
       wait = Math.min(2 * wait, BACK_OFF.most);
     };
   };

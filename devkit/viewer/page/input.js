@@ -1,10 +1,11 @@
-// The buttons, by mouse, touch and keyboard. A press is sent when a button goes down, and again and
-// again while it is held; everything is released when the page loses the focus.
+// The buttons, by mouse, touch and keyboard. A press is sent when a button goes down and repeated
+// while it is held. All buttons are released when the page loses the focus.
 
-const REPEAT = { first: 450, next: 120 }; // ms; from the press to its first repeat, then between
-const CLICK = 50; // ms that a click without a pointer holds its button; one meanwhile is its echo
+const REPEAT = { first: 450, next: 120 }; // ms; before the first repeat, and between repeats
+// ms that a click without a pointer holds its button. Further clicks during this time are ignored.
+const CLICK = 50;
 
-// labels: [{button, label, key, place}]. press(button, label) sends one; returns whether it went out.
+// labels: [{button, label, key, place}]. press(button, label) sends a press.
 export function makeButtons(pad, labels, press) {
   const held = new Map(); // label entry -> timer of its repeat
 
@@ -47,7 +48,7 @@ export function makeButtons(pad, labels, press) {
       element.addEventListener(end, () => up(entry));
     }
     element.addEventListener('contextmenu', (event) => event.preventDefault());
-    // A click without a pointer comes from the keyboard or from assistive technology.
+    // Clicks without a pointer come from the keyboard and from assistive technology.
     element.addEventListener('click', (event) => {
       if (event.detail === 0) { down(entry); setTimeout(() => up(entry), CLICK); }
     });
@@ -57,11 +58,11 @@ export function makeButtons(pad, labels, press) {
   const entryOf = (event) => {
     if (event.ctrlKey || event.altKey || event.metaKey) return undefined;
     if (event.target.closest?.('input:not([type="checkbox"]), select')) return undefined;
-    // Enter and space work the control that has the focus.
+    // Enter and space belong to the control that has the focus.
     if (event.target.closest?.('button, input') && ['Enter', ' '].includes(event.key)) return undefined;
     return labels.find(({ key }) => key && key.toLowerCase() === event.key.toLowerCase());
   };
-  // By its place on the keyboard: a key let go after Shift no longer has the name it went down with.
+  // By key code: if Shift is released before a key, its keyup has another name than its keydown.
   const keys = new Map(); // code -> label entry
   addEventListener('keydown', (event) => {
     const entry = entryOf(event);
@@ -75,7 +76,7 @@ export function makeButtons(pad, labels, press) {
     if (keys.has(code)) up(keys.get(code));
     keys.delete(code);
   });
-  // What the pointer has worked gives the focus up, or Enter would work it again.
+  // A clicked button gives up the focus, or Enter would click it again.
   addEventListener('click', ({ detail, target }) => { if (detail > 0) target.closest('button')?.blur(); });
   addEventListener('blur', () => [...held.keys()].forEach(up));
 }

@@ -1,7 +1,7 @@
 // Decodes the payload of an ImageMessage: 16-bit little-endian words; width, height, then pairs of
 // run length and pixel value (ARGB 4:4:4:4), row by row.
 
-const MOST_PIXELS = 1280 * 960; // of any device; a larger image is damaged
+const MOST_PIXELS = 1280 * 960; // the largest screen; a larger image is damaged
 
 // From a pixel value to the bytes R, G, B, A in memory order.
 const RGBA = new Uint32Array(65536);
@@ -16,7 +16,7 @@ const RGBA = new Uint32Array(65536);
   }
 }
 
-// Decodes into reuse, where its size fits. Returns an ImageData, or null for a damaged payload.
+// Decodes into reuse if its size fits. Returns an ImageData, or null for a damaged payload.
 export function decode(payload, reuse = null) {
   if (payload.byteLength < 4 || payload.byteLength % 4 !== 0) return null;
   const words = new Uint16Array(payload);
@@ -33,7 +33,7 @@ export function decode(payload, reuse = null) {
     pixels.fill(RGBA[words[i + 1]], position, end);
     position = end;
   }
-  // The last pixel of an image never travels: it repeats its neighbour.
+  // The device never sends the last pixel: it repeats its left neighbour.
   if (position !== count - 1) return null;
   pixels[position] = position > 0 ? pixels[position - 1] : 0;
   return image;

@@ -1,9 +1,9 @@
-// The page: what is shown, and what its controls do.
+// The page: shows the screen and the figures, and handles the controls.
 import { connect } from './bytes.js';
 import { decode } from './pixels.js';
 import { makeButtons } from './input.js';
 
-const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last one every 500 ms
+const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last image every 500 ms
 const FIGURES_EVERY = 500; // ms
 const EVENTS_KEPT = 100;
 
@@ -11,12 +11,12 @@ const $ = (id) => document.getElementById(id);
 const canvas = $('canvas');
 const context = canvas.getContext('2d');
 
-// Only the newest message is drawn, and only when the browser is about to paint.
+// Draw only the newest message, and only when the browser is about to paint.
 let newest = null;
 let image = null;
 let drawing = false;
 let lastImageTime = null;
-let shown = 0; // images drawn, and bytes received, since the last figures
+let shown = 0; // images drawn and bytes received since the last figures
 let received = 0;
 
 function draw() {
@@ -32,6 +32,12 @@ function draw() {
   context.putImageData(image, 0, 0);
   canvas.dataset.frames = Number(canvas.dataset.frames ?? 0) + 1;
   ++shown;
+  showFrozen(false);
+}
+
+function showFrozen(frozen) {
+  $('screen').classList.toggle('frozen', frozen);
+  $('veil').hidden = !frozen;
 }
 
 let link = 'connecting';
@@ -54,8 +60,8 @@ const viewer = connect({
       requestAnimationFrame(draw);
     }
   },
-  state({ state, peer, identity, firmware, skipped }) {
-    if (state === 'linked') showLink('linked', `Linked to ${peer}`);
+  state({ state, address, identity, firmware, skipped }) {
+    if (state === 'linked') showLink('linked', `Linked to ${address}`);
     else showLink('searching', 'Searching for a device');
     $('identity').textContent = identity;
     $('firmware').textContent = firmware;
@@ -79,12 +85,11 @@ setInterval(() => {
   const frozen = age === null || age > FROZEN_AFTER;
   $('age').textContent = age === null ? '–' : age < 1000 ? `${age.toFixed(0)} ms` : `${(age / 1000).toFixed(0)} s`;
   $('age').classList.toggle('old', frozen && age !== null);
-  $('screen').classList.toggle('frozen', frozen);
-  $('veil').hidden = !frozen;
+  showFrozen(frozen);
   $('veil').textContent = age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 
-// What is said again, as by a button that is held, is counted.
+// Adds a line to the events. A repeated line, as from a held button, is counted instead.
 function note(text) {
   const last = $('log').firstChild;
   if (last?.lastChild.textContent === text) {
@@ -102,7 +107,7 @@ function note(text) {
   while ($('log').children.length > EVENTS_KEPT) $('log').lastChild.remove();
 }
 
-// The viewer would keep what it is given until a device links, and that may be long after.
+// Sends only while linked: the viewer would queue the message for a device that links much later.
 const sent = (send) => link === 'linked' && send();
 
 $('text').addEventListener('submit', (event) => {
@@ -133,7 +138,7 @@ function save(blob, extension) {
 }
 
 $('screenshot').addEventListener('click', () => {
-  if (!image) return note('There is no picture yet');
+  if (!image) return note('No picture yet');
   canvas.toBlob((blob) => save(blob, 'png'));
 });
 
@@ -144,7 +149,7 @@ $('record').addEventListener('click', () => {
   try {
     recorder = new MediaRecorder(canvas.captureStream(), { mimeType: 'video/webm' });
   } catch ({ message }) {
-    return note(`This browser does not record: ${message}`);
+    return note(`This browser cannot record: ${message}`);
   }
   recorder.ondataavailable = ({ data }) => parts.push(data);
   recorder.onstop = () => {
@@ -165,5 +170,5 @@ try {
     note(sent(() => viewer.press(button)) ? `${label} pressed` : `${label} was not sent: no device`);
   });
 } catch {
-  note('The buttons could not be fetched: load the page again');
+  note('Cannot load the buttons; reload the page');
 }
