@@ -69,7 +69,7 @@ TEST(Labels, AreCheckedEntryByEntry) {
           {R"([{"button":1}])", R"("label" must)"},
           {R"([{"button":1,"label":"A","kye":"x"}])", R"("kye")"},
           {R"([{"button":1,"label":"A","place":"on"}])", R"("place")"},
-          {R"([{"button":1,"label":"A"},{"button":1,"label":"B"}])", "twice"}})
+          {R"([{"button":1,"label":"A"},{"button":1,"label":"B"}])", "already"}})
         EXPECT_THAT([&] { load(json); }, ThrowsMessage<std::runtime_error>(HasSubstr(why))) << json;
     unlink(file.c_str());
     EXPECT_THROW(load_labels(file), std::runtime_error);

@@ -1,4 +1,4 @@
-// The files of the page, built into the viewer.
+// The page's files, built into the viewer.
 #pragma once
 
 #include <string_view>
@@ -6,12 +6,12 @@
 namespace guilink {
 
 struct Asset {
-    std::string_view path;  // in the URL
-    std::string_view type;  // of its content, as in HTTP
+    std::string_view path;  // of the URL
+    std::string_view type;  // HTTP Content-Type
     std::string_view content;
 };
 
-// Null when there is no such file.
+// Returns null for an unknown path.
 const Asset* find_asset(std::string_view path);
 
 }  // namespace guilink

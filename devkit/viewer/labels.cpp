@@ -29,14 +29,14 @@ constexpr const char* DEFAULTS = R"([
     {"button": 7, "label": "Power", "key": "p", "place": "wide"}
 ])";
 
-constexpr size_t MAX_LABEL = 24;  // bytes; as many as fit a button
+constexpr size_t MAX_LABEL = 24;  // bytes; more would not fit a button
 constexpr std::string_view PLACES[] = {"up", "down", "left", "right", "ok", "back", "menu", "wide"};
 
 void check(const nlohmann::json& labels) {
     const auto require = [](bool condition, const std::string& what) {
         if (!condition) throw std::runtime_error(what);
     };
-    require(labels.is_array() && !labels.empty(), "it is no JSON array of labels");
+    require(labels.is_array() && !labels.empty(), "it is no JSON array of labels, or an empty one");
     std::set<int64_t> buttons;
     for (const auto& entry : labels) {
         require(entry.is_object(), "an entry is no object");
@@ -44,7 +44,8 @@ void check(const nlohmann::json& labels) {
         const auto button = entry.find("button");
         require(button != entry.end() && button->is_number_unsigned() && *button <= 255,
                 "\"button\" must be a number from 0 to 255" + where);
-        require(buttons.insert(button->get<int64_t>()).second, "the button is named twice" + where);
+        require(buttons.insert(button->get<int64_t>()).second,
+                "the button has a label already" + where);
         const auto label = entry.find("label");
         require(label != entry.end() && label->is_string() &&
                     label->get_ref<const std::string&>().size() <= MAX_LABEL,
@@ -52,10 +53,10 @@ void check(const nlohmann::json& labels) {
         for (const auto& [name, value] : entry.items()) {
             const bool known = name == "button" || name == "label";
             require(known || ((name == "key" || name == "place") && value.is_string()),
-                    "\"" + name + "\" is unknown, or no text" + where);
+                    "\"" + name + "\" is unknown or not a text" + where);
             require(name != "place" ||
                         std::ranges::count(PLACES, value.get_ref<const std::string&>()) == 1,
-                    "there is no such \"place\"" + where);
+                    "unknown \"place\"" + where);
         }
     }
 }
@@ -66,12 +67,12 @@ std::string load_labels(const std::string& file) {
     if (file.empty()) return nlohmann::json::parse(DEFAULTS).dump();
     try {
         std::ifstream stream(file);
-        if (!stream) throw std::runtime_error("it cannot be opened");
+        if (!stream) throw std::runtime_error("cannot open it");
         const auto labels = nlohmann::json::parse(stream);
         check(labels);
         return labels.dump();
     } catch (const std::exception& error) {
-        throw std::runtime_error("cannot take the labels from " + file + ": " + error.what());
+        throw std::runtime_error("cannot read the labels from " + file + ": " + error.what());
     }
 }
 

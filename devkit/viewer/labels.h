@@ -1,16 +1,16 @@
-// The names of the device's buttons, as the page shows them.
+// The labels of the page's buttons.
 #pragma once
 
 #include <string>
 
 namespace guilink {
 
-// The JSON that the page gets. From a file, or the defaults, which fit guilink-core, when file is
-// empty. Throws std::runtime_error with what is wrong with the file.
+// Returns the JSON for the page: from the file or, when file is empty, the defaults, which fit
+// guilink-core. Throws std::runtime_error when the file is not valid.
 //
-// The file is an array of objects: "button" (0 to 255), "label" (text), and where wanted "key" (a
-// key's name in the browser, such as "ArrowUp" or "z") and "place" (one of "up", "down", "left",
-// "right", "ok", "back", "menu", "wide": where on the pad it lies).
+// The file is an array of objects with "button" (0 to 255), "label" (text), and optionally "key" (a
+// key's name in the browser, such as "ArrowUp" or "z") and "place" (the position on the pad: "up",
+// "down", "left", "right", "ok", "back", "menu", or "wide" for a row of its own).
 std::string load_labels(const std::string& file);
 
 }  // namespace guilink

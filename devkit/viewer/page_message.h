@@ -1,4 +1,4 @@
-// What the page says to the viewer: {"press": BUTTON} or {"text": TEXT}.
+// Messages from the page to the viewer: {"press": BUTTON} or {"text": TEXT}.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 namespace guilink {
 
 struct Press {
-    uint8_t button;  // sixteen are known, but a tester may want another one
+    uint8_t button;  // a device knows 0 to 15; testers may send others
 };
 
 struct Text {
@@ -21,7 +21,7 @@ using PageMessage = std::variant<Press, Text>;
 
 constexpr size_t MAX_PAGE_MESSAGE = 4096;  // bytes
 
-// None when it is no such message.
+// Returns nothing for any other text.
 std::optional<PageMessage> parse_page_message(std::string_view json);
 
 }  // namespace guilink

@@ -1,4 +1,4 @@
-// Pictures on disk.
+// Writes images to files.
 #pragma once
 
 #include <string>
@@ -7,10 +7,10 @@
 
 namespace guilink {
 
-// Writes an image as PNG with its transparency. Throws std::runtime_error when it cannot.
+// Writes a PNG, transparency included. Throws std::runtime_error on failure.
 void write_png(const std::string& file, const Image& image);
 
-// Writes the pixels as they are: 16-bit ARGB 4:4:4:4, little-endian, row by row. Throws likewise.
+// Writes the unchanged pixels: 16-bit ARGB 4:4:4:4, little-endian, row by row. Throws likewise.
 void write_raw(const std::string& file, const Image& image);
 
 }  // namespace guilink

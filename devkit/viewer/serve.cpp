@@ -21,7 +21,8 @@ namespace guilink {
 
 namespace {
 
-constexpr const char* INHERITED = "GUILINK_LISTEN_FD";  // holds the descriptor that a command gets
+constexpr const char* INHERITED =
+    "GUILINK_LISTEN_FD";  // number of the descriptor that a command inherits
 
 [[noreturn]] void become(const std::vector<std::string>& command, int listener) {
     fcntl(listener, F_SETFD, 0);
@@ -42,7 +43,8 @@ int listener_of(const ServeOptions& options) {
         socklen_t size = sizeof listens;
         getsockopt(listener, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
         if (listens == 0) {
-            throw std::runtime_error(std::string(INHERITED) + " names no listening socket");
+            throw std::runtime_error(std::string(INHERITED) +
+                                     " is no descriptor of a listening socket; unset it");
         }
         fcntl(listener, F_SETFD, FD_CLOEXEC);
         return listener;
@@ -57,16 +59,16 @@ void serve(const ServeOptions& options) {
     const int listener = listener_of(options);
     if (!options.command.empty()) become(options.command, listener);
 
-    // Threads inherit this: the signals wait for sigwait below.
+    // Block the signals before threads inherit the mask; sigwait below receives them.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    // The server must outlive the companion, which publishes to it; what the page presses while the
-    // companion is not there is lost.
-    std::mutex mutex;  // guards companion, and its life while the page presses
+    // The server must outlive the companion, which publishes to it. Presses are dropped while there
+    // is no companion.
+    std::mutex mutex;  // guards companion; held while it is used, so that it cannot be destroyed
     Companion* companion = nullptr;
     WebServer server(listener, labels,
                      {[&](uint8_t button) {
@@ -84,7 +86,7 @@ void serve(const ServeOptions& options) {
         const std::lock_guard lock(mutex);
         companion = &link;
     }
-    std::cout << "The device's screen is shown on " << url_of(listener) << std::endl;
+    std::cout << "Open this page to see the device: " << url_of(listener) << std::endl;
 
     int signal = 0;
     sigwait(&signals, &signal);

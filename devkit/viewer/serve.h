@@ -1,4 +1,4 @@
-// Serves the page for as long as it is wanted.
+// Serves the page.
 #pragma once
 
 #include <string>
@@ -12,12 +12,12 @@ struct ServeOptions {
     std::vector<std::string> command;  // see serve
 };
 
-// Shows the device on a page until SIGINT or SIGTERM. Throws std::runtime_error when a port cannot
-// be had or the labels are wrong.
+// Serves the page until SIGINT or SIGTERM. Throws std::runtime_error when it cannot listen on a
+// port or the labels are not valid.
 //
-// With a command, only opens the page's socket, and becomes that command: a viewer that it starts
-// serves the page on that socket, from wherever it runs. That is how a page is reached from outside
-// while the link runs in a sandbox: a socket belongs to the network in which it was made.
+// With a command, opens the page's socket and executes the command; a viewer that the command
+// starts serves the page on this socket. The socket belongs to the network namespace in which it
+// was opened, so a browser outside a sandbox reaches a viewer whose link runs inside.
 void serve(const ServeOptions& options);
 
 }  // namespace guilink

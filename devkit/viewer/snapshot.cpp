@@ -15,14 +15,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What the companion has heard so far; waited for by the one who takes the picture.
-class Heard {
+// What the companion has received so far.
+class Received {
   public:
-    explicit Heard(Clock::time_point deadline) : m_deadline(deadline) {}
+    explicit Received(Clock::time_point deadline) : m_deadline(deadline) {}
 
     void status(const LinkStatus& status) {
         const std::lock_guard lock(m_mutex);
-        if (status.linked) m_status = status;  // the last one known is printed
+        if (status.linked) m_status = status;  // print() wants the last link
         m_changed.notify_all();
     }
 
@@ -35,8 +35,8 @@ class Heard {
         m_changed.notify_all();
     }
 
-    // Until so many images are there, and it is known whose: from then on presses go out at once.
-    // Returns how many images there are then.
+    // Waits for that many images and for the identity, after which presses go out at once. Returns
+    // the number of images received.
     uint64_t wait_for_images(uint64_t count) {
         std::unique_lock lock(m_mutex);
         if (!m_changed.wait_until(lock, m_deadline, [&] {
@@ -46,7 +46,7 @@ class Heard {
                 m_status.identity.empty()
                     ? "no device has linked in time; is guilinkd running in this network?"
                 : m_images == 0
-                    ? "the device has sent no image in time; is anything drawn (guilink-core)?"
+                    ? "the device has sent no image in time; does its core draw (guilink-core)?"
                     : "the device has not sent enough images in time; use fewer --frames or a "
                       "longer --timeout");
         }
@@ -84,21 +84,22 @@ class Heard {
 }  // namespace
 
 void take_snapshot(const SnapshotOptions& options) {
-    Heard heard(Clock::now() + options.timeout);
-    Companion companion({[&](const LinkStatus& status) { heard.status(status); },
-                         [&](const Companion::Payload& payload) { heard.image(payload); },
+    Received received(Clock::now() + options.timeout);
+    Companion companion({[&](const LinkStatus& status) { received.status(status); },
+                         [&](const Companion::Payload& payload) { received.image(payload); },
                          {}});
-    const uint64_t images = heard.wait_for_images(1);
+    const uint64_t images = received.wait_for_images(1);
     for (const uint8_t button : options.presses) {
-        if (!companion.press(button)) throw std::runtime_error("the device takes no more presses");
+        if (!companion.press(button))
+            throw std::runtime_error("too many presses are queued; use fewer --press");
     }
-    heard.wait_for_images(images + options.frames);
+    received.wait_for_images(images + options.frames);
 
     Image image;
-    decode_image(*heard.newest(), image);
+    decode_image(*received.newest(), image);
     write_png(options.file, image);
     if (!options.raw_file.empty()) write_raw(options.raw_file, image);
-    heard.print();
+    received.print();
     std::cout << "picture   " << options.file << ", " << image.width << " x " << image.height
               << '\n';
 }

@@ -1,4 +1,4 @@
-// Takes one picture of a device: links, presses buttons, waits, writes what is shown.
+// Takes one picture of a device: links, presses buttons, waits, writes the image.
 #pragma once
 
 #include <chrono>
@@ -10,14 +10,14 @@ namespace guilink {
 
 struct SnapshotOptions {
     std::string file;                  // PNG to write
-    std::string raw_file;              // pixels to write as they are; empty for none
-    std::vector<uint8_t> presses;      // buttons, in order, once the first image is there
+    std::string raw_file;              // unchanged pixels to write; empty for none
+    std::vector<uint8_t> presses;      // buttons, in order, after the first image
     unsigned frames = 60;              // images to wait for after the last press
-    std::chrono::seconds timeout{30};  // for all of it
+    std::chrono::seconds timeout{30};  // for everything
 };
 
-// Prints what it learns about the device and its link. Throws std::runtime_error with what was
-// missing when the time is over, or a file cannot be written.
+// Prints facts about the device and its link. Throws std::runtime_error on time-out, with what is
+// missing, or when a file cannot be written.
 void take_snapshot(const SnapshotOptions& options);
 
 }  // namespace guilink
