@@ -16,14 +16,14 @@ namespace {
 
 using Words = std::vector<uint16_t>;
 
-constexpr size_t ROOM = 0x400000;  // words, enough for any picture: nothing grows while measured
+constexpr size_t ROOM = 0x400000;  // words; enough for any picture without reallocating
 
 std::string title(const Picture& picture, const std::string& name) {
     return picture.name + "/" + std::to_string(picture.width) + "x" +
            std::to_string(picture.height) + "/" + name;
 }
 
-// Calls way(picture's pixels) for each round.
+// Measures way(pixels), with the pixels in the caches.
 template <class Way>
 void add(const Picture& picture, const std::string& name, Way way) {
     benchmark::RegisterBenchmark(
@@ -38,7 +38,8 @@ void add(const Picture& picture, const std::string& name, Way way) {
         });
 }
 
-// Reads another copy of the picture each time, of so many that none is in a cache any more.
+// Measures way(pixels) with cold caches: reads a different copy each time, and all copies together
+// are three times the size of the last cache.
 template <class Way>
 void add_cold(const Picture& picture, const std::string& name, Way way) {
     const auto cache = static_cast<size_t>(std::max(sysconf(_SC_LEVEL3_CACHE_SIZE), 8L << 20));
@@ -78,7 +79,7 @@ void measure_encoding(const std::vector<Picture>& pictures) {
         };
         add(picture, "encode", encode);
 #if defined(__x86_64__)
-        // What a processor without AVX-512 would do.
+        // As on a processor without AVX-512.
         add(picture, "encode-avx2",
             [encode, &chosen = hwy::GetChosenTarget()](const Words& pixels) {
                 const int64_t all = hwy::SupportedTargets();

@@ -1,6 +1,6 @@
-// guilink-latency LINK [SECONDS]: how long a frame takes from push_frame to the companion, and a
-// button from the companion to the device's control service, with the real service and companion in
-// one process. Only inside the sandbox. Prints one line for each figure, separated by tabs: link,
+// guilink-latency LINK [SECONDS]: measures a frame's time from push_frame to the companion, and a
+// button's time from the companion to the device's control service, with the real service and
+// companion in one process. Run it only inside the sandbox. Prints tab-separated lines: link,
 // subject, figure, value.
 #include <poll.h>
 
@@ -27,18 +27,18 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr auto LIMIT = 30s;             // for anything that will happen
+constexpr auto LIMIT = 30s;             // time-out of every wait
 constexpr auto FRAME_TIME = 1s / 60.0;  // of a core that draws 60 frames a second
-constexpr int ROUNDS = 200;             // of single frames and buttons
-constexpr double SECONDS = 5;           // for each part of the measurement
+constexpr int ROUNDS = 200;             // single frames and buttons
+constexpr double SECONDS = 5;           // for each measurement
 
 struct Arrival {
     Clock::time_point received;
     Clock::time_point decoded;
 };
 
-// The companion, as far as it is timed: when the image with a stamp was there. The stamp is the
-// first pixel, the only one that travels as it is.
+// Records when the image with a given stamp arrived. The stamp is the first pixel, the only one
+// that is sent unmasked.
 class Watch {
   public:
     void take(const Companion::Payload& payload) {
@@ -51,7 +51,7 @@ class Watch {
     Arrival wait(uint16_t stamp) {
         std::unique_lock lock(m_mutex);
         if (!m_changed.wait_for(lock, LIMIT, [&] { return m_arrivals.contains(stamp); })) {
-            throw std::runtime_error("guilink-latency: a frame did not arrive");
+            throw std::runtime_error("guilink-latency: a frame did not arrive within 30 s");
         }
         return m_arrivals.at(stamp);
     }
@@ -61,7 +61,7 @@ class Watch {
     }
 
   private:
-    Image m_image;  // touched by the companion's thread alone
+    Image m_image;  // only for the companion's thread
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::map<uint16_t, Arrival> m_arrivals;
@@ -74,7 +74,7 @@ class Report {
           m_time(
               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
     }
-    Clock::duration time() const { return m_time; }  // for each part
+    Clock::duration time() const { return m_time; }  // for each measurement
     void figure(const std::string& subject, const std::string& name, double value) const {
         std::cout << m_link << '\t' << subject << '\t' << name << '\t' << value << '\n';
     }
@@ -96,7 +96,7 @@ double since(Clock::time_point start, Clock::time_point end) {
     return Milliseconds(end - start).count();
 }
 
-// Frames are stamped with numbers that are used once.
+// The service; stamps every frame with a new number.
 class Device {
   public:
     Device() : m_facade("11111", "fw1.1") {}
@@ -117,11 +117,11 @@ class Device {
 void link_up(Device& device, Watch& watch, Picture& picture) {
     const auto end = Clock::now() + LIMIT;
     while (watch.take_all().empty()) {
-        if (Clock::now() > end) throw std::runtime_error("guilink-latency: no link");
+        if (Clock::now() > end) throw std::runtime_error("guilink-latency: no link within 30 s");
         device.push(picture);
         std::this_thread::sleep_for(10ms);
     }
-    // Till the last of them is there.
+    // Wait for the last frame, so that none of these disturbs a measurement.
     watch.wait(device.push(picture));
 }
 
@@ -141,7 +141,7 @@ void one_by_one(Device& device, Watch& watch, Picture& picture, const Report& re
     report.spread(picture.name, "decoded", decoded);
 }
 
-// What is shown, at full rate, is how old when it appears, and when the next one replaces it?
+// At the full frame rate: how old is a frame when it is shown, and when the next one replaces it?
 void flooded(Device& device, Watch& watch, Picture& picture, const Report& report) {
     std::map<uint16_t, Clock::time_point> pushed;
     const auto start = Clock::now();
@@ -175,7 +175,8 @@ void buttons(Companion& companion, ControlService& control, const Report& report
         const auto start = Clock::now();
         companion.press(static_cast<uint8_t>(i % 16));
         pollfd event = {control.descriptor(), POLLIN, 0};
-        if (poll(&event, 1, 10'000) != 1) throw std::runtime_error("guilink-latency: no button");
+        if (poll(&event, 1, 10'000) != 1)
+            throw std::runtime_error("guilink-latency: a button did not arrive within 10 s");
         times.push_back(since(start, Clock::now()));
         control.next();
         std::this_thread::sleep_for(2ms);
@@ -186,7 +187,7 @@ void buttons(Companion& companion, ControlService& control, const Report& report
 }  // namespace
 
 int main(int argc, char** argv) try {
-    if (argc < 2) throw std::runtime_error("usage: guilink-latency LINK [SECONDS]; in the sandbox");
+    if (argc < 2) throw std::runtime_error("usage: scripts/sandbox guilink-latency LINK [SECONDS]");
     const Report report(argv[1], argc > 2 ? std::stod(argv[2]) : SECONDS);
 
     ControlService control;

@@ -1,5 +1,5 @@
-// What guilink-bench measures. Names are PICTURE/SIZE/WAY or SUBJECT/WAY: ways of the same thing
-// are compared with each other, in the same run.
+// The measurements of guilink-bench. A benchmark's name is PICTURE/SIZE/WAY or SUBJECT/WAY; the
+// ways of one subject are compared within one run.
 #pragma once
 
 #include <vector>

@@ -1,5 +1,4 @@
-// The pictures that are measured, from nothing to the worst case: what the simulated core draws,
-// and what it has no scene for.
+// The measured pictures, from blank to the worst case: the simulated core's scenes and a few more.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +16,7 @@ struct Picture {
     size_t size() const { return pixels.size() * sizeof pixels[0]; }
 };
 
-// blank, overlay, menu, text, gradient and noise, in this order; always the same pixels.
+// Returns blank, overlay, menu, text, gradient and noise, in this order, always with equal pixels.
 std::vector<Picture> draw_pictures(uint16_t width, uint16_t height);
 
 }  // namespace guilink

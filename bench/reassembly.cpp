@@ -11,7 +11,7 @@ namespace guilink {
 
 namespace {
 
-// A MiB of the smallest frames, keep-alives, as it may arrive in one piece.
+// The largest chunk that can arrive, 1 MiB, filled with the smallest frames: keep-alives.
 std::vector<unsigned char> many_frames() {
     const std::vector<unsigned char> one = BuildFrame(ControlMessage, nullptr, 0);
     std::vector<unsigned char> all;
@@ -39,8 +39,8 @@ void reassemble(benchmark::State& state) {
         benchmark::Counter(static_cast<double>(messages), benchmark::Counter::kAvgIterations);
 }
 
-// The same checks and calls of a handler where the frames' places are known; each call under a
-// mutex or not.
+// The baseline: the same checks and handler calls at known offsets, each call with or without a
+// mutex.
 template <bool LOCKED>
 void bare_loop(benchmark::State& state) {
     std::mutex mutex;

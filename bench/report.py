@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""report.py FOLDER CHART: tables of what scripts/bench measured, and a chart of the encoding.
+"""report.py FOLDER CHART: prints tables of the results of scripts/bench, and draws a chart.
 
-Times are processor times: medians of interleaved rounds, of the run in which a ratio was best."""
+Processor times, medians of interleaved rounds; every time and ratio is the best of all runs."""
 
 import collections
 import glob
@@ -39,7 +39,7 @@ def report_speed(runs):
         return min(run[name] for run in runs)
 
     def best(ours, theirs):
-        """How often ours fits into theirs."""
+        """The best ratio of theirs to ours in any run."""
         return max(run[theirs] / run[ours] for run in runs)
 
     for size in SIZES:
@@ -87,7 +87,7 @@ def report_latency(path):
     with open(path, encoding="utf-8") as file:
         for line in file:
             if line.count("\t") != 3:
-                continue  # the service's own lines
+                continue  # a log line of the service
             link, subject, figure, value = line.rstrip("\n").split("\t")
             kind = figures["button" if subject == "button" else "frame"]
             kind[link, subject][figure] = f"{float(value):.{1 if float(value) >= 100 else 2}f}"

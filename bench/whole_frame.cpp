@@ -1,5 +1,6 @@
-// The processor time of the service for one frame: copied, encoded, framed, checked and sent to a
-// peer that reads, over loopback. Once as it is, once as it would be with the literal ways.
+// The service's processor time for one frame: copy, encode, checksum, frame, and send over loopback
+// to a receiver that reads. Once with the service's code, once with the reference encoder and
+// checksum.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
@@ -29,7 +30,7 @@ void expect(bool success, const char* attempt) {
     if (!success) throw std::runtime_error(std::string("whole frame: cannot ") + attempt);
 }
 
-// A connection over loopback, and a thread that reads all that comes.
+// A connection over loopback whose receiving end is read by a thread.
 class DrainedConnection {
   public:
     DrainedConnection() {
@@ -41,7 +42,7 @@ class DrainedConnection {
         auto* const name = reinterpret_cast<sockaddr*>(&address);
         expect(bind(listener, name, size) == 0 && listen(listener, 1) == 0, "listen");
         expect(getsockname(listener, name, &size) == 0, "find the port");
-        const int buffer = 0x100000;  // as the service asks for
+        const int buffer = 0x100000;  // as in the service
         setsockopt(m_sender, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
         expect(connect(m_sender, name, size) == 0, "connect");
         m_drain = std::thread([receiver = accept(listener, nullptr, nullptr)] {
@@ -69,7 +70,7 @@ class DrainedConnection {
     std::thread m_drain;
 };
 
-void as_it_is(benchmark::State& state, const Picture& picture) {
+void with_service_code(benchmark::State& state, const Picture& picture) {
     const DrainedConnection connection;
     Words front(picture.pixels.size());
     Words frame(HEADER_SIZE / 2 + 0x100000);
@@ -81,7 +82,7 @@ void as_it_is(benchmark::State& state, const Picture& picture) {
     }
 }
 
-void literally(benchmark::State& state, const Picture& picture) {
+void with_reference_code(benchmark::State& state, const Picture& picture) {
     const DrainedConnection connection;
     Words front(picture.pixels.size());
     Words words(0x100000);
@@ -108,9 +109,9 @@ void measure_whole_frame(const std::vector<Picture>& pictures) {
         if (picture.name != "menu" && picture.name != "overlay") continue;
         const std::string subject = "frame-" + picture.name + "-" + std::to_string(picture.width);
         benchmark::RegisterBenchmark((subject + "/service").c_str(),
-                                     [&](auto& state) { as_it_is(state, picture); });
+                                     [&](auto& state) { with_service_code(state, picture); });
         benchmark::RegisterBenchmark((subject + "/literal").c_str(),
-                                     [&](auto& state) { literally(state, picture); });
+                                     [&](auto& state) { with_reference_code(state, picture); });
     }
 }
 
