@@ -1,19 +1,13 @@
 // What is fast gives, bit for bit, what the literal way gives.
 #include <gtest/gtest.h>
-#if defined(__x86_64__)
-#include <hwy/targets.h>
-#endif
 
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <random>
 
 #include "protocol/crc32.h"
-#include "protocol/image.h"
 #include "protocol/veltrane_communicator.h"
 #include "tests/support/literal_crc32.h"
-#include "tests/support/literal_encoder.h"
 #include "tests/support/raw_companion.h"
 
 namespace {
@@ -42,74 +36,6 @@ thread_local uint64_t allocations = 0;  // of this thread
 namespace {
 
 using namespace guilink;
-using Words = std::vector<uint16_t>;
-
-// Runs of up to longest pixels; the values are few, so that some neighbouring runs are one, and lie
-// on both sides of the mask's boundary.
-Words picture(std::mt19937& random, size_t count, unsigned longest) {
-    constexpr uint16_t VALUES[] = {0, 1, 0x0ABC, 0x0FFF, 0x1000, 0x1001, 0x8000, 0xFFFF};
-    Words pixels;
-    pixels.reserve(count);  // no more, so that a sanitizer sees a read behind them
-    while (pixels.size() < count) {
-        const uint16_t value = VALUES[random() % std::size(VALUES)];
-        const size_t run = 1 + random() % longest;
-        pixels.insert(pixels.end(), std::min(run, count - pixels.size()), value);
-    }
-    return pixels;
-}
-
-// Payload and growth, and the same payload elsewhere in the words.
-void expect_literal(const Words& pixels, uint16_t width, uint16_t height, size_t room) {
-    Words expected(room);
-    Words actual(room);
-    const uint64_t length = encode_literally(pixels.data(), width, height, expected);
-    ASSERT_EQ(EncodeImage(pixels.data(), width, height, actual), length);
-    ASSERT_EQ(actual.size(), expected.size());
-    ASSERT_EQ(std::memcmp(actual.data(), expected.data(), length), 0);
-
-    Words behind(room + 21, 0xEEEE);
-    ASSERT_EQ(EncodeImage(pixels.data(), width, height, behind, 21), length);
-    ASSERT_EQ(std::memcmp(behind.data() + 21, expected.data(), length), 0);
-    ASSERT_EQ(Words(behind.begin(), behind.begin() + 21), Words(21, 0xEEEE));
-}
-
-void expect_literal_pictures() {
-    std::mt19937 random(1);
-    for (uint16_t count = 0; count < 700; ++count) {
-        for (const unsigned longest : {2u, 40u, 300u}) {
-            expect_literal(picture(random, count, longest), count, 1, 2 + random() % 50);
-        }
-    }
-    // Chunks meet in all sorts of places, and runs are too long for one word.
-    for (const unsigned longest : {2u, 5'000u, 70'000u, 300'000u}) {
-        for (int i = 0; i < 2; ++i) {
-            const auto width = static_cast<uint16_t>(900 + random() % 200);
-            expect_literal(picture(random, size_t{width} * 300, longest), width, 300, 2);
-        }
-    }
-    for (const uint32_t run : {65534u, 65535u}) {
-        for (const uint32_t more : {0u, 1u, 2u, 65535u, 65536u}) {
-            Words pixels(run + more, 0x8001);
-            pixels.resize(size_t{3} * 65535, 0x8002);
-            expect_literal(pixels, 65535, 3, 2);
-        }
-    }
-}
-
-TEST(FastPaths, EncodeLiterallyWithAnyInstructions) {
-    // The lowest bit is the best set of instructions; Arm has one and nothing to choose from.
-#if defined(__x86_64__)
-    const int64_t available = hwy::SupportedTargets();
-    for (int64_t targets = available; targets != 0; targets &= targets - 1) {
-        SCOPED_TRACE(hwy::TargetName(targets & -targets));
-        hwy::GetChosenTarget().Update(targets);
-        expect_literal_pictures();
-    }
-    hwy::GetChosenTarget().Update(available);
-#else
-    expect_literal_pictures();
-#endif
-}
 
 TEST(FastPaths, ChecksumAsByTheTable) {
     std::mt19937 random(1);
@@ -138,8 +64,8 @@ TEST(FastPaths, NothingIsAllocatedForAFrame) {
     const test::Bytes alive = test::frame(ControlMessage);
     const test::Chatter chatter(link, alive);
 
-    std::mt19937 random(1);
-    const Words pixels = picture(random, 10'000, 300);
+    std::vector<uint16_t> pixels(10'000, 0xFFFF);
+    for (size_t i = 0; i < pixels.size(); i += 1 + i / 10) pixels[i] = 0xF00F;
     communicator->OnDataReceived(alive.data(), alive.size(), {}, true);
     const uint64_t before = allocations;
     ASSERT_GT(before, 0u);  // they are counted

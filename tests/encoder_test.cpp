@@ -1,0 +1,199 @@
+// The encoder, exhaustively: with each set of vector instructions it writes the reference's words,
+// and both decoders turn these into the same pixels.
+#include <gtest/gtest.h>
+#if defined(__x86_64__)
+#include <hwy/targets.h>
+#endif
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string_view>
+#include <vector>
+
+#include "devkit/companion/image_decoder.h"
+#include "protocol/image.h"
+#include "tests/support/literal_encoder.h"
+
+namespace {
+
+using namespace guilink;
+using Words = std::vector<uint16_t>;
+
+constexpr uint16_t KINDS[] = {0, 0x0FFF, 0x1000, 0xFFFF};  // transparent up to 0x0FFF
+
+#if defined(NDEBUG)
+constexpr size_t EXHAUSTIVE = 12;  // pixels: 22 million images
+constexpr size_t STEP = 1;
+#else
+constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times as much
+constexpr size_t STEP = 7;        // and of the other exhaustive tests every seventh image is enough
+#endif
+constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;
+
+constexpr size_t AT = 21;  // words of a frame's header
+
+// Those of the processor, but for the ones that run_ends.cpp leaves out. The lowest bit is the one
+// in use.
+std::vector<int64_t> instruction_sets() {
+#if defined(__x86_64__)
+    std::vector<int64_t> sets;
+    constexpr int64_t LEFT_OUT = HWY_SSSE3 | HWY_AVX3 | HWY_EMU128;
+    for (int64_t set = hwy::SupportedTargets() & ~LEFT_OUT; set != 0; set &= set - 1) {
+        sets.push_back(set);
+    }
+    return sets;
+#else
+    return {0};
+#endif
+}
+
+void use([[maybe_unused]] int64_t set) {
+#if defined(__x86_64__)
+    hwy::GetChosenTarget().Update(set);
+#endif
+}
+
+class Encoder : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_NE(m_python, nullptr); }
+    void TearDown() override {
+        ASSERT_EQ(pclose(m_python), 0);
+        use(m_sets.front());
+    }
+
+    // What is not as it should be: the words from AT on, their growth, what is decoded of them.
+    std::string_view wrong(const Words& pixels, uint16_t width, uint16_t height, bool in_python) {
+        m_expected.assign(2, 0);
+        const uint64_t bytes = encode_literally(pixels.data(), width, height, m_expected);
+        size_t grown = AT + 2;
+        while (grown < AT + bytes / 2) grown *= 2;
+        for (const int64_t set : m_sets) {
+            use(set);
+            m_words.assign(AT + 2, 0xEEEE);
+            if (EncodeImage(pixels.data(), width, height, m_words, AT) != bytes) return "length";
+            if (m_words.size() != grown) return "growth";
+            if (m_words[AT - 1] != 0xEEEE) return "begin";
+            if (std::memcmp(&m_words[AT], m_expected.data(), bytes) != 0) return "words";
+        }
+
+        const auto* const payload = reinterpret_cast<const unsigned char*>(m_expected.data());
+        decode_image({payload, bytes}, m_image);
+        if (m_image.width != width || m_image.height != height) return "size";
+        m_shown = pixels;
+        for (size_t i = 1; i < m_shown.size(); ++i) {
+            if (m_shown[i] <= 0x0FFF) m_shown[i] = 0;
+        }
+        m_shown.back() = m_shown.size() > 1 ? m_shown[m_shown.size() - 2] : uint16_t{0};
+        if (m_image.pixels != m_shown) return "decoded pixels";
+        if (in_python) {
+            const uint32_t sizes[] = {static_cast<uint32_t>(bytes), uint32_t{width} * height};
+            std::fwrite(sizes, sizeof sizes, 1, m_python);
+            std::fwrite(payload, bytes, 1, m_python);
+            std::fwrite(m_shown.data(), 2, m_shown.size(), m_python);
+        }
+        return "";
+    }
+
+  private:
+    const std::vector<int64_t> m_sets = instruction_sets();
+    std::FILE* const m_python = popen(SECOND_DECODER, "w");
+    Words m_expected;
+    Words m_words;
+    Words m_shown;
+    Image m_image;
+};
+
+class EncoderFrom : public Encoder, public ::testing::WithParamInterface<uint16_t> {};
+INSTANTIATE_TEST_SUITE_P(Each, EncoderFrom, ::testing::ValuesIn(KINDS));
+
+TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
+    for (size_t count = 1; count <= EXHAUSTIVE; ++count) {
+        const bool in_python = count <= EXHAUSTIVE_IN_PYTHON;
+        const auto height = static_cast<uint16_t>(in_python && count % 2 == 0 ? 2 : 1);
+        const auto width = static_cast<uint16_t>(count / height);
+        Words pixels(count, GetParam());
+        for (size_t digits = 0; digits >> 2 * (count - 1) == 0; ++digits) {
+            for (size_t i = 1; i < count; ++i) pixels[i] = KINDS[digits >> 2 * (i - 1) & 3];
+            ASSERT_EQ(wrong(pixels, width, height, in_python), "") << digits;
+        }
+    }
+}
+
+// Eight pixels and their neighbour decide what the vectors of 8 compress. All such nines, once
+// each, at each place of the blocks of 32 that are read together.
+TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
+    constexpr size_t COUNT = size_t{1} << 18;
+    Words pixels(9, KINDS[0]);
+    std::vector<bool> seen(COUNT);
+    size_t window = 0;
+    while (!seen[window]) {  // a de Bruijn sequence: always the largest digit that is new
+        seen[window] = true;
+        size_t digit = 3;
+        const auto next = [&] { return (window << 2 | digit) % COUNT; };
+        while (digit > 0 && seen[next()]) --digit;
+        pixels.push_back(KINDS[digit]);
+        window = next();
+    }
+    ASSERT_EQ(pixels.size(), COUNT + 9);
+    pixels.resize(513 * 512);
+    for (size_t place = 0; place < 32; place += STEP) {
+        ASSERT_EQ(wrong(pixels, 513, 512, false), "") << place;
+        std::rotate(pixels.begin(), pixels.end() - STEP, pixels.end());
+    }
+}
+
+// Blocks in which no run ends are skipped: three runs of any kinds, their ends anywhere in two
+// blocks and their rest.
+TEST_F(Encoder, EveryTwoRunEnds) {
+    constexpr size_t COUNT = 70;
+    Words pixels(COUNT);
+    for (size_t kinds = 0; kinds < 64; kinds += STEP) {
+        for (size_t first = 0; first < COUNT; ++first) {
+            std::fill(pixels.begin(), pixels.end(), KINDS[kinds % 4]);
+            for (size_t second = COUNT; second > first; --second) {
+                std::fill_n(pixels.data() + first, second - first, KINDS[kinds / 4 % 4]);
+                std::fill_n(pixels.data() + second, COUNT - second, KINDS[kinds / 16]);
+                ASSERT_EQ(wrong(pixels, COUNT, 1, false), "") << kinds;
+            }
+        }
+    }
+}
+
+// A block, a chunk, one word and two, with up to two pixels before and behind.
+TEST_F(Encoder, EveryRunAroundTheLimits) {
+    for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
+        for (size_t i = 0; i < 5 * 3 * 3 * 2; i += STEP) {
+            Words pixels(i / 5 % 3, 0xFFFF);
+            pixels.resize(pixels.size() + limit - 2 + i % 5, KINDS[1 + i / 45]);
+            pixels.resize(pixels.size() + i / 15 % 3, 0);
+            pixels.shrink_to_fit();
+            size_t height = 1;
+            while (pixels.size() % height != 0 || pixels.size() / height > 65535) ++height;
+            if (height > 65535) continue;  // a prime number of pixels is no image
+            const auto width = static_cast<uint16_t>(pixels.size() / height);
+            const auto rows = static_cast<uint16_t>(height);
+            ASSERT_EQ(wrong(pixels, width, rows, true), "") << limit << "," << i;
+        }
+    }
+}
+
+// Every single bit as a pixel, images that end anywhere in a block and beyond one and two chunks.
+TEST_F(Encoder, RandomRuns) {
+    std::mt19937 random(1);
+    for (size_t count = 1; count < 9'000; count += 1 + count / 100) {
+        for (const unsigned longest : {2u, 40u, 300u, 5'000u}) {
+            Words pixels;
+            pixels.reserve(count);
+            while (pixels.size() < count) {
+                const size_t end = pixels.size() + 1 + random() % longest;
+                const auto bit = static_cast<uint16_t>(1u << random() % 16);
+                pixels.resize(std::min(end, count), random() % 2 == 0 ? bit : KINDS[random() % 4]);
+            }
+            ASSERT_EQ(wrong(pixels, static_cast<uint16_t>(count), 1, false), "") << count;
+        }
+    }
+}
+
+}  // namespace
