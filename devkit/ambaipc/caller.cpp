@@ -26,7 +26,7 @@ const char* refusal(CallStatus status) {
         case CallStatus::too_short:
             return "the service found the message too short";
         case CallStatus::too_long:
-            return "the argument is too long for a call";
+            return "the argument is longer than a call can carry";
         case CallStatus::unregistered:
             return "the service has just unregistered the program";
     }
