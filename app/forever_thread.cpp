@@ -3,19 +3,20 @@
 #include <pthread.h>
 
 #include <condition_variable>
-#include <mutex>
+
+#include "base/mutex.h"
 
 namespace {
 
 // Never destroyed: the destructor would wait for the waiting thread, and exit would never return.
-std::condition_variable& foreverThreadCond = *new std::condition_variable;
-std::mutex foreverThreadMutex;
-bool foreverThreadFlag = false;
+std::condition_variable_any& foreverThreadCond = *new std::condition_variable_any;
+Mutex foreverThreadMutex;
+bool foreverThreadFlag GUARDED_BY(foreverThreadMutex) = false;
 
 }  // namespace
 
 void foreverThread() {
     pthread_setname_np(pthread_self(), "idle");
-    std::unique_lock lock(foreverThreadMutex);
+    Lock lock(foreverThreadMutex);
     while (!foreverThreadFlag) foreverThreadCond.wait(lock);
 }

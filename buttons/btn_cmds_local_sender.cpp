@@ -35,7 +35,7 @@ const std::map<Net, Local>& BtnCmdsLocalSender::m_buttons_map = *new std::map<Ne
     {Net::Button14, Local::Message114}, {Net::Button15, Local::Message115},
 };
 
-std::mutex BtnCmdsLocalSender::m_send_mutex;
+Mutex BtnCmdsLocalSender::m_send_mutex;
 
 std::shared_ptr<BtnCmdsLocalSender> BtnCmdsLocalSender::getInstance() {
     static const auto& instance =
@@ -74,7 +74,7 @@ std::string BtnCmdsLocalSender::_serializeToJson(const ButtonCmdNetId& id) {
 }
 
 void BtnCmdsLocalSender::send(const ButtonCmdNetId& id) {
-    const std::lock_guard lock(m_send_mutex);
+    const Lock lock(m_send_mutex);
     const std::string json = _serializeToJson(id);
     if (json.empty()) {
         write_line(STDERR_FILENO, "Error: empty json btn cmd string");

@@ -10,8 +10,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include "base/mutex.h"
 
 // The button numbers that travel on the link.
 enum class ButtonCmdNetId : int32_t {
@@ -68,11 +69,11 @@ class BtnCmdsLocalSender {
     void send(const ButtonCmdNetId& id);
 
   private:
-    static std::string _serializeToJson(const ButtonCmdNetId& id);
+    static std::string _serializeToJson(const ButtonCmdNetId& id) REQUIRES(m_send_mutex);
 
     static const std::map<ButtonCmdNetId, ButtonCmdLocalId>& m_buttons_map;
 
-    static std::mutex m_send_mutex;  // guards the last command
+    static Mutex m_send_mutex;  // held for one send
     const int m_socket;
     sockaddr_in m_destination = {};
 };

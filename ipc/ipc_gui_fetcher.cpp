@@ -35,12 +35,12 @@ std::string& IpcGuiFetcher::ID = *new std::string("11111");
 const std::string& IpcGuiFetcher::fw = *new std::string("fw1.1");
 std::shared_ptr<IpcGuiFetcher>& IpcGuiFetcher::m_guiFetcher = *new std::shared_ptr<IpcGuiFetcher>;
 std::atomic<bool> IpcGuiFetcher::m_published{false};
-std::mutex IpcGuiFetcher::m_instanceMutex;
+Mutex IpcGuiFetcher::m_instanceMutex;
 std::map<uint64_t, std::shared_ptr<unsigned char>>& IpcGuiFetcher::cached_buffers =
     *new std::map<uint64_t, std::shared_ptr<unsigned char>>;
 
 std::shared_ptr<IpcGuiFetcher> IpcGuiFetcher::getInstance() {
-    const std::lock_guard lock(m_instanceMutex);
+    const Lock lock(m_instanceMutex);
     if (m_guiFetcher == nullptr) {
         m_guiFetcher.reset(new IpcGuiFetcher);
         m_published = true;
@@ -94,7 +94,7 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
     }
 
     {
-        const std::lock_guard lock(fetcher.m_comLibMutex);
+        const Lock lock(fetcher.m_comLibMutex);
         // Deliberate: the size mapped last, not the announced one; all buffers have one size.
         if (fetcher.m_comLib != nullptr) fetcher.m_comLib->push_frame(frame, fetcher.m_mappedSize);
     }
@@ -126,7 +126,7 @@ void IpcGuiFetcher::ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_S
         std::exit(1);
     }
     {
-        const std::lock_guard lock(fetcher->m_comLibMutex);
+        const Lock lock(fetcher->m_comLibMutex);
         fetcher->m_comLib.swap(facade);
     }
     // The old facade is destroyed here, on this thread. Frames already go to the new one.

@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "base/mutex.h"
 #include "ipc/ambaipc.h"
 
 class ComLibInterface;
@@ -56,14 +56,14 @@ class IpcGuiFetcher {
     unsigned char* m_mappedBuffer = nullptr;
     uint64_t m_mappedSize = 0;
 
-    std::shared_ptr<ComLibInterface> m_comLib;
-    std::mutex m_comLibMutex;  // guards m_comLib; held while a frame is pushed, to keep it alive
+    std::shared_ptr<ComLibInterface> m_comLib GUARDED_BY(m_comLibMutex);
+    Mutex m_comLibMutex;  // held while a frame is pushed, to keep the facade alive
 
     static std::string& ID;        // of the first facade; a QR body does not change it
     static const std::string& fw;  // firmware version text
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
     static std::atomic<bool> m_published;  // m_guiFetcher is set and stays as it is
-    static std::mutex m_instanceMutex;     // held while the fetcher is constructed
+    static Mutex m_instanceMutex;          // held while the fetcher is constructed
     // By physical address. Never shrinks: a display cycles through a few buffers.
     static std::map<uint64_t, std::shared_ptr<unsigned char>>& cached_buffers;
 };

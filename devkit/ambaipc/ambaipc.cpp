@@ -4,6 +4,7 @@
 // program never overlap, and a silent caller delays no other. A caller's mistake is answered with a
 // status and does not affect other callers. An exception from a procedure ends the process.
 #include "ipc/ambaipc.h"
+#include "base/mutex.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -16,7 +17,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -49,7 +49,7 @@ struct Slot {
 // handler that called exit may have interrupted any code.
 constinit std::array<Slot, MAX_PROGRAMS> slots;
 constinit std::atomic<size_t> slots_used{0};
-constinit std::mutex register_mutex;  // one registration at a time; unregistering never takes it
+constinit Mutex register_mutex;  // one registration at a time; unregistering never takes it
 
 uint64_t key_of(uint32_t program, uint32_t version) {
     return uint64_t{program} << 32 | version;
@@ -203,7 +203,7 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
     try {
         if (!name || !info || info->count < 1 || !info->procedures)
             throw std::runtime_error("it needs a name and at least one procedure");
-        const std::lock_guard lock(register_mutex);
+        const Lock lock(register_mutex);
         Slot& slot = free_slot(key_of(program, version));
         listener = listen_for(program, version);
         std::thread thread([service = Program(name, *info, slot, listener), program]() mutable {

@@ -74,7 +74,7 @@ bool Companion::send_text(const std::string& text) {
 
 bool Companion::enqueue(Message message) {
     {
-        const std::lock_guard lock(m_waiting_mutex);
+        const Lock lock(m_waiting_mutex);
         if (m_waiting.size() == MAX_WAITING) return false;
         m_waiting.push_back(std::move(message));
     }
@@ -210,7 +210,7 @@ void Companion::talk(Connection& connection) {
 void Companion::send_waiting() {
     if (m_link == nullptr || !m_link->answered) return;
     if (!m_link->image_seen && m_link->requests < REQUESTS_WITHOUT_IMAGE) return;
-    const std::lock_guard lock(m_waiting_mutex);
+    const Lock lock(m_waiting_mutex);
     while (!m_waiting.empty() && !m_link->wants_to_write() && !m_link->ended()) {
         m_link->send(m_waiting.front().type, m_waiting.front().payload);
         m_waiting.pop_front();

@@ -20,12 +20,12 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/mutex.h"
 #include "devkit/companion/connection.h"
 #include "devkit/companion/discovery_answerer.h"
 #include "net/net_socket.h"
@@ -95,8 +95,8 @@ class Companion {
     LinkStatus m_status;
     Clock::time_point m_next_accept = {};
 
-    std::mutex m_waiting_mutex;
-    std::deque<Message> m_waiting;  // guarded by m_waiting_mutex
+    Mutex m_waiting_mutex;
+    std::deque<Message> m_waiting GUARDED_BY(m_waiting_mutex);
 
     std::atomic<bool> m_stop{false};
     std::thread m_thread;

@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <mutex>
 #include <stdexcept>
 
+#include "base/mutex.h"
 #include "devkit/companion/companion.h"
 #include "devkit/viewer/labels.h"
 #include "devkit/viewer/listening_address.h"
@@ -68,30 +68,32 @@ void serve(const ServeOptions& options) {
 
     // The server must outlive the companion, which publishes to it. Presses are dropped while there
     // is no companion.
-    std::mutex mutex;  // guards companion; held while it is used, so that it cannot be destroyed
-    Companion* companion = nullptr;
+    struct {
+        Mutex mutex;  // held while the companion is used, so that it cannot be destroyed
+        Companion* companion GUARDED_BY(mutex) = nullptr;
+    } shared;
     WebServer server(listener, labels,
                      {[&](uint8_t button) {
-                          const std::lock_guard lock(mutex);
-                          if (companion != nullptr) companion->press(button);
+                          const Lock lock(shared.mutex);
+                          if (shared.companion != nullptr) shared.companion->press(button);
                       },
                       [&](const std::string& text) {
-                          const std::lock_guard lock(mutex);
-                          if (companion != nullptr) companion->send_text(text);
+                          const Lock lock(shared.mutex);
+                          if (shared.companion != nullptr) shared.companion->send_text(text);
                       }});
     Companion link({[&](const LinkStatus& status) { server.publish_status(status); },
                     [&](const Companion::Payload& payload) { server.publish_image(payload); },
                     {}});
     {
-        const std::lock_guard lock(mutex);
-        companion = &link;
+        const Lock lock(shared.mutex);
+        shared.companion = &link;
     }
     std::cout << "Open this page to see the device: " << url_of(listener) << std::endl;
 
     int signal = 0;
     sigwait(&signals, &signal);
-    const std::lock_guard lock(mutex);
-    companion = nullptr;
+    const Lock lock(shared.mutex);
+    shared.companion = nullptr;
 }
 
 }  // namespace guilink

@@ -3,9 +3,9 @@
 #include <condition_variable>
 #include <iomanip>
 #include <iostream>
-#include <mutex>
 #include <stdexcept>
 
+#include "base/mutex.h"
 #include "devkit/companion/companion.h"
 #include "devkit/viewer/png_file.h"
 
@@ -21,13 +21,13 @@ class Received {
     explicit Received(Clock::time_point deadline) : m_deadline(deadline) {}
 
     void status(const LinkStatus& status) {
-        const std::lock_guard lock(m_mutex);
+        const Lock lock(m_mutex);
         if (status.linked) m_status = status;  // print() wants the last link
         m_changed.notify_all();
     }
 
     void image(const Companion::Payload& payload) {
-        const std::lock_guard lock(m_mutex);
+        const Lock lock(m_mutex);
         m_newest = payload;
         m_last_time = Clock::now();
         if (++m_images == 1) m_first_time = m_last_time;
@@ -38,8 +38,8 @@ class Received {
     // Waits for that many images and for the identity, after which presses go out at once. Returns
     // the number of images received.
     uint64_t wait_for_images(uint64_t count) {
-        std::unique_lock lock(m_mutex);
-        if (!m_changed.wait_until(lock, m_deadline, [&] {
+        Lock lock(m_mutex);
+        if (!m_changed.wait_until(lock, m_deadline, [&]() REQUIRES(m_mutex) {
                 return m_images >= count && !m_status.identity.empty();
             })) {
             throw std::runtime_error(
@@ -54,12 +54,12 @@ class Received {
     }
 
     Companion::Payload newest() {
-        const std::lock_guard lock(m_mutex);
+        const Lock lock(m_mutex);
         return m_newest;
     }
 
     void print() {
-        const std::lock_guard lock(m_mutex);
+        const Lock lock(m_mutex);
         const std::chrono::duration<double> time = m_last_time - m_first_time;
         const double rate = m_images > 1 ? static_cast<double>(m_images - 1) / time.count() : 0;
         std::cout << "device    " << m_status.address << '\n'
@@ -71,14 +71,14 @@ class Received {
 
   private:
     const Clock::time_point m_deadline;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    LinkStatus m_status;
-    Companion::Payload m_newest;
-    uint64_t m_images = 0;
-    uint64_t m_bytes = 0;
-    Clock::time_point m_first_time;
-    Clock::time_point m_last_time;
+    Mutex m_mutex;
+    std::condition_variable_any m_changed;
+    LinkStatus m_status GUARDED_BY(m_mutex);
+    Companion::Payload m_newest GUARDED_BY(m_mutex);
+    uint64_t m_images GUARDED_BY(m_mutex) = 0;
+    uint64_t m_bytes GUARDED_BY(m_mutex) = 0;
+    Clock::time_point m_first_time GUARDED_BY(m_mutex);
+    Clock::time_point m_last_time GUARDED_BY(m_mutex);
 };
 
 }  // namespace

@@ -18,14 +18,14 @@ WebServer::~WebServer() {
 }
 
 void WebServer::publish_image(const Companion::Payload& payload) {
-    const std::lock_guard lock(m_published_mutex);
+    const Lock lock(m_published_mutex);
     m_published.skipped += m_published.image != nullptr;
     m_published.image = payload;
     post();
 }
 
 void WebServer::publish_status(const LinkStatus& status) {
-    const std::lock_guard lock(m_published_mutex);
+    const Lock lock(m_published_mutex);
     m_published.status = status;
     if (!status.linked) m_published.image = nullptr;
     post();
@@ -39,7 +39,7 @@ void WebServer::post() {
 void WebServer::take_published() {
     Published published;
     {
-        const std::lock_guard lock(m_published_mutex);
+        const Lock lock(m_published_mutex);
         published = std::exchange(m_published, {});
     }
     if (published.status) m_sessions.offer_status(*published.status);

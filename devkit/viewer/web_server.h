@@ -4,11 +4,11 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
+#include "base/mutex.h"
 #include "devkit/companion/companion.h"
 #include "devkit/viewer/sessions.h"
 
@@ -37,11 +37,11 @@ class WebServer {
         bool posted = false;  // the event loop will take it
     };
 
-    void post();  // the caller holds m_published_mutex
+    void post() REQUIRES(m_published_mutex);
     void take_published();
 
-    std::mutex m_published_mutex;
-    Published m_published;  // guarded by m_published_mutex
+    Mutex m_published_mutex;
+    Published m_published GUARDED_BY(m_published_mutex);
 
     Sessions m_sessions;
     std::thread m_thread;
