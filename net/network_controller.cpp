@@ -23,7 +23,7 @@ constexpr unsigned short PEER_PORT = 8399;     // TCP, a companion listens there
 constexpr auto SWEEP_INTERVAL = 1s;            // a candidate has about this long to be accepted
 constexpr size_t MAX_CANDIDATES = 32;          // each costs a socket and a thread
 constexpr unsigned MAX_TURNS_OF_HOST = 8;      // in a sweep; bounds the connections to one host
-constexpr size_t MAX_HOSTS = 1024;             // remembered; beyond it all turns are forgotten
+constexpr size_t MAX_HOSTS = 1024;             // with turns; no others are admitted in a sweep
 constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then it is another candidate's turn
 
 // How often a host has been a candidate.
@@ -79,10 +79,10 @@ struct NetworkController::State {
 };
 
 // Whether there is a place for a candidate. Hosts that had fewer turns go first: when all places
-// are taken, the longest listed candidate of the host with the most turns makes room for another
-// host.
+// are taken, the host with the most turns makes room for another one. Of several such hosts it is
+// one that is not connected (answers can be spoofed), or else the one that was listed first.
 bool NetworkController::State::admit(uint32_t host) {
-    if (m_turns.size() == MAX_HOSTS && !m_turns.contains(host)) m_turns.clear();
+    if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];
     const auto is_of_host = [host](const auto& unit) { return unit->address() == host; };
     if (turns.in_sweep >= MAX_TURNS_OF_HOST ||
@@ -91,10 +91,11 @@ bool NetworkController::State::admit(uint32_t host) {
         return false;
     }
     if (m_candidates.size() + m_connecting >= MAX_CANDIDATES) {
-        const auto turns_of = [this](const auto& unit)
-                                  REQUIRES(m_mutex) { return m_turns[unit->address()].since_link; };
+        const auto turns_of = [this](const auto& unit) REQUIRES(m_mutex) {
+            return std::pair(m_turns[unit->address()].since_link, !unit->connected());
+        };
         const auto most = std::ranges::max_element(m_candidates, {}, turns_of);
-        if (most == m_candidates.end() || turns_of(*most) <= turns.since_link) return false;
+        if (most == m_candidates.end() || turns_of(*most).first <= turns.since_link) return false;
         drop(m_candidates, most);
     }
     ++turns.since_link;
@@ -142,6 +143,7 @@ void NetworkController::_worker_handler() {
         {
             const Lock lock(state->m_mutex);
             linked = !state->m_current.empty();
+            if (state->m_turns.size() >= MAX_HOSTS) state->m_turns.clear();
             for (auto& [host, turns] : state->m_turns) turns.in_sweep = 0;
         }
         _clear_all(state);

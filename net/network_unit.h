@@ -64,6 +64,9 @@ class NetworkUnit {
     // goes on to its end. Blocks while a send does.
     virtual void stop() = 0;
 
+    // The TCP connection has been established, and stop was not called.
+    virtual bool connected() const = 0;
+
     // No thread of the unit runs any more: destroying it does not block.
     virtual bool stopped() const = 0;
 
@@ -87,5 +90,6 @@ class NetworkUnit {
     std::atomic<bool> _stop{false};               // set by the destructor; ends every loop
     mutable std::atomic<bool> _ping_done{false};  // the discovery sender has finished its wait
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
+    mutable std::atomic<bool> _connected{false};  // the last tcp_connect has succeeded
     mutable std::atomic<int> _running{0};         // threads of discovery and connection
 };

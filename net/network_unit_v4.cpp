@@ -88,6 +88,7 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         // Deliberate: 8 bytes where the system reads 4, which is right on a little-endian machine.
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
+        _connected = false;
         _tcp_stop = false;
         ++_running;
         try {
@@ -164,6 +165,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == _socket->invalid()) {
         return;
     }
+    _connected = true;
 
     // Callbacks may send on the unit that they get.
     auto* const unit = const_cast<NetworkUnitV4*>(this);

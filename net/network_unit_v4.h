@@ -27,6 +27,7 @@ class NetworkUnitV4 : public NetworkUnit {
     void join() override;
     void print_host() const override;
     void stop() override;
+    bool connected() const override { return _connected && !_tcp_stop; }
     bool stopped() const override { return _running == 0; }
     bool send_at_once(const unsigned char* data, unsigned long length) override;
     uint32_t address() const override { return _address; }
