@@ -161,6 +161,8 @@ TEST_F(BadDay, IdentityChangesBackToBackUnderTraffic) {
     Core core;
     for (const char* const id : {"QRQR1", "QRQR2", "QRQR3", "QRQR4", "QRQR5"}) {
         EXPECT_TRUE(wait_until([&] { return core.send_qr_body(id); }));
+        const Bytes identity = frame(IdentityMessage, bytes(id + std::string("fw1.1")));
+        EXPECT_TRUE(wait_until([&] { return m_peer.hear() == identity; }));
     }
 }
 
