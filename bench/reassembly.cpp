@@ -19,13 +19,6 @@ std::vector<unsigned char> many_frames() {
     return all;
 }
 
-template <typename Field>
-Field field(const unsigned char* at) {
-    Field value;
-    std::memcpy(&value, at, sizeof value);
-    return value;
-}
-
 void reassemble(benchmark::State& state) {
     const auto bytes = many_frames();
     uint64_t messages = 0;
@@ -51,14 +44,13 @@ void bare_loop(benchmark::State& state) {
     for ([[maybe_unused]] auto round : state) {
         for (size_t i = 0; i + HEADER_SIZE <= bytes.size(); i += HEADER_SIZE) {
             const unsigned char* const frame = &bytes[i];
-            const auto length = field<uint32_t>(frame + LENGTH_OFFSET);
+            const FrameHeader header = ReadHeader(frame);
             if (std::memcmp(frame, STARTING_SEQUENCE.data(), STARTING_SEQUENCE.size()) == 0 &&
-                length <= MAX_SIZE &&
-                Crc32(frame + HEADER_SIZE, length) == field<uint32_t>(frame + CHECKSUM_OFFSET)) {
+                header.length <= MAX_SIZE &&
+                Crc32(frame + HEADER_SIZE, header.length) == header.checksum) {
                 std::unique_lock lock(mutex, std::defer_lock);
                 if (LOCKED) lock.lock();
-                handler(field<uint16_t>(frame + TYPE_OFFSET),
-                        {frame + HEADER_SIZE, frame + HEADER_SIZE + length});
+                handler(header.type, {frame + HEADER_SIZE, frame + HEADER_SIZE + header.length});
             }
         }
     }

@@ -14,12 +14,13 @@
 #include "base/mutex.h"
 #include "base/write_line.h"
 #include "net/network_unit_v4.h"
+#include "net/ports.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr unsigned short PEER_PORT = 8399;     // TCP, a companion listens there
+constexpr unsigned short PEER_PORT = LINK_PORT;
 constexpr auto SWEEP_INTERVAL = 1s;            // a candidate has about this long to be accepted
 constexpr size_t MAX_CANDIDATES = 32;          // each costs a socket and a thread
 constexpr unsigned MAX_TURNS_OF_HOST = 8;      // in a sweep; bounds the connections to one host

@@ -14,19 +14,18 @@
 
 #include "base/write_line.h"
 #include "net/network_unit_v4.h"
+#include "net/ports.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int POLL_TIMEOUT = 3000;           // ms; until a receiver looks at its flags again
-constexpr timeval SEND_TIMEOUT = {3, 0};     // s; an unreachable host must not hold up the sweep
-constexpr auto ANSWER_WAIT = 3s;             // for answers after the last request
-constexpr auto REQUEST_PAUSE = 1ms;          // before each echo request, to spare the network
-constexpr uint32_t SWEEP_LIMIT = 256;        // addresses; of a larger subnet only the first ones
-constexpr uint16_t DESTINATION_PORT = 3152;  // UDP, a companion listens there
-constexpr uint16_t LOCAL_PORT = 3153;        // UDP, answers arrive there
-constexpr size_t IP_HEADER_SIZE = 20;        // bytes; headers with options are not expected
+constexpr int POLL_TIMEOUT = 3000;        // ms; until a receiver looks at its flags again
+constexpr timeval SEND_TIMEOUT = {3, 0};  // s; an unreachable host must not hold up the sweep
+constexpr auto ANSWER_WAIT = 3s;          // for answers after the last request
+constexpr auto REQUEST_PAUSE = 1ms;       // before each echo request, to spare the network
+constexpr uint32_t SWEEP_LIMIT = 256;     // addresses; of a larger subnet only the first ones
+constexpr size_t IP_HEADER_SIZE = 20;     // bytes; headers with options are not expected
 
 // Echo request: type 8, code 0, checksum, identifier 0, sequence number 0, 20 bytes of data.
 constexpr std::array<unsigned char, 28> ECHO_REQUEST = {ICMP_ECHO, 0, 0xF7, 0xFF};
@@ -169,13 +168,13 @@ void NetworkUnitV4::_udp_ping_send(const UnitFoundCallback& on_found) const {
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // overlapping sweeps share the port
     setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
 
-    const sockaddr_in local = endpoint(_address, LOCAL_PORT);
+    const sockaddr_in local = endpoint(_address, ANSWER_PORT);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == -1) {
         _ping_done = true;
         return;  // Deliberate: destroying the joinable receiver calls std::terminate.
     }
     send_to(fd, _ping_packet.data(), _ping_packet.size(),
-            endpoint(_address | ~_mask, DESTINATION_PORT));
+            endpoint(_address | ~_mask, DISCOVERY_PORT));
 
     std::this_thread::sleep_for(ANSWER_WAIT);
     _ping_done = true;

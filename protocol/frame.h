@@ -14,6 +14,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 inline constexpr std::array<unsigned char, 32> STARTING_SEQUENCE = {
@@ -25,9 +26,11 @@ inline constexpr size_t LENGTH_OFFSET = 36;
 inline constexpr size_t TYPE_OFFSET = 40;
 inline constexpr size_t HEADER_SIZE = 42;
 
-// The builder takes payloads up to this size; a receiver takes header and payload together up to
-// this size. The two limits differ by the header on purpose.
+// Bytes. Deliberate: the builder accepts payloads of this size, a receiver frames of this size,
+// header included.
 inline constexpr uint64_t MAX_SIZE = 0x100000;
+
+inline constexpr size_t ID_SIZE = 5;  // bytes of a device's identity
 
 // Only the numbers travel on the wire.
 enum MessageType : uint16_t {
@@ -39,6 +42,21 @@ enum MessageType : uint16_t {
     IdentityRequest = 5,  // companion to device: answered by an IdentityMessage
     DataMessage = 6,      // both: text
 };
+
+struct FrameHeader {
+    uint32_t checksum;
+    uint32_t length;  // of the payload, in bytes
+    uint16_t type;
+};
+
+// Reads the header at frame, HEADER_SIZE bytes. Does not look at the start sequence.
+inline FrameHeader ReadHeader(const unsigned char* frame) {
+    FrameHeader header;
+    std::memcpy(&header.checksum, frame + CHECKSUM_OFFSET, sizeof header.checksum);
+    std::memcpy(&header.length, frame + LENGTH_OFFSET, sizeof header.length);
+    std::memcpy(&header.type, frame + TYPE_OFFSET, sizeof header.type);
+    return header;
+}
 
 // Returns the complete frame around a copy of length payload bytes, or an empty vector when length
 // exceeds MAX_SIZE. payload may be null only when length is 0.

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr size_t ID_SIZE = 5;             // bytes of a device id
 constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB, so that a typical screen encodes in place
 
 // An image is encoded into its frame, behind room for the header.
@@ -46,13 +45,6 @@ const unsigned char* find_start(const unsigned char* data, uint64_t count) {
 
 unsigned char* bytes_of(std::vector<uint16_t>& words) {
     return reinterpret_cast<unsigned char*>(words.data());
-}
-
-template <typename Field>
-Field read_field(const unsigned char* at) {
-    Field field;
-    std::memcpy(&field, at, sizeof field);
-    return field;
 }
 
 }  // namespace
@@ -119,16 +111,15 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
     stream.begin = frame;
     if (stream.size() < HEADER_SIZE) return false;
 
-    const auto length = read_field<uint32_t>(frame + LENGTH_OFFSET);
-    const uint64_t size = HEADER_SIZE + uint64_t{length};
+    const FrameHeader header = ReadHeader(frame);
+    const uint64_t size = HEADER_SIZE + uint64_t{header.length};
     if (size > MAX_SIZE) {
         stream.begin = stream.end;
         return false;
     }
     if (stream.size() < size) return false;
-    if (Crc32(frame + HEADER_SIZE, length) == read_field<uint32_t>(frame + CHECKSUM_OFFSET)) {
-        _dispatch(read_field<uint16_t>(frame + TYPE_OFFSET), frame + HEADER_SIZE, length, signal,
-                  deliver_all);
+    if (Crc32(frame + HEADER_SIZE, header.length) == header.checksum) {
+        _dispatch(header.type, frame + HEADER_SIZE, header.length, signal, deliver_all);
     }
     // Deliberate: the length of a damaged frame is trusted, so all that it announces is skipped.
     stream.begin += size;

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "net/ports.h"
 #include "protocol/frame.h"
 
 using namespace std::chrono_literals;
@@ -20,7 +21,6 @@ namespace guilink {
 
 namespace {
 
-constexpr uint16_t LINK_PORT = 8399;            // TCP; devices connect to it
 constexpr auto REQUEST_INTERVAL = 50ms;         // until linked; a candidate lives for about 1 s
 constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;  // then even a slow device has listed the connection
 constexpr auto KEEP_ALIVE_INTERVAL = 400ms;     // the device sends images for 2 s after each
@@ -150,7 +150,6 @@ void Companion::take_frame(Connection& from, uint16_t type,
                            std::span<const unsigned char> payload) {
     switch (type) {
         case IdentityMessage: {
-            constexpr size_t ID_SIZE = 5;
             if (payload.size() < ID_SIZE) return;
             take_as_link(from);
             from.answered = from.requests > 1;

@@ -6,14 +6,14 @@
 #include <stdexcept>
 
 #include "devkit/companion/frame_reader.h"
+#include "net/ports.h"
 #include "protocol/frame.h"
 
 namespace guilink {
 
 namespace {
 
-constexpr uint16_t DISCOVERY_PORT = 3152;  // UDP; devices broadcast to it
-constexpr int MAX_AT_ONCE = 64;            // datagrams; a flood must not starve the link
+constexpr int MAX_AT_ONCE = 64;  // datagrams; a flood must not starve the link
 
 // Whether the datagram is one identity frame and nothing else.
 bool is_identity(std::span<const unsigned char> datagram) {

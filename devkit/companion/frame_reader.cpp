@@ -29,12 +29,7 @@ bool FrameReader::parse(const FrameCallback& on_frame) {
 
     const auto frame = std::span<const unsigned char>(m_buffer).subspan(m_begin);
     if (frame.size() < HEADER_SIZE) return false;
-    uint32_t checksum;
-    uint32_t length;
-    uint16_t type;
-    std::memcpy(&checksum, &frame[CHECKSUM_OFFSET], sizeof checksum);
-    std::memcpy(&length, &frame[LENGTH_OFFSET], sizeof length);
-    std::memcpy(&type, &frame[TYPE_OFFSET], sizeof type);
+    const auto [checksum, length, type] = ReadHeader(frame.data());
     if (length > MAX_SIZE) {
         m_begin += STARTING_SEQUENCE.size();
         return true;

@@ -47,7 +47,7 @@ inline Bytes announcing(uint32_t length, Bytes frame) {
 }
 
 inline uint16_t type_of(const Bytes& frame) {
-    return static_cast<uint16_t>(frame[TYPE_OFFSET] | frame[TYPE_OFFSET + 1] << 8);
+    return ReadHeader(frame.data()).type;
 }
 
 inline Bytes payload_of(const Bytes& frame) {

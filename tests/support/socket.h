@@ -100,9 +100,7 @@ class Socket {
     // The next frame, header and payload.
     Bytes read_frame() const {
         Bytes result = read(HEADER_SIZE);
-        uint32_t length;
-        std::memcpy(&length, &result[LENGTH_OFFSET], sizeof length);
-        const Bytes payload = read(length);
+        const Bytes payload = read(ReadHeader(result.data()).length);
         result.insert(result.end(), payload.begin(), payload.end());
         return result;
     }

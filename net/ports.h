@@ -1,0 +1,8 @@
+// The ports of the link.
+#pragma once
+
+#include <cstdint>
+
+inline constexpr uint16_t LINK_PORT = 8399;       // TCP; a companion listens, the device connects
+inline constexpr uint16_t DISCOVERY_PORT = 3152;  // UDP; a companion listens, the device broadcasts
+inline constexpr uint16_t ANSWER_PORT = 3153;     // UDP; the device listens for answers
