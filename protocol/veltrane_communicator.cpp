@@ -17,13 +17,10 @@ constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB, so that a typical screen enc
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
-// The calling thread's number. A thread receives for one connection; its number, unlike its id, is
-// never used again.
-uint64_t connection_serial() {
-    static std::atomic<uint64_t> last{0};
-    thread_local const uint64_t serial = ++last;
-    return serial;
-}
+// The calling thread's number, 0 until it delivers. A thread receives for one connection; its
+// number, unlike its id, is never used again.
+std::atomic<uint64_t> last_connection{0};
+thread_local uint64_t this_connection = 0;
 
 std::vector<unsigned char> build_identity_frame(const std::string& id,
                                                 const std::string& firmware) {
@@ -69,7 +66,8 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
                                           const std::function<void()>& signal, bool deliver_all) {
     if (count == 0) return;
     const Lock lock(m_receive_mutex);
-    const uint64_t connection = connection_serial();
+    if (this_connection == 0) this_connection = ++last_connection;
+    const uint64_t connection = this_connection;
     const auto kept = m_receive_buffers.find(connection);
     const bool is_kept = kept != m_receive_buffers.end();
     if ((is_kept ? kept->second.size() : 0) + count > MAX_SIZE) {
@@ -151,8 +149,9 @@ void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream) {
 }
 
 void VeltraneCommunicator::OnConnectionEnd() {
+    if (this_connection == 0) return;  // a copy of the callback, gone on another thread
     const Lock lock(m_receive_mutex);
-    m_receive_buffers.erase(connection_serial());
+    m_receive_buffers.erase(this_connection);
 }
 
 void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload, uint32_t length,
