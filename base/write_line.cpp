@@ -11,13 +11,16 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <climits>
 #include <cstring>
+
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr int ROOM = 0x100000;     // bytes that wait for a reader, if the system allows as many
-constexpr int READER_PAUSE = 100;  // ms; a reader that pauses longer within a line has stopped
+constexpr auto LINE_TIME = 100ms;  // the reader has this long for a line that needs several writes
 
 // Trivially destructible: threads go on logging while the process exits.
 struct Stream {
@@ -55,25 +58,35 @@ class Line {
     void flush() {
         if (!m_failed && !write()) {
             m_failed = true;
-            m_stream.dropped += 1 + (m_begun ? 0 : m_dropped_before);
             if (m_begun || m_ends_a_cut_line) m_stream.is_cut = true;
+            m_stream.dropped += 1 + (m_begun ? 0 : m_dropped_before);
         }
-        m_begun = true;
         m_size = 0;
     }
 
   private:
-    bool write() const {
-        pollfd event = {m_descriptor, POLLOUT, 0};
-        if (poll(&event, 1, m_begun ? READER_PAUSE : 0) == 0) return false;
+    bool write() {
+        // A socket refuses by itself what it has no room for; poll would do so far earlier.
+        if (m_begun || !m_stream.is_socket) {
+            using std::chrono::ceil, std::chrono::milliseconds;
+            const auto left = ceil<milliseconds>(m_end - Clock::now()).count();
+            pollfd event = {m_descriptor, POLLOUT, 0};
+            if (poll(&event, 1, m_begun ? std::max(0, static_cast<int>(left)) : 0) == 0)
+                return false;
+        }
         const ssize_t count = m_stream.is_socket
                                   ? ::send(m_descriptor, m_buffer.data(), m_size, MSG_DONTWAIT)
                                   : ::write(m_descriptor, m_buffer.data(), m_size);
-        return count < 0 ? errno != EAGAIN : static_cast<size_t>(count) == m_size;
+        if (count < 0) return errno != EAGAIN;
+        m_begun |= count != 0;  // a terminal may accept a part
+        return static_cast<size_t>(count) == m_size;
     }
+
+    using Clock = std::chrono::steady_clock;
 
     const int m_descriptor;
     Stream& m_stream;
+    const Clock::time_point m_end = Clock::now() + LINE_TIME;
     unsigned m_dropped_before;  // reported at the head of this line
     bool m_ends_a_cut_line = false;
     std::array<char, PIPE_BUF> m_buffer;
@@ -90,11 +103,12 @@ void unblock_standard_streams() {
         if (fstat(stream, &status) != 0) continue;
         streams[static_cast<size_t>(stream)].is_socket = S_ISSOCK(status.st_mode);
         if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) continue;
+        // So that a burst is not lost while the reader reads.
+        if (fcntl(stream, F_GETPIPE_SZ) < ROOM) fcntl(stream, F_SETPIPE_SZ, ROOM);
         // O_NONBLOCK belongs to the open description, which others may share: take a new one.
         const char* const path = stream == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2";
         const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-        if (own < 0) continue;           // poll alone has to do
-        fcntl(own, F_SETPIPE_SZ, ROOM);  // so that a burst is not lost on a reader that reads
+        if (own < 0) continue;  // poll alone has to do
         dup2(own, stream);
         close(own);
     }

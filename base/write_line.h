@@ -12,8 +12,8 @@ void unblock_standard_streams();
 
 // Writes the pieces and a line end to STDOUT_FILENO or STDERR_FILENO. A line of up to PIPE_BUF
 // bytes (4096) is one write, so that lines of several threads never mix. A longer one takes
-// several; it is cut if the reader pauses for longer than 100 ms. Allocates nothing; other failures
-// are ignored.
+// several, and is cut if the reader needs more than 100 ms for it. Allocates nothing; other
+// failures are ignored.
 void write_line(int stream, std::initializer_list<std::string_view> pieces) noexcept;
 
 inline void write_line(int stream, std::string_view text) noexcept {
