@@ -30,7 +30,12 @@ ComLibInterface::ComLibInterface(const std::string& id, const std::string& fw)
         [this](uint16_t type, const std::vector<unsigned char>& payload) {
             _on_message(type, payload);
         });
-    m_sender_thread = std::thread(&ComLibInterface::_sender_loop, this);
+    try {
+        m_sender_thread = std::thread(&ComLibInterface::_sender_loop, this);
+    } catch (...) {
+        m_communicator->SetMessageHandler({});  // it holds this
+        throw;
+    }
 }
 
 ComLibInterface::~ComLibInterface() {

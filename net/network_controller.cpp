@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <list>
 #include <map>
 #include <utility>
@@ -25,6 +26,7 @@ constexpr auto SWEEP_INTERVAL = 1s;            // a candidate has about this lon
 constexpr size_t MAX_CANDIDATES = 32;          // each costs a socket and a thread
 constexpr unsigned MAX_TURNS_OF_HOST = 8;      // in a sweep; bounds the connections to one host
 constexpr size_t MAX_HOSTS = 1024;             // with turns; no others are admitted in a sweep
+constexpr unsigned SWEEPS_REMEMBERED = 60;     // then all hosts start anew
 constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then it is another candidate's turn
 
 // How often a host has been a candidate.
@@ -60,7 +62,10 @@ struct NetworkController::State {
     size_t m_connecting GUARDED_BY(m_mutex) = 0;  // admitted, but not yet listed
     std::map<uint32_t, Turns> m_turns GUARDED_BY(m_mutex);
 
-    Mutex m_examination_mutex;  // one candidate at a time; taken before all others
+    // Candidates are examined one at a time, in the order of their tickets.
+    uint64_t m_last_ticket GUARDED_BY(m_mutex) = 0;
+    uint64_t m_examined_ticket GUARDED_BY(m_mutex) = 1;
+    std::condition_variable_any m_next_examination;
     NetworkUnit* m_pending GUARDED_BY(m_mutex) = nullptr;  // the one being examined
 
     std::weak_ptr<NetworkWorker> m_worker;  // constant
@@ -72,9 +77,11 @@ struct NetworkController::State {
     static Units::iterator find(Units& units, const NetworkUnit* unit) {
         return std::ranges::find(units, unit, &std::unique_ptr<NetworkUnit>::get);
     }
-    bool is_dropped(const NetworkUnit* unit) EXCLUDES(m_mutex) {
+    // Not dropped, and no other one is linked.
+    bool may_speak(const NetworkUnit* unit) EXCLUDES(m_mutex) {
         const Lock lock(m_mutex);
-        return find(m_dropped, unit) != m_dropped.end();
+        return find(m_dropped, unit) == m_dropped.end() &&
+               (m_current.empty() || m_current.front().get() == unit);
     }
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
@@ -139,12 +146,15 @@ void NetworkController::_worker_launcher(NetworkController* controller) {
 
 void NetworkController::_worker_handler() {
     const SharedState& state = m_state;
+    unsigned sweeps = 0;
     while (!state->m_stop) {
         bool linked;
         {
             const Lock lock(state->m_mutex);
             linked = !state->m_current.empty();
-            if (state->m_turns.size() >= MAX_HOSTS) state->m_turns.clear();
+            if (state->m_turns.size() >= MAX_HOSTS || ++sweeps % SWEEPS_REMEMBERED == 0) {
+                state->m_turns.clear();
+            }
             for (auto& [host, turns] : state->m_turns) turns.in_sweep = 0;
         }
         _clear_all(state);
@@ -173,7 +183,7 @@ void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<Ne
     _destroy_stopped(state);  // a refused connection gives its place back here
     {
         const Lock lock(state->m_mutex);
-        if (state->m_stop || !state->admit(unit->address())) return;
+        if (state->m_stop || !state->m_current.empty() || !state->admit(unit->address())) return;
         ++state->m_connecting;
     }
     unit->tcp_connect(PEER_PORT,
@@ -214,26 +224,29 @@ void NetworkController::_data_receive(const SharedState& state, const unsigned c
     }
 }
 
-// One candidate at a time, in small portions: each gets its own answers, and soon. What a dropped
-// one still has to say is not worth the time.
+// One candidate at a time, in small portions: each gets its own answers, and soon. What a candidate
+// still has to say once it is dropped or another one is linked is not examined.
 void NetworkController::_examine(const SharedState& state, const unsigned char* data,
                                  uint64_t length, NetworkUnit* unit, NetworkWorker& worker) {
-    // Resets m_pending on every way out: the unit may be destroyed soon after.
+    // Ends on every way out: others wait, and the unit may be destroyed soon after.
     class Examination {
       public:
-        Examination(State& state, NetworkUnit* unit)
-            : m_state(state), m_examination(state.m_examination_mutex) {
-            const Lock lock(state.m_mutex);
+        Examination(State& state, NetworkUnit* unit) : m_state(state) {
+            Lock lock(state.m_mutex);
+            const uint64_t ticket = ++state.m_last_ticket;
+            state.m_next_examination.wait(
+                lock, [&]() REQUIRES(state.m_mutex) { return state.m_examined_ticket == ticket; });
             state.m_pending = unit;
         }
         ~Examination() {
             const Lock lock(m_state.m_mutex);
             m_state.m_pending = nullptr;
+            ++m_state.m_examined_ticket;
+            m_state.m_next_examination.notify_all();
         }
 
       private:
         State& m_state;
-        const Lock m_examination;
     };
     const auto signal = [&state, unit] {
         write_line(STDOUT_FILENO, "connected");
@@ -242,10 +255,11 @@ void NetworkController::_examine(const SharedState& state, const unsigned char* 
     do {
         const uint64_t portion = std::min(length, EXAMINED_AT_ONCE);
         const Examination examination(*state, unit);
+        if (!state->may_speak(unit)) return;
         worker.OnDataReceived(data, portion, signal, false);
         data += portion;
         length -= portion;
-    } while (length != 0 && !state->is_dropped(unit));
+    } while (length != 0);
 }
 
 void NetworkController::_set_current(const SharedState& state, const NetworkUnit* unit) {
@@ -254,7 +268,7 @@ void NetworkController::_set_current(const SharedState& state, const NetworkUnit
         auto& candidates = state->m_candidates;
         const auto node = State::find(candidates, unit);
         // Not listed yet, or given up: the request has no effect on anybody.
-        if (node == candidates.end()) return;
+        if (node == candidates.end() || !unit->connected()) return;
         auto& current = state->m_current;
         if (!current.empty()) state->drop(current, current.begin());
         current.splice(current.end(), candidates, node);
@@ -272,7 +286,7 @@ void NetworkController::send(const unsigned char* data, uint64_t length) {
     } else if (state.m_pending != nullptr && !state.m_pending->send_at_once(data, length)) {
         auto& candidates = state.m_candidates;
         const auto node = State::find(candidates, state.m_pending);
-        if (node != candidates.end()) state.drop(candidates, node);
+        node != candidates.end() ? state.drop(candidates, node) : state.m_pending->stop();
     }
 }
 

@@ -104,7 +104,7 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
 
 bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
     const Lock lock(_mutex);
-    if (_socket == nullptr || _tcp_stop) return false;
+    if (_socket == nullptr) return false;
     pollfd event = {_socket->descriptor(), POLLOUT, 0};
     if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
     // MSG_NOSIGNAL: a connection that the peer has reset fails like any other, without SIGPIPE.
@@ -114,7 +114,7 @@ bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
 
 bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length) {
     const Lock lock(_mutex);
-    if (_socket == nullptr || _tcp_stop) return false;
+    if (_socket == nullptr) return false;
     const ssize_t sent = ::send(_socket->descriptor(), data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
@@ -162,6 +162,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     peer.sin_addr.s_addr = _address;
     peer.sin_port = htons(port);
     const int fd = _socket->descriptor();
+    if (_tcp_stop) return;
     if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == _socket->invalid()) {
         return;
     }

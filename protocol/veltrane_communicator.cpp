@@ -90,10 +90,10 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
             bytes_remain = _parse_frame(stream, copy, deliver_all);
         } while (bytes_remain);
     } catch (...) {
-        _keep(connection, stream);
+        _keep(connection, stream, deliver_all);
         throw;
     }
-    _keep(connection, stream);
+    _keep(connection, stream, deliver_all);
 }
 
 // Returns true if a frame has been consumed and bytes remain.
@@ -125,7 +125,7 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
 }
 
 // Keeps what a connection's next bytes may complete.
-void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream) {
+void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool is_link) {
     const auto kept = m_receive_buffers.find(connection);
     if (stream.size() == 0) {
         if (kept != m_receive_buffers.end()) m_receive_buffers.erase(kept);
@@ -139,10 +139,10 @@ void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream) {
     uint64_t total = 0;
     for (const auto& [owner, bytes] : m_receive_buffers) total += bytes.size();
     while (total > MAX_SIZE) {
-        const auto size_of_others = [connection](const auto& entry) {
-            return entry.first == connection ? 0 : entry.second.size();
+        const auto may_lose = [&](const auto& entry) {
+            return is_link && entry.first == connection ? 0 : entry.second.size();
         };
-        const auto largest = std::ranges::max_element(m_receive_buffers, {}, size_of_others);
+        const auto largest = std::ranges::max_element(m_receive_buffers, {}, may_lose);
         total -= largest->second.size();
         m_receive_buffers.erase(largest);
     }

@@ -6,7 +6,8 @@
 // The part of a frame that a connection has not completed yet is kept for that connection alone. A
 // damaged stream loses no more than what is buffered: all of it goes without a start sequence, with
 // an announced frame above MAX_SIZE, or with more than MAX_SIZE bytes pending. All connections
-// together keep at most MAX_SIZE bytes; beyond that the one that keeps the most loses them.
+// together keep at most MAX_SIZE bytes; beyond that the one that keeps the most loses them, the
+// link last.
 #pragma once
 
 #include <cstdint>
@@ -54,10 +55,10 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     bool _parse_frame(Stream& stream, const std::function<void()>& signal, bool deliver_all);
     void _dispatch(uint16_t type, const unsigned char* payload, uint32_t length,
                    const std::function<void()>& signal, bool deliver_all);
-    void _keep(uint64_t connection, const Stream& stream) REQUIRES(m_receive_mutex);
+    void _keep(uint64_t connection, const Stream& stream, bool is_link) REQUIRES(m_receive_mutex);
     void _send(const unsigned char* frame, uint64_t size);
 
-    Mutex m_receive_mutex;  // taken before all others
+    Mutex m_receive_mutex;  // taken before the next two
     // Incomplete frames, by connection; an entry is never empty.
     std::map<uint64_t, std::vector<unsigned char>> m_receive_buffers GUARDED_BY(m_receive_mutex);
 

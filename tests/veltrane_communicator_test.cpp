@@ -223,11 +223,13 @@ TEST(VeltraneCommunicator, EachConnectionKeepsItsOwnHalfFrame) {
 
 TEST(VeltraneCommunicator, ConnectionsKeepAMebibyteTogether) {
     Receiver receiver;
-    receiver.feed(first(41, GOOD));
-    for (const size_t kept : {600'000u, 500'000u, 400'000u}) {  // the first one has to go
-        on_a_connection([&] { receiver.feed(first(kept, LARGE)); });
-    }
-    on_a_connection([&] {
+    receiver.feed(first(41, GOOD), false);
+    on_a_connection([&] {  // the largest of them, so it loses its bytes
+        receiver.feed(first(MAX_SIZE - 40, LARGE), false);
+        receiver.feed(rest(MAX_SIZE - 40, LARGE), false);
+    });
+    on_a_connection([&] { receiver.feed(first(900'000, LARGE), false); });
+    on_a_connection([&] {  // the link: others lose theirs
         receiver.feed(first(600'000, LARGE));
         receiver.feed(rest(600'000, LARGE));
     });
