@@ -1,0 +1,62 @@
+// Log lines on a reader that pauses. What the whole service then does is in bad_day_test.cpp.
+#include "base/write_line.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+constexpr size_t MUCH = 4 << 20;  // bytes; no pipe or socket here has room for as many
+
+// Makes a description standard error, as the service does at its start.
+void become_standard_error(int descriptor) {
+    dup2(descriptor, STDERR_FILENO);
+    close(descriptor);
+    unblock_standard_streams();
+}
+
+// Everything that waits for a reader.
+std::string read_all(int reader) {
+    fcntl(reader, F_SETFL, O_NONBLOCK);
+    std::string text;
+    char chunk[65536];
+    ssize_t count;
+    while ((count = read(reader, chunk, sizeof chunk)) > 0) {
+        text.append(chunk, static_cast<size_t>(count));
+    }
+    return text;
+}
+
+// A journal is one.
+TEST(WriteLine, DropsWholeLinesOnAFullSocket) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    become_standard_error(ends[1]);
+    const std::string line(999, '-');
+    constexpr size_t LINES = MUCH / 1000;
+    for (size_t i = 0; i < LINES; ++i) write_line(STDERR_FILENO, line);
+    const std::string written = read_all(ends[0]);
+    EXPECT_GT(written.size(), 0u);
+    EXPECT_EQ(written.size() % 1000, 0u);
+    write_line(STDERR_FILENO, "next");
+    EXPECT_EQ(read_all(ends[0]),
+              std::to_string(LINES - written.size() / 1000) + " lines dropped\nnext\n");
+}
+
+TEST(WriteLine, EndsALineThatWasCut) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    become_standard_error(ends[1]);
+    write_line(STDERR_FILENO, std::string(MUCH, '-'));
+    write_line(STDERR_FILENO, "dropped");
+    const std::string written = read_all(ends[0]);
+    EXPECT_EQ(written, std::string(written.size(), '-'));
+    write_line(STDERR_FILENO, "next");
+    EXPECT_EQ(read_all(ends[0]), "\n2 lines dropped\nnext\n");
+}
+
+}  // namespace
