@@ -1,0 +1,1 @@
+"""Links to a device, shows its GUI to scripts and presses its buttons."""
