@@ -142,6 +142,8 @@ class Companion:
             return (f"no link: the {wanted} was answered at {', '.join(self._answered)} and has not "
                     f"connected; is TCP port {LINK_PORT} open in this machine's firewall?")
         if heard := self._discovery.devices():
+            if not self._device:
+                return f"no link: waiting for {heard[0]} to call again"
             return f"no link: there is no {wanted}; heard: {'; '.join(map(str, heard))}"
         return (f"no link: no {wanted} calls; is it on, in this network, without another companion, and is "
                 "UDP port 3152 open in this machine's firewall?")
@@ -165,8 +167,9 @@ class Companion:
         finally:
             if self._connection:
                 self._drop(self._connection)
-            for source in (self._wake_receiver, self._wake_sender, self._discovery, self._listener):
-                source.close()
+            self._discovery.close()
+            for each in (self._wake_receiver, self._wake_sender, self._listener):
+                each.close()
             with self._changed:
                 self._status = LinkStatus()
                 self._changed.notify_all()

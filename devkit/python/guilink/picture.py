@@ -52,7 +52,8 @@ def encode(pixels: Pixels) -> bytes:
     height, width = pixels.shape
     sent = pixels.reshape(-1)[:-1].astype(np.uint16)
     sent[1:][sent[1:] < OPAQUE_MIN] = 0  # the first pixel travels raw
-    starts = np.flatnonzero(np.concatenate(([True], sent[1:] != sent[:-1]))) if sent.size else []
+    changes = np.flatnonzero(sent[1:] != sent[:-1]) + 1
+    starts = [0, *changes.tolist()] if sent.size else []
     words = [width, height]
     for start, end in zip(starts, [*starts[1:], sent.size]):
         for position in range(start, end, RUN_MAX):

@@ -3,7 +3,7 @@ from __future__ import annotations
 
 import os
 from dataclasses import dataclass
-from functools import cached_property
+from functools import cache, cached_property
 from typing import Iterable, Union
 
 import numpy as np
@@ -42,12 +42,12 @@ class Screen:
     def load(cls, path: str | os.PathLike[str]) -> Screen:
         """From a file that `save` wrote, or any picture whose colours fit 4 bits a channel."""
         with Image.open(path) as image:
-            rgba = np.asarray(image.convert("RGBA"))
+            rgba: NDArray[np.uint8] = np.asarray(image.convert("RGBA"))
         if (rgba % STEP).any():
             raise ValueError(f"cannot compare with {os.fspath(path)}: it has colours that no device can "
                              "show (4 bits a channel); take it with save, not with another program")
         red, green, blue, alpha = (rgba[..., i].astype(np.uint16) // STEP for i in range(4))
-        return cls(alpha << 12 | red << 8 | green << 4 | blue)
+        return cls((alpha << 12 | red << 8 | green << 4 | blue).astype(np.uint16))
 
     @property
     def width(self) -> int:
@@ -60,8 +60,7 @@ class Screen:
     @cached_property
     def rgba(self) -> NDArray[np.uint8]:
         """height x width x 4 bytes: red, green, blue, alpha, 0 to 255 each."""
-        channels = [self.pixels >> SHIFTS[name] & 15 for name in ("red", "green", "blue", "alpha")]
-        return np.stack(channels, axis=-1).astype(np.uint8) * np.uint8(STEP)
+        return np.take(_colours(), self.pixels).view(np.uint8).reshape(*self.pixels.shape, 4)
 
     def image(self) -> Image.Image:
         """As a picture of Pillow, with alpha."""
@@ -126,6 +125,15 @@ class Screen:
         return match
 
 
+@cache
+def _colours() -> NDArray[np.uint32]:
+    """The four bytes of each pixel, as one word."""
+    pixels = np.arange(1 << 16)
+    channels = [pixels >> SHIFTS[name] & 15 for name in ("red", "green", "blue", "alpha")]
+    colours: NDArray[np.uint32] = (np.stack(channels, axis=-1) * STEP).astype(np.uint8).view(np.uint32)
+    return colours.reshape(-1)
+
+
 def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
     """For each pixel, the largest difference of a channel, 0 to 15."""
     largest = np.zeros(one.pixels.shape, np.uint16)
@@ -142,6 +150,7 @@ class Difference:
     one: Screen
     other: Screen
     where: NDArray[np.bool_] | None  # True where they differ; None for screens of two sizes
+    origin: tuple[int, int] = (0, 0)  # of both, on the device's screen
 
     def __bool__(self) -> bool:
         return self.where is None or bool(self.where.any())
@@ -153,12 +162,12 @@ class Difference:
 
     @property
     def box(self) -> Box | None:
-        """Around all pixels that differ."""
+        """Around all pixels that differ, on the device's screen."""
         if self.where is None or not self:
             return None
         rows, columns = np.flatnonzero(self.where.any(axis=1)), np.flatnonzero(self.where.any(axis=0))
         x, y = int(columns[0]), int(rows[0])
-        return x, y, int(columns[-1]) - x + 1, int(rows[-1]) - y + 1
+        return (x + self.origin[0], y + self.origin[1], int(columns[-1]) - x + 1, int(rows[-1]) - y + 1)
 
     @property
     def largest(self) -> int:
@@ -172,10 +181,8 @@ class Difference:
         if not (box := self.box):
             return "no pixel differs"
         x, y, width, height = box
-        area = self.one.crop(box), self.other.crop(box)
-        channels = [name for name, shift in SHIFTS.items()
-                    if ((area[0].pixels ^ area[1].pixels) >> shift & 15)[self.where[y:y + height,
-                                                                                    x:x + width]].any()]
+        changed = int(np.bitwise_or.reduce((self.one.pixels ^ self.other.pixels)[self.where]))
+        channels = [name for name, shift in SHIFTS.items() if changed >> shift & 15]
         pixels = "1 pixel differs" if self.count == 1 else f"{self.count} pixels differ"
         return (f"{pixels} ({self.count / self.where.size:.2%}), within {width} x {height} at ({x}, {y}), "
                 f"by up to {self.largest} of 15 steps in {', '.join(channels)}")
