@@ -110,6 +110,11 @@ def test_waits_look_at_a_region_without_its_mask(link, device):
         device.wait_for(TARGET)
     with pytest.raises(guilink.WaitTimeout, match=r"within 5 x 1 at \(5, 0\)"):
         device.wait_for(TARGET, region=(5, 0, 30, 40))
+    clock[20, 9] = 0xFEFF
+    link.pictures.add(encode(clock))
+    with pytest.raises(guilink.WaitTimeout, match=r": 1 pixel differs \(.*within 1 x 1 at \(9, 20\), "
+                                                  "by up to 1 of 15 steps in red\n"):
+        device.wait_for(TARGET, region=(5, 10, 30, 30))
     with pytest.raises(guilink.WaitTimeout, match="the sizes differ: 64 x 48, not 48 x 64"):
         device.wait_for(guilink.Screen(TARGET.pixels.T))
 

@@ -10,7 +10,8 @@ import json
 import sys
 import threading
 import time
-from typing import Any, Sequence
+from contextlib import contextmanager
+from typing import Any, Iterator, Sequence
 
 import guilink
 from guilink.device import TIMEOUT
@@ -94,6 +95,17 @@ def connect(options: argparse.Namespace) -> guilink.Device:
                            labels=options.labels, artifacts=options.artifacts, progress=progress)
 
 
+@contextmanager
+def slow(text: str) -> Iterator[None]:
+    """Says what goes on if it takes longer than a second."""
+    timer = threading.Timer(1, progress, [text])
+    timer.start()
+    try:
+        yield
+    finally:
+        timer.cancel()
+
+
 def list_devices(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     if options.seconds > 1:
         progress(f"listening for {options.seconds:g} s")
@@ -124,10 +136,11 @@ def wait_for(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     view = {"region": options.region, "mask": options.mask, "tolerance": options.tolerance}
     with connect(options) as device:
         started = time.monotonic()
-        if options.reference:
-            device.wait_for(options.reference, **view)
-        else:
-            device.wait_stable(**view)
+        with slow(f"waiting for {options.reference or 'a still screen'}"):
+            if options.reference:
+                device.wait_for(options.reference, **view)
+            else:
+                device.wait_stable(**view)
         seconds = round(time.monotonic() - started, 3)
         return {"device": device.identity, "seconds": seconds}, f"after {seconds:g} s"
 

@@ -14,8 +14,8 @@ from dataclasses import dataclass
 
 from guilink.connection import READY_REQUESTS, Connection
 from guilink.discovery import Call, Discovery
-from guilink.link import (GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices)
-from guilink.wire import Identity, Message, MessageType, identity
+from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices
+from guilink.wire import Identity, Message, MessageType
 
 LINK_PORT = 8399        # TCP, where devices connect
 REQUEST_INTERVAL = 0.1  # s, until linked; a candidate has until the next broadcast, 1 s at most
@@ -61,6 +61,7 @@ class Companion:
         # The thread's alone.
         self._connection: Connection | None = None
         self._next_words = 0.0
+        self._next_accept = 0.0
 
         self._discovery = Discovery()
         try:
@@ -181,7 +182,8 @@ class Companion:
             selector.register(self._wake_receiver, selectors.EVENT_READ)
             selector.register(self._discovery, selectors.EVENT_READ)
             # While a candidate has its turn, others wait at the port.
-            if connection is None or connection.ready or self._is_silent(connection):
+            idle = connection is None or connection.ready or self._is_silent(connection)
+            if idle and time.monotonic() >= self._next_accept:
                 selector.register(self._listener, selectors.EVENT_READ)
             wait = KEEP_ALIVE
             if connection:
@@ -236,7 +238,10 @@ class Companion:
         for _ in range(MAX_ACCEPTS):
             try:
                 connected, (address, _) = self._listener.accept()
-            except OSError:  # none; or no descriptor is left, and the next turn tries again
+            except BlockingIOError:
+                return
+            except OSError:  # no descriptor is left: wait instead of spinning
+                self._next_accept = time.monotonic() + KEEP_ALIVE
                 return
             link = self._connection
             if address not in self._answered or (link and link.ready and not link.ended):
@@ -244,7 +249,7 @@ class Companion:
                 continue
             if link:
                 self._drop(link)
-            self._connection = Connection(connected, address)
+            self._connection = Connection(connected, address, self._answered[address])
             self._next_words = 0.0
             return
 
@@ -256,28 +261,26 @@ class Companion:
         connection.note(message)
         if connection.ready and connection.linked_since is None:
             connection.linked_since = time.monotonic()
-            with self._changed:
-                known = self._answered[connection.address]
-                self._set_status(LinkStatus(True, connection.address, known.id, known.firmware))
+            self._report(connection)
         if message.type == MessageType.IMAGE:
             self.pictures.add(message.payload)
-        elif message.type == MessageType.IDENTITY and (said := identity(message.payload)):
-            with self._changed:
-                if connection.linked_since is not None:
-                    self._set_status(LinkStatus(True, connection.address, said.id, said.firmware))
-                self._confirm(connection)
+        elif message.type == MessageType.IDENTITY:
+            if connection.ready:
+                self._report(connection)
+            self._confirm(connection)
 
-    def _set_status(self, status: LinkStatus) -> None:
-        self._status = status
-        if status.linked:
-            self._linked_to, self._rivals = status, ()
-        self._changed.notify_all()
+    def _report(self, connection: Connection) -> None:
+        with self._changed:
+            self._status = LinkStatus(True, connection.address, *connection.identity)
+            self._linked_to, self._rivals = self._status, ()
+            self._changed.notify_all()
 
     def _confirm(self, connection: Connection) -> None:
-        for order in self._orders:
-            if order.question and order.question <= connection.answered and not order.done:
-                order.done, order.number = True, self.pictures.number
-        self._changed.notify_all()
+        with self._changed:
+            for order in self._orders:
+                if order.question and order.question <= connection.answered and not order.done:
+                    order.done, order.number = True, self.pictures.number
+            self._changed.notify_all()
 
     def _talk(self, connection: Connection) -> None:
         if connection.ready:
@@ -299,7 +302,8 @@ class Companion:
         with self._changed:
             unconfirmed = any(order.question and not order.done for order in self._orders)
         quiet = now > connection.received_at + KEEP_ALIVE
-        if quiet or unconfirmed if connection.ready else connection.requests % ASK_EVERY == READY_REQUESTS:
+        due = connection.requests % ASK_EVERY == READY_REQUESTS
+        if (quiet or unconfirmed) if connection.ready else due:
             connection.send(MessageType.IDENTITY_REQUEST)
         self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
 
@@ -321,4 +325,5 @@ class Companion:
         with self._changed:
             for order in self._orders:
                 order.lost = bool(order.question) and not order.done
-            self._set_status(LinkStatus())
+            self._status = LinkStatus()
+            self._changed.notify_all()

@@ -4,7 +4,7 @@ from __future__ import annotations
 import socket
 import time
 
-from guilink.wire import FrameReader, Message, MessageType, frame
+from guilink.wire import FrameReader, Identity, Message, MessageType, frame, identity
 
 CHUNK = 1 << 18         # bytes at a time
 MAX_OUTGOING = 1 << 16  # bytes; a device that leaves so much unread is given up
@@ -15,8 +15,9 @@ class Connection:
     """Counts what it asks and what is answered: the device answers IdentityRequests in order, each after
     it has handled all that went before. An answer that got lost only delays what waits for it."""
 
-    def __init__(self, connected: socket.socket, address: str):
+    def __init__(self, connected: socket.socket, address: str, identity: Identity):
         self.address = address
+        self.identity = identity  # as broadcast, or as answered since then
         self.ended = False
         self.requests = 0        # ConnectRequests sent
         self.asked = 0           # IdentityRequests sent
@@ -64,7 +65,9 @@ class Connection:
 
     def note(self, message: Message) -> None:
         """To be called with each message, in order."""
-        self.answered += message.type == MessageType.IDENTITY
+        if message.type == MessageType.IDENTITY:
+            self.answered += 1
+            self.identity = identity(message.payload) or self.identity
         self.image_seen |= message.type == MessageType.IMAGE
 
     def send(self, kind: MessageType, payload: bytes = b"") -> None:
