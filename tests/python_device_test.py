@@ -166,6 +166,13 @@ def test_press_until_does_not_overrun_a_slow_device(link, device):
     link.pictures.add(encode(picture(9)))
     assert device.press_until("right", TARGET) == TARGET and link.pressed == [3, 3]  # it is there already
 
+    link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(5)])
+    device.press("right")
+    assert device.screen == guilink.Screen(picture(5))
+    link.on_press = lambda _: ([], [picture(5)] * 3 + [picture(9)])
+    device.press("right")
+    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no press too much
+
     link.on_press = lambda _: ([], [picture(len(link.pressed))] * 4)
     with pytest.raises(guilink.WaitTimeout, match="'Right', pressed 5 times, did not lead to the reference"):
         device.press_until("right", guilink.Screen(picture(60)), at_most=5)

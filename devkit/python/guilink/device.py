@@ -40,7 +40,7 @@ class Device:
 
     Whatever looks at the screen looks at a picture that came after the last press was handed on: the
     device answers a question behind each press, and what came before that answer does not count. The
-    very next pictures may still have been drawn before. `wait_for` knows that; `screen` does not.
+    very next pictures may still have been drawn before: they count if they show something new.
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
@@ -125,10 +125,8 @@ class Device:
 
     @property
     def screen(self) -> Screen:
-        """The newest picture; waits for one that came after the last press."""
-        for _, screen in self._screens(self._end(None)):
-            return screen
-        raise LinkError(f"no picture within {self.timeout:g} s: {self._pictures_since(0)}")
+        """The newest picture; waits for one that came after the last press, and shows news if any come."""
+        return self._news(View(), self._end(None))
 
     def wait_for(self, what: Reference, *, region: Box | None = None, mask: Mask = (),
                  tolerance: int = 0, timeout: float | None = None, name: str | None = None) -> Screen:
@@ -152,7 +150,7 @@ class Device:
                 return screen
         if met:  # to the end
             return screen
-        self._fail(f"the screen did not become {expectation.name} within {end - start:.3g} s",
+        self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
                    start, expectation, last)
 
     def wait_stable(self, *, region: Box | None = None, mask: Mask = (), tolerance: int = 0,
@@ -179,7 +177,7 @@ class Device:
                 changed, first, since, count = first, part, now, 1
             last = screen
         expectation = Expectation(changed, view, "the one before") if changed else None
-        self._fail(f"the screen was not still for {still:g} s within {end - start:.3g} s; mask what moves, "
+        self._fail(f"the screen was not still for {still:g} s within {round(end - start, 1):g} s; mask what moves, "
                    "or choose a region", start, expectation, first)
 
     def press_until(self, button: str | int, what: Reference, *, at_most: int = 20,
@@ -193,7 +191,8 @@ class Device:
         """
         __tracebackhide__ = True
         expectation = Expectation(what, View(region, mask, tolerance), name)
-        view, start, screen = expectation.view, time.monotonic(), self.screen
+        view, start = expectation.view, time.monotonic()
+        screen = self._news(view, self._end(timeout))
         for count in range(at_most + 1):
             if expectation.met_by(before := view.of(screen)):
                 return screen
@@ -250,6 +249,17 @@ class Device:
                 yield number, screen
             if time.monotonic() >= end:
                 return
+
+    def _news(self, view: View, end: float) -> Screen:
+        """The first screen that counts and is not one of those that were under way at the last press."""
+        before, screen = self._screen_at_press(), None
+        for number, screen in self._screens(end):
+            if (before is None or number > self._after + UNDER_WAY
+                    or view.diff(view.of(before), view.of(screen))):
+                break
+        if screen is None:
+            raise LinkError(f"no picture in time: {self._pictures_since(0)}")
+        return screen
 
     def _decode(self, payload: bytes) -> Screen | None:
         if self._decoded is None or self._decoded[0] is not payload:
