@@ -50,8 +50,9 @@ def service():
 
 def run(*arguments, status=0, **options):
     """The package as a program; returns what it writes."""
+    environment = os.environ | {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}  # an installed guilink stays out
     done = subprocess.run([sys.executable, "-m", *arguments], capture_output=True, text=True,
-                          timeout=8 * LIMIT, **options)
+                          timeout=8 * LIMIT, env=environment, **options)
     assert done.returncode == status, done.stdout + done.stderr
     return done.stdout + done.stderr
 
@@ -122,10 +123,12 @@ def test_wait_outlives_a_restart_and_ends_by_interrupt(service, tmp_path):
 
 
 def test_installs_without_a_network(tmp_path):
-    shutil.copytree(ROOT / "devkit/python", tmp_path / "source")
+    source = ROOT / "devkit/python"
+    before = set(source.rglob("*"))
     subprocess.run(["/usr/bin/python3", "-m", "venv", "--system-site-packages", "--without-pip",
                     tmp_path / "venv"], check=True)
-    run("pip", "-q", "--python", str(tmp_path / "venv"), "install", str(tmp_path / "source"))
+    run("pip", "-q", "--python", str(tmp_path / "venv"), "install", str(source))
+    assert set(source.rglob("*")) == before  # nothing is left in the checkout
     environment = {name: value for name, value in os.environ.items() if name != "PYTHONPATH"}
     for tool, words in (("guilink", "snapshot"), ("pytest", "--guilink-update")):
         assert words in subprocess.check_output([tmp_path / "venv/bin/python", "-m", tool, "--help"], text=True,
