@@ -94,7 +94,9 @@ def test_command_line(service, tmp_path):
     failed = guilink_json("wait", "now.png", *where, "--timeout", "0.5", status=1)
     assert (tmp_path / failed["artifacts"] / "actual.png").exists()
     assert guilink_json("press", "up", "info", "5")["pressed"] == [0, 15, 5]
-    assert guilink_json("record", "run.gif", "--seconds", "1")["file"] == "run.gif"
+    assert guilink_json("record", "run.mp4", "--seconds", "1")["file"] == "run.mp4"
+    assert (tmp_path / "run.mp4").read_bytes()[4:8] == b"ftyp"
+    assert "ffmpeg cannot write" in run("guilink", "record", "/no/y.mp4", "--seconds", "0.1", status=1)
     assert "11111" in run("guilink", "shell", input="print(device.identity)\n")
     assert "no button 'dwn'" in run("guilink", "press", "dwn", status=2)
     assert "absent.png" in run("guilink", "wait", "absent.png", status=2)
@@ -131,6 +133,6 @@ def test_installs_without_a_network(tmp_path):
     assert set(source.rglob("*")) == before  # nothing is left in the checkout
     environment = {name: value for name, value in os.environ.items() if name != "PYTHONPATH"}
     for tool, words in (("guilink", "snapshot"), ("pytest", "--guilink-update")):
-        assert words in subprocess.check_output([tmp_path / "venv/bin/python", "-m", tool, "--help"], text=True,
-                                                env=environment, cwd=tmp_path)
+        help_of = [tmp_path / "venv/bin/python", "-m", tool, "--help"]
+        assert words in subprocess.check_output(help_of, text=True, env=environment, cwd=tmp_path)
     assert (tmp_path / "venv/bin/guilink").exists()

@@ -177,8 +177,8 @@ class Device:
                 changed, first, since, count = first, part, now, 1
             last = screen
         expectation = Expectation(changed, view, "the one before") if changed else None
-        self._fail(f"the screen was not still for {still:g} s within {round(end - start, 1):g} s; mask what moves, "
-                   "or choose a region", start, expectation, first)
+        self._fail(f"the screen was not still for {still:g} s within {round(end - start, 1):g} s; mask what "
+                   "moves, or choose a region", start, expectation, first)
 
     def press_until(self, button: str | int, what: Reference, *, at_most: int = 20,
                     region: Box | None = None, mask: Mask = (), tolerance: int = 0,

@@ -8,6 +8,7 @@ import itertools
 import os
 import shutil
 import subprocess
+import tempfile
 import time
 from dataclasses import dataclass
 from typing import Callable, Iterable, Iterator, NamedTuple, Sequence
@@ -84,16 +85,19 @@ class Film:
         command = ["ffmpeg", "-y", "-loglevel", "error", "-f", "rawvideo", "-pix_fmt", "rgb24",
                    "-s", f"{first.width}x{first.height}", "-r", str(VIDEO_FPS), "-i", "-",
                    "-pix_fmt", "yuv420p", os.fspath(path)]
-        ffmpeg = subprocess.Popen(command, stdin=subprocess.PIPE, stderr=subprocess.PIPE)
-        assert ffmpeg.stdin
-        try:
-            for image in itertools.chain((first,), images):
-                ffmpeg.stdin.write(image.tobytes())
-        except BrokenPipeError:  # its complaint follows
-            pass
-        _, complaint = ffmpeg.communicate()
-        if ffmpeg.returncode:
-            raise GuilinkError(f"ffmpeg cannot write {os.fspath(path)}: {complaint.decode(errors='replace')}")
+        with (tempfile.TemporaryFile() as complaint,
+              subprocess.Popen(command, stdin=subprocess.PIPE, stderr=complaint) as ffmpeg):
+            assert ffmpeg.stdin
+            try:
+                for image in itertools.chain((first,), images):
+                    ffmpeg.stdin.write(image.tobytes())
+            except BrokenPipeError:  # it has complained
+                pass
+            ffmpeg.communicate()
+            if ffmpeg.returncode:
+                complaint.seek(0)
+                raise GuilinkError(f"ffmpeg cannot write {os.fspath(path)}: "
+                                   + complaint.read().decode(errors="replace").strip())
 
     def _images(self, fps: int, scale: int, progress: Progress | None) -> Iterator[Image.Image]:
         """One image a tick; the same object while nothing changes."""
