@@ -1,0 +1,61 @@
+"""Links to a device, shows its GUI to scripts and presses its buttons.
+
+    import guilink
+
+    with guilink.connect(device="11111") as device:
+        device.press("down")
+        device.wait_for("menu.png", mask=[(30, 10, 200, 50)])
+
+docs/testing.md leads from nothing to the first passing test.
+"""
+from __future__ import annotations
+
+import os
+import time
+
+from guilink.buttons import Buttons
+from guilink.companion import Companion
+from guilink.device import TIMEOUT, Device, WaitTimeout
+from guilink.discovery import devices
+from guilink.film import Progress
+from guilink.link import GuilinkError, HeardDevice, Link, LinkError, LinkStatus, SeveralDevices
+from guilink.recording import Recording
+from guilink.screen import Box, Difference, Mask, Screen
+
+__all__ = ["Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError", "HeardDevice", "Link",
+           "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevices", "WaitTimeout",
+           "connect", "devices"]
+
+LINK_TIMEOUT = 30.0     # s; a device looks for a companion once a second
+PROGRESS_INTERVAL = 1.0  # s
+
+
+def connect(device: str | None = None, *, link_timeout: float = LINK_TIMEOUT, timeout: float = TIMEOUT,
+            labels: str | os.PathLike[str] | None = None,
+            artifacts: str | os.PathLike[str] = "guilink-artifacts",
+            progress: Progress | None = None) -> Device:
+    """Becomes the companion of a device, and returns when it takes button presses.
+
+    `device` is the identity or the address of the wanted one; without it the only one in sight is taken.
+    `timeout` is for each wait that has no time-out of its own, `labels` a file with the buttons' names as the
+    viewer reads it, `artifacts` where failed waits leave their pictures. `progress` is called about once a
+    second until there is a link. Throws LinkError.
+    """
+    buttons = Buttons.load(labels) if labels else Buttons()
+    link = Companion(device)
+    try:
+        end = time.monotonic() + link_timeout
+        while True:
+            try:
+                link.wait_linked(min(end, time.monotonic() + PROGRESS_INTERVAL))
+                return Device(link, buttons, timeout, artifacts)
+            except SeveralDevices:
+                raise
+            except LinkError as error:
+                if time.monotonic() >= end:
+                    raise
+                if progress:
+                    progress(str(error))
+    except BaseException:
+        link.close()
+        raise

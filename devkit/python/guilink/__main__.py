@@ -1,0 +1,5 @@
+import sys
+
+from guilink.cli import main
+
+sys.exit(main())

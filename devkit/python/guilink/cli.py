@@ -1,0 +1,166 @@
+"""The command line: `guilink devices | snapshot | press | wait | record | shell`.
+
+Exit status 0: done. 1: the device was not there, or did not show what was expected. 2: a wrong command.
+"""
+from __future__ import annotations
+
+import argparse
+import code
+import json
+import sys
+import threading
+import time
+from contextlib import contextmanager
+from typing import Any, Iterator, Sequence
+
+import guilink
+from guilink.device import TIMEOUT
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    options = parser().parse_args(arguments)
+    try:
+        result, text = options.run(options)
+    except (ValueError, OSError) as error:  # a button, region or file that does not exist
+        return report(options, {"error": str(error)}, f"guilink: {error}", 2)
+    except guilink.GuilinkError as error:
+        folder = getattr(error, "folder", None)
+        result = {"error": str(error)} | ({"artifacts": str(folder)} if folder else {})
+        return report(options, result, f"guilink: {error}", 1)
+    except KeyboardInterrupt:
+        return report(options, {"error": "interrupted"}, "guilink: interrupted", 1)
+    return report(options, result, text, 1 if result.get("devices") == [] else 0)
+
+
+def report(options: argparse.Namespace, result: dict[str, Any], text: str, status: int) -> int:
+    if options.json:
+        print(json.dumps(result))
+    elif text:
+        print(text, file=sys.stderr if "error" in result else sys.stdout)
+    return status
+
+
+def parser() -> argparse.ArgumentParser:
+    common = argparse.ArgumentParser(add_help=False)
+    common.add_argument("--json", action="store_true", help="print the result as JSON")
+    linked = argparse.ArgumentParser(add_help=False, parents=[common])
+    linked.add_argument("--device", metavar="ID", help="identity or address of the device")
+    linked.add_argument("--link-timeout", metavar="S", type=float, default=guilink.LINK_TIMEOUT,
+                        help="seconds to wait for the device (default %(default)g)")
+    linked.add_argument("--timeout", metavar="S", type=float, default=TIMEOUT,
+                        help="seconds to wait for a picture (default %(default)g)")
+    linked.add_argument("--labels", metavar="FILE", help="names of the buttons, as for the viewer")
+    linked.add_argument("--artifacts", metavar="FOLDER", default="guilink-artifacts",
+                        help="where a failed wait leaves its pictures (default %(default)s)")
+    viewed = argparse.ArgumentParser(add_help=False)
+    viewed.add_argument("--region", metavar="X,Y,W,H", type=box, help="look only there")
+    viewed.add_argument("--mask", metavar="X,Y,W,H", type=box, action="append", default=[],
+                        help="do not look there; may be repeated")
+    viewed.add_argument("--tolerance", metavar="N", type=int, default=0,
+                        help="steps of 15 by which a channel may differ")
+
+    whole = argparse.ArgumentParser(prog="guilink", description="Drives a device's GUI.")
+    commands = whole.add_subparsers(required=True, metavar="COMMAND")
+
+    def add(run: Any, name: str, text: str, *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
+        command = commands.add_parser(name, help=text, description=text, parents=list(parents))
+        command.set_defaults(run=run)
+        return command
+
+    add(list_devices, "devices", "List the devices that look for a companion.", common).add_argument(
+        "--seconds", metavar="S", type=float, default=3.0, help="how long to listen (default 3)")
+    add(snapshot, "snapshot", "Save what the device shows.", linked).add_argument("file", metavar="FILE.png")
+    add(press, "press", "Press buttons, one after the other.", linked).add_argument(
+        "buttons", metavar="BUTTON", nargs="+", help="a name, or a number from 0 to 15")
+    wait = add(wait_for, "wait", "Wait until the screen shows a picture, or is still.", linked, viewed)
+    wait.add_argument("reference", metavar="FILE.png", nargs="?", help="without it: until it is still")
+    film = add(record, "record", "Record a video, until Ctrl-C.", linked)
+    film.add_argument("file", metavar="FILE.mp4", help="without ffmpeg: FILE.png or FILE.gif")
+    film.add_argument("--seconds", metavar="S", type=float, help="end by itself")
+    add(shell, "shell", "Python, with the device as `device`.", linked)
+    return whole
+
+
+def box(text: str) -> guilink.Box:
+    x, y, width, height = (int(part) for part in text.split(","))
+    return x, y, width, height
+
+
+def progress(text: str) -> None:
+    print(f"guilink: {text}", file=sys.stderr, flush=True)
+
+
+def connect(options: argparse.Namespace) -> guilink.Device:
+    return guilink.connect(options.device, link_timeout=options.link_timeout, timeout=options.timeout,
+                           labels=options.labels, artifacts=options.artifacts, progress=progress)
+
+
+@contextmanager
+def slow(text: str) -> Iterator[None]:
+    """Says what goes on if it takes longer than a second."""
+    timer = threading.Timer(1, progress, [text])
+    timer.start()
+    try:
+        yield
+    finally:
+        timer.cancel()
+
+
+def list_devices(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    if options.seconds > 1:
+        progress(f"listening for {options.seconds:g} s")
+    heard = guilink.devices(options.seconds)
+    now = time.monotonic()
+    result = [{"identity": each.identity, "firmware": each.firmware, "address": each.address,
+               "seconds_ago": round(now - each.heard, 1)} for each in heard]
+    return {"devices": result}, "\n".join(map(str, heard)) or "no device looks for a companion"
+
+
+def snapshot(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    with connect(options) as device:
+        screen = device.screen
+        screen.save(options.file)
+        return ({"device": device.identity, "file": options.file, "size": [screen.width, screen.height]},
+                f"{options.file}: {screen.width} x {screen.height}, device {device.identity}")
+
+
+def press(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    with connect(options) as device:
+        numbers = [device.buttons.number(button) for button in options.buttons]
+        for number in numbers:
+            device.press(number)
+        return {"device": device.identity, "pressed": numbers}, ""
+
+
+def wait_for(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    view = {"region": options.region, "mask": options.mask, "tolerance": options.tolerance}
+    with connect(options) as device:
+        started = time.monotonic()
+        with slow(f"waiting for {options.reference or 'a still screen'}"):
+            if options.reference:
+                device.wait_for(options.reference, **view)
+            else:
+                device.wait_stable(**view)
+        seconds = round(time.monotonic() - started, 3)
+        return {"device": device.identity, "seconds": seconds}, f"after {seconds:g} s"
+
+
+def record(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    with connect(options) as device:
+        recording = device.record(options.file)
+        progress(f"recording {recording.path}"
+                 + (f" for {options.seconds:g} s" if options.seconds else "; Ctrl-C ends it"))
+        try:
+            threading.Event().wait(options.seconds)
+        except KeyboardInterrupt:
+            pass
+        path = recording.stop(progress)
+        return {"device": device.identity, "file": path}, path
+
+
+def shell(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    with connect(options) as device:
+        banner = (f"device {device.identity} at {device.address}; try device.press('down'), "
+                  "device.screen.save('x.png'), help(device)")
+        code.interact(banner, local={"device": device, "guilink": guilink}, exitmsg="")
+        return {"device": device.identity}, ""

@@ -1,0 +1,329 @@
+"""A companion: is found by a device, becomes its link, stays it, and finds it again.
+
+docs/link-protocol.md, Becoming the link and Staying linked. One thread does all of it; it also serves
+those who wait on other threads.
+"""
+from __future__ import annotations
+
+import selectors
+import socket
+import threading
+import time
+from collections import deque
+from dataclasses import dataclass
+
+from guilink.connection import READY_REQUESTS, Connection
+from guilink.discovery import Call, Discovery
+from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices
+from guilink.wire import Identity, Message, MessageType
+
+LINK_PORT = 8399        # TCP, where devices connect
+REQUEST_INTERVAL = 0.1  # s, until linked; a candidate has until the next broadcast, 1 s at most
+KEEP_ALIVE = 0.5        # s; after 2 s without one no new pictures come, after 3 s the link ends
+SILENCE = 3.0           # s without a byte, and the device is gone
+CANDIDATE_SILENCE = 1.0  # s; then the next connection has its turn
+GRACE = 1.0             # s after linking in which broadcasts of the device are old searches
+MAX_ANSWERED = 64       # addresses that may connect; the oldest is forgotten
+MAX_ACCEPTS = 16        # connections turned away at a time; a flood must not keep the link waiting
+ASK_EVERY = 5           # requests to connect from one question of a candidate to the next
+
+
+@dataclass(eq=False)
+class Order:
+    """A button or text on its way: waiting, then sent behind a question, then confirmed or lost."""
+
+    kind: MessageType
+    payload: bytes
+    question: int = 0     # its number on the connection; 0 while it waits for a link
+    number: int = 0       # of the last picture before the answer
+    done: bool = False
+    lost: bool = False    # the link ended in between
+
+
+class Companion:
+    """A link of one's own: implements `guilink.link.Link`.
+
+    `device` is the identity or the address of the wanted one; no other is answered. Without it the only
+    device in sight is taken: it is answered when it calls twice and no other does in between.
+    """
+
+    def __init__(self, device: str | None = None):
+        self._device = device
+        self._changed = threading.Condition()  # guards all below
+        self.pictures = Pictures(self._changed, lambda: self._failure)
+        self._failure: Exception | None = None
+        self._orders: deque[Order] = deque()
+        self._status = LinkStatus()
+        self._linked_to: LinkStatus | None = None  # the last device; stays chosen
+        self._rivals: tuple[HeardDevice, ...] = ()  # why none was chosen
+        self._answered: dict[str, Identity] = {}   # address of each device that may connect
+        self._stop = False
+        # The thread's alone.
+        self._connection: Connection | None = None
+        self._next_words = 0.0
+        self._next_accept = 0.0
+
+        self._discovery = Discovery()
+        try:
+            self._listener = socket.create_server(("", LINK_PORT), backlog=64)
+        except OSError as error:
+            self._discovery.close()
+            raise LinkError(f"cannot listen on TCP port {LINK_PORT}: {error.strerror}; "
+                            "is another companion or viewer running?") from error
+        self._listener.setblocking(False)
+        self._wake_receiver, self._wake_sender = socket.socketpair()
+        self._wake_receiver.setblocking(False)
+        self._wake_sender.setblocking(False)
+        self._thread = threading.Thread(target=self._run, name="guilink", daemon=True)
+        self._thread.start()
+
+    # --- for any thread ----------------------------------------------------------------------------
+
+    def status(self) -> LinkStatus:
+        with self._changed:
+            return self._status
+
+    def devices(self) -> list[HeardDevice]:
+        with self._changed:
+            return self._discovery.devices()
+
+    def wait_linked(self, deadline: float) -> LinkStatus:
+        with self._changed:
+            while not (self._status.linked and self._status.identity):
+                self._raise_failure()
+                if self._rivals:
+                    raise SeveralDevices("several devices are in sight: "
+                                         + "; ".join(map(str, self._rivals))
+                                         + "; choose one by its identity or address")
+                if not self._changed.wait(max(0.0, deadline - time.monotonic())):
+                    raise LinkError(self._why_not())
+            return self._status
+
+    def press(self, button: int, deadline: float) -> int:
+        return self._deliver(Order(MessageType.BUTTON, bytes([button])), deadline)
+
+    def send_text(self, text: bytes, deadline: float) -> int:
+        return self._deliver(Order(MessageType.DATA, text), deadline)
+
+    def close(self) -> None:
+        with self._changed:
+            self._stop = True
+            self._failure = self._failure or LinkError("the link was closed")
+            self._changed.notify_all()
+        self._wake()
+        self._thread.join()
+
+    def _deliver(self, order: Order, deadline: float) -> int:
+        with self._changed:
+            self._raise_failure()
+            self._orders.append(order)
+            self._wake()
+            try:
+                while not (order.done or order.lost):
+                    if not self._changed.wait(max(0.0, deadline - time.monotonic())):
+                        raise LinkError("the device has not confirmed it" if order.question
+                                        else self._why_not())
+                    self._raise_failure()
+            finally:
+                if order in self._orders:
+                    self._orders.remove(order)
+            if order.lost:
+                raise LinkError("the link ended before the device confirmed it, so it may have come or not")
+            return order.number
+
+    def _raise_failure(self) -> None:
+        if self._failure:
+            raise self._failure
+
+    def _why_not(self) -> str:
+        wanted = f"device {self._device}" if self._device else "device"
+        if self._linked_to:
+            return f"no link: {self._linked_to.identity} at {self._linked_to.address} has not come back"
+        if self._answered:
+            return (f"no link: the {wanted} was answered at {', '.join(self._answered)} and has not "
+                    f"connected; is TCP port {LINK_PORT} open in this machine's firewall?")
+        if heard := self._discovery.devices():
+            if not self._device:
+                return f"no link: waiting for {heard[0]} to call again"
+            return f"no link: there is no {wanted}; heard: {'; '.join(map(str, heard))}"
+        return (f"no link: no {wanted} calls; is it on, in this network, without another companion, and is "
+                "UDP port 3152 open in this machine's firewall?")
+
+    def _wake(self) -> None:
+        try:
+            self._wake_sender.send(b"\0")
+        except OSError:  # full, and so readable; or closed
+            pass
+
+    # --- the thread --------------------------------------------------------------------------------
+
+    def _run(self) -> None:
+        try:
+            while not self._stop:
+                self._turn()
+        except Exception as error:  # a fault of this module; those who wait must not wait for ever
+            with self._changed:
+                self._failure = GuilinkError(f"the link's thread failed: {error!r}")
+                self._failure.__cause__ = error
+        finally:
+            if self._connection:
+                self._drop(self._connection)
+            self._discovery.close()
+            for each in (self._wake_receiver, self._wake_sender, self._listener):
+                each.close()
+            with self._changed:
+                self._status = LinkStatus()
+                self._changed.notify_all()
+
+    def _turn(self) -> None:
+        """Takes what has arrived, then says what is due."""
+        connection = self._connection
+        with selectors.PollSelector() as selector:
+            selector.register(self._wake_receiver, selectors.EVENT_READ)
+            selector.register(self._discovery, selectors.EVENT_READ)
+            # While a candidate has its turn, others wait at the port.
+            idle = connection is None or connection.ready or self._is_silent(connection)
+            if idle and time.monotonic() >= self._next_accept:
+                selector.register(self._listener, selectors.EVENT_READ)
+            wait = KEEP_ALIVE
+            if connection:
+                selector.register(connection, selectors.EVENT_READ
+                                  | (selectors.EVENT_WRITE if connection.wants_to_write else 0))
+                wait = max(0.0, self._next_words - time.monotonic())
+            ready = {key.fileobj: mask for key, mask in selector.select(wait)}
+
+        if self._wake_receiver in ready:
+            self._wake_receiver.recv(4096)
+        if connection and ready.get(connection, 0) & selectors.EVENT_READ:
+            for message in connection.receive():
+                self._take(connection, message)
+        if self._discovery in ready:
+            with self._changed:
+                for call in self._discovery.receive():
+                    self._hear(call)
+        if self._listener in ready:
+            self._accept()
+        if self._connection:
+            self._talk(self._connection)
+
+    def _hear(self, call: Call) -> None:
+        if not self._wants(call):
+            return
+        if (link := self._connection) and link.ready and link.address == call.device.address:
+            # Searches that began before the link go on for a moment.
+            if time.monotonic() < (link.linked_since or 0) + GRACE:
+                return
+            link.ended = True  # the device has dropped it
+        elif link and link.ready:
+            return
+        self._answered.pop(call.device.address, None)
+        self._answered[call.device.address] = Identity(call.device.identity, call.device.firmware)
+        if len(self._answered) > MAX_ANSWERED:
+            del self._answered[next(iter(self._answered))]
+        self._discovery.answer(call.sender)
+
+    def _wants(self, call: Call) -> bool:
+        names = {call.device.identity, call.device.address}
+        if self._linked_to and names & {self._linked_to.identity, self._linked_to.address}:
+            return True  # also with a new identity, or from a new address
+        if self._device or self._linked_to:
+            return self._device in names
+        self._rivals = (call.device, *call.between) if call.between else ()
+        if self._rivals:
+            self._changed.notify_all()
+        return call.again and not call.between
+
+    def _accept(self) -> None:
+        """Takes the next connection; turns away strangers, and all while there is a link."""
+        for _ in range(MAX_ACCEPTS):
+            try:
+                connected, (address, _) = self._listener.accept()
+            except BlockingIOError:
+                return
+            except OSError:  # no descriptor is left: wait instead of spinning
+                self._next_accept = time.monotonic() + KEEP_ALIVE
+                return
+            link = self._connection
+            if address not in self._answered or (link and link.ready and not link.ended):
+                connected.close()
+                continue
+            if link:
+                self._drop(link)
+            self._connection = Connection(connected, address, self._answered[address])
+            self._next_words = 0.0
+            return
+
+    @staticmethod
+    def _is_silent(connection: Connection) -> bool:
+        return time.monotonic() > connection.received_at + CANDIDATE_SILENCE
+
+    def _take(self, connection: Connection, message: Message) -> None:
+        connection.note(message)
+        if connection.ready and connection.linked_since is None:
+            connection.linked_since = time.monotonic()
+            self._report(connection)
+        if message.type == MessageType.IMAGE:
+            self.pictures.add(message.payload)
+        elif message.type == MessageType.IDENTITY:
+            if connection.ready:
+                self._report(connection)
+            self._confirm(connection)
+
+    def _report(self, connection: Connection) -> None:
+        with self._changed:
+            self._status = LinkStatus(True, connection.address, *connection.identity)
+            self._linked_to, self._rivals = self._status, ()
+            self._changed.notify_all()
+
+    def _confirm(self, connection: Connection) -> None:
+        with self._changed:
+            for order in self._orders:
+                if order.question and order.question <= connection.answered and not order.done:
+                    order.done, order.number = True, self.pictures.number
+            self._changed.notify_all()
+
+    def _talk(self, connection: Connection) -> None:
+        if connection.ready:
+            self._send_orders(connection)
+        now = time.monotonic()
+        if now > connection.received_at + SILENCE:
+            connection.ended = True
+        if connection.wants_to_write:
+            connection.flush()
+        if now >= self._next_words and not connection.ended:
+            self._say_what_is_due(connection, now)
+        if connection.ended:
+            self._drop(connection)
+
+    def _say_what_is_due(self, connection: Connection, now: float) -> None:
+        if not connection.image_seen:
+            connection.send(MessageType.CONNECT_REQUEST)
+        connection.send(MessageType.CONTROL)
+        with self._changed:
+            unconfirmed = any(order.question and not order.done for order in self._orders)
+        quiet = now > connection.received_at + KEEP_ALIVE
+        due = connection.requests % ASK_EVERY == READY_REQUESTS
+        if (quiet or unconfirmed) if connection.ready else due:
+            connection.send(MessageType.IDENTITY_REQUEST)
+        self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
+
+    def _send_orders(self, connection: Connection) -> None:
+        """Each with a question behind it, whose answer shows that the device has handed it on."""
+        with self._changed:
+            for order in self._orders:
+                if connection.ended or connection.wants_to_write:
+                    return
+                if not order.question:
+                    connection.send(order.kind, order.payload)
+                    connection.send(MessageType.IDENTITY_REQUEST)
+                    order.question = connection.asked
+
+    def _drop(self, connection: Connection) -> None:
+        """Ends it; what was on its way may be lost."""
+        connection.close()
+        self._connection = None
+        with self._changed:
+            for order in self._orders:
+                order.lost = bool(order.question) and not order.done
+            self._status = LinkStatus()
+            self._changed.notify_all()

@@ -1,0 +1,89 @@
+"""One connection that a device has made: what it says, and what is said to it. Never blocks."""
+from __future__ import annotations
+
+import socket
+import time
+
+from guilink.wire import FrameReader, Identity, Message, MessageType, frame, identity
+
+CHUNK = 1 << 18         # bytes at a time
+MAX_OUTGOING = 1 << 16  # bytes; a device that leaves so much unread is given up
+READY_REQUESTS = 3      # ConnectRequests; an answer to what follows them shows that one has counted
+
+
+class Connection:
+    """Counts what it asks and what is answered: the device answers IdentityRequests in order, each after
+    it has handled all that went before. An answer that got lost only delays what waits for it."""
+
+    def __init__(self, connected: socket.socket, address: str, identity: Identity):
+        self.address = address
+        self.identity = identity  # as broadcast, or as answered since then
+        self.ended = False
+        self.requests = 0        # ConnectRequests sent
+        self.asked = 0           # IdentityRequests sent
+        self.answered = 0        # and answered
+        self.image_seen = False  # only the link carries images
+        self.linked_since: float | None = None
+        self.received_at = time.monotonic()  # the last bytes, or the connection itself
+        self._ready_from: int | None = None  # number of the question that follows enough requests
+        self._socket = connected
+        self._reader = FrameReader()
+        self._outgoing = bytearray()
+        connected.setblocking(False)
+        connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+
+    def fileno(self) -> int:
+        return self._socket.fileno()
+
+    def close(self) -> None:
+        self._socket.close()
+
+    @property
+    def ready(self) -> bool:
+        """Buttons pressed from now on arrive."""
+        return self.image_seen or (self._ready_from is not None and self.answered >= self._ready_from)
+
+    @property
+    def wants_to_write(self) -> bool:
+        return bool(self._outgoing)
+
+    def receive(self) -> list[Message]:
+        # Without it the end of an image can wait 40 ms for an acknowledgement. The system forgets it.
+        if hasattr(socket, "TCP_QUICKACK"):
+            self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
+        try:
+            data = self._socket.recv(CHUNK)
+        except (BlockingIOError, InterruptedError):
+            return []
+        except OSError:
+            data = b""
+        if not data:
+            self.ended = True
+            return []
+        self.received_at = time.monotonic()
+        return self._reader.feed(data)
+
+    def note(self, message: Message) -> None:
+        """To be called with each message, in order."""
+        if message.type == MessageType.IDENTITY:
+            self.answered += 1
+            self.identity = identity(message.payload) or self.identity
+        self.image_seen |= message.type == MessageType.IMAGE
+
+    def send(self, kind: MessageType, payload: bytes = b"") -> None:
+        self.requests += kind == MessageType.CONNECT_REQUEST
+        if kind == MessageType.IDENTITY_REQUEST:
+            self.asked += 1
+            if self._ready_from is None and self.requests >= READY_REQUESTS:
+                self._ready_from = self.asked
+        self._outgoing += frame(kind, payload)
+        self.flush()
+        self.ended |= len(self._outgoing) > MAX_OUTGOING
+
+    def flush(self) -> None:
+        try:
+            del self._outgoing[:self._socket.send(self._outgoing)]
+        except (BlockingIOError, InterruptedError):
+            pass
+        except OSError:
+            self.ended = True

@@ -1,0 +1,309 @@
+"""The device as a script sees it: press, look, wait, compare, record."""
+from __future__ import annotations
+
+import os
+import time
+from collections import deque
+from contextlib import contextmanager
+from pathlib import Path
+from typing import Iterator, NoReturn
+
+from guilink.buttons import Buttons
+from guilink.evidence import new_folder, write_evidence
+from guilink.expect import Expectation, Reference, View
+from guilink.film import Press
+from guilink.link import GuilinkError, HeardDevice, Link, LinkError
+from guilink.picture import DamagedPicture
+from guilink.recording import Recording
+from guilink.screen import Box, Difference, Mask, Screen
+
+TIMEOUT = 10.0       # s that anything may take, unless said otherwise
+STILL = 0.5          # s without a change, and a screen is stable
+STILL_PICTURES = 3   # equal ones in a row that it takes at least, however slow they come
+HOLD_INTERVAL = 0.12  # s between the presses of a held button; the viewer's page repeats as fast
+UNDER_WAY = 4         # pictures behind a press that may have been drawn before: in the core, in the service's
+                      # slot, in its sender, and one to spare
+MAX_TEXT = 4096      # bytes; far more than a line of a log
+MAX_PRESSES = 10000  # that are remembered
+
+
+class WaitTimeout(GuilinkError, AssertionError):
+    """The screen did not become what was expected. `folder` holds what there is to see."""
+
+    def __init__(self, message: str, folder: Path, difference: Difference | None):
+        super().__init__(message)
+        self.folder, self.difference = folder, difference
+
+
+class Device:
+    """A device under a script's hands. Close it, or use it in a `with`; one thread at a time.
+
+    Whatever looks at the screen looks at a picture that came after the last press was handed on: the
+    device answers a question behind each press, and what came before that answer does not count. The
+    very next pictures may still have been drawn before: they count if they show something new.
+    """
+
+    def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
+                 artifacts: str | os.PathLike[str] = "guilink-artifacts"):
+        self.timeout = timeout          # s, for all that has no time-out of its own
+        self.artifacts = Path(artifacts)  # where failed waits leave their folders,
+        self.test_name = "wait"         # named after this
+        self.presses: deque[Press] = deque(maxlen=MAX_PRESSES)
+        self.buttons = buttons or Buttons()
+        self._link = link
+        self._after = 0                 # number of the last picture that does not count
+        self._decoded: tuple[bytes, Screen] | None = None
+        self._shown_at_press: bytes | None = None
+        self._recordings: list[Recording] = []
+
+    def __enter__(self) -> Device:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """Ends the recordings, then the link."""
+        try:
+            for recording in list(self._recordings):
+                recording.stop()
+        finally:
+            self._link.close()
+
+    @property
+    def identity(self) -> str:
+        """Empty while there is no link."""
+        return self._link.status().identity
+
+    @property
+    def firmware(self) -> str:
+        return self._link.status().firmware
+
+    @property
+    def address(self) -> str:
+        return self._link.status().address
+
+    @property
+    def linked(self) -> bool:
+        return self._link.status().linked
+
+    def heard(self) -> list[HeardDevice]:
+        """All devices that have called since the link began, the last one first."""
+        return self._link.devices()
+
+    # --- press -------------------------------------------------------------------------------------
+
+    def press(self, button: str | int, timeout: float | None = None) -> None:
+        """Presses a button, by name or number. Returns once the device has handed it on."""
+        number = self.buttons.number(button)
+        recent = self._link.pictures.recent()
+        self._shown_at_press = recent[-1].payload if recent else None
+        press = Press(time.monotonic(), self.buttons.name(number))
+        with self._logged(press, f"press {press.name!r}"):
+            self._after = self._link.press(number, self._end(timeout))
+
+    def hold(self, button: str | int, seconds: float, interval: float = HOLD_INTERVAL) -> int:
+        """Presses again and again, as a button does that is held down; returns how often.
+
+        The link knows no release: a held button is many presses."""
+        start, count = time.monotonic(), 0
+        while count == 0 or time.monotonic() < start + seconds:
+            self.press(button)
+            count += 1
+            time.sleep(max(0.0, min(start + count * interval, start + seconds) - time.monotonic()))
+        return count
+
+    def text(self, text: str, timeout: float | None = None) -> None:
+        """Sends a text, which the device writes to its log."""
+        data = text.encode()
+        if not 0 < len(data) <= MAX_TEXT:
+            raise ValueError(f"a text of {len(data)} bytes; 1 to {MAX_TEXT} are possible")
+        with self._logged(Press(time.monotonic(), f"text {text!r}"), f"send the text {text!r}"):
+            self._after = self._link.send_text(data, self._end(timeout))
+
+    # --- look --------------------------------------------------------------------------------------
+
+    @property
+    def screen(self) -> Screen:
+        """The newest picture; waits for one that came after the last press, and shows news if any come."""
+        return self._news(View(), self._end(None))
+
+    def wait_for(self, what: Reference, *, region: Box | None = None, mask: Mask = (),
+                 tolerance: int = 0, timeout: float | None = None, name: str | None = None) -> Screen:
+        """Waits until the screen shows a reference (a Screen, or a file), or meets a condition.
+
+        Only `region` is looked at, without what `mask` covers; a channel may differ by `tolerance` of 15
+        steps. Returns the screen. Throws WaitTimeout, which says what was different. If the screen was as
+        expected before the last press, too, the first pictures behind that press do not count.
+        """
+        __tracebackhide__ = True  # pytest then shows the script's line
+        expectation = Expectation(what, View(region, mask, tolerance), name)
+        start, last = time.monotonic(), None
+        end = self._end(timeout)
+        before = self._screen_at_press()
+        no_news = before is not None and expectation.met_by(expectation.view.of(before))
+        met = False
+        for number, screen in self._screens(end):
+            met = expectation.met_by(last := expectation.view.of(screen))
+            no_news &= met
+            if met and (number > self._after + UNDER_WAY or not no_news):
+                return screen
+        if met:  # to the end
+            return screen
+        self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
+                   start, expectation, last)
+
+    def wait_stable(self, *, region: Box | None = None, mask: Mask = (), tolerance: int = 0,
+                    still: float = STILL, pictures: int = STILL_PICTURES,
+                    timeout: float | None = None) -> Screen:
+        """Waits until nothing has changed for `still` seconds and in `pictures` in a row; returns the screen.
+
+        A device that is busy may take longer than that to obey a press: where the outcome is known,
+        wait_for it."""
+        __tracebackhide__ = True
+        view = View(region, mask, tolerance)
+        start, end = time.monotonic(), self._end(timeout)
+        first: Screen | None = None    # of the still ones,
+        last: Screen | None = None     # of all,
+        changed: Screen | None = None  # before the last change
+        since, count = 0.0, 0
+        for _, screen in self._screens(end):
+            part, now = view.of(screen), time.monotonic()
+            if first is not None and (screen is last or not view.diff(part, first)):
+                count += 1
+                if count >= pictures and now >= since + still:
+                    return screen
+            else:
+                changed, first, since, count = first, part, now, 1
+            last = screen
+        expectation = Expectation(changed, view, "the one before") if changed else None
+        self._fail(f"the screen was not still for {still:g} s within {round(end - start, 1):g} s; mask what "
+                   "moves, or choose a region", start, expectation, first)
+
+    def press_until(self, button: str | int, what: Reference, *, at_most: int = 20,
+                    region: Box | None = None, mask: Mask = (), tolerance: int = 0,
+                    timeout: float | None = None, name: str | None = None) -> Screen:
+        """Presses until the screen shows `what`: not at all if it does, `at_most` times otherwise.
+
+        Presses again only after the last press has changed the region and the change is complete, so a slow
+        device is not overrun. What moves by itself must be outside the region, or masked. `timeout` is for
+        each press.
+        """
+        __tracebackhide__ = True
+        expectation = Expectation(what, View(region, mask, tolerance), name)
+        view, start = expectation.view, time.monotonic()
+        screen = self._news(view, self._end(timeout))
+        for count in range(at_most + 1):
+            if expectation.met_by(before := view.of(screen)):
+                return screen
+            if count == at_most:
+                break
+            self.press(button)
+            end = self._end(timeout)
+            seen: list[Screen] = []  # alike, in a row
+            for _, screen in self._screens(end):
+                part = view.of(screen)
+                if expectation.met_by(part):
+                    return screen
+                if seen and view.diff(part, seen[-1]):
+                    seen.clear()
+                seen.append(part)
+                if len(seen) >= STILL_PICTURES and view.diff(part, before):
+                    break
+            else:
+                self._fail(f"{self._name(button)!r}, pressed {count + 1} times for {expectation.name}, has "
+                           "led to no new picture that is still", start, expectation,
+                           seen[-1] if seen else None)
+        self._fail(f"{self._name(button)!r}, pressed {at_most} times, did not lead to {expectation.name}",
+                   start, expectation, before)
+
+    def record(self, path: str | os.PathLike[str]) -> Recording:
+        """Records until `stop()`, the end of a `with`, or of the link; presses are marked."""
+        self._recordings.append(Recording(self._link, path, self.presses, self._recordings.remove))
+        return self._recordings[-1]
+
+    # --- inside ------------------------------------------------------------------------------------
+
+    def _end(self, timeout: float | None) -> float:
+        return time.monotonic() + (self.timeout if timeout is None else timeout)
+
+    def _name(self, button: str | int) -> str:
+        return self.buttons.name(self.buttons.number(button))
+
+    @contextmanager
+    def _logged(self, press: Press, attempt: str) -> Iterator[None]:
+        self.presses.append(press)
+        try:
+            yield
+        except LinkError as error:
+            raise LinkError(f"cannot {attempt}: {error}") from error
+        press.confirmed = True
+
+    def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
+        """Each newest screen that counts, with its number, until the end; at least one if one is there.
+        Equal pictures that follow each other are one object."""
+        number = self._after
+        while picture := self._link.pictures.newer(number, end):
+            number = picture.number
+            if screen := self._decode(picture.payload):
+                yield number, screen
+            if time.monotonic() >= end:
+                return
+
+    def _news(self, view: View, end: float) -> Screen:
+        """The first screen that counts and is not one of those that were under way at the last press."""
+        before, screen = self._screen_at_press(), None
+        for number, screen in self._screens(end):
+            if (before is None or number > self._after + UNDER_WAY
+                    or view.diff(view.of(before), view.of(screen))):
+                break
+        if screen is None:
+            raise LinkError(f"no picture in time: {self._pictures_since(0)}")
+        return screen
+
+    def _decode(self, payload: bytes) -> Screen | None:
+        if self._decoded is None or self._decoded[0] is not payload:
+            try:
+                self._decoded = payload, Screen.decode(payload)
+            except DamagedPicture:
+                return None  # the next one comes soon
+        return self._decoded[1]
+
+    def _pictures_since(self, start: float) -> str:
+        arrived = [picture for picture in self._link.pictures.recent() if picture.time >= start]
+        link = self._link.status()
+        state = (f"linked to {link.identity} at {link.address}" if link.linked
+                 else "there is no link at the moment")
+        if not arrived:
+            return f"none has arrived meanwhile, {state}"
+        age = time.monotonic() - arrived[-1].time
+        return f"{len(arrived)} have arrived meanwhile, the last {age:.1f} s ago; {state}"
+
+    def _fail(self, headline: str, start: float, expectation: Expectation | None,
+              last: Screen | None) -> NoReturn:
+        """Leaves the evidence and throws."""
+        __tracebackhide__ = True
+        lines = [headline]
+        difference = None
+        if expectation:
+            lines.append(f"compared: {expectation.view} with {expectation.name}")
+            if last is not None and (difference := expectation.difference(last)):
+                lines.append(f"last picture: {difference}")
+            if last is not None and self._press_changed_nothing(expectation.view, last):
+                press = self.presses[-1]
+                lines.append(f"nothing of it has changed since {press.name!r} was pressed, "
+                             f"{time.monotonic() - press.time:.1f} s ago: was the button ignored?")
+        lines.append(f"pictures: {self._pictures_since(start)}")
+        folder = new_folder(self.artifacts, self.test_name)
+        lines.append(f"see {folder}")
+        write_evidence(folder, "\n".join(lines), expectation.reference if expectation else None, last,
+                       difference, self._link.pictures.recent(), list(self.presses))
+        raise WaitTimeout("\n  ".join(lines), folder, difference)
+
+    def _press_changed_nothing(self, view: View, last: Screen) -> bool:
+        before = self._screen_at_press()
+        return before is not None and bool(self.presses) and not view.diff(view.of(before), last)
+
+    def _screen_at_press(self) -> Screen | None:
+        return self._decode(self._shown_at_press) if self._shown_at_press else None
+

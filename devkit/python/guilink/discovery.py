@@ -1,0 +1,102 @@
+"""The companion's ear: which devices look for a companion, and the answer that makes one connect.
+
+docs/link-protocol.md, Being found.
+"""
+from __future__ import annotations
+
+import select
+import socket
+import time
+from typing import NamedTuple
+
+from guilink.link import HeardDevice, LinkError
+from guilink.wire import MessageType, frame, identity_datagram
+
+DISCOVERY_PORT = 3152  # UDP, where devices look for companions
+MAX_AT_ONCE = 64       # datagrams; a flood must not keep the link waiting
+MAX_HEARD = 64         # devices that are remembered; forged ones must not fill the memory
+MAX_DATAGRAM = 2048    # bytes; an identity takes some dozens
+INTERVAL = 1.5         # s within which a device that looks for a companion broadcasts again
+ANSWER = frame(MessageType.CONNECT_REQUEST)
+
+Sender = tuple[str, int]
+
+
+class Call(NamedTuple):
+    """One broadcast."""
+
+    device: HeardDevice
+    sender: Sender
+    again: bool               # the device was heard before,
+    between: tuple[HeardDevice, ...]  # and these since then
+
+
+class Discovery:
+    """The socket on the discovery port. Never blocks."""
+
+    def __init__(self) -> None:
+        self._heard: dict[tuple[str, str], HeardDevice] = {}  # identity and address; last heard last
+        self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._socket.setblocking(False)
+        try:
+            self._socket.bind(("", DISCOVERY_PORT))  # one bound to an address hears no broadcasts
+        except OSError as error:
+            self._socket.close()
+            raise LinkError(f"cannot listen for devices on UDP port {DISCOVERY_PORT}: {error.strerror}; "
+                            "is another companion or viewer running?") from error
+
+    def fileno(self) -> int:
+        return self._socket.fileno()
+
+    def close(self) -> None:
+        self._socket.close()
+
+    def devices(self) -> list[HeardDevice]:
+        """The last heard first."""
+        return list(reversed(list(self._heard.values())))
+
+    def receive(self) -> list[Call]:
+        """The broadcasts that have arrived; leaves a flood for the next call."""
+        calls = []
+        for _ in range(MAX_AT_ONCE):
+            try:
+                datagram, sender = self._socket.recvfrom(MAX_DATAGRAM)
+            except BlockingIOError:
+                break
+            except OSError:  # an answer that could not be delivered
+                continue
+            if said := identity_datagram(datagram):
+                calls.append(self._note(HeardDevice(*said, sender[0], time.monotonic()), sender))
+        return calls
+
+    def _note(self, device: HeardDevice, sender: Sender) -> Call:
+        key = device.identity, device.address
+        order = list(self._heard)
+        again = key in self._heard
+        between = order[order.index(key) + 1:] if again else []
+        call = Call(device, sender, again, tuple(self._heard[other] for other in between))
+        self._heard.pop(key, None)
+        self._heard[key] = device
+        if len(self._heard) > MAX_HEARD:
+            del self._heard[order[0]]
+        return call
+
+    def answer(self, sender: Sender) -> None:
+        """Asks the device to connect."""
+        try:
+            self._socket.sendto(ANSWER, sender)
+        except OSError:  # the network is away; the next broadcast is answered
+            pass
+
+
+def devices(seconds: float = 2 * INTERVAL) -> list[HeardDevice]:
+    """The devices that look for a companion, heard within some seconds. Answers none of them."""
+    end = time.monotonic() + seconds
+    discovery = Discovery()
+    try:
+        while (left := end - time.monotonic()) > 0:
+            select.select([discovery], [], [], left)
+            discovery.receive()
+        return discovery.devices()
+    finally:
+        discovery.close()

@@ -1,0 +1,50 @@
+"""What a failed wait leaves behind: a folder with pictures, and the keys that led there."""
+from __future__ import annotations
+
+import time
+from datetime import datetime, timedelta
+from pathlib import Path
+from typing import Sequence
+
+from guilink.film import Film, Press, Shot
+from guilink.link import Picture
+from guilink.screen import Difference, Screen
+
+
+def new_folder(parent: Path, name: str) -> Path:
+    """parent/name-1, or the first number that is free."""
+    for number in range(1, 1 << 20):
+        folder = parent / f"{name}-{number}"
+        try:
+            folder.mkdir(parents=True)
+            return folder
+        except FileExistsError:
+            continue
+    raise FileExistsError(f"{parent} is full of {name}-...")
+
+
+def write_evidence(folder: Path, message: str, expected: Screen | None, actual: Screen | None,
+                   difference: Difference | None, pictures: Sequence[Picture],
+                   presses: Sequence[Press]) -> None:
+    """expected.png, actual.png, difference.png, last-seconds.png (animated), keys.txt, message.txt."""
+    now = time.monotonic()
+    if expected:
+        expected.save(folder / "expected.png")
+    if actual:
+        actual.save(folder / "actual.png")
+    if difference and difference.where is not None:
+        difference.image().save(folder / "difference.png")
+    if pictures:
+        shots = [Shot(picture.time, picture.payload) for picture in pictures]
+        Film(shots, presses, shots[0].time, now).save(folder / "last-seconds.png")
+    (folder / "keys.txt").write_text(_keys(presses, now), encoding="utf-8")
+    (folder / "message.txt").write_text(message + "\n", encoding="utf-8")
+
+
+def _keys(presses: Sequence[Press], now: float) -> str:
+    wall = datetime.now().astimezone()
+    lines = ["# time, seconds before the failure, what was pressed"]
+    for press in presses:
+        moment = wall - timedelta(seconds=now - press.time)
+        lines.append(f"{moment:%Y-%m-%d %H:%M:%S.%f%z}  {press.time - now:+9.3f}  {press}")
+    return "\n".join(lines) + "\n"

@@ -1,0 +1,85 @@
+"""What a script waits for: a reference picture or a condition, in a part of the screen."""
+from __future__ import annotations
+
+import os
+from dataclasses import replace
+from typing import Callable, Union
+
+import numpy as np
+
+from guilink.screen import Box, Difference, Mask, Screen
+
+Predicate = Callable[[Screen], object]
+Reference = Union[Screen, str, "os.PathLike[str]", Predicate]
+
+
+class View:
+    """The part of a screen that counts: within `region`, outside `mask`, by more than `tolerance`.
+
+    A mask is given in the coordinates of the screen, also where there is a region.
+    """
+
+    def __init__(self, region: Box | None = None, mask: Mask = (), tolerance: int = 0):
+        if not 0 <= tolerance <= 15:
+            raise ValueError(f"a tolerance of {tolerance}: it is 0 to 15 steps of a channel")
+        self.region, self.tolerance = region, tolerance
+        self._mask = mask if isinstance(mask, np.ndarray) else list(mask)
+
+    def of(self, screen: Screen) -> Screen:
+        """All of a screen that is too small for the region: it then differs by its size."""
+        if self.region is None:
+            return screen
+        x, y, width, height = self.region
+        fits = x + width <= screen.width and y + height <= screen.height
+        return screen.crop(self.region) if fits else screen
+
+    def diff(self, one: Screen, other: Screen) -> Difference:
+        """Of two parts that `of` returned."""
+        difference = one.diff(other, self._mask_of(one), self.tolerance)
+        return replace(difference, origin=self.region[:2]) if self.region else difference
+
+    def _mask_of(self, part: Screen) -> Mask:
+        if self.region is None:
+            return self._mask
+        x, y, width, height = self.region
+        if isinstance(self._mask, np.ndarray):
+            inside = self._mask.shape == part.pixels.shape
+            return self._mask if inside else self._mask[y:y + height, x:x + width]
+        return [(left - x, top - y, w, h) for left, top, w, h in self._mask]
+
+    def __str__(self) -> str:
+        words = [f"region {self.region}" if self.region else "the whole screen"]
+        if len(self._mask):
+            words.append("a mask" if isinstance(self._mask, np.ndarray) else f"without {self._mask}")
+        if self.tolerance:
+            words.append(f"tolerance {self.tolerance} of 15 steps")
+        return ", ".join(words)
+
+
+class Expectation:
+    """A reference (a screen, or a file) or a condition, to be met by a view of the screen."""
+
+    def __init__(self, what: Reference, view: View, name: str | None = None):
+        self.view = view
+        self.reference: Screen | None = None
+        self._predicate: Predicate | None = None
+        if callable(what):
+            self._predicate = what
+            self.name = name or f"the condition {getattr(what, '__name__', what)}"
+        else:
+            self.name = name or ("the reference" if isinstance(what, Screen) else os.fspath(what))
+            reference = what if isinstance(what, Screen) else Screen.load(what)
+            region = view.region
+            # A reference of the region's size is the region; a larger one is a screen that has it.
+            if region and (reference.width, reference.height) != region[2:]:
+                reference = reference.crop(region)
+            self.reference = reference
+
+    def met_by(self, part: Screen) -> bool:
+        if self._predicate:
+            return bool(self._predicate(part))
+        return part == self.reference or not self.difference(part)
+
+    def difference(self, part: Screen) -> Difference | None:
+        """None for a condition."""
+        return self.view.diff(part, self.reference) if self.reference else None

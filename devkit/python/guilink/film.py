@@ -1,0 +1,159 @@
+"""Pictures and presses over time, as something to look at: an animation, or a video.
+
+Presses are marked in a bar below the screen. What is transparent shows black.
+"""
+from __future__ import annotations
+
+import itertools
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+from dataclasses import dataclass
+from typing import Callable, Iterable, Iterator, NamedTuple, Sequence
+
+from PIL import Image, ImageDraw, ImageFont
+
+from guilink.link import GuilinkError
+from guilink.picture import DamagedPicture
+from guilink.screen import Screen
+
+VIDEO_FPS = 30
+ANIMATION_FPS = 10
+ANIMATION_SCALE = 2     # its pictures are smaller by this factor
+PRESS_SHOWN = 0.6       # s for which a press stays marked
+BAR = 40                # pixels below the screen
+ANIMATIONS = (".png", ".apng", ".gif")
+
+Progress = Callable[[str], None]
+
+
+class Shot(NamedTuple):
+    """A picture, from a moment on."""
+
+    time: float  # time.monotonic()
+    payload: bytes
+
+
+@dataclass
+class Press:
+    """A button that was pressed, or a text that was sent."""
+
+    time: float  # time.monotonic()
+    name: str
+    confirmed: bool = False  # the device has handed it on
+
+    def __str__(self) -> str:
+        return self.name if self.confirmed else f"{self.name} (not confirmed)"
+
+
+class Film:
+    """Renders `shots` (oldest first) from `start` to `end`; both and the presses are time.monotonic()."""
+
+    def __init__(self, shots: Iterable[Shot], presses: Sequence[Press], start: float, end: float):
+        self._shots, self._presses, self._start, self._end = shots, presses, start, max(start, end)
+        self._font = _font()
+
+    def save(self, path: str | os.PathLike[str], progress: Progress | None = None) -> None:
+        """An animation for .png and .gif; everything else is a video, by ffmpeg."""
+        if os.path.splitext(path)[1].lower() in ANIMATIONS:
+            self._save_animation(path, progress)
+        else:
+            self._save_video(path, progress)
+
+    def _save_animation(self, path: str | os.PathLike[str], progress: Progress | None) -> None:
+        pictures: list[Image.Image] = []
+        durations: list[int] = []
+        for image in self._images(ANIMATION_FPS, ANIMATION_SCALE, progress):
+            if pictures and image is pictures[-1]:
+                durations[-1] += 1000 // ANIMATION_FPS
+            else:
+                pictures.append(image)
+                durations.append(1000 // ANIMATION_FPS)
+        if not pictures:
+            raise GuilinkError(f"cannot write {os.fspath(path)}: no picture has arrived")
+        if len(pictures) == 1:
+            pictures[0].save(path)  # of one picture Pillow makes no animation
+        else:
+            pictures[0].save(path, save_all=True, append_images=pictures[1:], duration=durations, loop=0)
+
+    def _save_video(self, path: str | os.PathLike[str], progress: Progress | None) -> None:
+        images = self._images(VIDEO_FPS, 1, progress)
+        if not (first := next(images, None)):
+            raise GuilinkError(f"cannot write {os.fspath(path)}: no picture has arrived")
+        command = ["ffmpeg", "-y", "-loglevel", "error", "-f", "rawvideo", "-pix_fmt", "rgb24",
+                   "-s", f"{first.width}x{first.height}", "-r", str(VIDEO_FPS), "-i", "-",
+                   "-pix_fmt", "yuv420p", os.fspath(path)]
+        with (tempfile.TemporaryFile() as complaint,
+              subprocess.Popen(command, stdin=subprocess.PIPE, stderr=complaint) as ffmpeg):
+            assert ffmpeg.stdin
+            try:
+                for image in itertools.chain((first,), images):
+                    ffmpeg.stdin.write(image.tobytes())
+            except BrokenPipeError:  # it has complained
+                pass
+            ffmpeg.communicate()
+            if ffmpeg.returncode:
+                complaint.seek(0)
+                raise GuilinkError(f"ffmpeg cannot write {os.fspath(path)}: "
+                                   + complaint.read().decode(errors="replace").strip())
+
+    def _images(self, fps: int, scale: int, progress: Progress | None) -> Iterator[Image.Image]:
+        """One image a tick; the same object while nothing changes."""
+        shots = iter(self._shots)
+        following = next(shots, None)
+        shown = image = screen = size = None
+        said = time.monotonic()
+        ticks = int((self._end - self._start) * fps) + 1
+        for tick in range(ticks):
+            now = self._start + tick / fps
+            new = None
+            while following and following.time <= now + 1 / fps:
+                new, following = following.payload, next(shots, None)
+            if new is not None:
+                screen = _rgb(new, scale) or screen
+            if screen is None:
+                continue
+            mark = self._mark(now)
+            if new is not None or mark != shown:
+                size = size or (screen.width + screen.width % 2,
+                                screen.height + screen.height % 2 + BAR)
+                image, shown = self._frame(screen, size, mark), mark
+            yield image
+            if progress and time.monotonic() > said + 1:
+                said = time.monotonic()
+                progress(f"rendered {tick + 1} of {ticks} pictures")
+
+    def _mark(self, now: float) -> str:
+        return ", ".join(str(press) for press in self._presses
+                         if now - PRESS_SHOWN < press.time <= now + 1 / VIDEO_FPS)
+
+    def _frame(self, screen: Image.Image, size: tuple[int, int], mark: str) -> Image.Image:
+        frame = Image.new("RGB", size)
+        frame.paste(screen)
+        bar = ImageDraw.Draw(frame)
+        bar.rectangle((0, size[1] - BAR, *size), fill=(170, 60, 20) if mark else (40, 40, 40))
+        bar.text((10, size[1] - BAR + 8), mark, fill="white", font=self._font)
+        return frame
+
+
+def can_save(path: str | os.PathLike[str]) -> bool:
+    return os.path.splitext(path)[1].lower() in ANIMATIONS or shutil.which("ffmpeg") is not None
+
+
+def _rgb(payload: bytes, scale: int) -> Image.Image | None:
+    """Over black; None if the picture is damaged."""
+    try:
+        image = Screen.decode(payload).image().convert("RGBa")
+    except DamagedPicture:
+        return None
+    image = image.reduce(scale) if scale > 1 else image
+    return Image.merge("RGB", image.split()[:3])  # premultiplied colours are those over black
+
+
+def _font() -> ImageFont.ImageFont | ImageFont.FreeTypeFont:
+    try:
+        return ImageFont.truetype("DejaVuSans.ttf", 20)
+    except OSError:
+        return ImageFont.load_default()

@@ -1,0 +1,61 @@
+"""Pictures: the runs of an ImageMessage to a numpy array and back.
+
+The layout is docs/link-protocol.md, Pictures. An array is height x width words of 16 bits, ARGB 4:4:4:4.
+"""
+from __future__ import annotations
+
+import numpy as np
+from numpy.typing import NDArray
+
+Pixels = NDArray[np.uint16]
+
+# Three times the largest screen. Runs of 1 MiB could describe 17 thousand million pixels.
+MAX_PIXELS = 1 << 22
+RUN_MAX = 0xFFFF
+OPAQUE_MIN = 0x1000  # pixels below it are transparent
+
+
+class DamagedPicture(ValueError):
+    """A payload that is no complete picture."""
+
+
+def decode(payload: bytes) -> Pixels:
+    """The pixels of an ImageMessage, read-only. The last one never travels: its neighbour is repeated."""
+    if len(payload) < 4 or len(payload) % 4:
+        raise DamagedPicture(f"a picture of {len(payload)} bytes is cut off")
+    words = np.frombuffer(payload, "<u2")
+    width, height = int(words[0]), int(words[1])
+    count = width * height
+    if not 0 < count <= MAX_PIXELS:
+        raise DamagedPicture(f"no device has a screen of {width} x {height} pixels")
+    lengths, values = words[2::2], words[3::2]
+    ends = np.cumsum(lengths, dtype=np.int64)
+    described = int(ends[-1]) if ends.size else 0
+    if described != count - 1:
+        raise DamagedPicture(f"runs of {described} pixels in a picture of {width} x {height}, "
+                             f"which takes {count - 1}")
+    if not lengths.all():  # empty runs are harmless, but two changes cannot share a place below
+        ends, values = ends[lengths > 0], values[lengths > 0]
+    # Where a run begins stands how its pixel differs from the one before; summed up, each run fills
+    # itself. Three times as fast as np.repeat.
+    pixels = np.zeros(count, np.uint16)
+    if values.size:
+        pixels[0] = values[0]
+        pixels[ends[:-1]] = values[1:] ^ values[:-1]
+        np.bitwise_xor.accumulate(pixels, out=pixels)
+    pixels.flags.writeable = False
+    return pixels.reshape(height, width)
+
+
+def encode(pixels: Pixels) -> bytes:
+    """The payload that a device makes of these pixels, with the losses of the link."""
+    height, width = pixels.shape
+    sent = pixels.reshape(-1)[:-1].astype(np.uint16)
+    sent[1:][sent[1:] < OPAQUE_MIN] = 0  # the first pixel travels raw
+    changes = np.flatnonzero(sent[1:] != sent[:-1]) + 1
+    starts = [0, *changes.tolist()] if sent.size else []
+    words = [width, height]
+    for start, end in zip(starts, [*starts[1:], sent.size]):
+        for position in range(start, end, RUN_MAX):
+            words += [min(RUN_MAX, end - position), int(sent[start])]
+    return np.array(words, "<u2").tobytes()

@@ -1,0 +1,100 @@
+"""pytest: the fixtures `device` and `assert_screen`, and what a failure leaves in the report.
+
+    def test_down(device, assert_screen):
+        device.press("down")
+        assert_screen("second_row")  # screens/second_row.png, beside the test
+"""
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Iterator, Protocol
+
+import pytest
+from _pytest.terminal import TerminalReporter  # no public name yet
+
+import guilink
+from guilink.expect import Expectation, View
+
+REFERENCES = "screens"  # folder of the reference pictures, beside the test
+UPDATE_PICTURES = 10  # equal in a row, before one becomes the reference: a busy device draws late
+PROPERTY = "guilink-artifacts"  # of a failed test in JUnit's report
+UPDATED = pytest.StashKey[list[Path]]()
+
+
+class AssertScreen(Protocol):
+    def __call__(self, name: str, *, region: guilink.Box | None = None, mask: guilink.Mask = (),
+                 tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
+        """Waits until the device shows the reference picture `name`, as Device.wait_for does."""
+
+
+def pytest_addoption(parser: pytest.Parser) -> None:
+    group = parser.getgroup("guilink", "a device's GUI")
+    group.addoption("--guilink-device", metavar="ID", help="identity or address of the device")
+    group.addoption("--guilink-timeout", metavar="S", type=float, default=10.0,
+                    help="seconds that a wait may take (default 10)")
+    group.addoption("--guilink-labels", metavar="FILE", help="names of the buttons, as for the viewer")
+    group.addoption("--guilink-update", action="store_true",
+                    help="write the reference pictures instead of comparing with them")
+    group.addoption("--guilink-artifacts", metavar="FOLDER", default="guilink-artifacts",
+                    help="where failed tests leave their pictures (default guilink-artifacts)")
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    config.stash[UPDATED] = list[Path]()
+
+
+@pytest.fixture(scope="session")
+def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
+    """The link that all tests share. Override it to connect in another way."""
+    option = pytestconfig.getoption
+    with guilink.connect(option("--guilink-device"), timeout=option("--guilink-timeout"),
+                         labels=option("--guilink-labels"),
+                         artifacts=option("--guilink-artifacts")) as device:
+        yield device
+
+
+@pytest.fixture
+def device(guilink_device: guilink.Device, request: pytest.FixtureRequest) -> guilink.Device:
+    """The device. What a test leaves it in, the next one finds."""
+    name = request.node.name
+    guilink_device.test_name = "".join(c if c.isalnum() or c in "-_" else "-" for c in name)
+    guilink_device.presses.clear()
+    return guilink_device
+
+
+@pytest.fixture
+def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> AssertScreen:
+    """A function that compares the screen with a reference picture beside the test."""
+    folder = request.path.parent / REFERENCES
+
+    def check(name: str, *, region: guilink.Box | None = None, mask: guilink.Mask = (),
+              tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
+        __tracebackhide__ = True
+        path = folder / f"{name}.png"
+        if request.config.getoption("--guilink-update"):
+            screen = device.wait_stable(region=region, mask=mask, tolerance=tolerance, timeout=timeout,
+                                        pictures=UPDATE_PICTURES)
+            view = View(region, mask, tolerance)
+            part = view.of(screen)
+            if not path.exists() or not Expectation(path, view).met_by(part):
+                folder.mkdir(exist_ok=True)
+                part.save(path)
+                request.config.stash[UPDATED].append(path)
+            return screen
+        if not path.exists():
+            pytest.fail(f"there is no {path}: write it with --guilink-update, and look at it", pytrace=False)
+        return device.wait_for(path, region=region, mask=mask, tolerance=tolerance, timeout=timeout,
+                               name=path.name)
+
+    return check
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> None:
+    if call.excinfo and isinstance(error := call.excinfo.value, guilink.WaitTimeout):
+        item.user_properties.append((PROPERTY, str(error.folder)))
+
+
+def pytest_terminal_summary(terminalreporter: TerminalReporter, config: pytest.Config) -> None:
+    for path in config.stash[UPDATED]:
+        terminalreporter.write_line(f"guilink: wrote {path}; look at it before you keep it")

@@ -1,0 +1,196 @@
+"""One picture of a device's screen, as a value: compare it, search it, cut it, save it."""
+from __future__ import annotations
+
+import os
+from dataclasses import dataclass
+from functools import cache, cached_property
+from typing import Iterable, Union
+
+import numpy as np
+from numpy.typing import NDArray
+from PIL import Image
+
+from guilink.picture import Pixels, decode
+
+Box = tuple[int, int, int, int]  # x, y, width, height; in pixels from the top left
+Mask = Union[Iterable[Box], NDArray[np.bool_]]  # boxes, or an array that is True where to look away
+
+SHIFTS = {"alpha": 12, "red": 8, "green": 4, "blue": 0}  # of a channel's 4 bits in a pixel
+STEP = 17  # from 4 bits to 8: 15 becomes 255
+
+
+class Screen:
+    """A picture, complete as the device sent it. Never changes.
+
+    `pixels` is the numpy array, height x width words, ARGB 4:4:4:4. Screens are equal if all their pixels
+    are. Alpha is straight, and what shows through transparent pixels is up to whoever shows them.
+    """
+
+    def __init__(self, pixels: Pixels):
+        pixels = np.asarray(pixels)
+        if pixels.ndim != 2 or pixels.dtype != np.uint16 or not pixels.size:
+            raise ValueError("a screen is a height x width array of 16-bit pixels")
+        self.pixels = pixels.view()
+        self.pixels.flags.writeable = False
+
+    @classmethod
+    def decode(cls, payload: bytes) -> Screen:
+        """From the payload of an ImageMessage."""
+        return cls(decode(payload))
+
+    @classmethod
+    def load(cls, path: str | os.PathLike[str]) -> Screen:
+        """From a file that `save` wrote, or any picture whose colours fit 4 bits a channel."""
+        with Image.open(path) as image:
+            rgba: NDArray[np.uint8] = np.asarray(image.convert("RGBA"))
+        if (rgba % STEP).any():
+            raise ValueError(f"cannot compare with {os.fspath(path)}: it has colours that no device can "
+                             "show (4 bits a channel); take it with save, not with another program")
+        red, green, blue, alpha = (rgba[..., i].astype(np.uint16) // STEP for i in range(4))
+        return cls((alpha << 12 | red << 8 | green << 4 | blue).astype(np.uint16))
+
+    @property
+    def width(self) -> int:
+        return self.pixels.shape[1]
+
+    @property
+    def height(self) -> int:
+        return self.pixels.shape[0]
+
+    @cached_property
+    def rgba(self) -> NDArray[np.uint8]:
+        """height x width x 4 bytes: red, green, blue, alpha, 0 to 255 each."""
+        return np.take(_colours(), self.pixels).view(np.uint8).reshape(*self.pixels.shape, 4)
+
+    def image(self) -> Image.Image:
+        """As a picture of Pillow, with alpha."""
+        return Image.fromarray(self.rgba, "RGBA")
+
+    def save(self, path: str | os.PathLike[str]) -> None:
+        """Writes a file; PNG keeps every pixel as it is."""
+        self.image().save(path)
+
+    def crop(self, box: Box) -> Screen:
+        x, y, width, height = box
+        if not (0 <= x < x + width <= self.width and 0 <= y < y + height <= self.height):
+            raise ValueError(f"the region {box} is not within a screen of {self.width} x {self.height}")
+        return Screen(self.pixels[y:y + height, x:x + width])
+
+    def __eq__(self, other: object) -> bool:
+        return isinstance(other, Screen) and np.array_equal(self.pixels, other.pixels)
+
+    __hash__ = None  # type: ignore[assignment]
+
+    def __repr__(self) -> str:
+        return f"<Screen {self.width} x {self.height}>"
+
+    def diff(self, other: Screen, mask: Mask = (), tolerance: int = 0) -> Difference:
+        """Where the screens differ by more than `tolerance` steps (of 15) in a channel, outside `mask`."""
+        if self.pixels.shape != other.pixels.shape:
+            return Difference(self, other, None)
+        differs = self.pixels != other.pixels
+        if tolerance and differs.any():
+            differs = steps(self, other) > tolerance
+        if isinstance(mask, np.ndarray):
+            differs &= ~mask
+        else:
+            for x, y, width, height in mask:
+                differs[max(y, 0):max(y + height, 0), max(x, 0):max(x + width, 0)] = False
+        return Difference(self, other, differs)
+
+    def find(self, reference: Screen) -> Box | None:
+        """The first place, from the top left, where this screen shows exactly `reference`."""
+        height, width = self.height - reference.height + 1, self.width - reference.width + 1
+        if height <= 0 or width <= 0:
+            return None
+        # The reference's rarest pixel leaves the fewest places.
+        values, counts = np.unique(self.pixels, return_counts=True)
+        found = dict(zip(values.tolist(), counts.tolist()))
+        probe = min(np.unique(reference.pixels).tolist(), key=lambda value: found.get(value, 0))
+        py, px = np.argwhere(reference.pixels == probe)[0]
+        places = np.argwhere(self.pixels[py:py + height, px:px + width] == probe)
+        for y, x in places[self._edges_match(places, reference)].tolist():
+            box = (x, y, reference.width, reference.height)
+            if self.crop(box) == reference:
+                return box
+        return None
+
+    def _edges_match(self, places: NDArray[np.intp], reference: Screen) -> NDArray[np.bool_]:
+        """Which places show the reference where its rows change colour: tells most others at once."""
+        changes = np.argwhere(reference.pixels[:, 1:] != reference.pixels[:, :-1])
+        match = np.ones(len(places), bool)
+        for y, x in changes[::max(1, len(changes) // 16)].tolist():
+            for dx in (x, x + 1):
+                match &= self.pixels[places[:, 0] + y, places[:, 1] + dx] == reference.pixels[y, dx]
+        return match
+
+
+@cache
+def _colours() -> NDArray[np.uint32]:
+    """The four bytes of each pixel, as one word."""
+    pixels = np.arange(1 << 16)
+    channels = [pixels >> SHIFTS[name] & 15 for name in ("red", "green", "blue", "alpha")]
+    colours: NDArray[np.uint32] = (np.stack(channels, axis=-1) * STEP).astype(np.uint8).view(np.uint32)
+    return colours.reshape(-1)
+
+
+def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
+    """For each pixel, the largest difference of a channel, 0 to 15."""
+    largest = np.zeros(one.pixels.shape, np.uint16)
+    for shift in SHIFTS.values():
+        a, b = one.pixels >> shift & 15, other.pixels >> shift & 15
+        np.maximum(largest, np.maximum(a, b) - np.minimum(a, b), out=largest)
+    return largest
+
+
+@dataclass(frozen=True, eq=False)
+class Difference:
+    """How two screens differ; true if they do. As text it says where and by how much."""
+
+    one: Screen
+    other: Screen
+    where: NDArray[np.bool_] | None  # True where they differ; None for screens of two sizes
+    origin: tuple[int, int] = (0, 0)  # of both, on the device's screen
+
+    def __bool__(self) -> bool:
+        return self.where is None or bool(self.where.any())
+
+    @property
+    def count(self) -> int:
+        """Of the pixels that differ."""
+        return self.one.pixels.size if self.where is None else int(np.count_nonzero(self.where))
+
+    @property
+    def box(self) -> Box | None:
+        """Around all pixels that differ, on the device's screen."""
+        if self.where is None or not self:
+            return None
+        rows, columns = np.flatnonzero(self.where.any(axis=1)), np.flatnonzero(self.where.any(axis=0))
+        x, y = int(columns[0]), int(rows[0])
+        return (x + self.origin[0], y + self.origin[1], int(columns[-1]) - x + 1, int(rows[-1]) - y + 1)
+
+    @property
+    def largest(self) -> int:
+        """Difference of a channel where they differ, in steps of 15."""
+        return int(steps(self.one, self.other)[self.where].max()) if self.box else 0
+
+    def __str__(self) -> str:
+        if self.where is None:
+            return (f"the sizes differ: {self.one.width} x {self.one.height}, "
+                    f"not {self.other.width} x {self.other.height}")
+        if not (box := self.box):
+            return "no pixel differs"
+        x, y, width, height = box
+        changed = int(np.bitwise_or.reduce((self.one.pixels ^ self.other.pixels)[self.where]))
+        channels = [name for name, shift in SHIFTS.items() if changed >> shift & 15]
+        pixels = "1 pixel differs" if self.count == 1 else f"{self.count} pixels differ"
+        return (f"{pixels} ({self.count / self.where.size:.2%}), within {width} x {height} at ({x}, {y}), "
+                f"by up to {self.largest} of 15 steps in {', '.join(channels)}")
+
+    def image(self) -> Image.Image:
+        """The first screen in dim grey, with red where the other differs."""
+        grey = self.one.image().convert("RGBa").convert("L").point(lambda level: level // 3)
+        picture = np.asarray(grey.convert("RGB")).copy()
+        if self.where is not None:
+            picture[self.where] = 255, 40, 40
+        return Image.fromarray(picture)

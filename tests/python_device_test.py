@@ -1,0 +1,242 @@
+"""The Python package's API: what a script may rely on, over a link whose pictures are scripted."""
+import json
+import re
+import threading
+from pathlib import Path
+
+import numpy as np
+import pytest
+from PIL import Image
+
+import guilink
+from guilink.link import LinkError, LinkStatus, Pictures
+from guilink.picture import encode
+from guilink.recording import Recording
+
+
+def picture(x, size=(48, 64)):
+    """Black, with a white column at x that leaves the first row free."""
+    pixels = np.full(size, 0xF000, np.uint16)
+    pixels[1:, x] = 0xFFFF
+    return pixels
+
+
+class ScriptedPictures(Pictures):
+    """Each wait gets the next picture of the script; behind its end no more come."""
+
+    def newer(self, than, deadline):
+        if self.number <= than and self.script:
+            self.add(self.script.pop(0))
+        return self._recent[-1] if self.number > than else None
+
+
+class ScriptedLink:
+    def __init__(self):
+        self.pictures = ScriptedPictures(threading.Condition())
+        self.pictures.script = []
+        self.pressed, self.on_press = [], lambda button: ([], [])
+
+    def press(self, button, deadline):
+        """on_press says which pictures come before the device's answer, and which behind it."""
+        self.pressed.append(button)
+        before, behind = self.on_press(button)
+        for each in before:
+            self.pictures.add(encode(each))
+        self.show(*behind)
+        return self.pictures.number
+
+    send_text = press
+
+    def show(self, *pictures):
+        self.pictures.script += [each if isinstance(each, bytes) else encode(each) for each in pictures]
+
+    def status(self):
+        return LinkStatus(True, "10.77.0.1", "11111", "fw1.1")
+
+    def close(self):
+        pass
+
+
+@pytest.fixture
+def link():
+    return ScriptedLink()
+
+
+@pytest.fixture
+def device(link, tmp_path):
+    return guilink.Device(link, timeout=5, artifacts=tmp_path / "artifacts")
+
+
+TARGET = guilink.Screen(picture(9))
+
+
+def test_pictures_from_before_a_press_do_not_count(link, device):
+    link.show(picture(9))
+    device.wait_for(TARGET)
+    link.on_press = lambda _: ([picture(9)], [picture(9), picture(3)])
+    device.press("down")
+    link.pictures.script.pop(0)
+    assert device.screen == guilink.Screen(picture(3))
+    assert link.pressed == [1]
+
+
+def test_no_change_is_believed_only_after_what_was_under_way(link, device):
+    link.show(picture(9))
+    device.screen
+    link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(3)] * 2)
+    device.press("down")
+    with pytest.raises(guilink.WaitTimeout, match="did not become the reference"):
+        device.wait_for(TARGET)
+    link.show(picture(9))
+    device.wait_for(TARGET)
+    link.on_press = lambda _: ([], [picture(9)] * 3)  # a device that draws rarely: up to the time-out
+    device.press("down")
+    device.wait_for(TARGET)
+
+
+def test_waits_look_at_a_region_without_its_mask(link, device):
+    clock = picture(9)
+    clock[0, :10] = 0xFF00
+    link.show(b"damaged", picture(3), clock)
+    device.wait_for(TARGET, mask=[(0, 0, 10, 1)])
+    assert device.screen == guilink.Screen(clock)
+    for region, reference in (((5, 1, 30, 40), TARGET), ((5, 1, 30, 40), TARGET.crop((5, 1, 30, 40)))):
+        device.wait_for(reference, region=region)
+    device.wait_for(TARGET, region=(0, 0, 40, 9), mask=[(2, 0, 9, 1), (0, 0, 2, 1)])
+    device.wait_for(TARGET, region=(5, 0, 40, 9), mask=clock != picture(9))
+    device.wait_for(lambda part: (part.width, part.height) == (4, 2), region=(60, 46, 4, 2))
+    with pytest.raises(guilink.WaitTimeout, match=r"10 pixels differ \(0.33%\), within 10 x 1 at \(0, 0\), "
+                                                  "by up to 15 of 15 steps in red"):
+        device.wait_for(TARGET)
+    with pytest.raises(guilink.WaitTimeout, match=r"within 5 x 1 at \(5, 0\)"):
+        device.wait_for(TARGET, region=(5, 0, 30, 40))
+    clock[20, 9] = 0xFEFF
+    link.pictures.add(encode(clock))
+    with pytest.raises(guilink.WaitTimeout, match=r": 1 pixel differs \(.*within 1 x 1 at \(9, 20\), "
+                                                  "by up to 1 of 15 steps in red\n"):
+        device.wait_for(TARGET, region=(5, 10, 30, 30))
+    with pytest.raises(guilink.WaitTimeout, match="the sizes differ: 64 x 48, not 48 x 64"):
+        device.wait_for(guilink.Screen(TARGET.pixels.T))
+
+
+def test_failure_leaves_evidence_and_says_what_to_look_at(link, device):
+    link.show(picture(3))
+    device.screen
+    link.on_press = lambda _: ([], [picture(3)] * 4)
+    device.press("Zoom in")
+    with pytest.raises(guilink.WaitTimeout) as failure:
+        device.wait_for(TARGET, mask=[(0, 0, 1, 1)], tolerance=2, name="target.png")
+    message = str(failure.value)
+    for words in ("did not become target.png within 5 s", "the whole screen, without [(0, 0, 1, 1)]",
+                  "tolerance 2 of 15", "94 pixels differ", "nothing of it has changed since 'Zoom in'",
+                  "4 have arrived meanwhile", "linked to 11111",
+                  "artifacts/wait-1"):
+        assert words in message
+    folder = failure.value.folder
+    assert guilink.Screen.load(folder / "expected.png") == TARGET
+    assert guilink.Screen.load(folder / "actual.png") == guilink.Screen(picture(3))
+    red = np.asarray(Image.open(folder / "difference.png")) == (255, 40, 40)
+    assert np.array_equal(red.all(axis=2), picture(3) != picture(9))
+    assert "Zoom in" in (folder / "keys.txt").read_text()
+    assert (folder / "message.txt").read_text().startswith("the screen did not become")
+    assert Image.open(folder / "last-seconds.png").size == (32, 24 + 40)
+    with pytest.raises(guilink.WaitTimeout, match=r"(?s)the condition never.*wait-2") as failure:
+        device.wait_for(lambda screen: False, name="the condition never")
+    assert failure.value.difference is None
+
+
+def test_stable_means_unchanged_where_one_looks(link, device):
+    moving = [picture(n) for n in (1, 1, 2, 2, 3, 3, 3)]
+    link.show(*moving, picture(4))
+    assert device.wait_stable(still=0) == guilink.Screen(picture(3))
+    link.show(*(picture(n) for n in range(5, 15)))
+    device.wait_stable(region=(20, 0, 5, 5), still=0)
+    with pytest.raises(guilink.WaitTimeout, match=r"not still.*\n.*the one before\n.*94 pixels"):
+        device.wait_stable(still=0, tolerance=1)
+
+
+def test_press_until_does_not_overrun_a_slow_device(link, device):
+    effects = iter([[picture(1)] * 7 + [picture(2), picture(3), picture(3), picture(3)],
+                    [picture(3), picture(5), picture(9), picture(5)]])
+    link.on_press = lambda _: ([picture(1)], next(effects))
+    link.show(picture(1))
+    assert device.press_until("right", TARGET) == TARGET
+    assert link.pressed == [3, 3]
+    link.pictures.script.clear()
+    link.pictures.add(encode(picture(9)))
+    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3, 3]  # it is there already
+
+    link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(5)])
+    device.press("right")
+    assert device.screen == guilink.Screen(picture(5))
+    link.on_press = lambda _: ([], [picture(5)] * 3 + [picture(9)])
+    device.press("right")
+    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no press too much
+
+    link.on_press = lambda _: ([], [picture(len(link.pressed))] * 4)
+    with pytest.raises(guilink.WaitTimeout, match="'Right', pressed 5 times, did not lead to the reference"):
+        device.press_until("right", guilink.Screen(picture(60)), at_most=5)
+    link.on_press = lambda _: ([], [picture(len(link.pressed) - 1)] * 9)
+    with pytest.raises(guilink.WaitTimeout, match="pressed 1 times.*no new picture.*\n.*\n.*\n.*ignored"):
+        device.press_until("right", guilink.Screen(picture(60)))
+
+
+def test_buttons_have_names_and_numbers(link, device, tmp_path):
+    for button in ("down", " OK ", "zoom IN", 15, "7"):
+        device.press(button)
+    assert device.hold("up", 0) == 1
+    device.text("hello")
+    assert link.pressed == [1, 4, 8, 15, 7, 0, b"hello"]
+    assert [str(press) for press in device.presses][3:] == ["Info", "Power", "Up", "text 'hello'"]
+    for button in ("dwn", 16, -1, "16", "²"):
+        with pytest.raises(ValueError, match="there is no button.*Zoom out"):
+            device.press(button)
+    for text in ("", "x" * 4097):
+        with pytest.raises(ValueError, match="bytes"):
+            device.text(text)
+    labels = tmp_path / "labels.json"
+    labels.write_text(json.dumps([{"button": 3, "label": "Fokus +", "key": "f"}]))
+    assert guilink.Buttons.load(labels).number("fokus +") == 3
+    labels.write_text('{"button": 3}')
+    with pytest.raises(ValueError, match="labels.json"):
+        guilink.Buttons.load(labels)
+
+    def lost(_):
+        raise LinkError("the link ended")
+    link.on_press = lost
+    with pytest.raises(LinkError, match="cannot press 'Down': the link ended"):
+        device.press("down")
+    assert str(device.presses[-1]) == "Down (not confirmed)"
+
+
+def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_path, monkeypatch):
+    link.show(*(picture(n) for n in (1, 2, 2)))
+    device.screen
+    monkeypatch.setenv("PATH", "")
+    with pytest.warns(UserWarning, match="ffmpeg is not installed"):
+        recording = device.record(tmp_path / "run.mp4")
+    device.press("down")
+    device.wait_for(guilink.Screen(picture(2)))
+    path = recording.stop()
+    with Image.open(path) as film:
+        assert path.endswith("run.png") and film.size == (32, 24 + 40)
+        bar = np.asarray(film.convert("RGB"))[-40:]
+        assert (bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any()  # marked, and named
+    assert recording.stop() == path
+    nothing = Recording(ScriptedLink(), tmp_path / "nothing.gif", [])
+    with pytest.raises(guilink.GuilinkError, match="no picture has arrived"):
+        nothing.stop()
+
+
+# Each module imports only from those before it.
+LAYERS = """wire picture screen link discovery connection companion
+            film evidence recording expect buttons device __init__ pytest_plugin cli __main__""".split()
+
+
+def test_imports_only_go_down():
+    folder = Path(guilink.__file__).parent
+    assert {path.stem for path in folder.glob("*.py")} == set(LAYERS)
+    for level, name in enumerate(LAYERS):
+        source = (folder / f"{name}.py").read_text()
+        for module in re.findall(r"^\s*(?:from|import) guilink\.?(\w*)", source, re.MULTILINE):
+            assert LAYERS.index(module or "__init__") <= level, f"{name} imports {module}"

@@ -1,0 +1,138 @@
+"""The Python package against the real service and the simulated core: the examples of the docs, the command
+line, and a device that goes and comes back."""
+import json
+import os
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import xml.etree.ElementTree
+from pathlib import Path
+
+import pytest
+from support.fake_device import LIMIT
+
+import guilink
+
+ROOT = Path(__file__).parent.parent
+BIN = Path(os.environ["GUILINK_BIN"])
+PANEL, MOVING = (70, 260, 560, 630), [(540, 260, 60, 630)]
+
+
+class Service:
+    """guilinkd, which detaches itself, is found by its name; the sandbox holds no other."""
+
+    def start(self):
+        subprocess.run([BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
+
+    def stop(self):
+        for process in Path("/proc").glob("[0-9]*"):
+            try:
+                if (process / "comm").read_text().strip() == "guilinkd":
+                    gone = os.pidfd_open(int(process.name))
+                    signal.pidfd_send_signal(gone, signal.SIGTERM)
+                    select.select([gone], [], [])
+                    os.close(gone)
+            except (FileNotFoundError, ProcessLookupError):
+                pass
+
+
+@pytest.fixture(scope="module")
+def service():
+    made = Service()
+    made.start()
+    with subprocess.Popen([BIN / "guilink-core"], stderr=subprocess.DEVNULL) as core:
+        yield made
+        core.terminate()
+    made.stop()
+
+
+def run(*arguments, status=0, **options):
+    """The package as a program; returns what it writes."""
+    environment = os.environ | {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}  # an installed guilink stays out
+    done = subprocess.run([sys.executable, "-m", *arguments], capture_output=True, text=True,
+                          timeout=8 * LIMIT, env=environment, **options)
+    assert done.returncode == status, done.stdout + done.stderr
+    return done.stdout + done.stderr
+
+
+def test_examples_pass_and_failures_are_reported(service, tmp_path):
+    for example in ("test_menu.py", "test_pages.py"):
+        shutil.copy(ROOT / "docs/examples" / example, tmp_path)
+    tests = ["pytest", "-q", "-p", "no:cacheprovider", "-p", "guilink.pytest_plugin",
+             "--guilink-device=11111", f"--guilink-timeout={LIMIT}"]
+    assert "there is no " in run(*tests, "test_menu.py", status=1, cwd=tmp_path)
+    assert "second_row.png; look at it" in run(*tests, "--guilink-update", cwd=tmp_path)
+    written = {path: path.stat().st_mtime_ns for path in (tmp_path / "screens").iterdir()}
+    assert "guilink: wrote" not in run(*tests, "--guilink-update", "test_menu.py", cwd=tmp_path)
+    assert "9 passed" in run(*tests, cwd=tmp_path)
+    assert written == {path: path.stat().st_mtime_ns for path in (tmp_path / "screens").iterdir()}
+
+    shutil.copy(tmp_path / "screens/first_row.png", tmp_path / "screens/second_row.png")  # an ignored button
+    said = run(*tests, "test_menu.py", "--guilink-timeout=0.5", "--junit-xml=report.xml", status=1,
+               cwd=tmp_path)
+    assert "did not become second_row.png within 0.5 s" in said and "device.press(\"down\")" in said
+    report = xml.etree.ElementTree.parse(tmp_path / "report.xml").find(".//property")
+    assert report.get("name") == "guilink-artifacts"
+    assert (tmp_path / report.get("value") / "difference.png").exists()
+    with guilink.connect(timeout=LIMIT) as device:
+        device.press("up")
+
+
+def test_command_line(service, tmp_path):
+    def guilink_json(name, *arguments, status=0):
+        said = run("guilink", name, "--json", *arguments, status=status, cwd=tmp_path)
+        return json.loads(next(line for line in said.splitlines() if line.startswith("{")))
+
+    assert guilink_json("devices")["devices"][0]["identity"] == "11111"
+    assert guilink_json("snapshot", "now.png", "--device", "10.77.0.1")["size"] == [1280, 960]
+    where = ["--device", "11111", "--region", "70,260,560,630", "--mask", "540,260,60,630"]
+    assert guilink_json("wait", *where)["device"] == "11111"
+    assert guilink_json("wait", "now.png", *where)["device"] == "11111"
+    assert guilink_json("press", "down")["pressed"] == [1]
+    failed = guilink_json("wait", "now.png", *where, "--timeout", "0.5", status=1)
+    assert (tmp_path / failed["artifacts"] / "actual.png").exists()
+    assert guilink_json("press", "up", "info", "5")["pressed"] == [0, 15, 5]
+    assert guilink_json("record", "run.mp4", "--seconds", "1")["file"] == "run.mp4"
+    assert (tmp_path / "run.mp4").read_bytes()[4:8] == b"ftyp"
+    assert "ffmpeg cannot write" in run("guilink", "record", "/no/y.mp4", "--seconds", "0.1", status=1)
+    assert "11111" in run("guilink", "shell", input="print(device.identity)\n")
+    assert "no button 'dwn'" in run("guilink", "press", "dwn", status=2)
+    assert "absent.png" in run("guilink", "wait", "absent.png", status=2)
+    assert "invalid" in run("guilink", "wait", "--region", "1,2", status=2)
+
+
+def test_wait_outlives_a_restart_and_ends_by_interrupt(service, tmp_path):
+    with guilink.connect("11111", timeout=2 * LIMIT) as device:
+        shown = device.wait_stable(region=PANEL, mask=MOVING)
+        service.stop()
+        with pytest.raises(guilink.LinkError, match="cannot send the text.*has not come back"):
+            while True:  # the link may live for a moment
+                device.text("still there?", timeout=0.2)
+        service.start()
+        device.wait_for(shown, region=PANEL, mask=MOVING)
+
+    for wait, words, status in ((["snapshot", "x.png", "--device", "22222"], "heard: 11111", 1),
+                                (["record", "run.gif"], "Ctrl-C", 0)):
+        with subprocess.Popen([sys.executable, "-m", "guilink", *wait], stderr=subprocess.PIPE, text=True,
+                              cwd=tmp_path) as waiting:
+            while words not in waiting.stderr.readline():
+                pass
+            waiting.send_signal(signal.SIGINT)
+            assert waiting.wait(LIMIT) == status
+    assert (tmp_path / "run.gif").exists()
+
+
+def test_installs_without_a_network(tmp_path):
+    source = ROOT / "devkit/python"
+    before = set(source.rglob("*"))
+    subprocess.run(["/usr/bin/python3", "-m", "venv", "--system-site-packages", "--without-pip",
+                    tmp_path / "venv"], check=True)
+    run("pip", "-q", "--python", str(tmp_path / "venv"), "install", str(source))
+    assert set(source.rglob("*")) == before  # nothing is left in the checkout
+    environment = {name: value for name, value in os.environ.items() if name != "PYTHONPATH"}
+    for tool, words in (("guilink", "snapshot"), ("pytest", "--guilink-update")):
+        help_of = [tmp_path / "venv/bin/python", "-m", tool, "--help"]
+        assert words in subprocess.check_output(help_of, text=True, env=environment, cwd=tmp_path)
+    assert (tmp_path / "venv/bin/guilink").exists()

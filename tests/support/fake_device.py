@@ -1,0 +1,86 @@
+"""A device in bare sockets, for tests that need every byte in their own hands. Waits are generous."""
+import socket
+
+from guilink.picture import encode
+from guilink.wire import FrameReader, MessageType, frame
+
+LIMIT = 30  # s; for anything that will happen, however slow the machine
+BROADCAST = ("10.77.0.255", 3152)
+
+
+class FakeDevice:
+    def __init__(self, identity="11111", firmware="fw1.1", address="10.77.0.1"):
+        self.identity = (identity + firmware).encode()
+        self.address = address
+        self.udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.udp.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        self.udp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.udp.bind((address, 3153))
+        self.tcp, self.messages = None, []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.udp.close()
+        self.disconnect()
+
+    def call(self, datagram=None):
+        self.udp.sendto(frame(MessageType.IDENTITY, self.identity) if datagram is None else datagram,
+                        BROADCAST)
+
+    def answered(self, within=LIMIT):
+        """Whether the companion answers, as the protocol says byte for byte."""
+        self.udp.settimeout(within)
+        try:
+            return self.udp.recv(100) == bytes.fromhex(
+                "5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17"
+                "00000000 00000000 0400")
+        except (TimeoutError, BlockingIOError):
+            return False
+
+    def call_until_answered(self):
+        for _ in range(LIMIT * 4):
+            self.call()
+            if self.answered(0.25):
+                return self
+        raise AssertionError("the companion does not answer")
+
+    def connect(self):
+        self.tcp = socket.create_connection(("10.77.0.1", 8399), LIMIT, (self.address, 0))
+        self.reader, self.messages = FrameReader(), []
+        return self
+
+    def disconnect(self):
+        if self.tcp:
+            self.tcp.close()
+
+    def link(self):
+        """Found, connected, and asked to be the link."""
+        self.call_until_answered().connect().expect(MessageType.CONNECT_REQUEST)
+        return self
+
+    def next(self):
+        while not self.messages:
+            data = self.tcp.recv(65536)
+            if not data:
+                raise EOFError("the companion has closed the connection")
+            self.messages += self.reader.feed(data)
+        return self.messages.pop(0)
+
+    def expect(self, kind):
+        """The next message of this kind; skips others."""
+        while (message := self.next()).type != kind:
+            pass
+        return message.payload
+
+    def send(self, *frames):
+        self.tcp.sendall(b"".join(frames))
+
+    def show(self, pixels):
+        self.send(frame(MessageType.IMAGE, encode(pixels)))
+
+    def answer(self):
+        """Answers the next question who it is."""
+        self.expect(MessageType.IDENTITY_REQUEST)
+        self.send(frame(MessageType.IDENTITY, self.identity))
