@@ -299,6 +299,9 @@ def judge(case, day):
         allowed.add("SIGSEGV")
     if kind in ALLOCATIONS and "alloc of mem for ComLibInterface\nstd::bad_alloc\n" in day["log"]:
         allowed.add("status 1")
+    # The sender of presses makes its socket once: without it, presses are lost until a restart.
+    if kind == "socket" and day["wrong"] == "hang: no press":
+        return None
     return day["wrong"] or (None if day["end"] in allowed else day["end"])
 
 
