@@ -24,7 +24,7 @@ namespace {
 constexpr unsigned short PEER_PORT = LINK_PORT;
 constexpr auto SWEEP_INTERVAL = 1s;            // a candidate has about this long to be accepted
 constexpr size_t MAX_CANDIDATES = 32;          // each costs a socket and a thread
-constexpr unsigned MAX_TURNS_OF_HOST = 8;      // in a sweep; bounds the connections to one host
+constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;     // in a sweep; bounds the connections to one host
 constexpr size_t MAX_HOSTS = 1024;             // with turns; no others are admitted in a sweep
 constexpr unsigned SWEEPS_REMEMBERED = 60;     // then all hosts start anew
 constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then it is another candidate's turn
@@ -93,9 +93,8 @@ bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];
     const auto is_of_host = [host](const auto& unit) { return unit->address() == host; };
-    if (turns.in_sweep >= MAX_TURNS_OF_HOST ||
-        std::ranges::count_if(m_dropped, is_of_host) >= MAX_TURNS_OF_HOST ||
-        m_dropped.size() >= MAX_CANDIDATES) {
+    const auto ending = std::ranges::count_if(m_dropped, is_of_host);
+    if (turns.in_sweep + ending >= MAX_TURNS_OF_HOST || m_dropped.size() >= MAX_CANDIDATES) {
         return false;
     }
     if (m_candidates.size() + m_connecting >= MAX_CANDIDATES) {
