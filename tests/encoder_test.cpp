@@ -140,7 +140,7 @@ TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
         window = next();
     }
     ASSERT_EQ(pixels.size(), COUNT + 9);
-    pixels.resize(513 * 512);
+    pixels.resize(size_t{513} * 512);
     for (size_t place = 0; place < 32; place += STEP) {
         ASSERT_EQ(wrong(pixels, 513, 512, false), "") << place;
         std::rotate(pixels.begin(), pixels.end() - STEP, pixels.end());
@@ -167,7 +167,7 @@ TEST_F(Encoder, EveryTwoRunEnds) {
 // A block, a chunk, one word and two, with up to two pixels before and behind.
 TEST_F(Encoder, EveryRunAroundTheLimits) {
     for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
-        for (size_t i = 0; i < 5 * 3 * 3 * 2; i += STEP) {
+        for (size_t i = 0; i < size_t{5} * 3 * 3 * 2; i += STEP) {
             Words pixels(i / 5 % 3, 0xFFFF);
             pixels.resize(pixels.size() + limit - 2 + i % 5, KINDS[1 + i / 45]);
             pixels.resize(pixels.size() + i / 15 % 3, 0);
