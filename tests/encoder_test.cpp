@@ -147,23 +147,6 @@ TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     }
 }
 
-// Blocks in which no run ends are skipped: three runs of any kinds, their ends anywhere in two
-// blocks and their rest.
-TEST_F(Encoder, EveryTwoRunEnds) {
-    constexpr size_t COUNT = 70;
-    Words pixels(COUNT);
-    for (size_t kinds = 0; kinds < 64; kinds += STEP) {
-        for (size_t first = 0; first < COUNT; ++first) {
-            std::fill(pixels.begin(), pixels.end(), KINDS[kinds % 4]);
-            for (size_t second = COUNT; second > first; --second) {
-                std::fill_n(pixels.data() + first, second - first, KINDS[kinds / 4 % 4]);
-                std::fill_n(pixels.data() + second, COUNT - second, KINDS[kinds / 16]);
-                ASSERT_EQ(wrong(pixels, COUNT, 1, false), "") << kinds;
-            }
-        }
-    }
-}
-
 // A block, a chunk, one word and two, with up to two pixels before and behind.
 TEST_F(Encoder, EveryRunAroundTheLimits) {
     for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
