@@ -45,14 +45,6 @@ TEST(FrameReader, FindsFramesHoweverTheyAreDamagedOrSplit) {
     EXPECT_EQ(read_in_pieces(frame(DataMessage, largest), 65536).size(), 1u);
 }
 
-TEST(ImageDecoder, LastPixelRepeatsItsNeighbour) {
-    Image image;
-    decode_image(payload({3, 1, 1, 0x0ABC, 1, 0x8001}), image);
-    EXPECT_EQ(image.pixels, (std::vector<uint16_t>{0x0ABC, 0x8001, 0x8001}));
-    decode_image(payload({1, 1}), image);
-    EXPECT_EQ(image.pixels, std::vector<uint16_t>{0});
-}
-
 TEST(ImageDecoder, RefusesWhatIsNoCompleteImage) {
     Image image;
     for (const Bytes& damaged :
@@ -63,16 +55,21 @@ TEST(ImageDecoder, RefusesWhatIsNoCompleteImage) {
     }
 }
 
+const Bytes IDENTITY = frame(IdentityMessage, bytes("ABCDEfw2"));
+
 // A device in bare sockets, and what the companion has said of it.
 class CompanionTest : public testing::Test {
   protected:
+    static void search(const Socket& from, const Bytes& datagram) {
+        const sockaddr_in companion = ipv4("127.0.0.1", 3152);
+        sendto(from.fd(), datagram.data(), datagram.size(), 0,
+               reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
+    }
+
     // Broadcasts, and connects to whoever answers.
     Socket connect(const char* address = "127.0.0.1") {
         m_search.emplace(SOCK_DGRAM, address, 3153);
-        const sockaddr_in companion = ipv4("127.0.0.1", 3152);
-        const Bytes request = frame(IdentityMessage, bytes("ABCDEfw2"));
-        sendto(m_search->fd(), request.data(), request.size(), 0,
-               reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
+        search(*m_search, IDENTITY);
         Socket connection(SOCK_STREAM, address, 0, Socket::Use::Connect);
         const sockaddr_in link = ipv4("127.0.0.1", 8399);
         EXPECT_EQ(::connect(connection.fd(), reinterpret_cast<const sockaddr*>(&link), sizeof link),
@@ -97,15 +94,19 @@ class CompanionTest : public testing::Test {
         }
     }
 
-    static void identify(const Socket& connection) {
-        connection.write(frame(IdentityMessage, bytes("ABCDEfw2")));
+    // Links: the companion requests the identity of a device, which answers.
+    void identify(const Socket& connection) {
+        read_until(connection, IdentityRequest);
+        connection.write(IDENTITY);
+        EXPECT_TRUE(wait_until([this] {
+            const LinkStatus now = status();
+            return now.linked && now.identity == "ABCDE" && now.firmware == "fw2";
+        }));
     }
 
-    bool linked() {
-        return wait_until([this] {
-            const std::lock_guard lock(m_mutex);
-            return m_status.linked && m_status.identity == "ABCDE" && m_status.firmware == "fw2";
-        });
+    LinkStatus status() {
+        const std::lock_guard lock(m_mutex);
+        return m_status;
     }
 
     std::optional<Socket> m_search;  // has broadcast last
@@ -126,8 +127,8 @@ TEST_F(CompanionTest, LinksAndKeepsAlive) {
     EXPECT_EQ(type_of(device.read_frame()), ControlMessage);
     // The second request to connect comes before the first one for the identity.
     EXPECT_THAT(read_until(device, IdentityRequest), testing::Contains(ConnectRequest));
-    identify(device);
-    EXPECT_TRUE(linked());
+    device.write(IDENTITY);
+    EXPECT_TRUE(wait_until([this] { return status().linked; }));
     const Chatter chatter(device, frame(DataMessage));
     for (int i = 0; i < 5; ++i) read_until(device, ControlMessage);
 }
@@ -139,7 +140,7 @@ TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
     device.write(frame(ImageMessage, payload({1, 1})));
     EXPECT_THAT(read_until(device, IdentityRequest),
                 testing::Not(testing::Contains(ButtonMessage)));
-    identify(device);
+    device.write(IDENTITY);
     for (const uint8_t button : Bytes{3, 1, 2}) {
         EXPECT_EQ(next_payload(device, ButtonMessage), Bytes{button});
     }
@@ -148,9 +149,7 @@ TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
 
 TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
     const Socket device = connect();
-    read_until(device, IdentityRequest);
     identify(device);
-    EXPECT_TRUE(linked());
     const Chatter chatter(device, frame(DataMessage));  // it lives, it only does not read
 
     const auto text = [](size_t i) { return std::to_string(i) + std::string(4000, '.'); };
@@ -168,16 +167,13 @@ TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
 }
 
 TEST_F(CompanionTest, AnswersNothingButAnIdentity) {
-    const Bytes identity = frame(IdentityMessage, bytes("ABCDEfw2"));
-    Bytes damaged = identity;
+    Bytes damaged = IDENTITY;
     damaged.back() ^= 1;
     std::vector<Socket> searches;
-    for (const Bytes& datagram : {Bytes{}, bytes("?"), damaged, identity + bytes("?"),
-                                  identity + identity, frame(ConnectRequest), identity}) {
-        const sockaddr_in companion = ipv4("127.0.0.1", 3152);
+    for (const Bytes& datagram : {Bytes{}, bytes("?"), damaged, IDENTITY + bytes("?"),
+                                  IDENTITY + IDENTITY, frame(ConnectRequest), IDENTITY}) {
         searches.emplace_back(SOCK_DGRAM, "127.0.0.1", 0);
-        sendto(searches.back().fd(), datagram.data(), datagram.size(), 0,
-               reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
+        search(searches.back(), datagram);
     }
     EXPECT_EQ(searches.back().read_some(), frame(ConnectRequest));
     searches.pop_back();
@@ -187,40 +183,25 @@ TEST_F(CompanionTest, AnswersNothingButAnIdentity) {
 
 TEST_F(CompanionTest, TakesTheNewestThatSpeaksAndRefusesOtherDevices) {
     const Socket first = connect();
-    read_until(first, IdentityRequest);
     identify(first);
-    EXPECT_TRUE(linked());
 
     const Socket stranger = connect("127.0.0.2");
     EXPECT_TRUE(stranger.ended());
 
     const Socket second = connect();
-    read_until(second, IdentityRequest);
     identify(second);
-    EXPECT_TRUE(wait_until([&] {
-        try {
-            return first.read_some().empty();
-        } catch (const std::runtime_error&) {
-            return true;
-        }
-    }));
+    EXPECT_TRUE(wait_until([&] { return first.drain(); }));
     read_until(second, ControlMessage);
 }
 
 TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
     for (int i = 0; i < 3; ++i) {
         Socket device = connect();
-        read_until(device, IdentityRequest);
-        // Whatever it sends meanwhile.
         device.write(bytes("garbage") + frame(ImageMessage, bytes("x")) + frame(77));
         identify(device);
-        EXPECT_TRUE(linked());
         if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
         if (i != 1) device.reset();  // the second one only falls silent
-        EXPECT_TRUE(wait_until([this] {
-            const std::lock_guard lock(m_mutex);
-            return !m_status.linked;
-        }));
+        EXPECT_TRUE(wait_until([this] { return !status().linked; }));
     }
 }
 
