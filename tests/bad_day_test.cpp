@@ -167,10 +167,9 @@ TEST_F(BadDay, IdentityChangesBackToBackUnderTraffic) {
 }
 
 TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    close(ends[0]);
-    Daemon daemon(Daemon::Until::Started, [&] { dup2(ends[1], STDOUT_FILENO); });
+    Pipe pipe = open_pipe();
+    pipe.reader.close();
+    Daemon daemon(Daemon::Until::Started, [&] { dup2(pipe.writer.fd(), STDOUT_FILENO); });
     RawCompanion companion;
     EXPECT_TRUE(wait_until([&] {  // each request is worth a line
         if (const auto candidate = companion.connection_within(100ms)) {
@@ -181,48 +180,25 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGPIPE);
 }
 
-// A pipe with little room that is read only when a test asks for it.
-class SlowPipe {
-  public:
-    SlowPipe() {
-        if (pipe2(m_ends, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("no pipe");
-    }
-    ~SlowPipe() {
-        close(m_ends[0]);
-        close(m_ends[1]);
-    }
-    SlowPipe(const SlowPipe&) = delete;
-    SlowPipe& operator=(const SlowPipe&) = delete;
-
-    // As a stream of this process, which waits where there is no room.
-    void replace(int stream) const {
-        fcntl(m_ends[1], F_SETFL, 0);
-        dup2(m_ends[1], stream);
-    }
+// One of the service's streams is a pipe that is read only when a test asks for it.
+class FullPipe : public testing::TestWithParam<int> {
+  protected:
     void fill() const {
-        const Bytes garbage(65536, '#');
-        fcntl(m_ends[1], F_SETFL, O_NONBLOCK);
-        while (::write(m_ends[1], garbage.data(), garbage.size()) > 0) {
+        fcntl(m_pipe.writer.fd(), F_SETFL, O_NONBLOCK);
+        while (write(m_pipe.writer.fd(), "#", 1) > 0) {
         }
-        while (::write(m_ends[1], "#", 1) > 0) {
-        }
-        fcntl(m_ends[1], F_SETFL, 0);  // the service may share the description
+        fcntl(m_pipe.writer.fd(), F_SETFL, 0);  // the service may share the description
     }
     std::string drain() const {
+        fcntl(m_pipe.reader.fd(), F_SETFL, O_NONBLOCK);
         std::string text(0x200000, '\0');
-        const ssize_t count = ::read(m_ends[0], text.data(), text.size());
+        const ssize_t count = read(m_pipe.reader.fd(), text.data(), text.size());
         text.resize(count > 0 ? static_cast<size_t>(count) : 0);
         return text;
     }
 
-  private:
-    int m_ends[2];
-};
-
-class FullPipe : public testing::TestWithParam<int> {
-  protected:
-    const SlowPipe m_pipe;
-    Daemon m_daemon{Daemon::Until::Started, [this] { m_pipe.replace(GetParam()); }};
+    const Pipe m_pipe = open_pipe();
+    Daemon m_daemon{Daemon::Until::Started, [this] { dup2(m_pipe.writer.fd(), GetParam()); }};
     const Frames m_frames{100ms};
     RawCompanion m_companion{"127.0.0.4"};
 };
@@ -231,7 +207,7 @@ class FullPipe : public testing::TestWithParam<int> {
 TEST_P(FullPipe, LosesLinesAlone) {
     const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);
     Socket link = m_companion.link();
-    m_pipe.fill();
+    fill();
     const Bytes noise = frame(DataMessage, Bytes(100'000, 'x')) + frame(ImageMessage);
     for (int i = 0; i < 3; ++i) {
         link.write(noise + frame(ButtonMessage, {3}) + frame(ControlMessage));
@@ -243,18 +219,18 @@ TEST_P(FullPipe, LosesLinesAlone) {
     link = m_companion.link();
     EXPECT_EQ(type_of(link.read_frame()), ImageMessage);
 
-    m_pipe.drain();
+    drain();
     std::string lines;
     EXPECT_TRUE(wait_until([&] {
         link.write(noise + frame(ControlMessage));
-        lines += m_pipe.drain();
+        lines += drain();
         return lines.find(" lines dropped\n") != std::string::npos;
     }));
     EXPECT_EQ(m_daemon.terminate(), 0);
 }
 
 TEST_P(FullPipe, UnknownWordsOfANeighbourKeepNobodyOut) {
-    m_pipe.fill();
+    fill();
     const Socket neighbour = m_companion.connection();
     const Chatter chatter(neighbour, frame(ImageMessage));
     RawCompanion good("127.0.0.3");

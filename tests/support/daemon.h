@@ -2,8 +2,6 @@
 // exit status although it detaches itself.
 #pragma once
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,20 +31,19 @@ class Daemon {
     explicit Daemon(
         Until until = Until::Started, const std::function<void()>& change_streams = [] {}) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);  // what detaches itself becomes our child again
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-        m_output_end = ends[0];
+        Pipe pipe = open_pipe();
+        m_output_end = std::move(pipe.reader);
         const pid_t launcher = fork();
         if (launcher == 0) {
-            dup2(ends[1], STDOUT_FILENO);
-            dup2(ends[1], STDERR_FILENO);
+            dup2(pipe.writer.fd(), STDOUT_FILENO);
+            dup2(pipe.writer.fd(), STDERR_FILENO);
             change_streams();
             const char* const other = std::getenv("GUILINK_SERVICE");
             const char* const service = other != nullptr ? other : GUILINKD;
             execl(service, service, nullptr);
             _exit(127);
         }
-        close(ends[1]);
+        pipe.writer.close();
         m_reader = std::thread([this] { collect(); });
         int status = -1;
         waitpid(launcher, &status, 0);
@@ -64,7 +61,6 @@ class Daemon {
             waitpid(m_pid, nullptr, 0);
         }
         m_reader.join();
-        close(m_output_end);
     }
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
@@ -129,7 +125,7 @@ class Daemon {
     void collect() {
         char chunk[4096];
         ssize_t count;
-        while ((count = read(m_output_end, chunk, sizeof chunk)) > 0) {
+        while ((count = read(m_output_end.fd(), chunk, sizeof chunk)) > 0) {
             const std::lock_guard lock(m_mutex);
             m_output.append(chunk, static_cast<size_t>(count));
         }
@@ -152,7 +148,7 @@ class Daemon {
         return child;
     }
 
-    int m_output_end = -1;
+    Socket m_output_end;
     std::thread m_reader;
     pid_t m_pid = -1;
     std::optional<int> m_status;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -126,6 +127,17 @@ class Socket {
   private:
     int m_descriptor;
 };
+
+struct Pipe {
+    Socket reader;
+    Socket writer;
+};
+
+inline Pipe open_pipe() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    return {Socket(ends[0]), Socket(ends[1])};
+}
 
 // Writes the same bytes again and again, so that a connection never falls silent.
 class Chatter {
