@@ -18,7 +18,6 @@ struct Manners {
     std::chrono::milliseconds words_every = 10ms;
     size_t addresses = 1;
     bool floods = true;  // answers a thousand times a second instead of once a broadcast
-    bool reads = false;
 };
 
 class HostileHosts {
@@ -63,7 +62,6 @@ class HostileHosts {
 
     // False once the connection is gone.
     bool speak(Held& held) const {
-        if (m_manners.reads && held.socket.drain()) return false;
         if (Clock::now() < held.next_words) return true;
         held.next_words = Clock::now() + m_manners.words_every;
         const Bytes& words = *m_manners.words;
