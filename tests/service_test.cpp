@@ -12,14 +12,6 @@ namespace {
 using namespace guilink;
 using namespace guilink::test;
 
-void write_settings(const std::string& text) {
-    std::ofstream("/tmp/FL0/kel.ini") << text;
-}
-
-Bytes identity(const std::string& id) {
-    return frame(IdentityMessage, bytes(id + "fw1.1"));
-}
-
 // Everything at once for as long as it lives: frames at full speed, and a companion that links
 // whenever it can, keeps alive, asks and presses.
 class Load {
@@ -63,22 +55,14 @@ TEST(Service, DetachesAndKeepsItsStreams) {
     EXPECT_TRUE(std::filesystem::read_symlink(process + "/fd/1").string().starts_with("pipe:"));
 
     RawCompanion companion;
-    EXPECT_EQ(companion.hear(), identity("11111"));
+    EXPECT_EQ(companion.hear(), frame(IdentityMessage, bytes("11111fw1.1")));
     EXPECT_EQ(ntohs(companion.device().sin_port), 3153);
     EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
     EXPECT_EQ(daemon.output(), "");
 }
 
-TEST(Service, TakesItsIdentityFromTheSettings) {
-    write_settings("X=1\nBODY_QR=ABCDEFG\n");
-    Daemon daemon;
-    RawCompanion companion;
-    EXPECT_EQ(companion.hear(), identity("ABCDE"));
-    EXPECT_EQ(daemon.terminate(), 0) << daemon.output();
-}
-
 TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
-    write_settings("BODY_QR=AB\n");
+    std::ofstream("/tmp/FL0/kel.ini") << "BODY_QR=AB\n";
     Daemon daemon;
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
 }
