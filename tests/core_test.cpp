@@ -40,6 +40,9 @@ TEST(ControlService, OnlyCommandsAreObeyed) {
     }
 }
 
+constexpr Scene SCENES[] = {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise,
+                            Scene::sweep};
+
 std::vector<uint16_t> drawn(const Gui& gui, Scene scene = Scene::menu, const Moment& moment = {}) {
     Canvas canvas(1024, 768);
     std::vector<uint16_t> pixels(size_t{1024} * 768);
@@ -60,8 +63,7 @@ TEST(Gui, EveryButtonCanBeSeen) {
 TEST(Scenes, DifferAndMove) {
     const Gui gui("11111");
     std::set<std::vector<uint16_t>> seen;
-    for (const Scene scene :
-         {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise, Scene::sweep}) {
+    for (const Scene scene : SCENES) {
         EXPECT_TRUE(seen.insert(drawn(gui, scene)).second);
         EXPECT_TRUE(seen.insert(drawn(gui, scene, {64, 1, "12:00:00"})).second);
     }
@@ -74,8 +76,7 @@ TEST(Scenes, FitIntoAMessage) {
         Canvas canvas(width, static_cast<uint16_t>(width * 3 / 4));
         std::vector<uint16_t> pixels(size_t{canvas.width()} * canvas.height());
         std::vector<uint16_t> words(2);
-        for (const Scene scene :
-             {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise, Scene::sweep}) {
+        for (const Scene scene : SCENES) {
             draw_scene(scene, gui, canvas, {}, pixels);
             EXPECT_LE(EncodeImage(pixels.data(), canvas.width(), canvas.height(), words), MAX_SIZE)
                 << "width " << width << ", scene " << static_cast<int>(scene);
