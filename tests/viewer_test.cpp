@@ -47,7 +47,7 @@ TEST(ListeningAddress, SaysWhatIsWrong) {
                                      {"1:80", "its address"},
                                      {"localhost:80", "its address"},
                                      {"192.0.2.1:80", "choose another address"}})
-        EXPECT_THAT([&] { close(open_listener(where)); },
+        EXPECT_THAT([address = where] { close(open_listener(address)); },
                     ThrowsMessage<std::runtime_error>(HasSubstr(why)))
             << where;
 }
@@ -69,8 +69,10 @@ TEST(Labels, AreCheckedEntryByEntry) {
           {R"([{"button":1}])", R"("label" must)"},
           {R"([{"button":1,"label":"A","kye":"x"}])", R"("kye")"},
           {R"([{"button":1,"label":"A","place":"on"}])", R"("place")"},
-          {R"([{"button":1,"label":"A"},{"button":1,"label":"B"}])", "already"}})
-        EXPECT_THAT([&] { load(json); }, ThrowsMessage<std::runtime_error>(HasSubstr(why))) << json;
+          {R"([{"button":1,"label":"A"},{"button":1,"label":"B"}])", "already"}}) {
+        const std::string text = json;  // clang 14 captures no binding
+        EXPECT_THAT([&] { load(text); }, ThrowsMessage<std::runtime_error>(HasSubstr(why))) << text;
+    }
     unlink(file.c_str());
     EXPECT_THROW(load_labels(file), std::runtime_error);
     EXPECT_THAT(load_labels(""), HasSubstr("\"Power\""));
