@@ -148,9 +148,9 @@ def wait_for(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
 def record(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     with connect(options) as device:
         recording = device.record(options.file)
-        progress(f"recording {recording.path}"
-                 + (f" for {options.seconds:g} s" if options.seconds else "; Ctrl-C ends it"))
         try:
+            progress(f"recording {recording.path}"
+                     + (f" for {options.seconds:g} s" if options.seconds else "; Ctrl-C ends it"))
             threading.Event().wait(options.seconds)
         except KeyboardInterrupt:
             pass
