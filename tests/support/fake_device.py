@@ -79,8 +79,3 @@ class FakeDevice:
 
     def show(self, pixels):
         self.send(frame(MessageType.IMAGE, encode(pixels)))
-
-    def answer(self):
-        """Answers the next question who it is."""
-        self.expect(MessageType.IDENTITY_REQUEST)
-        self.send(frame(MessageType.IDENTITY, self.identity))
