@@ -3,35 +3,32 @@
 
 Run as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS; the browser runs in there, too.
 """
-import base64
 import hashlib
 import os
 import pathlib
-import select
 import shutil
-import signal
 import socket
 import statistics
-import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
-SKIPPED = 77  # what CTest takes for a skipped test
+from support.service import end_service, start_service
+
 try:
+    import numpy
     from selenium import webdriver
     from selenium.webdriver.common.by import By
     from selenium.webdriver.common.keys import Keys
     from selenium.webdriver.chrome.service import Service
     from selenium.webdriver.support.ui import WebDriverWait
 except ImportError:
-    print("page_test: skipped, there is no python3-selenium")
-    sys.exit(SKIPPED)
-if not shutil.which("chromedriver"):
-    print("page_test: skipped, there is no chromium-driver")
-    sys.exit(SKIPPED)
+    webdriver = None
+if not webdriver or not shutil.which("chromedriver"):
+    print("page_test: skipped, it needs python3-numpy, python3-selenium and chromium-driver")
+    sys.exit(77)  # reported as skipped by CTest
 
 BIN = pathlib.Path(sys.argv.pop(1)).resolve()
 ADDRESS = ("127.0.0.1", 8080)
@@ -64,11 +61,9 @@ const press = () => {
   check();
 };
 const check = () => {
-  if (canvas.dataset.frames !== seen) {
-    seen = canvas.dataset.frames;
-    const now = performance.now();
-    if (look() !== before) return done(now - start);
-  }
+  const now = performance.now();
+  if (canvas.dataset.frames !== seen && look() !== before) return done(now - start);
+  seen = canvas.dataset.frames;
   requestAnimationFrame(check);
 };
 press();
@@ -84,28 +79,26 @@ new MutationObserver((_, observer) => { window.veiled = !veil.hidden; observer.d
 
 def arrived(dump):
     """What arrives of the pixels that the core drew: the known losses of the link."""
-    first, *others, _ = struct.unpack(f"<{len(dump) // 2}H", dump)
-    others = [pixel if pixel > 0x0FFF else 0 for pixel in others]
-    return struct.pack(f"<{len(dump) // 2}H", first, *others, others[-1])
+    pixels = numpy.fromfile(dump, "<u2")
+    pixels[1:][pixels[1:] < 0x1000] = 0
+    pixels[-1] = pixels[-2]
+    return pixels
 
 
-def shown_of(dump):
+def shown(dump):
     """Hash of what a page shows of them: where a canvas shows nothing it keeps no colour."""
     pixels = arrived(dump)
-    if pixels[1] < 0x10:
-        pixels = bytes(2) + pixels[2:]
-    return hashlib.sha256(pixels).hexdigest()
+    pixels[pixels < 0x1000] = 0
+    return hashlib.sha256(pixels.tobytes()).hexdigest()
 
 
-def handshake(**headers):
+def handshake(origin="http://127.0.0.1:8080"):
     """Asks for the page's connection; returns the socket and the status line."""
     connection = socket.create_connection(ADDRESS, timeout=LIMIT)
-    fields = {"Host": "127.0.0.1:8080", "Origin": "http://127.0.0.1:8080", "Upgrade": "websocket",
-              "Connection": "Upgrade", "Sec-WebSocket-Version": "13",
-              "Sec-WebSocket-Key": base64.b64encode(os.urandom(16)).decode(), **headers}
-    lines = [f"{name}: {value}" for name, value in fields.items()]
-    connection.sendall(("GET /link HTTP/1.1\r\n" + "\r\n".join(lines) + "\r\n\r\n").encode())
-    return connection, connection.makefile("rb").readline().decode().strip()
+    connection.sendall(b"GET /link HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nOrigin: %s\r\n"
+                       b"Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+                       b"Sec-WebSocket-Key: MDEyMzQ1Njc4OWFiY2RlZg==\r\n\r\n" % origin.encode())
+    return connection, connection.makefile("rb").readline().decode()
 
 
 class Loop(unittest.TestCase):
@@ -114,13 +107,13 @@ class Loop(unittest.TestCase):
     def setUp(self):
         self.processes = []
         self.directory = tempfile.mkdtemp()
-        self.start_service()
+        start_service(BIN)
 
     def tearDown(self):
         for process in reversed(self.processes):
             process.terminate()
             self.assertEqual(process.wait(LIMIT), 0, "also what a sanitizer finds at the end")
-        self.end_service()
+        end_service()
         shutil.rmtree(self.directory)
 
     def start(self, name, *arguments):
@@ -128,33 +121,18 @@ class Loop(unittest.TestCase):
         self.processes.append(process)
         return process
 
-    def start_service(self):
-        subprocess.run([BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
-
-    def end_service(self):
-        for process in pathlib.Path("/proc").glob("[0-9]*"):
-            try:
-                if (process / "comm").read_text().strip() == "guilinkd":
-                    service = os.pidfd_open(int(process.name))
-                    signal.pidfd_send_signal(service, signal.SIGTERM)
-                    select.select([service], [], [])
-                    os.close(service)
-            except (FileNotFoundError, ProcessLookupError):  # another one that has just gone
-                pass
-
 
 class Snapshot(Loop):
     def test_is_exactly_what_the_core_drew(self):
         for size in ("1280x960", "1024x768"):
-            dump = pathlib.Path(self.directory, "dump")
-            raw = pathlib.Path(self.directory, "raw")
+            dump, raw = (pathlib.Path(self.directory, name) for name in ("dump", "raw"))
             core = self.start("guilink-core", "--size", size, "--still", "--dump", dump)
             viewer = self.start("guilink-viewer", "--snapshot", os.devnull, "--raw", raw,
                                 "--frames", "5", "--press", "1")
             self.assertEqual(viewer.wait(LIMIT), 0)
             core.terminate()
             self.assertEqual(core.wait(LIMIT), 0)
-            self.assertEqual(raw.read_bytes(), arrived(dump.read_bytes()))
+            self.assertEqual(raw.read_bytes(), arrived(dump).tobytes())
 
 
 class Page(Loop):
@@ -170,12 +148,10 @@ class Page(Loop):
     def open_browser(self):
         options = webdriver.ChromeOptions()
         for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-quic", "no-first-run",
-                         "disable-background-networking", "disable-component-update",
-                         "disable-sync", "window-size=1280,900",
-                         f"user-data-dir={self.directory}/profile"):
+                         "disable-background-networking", "disable-component-update", "disable-sync",
+                         "window-size=1280,900", f"user-data-dir={self.directory}/profile"):
             options.add_argument("--" + argument)
-        service = Service(shutil.which("chromedriver"))
-        browser = webdriver.Chrome(service=service, options=options)
+        browser = webdriver.Chrome(service=Service(shutil.which("chromedriver")), options=options)
         browser.set_script_timeout(LIMIT)
         for _ in range(LIMIT * 10):
             try:
@@ -189,11 +165,15 @@ class Page(Loop):
     def wait(self, condition):
         WebDriverWait(self.browser, LIMIT, poll_frequency=0.05).until(lambda _: condition())
 
-    def frames(self):
-        return int(self.browser.execute_script("return canvas.dataset.frames ?? 0"))
+    def text(self, name):
+        return self.browser.find_element(By.ID, name).text
 
-    def link_text(self):
-        return self.browser.find_element(By.ID, "link").text
+    def wait_for_frames(self, count):
+        def frames():
+            return int(self.browser.execute_script("return canvas.dataset.frames ?? 0"))
+
+        end = frames() + count
+        self.wait(lambda: frames() >= end)
 
     def hash(self):
         return self.browser.execute_async_script(CANVAS_HASH)
@@ -202,21 +182,21 @@ class Page(Loop):
         for size in ("1280x960", "1024x768"):
             for scene in ("menu", "gradient"):
                 dump = pathlib.Path(self.directory, "dump")
-                self.wait(lambda: self.link_text() == "Linked to 10.77.0.1")
+                self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")
                 core = self.start("guilink-core", "--size", size, "--scene", scene, "--still",
                                   "--frames", "30", "--dump", dump)
                 self.assertEqual(core.wait(LIMIT), 0)
-                expected = shown_of(dump.read_bytes())
+                expected = shown(dump)
                 self.wait(lambda: self.hash() == expected)
 
     def is_calm(self):
-        before, start = self.hash(), self.frames()
-        self.wait(lambda: self.frames() > start + 60)
+        before = self.hash()
+        self.wait_for_frames(60)
         return self.hash() == before
 
     def test_click_key_and_touch_move_the_menu(self):
         self.start("guilink-core", "--still")
-        self.wait(lambda: self.frames() > 0)
+        self.wait_for_frames(1)
         down = self.browser.find_element(By.CSS_SELECTOR, '[data-button="1"]')
         place = self.browser.execute_script(
             "const box = arguments[0].getBoundingClientRect();"
@@ -249,7 +229,7 @@ class Page(Loop):
         # Enter is OK, also just after a click on another button.
         down.click()
         self.browser.switch_to.active_element.send_keys(Keys.ENTER)
-        self.wait(lambda: "OK pressed" in self.browser.find_element(By.ID, "log").text)
+        self.wait(lambda: "OK pressed" in self.text("log"))
 
         # A phone held sideways shows screen and pad side by side, all of both.
         self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
@@ -268,28 +248,26 @@ class Page(Loop):
         self.browser.get(URL)
         for window in self.browser.window_handles:
             self.browser.switch_to.window(window)
-            start = self.frames()
-            self.wait(lambda: self.frames() > start + 60)
+            self.wait_for_frames(60)
         for connection in stalled:
             connection.close()
 
     def test_service_ends_and_comes_back(self):
         self.start("guilink-core")
         for _ in range(2):
-            self.wait(lambda: self.link_text() == "Linked to 10.77.0.1")
-            start = self.frames()
-            self.wait(lambda: self.frames() > start)
-            self.end_service()
-            self.wait(lambda: self.link_text() == "Searching for a device")
-            self.wait(lambda: "Frozen" in self.browser.find_element(By.ID, "veil").text)
+            self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")
+            self.wait_for_frames(1)
+            end_service()
+            self.wait(lambda: self.text("link") == "Searching for a device")
+            self.wait(lambda: "Frozen" in self.text("veil"))
             self.browser.execute_script(WATCH_VEIL)
-            self.start_service()
+            start_service(BIN)
             self.wait(lambda: self.browser.execute_script("return window.veiled !== undefined"))
             self.assertFalse(self.browser.execute_script("return veiled"))
 
     def test_other_sites_are_refused(self):
-        for headers, status in (({}, "101"), ({"Origin": "http://evil.example"}, "403")):
-            connection, answer = handshake(**headers)
+        for origin, status in (("http://127.0.0.1:8080", "101"), ("http://evil.example", "403")):
+            connection, answer = handshake(origin)
             connection.close()
             self.assertEqual(answer.split()[1], status)
 
