@@ -115,7 +115,7 @@ class Film:
                 screen = _rgb(new, scale) or screen
             if screen is None:
                 continue
-            mark = self._mark(now)
+            mark = self._mark(now, fps)
             if new is not None or mark != shown:
                 size = size or (screen.width + screen.width % 2,
                                 screen.height + screen.height % 2 + BAR)
@@ -125,9 +125,9 @@ class Film:
                 said = time.monotonic()
                 progress(f"rendered {tick + 1} of {ticks} pictures")
 
-    def _mark(self, now: float) -> str:
+    def _mark(self, now: float, fps: int) -> str:
         return ", ".join(str(press) for press in self._presses
-                         if now - PRESS_SHOWN < press.time <= now + 1 / VIDEO_FPS)
+                         if now - PRESS_SHOWN < press.time <= now + 1 / fps)
 
     def _frame(self, screen: Image.Image, size: tuple[int, int], mark: str) -> Image.Image:
         frame = Image.new("RGB", size)
