@@ -110,6 +110,11 @@ TEST_F(HostileNeighbour, SomeAddressesTrickle) {
     keeps_out_no_late_one({.words = Bytes{0x5A}, .words_every = 2800ms, .addresses = 8});
 }
 
+TEST_F(HostileNeighbour, SomeAddressesFeed) {
+    keeps_out_no_late_one(
+        {.words = repeated(frame(ImageMessage), 25'000), .words_every = 0ms, .addresses = 4});
+}
+
 TEST_F(HostileNeighbour, CutsNobodysRequestInHalves) {
     const Bytes request = frame(ConnectRequest);
     const auto middle = request.begin() + 20;
