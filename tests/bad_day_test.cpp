@@ -185,7 +185,10 @@ class FullPipe : public testing::TestWithParam<int> {
   protected:
     void fill() const {
         fcntl(m_pipe.writer.fd(), F_SETFL, O_NONBLOCK);
-        while (write(m_pipe.writer.fd(), "#", 1) > 0) {
+        const Bytes rest(4096, '#');
+        for (const size_t size : {rest.size(), size_t{1}}) {
+            while (write(m_pipe.writer.fd(), rest.data(), size) > 0) {
+            }
         }
         fcntl(m_pipe.writer.fd(), F_SETFL, 0);  // the service may share the description
     }
