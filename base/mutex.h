@@ -1,5 +1,5 @@
-// A mutex, and the annotations by which clang checks at compile time that what it guards is touched
-// under it alone (-Wthread-safety in the lint build). Other compilers see none of this.
+// A mutex with annotations. Clang's -Wthread-safety checks at compile time that a guarded member is
+// used only under its mutex; other compilers ignore the annotations.
 #pragma once
 
 #include <mutex>

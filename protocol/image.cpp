@@ -39,8 +39,8 @@ uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
     const uint32_t last = std::max(uint32_t{width} * height, 1u) - 1;
     if (last == 0) return (position - at) * sizeof(uint16_t);
 
-    // The first pixel is the only one that is not masked; meant. What is not 0 then equals no
-    // other.
+    // Deliberate: the first pixel is sent unmasked, so a transparent but non-zero one forms a run
+    // of its own.
     if (pixels[0] != 0 && pixels[0] <= TRANSPARENT_MAX) write_run(1, pixels[0]);
 
     std::array<uint16_t, CHUNK + RUN_ENDS_SLACK> ends;

@@ -45,7 +45,7 @@ int register_program(uint32_t program, std::vector<IpcProc> procedures) {
     IpcProgInfo info = {static_cast<int32_t>(table.size()), table.data()};
     std::string name = "test";
     const int result = ambaipc_svc_register(program, 1, name.c_str(), &info, 1);
-    // What the library still wants from here on it should have copied.
+    // The library must have copied what it needs.
     std::fill(table.begin(), table.end(), IpcProcEntry{nullptr, -1});
     info = {0, nullptr};
     name.assign(name.size(), 'x');
@@ -58,7 +58,7 @@ void call(AmbaipcCaller& caller, uint32_t procedure, std::string_view argument =
                 {reinterpret_cast<const unsigned char*>(argument.data()), argument.size()}, record);
 }
 
-// A connection that speaks for itself, to say what no caller says.
+// A raw connection, for messages that AmbaipcCaller never sends.
 int raw_connection() {
     const int connection = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     const ProgramAddress name(PROGRAM, 1);
@@ -144,7 +144,7 @@ TEST(Ambaipc, UnregisteredProgramRefusesAndCanComeBack) {
     EXPECT_EQ(ambaipc_svc_unregister(PROGRAM, 1), -1) << "taken back already";
     EXPECT_THROW(call(caller, 0), std::runtime_error);
     EXPECT_EQ(calls, 1);
-    // The program's thread gives the name free in its own time.
+    // The program's thread releases the name a little later.
     while (register_program(PROGRAM, {count}) != 0) std::this_thread::yield();
     call(caller, 0);
     EXPECT_EQ(calls, 2);

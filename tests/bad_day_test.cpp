@@ -1,6 +1,5 @@
-// The service among peers that misbehave, on networks that fail.
+// The service with misbehaving companions and failing networks.
 #include <array>
-#include <list>
 #include <random>
 
 #include "tests/support/bad_day.h"
@@ -21,7 +20,7 @@ TEST_F(BadDay, PeerGoesInTheMiddleOfAnImage) {
 TEST_F(BadDay, PeerStallsWithAFullWindow) {
     const Socket peer = link();
     const Chatter chatter(peer, frame(ControlMessage));
-    m_peer.connection();  // the service looks for another one
+    m_peer.connection();  // the service searches again
 }
 
 TEST_F(BadDay, PeerAsksAndDoesNotRead) {
@@ -86,46 +85,11 @@ TEST_F(BadDay, CandidateSpeaksBeforeItIsAccepted) {
     EXPECT_EQ(m_daemon->output().find("USER"), std::string::npos);
 }
 
-// Each says its number; only the link's button is obeyed.
-TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
-    struct Candidate {
-        Candidate(Socket&& from, uint8_t number)
-            : socket(std::move(from)),
-              chatter(socket, frame(ConnectRequest) + frame(ControlMessage) +
-                                  frame(ButtonMessage, {number})),
-              line("BUTTON " + std::to_string(number) + "\n") {}
-        Socket socket;
-        Chatter chatter;
-        std::string line;
-    };
-    std::list<Candidate> candidates;
-    while (candidates.empty()) {
-        std::vector<RawCompanion> hosts;
-        for (int i = 0; i < 10; ++i) hosts.emplace_back(("127.0.1.1" + std::to_string(i)).c_str());
-        for (RawCompanion& host : hosts) host.hear();
-        for (const RawCompanion& host : hosts) host.answer();
-        std::vector<Socket> offers;
-        for (const RawCompanion& host : hosts) {
-            const auto offered = [&] { return host.offered(); };
-            if (wait_until(offered, 100ms)) offers.push_back(host.accept());
-        }
-        if (offers.size() < 2) continue;  // the other answers were lost with older sweeps
-        uint8_t number = 0;
-        for (Socket& offer : offers) candidates.emplace_back(std::move(offer), ++number);
-        EXPECT_TRUE(wait_until([&] {
-            std::erase_if(candidates, [](const auto& each) { return each.socket.drain(); });
-            return candidates.empty() ||
-                   (candidates.size() == 1 &&
-                    m_daemon->output().find(candidates.front().line) != std::string::npos);
-        }));
-    }
-}
-
 TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
     const GoodCompanion good(m_far);
     ASSERT_TRUE(good.linked_within(LIMIT));
     for (const char* const address : {"10.77.0.1", "10.77.0.9"}) {
-        // While it is linked: a search that finds an address gone before it is bound ends it.
+        // Only while linked: if an address vanishes before a search binds it, the service aborts.
         EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
         run("ip address flush dev guilink0");
         run("ip address add " + std::string(address) + "/24 broadcast + dev guilink0");
@@ -171,7 +135,7 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     pipe.reader.close();
     Daemon daemon(Daemon::Until::Started, [&] { dup2(pipe.writer.fd(), STDOUT_FILENO); });
     RawCompanion companion;
-    EXPECT_TRUE(wait_until([&] {  // each request is worth a line
+    EXPECT_TRUE(wait_until([&] {  // each request logs a line
         if (const auto candidate = companion.connection_within(100ms)) {
             candidate->write(frame(ConnectRequest));
         }
@@ -180,7 +144,7 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGPIPE);
 }
 
-// One of the service's streams is a pipe that is read only when a test asks for it.
+// One of the service's streams is a pipe that only drain() reads.
 class FullPipe : public testing::TestWithParam<int> {
   protected:
     void fill() const {
@@ -190,7 +154,7 @@ class FullPipe : public testing::TestWithParam<int> {
             while (write(m_pipe.writer.fd(), rest.data(), size) > 0) {
             }
         }
-        fcntl(m_pipe.writer.fd(), F_SETFL, 0);  // the service may share the description
+        fcntl(m_pipe.writer.fd(), F_SETFL, 0);  // the service shares this file description
     }
     std::string drain() const {
         fcntl(m_pipe.reader.fd(), F_SETFL, O_NONBLOCK);
@@ -206,7 +170,7 @@ class FullPipe : public testing::TestWithParam<int> {
     RawCompanion m_companion{"127.0.0.4"};
 };
 
-// Lines are lost, and nothing else; what was lost is counted.
+// Only log lines are lost, and they are counted.
 TEST_P(FullPipe, LosesLinesAlone) {
     const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);
     Socket link = m_companion.link();
@@ -237,7 +201,7 @@ TEST_P(FullPipe, UnknownWordsOfANeighbourKeepNobodyOut) {
     const Socket neighbour = m_companion.connection();
     const Chatter chatter(neighbour, frame(ImageMessage));
     RawCompanion good("127.0.0.3");
-    const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);  // where only the link's presses arrive
+    const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);  // receives only the link's presses
     const Socket link = good.link();
     const Chatter presses(link, frame(ButtonMessage, {5}));
     EXPECT_EQ(control.read_some(), bytes(R"([{"msg_id":105,"param":"On"}])"));

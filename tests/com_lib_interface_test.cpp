@@ -13,7 +13,7 @@ using namespace guilink::test;
 constexpr uint64_t LARGE = 2'457'600;  // 1280 x 960
 constexpr uint64_t SMALL = 1'572'864;  // 1024 x 768
 
-// A frame of one colour, in a buffer of exactly as many bytes as are read.
+// A frame of one colour, in a buffer without a spare byte.
 std::shared_ptr<unsigned char> colour(uint16_t value, uint64_t size) {
     std::shared_ptr<unsigned char> buffer(new unsigned char[size],
                                           std::default_delete<unsigned char[]>());
@@ -53,7 +53,7 @@ class LinkedFacade : public testing::Test {
         return {words[0], words[1], words[3]};
     }
 
-    // Skips repeats of the image before. Throws if that one is all that is sent.
+    // Skips repeats of the last image; throws if no other arrives.
     Image next_image_other_than(uint16_t pixel) {
         for (int i = 0; i < REPEATS; ++i) {
             const Image image = next_image();
@@ -62,7 +62,7 @@ class LinkedFacade : public testing::Test {
         throw_missing_event("no new image");
     }
 
-    static constexpr int REPEATS = 20;  // two a second; then a frame that was pushed is lost
+    static constexpr int REPEATS = 20;  // two a second; after these, the pushed frame is lost
 
     LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
@@ -77,7 +77,7 @@ TEST_F(LinkedFacade, SizeDecidesTheResolution) {
     EXPECT_EQ(image.width, 1280);
     EXPECT_EQ(image.height, 960);
 
-    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // read whole all the same
+    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // still read in full
     image = next_image_other_than(0x9002);
     EXPECT_EQ(image.width, 1024);
     EXPECT_EQ(image.height, 768);
@@ -89,7 +89,7 @@ TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     m_link.write(frame(IdentityRequest));  // its answer follows the last keep-alive
     while (type_of(m_link.read_frame()) != IdentityMessage) {
     }
-    keep_sending(ButtonMessage);          // the connection lives, but this is no keep-alive
+    keep_sending(ButtonMessage);          // keeps the connection open, but is no keep-alive
     std::this_thread::sleep_for(2100ms);  // the limit under test: 2 s since the last keep-alive
     m_facade->push_frame(colour(0x9004, SMALL), SMALL);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(next_image().first_pixel, 0x8001);
@@ -103,7 +103,7 @@ TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     EXPECT_EQ(image.first_pixel, 0x9005);
 }
 
-// Far more than all buffers on the way can hold, while the companion does not read.
+// Pushes far more than all buffers hold while the companion does not read.
 TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOne) {
     const auto striped = colour(0, SMALL);
     for (uint64_t i = 0; i < SMALL; i += 2) {
@@ -127,7 +127,7 @@ TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOne) {
 TEST_F(LinkedFacade, MessagesAreHandled) {
     const Socket control_service(SOCK_DGRAM, "127.0.0.1", 3426);
     testing::internal::CaptureStdout();
-    m_link.write(frame(ButtonMessage));  // no button
+    m_link.write(frame(ButtonMessage));  // contains no button: ignored
     m_link.write(frame(ButtonMessage, {5, 10}));
     m_link.write(frame(DataMessage, bytes("hello")));
     m_link.write(frame(ControlMessage, bytes("x")));
@@ -147,7 +147,7 @@ TEST_F(LinkedFacade, EndsWhileMessagesArrive) {
     std::thread reader([&] {
         try {
             for (size_t size; (size = m_link.read_some().size()) > 0;) answered += size;
-        } catch (const std::runtime_error&) {  // the facade is gone, and its connection with it
+        } catch (const std::runtime_error&) {  // the facade has closed the connection
         }
     });
     EXPECT_TRUE(wait_until([&] { return answered > 100'000; }));

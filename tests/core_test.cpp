@@ -20,7 +20,7 @@ TEST(FrameMemory, NoAddressIsEverUsedTwice) {
             EXPECT_EQ(memory.address(buffer) % 4096, 0u);
             EXPECT_EQ(memory.pixels(buffer).size_bytes(), size);
             memory.pixels(buffer).back() = 1;
-            // With the page more that the service maps.
+            // One page more, because the service maps it, too.
             for (uint64_t page = 0; page <= size; page += 4096) {
                 EXPECT_TRUE(pages.insert(memory.address(buffer) + page).second);
             }
@@ -69,7 +69,7 @@ TEST(Scenes, DifferAndMove) {
     }
 }
 
-// A larger one is silently not sent.
+// The service silently drops larger ones.
 TEST(Scenes, FitIntoAMessage) {
     const Gui gui("11111");
     for (const uint16_t width : {uint16_t{1280}, uint16_t{1024}}) {

@@ -1,13 +1,11 @@
 // The encoder, exhaustively: with each set of vector instructions it writes the reference's words,
-// and both decoders turn these into the same pixels.
+// and the decoder turns these into the pixels that a companion shows.
 #include <gtest/gtest.h>
 #if defined(__x86_64__)
 #include <hwy/targets.h>
 #endif
 
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <random>
 #include <string_view>
@@ -28,14 +26,13 @@ constexpr uint16_t KINDS[] = {0, 0x0FFF, 0x1000, 0xFFFF};  // transparent up to 
 constexpr size_t EXHAUSTIVE = 12;  // pixels: 22 million images
 constexpr size_t STEP = 1;
 #else
-constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times as much
-constexpr size_t STEP = 7;        // and of the other exhaustive tests every seventh image is enough
+constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times as much,
+constexpr size_t STEP = 7;        // so the other exhaustive tests take every seventh image
 #endif
-constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;
-
 constexpr size_t AT = 21;  // words of a frame's header
 
-// The sets of this processor that run_ends.cpp has. Of each element the lowest bit is in use.
+// The instruction sets that both this processor and run_ends.cpp support. Each element is a mask,
+// of which hwy uses the lowest bit.
 std::vector<int64_t> instruction_sets() {
 #if defined(__x86_64__)
     std::vector<int64_t> sets;
@@ -57,17 +54,10 @@ void use([[maybe_unused]] int64_t set) {
 
 class Encoder : public ::testing::Test {
   protected:
-    void SetUp() override {
-        ASSERT_NE(m_python, nullptr);
-        std::signal(SIGPIPE, SIG_IGN);  // the status shows a decoder that has failed
-    }
-    void TearDown() override {
-        ASSERT_EQ(pclose(m_python), 0);
-        use(m_sets.front());
-    }
+    void TearDown() override { use(m_sets.front()); }
 
-    // Names what differs from the reference or from the pixels; "" if nothing does.
-    std::string_view wrong(const Words& pixels, uint16_t width, uint16_t height, bool in_python) {
+    // Returns what differs from the reference or from the pixels; "" if nothing does.
+    std::string_view wrong(const Words& pixels, uint16_t width, uint16_t height) {
         m_expected.assign(2, 0);
         const uint64_t bytes = encode_literally(pixels.data(), width, height, m_expected);
         size_t grown = AT + 2;
@@ -90,18 +80,11 @@ class Encoder : public ::testing::Test {
         }
         m_shown.back() = m_shown.size() > 1 ? m_shown[m_shown.size() - 2] : uint16_t{0};
         if (m_image.pixels != m_shown) return "decoded pixels";
-        if (in_python) {
-            const uint32_t sizes[] = {static_cast<uint32_t>(bytes), uint32_t{width} * height};
-            std::fwrite(sizes, sizeof sizes, 1, m_python);
-            std::fwrite(payload, bytes, 1, m_python);
-            std::fwrite(m_shown.data(), 2, m_shown.size(), m_python);
-        }
         return "";
     }
 
   private:
     const std::vector<int64_t> m_sets = instruction_sets();
-    std::FILE* const m_python = popen(SECOND_DECODER, "w");
     Words m_expected;
     Words m_words;
     Words m_shown;
@@ -113,19 +96,18 @@ INSTANTIATE_TEST_SUITE_P(Each, EncoderFrom, ::testing::ValuesIn(KINDS));
 
 TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
     for (size_t count = 1; count <= EXHAUSTIVE; ++count) {
-        const bool in_python = count <= EXHAUSTIVE_IN_PYTHON;
-        const auto height = static_cast<uint16_t>(in_python && count % 2 == 0 ? 2 : 1);
+        const auto height = static_cast<uint16_t>(count % 2 == 0 ? 2 : 1);
         const auto width = static_cast<uint16_t>(count / height);
         Words pixels(count, GetParam());
         for (size_t digits = 0; digits >> 2 * (count - 1) == 0; ++digits) {
             for (size_t i = 1; i < count; ++i) pixels[i] = KINDS[digits >> 2 * (i - 1) & 3];
-            ASSERT_EQ(wrong(pixels, width, height, in_python), "") << digits;
+            ASSERT_EQ(wrong(pixels, width, height), "") << digits;
         }
     }
 }
 
-// Eight pixels and their neighbour decide what the vectors of 8 compress. All such nines, once
-// each, at each place of the blocks of 32 that are read together.
+// Eight pixels and the next one decide what a vector of 8 compresses. Tries every such nine once at
+// each place of a block, the 32 pixels that are read together.
 TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     constexpr size_t COUNT = size_t{1} << 18;
     Words pixels(9, KINDS[0]);
@@ -142,12 +124,13 @@ TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     ASSERT_EQ(pixels.size(), COUNT + 9);
     pixels.resize(size_t{513} * 512);
     for (size_t place = 0; place < 32; place += STEP) {
-        ASSERT_EQ(wrong(pixels, 513, 512, false), "") << place;
+        ASSERT_EQ(wrong(pixels, 513, 512), "") << place;
         std::rotate(pixels.begin(), pixels.end() - STEP, pixels.end());
     }
 }
 
-// A block, a chunk, one word and two, with up to two pixels before and behind.
+// Runs about as long as a block, a chunk, the longest run and two of these, with up to two pixels
+// before and after.
 TEST_F(Encoder, EveryRunAroundTheLimits) {
     for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
         for (size_t i = 0; i < size_t{5} * 3 * 3 * 2; i += STEP) {
@@ -157,15 +140,15 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
             pixels.shrink_to_fit();
             size_t height = 1;
             while (pixels.size() % height != 0 || pixels.size() / height > 65535) ++height;
-            if (height > 65535) continue;  // a prime number of pixels is no image
+            if (height > 65535) continue;  // no image has a prime number of pixels above that
             const auto width = static_cast<uint16_t>(pixels.size() / height);
             const auto rows = static_cast<uint16_t>(height);
-            ASSERT_EQ(wrong(pixels, width, rows, true), "") << limit << "," << i;
+            ASSERT_EQ(wrong(pixels, width, rows), "") << limit << "," << i;
         }
     }
 }
 
-// Every single bit as a pixel, images that end anywhere in a block and beyond one and two chunks.
+// Pixels of a single bit; images that end anywhere in a block, and after one and two chunks.
 TEST_F(Encoder, RandomRuns) {
     std::mt19937 random(1);
     for (size_t count = 1; count < 9'000; count += 1 + count / 100) {
@@ -177,7 +160,7 @@ TEST_F(Encoder, RandomRuns) {
                 const auto bit = static_cast<uint16_t>(1u << random() % 16);
                 pixels.resize(std::min(end, count), random() % 2 == 0 ? bit : KINDS[random() % 4]);
             }
-            ASSERT_EQ(wrong(pixels, static_cast<uint16_t>(count), 1, false), "") << count;
+            ASSERT_EQ(wrong(pixels, static_cast<uint16_t>(count), 1), "") << count;
         }
     }
 }

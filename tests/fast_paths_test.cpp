@@ -1,4 +1,4 @@
-// What is fast gives, bit for bit, what the literal way gives.
+// The fast checksum against the literal one, and allocations per frame.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -16,7 +16,7 @@ thread_local uint64_t allocations = 0;  // of this thread
 
 }
 
-// Not inlined: GCC would see malloc and free where it expects a pair of operators.
+// Not inlined, or GCC warns that new and free do not match.
 [[gnu::noinline]] void* operator new(size_t size) {
     ++allocations;
     if (void* const memory = std::malloc(size)) return memory;
@@ -58,7 +58,7 @@ TEST(FastPaths, NothingIsAllocatedForAFrame) {
     const auto controller = std::make_shared<NetworkController>(communicator);
     communicator->SetController(controller);
     test::Bytes request = test::frame(ConnectRequest);
-    const test::Bytes button = test::frame(ButtonMessage);  // only the link's comes through
+    const test::Bytes button = test::frame(ButtonMessage);  // delivered only from the link
     request.insert(request.end(), button.begin(), button.end());
     const test::Socket link = companion.link(request, [&] { return messages > 0; });
     const test::Bytes alive = test::frame(ControlMessage);
@@ -68,14 +68,14 @@ TEST(FastPaths, NothingIsAllocatedForAFrame) {
     for (size_t i = 0; i < pixels.size(); i += 1 + i / 10) pixels[i] = 0xF00F;
     communicator->OnDataReceived(alive.data(), alive.size(), {}, true);
     const uint64_t before = allocations;
-    ASSERT_GT(before, 0u);  // they are counted
+    ASSERT_GT(before, 0u);  // the counter works
     for (int i = 0; i < 10; ++i) {
         communicator->SendImage(pixels.data(), 100, 100);
         communicator->SendImage(nullptr, 0, 0);
         communicator->OnDataReceived(alive.data(), alive.size(), {}, true);
     }
     EXPECT_EQ(allocations - before, 0u);
-    // They did go out.
+    // All images were sent.
     const test::Bytes image = link.read_frame();
     EXPECT_EQ(test::type_of(image), ImageMessage);
     for (int i = 1; i < 20; ++i) EXPECT_EQ(link.read_frame(), image);

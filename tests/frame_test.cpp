@@ -2,19 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include "protocol/crc32.h"
 #include "tests/support/bytes.h"
 
 namespace {
 
 using namespace guilink::test;
-
-TEST(Crc32, KnownValues) {
-    EXPECT_EQ(Crc32(nullptr, 0), 0u);
-    EXPECT_EQ(Crc32(bytes("123456789").data(), 9), 0xCBF43926u);
-    const unsigned char zero = 0;
-    EXPECT_EQ(Crc32(&zero, 1), 0xD202EF8Du);
-}
 
 TEST(BuildFrame, LaysOutEveryField) {
     const Bytes button = BuildFrame(ButtonMessage, bytes("123456789").data(), 9);

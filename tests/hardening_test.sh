@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# hardening_test.sh BIN LIB: what ships is hardened, read off the programs and libraries themselves.
+# hardening_test.sh BIN LIB: checks the hardening of the programs and libraries that ship.
 set -euo pipefail
 
 failed=0
@@ -10,7 +10,7 @@ require() {  # FILE PROPERTY PATTERN READELF'S OPTIONS
 }
 
 for file in "$1"/{guilinkd,guilink-core,guilink-viewer} "$2"/libambaipc.so; do
-    # A build for the device has the service alone.
+    # A build for the device contains only the service.
     [[ -f $file || $file == */guilinkd ]] || continue
     echo "looking at ${file##*/}"
     require "$file" "position independence" 'Type: +DYN' --file-header

@@ -1,5 +1,5 @@
-// The service among neighbours that attack it for as long as they can. A good companion is linked
-// all the same, and the service neither ends nor grows; then as on any bad day.
+// Hosts attack the service all the time. A good companion must still be linked, and the service
+// must neither end nor grow. After the attack it must recover as on any bad day.
 #include "tests/support/bad_day.h"
 #include "tests/support/hostile_host.h"
 
@@ -12,20 +12,20 @@ std::chrono::milliseconds beside_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 10s : LIMIT;
 }
 
-// GUILINK_STORM_SECONDS makes it last, with one good companion after another.
+// GUILINK_STORM_SECONDS prolongs the attack; one good companion after another then links.
 std::chrono::seconds storm() {
     const char* const seconds = std::getenv("GUILINK_STORM_SECONDS");
     return std::chrono::seconds(seconds != nullptr ? std::stoi(seconds) : 0);
 }
 
-// Beside one hostile host: four searches of two threads, and the connections of two sweeps.
+// One hostile host may cause four searches of two threads each, and the connections of two sweeps.
 constexpr size_t MORE_THREADS = 4 * 2 + 2 * 8;
 
 class HostileNeighbour : public BadDay {
   protected:
     void keeps_nobody_out(const Manners& manners) {
         const HostileHosts hostile(manners);
-        EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));  // they were there first
+        EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));  // the attack has begun
         size_t threads = 0;
         double longest = 0;
         const auto start = std::chrono::steady_clock::now();
@@ -47,7 +47,7 @@ class HostileNeighbour : public BadDay {
         EXPECT_LE(threads, m_before.threads + MORE_THREADS);
     }
 
-    // A companion whose answer comes when all others have been heard.
+    // The good companion's answer arrives after those of all others.
     void keeps_out_no_late_one(const Manners& manners) {
         const HostileHosts hostile(manners);
         EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));
@@ -69,7 +69,7 @@ class HostileNeighbour : public BadDay {
 
 const Bytes REQUESTS = repeated(frame(ConnectRequest), 25'000);  // a MiB
 
-// The service has given the connections up when the storm begins.
+// The storm begins on connections that the service has given up.
 TEST_F(HostileNeighbour, StormsWithRequestsToConnect) {
     keeps_nobody_out({.words = REQUESTS, .words_after = 1100ms, .words_every = 0ms});
 }
@@ -125,7 +125,7 @@ TEST_F(HostileNeighbour, CutsNobodysRequestInHalves) {
         Socket bad = other.connection();
         bad.write({0x5A});
         bad.close();
-        std::this_thread::sleep_for(20ms);  // its words and its end come between the halves
+        std::this_thread::sleep_for(20ms);  // its byte and its end arrive between the halves
         good.write({middle, request.end()});
         good.write(frame(ControlMessage));
         return good.readable(1s) && good.has_data();

@@ -49,7 +49,7 @@ std::vector<uint64_t> mappings() {
 
 }  // namespace
 
-// In the place of the vendor's library.
+// Replaces the vendor's library.
 extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name,
                                     IpcProgInfo* info, int last) {
     const IpcProcEntry& entry = info->procedures[0];
@@ -64,7 +64,7 @@ extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const ch
         EXPECT_TRUE(cleared(result));
         EXPECT_TRUE(mappings().empty());
     }
-    return -1;  // which nobody looks at
+    return -1;  // ignored
 }
 
 extern "C" int ambaipc_svc_unregister(uint32_t program, uint32_t version) {
@@ -103,7 +103,7 @@ TEST(IpcGuiFetcherDeathTest, TermUnregistersTheLastProgramAndExits) {
         testing::ExitedWithCode(0), "^unregistered 1879048197 1\n$");
 }
 
-// What a companion shows of frames from three addresses.
+// Frames from three addresses, as a companion receives them.
 TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     constexpr uint32_t LARGE = 2'457'600;
     constexpr uint32_t SMALL = 1'572'864;
@@ -113,7 +113,7 @@ TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
         EXPECT_EQ(pwrite(memory, pixels.data(), LARGE, address), ssize_t{LARGE});
     };
     paint(0x10000000, 0x9001);
-    paint(0x20000124, 0x9002);  // not on a page
+    paint(0x20000124, 0x9002);  // not page-aligned
     paint(0x30000000, 0x9003);
     close(memory);
 
@@ -140,7 +140,7 @@ TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // announced large, handed over small
     EXPECT_TRUE(shows(0x130000000, LARGE, 1280, 0x9003));
     EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // announced small, handed over large
-    push(0x30000000, LARGE);  // an entry of its own, although it is the memory of 0x130000000
+    push(0x30000000, LARGE);  // a separate entry, although the memory is that of 0x130000000
     EXPECT_THAT(mappings(), testing::UnorderedElementsAre(LARGE + 4096, SMALL + 4096, LARGE + 4096,
                                                           LARGE + 4096));
 }

@@ -58,7 +58,7 @@ def see(core, address, width, height):
         Image.open(picture.name).verify()  # the checksums
         shown = numpy.asarray(Image.open(picture.name))
     assert numpy.array_equal(shown, expected(pixels).reshape(height, width, 4))
-    # It may have been tried more than once before it became the link.
+    # The example may have tried several connections before one became the link.
     assert output.startswith("device 11111, firmware fw1.1\n"), output
     assert f"\n{width} x {height}, " in output, output
 

@@ -12,7 +12,7 @@ using namespace guilink::test;
 
 const Bytes IDENTITY = bytes("who I am");
 
-// A protocol of one-letter messages that writes down what it is shown.
+// A protocol of one-letter messages that records what it receives.
 class Worker : public NetworkController::NetworkWorker {
   public:
     void OnDataReceived(const unsigned char* data, uint64_t length,
@@ -70,7 +70,7 @@ class Controller : public testing::Test {
   protected:
     Controller() { m_worker->SetController(m_controller); }
 
-    // Made once more, it proves that the last link is gone.
+    // A new link proves that the last one has ended.
     Socket link() {
         const size_t before = m_worker->seen().link.size();
         return m_companion.link(bytes("c"),
@@ -93,7 +93,7 @@ TEST_F(Controller, ShowsACandidateToTheWorkerAndItsAnswerToTheCandidate) {
         try {
             candidate.write(bytes("a"));
             answer = candidate.read_some(6);
-        } catch (const std::runtime_error&) {  // given up already: there will be others
+        } catch (const std::runtime_error&) {  // already given up; others follow
         }
     }
     EXPECT_EQ(answer, bytes("answer"));
@@ -128,7 +128,7 @@ TEST_F(Controller, DropsTheOthersAndTheirEndsToo) {
         wait_until([&] { return !m_worker->seen().link.empty() || peer.readable(10ms); });
     }
     const Chatter chatter(peer, bytes("."));
-    EXPECT_TRUE(other.ended());  // silent, it is given up and destroyed
+    EXPECT_TRUE(other.ended());  // being silent, it was given up and destroyed
     m_worker->send(bytes("still linked"));
     EXPECT_EQ(peer.read(12), bytes("still linked"));
     EXPECT_EQ(m_worker->seen().link_ends, 0);
@@ -142,17 +142,17 @@ TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
         EXPECT_TRUE(silent.ended());
     }
     const Socket peer = link();
-    peer.write(bytes("t"));  // nobody reads a connection whose bytes threw an exception
+    peer.write(bytes("t"));  // the exception ends the receive thread
     EXPECT_TRUE(peer.ended());
     link();
-    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the end of the link is not the worker's business
+    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the worker does not see the link's end
 }
 
 TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {
     const Socket candidate =
         m_companion.link(bytes("t"), [&] { return !m_worker->seen().candidate.empty(); });
     EXPECT_TRUE(candidate.ended());
-    m_companion.hear();  // now its unit is destroyed: nothing may be sent to it any more
+    m_companion.hear();  // by now its unit is destroyed; a send to it is a use-after-free
     m_worker->send(bytes("x"));
     link();
 }

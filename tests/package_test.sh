@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the two packages of the folder
 # PACKAGES in a throw-away Debian with network, devices and a systemd of its own. BASE is a folder for
-# the system underneath, made when it is missing and never changed. Takes root.
+# the system underneath, created if it is missing and never changed. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -10,7 +10,7 @@ fail() {
     exit 1
 }
 
-# The innermost half: makes the throw-away system around BASE and becomes its systemd.
+# Inside the namespaces: builds the throw-away system on BASE and becomes its systemd.
 if [[ ${1-} == --boot ]]; then
     base=$2 root=$3
     mount -t tmpfs throw-away "$root"
@@ -40,7 +40,7 @@ fi
 
 packages=$(realpath "$1")
 base=$2
-((EUID == 0)) || fail "installing packages into a system of their own takes root"
+((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
 if [[ ! -e $base/etc/debian_version ]]; then
     rm -rf "$base.new"
@@ -50,7 +50,7 @@ if [[ ! -e $base/etc/debian_version ]]; then
 fi
 base=$(realpath "$base")
 
-# A mount namespace and a control group of its own, which goes last.
+# Continues in a private mount namespace, with a control group that is removed last.
 if [[ ${3-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" --private
 fi
@@ -69,7 +69,7 @@ trap 'kill -KILL $launcher; wait $launcher 2>/dev/null || true
       wait_for "" rmdir_groups; umount "$scratch/groups"; rm -rf "$scratch"' EXIT
 rmdir_groups() { find "$group" -depth -type d -exec rmdir {} + 2>/dev/null; }
 
-wait_for() { # MESSAGE COMMAND...: until it succeeds; that it will is what is tested
+wait_for() { # MESSAGE COMMAND...: repeats COMMAND until it succeeds, 60 s at most
     local try
     for ((try = 0; try < 600; ++try)); do
         if "${@:2}" >/dev/null 2>&1; then return; fi
@@ -86,20 +86,20 @@ runs_anew() { # OLD PID: the service runs as another process
 
 wait_for "systemd does not start" inside systemctl is-active multi-user.target
 
-# Installed: running, enabled, with nothing to complain about.
-inside systemctl is-enabled guilinkd 2>/dev/null && fail "it is there before it is installed"
+# Installed: running, enabled, and systemd finds no fault in the unit.
+inside systemctl is-enabled guilinkd 2>/dev/null && fail "guilinkd is enabled before it is installed"
 installs "$packages"/guilink-devkit_*.deb
 installs "$packages"/guilinkd_*.deb
 inside systemctl is-active guilinkd
 inside systemctl is-enabled guilinkd
 complaints=$(inside systemd-analyze verify --man=no guilinkd.service 2>&1) || true
 [[ ! $complaints ]] || fail "$complaints"
-[[ $(inside cat "/proc/$(main_pid)/comm") == guilinkd ]] || fail "the main process is another"
+[[ $(inside cat "/proc/$(main_pid)/comm") == guilinkd ]] || fail "the main process is not guilinkd"
 
-# In use, with no more than the unit allows it.
+# In use, within the unit's restrictions.
 inside systemd-run --quiet --unit=core guilink-core
 inside guilink-viewer --snapshot /tmp/picture.png --press 1 --timeout 60
-inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "no line in the journal"
+inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "the press is not in the journal"
 
 # After an abnormal end it comes back.
 for signal in ABRT HUP; do
@@ -117,19 +117,19 @@ old=$(main_pid)
 installs "$scratch/guilinkd_newer.deb"
 runs_anew "$old" || fail "the upgrade left the old service running"
 
-# Stopped in order; disabled it stays so.
+# Stopped: ends with status 0.
 inside systemctl stop guilinkd
 [[ $(inside systemctl show --property=Result,ExecMainStatus --value guilinkd) == $'success\n0' ]] ||
     fail "it does not stop with status 0"
 
-# Removed while running, and purged: nothing is left.
+# Purged while running: leaves nothing behind.
 inside systemctl start guilinkd
 inside dpkg --purge guilinkd
 wait_for "it runs on after its removal" [ ! "$(inside pgrep -x guilinkd)" ]
 left=$(inside find /etc /lib /usr /var/lib/systemd -name '*guilinkd*')
 [[ ! $left ]] || fail "left behind: $left"
 
-# The devkit's library serves a build elsewhere.
+# Another project builds with the devkit's companion library.
 dpkg-deb -x "$packages"/guilink-devkit_*.deb "$scratch/devkit"
 cmake -S "$here/package" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$scratch/devkit/usr" >/dev/null
 cmake --build "$scratch/build"

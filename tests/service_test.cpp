@@ -1,51 +1,16 @@
 // The service from outside: its binary, its sockets, its signals.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <random>
 
 #include "tests/support/core.h"
 #include "tests/support/daemon.h"
+#include "tests/support/far_host.h"
 
 namespace {
 
 using namespace guilink;
 using namespace guilink::test;
-
-// Everything at once for as long as it lives: frames at full speed, and a companion that links
-// whenever it can, keeps alive, asks and presses.
-class Load {
-  public:
-    Load() : m_peer([this] { talk(); }) {}
-    ~Load() {
-        m_stop = true;
-        m_peer.join();
-    }
-    Load(const Load&) = delete;
-    Load& operator=(const Load&) = delete;
-
-  private:
-    void talk() {
-        RawCompanion companion;
-        while (!m_stop) {
-            const std::optional<Socket> link = companion.connection_within(100ms);
-            try {
-                while (link && !m_stop) {
-                    for (const uint16_t type : {ConnectRequest, ControlMessage, IdentityRequest}) {
-                        link->write(frame(type));
-                    }
-                    link->write(frame(ButtonMessage, {1}));
-                    while (link->readable(5ms)) link->read_frame();
-                }
-            } catch (const std::runtime_error&) {  // the service is gone, or had a better candidate
-            }
-        }
-    }
-
-    std::atomic<bool> m_stop{false};
-    const Frames m_frames;
-    std::thread m_peer;
-};
 
 TEST(Service, DetachesAndKeepsItsStreams) {
     Daemon daemon;
@@ -67,18 +32,25 @@ TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
 }
 
-// From the first registration on; before it the signal's default action is right.
+// From the first registration on; before it the signal's default action is right. Frames arrive at
+// full speed, and a companion links whenever it can and presses.
 TEST(Service, TermEndsItWithStatus0UnderFullLoad) {
     const char* const asked = std::getenv("GUILINK_TERM_ROUNDS");
     const int rounds = asked != nullptr ? std::stoi(asked) : 5;
-    const Load load;
+    const FarHost far;
+    GoodCompanion companion(far);
+    const Frames at_full_speed;
     std::random_device random;
     std::chrono::duration<double> slowest{0};
     for (int i = 0; i < rounds; ++i) {
         Daemon daemon(Daemon::Until::Detached);
         Core core;
         ASSERT_TRUE(wait_until([&] { return core.push(); }));
-        std::this_thread::sleep_for(random() % 3000 * 1ms);
+        const auto press = [&] {
+            companion.press(1);
+            return false;
+        };
+        wait_until(press, random() % 3000 * 1ms);
         const auto signalled = std::chrono::steady_clock::now();
         ASSERT_EQ(daemon.terminate(), 0) << daemon.output();
         slowest = std::max(slowest, {std::chrono::steady_clock::now() - signalled});

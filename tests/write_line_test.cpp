@@ -1,4 +1,4 @@
-// Log lines on a reader that pauses. What the whole service then does is in bad_day_test.cpp.
+// Log lines to a reader that pauses; bad_day_test.cpp tests the whole service with one.
 #include "base/write_line.h"
 
 #include <fcntl.h>
@@ -10,16 +10,16 @@
 
 namespace {
 
-constexpr size_t MUCH = 4 << 20;  // bytes; no pipe or socket here has room for as many
+constexpr size_t MUCH = 4 << 20;  // bytes; more than any pipe or socket here holds
 
-// Makes a description standard error, as the service does at its start.
+// Makes a descriptor standard error, as the service does at its start.
 void become_standard_error(int descriptor) {
     dup2(descriptor, STDERR_FILENO);
     close(descriptor);
     unblock_standard_streams();
 }
 
-// Everything that waits for a reader.
+// Everything that was written and not yet read.
 std::string read_all(int reader) {
     fcntl(reader, F_SETFL, O_NONBLOCK);
     std::string text;
@@ -31,7 +31,7 @@ std::string read_all(int reader) {
     return text;
 }
 
-// A journal is one.
+// systemd's journal is a socket.
 TEST(WriteLine, DropsWholeLinesOnAFullSocket) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);

@@ -58,7 +58,7 @@ struct Chain {
     void mix(uint64_t value) { hash = (hash ^ value) * 0x100000001B3; }
 };
 
-// Hashes the offset within the module: modules lie elsewhere in each run.
+// Hashes the offset within the module, because each run loads modules to other addresses.
 _Unwind_Reason_Code add_frame(_Unwind_Context* context, void* data) {
     auto& chain = *static_cast<Chain*>(data);
     const uint64_t address = _Unwind_GetIP(context);

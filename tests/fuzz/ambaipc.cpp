@@ -1,4 +1,4 @@
-// What another process may say to the stand-in for the inter-core library, one message a piece.
+// Messages of other processes to the stand-in for the inter-core library, one per piece.
 #include "ipc/ambaipc.h"
 
 #include <unistd.h>
@@ -37,7 +37,7 @@ int connection() {
     require(registered == 0, "the program is registered");
     const int result = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     const ProgramAddress name(PROGRAM, 1);
-    require(connect(result, name.get(), name.length) == 0, "somebody listens");
+    require(connect(result, name.get(), name.length) == 0, "the program listens");
     return result;
 }
 

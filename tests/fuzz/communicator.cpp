@@ -1,4 +1,4 @@
-// What a connection may say to the service: in pieces, from two callers, as candidate or link.
+// Bytes that connections send to the service: in pieces, from two callers, as candidate or link.
 #include <thread>
 
 #include "protocol/veltrane_communicator.h"
@@ -31,11 +31,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static VeltraneCommunicator& communicator = *new VeltraneCommunicator("11111", "fw1.1");
     // The main thread's connection lasts for the whole input; each other caller is a new one.
     Bytes main_stream;
-    Bytes* stream = nullptr;  // of the connection that speaks
+    Bytes* stream = nullptr;  // of the connection that sends
     communicator.SetMessageHandler([&](uint16_t type, const Bytes& payload) {
         const Bytes said = frame(type, payload);
         require(memmem(stream->data(), stream->size(), said.data(), said.size()) != nullptr,
-                "a message is one that its connection said");
+                "a message is part of its connection's stream");
     });
     for_each_piece(data, size, [&](unsigned char how, int times, const Bytes& chunk) {
         const auto say = [&](Bytes& own) {

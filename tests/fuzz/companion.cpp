@@ -1,4 +1,4 @@
-// What a device may say to a companion, in pieces.
+// Bytes that a device sends to a companion, in pieces.
 #include <utility>
 
 #include "devkit/companion/frame_reader.h"
@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
         const Bytes said = frame(type, {payload.begin(), payload.end()});
         const void* const at =
             memmem(stream.data() + end, stream.size() - end, said.data(), said.size());
-        require(at != nullptr, "a frame is one that the device said, after the one before");
+        require(at != nullptr, "a frame follows the last one in the device's stream");
         end = static_cast<size_t>(static_cast<const unsigned char*>(at) - stream.data()) +
               said.size();
         found.insert(found.end(), said.begin(), said.end());

@@ -1,4 +1,4 @@
-// What a device may send as an image: the decoder makes it a complete one, or refuses it.
+// Image payloads from a device: each decodes to a complete image or is refused.
 #include "devkit/companion/image_decoder.h"
 
 #include <stdexcept>
@@ -18,7 +18,7 @@ using namespace guilink;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     try {
-        Image image;  // in memory of its own, so that a write beyond its end is seen
+        Image image;  // a new one, so that a write beyond its end is detected
         decode_image({data, size}, image);
         fuzz::require(image.pixels.size() == size_t{image.width} * image.height,
                       "an image is complete");

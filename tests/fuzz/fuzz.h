@@ -1,5 +1,5 @@
-// What all fuzz targets share. A target says what it is fed to begin with, and takes each input;
-// what it finds wrong it does not return from.
+// Shared by all fuzz targets. A target defines seeds() and LLVMFuzzerTestOneInput, and aborts when
+// a check fails.
 #pragma once
 
 #include <algorithm>
@@ -19,12 +19,12 @@ std::vector<Bytes> seeds();
 
 inline void require(bool condition, const char* what) {
     if (condition) return;
-    std::fprintf(stderr, "not so: %s\n", what);
+    std::fprintf(stderr, "check failed: %s\n", what);
     std::abort();
 }
 
-// Pieces of what a target is fed: each has a head of 4 bytes (one for the target, how often it
-// comes, two for its length); so short inputs can fill large buffers.
+// An input consists of pieces. Each has a head of 4 bytes: one for the target, the number of
+// repeats, two for the length. The repeats let short inputs fill large buffers.
 inline Bytes piece(unsigned char how, unsigned char repeats, const Bytes& data) {
     const auto length = static_cast<uint16_t>(data.size());
     return Bytes{how, repeats, static_cast<unsigned char>(length),
@@ -47,7 +47,7 @@ void for_each_piece(const unsigned char* data, size_t size, const Take& take) {
 
 }  // namespace guilink::fuzz
 
-// Before the first input: the corpus, which is the last argument, gets the seeds.
+// Before the first input: writes the seeds into the corpus, which is the last argument.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     int number = 0;
     for (const auto& seed : guilink::fuzz::seeds()) {

@@ -1,4 +1,4 @@
-// What a browser may say to the viewer.
+// Messages of a browser to the viewer.
 #include "devkit/viewer/page_message.h"
 
 #include "tests/fuzz/fuzz.h"
@@ -23,6 +23,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
         text != nullptr ? text->text : std::to_string(std::get<Press>(*message).button);
     fuzz::require(json.find(said) != std::string::npos ||
                       (text != nullptr && json.find('\\') != std::string::npos),
-                  "what a message says stands in it");
+                  "the parsed value is part of the message");
     return 0;
 }

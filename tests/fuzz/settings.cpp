@@ -1,4 +1,4 @@
-// Any settings file: the first line that begins with the key decides.
+// Settings files: the identity comes from the first line that begins with the key.
 #include <sstream>
 
 #include "ipc/read_identity.h"

@@ -1,5 +1,4 @@
-// The service in trouble. Derive from BadDay, or use it as the fixture: the test makes the trouble,
-// the fixture checks that the service has recovered.
+// A fixture for faults: the test causes one, and the fixture checks that the service recovers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,13 +13,13 @@
 
 namespace guilink::test {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep what is freed
-#else
+#if defined(NDEBUG)
 constexpr size_t MEMORY_SLACK = 384;  // KiB
+#else
+constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep what is freed
 #endif
 
-// Set GUILINK_QUIET where the machine has nothing else to do: the promised times are checked then.
+// GUILINK_QUIET in the environment: the machine is otherwise idle, so check the promised times.
 inline std::chrono::milliseconds relink_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
 }
@@ -31,7 +30,7 @@ inline double seconds_since(std::chrono::steady_clock::time_point start) {
 
 class BadDay : public testing::Test {
   protected:
-    // Links the good companion, and takes the level of the service once it has settled.
+    // Links the good companion and records the service's level once it is stable.
     void SetUp() override {
         Frames::draw_busy_pictures();
         GoodCompanion good(m_far);
@@ -66,7 +65,7 @@ class BadDay : public testing::Test {
 
     Socket link() { return m_peer.link(); }
 
-    // Asks until the link answers; throws if it does not.
+    // Requests the identity until it arrives; throws if it does not.
     static bool answers(const Socket& link) {
         const Chatter chatter(link, frame(IdentityRequest));
         while (type_of(link.read_frame()) != IdentityMessage) {
@@ -74,7 +73,7 @@ class BadDay : public testing::Test {
         return true;
     }
 
-    // Two samples of a linked service without remains of the search are the same.
+    // The service is linked, no thread of a search is left, and two samples are equal.
     bool settled() {
         const Daemon::Level last = std::exchange(m_before, m_daemon->level());
         return m_daemon->threads("ping-") == 0 && m_daemon->threads("tcp-receive") == 1 &&

@@ -17,10 +17,10 @@ constexpr uint64_t FRAME_MEMORY = 0x10000000;  // physical address of the first 
 constexpr uint64_t FRAME_STEP = 0x1000000;     // bytes between them
 constexpr uint32_t FRAME_SIZE = 1'572'864;     // bytes, 1024 x 768
 
-// Each call tells whether the service took it.
+// Each call returns whether the service accepted it.
 class Core {
   public:
-    // Offers what lies at an address as a frame.
+    // Announces the memory at an address as a frame.
     bool push(uint64_t address = FRAME_MEMORY) {
         Bytes argument(12);
         std::memcpy(&argument[0], &address, sizeof address);
@@ -49,8 +49,8 @@ class Core {
     AmbaipcCaller m_qr{IPC_PROG_QR_BODY, IPC_SVC_VERSION};
 };
 
-// Offers three frames by turns for as long as it lives, with a pause after each; without one, as
-// fast as the service takes them.
+// Announces three frames in turn until destroyed, with a pause after each; without one, as fast as
+// the service accepts them.
 class Frames {
   public:
     explicit Frames(std::chrono::milliseconds pause = 0ms)

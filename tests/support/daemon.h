@@ -1,5 +1,5 @@
-// The real service, as the shipped binary: started, watched from outside, and ended with its real
-// exit status although it detaches itself.
+// Runs the service's binary, observes it from outside, and gets its exit status although it
+// detaches.
 #pragma once
 
 #include <sys/prctl.h>
@@ -25,12 +25,12 @@ class Daemon {
   public:
     enum class Until { Detached, Started };
 
-    // Returns once the service has come so far, or has ended. GUILINK_SERVICE in the environment
-    // names another build of it, for instance an emulated one. change_streams is called just before
-    // the service takes this process's place.
+    // Returns once the service has reached this state or has ended. GUILINK_SERVICE in the
+    // environment names another build of it, for instance an emulated one. change_streams runs just
+    // before exec.
     explicit Daemon(
         Until until = Until::Started, const std::function<void()>& change_streams = [] {}) {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);  // what detaches itself becomes our child again
+        prctl(PR_SET_CHILD_SUBREAPER, 1);  // makes the detached service our child again
         Pipe pipe = open_pipe();
         m_output_end = std::move(pipe.reader);
         const pid_t launcher = fork();
@@ -67,14 +67,13 @@ class Daemon {
 
     pid_t pid() const { return m_pid; }
 
-    // Still running.
     bool alive() {
         int status = 0;
         if (!m_status && waitpid(m_pid, &status, WNOHANG) == m_pid) m_status = status;
         return !m_status;
     }
 
-    // The status of waitpid, once the service has ended.
+    // Waits for the service's end; returns the status of waitpid.
     int status() {
         if (!wait_until([this] { return !alive(); })) throw std::runtime_error("does not end");
         return *m_status;
@@ -85,11 +84,11 @@ class Daemon {
         return status();
     }
 
-    // What it holds at this moment.
+    // Its current use of resources.
     struct Level {
         size_t threads;
         size_t descriptors;
-        size_t memory;  // KiB that are its own: RssAnon
+        size_t memory;  // KiB of RssAnon
     };
     Level level() const {
         std::ifstream status(process() + "status");
@@ -100,7 +99,7 @@ class Daemon {
         return {entries("task"), entries("fd"), memory};
     }
 
-    // Running threads whose name begins so.
+    // Counts the threads whose name begins like this.
     size_t threads(std::string_view name) const {
         size_t count = 0;
         for (const auto& task : std::filesystem::directory_iterator(process() + "task")) {
@@ -111,7 +110,7 @@ class Daemon {
         return count;
     }
 
-    // Everything that the service has written so far.
+    // The output so far.
     std::string output() {
         const std::lock_guard lock(m_mutex);
         return m_output;
@@ -138,12 +137,12 @@ class Daemon {
         return static_cast<size_t>(std::distance(begin(all), end(all)));
     }
 
-    // The idle thread is the last one that start-up makes.
+    // Start-up creates the idle thread last.
     bool started() const { return threads("idle") == 1; }
 
     static pid_t only_child() {
         const std::string own = std::to_string(getpid());
-        pid_t child = -1;  // if it ended at once; its status says how
+        pid_t child = -1;  // if it has already ended; waitpid(-1) gets its status
         std::ifstream("/proc/self/task/" + own + "/children") >> child;
         return child;
     }

@@ -1,4 +1,4 @@
-// Neighbours that want to be linked and never will be.
+// Hosts that answer discovery and then misbehave.
 #pragma once
 
 #include <atomic>
@@ -11,9 +11,9 @@
 
 namespace guilink::test {
 
-// What hostile hosts do with the connections that their answers bring.
+// How hostile hosts treat the connections that they get.
 struct Manners {
-    std::optional<Bytes> words = Bytes();         // nothing at all: they refuse
+    std::optional<Bytes> words = Bytes();         // sent again and again; nullopt: they refuse
     std::chrono::milliseconds words_after = 0ms;  // on each connection
     std::chrono::milliseconds words_every = 10ms;
     size_t addresses = 1;
@@ -35,7 +35,7 @@ class HostileHosts {
         m_thread.join();
     }
 
-    int sweeps() const { return m_sweeps; }  // of the service, since these hosts are there
+    int sweeps() const { return m_sweeps; }  // broadcasts that they received
 
   private:
     using Clock = std::chrono::steady_clock;

@@ -13,7 +13,7 @@ namespace guilink::test {
 
 class RawCompanion {
   public:
-    // Answers are sent from address; broadcasts are received whatever it is.
+    // Answers and listens on this address; receives broadcasts on all.
     explicit RawCompanion(const char* address = "0.0.0.0")
         : m_answerer(SOCK_DGRAM, address, 0),
           m_discovery(SOCK_DGRAM, "0.0.0.0", 3152),

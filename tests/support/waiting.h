@@ -1,4 +1,4 @@
-// Waiting for events. Limits are generous: reaching one is a failure, on this machine at least.
+// Waits for events. Limits are generous, so reaching one is a failure.
 #pragma once
 
 #include <atomic>
@@ -16,12 +16,12 @@ using namespace std::chrono_literals;
 
 constexpr auto LIMIT = 60s;  // for any event that must come, on a machine however slow
 
-// Set if an event did not come on a machine too busy to run this process: an end of the link that
-// gets no processor for 3 s is silent, and the link is lost. tests/support/run then tries again.
+// Set if an event did not come because the machine was too busy: an end of the link that gets no
+// processor time for 3 s falls silent, and the link is lost. tests/support/run then tries again.
 inline std::atomic<bool> starved{false};
 
 inline void note_missing_event() {
-    std::chrono::nanoseconds without_processor{0};  // of all threads, though ready to run
+    std::chrono::nanoseconds without_processor{0};  // of all threads that were ready to run
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream file(task.path() / "schedstat");
         int64_t running, waiting;
