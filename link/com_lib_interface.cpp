@@ -77,6 +77,8 @@ void ComLibInterface::_sender_loop() {
     pthread_setname_np(pthread_self(), "frame-sender");
     const Lock wait_lock(m_wait_mutex);
     while (!m_stop) {
+        // Chooses a frame only when it can leave at once: until then, a newer one replaces it.
+        if (!m_controller->wait_until_sent()) continue;
         // Waits with the frame's own mutex and flag: a frame that was accepted during SendImage is
         // seen at once.
         const auto ready = [this]() REQUIRES(m_frame_mutex) { return m_frame_ready; };

@@ -289,6 +289,24 @@ void NetworkController::send(const unsigned char* data, uint64_t length) {
     }
 }
 
+bool NetworkController::wait_until_sent() {
+    State& state = *m_state;
+    std::shared_ptr<const NetSocket<>> socket;
+    {
+        const Lock lock(state.m_mutex);
+        if (!state.m_current.empty()) socket = state.m_current.front()->socket();
+    }
+    if (socket == nullptr) return true;
+    const auto progress = NetworkUnitV4::wait_until_sent(*socket);
+    if (progress != NetworkUnitV4::Progress::Stalled) {
+        return progress == NetworkUnitV4::Progress::Sent;
+    }
+    const Lock lock(state.m_mutex);
+    const auto unit = state.m_current.begin();
+    if (!state.m_current.empty() && (*unit)->socket() == socket) state.drop(state.m_current, unit);
+    return true;
+}
+
 // Drops the current unit if it still is the given one.
 void NetworkController::_clear_current(const SharedState& state, const NetworkUnit* unit) {
     const Lock lock(state->m_mutex);

@@ -59,6 +59,12 @@ class NetworkController {
     // once.
     void send(const unsigned char* data, uint64_t length);
 
+    // Waits until the linked peer's connection has sent nearly all that it was given: what waits in
+    // the send buffer cannot be replaced by anything newer. Holds nobody else up. Blocks for at
+    // most 3 s: then returns false if it is still sending, and drops a peer to which it could send
+    // nothing.
+    bool wait_until_sent();
+
   private:
     struct State;
     using SharedState = std::shared_ptr<State>;

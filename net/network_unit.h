@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "base/mutex.h"
+#include "net/net_socket.h"
 
 class NetworkUnit;
 
@@ -75,6 +76,9 @@ class NetworkUnit {
 
     // IPv4 address in network byte order.
     virtual uint32_t address() const = 0;
+
+    // The TCP connection's socket, or null. It stays open for as long as it is shared.
+    virtual std::shared_ptr<const NetSocket<>> socket() const = 0;
 
     NetworkUnit(const NetworkUnit&) = delete;
     NetworkUnit& operator=(const NetworkUnit&) = delete;

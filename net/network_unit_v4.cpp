@@ -2,10 +2,12 @@
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 
@@ -22,6 +24,23 @@ constexpr int SYN_RETRANSMISSIONS = 3;    // of a connection attempt; SEND_TIMEO
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
+}
+
+int unsent(int fd) {
+    int bytes = 0;
+    ioctl(fd, SIOCOUTQNSD, &bytes);
+    return bytes;
+}
+
+int segment_size(int fd) {
+    int bytes = 0;
+    socklen_t size = sizeof bytes;
+    getsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &bytes, &size);
+    return bytes;
+}
+
+void set_low_water_mark(int fd, int bytes) {
+    setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
 }
 
 // Zero-filled bytes, mapped: they cost memory only as far as they are written to, and the system
@@ -81,7 +100,7 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         const Lock lock(_mutex);
         _tcp_stop = true;
         if (_tcp_thread.joinable()) _tcp_thread.join();
-        _socket = std::make_unique<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        _socket = std::make_shared<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
         const int fd = _socket->descriptor();
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
         setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
@@ -117,6 +136,26 @@ bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length
     if (_socket == nullptr) return false;
     const ssize_t sent = ::send(_socket->descriptor(), data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
+}
+
+// Less than a segment may be left: TCP keeps that until the rest is acknowledged. The mark holds
+// for the wait only. A send may still fill the buffer, so a large frame on a slow link keeps within
+// its time-out.
+NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket) {
+    const int fd = socket.descriptor();
+    const int before = unsent(fd);
+    if (before == 0) return Progress::Sent;
+    set_low_water_mark(fd, 2 * segment_size(fd));  // the system waits for less than half of it
+    pollfd event = {fd, POLLOUT, 0};
+    const int ready = poll(&event, 1, POLL_TIMEOUT);
+    set_low_water_mark(fd, 0);  // the system's default
+    if (ready == 1) return Progress::Sent;
+    return unsent(fd) < before ? Progress::Sending : Progress::Stalled;
+}
+
+std::shared_ptr<const NetSocket<>> NetworkUnitV4::socket() const {
+    const Lock lock(_mutex);
+    return _socket;
 }
 
 void NetworkUnitV4::stop() {

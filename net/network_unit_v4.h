@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "net/net_socket.h"
 #include "net/network_unit.h"
 
 class NetworkUnitV4 : public NetworkUnit {
@@ -31,6 +30,11 @@ class NetworkUnitV4 : public NetworkUnit {
     bool stopped() const override { return _running == 0; }
     bool send_at_once(const unsigned char* data, unsigned long length) override;
     uint32_t address() const override { return _address; }
+    std::shared_ptr<const NetSocket<>> socket() const override;
+
+    // Waits, for 3 s at most, until a connection has sent all but a part of a segment.
+    enum class Progress { Sent, Sending, Stalled };
+    static Progress wait_until_sent(const NetSocket<>& socket);
 
     // Thread entries; they return at once when unit is null.
     static void _ping_send_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found);
@@ -52,5 +56,5 @@ class NetworkUnitV4 : public NetworkUnit {
 
     // The TCP connection's; null until the first tcp_connect. Replaced under the mutex, while the
     // receiver, which uses it without, does not run.
-    std::unique_ptr<NetSocket<>> _socket;
+    std::shared_ptr<NetSocket<>> _socket;
 };

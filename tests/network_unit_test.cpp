@@ -291,6 +291,25 @@ TEST_F(Connection, SendFailsIfThePeerDoesNotReadAndAfterItsReset) {
     for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));  // without SIGPIPE
 }
 
+TEST_F(Connection, WaitsUntilAllIsSentOrNothingIsForThreeSeconds) {
+    Socket peer = connected();
+    const Chatter chatter(peer, bytes("x"));
+    const auto socket = m_unit->socket();
+    const auto progress = [&] { return NetworkUnitV4::wait_until_sent(*socket); };
+    using enum NetworkUnitV4::Progress;
+    EXPECT_EQ(progress(), Sent);
+    const Bytes data(NetworkUnit::BUFFER_SIZE /
+                     4);  // more than the peer's window, but it fits here
+    while (progress() != Stalled) ASSERT_TRUE(send(data));
+    EXPECT_TRUE(send_at_once(PAYLOAD));  // the limit is that of the wait alone
+
+    std::thread reader([&] { peer.read(data.size()); });
+    EXPECT_TRUE(wait_until([&] { return progress() == Sent; }));
+    reader.join();
+    m_unit->stop();
+    EXPECT_EQ(progress(), Sent);  // closed: nothing to wait for
+}
+
 TEST_F(Connection, StopEndsItAtOnceAndQuietly) {
     testing::internal::CaptureStderr();
     const Socket peer = connected();
