@@ -3,11 +3,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <utility>
 
 #include "base/write_line.h"
 #include "buttons/btn_cmds_local_sender.h"
+#include "link/read_frame.h"
 #include "net/network_controller.h"
 #include "protocol/veltrane_communicator.h"
 
@@ -68,7 +68,7 @@ void ComLibInterface::push_frame(std::shared_ptr<unsigned char> frame, uint64_t 
     _set_resolution(size);
     // Deliberate: not clamped, and a smaller frame is read as a whole 1024 x 768 one. The core is
     // trusted.
-    std::memcpy(m_back.data(), frame.get(), size >= FRAME_BUFFER_SIZE ? size : SMALL_FRAME_SIZE);
+    ReadFrame(m_back.data(), frame.get(), size >= FRAME_BUFFER_SIZE ? size : SMALL_FRAME_SIZE);
     m_frame_cv.notify_all();
     m_frame_ready = true;
 }

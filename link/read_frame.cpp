@@ -1,0 +1,50 @@
+#include "link/read_frame.h"
+
+#include <cstdint>
+
+namespace {
+
+// The widest that one instruction loads on every processor of the two architectures.
+using Vector [[gnu::vector_size(16), gnu::may_alias]] = unsigned char;
+using Word [[gnu::may_alias]] = uint64_t;
+
+constexpr size_t AT_ONCE = 8;  // vectors
+
+// Volatile: exactly this load. The compiler would turn the loops below into calls of memcpy.
+template <typename T>
+T load(const unsigned char* from) {
+    return *reinterpret_cast<const volatile T*>(from);
+}
+
+template <typename T>
+bool aligned(const unsigned char* address) {
+    return reinterpret_cast<uintptr_t>(address) % sizeof(T) == 0;
+}
+
+}  // namespace
+
+// tests/wide_loads_test.sh inspects the generated code.
+void CopyWide(unsigned char* to, const unsigned char* from, size_t size) {
+    const auto copy = [&]<typename T>(T) {
+        const T value = load<T>(from);
+        std::memcpy(to, &value, sizeof value);
+        to += sizeof value;
+        from += sizeof value;
+        size -= sizeof value;
+    };
+    while (size != 0 && !aligned<Word>(from)) copy(uint8_t{});
+    if (size >= sizeof(Word) && !aligned<Vector>(from)) copy(Word{});
+    for (; size >= sizeof(Vector) * AT_ONCE; size -= sizeof(Vector) * AT_ONCE) {
+        Vector values[AT_ONCE];
+        for (Vector& value : values) {
+            value = load<Vector>(from);
+            from += sizeof value;
+        }
+        for (const Vector& value : values) {
+            std::memcpy(to, &value, sizeof value);
+            to += sizeof value;
+        }
+    }
+    while (size >= sizeof(Word)) copy(Word{});
+    while (size != 0) copy(uint8_t{});
+}
