@@ -66,10 +66,14 @@ class CompanionTest : public testing::Test {
                reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
     }
 
-    // Broadcasts, and connects to whoever answers.
+    // Broadcasts until it is known to be the only device, and connects to whoever answers.
     Socket connect(const char* address = "127.0.0.1") {
         m_search.emplace(SOCK_DGRAM, address, 3153);
-        search(*m_search, IDENTITY);
+        for (int i = 0; i < 2; ++i) search(*m_search, IDENTITY);
+        return connect_from(address);
+    }
+
+    static Socket connect_from(const char* address) {
         Socket connection(SOCK_STREAM, address, 0, Socket::Use::Connect);
         const sockaddr_in link = ipv4("127.0.0.1", 8399);
         EXPECT_EQ(::connect(connection.fd(), reinterpret_cast<const sockaddr*>(&link), sizeof link),
@@ -112,12 +116,18 @@ class CompanionTest : public testing::Test {
     std::optional<Socket> m_search;  // has broadcast last
     std::mutex m_mutex;
     LinkStatus m_status;
+    std::vector<HeardDevice> m_devices;
+    std::function<void()> m_on_image = [] {};
     Companion m_companion{{[this](const LinkStatus& status) {
                                const std::lock_guard lock(m_mutex);
                                m_status = status;
                            },
+                           [this](const auto&) { m_on_image(); },
                            {},
-                           {}}};
+                           [this](const std::vector<HeardDevice>& devices) {
+                               const std::lock_guard lock(m_mutex);
+                               m_devices = devices;
+                           }}};
 };
 
 TEST_F(CompanionTest, LinksAndKeepsAlive) {
@@ -147,6 +157,79 @@ TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
     EXPECT_THAT(read_until(device, DataMessage), testing::Not(testing::Contains(ButtonMessage)));
 }
 
+TEST_F(CompanionTest, ReportsWhatBecomesOfAMessage) {
+    std::mutex mutex;
+    std::string seen;  // P: an image
+    const auto note = [&](char letter) {
+        const std::lock_guard lock(mutex);
+        seen += letter;
+    };
+    const auto expect = [&](const std::string& expected) {
+        EXPECT_TRUE(wait_until([&] {
+            const std::lock_guard lock(mutex);
+            return seen == expected;
+        })) << seen;
+    };
+    const auto press = [&](uint8_t button) {
+        m_companion.press(button, [&](Delivery what) { note("CUR"[static_cast<int>(what)]); });
+    };
+    m_on_image = [&] { note('P'); };
+    press(1);
+    expect("R");
+    const Socket device = connect();
+    const Bytes image = frame(ImageMessage, payload({1, 1}));
+    identify(device);
+    device.write(image);
+    press(2);
+    EXPECT_EQ(next_payload(device, ButtonMessage), Bytes{2});
+    EXPECT_EQ(type_of(device.read_frame()), IdentityRequest);
+    device.write(image + image + IDENTITY + image);
+    expect("RPPPCP");
+    press(3);
+    EXPECT_EQ(next_payload(device, ButtonMessage), Bytes{3});
+    device.write(image);
+    shutdown(device.fd(), SHUT_WR);
+    expect("RPPPCPPU");
+}
+
+TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
+    const Socket one(SOCK_DGRAM, "127.0.0.1", 3153);
+    const Socket other(SOCK_DGRAM, "127.0.0.2", 3153);
+    const auto call = [&] {
+        for (int i = 0; i < 3; ++i) {
+            search(one, IDENTITY);
+            search(other, frame(IdentityMessage, bytes("22222fw9")));
+        }
+    };
+    call();
+    EXPECT_TRUE(wait_until([this] { return status().several; }));
+    EXPECT_FALSE(one.readable(0ms) || other.readable(0ms));
+    {
+        const std::lock_guard lock(m_mutex);
+        ASSERT_EQ(m_devices.size(), 2u);
+        EXPECT_EQ(m_devices[0].identity + m_devices[0].firmware, "22222fw9");
+        EXPECT_EQ(m_devices[1].address, "127.0.0.1");
+    }
+    for (const std::string choice : {"22222", "127.0.0.1"}) {
+        m_companion.choose(choice);
+        EXPECT_TRUE(wait_until([&] { return status().wanted == choice; }));
+        call();
+        const Socket& chosen = choice == "22222" ? other : one;
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(chosen.read_some(HEADER_SIZE), frame(ConnectRequest));
+        EXPECT_FALSE(one.readable(0ms) || other.readable(0ms));
+    }
+    EXPECT_TRUE(connect_from("127.0.0.2").ended());
+
+    Socket device = connect_from("127.0.0.1");  // stays the chosen one with another name
+    device.write(frame(IdentityMessage, bytes("33333fw9")));
+    EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
+    device.reset();
+    EXPECT_TRUE(wait_until([this] { return status().wanted == "33333"; }));
+    call();
+    EXPECT_EQ(one.read_some(HEADER_SIZE), frame(ConnectRequest));
+    EXPECT_FALSE(other.readable(0ms));
+}
+
 TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
     const Socket device = connect();
     identify(device);
@@ -170,8 +253,9 @@ TEST_F(CompanionTest, AnswersNothingButAnIdentity) {
     Bytes damaged = IDENTITY;
     damaged.back() ^= 1;
     std::vector<Socket> searches;
-    for (const Bytes& datagram : {Bytes{}, bytes("?"), damaged, IDENTITY + bytes("?"),
-                                  IDENTITY + IDENTITY, frame(ConnectRequest), IDENTITY}) {
+    for (const Bytes& datagram :
+         {Bytes{}, bytes("?"), damaged, IDENTITY + bytes("?"), IDENTITY + IDENTITY,
+          frame(ConnectRequest), frame(IdentityMessage, bytes("ABCD")), IDENTITY, IDENTITY}) {
         searches.emplace_back(SOCK_DGRAM, "127.0.0.1", 0);
         search(searches.back(), datagram);
     }

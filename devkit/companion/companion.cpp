@@ -28,6 +28,7 @@ constexpr auto SILENCE = 1s;           // a device silent for longer is asked fo
 constexpr auto TIMEOUT = 3s;           // a connection silent for longer is closed
 constexpr size_t MAX_CONNECTIONS = 8;  // a device opens about one a second and soon drops it
 constexpr size_t MAX_WAITING = 256;    // messages queued
+constexpr size_t MAX_ANSWERED = 64;    // addresses that may connect
 
 int listen_for_devices(const NetSocket<>& listener) {
     const int on = 1;
@@ -51,10 +52,12 @@ std::string dotted(uint32_t address) {
 
 }  // namespace
 
-Companion::Companion(Handlers handlers)
+Companion::Companion(Handlers handlers, std::string device)
     : m_handlers(std::move(handlers)),
       m_listener(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0),
       m_wake(listen_for_devices(m_listener)),
+      m_device(std::move(device)),
+      m_status(unlinked()),
       m_thread(&Companion::run, this) {}
 
 Companion::~Companion() {
@@ -64,12 +67,21 @@ Companion::~Companion() {
     close(m_wake);
 }
 
-bool Companion::press(uint8_t button) {
-    return enqueue({ButtonMessage, {button}});
+bool Companion::press(uint8_t button, DeliveryHandler delivered) {
+    return enqueue({ButtonMessage, {button}, std::move(delivered)});
 }
 
-bool Companion::send_text(const std::string& text) {
-    return text.size() <= MAX_TEXT && enqueue({DataMessage, {text.begin(), text.end()}});
+bool Companion::send_text(const std::string& text, DeliveryHandler delivered) {
+    return text.size() <= MAX_TEXT &&
+           enqueue({DataMessage, {text.begin(), text.end()}, std::move(delivered)});
+}
+
+void Companion::choose(std::string device) {
+    {
+        const Lock lock(m_waiting_mutex);
+        m_choice = std::move(device);
+    }
+    eventfd_write(m_wake, 1);
 }
 
 bool Companion::enqueue(Message message) {
@@ -86,6 +98,7 @@ void Companion::run() {
     pthread_setname_np(pthread_self(), "companion");
     while (!m_stop) {
         wait();
+        take_choice();
         for (Connection& connection : m_connections) talk(connection);
         send_waiting();
         drop_ended();
@@ -95,7 +108,7 @@ void Companion::run() {
 // Waits, at most REQUEST_INTERVAL, and processes what has arrived.
 void Companion::wait() {
     std::vector<pollfd> events = {{m_wake, POLLIN, 0},
-                                  {m_answerer.descriptor(), POLLIN, 0},
+                                  {m_discovery.descriptor(), POLLIN, 0},
                                   {m_listener.descriptor(), POLLIN, 0}};
     if (Clock::now() < m_next_accept) events[2].events = 0;
     for (const Connection& connection : m_connections) {
@@ -108,10 +121,8 @@ void Companion::wait() {
 
     eventfd_t ignored;
     if (events[0].revents != 0) eventfd_read(m_wake, &ignored);
-    if (events[1].revents != 0) {
-        m_answerer.answer(
-            [this](uint32_t device) { return m_link == nullptr || m_link->address() == device; });
-    }
+    // A device that connects has broadcast before, perhaps since the poll.
+    if (events[1].revents != 0 || events[2].revents != 0) receive_broadcasts();
     auto event = events.begin() + 3;
     for (Connection& connection : m_connections) {
         const short ready = event++->revents;
@@ -124,6 +135,47 @@ void Companion::wait() {
     if (events[2].revents != 0) accept_connection();
 }
 
+void Companion::receive_broadcasts() {
+    const bool several = m_status.several;
+    const bool called = m_discovery.receive([this](const Discovery::Call& call) {
+        if (!wants(call)) return false;
+        std::erase(m_answered, call.address);
+        m_answered.push_back(call.address);
+        if (m_answered.size() > MAX_ANSWERED) m_answered.pop_front();
+        return true;
+    });
+    if (called && m_handlers.devices) m_handlers.devices(m_discovery.devices());
+    if (m_status.several != several) report();
+}
+
+bool Companion::wants(const Discovery::Call& call) {
+    if (m_link != nullptr) return call.address == m_link->address();
+    const auto is_called = [&](const std::string& name) {
+        return !name.empty() && (name == call.device.identity || name == call.device.address);
+    };
+    if (is_called(m_last.identity) || is_called(m_last.address)) return true;
+    if (!m_status.wanted.empty()) return is_called(m_device);
+    m_status.several = call.callers_since.value_or(0) > 0;
+    return call.callers_since == 0u;
+}
+
+void Companion::take_choice() {
+    {
+        const Lock lock(m_waiting_mutex);
+        if (!m_choice) return;
+        m_device = std::move(*m_choice);
+        m_choice.reset();
+    }
+    if (m_link != nullptr && (m_device == m_status.address || m_device == m_status.identity))
+        return;
+    m_last = {};
+    m_answered.clear();
+    for (Connection& connection : m_connections) connection.end();
+    if (m_link != nullptr) return;  // drop_ended reports
+    m_status = unlinked();
+    report();
+}
+
 void Companion::accept_connection() {
     sockaddr_in device = {};
     socklen_t size = sizeof device;
@@ -134,7 +186,9 @@ void Companion::accept_connection() {
         return;
     }
     const uint32_t address = device.sin_addr.s_addr;
-    if (m_link != nullptr && m_link->address() != address) {
+    const bool expected = m_link != nullptr ? m_link->address() == address
+                                            : std::ranges::count(m_answered, address) > 0;
+    if (!expected) {
         close(descriptor);
         return;
     }
@@ -152,12 +206,15 @@ void Companion::take_frame(Connection& from, uint16_t type,
         case IdentityMessage: {
             if (payload.size() < ID_SIZE) return;
             take_as_link(from);
-            from.answered = from.requests > 1;
+            if (from.answered < from.asked) ++from.answered;
             const std::string text(payload.begin(), payload.end());
-            if (text == m_status.identity + m_status.firmware) return;
-            m_status.identity = text.substr(0, ID_SIZE);
-            m_status.firmware = text.substr(ID_SIZE);
-            report();
+            if (text != m_status.identity + m_status.firmware) {
+                m_status.identity = text.substr(0, ID_SIZE);
+                m_status.firmware = text.substr(ID_SIZE);
+                m_last = m_status;
+                report();
+            }
+            end_sent(from.answered, Delivery::confirmed);
             return;
         }
         case ImageMessage:
@@ -183,8 +240,12 @@ void Companion::take_as_link(Connection& connection) {
     for (Connection& other : m_connections) {
         if (&other != &connection) other.end();
     }
+    end_sent(UINT64_MAX, Delivery::unknown);
     m_link = &connection;
-    m_status = {true, dotted(connection.address()), "", ""};
+    m_status = {};
+    m_status.linked = true;
+    m_status.address = dotted(connection.address());
+    m_last = m_status;
     report();
 }
 
@@ -194,25 +255,58 @@ void Companion::talk(Connection& connection) {
     if (silence > TIMEOUT) connection.end();
     if (connection.ended() || now < connection.next_words) return;
 
-    if (!connection.image_seen || !connection.answered) {
+    if (!connection.image_seen || connection.answered == 0) {
         connection.send(ConnectRequest);
         ++connection.requests;
     }
     connection.send(ControlMessage);
-    if (connection.requests > 1 && (!connection.answered || silence > SILENCE)) {
-        connection.send(IdentityRequest);
-    }
-    connection.next_words = now + (connection.answered ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
+    const bool ready = connection.answered > 0;
+    // Ask again for a confirmation that may have been lost.
+    const bool unconfirmed = &connection == m_link && !m_sent.empty();
+    if (connection.requests > 1 && (!ready || unconfirmed || silence > SILENCE)) ask(connection);
+    connection.next_words = now + (ready ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
+}
+
+void Companion::ask(Connection& connection) {
+    connection.send(IdentityRequest);
+    ++connection.asked;
 }
 
 // Stops when the socket is full; the rest stays queued.
 void Companion::send_waiting() {
-    if (m_link == nullptr || !m_link->answered) return;
+    if (m_link == nullptr || m_link->ended()) return refuse_waiting();
+    if (m_link->answered == 0) return;
     if (!m_link->image_seen && m_link->requests < REQUESTS_WITHOUT_IMAGE) return;
     const Lock lock(m_waiting_mutex);
     while (!m_waiting.empty() && !m_link->wants_to_write() && !m_link->ended()) {
-        m_link->send(m_waiting.front().type, m_waiting.front().payload);
+        Message& message = m_waiting.front();
+        m_link->send(message.type, message.payload);
+        if (message.delivered) {
+            ask(*m_link);
+            m_sent.push_back({m_link->asked, std::move(message.delivered)});
+        }
         m_waiting.pop_front();
+    }
+}
+
+// Those whose senders wait for a delivery.
+void Companion::refuse_waiting() {
+    std::vector<DeliveryHandler> refused;
+    {
+        const Lock lock(m_waiting_mutex);
+        for (Message& message : m_waiting) {
+            if (message.delivered) refused.push_back(message.delivered);
+        }
+        std::erase_if(m_waiting, [](const Message& message) { return !!message.delivered; });
+    }
+    for (const DeliveryHandler& delivered : refused) delivered(Delivery::refused);
+}
+
+void Companion::end_sent(uint64_t last_question, Delivery delivery) {
+    while (!m_sent.empty() && m_sent.front().question <= last_question) {
+        const DeliveryHandler delivered = std::move(m_sent.front().delivered);
+        m_sent.pop_front();
+        delivered(delivery);
     }
 }
 
@@ -221,8 +315,17 @@ void Companion::drop_ended() {
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
     m_link = nullptr;
-    m_status = {};
+    end_sent(UINT64_MAX, Delivery::unknown);
+    m_status = unlinked();
     report();
+}
+
+LinkStatus Companion::unlinked() const {
+    LinkStatus status;
+    status.wanted = !m_last.identity.empty()  ? m_last.identity
+                    : !m_last.address.empty() ? m_last.address
+                                              : m_device;
+    return status;
 }
 
 void Companion::report() {

@@ -34,7 +34,8 @@ class Connection {
 
     // Set by the companion.
     unsigned requests = 0;              // connect requests sent
-    bool answered = false;              // identity received after the second request
+    uint64_t asked = 0;                 // identity requests sent, all after the second of those
+    uint64_t answered = 0;              // and answered; the device answers in order
     bool image_seen = false;            // only the link carries images
     Clock::time_point next_words = {};  // when the next messages are due
 

@@ -1,0 +1,91 @@
+#include "devkit/companion/discovery.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "devkit/companion/frame_reader.h"
+#include "net/ports.h"
+#include "protocol/frame.h"
+
+namespace guilink {
+
+namespace {
+
+constexpr int MAX_AT_ONCE = 64;      // datagrams; a flood must not starve the link
+constexpr size_t MAX_DEVICES = 64;   // remembered; forged ones must not fill the memory
+constexpr size_t MAX_FIRMWARE = 64;  // bytes remembered of a version text
+
+// The identity and firmware if the datagram is one identity frame and nothing else.
+std::optional<HeardDevice> read_identity(std::span<const unsigned char> datagram) {
+    std::optional<HeardDevice> device;
+    FrameReader().feed(datagram, [&](uint16_t type, auto payload) {
+        device.reset();
+        if (type != IdentityMessage || payload.size() < ID_SIZE ||
+            HEADER_SIZE + payload.size() != datagram.size())
+            return;
+        const std::string text(payload.begin(), payload.end());
+        device = {text.substr(0, ID_SIZE), text.substr(ID_SIZE, MAX_FIRMWARE), "", {}};
+    });
+    return device;
+}
+
+}  // namespace
+
+Discovery::Discovery() : m_socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0) {
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(DISCOVERY_PORT);
+    if (bind(descriptor(), reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0) {
+        throw std::runtime_error(
+            "cannot listen for devices on UDP port 3152: " + std::string(std::strerror(errno)) +
+            "; is another companion running?");
+    }
+}
+
+bool Discovery::receive(const std::function<bool(const Call&)>& wanted) {
+    static const std::vector<unsigned char> acceptance = BuildFrame(ConnectRequest, nullptr, 0);
+    bool called = false;
+    for (int i = 0; i < MAX_AT_ONCE; ++i) {
+        std::array<unsigned char, 2048> datagram;
+        sockaddr_in sender = {};
+        socklen_t size = sizeof sender;
+        const ssize_t received = recvfrom(descriptor(), datagram.data(), datagram.size(), 0,
+                                          reinterpret_cast<sockaddr*>(&sender), &size);
+        if (received < 0) break;
+        auto device = read_identity({datagram.data(), static_cast<size_t>(received)});
+        if (!device) continue;
+        called = true;
+        char text[INET_ADDRSTRLEN];
+        device->address = inet_ntop(AF_INET, &sender.sin_addr, text, sizeof text);
+        device->heard = std::chrono::steady_clock::now();
+        const auto callers_since = note(std::move(*device));
+        if (!wanted({m_devices.front(), sender.sin_addr.s_addr, callers_since})) continue;
+        sendto(descriptor(), acceptance.data(), acceptance.size(), 0,
+               reinterpret_cast<const sockaddr*>(&sender), sizeof sender);
+    }
+    return called;
+}
+
+// Moves the device to the front. Those that were before it have called since its last broadcast.
+std::optional<size_t> Discovery::note(HeardDevice device) {
+    const auto known = std::ranges::find_if(m_devices, [&](const HeardDevice& other) {
+        return other.identity == device.identity && other.address == device.address;
+    });
+    std::optional<size_t> callers_since;
+    if (known != m_devices.end()) {
+        callers_since = static_cast<size_t>(known - m_devices.begin());
+        m_devices.erase(known);
+    } else if (m_devices.size() == MAX_DEVICES) {
+        m_devices.pop_back();
+    }
+    m_devices.insert(m_devices.begin(), std::move(device));
+    return callers_since;
+}
+
+}  // namespace guilink

@@ -1,0 +1,54 @@
+// Receives the broadcasts of devices that search for a companion, on UDP port 3152 of any
+// interface, remembers who they are, and answers those that are wanted.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "net/net_socket.h"
+
+namespace guilink {
+
+// A device that searches for a companion.
+struct HeardDevice {
+    std::string identity;                         // 5 characters, may be any bytes
+    std::string firmware;                         // version text
+    std::string address;                          // dotted
+    std::chrono::steady_clock::time_point heard;  // its last broadcast
+};
+
+class Discovery {
+  public:
+    struct Call {
+        const HeardDevice& device;            // valid only during the call
+        uint32_t address;                     // network byte order
+        std::optional<size_t> callers_since;  // others since its last broadcast, unless this is
+                                              // its first one
+    };
+
+    // Throws std::runtime_error when it cannot bind the port.
+    Discovery();
+
+    int descriptor() const { return m_socket.descriptor(); }  // readable: broadcasts have arrived
+
+    // Reads the broadcasts that have arrived and answers those that are wanted. Never blocks; reads
+    // a limited number per call. Returns whether a device has called.
+    bool receive(const std::function<bool(const Call&)>& wanted);
+
+    // Of the last broadcasts, the last one first.
+    const std::vector<HeardDevice>& devices() const { return m_devices; }
+
+  private:
+    std::optional<size_t> note(HeardDevice device);
+
+    NetSocket<> m_socket;
+    std::vector<HeardDevice> m_devices;
+};
+
+}  // namespace guilink
