@@ -217,7 +217,7 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
 
 
 # Each module imports only from those before it.
-LAYERS = """wire picture screen link discovery connection companion
+LAYERS = """wire picture screen link discovery connection companion viewer
             film evidence recording expect buttons device __init__ pytest_plugin cli __main__""".split()
 
 

@@ -30,19 +30,29 @@ LINK_TIMEOUT = 30.0     # s; a device looks for a companion once a second
 PROGRESS_INTERVAL = 1.0  # s
 
 
-def connect(device: str | None = None, *, link_timeout: float = LINK_TIMEOUT, timeout: float = TIMEOUT,
+def _link(device: str | None, viewer: str | None) -> Link:
+    if not viewer:
+        return Companion(device)
+    from guilink.viewer import Viewer  # only this needs websockets
+
+    return Viewer(viewer, device)
+
+
+def connect(device: str | None = None, *, viewer: str | None = None,
+            link_timeout: float = LINK_TIMEOUT, timeout: float = TIMEOUT,
             labels: str | os.PathLike[str] | None = None,
             artifacts: str | os.PathLike[str] = "guilink-artifacts",
             progress: Progress | None = None) -> Device:
     """Becomes the companion of a device, and returns when it takes button presses.
 
     `device` is the identity or the address of the wanted one; without it the only one in sight is taken.
+    `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080: the script shares its link.
     `timeout` is for each wait that has no time-out of its own, `labels` a file with the buttons' names as the
     viewer reads it, `artifacts` where failed waits leave their pictures. `progress` is called about once a
     second until there is a link. Throws LinkError.
     """
     buttons = Buttons.load(labels) if labels else Buttons()
-    link = Companion(device)
+    link = _link(device, viewer)
     try:
         end = time.monotonic() + link_timeout
         while True:

@@ -45,6 +45,8 @@ def parser() -> argparse.ArgumentParser:
     common.add_argument("--json", action="store_true", help="print the result as JSON")
     linked = argparse.ArgumentParser(add_help=False, parents=[common])
     linked.add_argument("--device", metavar="ID", help="identity or address of the device")
+    linked.add_argument("--viewer", metavar="URL",
+                        help="share the link of a running viewer, such as http://127.0.0.1:8080")
     linked.add_argument("--link-timeout", metavar="S", type=float, default=guilink.LINK_TIMEOUT,
                         help="seconds to wait for the device (default %(default)g)")
     linked.add_argument("--timeout", metavar="S", type=float, default=TIMEOUT,
@@ -91,8 +93,9 @@ def progress(text: str) -> None:
 
 
 def connect(options: argparse.Namespace) -> guilink.Device:
-    return guilink.connect(options.device, link_timeout=options.link_timeout, timeout=options.timeout,
-                           labels=options.labels, artifacts=options.artifacts, progress=progress)
+    return guilink.connect(options.device, viewer=options.viewer, link_timeout=options.link_timeout,
+                           timeout=options.timeout, labels=options.labels, artifacts=options.artifacts,
+                           progress=progress)
 
 
 @contextmanager

@@ -30,6 +30,8 @@ class AssertScreen(Protocol):
 def pytest_addoption(parser: pytest.Parser) -> None:
     group = parser.getgroup("guilink", "a device's GUI")
     group.addoption("--guilink-device", metavar="ID", help="identity or address of the device")
+    group.addoption("--guilink-viewer", metavar="URL",
+                    help="share the link of a running viewer, such as http://127.0.0.1:8080")
     group.addoption("--guilink-timeout", metavar="S", type=float, default=10.0,
                     help="seconds that a wait may take (default 10)")
     group.addoption("--guilink-labels", metavar="FILE", help="names of the buttons, as for the viewer")
@@ -47,8 +49,8 @@ def pytest_configure(config: pytest.Config) -> None:
 def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
     """The link that all tests share. Override it to connect in another way."""
     option = pytestconfig.getoption
-    with guilink.connect(option("--guilink-device"), timeout=option("--guilink-timeout"),
-                         labels=option("--guilink-labels"),
+    with guilink.connect(option("--guilink-device"), viewer=option("--guilink-viewer"),
+                         timeout=option("--guilink-timeout"), labels=option("--guilink-labels"),
                          artifacts=option("--guilink-artifacts")) as device:
         yield device
 
