@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the two packages of the folder
+# package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages of the folder
 # PACKAGES in a throw-away Debian with network, devices and a systemd of its own. BASE is a folder for
 # the system underneath, created if it is missing and never changed. Needs root.
 set -euo pipefail
@@ -42,10 +42,12 @@ packages=$(realpath "$1")
 base=$2
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-if [[ ! -e $base/etc/debian_version ]]; then
+if [[ ! -e $base/usr/lib/python3/dist-packages/websockets ]]; then
     rm -rf "$base.new"
-    needs=systemd-sysv,libcairo2,libpng16-16,libhwy-dev,fonts-dejavu-core,procps
+    needs=systemd-sysv,libcairo2,libpng16-16,libturbojpeg0,libhwy-dev,fonts-dejavu-core,procps
+    needs+=,python3-numpy,python3-pil,python3-websockets
     debootstrap --variant=minbase --include=$needs bookworm "$base.new" >&2
+    rm -rf "$base"
     mv "$base.new" "$base"
 fi
 base=$(realpath "$base")
@@ -100,6 +102,14 @@ complaints=$(inside systemd-analyze verify --man=no guilinkd.service 2>&1) || tr
 inside systemd-run --quiet --unit=core guilink-core
 inside guilink-viewer --snapshot /tmp/picture.png --press 1 --timeout 60
 inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "the press is not in the journal"
+
+inside systemd-run --quiet --unit=viewer guilink-viewer --device 11111
+installs "$packages"/python3-guilink_*.deb
+inside guilink --help >/dev/null
+inside guilink snapshot /tmp/picture.png --viewer http://127.0.0.1:8080
+inside dpkg --purge python3-guilink
+inside test ! -e /usr/lib/python3/dist-packages/guilink || fail "left behind: the Python package"
+inside systemctl stop viewer
 
 # After an abnormal end it comes back.
 for signal in ABRT HUP; do
