@@ -9,6 +9,7 @@
 #include "devkit/viewer/labels.h"
 #include "devkit/viewer/listening_address.h"
 #include "devkit/viewer/options.h"
+#include "devkit/viewer/requests.h"
 
 namespace guilink {
 namespace {
@@ -25,6 +26,47 @@ TEST(AccessPolicy, OnlyThePageItselfCalledByANumberOrLocalhost) {
     for (const std::string host : {"", "[", "[]", "[::1", "::1", "evil.example", "127.0.0.1.evil",
                                    "localhost.evil:8080", "[127.0.0.1]", "127.1", "[evil%1]"})
         EXPECT_FALSE(host_allowed(host) || from_our_page(host, "http://" + host)) << host;
+}
+
+TEST(AccessPolicy, AnotherSiteIsKnownByItsHeaders) {
+    const auto other = [](std::string_view origin, std::string_view fetch_site) {
+        return from_another_site("127.0.0.1:8080", origin, fetch_site);
+    };
+    EXPECT_FALSE(other("", "") || other("http://127.0.0.1:8080", "same-origin") ||
+                 other("", "none"));
+    for (const auto& [origin, site] : {std::pair{"http://evil.example", ""},
+                                       {"null", ""},
+                                       {"http://127.0.0.1:9", "same-site"},
+                                       {"", "same-site"},
+                                       {"", "cross-site"}})
+        EXPECT_TRUE(other(origin, site)) << origin << ' ' << site;
+}
+
+TEST(Requests, AreReadToTheLetter) {
+    const auto read = [](std::string_view method, std::string_view target) {
+        return read_request({method, target, "localhost", "", "", "text"}, "labels");
+    };
+    EXPECT_EQ(std::get<Choice>(read("POST", "/device/a%20%41%4%")).device, "a A%4%");
+    const Asked asked = read("GET", "/snapshot.png?after=7&over=white");
+    EXPECT_EQ(std::get<Snapshot>(asked).after, 7u);
+    EXPECT_EQ(std::get<Snapshot>(asked).kind, Rendition::png_over_white);
+    for (const auto& [method, target, status] : {std::tuple{"GET", "/labels.json", 200u},
+                                                 {"HEAD", "/", 200},
+                                                 {"HEAD", "/stream.mjpg", 405},
+                                                 {"POST", "/press/", 404},
+                                                 {"POST", "/press/1x", 404},
+                                                 {"POST", "/press/4294967297", 404},
+                                                 {"GET", "/snapshot.png?after=", 400},
+                                                 {"DELETE", "/", 405}})
+        EXPECT_EQ(std::get<Reply>(read(method, target)).status, status) << method << target;
+}
+
+TEST(PageMessages, CarryAnIdIfTheyWantAnAnswer) {
+    EXPECT_EQ(parse_page_message(R"({"press":255,"id":3})")->id, 3u);
+    EXPECT_EQ(std::get<Choice>(parse_page_message(R"({"device":"x"})")->order).device, "x");
+    for (const char* wrong : {"", "[]", R"({"press":256})", R"({"press":1,"text":"a"})",
+                              R"({"press":1,"id":-1})", R"({"id":1})", R"({"text":1})"})
+        EXPECT_FALSE(parse_page_message(wrong)) << wrong;
 }
 
 TEST(ListeningAddress, IsReachedUnderItsUrl) {
@@ -87,12 +129,14 @@ TEST(Options, ThatContradictEachOtherAreRefused) {
     EXPECT_TRUE(accepted({}));
     EXPECT_TRUE(accepted({"--listen", "[::]:1", "--labels", "f"}));
     EXPECT_TRUE(accepted({"--listen", "[::]:1", "--exec", "env", "viewer"}));
+    EXPECT_TRUE(accepted({"--list"}) && accepted({"--snapshot", "f", "--device", "1"}));
     EXPECT_TRUE(accepted({"--snapshot", "f", "--press", "1", "--press", "2", "--raw", "g"}));
     for (const auto& arguments :
          std::vector<std::vector<const char*>>{{"--snapshot", "f", "--listen", "[::]:1"},
                                                {"--snapshot", "f", "--labels", "f"},
                                                {"--snapshot", "f", "--exec", "env"},
                                                {"--labels", "f", "--exec", "env"},
+                                               {"--list", "--device", "1"},
                                                {"--press", "1"},
                                                {"--raw", "g"},
                                                {"--snapshot", "f", "--press", "256"}})

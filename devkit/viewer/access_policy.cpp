@@ -34,4 +34,10 @@ bool from_our_page(std::string_view host, std::string_view origin) {
     return host_allowed(host) && origin == "http://" + std::string(host);
 }
 
+bool from_another_site(std::string_view host, std::string_view origin,
+                       std::string_view fetch_site) {
+    if (!origin.empty() && !from_our_page(host, origin)) return true;
+    return !fetch_site.empty() && fetch_site != "same-origin" && fetch_site != "none";
+}
+
 }  // namespace guilink

@@ -21,12 +21,23 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
             ->expected(1, -1)
             ->excludes(labels);
 
+    auto* const device =
+        app.add_option("--device", page.device,
+                       "Link to the device with this identity or address (default: the only one)")
+            ->excludes(command);
+
     SnapshotOptions& snapshot = options.snapshot;
     auto* const file =
         app.add_option("--snapshot", snapshot.file, "Write one picture to this PNG file and exit")
             ->excludes(listen)
             ->excludes(labels)
             ->excludes(command);
+    app.add_flag("--list", options.list, "List the devices that search for a companion and exit")
+        ->excludes(listen)
+        ->excludes(labels)
+        ->excludes(command)
+        ->excludes(device)
+        ->excludes(file);
     app.add_option("--raw", snapshot.raw_file, "Also write the picture's 16-bit pixels")
         ->needs(file);
     app.add_option("--press", snapshot.presses,
@@ -46,6 +57,7 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
         return app.exit(error);
     }
     snapshot.timeout = std::chrono::seconds(timeout);
+    snapshot.device = page.device;
     return std::nullopt;
 }
 

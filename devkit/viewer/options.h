@@ -11,6 +11,7 @@ namespace guilink {
 struct Options {
     ServeOptions page;
     SnapshotOptions snapshot;  // a file name in it: take the picture instead of serving the page
+    bool list = false;         // list the devices instead
 };
 
 // Reads the command line into options. When that leaves nothing to do (help, or a mistake, either

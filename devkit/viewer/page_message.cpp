@@ -5,15 +5,23 @@
 namespace guilink {
 
 std::optional<PageMessage> parse_page_message(std::string_view json) {
-    const auto message = nlohmann::json::parse(json, nullptr, false);
-    if (!message.is_object() || message.size() != 1) return std::nullopt;
-    if (const auto press = message.find("press"); press != message.end()) {
-        if (!press->is_number_unsigned() || press->get<uint64_t>() > UINT8_MAX) return std::nullopt;
-        return Press{press->get<uint8_t>()};
+    auto message = nlohmann::json::parse(json, nullptr, false);
+    if (!message.is_object()) return std::nullopt;
+    std::optional<uint64_t> id;
+    if (const auto found = message.find("id"); found != message.end()) {
+        if (!found->is_number_unsigned()) return std::nullopt;
+        id = found->get<uint64_t>();
+        message.erase(found);
     }
-    if (const auto text = message.find("text"); text != message.end() && text->is_string()) {
-        return Text{text->get<std::string>()};
+    if (message.size() != 1) return std::nullopt;
+    const auto& value = message.front();
+    if (message.contains("press")) {
+        if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT8_MAX) return std::nullopt;
+        return PageMessage{Press{value.get<uint8_t>()}, id};
     }
+    if (!value.is_string()) return std::nullopt;
+    if (message.contains("text")) return PageMessage{Text{value.get<std::string>()}, id};
+    if (message.contains("device")) return PageMessage{Choice{value.get<std::string>()}, id};
     return std::nullopt;
 }
 

@@ -1,4 +1,5 @@
-// Messages from the page to the viewer: {"press": BUTTON} or {"text": TEXT}.
+// Messages from a page or a program to the viewer: {"press": BUTTON}, {"text": TEXT} or
+// {"device": ID}. With an additional "id", a number, the viewer answers.
 #pragma once
 
 #include <cstdint>
@@ -17,9 +18,17 @@ struct Text {
     std::string text;
 };
 
-using PageMessage = std::variant<Press, Text>;
+// Of the device to link to.
+struct Choice {
+    std::string device;  // identity or address
+};
 
-constexpr size_t MAX_PAGE_MESSAGE = 4096;  // bytes
+struct PageMessage {
+    std::variant<Press, Text, Choice> order;
+    std::optional<uint64_t> id;
+};
+
+constexpr size_t MAX_PAGE_MESSAGE = 32768;  // bytes; the longest text, each byte escaped
 
 // Returns nothing for any other text.
 std::optional<PageMessage> parse_page_message(std::string_view json);

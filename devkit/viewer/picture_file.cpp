@@ -1,38 +1,82 @@
-#include "devkit/viewer/png_file.h"
+#include "devkit/viewer/picture_file.h"
 
 #include <png.h>
+#include <turbojpeg.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 
 namespace guilink {
 
-void write_png(const std::string& file, const Image& image) {
+namespace {
+
+constexpr int JPEG_QUALITY = 90;  // of 100; thin lines stay clear
+
+// Bytes R, G, B, A.
+std::vector<unsigned char> rgba_of(const Image& image, Backdrop backdrop) {
     std::vector<unsigned char> rgba;
     rgba.reserve(4 * image.pixels.size());
+    const int behind = backdrop == Backdrop::white ? 15 : 0;
     for (const uint16_t pixel : image.pixels) {
-        for (const int shift : {8, 4, 0, 12}) {
-            rgba.push_back(static_cast<unsigned char>((pixel >> shift & 0xF) * 0x11));
+        const int alpha = backdrop == Backdrop::none ? 15 : pixel >> 12;
+        for (const int shift : {8, 4, 0}) {
+            const int colour = (pixel >> shift & 0xF) * alpha + behind * (15 - alpha);
+            rgba.push_back(static_cast<unsigned char>(colour * 17 / 15));
         }
+        rgba.push_back(
+            static_cast<unsigned char>((backdrop == Backdrop::none ? pixel >> 12 : 0xF) * 17));
     }
+    return rgba;
+}
+
+void write(const std::string& file, const void* data, size_t size) {
+    std::ofstream stream(file, std::ios::binary);
+    stream.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
+    if (!stream.flush())
+        throw std::runtime_error("cannot write " + file + ": " + std::strerror(errno));
+}
+
+}  // namespace
+
+std::string encode_png(const Image& image, Backdrop backdrop) {
+    const std::vector<unsigned char> rgba = rgba_of(image, backdrop);
     png_image png = {};
     png.version = PNG_IMAGE_VERSION;
     png.width = image.width;
     png.height = image.height;
     png.format = PNG_FORMAT_RGBA;
-    if (png_image_write_to_file(&png, file.c_str(), 0, rgba.data(), 0, nullptr) == 0) {
-        throw std::runtime_error("cannot write " + file + ": " + png.message);
-    }
+    png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(png);
+    std::string encoded(size, '\0');
+    if (png_image_write_to_memory(&png, encoded.data(), &size, 0, rgba.data(), 0, nullptr) == 0)
+        throw std::runtime_error(std::string("cannot encode a PNG: ") + png.message);
+    encoded.resize(size);
+    return encoded;
+}
+
+std::string encode_jpeg(const Image& image) {
+    const std::vector<unsigned char> rgba = rgba_of(image, Backdrop::black);
+    const std::unique_ptr<void, int (*)(tjhandle)> encoder(tjInitCompress(), tjDestroy);
+    std::string encoded(tjBufSize(image.width, image.height, TJSAMP_444), '\0');
+    auto* buffer = reinterpret_cast<unsigned char*>(encoded.data());
+    unsigned long size = encoded.size();
+    if (encoder == nullptr ||
+        tjCompress2(encoder.get(), rgba.data(), image.width, 0, image.height, TJPF_RGBA, &buffer,
+                    &size, TJSAMP_444, JPEG_QUALITY, TJFLAG_NOREALLOC) != 0)
+        throw std::runtime_error(std::string("cannot encode a JPEG: ") + tjGetErrorStr());
+    encoded.resize(size);
+    return encoded;
+}
+
+void write_png(const std::string& file, const Image& image) {
+    const std::string png = encode_png(image);
+    write(file, png.data(), png.size());
 }
 
 void write_raw(const std::string& file, const Image& image) {
-    std::ofstream stream(file, std::ios::binary);
-    stream.write(reinterpret_cast<const char*>(image.pixels.data()),
-                 static_cast<std::streamsize>(image.pixels.size() * sizeof(uint16_t)));
-    if (!stream.flush())
-        throw std::runtime_error("cannot write " + file + ": " + std::strerror(errno));
+    write(file, image.pixels.data(), image.pixels.size() * sizeof(uint16_t));
 }
 
 }  // namespace guilink

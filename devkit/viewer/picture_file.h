@@ -1,4 +1,4 @@
-// Writes images to files.
+// Encodes images for people and programs, and writes them to files.
 #pragma once
 
 #include <string>
@@ -6,6 +6,12 @@
 #include "devkit/companion/image_decoder.h"
 
 namespace guilink {
+
+enum class Backdrop { none, black, white };  // what transparent pixels are drawn over
+
+// Throw std::runtime_error on failure.
+std::string encode_png(const Image& image, Backdrop backdrop = Backdrop::none);
+std::string encode_jpeg(const Image& image);  // over black
 
 // Writes a PNG, transparency included. Throws std::runtime_error on failure.
 void write_png(const std::string& file, const Image& image);

@@ -72,18 +72,38 @@ void serve(const ServeOptions& options) {
         Mutex mutex;  // held while the companion is used, so that it cannot be destroyed
         Companion* companion GUARDED_BY(mutex) = nullptr;
     } shared;
+    WebServer* published = nullptr;  // set before a handler is called
+    const auto report_to = [&](uint64_t order) -> Companion::DeliveryHandler {
+        if (order == 0) return {};
+        return [&, order](Delivery delivery) { published->publish_delivery(order, delivery); };
+    };
     WebServer server(listener, labels,
-                     {[&](uint8_t button) {
+                     {[&](uint8_t button, uint64_t order) {
                           const Lock lock(shared.mutex);
-                          if (shared.companion != nullptr) shared.companion->press(button);
+                          return shared.companion != nullptr &&
+                                 shared.companion->press(button, report_to(order));
                       },
-                      [&](const std::string& text) {
+                      [&](const std::string& text, uint64_t order) {
                           const Lock lock(shared.mutex);
-                          if (shared.companion != nullptr) shared.companion->send_text(text);
+                          return shared.companion != nullptr &&
+                                 shared.companion->send_text(text, report_to(order));
+                      },
+                      [&](const std::string& device) {
+                          const Lock lock(shared.mutex);
+                          if (shared.companion != nullptr) shared.companion->choose(device);
                       }});
-    Companion link({[&](const LinkStatus& status) { server.publish_status(status); },
-                    [&](const Companion::Payload& payload) { server.publish_image(payload); },
-                    {}});
+    published = &server;
+    Companion link(
+        {[&](const LinkStatus& status) { server.publish_status(status); },
+         [&](const Companion::Payload& payload) { server.publish_picture(payload); },
+         {},
+         [&](const std::vector<HeardDevice>& devices) { server.publish_devices(devices); }},
+        options.device);
+    if (!options.device.empty()) {
+        LinkStatus searching;
+        searching.wanted = options.device;
+        server.publish_status(searching);
+    }
     {
         const Lock lock(shared.mutex);
         shared.companion = &link;

@@ -7,7 +7,7 @@
 
 #include "base/mutex.h"
 #include "devkit/companion/companion.h"
-#include "devkit/viewer/png_file.h"
+#include "devkit/viewer/picture_file.h"
 
 namespace guilink {
 
@@ -23,6 +23,7 @@ class Received {
     void status(const LinkStatus& status) {
         const Lock lock(m_mutex);
         if (status.linked) m_status = status;  // print() wants the last link
+        m_several = status.several;
         m_changed.notify_all();
     }
 
@@ -43,7 +44,8 @@ class Received {
                 return m_images >= count && !m_status.identity.empty();
             })) {
             throw std::runtime_error(
-                m_status.identity.empty()
+                m_several ? "several devices are in sight; choose one with --device (see --list)"
+                : m_status.identity.empty()
                     ? "no device has linked in time; is guilinkd running in this network?"
                 : m_images == 0
                     ? "the device has sent no image in time; does its core draw (guilink-core)?"
@@ -74,6 +76,7 @@ class Received {
     Mutex m_mutex;
     std::condition_variable_any m_changed;
     LinkStatus m_status GUARDED_BY(m_mutex);
+    bool m_several GUARDED_BY(m_mutex) = false;
     Companion::Payload m_newest GUARDED_BY(m_mutex);
     uint64_t m_images GUARDED_BY(m_mutex) = 0;
     uint64_t m_bytes GUARDED_BY(m_mutex) = 0;
@@ -87,7 +90,8 @@ void take_snapshot(const SnapshotOptions& options) {
     Received received(Clock::now() + options.timeout);
     Companion companion({[&](const LinkStatus& status) { received.status(status); },
                          [&](const Companion::Payload& payload) { received.image(payload); },
-                         {}});
+                         {}},
+                        options.device);
     const uint64_t images = received.wait_for_images(1);
     for (const uint8_t button : options.presses) {
         if (!companion.press(button))

@@ -10,6 +10,7 @@ namespace guilink {
 
 struct SnapshotOptions {
     std::string file;                  // PNG to write
+    std::string device;                // identity or address; empty for the only one in sight
     std::string raw_file;              // unchanged pixels to write; empty for none
     std::vector<uint8_t> presses;      // buttons, in order, after the first image
     unsigned frames = 60;              // images to wait for after the last press

@@ -2,38 +2,56 @@
 
 #include <pthread.h>
 
+#include <boost/asio/post.hpp>
 #include <utility>
+
+#include "devkit/viewer/hub.h"
 
 namespace guilink {
 
 WebServer::WebServer(int listener, std::string labels, PageHandlers handlers)
-    : m_sessions(listener, std::move(labels), std::move(handlers)), m_thread([this] {
+    : m_hub(std::make_unique<Hub>(listener, std::move(labels), std::move(handlers))),
+      m_thread([this] {
           pthread_setname_np(pthread_self(), "web-server");
-          m_sessions.run();
+          m_hub->loop().run();
       }) {}
 
 WebServer::~WebServer() {
-    m_sessions.stop();
+    m_hub->loop().stop();
     m_thread.join();
 }
 
-void WebServer::publish_image(const Companion::Payload& payload) {
+void WebServer::publish_picture(const Companion::Payload& payload) {
     const Lock lock(m_published_mutex);
-    m_published.skipped += m_published.image != nullptr;
-    m_published.image = payload;
+    ++m_last.number;
+    m_last.bytes += payload->size();
+    m_published.picture = {payload, m_last.number, m_last.bytes};
     post();
 }
 
 void WebServer::publish_status(const LinkStatus& status) {
     const Lock lock(m_published_mutex);
     m_published.status = status;
-    if (!status.linked) m_published.image = nullptr;
+    if (!status.linked) m_published.picture.payload = nullptr;
     post();
+}
+
+void WebServer::publish_devices(const std::vector<HeardDevice>& devices) {
+    const Lock lock(m_published_mutex);
+    m_published.devices = devices;
+    post();
+}
+
+void WebServer::publish_delivery(uint64_t order, Delivery delivery) {
+    const Lock lock(m_published_mutex);
+    boost::asio::post(m_hub->loop(), [this, order, delivery, picture = m_last.number] {
+        m_hub->set_outcome(order, delivery, picture);
+    });
 }
 
 void WebServer::post() {
     if (std::exchange(m_published.posted, true)) return;
-    m_sessions.post([this] { take_published(); });
+    boost::asio::post(m_hub->loop(), [this] { take_published(); });
 }
 
 void WebServer::take_published() {
@@ -42,8 +60,9 @@ void WebServer::take_published() {
         const Lock lock(m_published_mutex);
         published = std::exchange(m_published, {});
     }
-    if (published.status) m_sessions.offer_status(*published.status);
-    if (published.image != nullptr) m_sessions.offer_image(published.image, published.skipped);
+    if (published.devices) m_hub->set_devices(*published.devices);
+    if (published.status) m_hub->set_status(*published.status);
+    if (published.picture.payload != nullptr) m_hub->set_picture(published.picture);
 }
 
 }  // namespace guilink

@@ -6,8 +6,9 @@
 namespace guilink::fuzz {
 
 std::vector<Bytes> seeds() {
-    return {bytes(R"({"press":255})"), bytes(R"({"text":"a\u00e9\n"})"),
-            bytes(R"({"press":-1.5e3})"), bytes(R"([{"text":null},true])")};
+    return {bytes(R"({"press":255,"id":7})"), bytes(R"({"text":"a\u00e9\n"})"),
+            bytes(R"({"device":"11111"})"), bytes(R"({"press":-1.5e3})"),
+            bytes(R"([{"text":null},true])")};
 }
 
 }  // namespace guilink::fuzz
@@ -18,11 +19,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const std::string json(reinterpret_cast<const char*>(data), size);
     const auto message = parse_page_message(json);
     if (!message) return 0;
-    const auto* const text = std::get_if<Text>(&*message);
-    const std::string said =
-        text != nullptr ? text->text : std::to_string(std::get<Press>(*message).button);
+    const auto* const press = std::get_if<Press>(&message->order);
+    const auto* const text = std::get_if<Text>(&message->order);
+    const std::string said = press != nullptr  ? std::to_string(press->button)
+                             : text != nullptr ? text->text
+                                               : std::get<Choice>(message->order).device;
     fuzz::require(json.find(said) != std::string::npos ||
-                      (text != nullptr && json.find('\\') != std::string::npos),
+                      (press == nullptr && json.find('\\') != std::string::npos),
                   "the parsed value is part of the message");
     return 0;
 }

@@ -1,8 +1,8 @@
 // The WebSocket between viewer and page.
 //
 // Viewer to page: a binary message is the payload of an ImageMessage as the device sent it; a text
-// message is JSON, {"state", "address", "identity", "firmware", "skipped"}.
-// Page to viewer: JSON, {"press": BUTTON} or {"text": TEXT}.
+// message is JSON, {"state", "address", "identity", "firmware", "wanted", "devices", "skipped"}.
+// Page to viewer: JSON, {"press": BUTTON}, {"text": TEXT} or {"device": ID}.
 
 const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled each time
 
@@ -34,5 +34,9 @@ export function connect(handlers) {
     if (ready) socket.send(JSON.stringify(message));
     return ready;
   };
-  return { press: (button) => send({ press: button }), text: (text) => send({ text }) };
+  return {
+    press: (button) => send({ press: button }),
+    text: (text) => send({ text }),
+    choose: (device) => send({ device }),
+  };
 }

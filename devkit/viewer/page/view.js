@@ -1,5 +1,6 @@
 // The page: shows the screen and the figures, and handles the controls.
 import { connect } from './bytes.js';
+import { makeDevices } from './devices.js';
 import { decode } from './pixels.js';
 import { makeButtons } from './input.js';
 
@@ -60,9 +61,12 @@ const viewer = connect({
       requestAnimationFrame(draw);
     }
   },
-  state({ state, address, identity, firmware, skipped }) {
-    if (state === 'linked') showLink('linked', `Linked to ${address}`);
-    else showLink('searching', 'Searching for a device');
+  state(status) {
+    const { state, address, identity, firmware, wanted, skipped } = status;
+    if (state === 'linked') showLink(state, `Linked to ${address}`);
+    else if (state === 'several') showLink(state, 'Several devices: choose one');
+    else showLink(state, `Searching for ${wanted || 'a device'}`);
+    showDevices(status);
     $('identity').textContent = identity;
     $('firmware').textContent = firmware;
     $('skipped').textContent = skipped;
@@ -71,6 +75,8 @@ const viewer = connect({
     showLink('offline', 'The viewer is not running');
   },
 });
+
+const showDevices = makeDevices($('devices'), (device) => viewer.choose(device));
 
 let figuresTime = performance.now();
 setInterval(() => {
@@ -86,6 +92,7 @@ setInterval(() => {
   $('age').textContent = age === null ? '–' : age < 1000 ? `${age.toFixed(0)} ms` : `${(age / 1000).toFixed(0)} s`;
   $('age').classList.toggle('old', frozen && age !== null);
   showFrozen(frozen);
+  showDevices();
   $('veil').textContent = age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 

@@ -1,0 +1,183 @@
+#include "devkit/viewer/http_session.h"
+
+#include "devkit/viewer/hub.h"  // before Beast
+
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
+
+#include "devkit/viewer/access_policy.h"
+#include "devkit/viewer/page_session.h"
+#include "devkit/viewer/requests.h"
+#include "devkit/viewer/stream_session.h"
+
+namespace guilink {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+namespace {
+
+constexpr size_t MAX_REQUEST_HEADER = 8192;  // bytes
+constexpr const char* SECURITY_POLICY =
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+    "connect-src 'self'; base-uri 'none'; form-action 'none'; "
+    "frame-ancestors 'none'";
+
+std::string_view view(beast::string_view text) {
+    return {text.data(), text.size()};
+}
+
+beast::string_view view(std::string_view text) {
+    return {text.data(), text.size()};
+}
+
+class HttpSession : public std::enable_shared_from_this<HttpSession> {
+  public:
+    HttpSession(Hub& hub, tcp::socket socket)
+        : m_hub(hub), m_counted(hub.visitors), m_stream(std::move(socket)) {}
+
+    void read() {
+        m_parser.emplace();
+        m_parser->header_limit(MAX_REQUEST_HEADER);
+        m_parser->body_limit(Companion::MAX_TEXT);
+        m_stream.expires_after(PATIENCE);
+        http::async_read(m_stream, m_received, *m_parser,
+                         [self = shared_from_this()](error_code error, size_t) {
+                             if (error == http::error::body_limit)
+                                 self->answer({413, "text/plain", "The body is too long.\n"});
+                             else if (!error)
+                                 self->serve();
+                         });
+    }
+
+  private:
+    using Request = http::request<http::string_body>;
+
+    void serve() {
+        const Request& request = m_parser->get();
+        const HttpRequest plain = {
+            view(request.method_string()),    view(request.target()),
+            view(request[http::field::host]), view(request[http::field::origin]),
+            view(request["Sec-Fetch-Site"]),  request.body()};
+        if (beast::websocket::is_upgrade(request) && plain.target == "/link") {
+            const bool program = plain.origin.empty() && host_allowed(plain.host) && is_local();
+            if (program || from_our_page(plain.host, plain.origin))
+                return start_page_session(m_hub, m_stream.release_socket(), request, program);
+        }
+        std::visit([this](const auto& asked) { answer(asked); },
+                   read_request(plain, m_hub.labels()));
+    }
+
+    bool is_local() {
+        error_code error;
+        const auto address = m_stream.socket().remote_endpoint(error).address();
+        if (error) return false;
+        if (address.is_v6() && address.to_v6().is_v4_mapped())
+            return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).is_loopback();
+        return address.is_loopback();
+    }
+
+    void answer(const Reply& reply) { answer(reply, {}); }
+
+    // picture: the number of a picture that belongs to the answer.
+    void answer(const Reply& reply, std::optional<uint64_t> picture) {
+        const Request& request = m_parser->get();
+        m_timer.cancel();
+        m_response = {};
+        m_response.version(request.version());
+        m_response.keep_alive(request.keep_alive() && reply.status != 413);
+        m_response.result(reply.status);
+        m_response.set("Content-Security-Policy", SECURITY_POLICY);
+        m_response.set("X-Content-Type-Options", "nosniff");
+        m_response.set("Referrer-Policy", "no-referrer");
+        m_response.set("Cross-Origin-Resource-Policy", "same-origin");
+        m_response.set(http::field::cache_control, "no-store");
+        if (reply.status != 204) m_response.set(http::field::content_type, view(reply.type));
+        if (!reply.allow.empty()) m_response.set(http::field::allow, view(reply.allow));
+        if (picture) m_response.set("Guilink-Picture", std::to_string(*picture));
+        m_response.body() = reply.body;
+        m_response.prepare_payload();
+        if (request.method() == http::verb::head) m_response.body().clear();
+        m_stream.expires_after(PATIENCE);
+        http::async_write(m_stream, m_response,
+                          [self = shared_from_this()](error_code error, size_t) {
+                              if (!error && self->m_response.keep_alive()) self->read();
+                          });
+    }
+
+    void answer(const State&) { answer({200, "application/json", state_json(m_hub.report())}); }
+    void answer(const Metrics&) { answer({200, OPENMETRICS, metrics_text(m_hub.report())}); }
+    void answer(const Stream&) { start_stream_session(m_hub, m_stream.release_socket()); }
+
+    void answer(const Snapshot& snapshot) {
+        const Picture& newest = m_hub.newest();
+        if (newest.payload == nullptr && !snapshot.after)
+            return answer({503, "text/plain", "There is no picture: no device is linked.\n"});
+        const uint64_t turn = wait(503, "No newer picture has arrived in time.\n");
+        m_hub.renditions().get(
+            snapshot.kind, snapshot.after.value_or(newest.number - 1), weak_from_this(),
+            [this, turn](const Renditions::Bytes& bytes, uint64_t number) {
+                if (turn != m_turn) return;
+                ++m_turn;
+                if (bytes == nullptr)
+                    return answer({503, "text/plain", "The newest picture is damaged.\n"});
+                answer({200, "image/png", *bytes}, number);
+            });
+    }
+
+    void answer(const Press& press) { pass_on(press); }
+    void answer(const Text& text) { pass_on(text); }
+
+    template <typename Order>
+    void pass_on(const Order& order) {
+        const uint64_t turn =
+            wait(504, "The device has not confirmed it in time, so it may have come or not.\n");
+        m_hub.pass_on(order, weak_from_this(),
+                      [this, turn](const std::optional<std::string>& why_not, uint64_t picture) {
+                          if (turn != m_turn) return;
+                          ++m_turn;
+                          if (why_not) return answer({409, "text/plain", *why_not + '\n'});
+                          answer({204, "", ""}, picture);
+                      });
+    }
+
+    void answer(const Choice& choice) {
+        const Hub::Found found = m_hub.choose(choice);
+        if (found == Hub::Found::one) return answer({204, "", ""});
+        answer({found == Hub::Found::none ? 404u : 409u, "text/plain",
+                Hub::sentence(found) + std::string("\n")});
+    }
+
+    // Answers so if nothing else has by then. Keeps the session alive until it has.
+    uint64_t wait(unsigned status, const char* why) {
+        m_timer.expires_after(PATIENCE);
+        m_timer.async_wait(
+            [self = shared_from_this(), turn = m_turn, status, why](error_code error) {
+                if (error || turn != self->m_turn) return;
+                ++self->m_turn;
+                self->answer({status, "text/plain", why});
+            });
+        return m_turn;
+    }
+
+    Hub& m_hub;
+    const Counted m_counted;
+    beast::tcp_stream m_stream;
+    beast::flat_buffer m_received;
+    std::optional<http::request_parser<http::string_body>> m_parser;
+    http::response<http::string_body> m_response;
+    asio::steady_timer m_timer{m_hub.loop()};
+    uint64_t m_turn = 0;  // grows with each answer that was waited for
+};
+
+}  // namespace
+
+void start_http_session(Hub& hub, tcp::socket socket) {
+    std::make_shared<HttpSession>(hub, std::move(socket))->read();
+}
+
+}  // namespace guilink

@@ -1,0 +1,158 @@
+#include "devkit/viewer/hub.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <algorithm>
+
+#include "devkit/viewer/http_session.h"
+
+namespace guilink {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+namespace {
+
+constexpr auto ACCEPT_RETRY = std::chrono::milliseconds(100);  // when out of descriptors
+constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // that rates are measured in
+constexpr size_t MAX_WATCHERS = 256;
+constexpr size_t MAX_VISITORS = 256;  // other connections; leaves descriptors for the link
+constexpr int SEND_BUFFER = 131072;   // bytes; two or three pictures of a menu
+constexpr int UNSENT_LOW = 16384;     // bytes
+
+tcp family(int listener) {
+    sockaddr_storage address = {};
+    socklen_t size = sizeof address;
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    return address.ss_family == AF_INET6 ? tcp::v6() : tcp::v4();
+}
+
+}  // namespace
+
+void keep_backlog_short(tcp::socket& socket) {
+    error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    socket.set_option(asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
+    setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &UNSENT_LOW,
+               sizeof UNSENT_LOW);
+}
+
+Hub::Hub(int listener, std::string labels, PageHandlers handlers)
+    : m_acceptor(m_loop, family(listener), listener),
+      m_labels(std::move(labels)),
+      m_handlers(std::move(handlers)) {
+    accept();
+}
+
+void Hub::accept() {
+    m_acceptor.async_accept([this](error_code error, tcp::socket socket) {
+        if (!error) {
+            if (visitors + streams < MAX_VISITORS) start_http_session(*this, std::move(socket));
+            return accept();
+        }
+        m_retry.expires_after(ACCEPT_RETRY);
+        m_retry.async_wait([this](error_code) { accept(); });
+    });
+}
+
+bool Hub::add(const std::shared_ptr<Watcher>& watcher) {
+    if (m_watchers.size() >= MAX_WATCHERS) return false;
+    m_watchers.insert(watcher);
+    return true;
+}
+
+void Hub::set_status(const LinkStatus& status) {
+    m_status = status;
+    m_newest.payload = nullptr;
+    m_samples.clear();
+    m_renditions.offer(m_newest);
+    for (const auto& watcher : m_watchers) watcher->offer_status(true);
+}
+
+void Hub::set_devices(const std::vector<HeardDevice>& devices) {
+    m_devices = devices;
+    for (const auto& watcher : m_watchers) watcher->offer_status(false);
+}
+
+void Hub::set_picture(const Picture& picture) {
+    m_newest = picture;
+    const auto now = std::chrono::steady_clock::now();
+    m_samples.push_back({now, picture.number, picture.bytes});
+    while (m_samples.front().time < now - RATE_WINDOW) m_samples.pop_front();
+    for (const auto& watcher : m_watchers) watcher->offer_picture(picture);
+    m_renditions.offer(picture);
+}
+
+Report Hub::report() {
+    Report report;
+    report.status = m_status;
+    report.devices = m_devices;
+    report.newest = m_newest;
+    const auto now = std::chrono::steady_clock::now();
+    if (!m_samples.empty()) {
+        report.age = now - m_samples.back().time;
+        while (m_samples.size() > 1 && m_samples.front().time < now - RATE_WINDOW)
+            m_samples.pop_front();
+        const Sample& first = m_samples.front();
+        const std::chrono::duration<double> time = std::max<std::chrono::duration<double>>(
+            now - first.time, std::chrono::milliseconds(100));
+        report.pictures_per_second =
+            static_cast<double>(m_newest.number - first.number) / time.count();
+        report.bytes_per_second = static_cast<double>(m_newest.bytes - first.bytes) / time.count();
+    }
+    report.skipped = skipped_pictures;
+    report.programs = static_cast<size_t>(
+        std::ranges::count_if(m_watchers, [](const auto& watcher) { return watcher->is_program; }));
+    report.pages = m_watchers.size() - report.programs;
+    report.streams = streams;
+    return report;
+}
+
+uint64_t Hub::await(const std::weak_ptr<void>& owner, Outcome outcome) {
+    m_orders[++m_last_order] = {owner, std::move(outcome)};
+    return m_last_order;
+}
+
+void Hub::pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome) {
+    const uint64_t order = await(owner, std::move(outcome));
+    if (!m_handlers.press(press.button, order)) set_outcome(order, Delivery::refused, 0);
+}
+
+void Hub::pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome) {
+    const uint64_t order = await(owner, std::move(outcome));
+    if (!m_handlers.text(text.text, order)) set_outcome(order, Delivery::refused, 0);
+}
+
+void Hub::set_outcome(uint64_t order, Delivery delivery, uint64_t picture) {
+    const auto found = m_orders.extract(order);
+    if (found.empty()) return;
+    const auto owner = found.mapped().owner.lock();
+    if (owner == nullptr) return;
+    std::optional<std::string> why_not;
+    if (delivery == Delivery::unknown)
+        why_not = "The link ended before the device confirmed it, so it may have come or not.";
+    if (delivery == Delivery::refused)
+        why_not = m_status.linked ? "Too many orders wait for the device." : "No device is linked.";
+    found.mapped().outcome(why_not, picture);
+}
+
+Hub::Found Hub::choose(const Choice& choice) {
+    std::set<std::string> addresses;
+    const auto note = [&](const std::string& identity, const std::string& address) {
+        if (choice.device == identity || choice.device == address) addresses.insert(address);
+    };
+    for (const HeardDevice& device : m_devices) note(device.identity, device.address);
+    if (m_status.linked) note(m_status.identity, m_status.address);
+    if (addresses.size() != 1) return addresses.empty() ? Found::none : Found::several;
+    m_handlers.choose(choice.device);
+    return Found::one;
+}
+
+const char* Hub::sentence(Found found) {
+    return found == Found::none ? "No device with this identity or address has called."
+                                : "Several devices have this identity; name one by its address.";
+}
+
+}  // namespace guilink

@@ -1,0 +1,125 @@
+// What all connections of pages and programs share: the device's state and newest picture, and the
+// way to its buttons. Everything here is for the event loop's thread.
+#pragma once
+
+#include <utility>  // Boost.Asio 1.74 uses std::exchange without including it
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "devkit/viewer/page_message.h"
+#include "devkit/viewer/picture.h"
+#include "devkit/viewer/renditions.h"
+#include "devkit/viewer/report.h"
+#include "devkit/viewer/web_server.h"
+
+namespace guilink {
+
+constexpr auto PATIENCE = std::chrono::seconds(10);  // for a request, an answer, a browser's sign
+
+// Small kernel buffers: a picture waits in the session instead, where a newer one replaces it.
+void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
+
+// Counts sessions while they exist.
+class Counted {
+  public:
+    explicit Counted(size_t& count) : m_count(++count) {}
+    ~Counted() { --m_count; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+  private:
+    size_t& m_count;
+};
+
+class Hub {
+  public:
+    // A page or a program that watches the device.
+    class Watcher {
+      public:
+        virtual ~Watcher() = default;
+        virtual void offer_status(bool new_link) = 0;
+        virtual void offer_picture(const Picture& picture) = 0;
+        bool is_program = false;
+    };
+    // Why an order is not carried out; nothing if it is. picture: the last one before the device
+    // handed the order on.
+    using Outcome =
+        std::function<void(const std::optional<std::string>& why_not, uint64_t picture)>;
+
+    Hub(int listener, std::string labels, PageHandlers handlers);
+
+    boost::asio::io_context& loop() { return m_loop; }
+    const std::string& labels() const { return m_labels; }
+    const Picture& newest() const { return m_newest; }
+    Renditions& renditions() { return m_renditions; }
+    std::string status(uint64_t skipped) const { return page_status(m_status, m_devices, skipped); }
+    Report report();
+
+    void set_status(const LinkStatus& status);
+    void set_devices(const std::vector<HeardDevice>& devices);
+    void set_picture(const Picture& picture);
+
+    // False: there are too many.
+    bool add(const std::shared_ptr<Watcher>& watcher);
+    void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
+
+    // Passes an order on. The outcome is reported, perhaps before this returns, unless owner is
+    // destroyed before.
+    void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
+    void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
+    // Those of pages: nobody waits for their outcome.
+    void pass_on(const Press& press) { m_handlers.press(press.button, 0); }
+    void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
+    void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);
+
+    // Returns the error if there is no such device, or more than one.
+    enum class Found { one, none, several };
+    Found choose(const Choice& choice);
+    static const char* sentence(Found found);
+
+    // Counters. Declared before the event loop, whose destructor may destroy the last sessions.
+    size_t visitors = 0;
+    size_t streams = 0;
+    uint64_t skipped_pictures = 0;  // by all pages and programs
+
+  private:
+    struct Order {
+        std::weak_ptr<void> owner;
+        Outcome outcome;
+    };
+    struct Sample {
+        std::chrono::steady_clock::time_point time;
+        uint64_t number;
+        uint64_t bytes;
+    };
+
+    void accept();
+    uint64_t await(const std::weak_ptr<void>& owner, Outcome outcome);
+
+    boost::asio::io_context m_loop{1};
+    boost::asio::ip::tcp::acceptor m_acceptor;
+    boost::asio::steady_timer m_retry{m_loop};
+    const std::string m_labels;
+    const PageHandlers m_handlers;
+    std::set<std::shared_ptr<Watcher>> m_watchers;
+    LinkStatus m_status;
+    std::vector<HeardDevice> m_devices;
+    Picture m_newest;  // of the current link
+    std::deque<Sample> m_samples;
+    uint64_t m_last_order = 0;
+    std::map<uint64_t, Order> m_orders;  // on their way
+    Renditions m_renditions{m_loop};
+};
+
+}  // namespace guilink

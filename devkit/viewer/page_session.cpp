@@ -1,0 +1,175 @@
+#include "devkit/viewer/page_session.h"
+
+#include "devkit/viewer/hub.h"  // before Beast
+
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+#include <nlohmann/json.hpp>
+
+namespace guilink {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+namespace {
+
+constexpr size_t MAX_ANSWERS = 1024;  // not yet read by their program
+
+// One message is being written at a time; at most one picture and one status wait.
+class PageSession : public Hub::Watcher, public std::enable_shared_from_this<PageSession> {
+  public:
+    PageSession(Hub& hub, tcp::socket socket) : m_hub(hub), m_stream(std::move(socket)) {}
+
+    template <typename Request>
+    void run(const Request& request) {
+        keep_backlog_short(beast::get_lowest_layer(m_stream).socket());
+        beast::get_lowest_layer(m_stream).expires_never();
+        m_stream.set_option(websocket::stream_base::timeout{PATIENCE, PATIENCE, true});
+        m_stream.read_message_max(MAX_PAGE_MESSAGE);
+        m_stream.async_accept(request, [self = shared_from_this()](error_code error) {
+            if (error) return;
+            self->m_open = true;
+            if (!self->m_hub.add(self)) return self->close();
+            self->m_last = self->m_hub.newest().number;
+            self->offer_status(true);
+            if (const Picture& newest = self->m_hub.newest(); newest.payload != nullptr)
+                self->offer_picture(newest);
+            self->read();
+        });
+    }
+
+    // With a new link, drops a waiting picture: it may be of the previous one.
+    void offer_status(bool new_link) override {
+        if (new_link) drop_picture();
+        m_status_waits = true;
+        write();
+    }
+
+    void offer_picture(const Picture& picture) override {
+        m_picture = picture;
+        write();
+    }
+
+  private:
+    void read() {
+        m_stream.async_read(m_received, [self = shared_from_this()](error_code error, size_t) {
+            if (error) return self->end();
+            const auto data = self->m_received.data();
+            const auto message =
+                parse_page_message({static_cast<const char*>(data.data()), data.size()});
+            self->m_received.consume(data.size());
+            if (!message || self->m_answers.size() >= MAX_ANSWERS) return self->close();
+            std::visit([&](const auto& order) { self->carry_out(order, message->id); },
+                       message->order);
+            self->read();
+        });
+    }
+
+    template <typename Order>
+    void carry_out(const Order& order, std::optional<uint64_t> id) {
+        if (!id) return m_hub.pass_on(order);
+        m_hub.pass_on(order, weak_from_this(),
+                      [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
+                          if (!why_not && m_picture.number <= picture) drop_picture();
+                          answer(*id, why_not);
+                      });
+    }
+
+    void carry_out(const Choice& choice, std::optional<uint64_t> id) {
+        const Hub::Found found = m_hub.choose(choice);
+        if (!id) return;
+        if (found == Hub::Found::one) return answer(*id, {});
+        answer(*id, Hub::sentence(found));
+    }
+
+    void answer(uint64_t id, const std::optional<std::string>& why_not) {
+        const nlohmann::json message = why_not ? nlohmann::json{{"failed", id}, {"why", *why_not}}
+                                               : nlohmann::json{{"delivered", id}};
+        m_answers.push_back(message.dump());
+        write();
+    }
+
+    void drop_picture() {
+        m_last = std::max(m_last, m_picture.number);
+        m_picture.payload = nullptr;
+    }
+
+    void write() {
+        if (m_writing || !m_open) return;
+        if (!m_answers.empty()) {
+            m_text = std::move(m_answers.front());
+            m_answers.pop_front();
+            write_text();
+        } else if (m_status_waits) {
+            m_status_waits = false;
+            m_skipped_reported = m_skipped;
+            m_text = m_hub.status(m_skipped);
+            write_text();
+        } else if (m_picture.payload != nullptr) {
+            m_written = std::move(m_picture.payload);
+            m_picture.payload = nullptr;
+            if (m_picture.number > m_last) {
+                m_skipped += m_picture.number - m_last - 1;
+                m_hub.skipped_pictures += m_picture.number - m_last - 1;
+            }
+            m_last = m_picture.number;
+            if (m_skipped != m_skipped_reported) m_status_waits = true;
+            m_stream.binary(true);
+            start_write(asio::buffer(*m_written));
+        }
+    }
+
+    void write_text() {
+        m_stream.text(true);
+        start_write(asio::buffer(m_text));
+    }
+
+    void start_write(asio::const_buffer buffer) {
+        m_writing = true;
+        m_stream.async_write(buffer, [self = shared_from_this()](error_code error, size_t) {
+            self->m_writing = false;
+            if (error) return self->end();
+            self->write();
+        });
+    }
+
+    void close() {
+        end();
+        m_stream.async_close(websocket::close_code::policy_error,
+                             [self = shared_from_this()](error_code) {});
+    }
+
+    void end() {
+        m_open = false;
+        m_hub.remove(shared_from_this());
+    }
+
+    Hub& m_hub;
+    websocket::stream<beast::tcp_stream> m_stream;
+    beast::flat_buffer m_received;
+    bool m_open = false;
+    bool m_writing = false;
+    std::deque<std::string> m_answers;  // wait
+    bool m_status_waits = false;
+    Picture m_picture;             // waits, unless its payload is null
+    Companion::Payload m_written;  // being written
+    std::string m_text;            // being written
+    uint64_t m_last = 0;           // number of the last picture written, or not to be written
+    uint64_t m_skipped = 0;        // pictures that the other end was too slow for
+    uint64_t m_skipped_reported = 0;
+};
+
+}  // namespace
+
+void start_page_session(Hub& hub, tcp::socket socket,
+                        const beast::http::request<beast::http::string_body>& request,
+                        bool program) {
+    const auto session = std::make_shared<PageSession>(hub, std::move(socket));
+    session->is_program = program;
+    session->run(request);
+}
+
+}  // namespace guilink

@@ -1,0 +1,93 @@
+#include "devkit/viewer/renditions.h"
+
+#include <pthread.h>
+
+#include <utility>  // Boost.Asio 1.74 uses std::exchange without including it
+
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <stdexcept>
+
+#include "devkit/companion/image_decoder.h"
+#include "devkit/viewer/picture_file.h"
+
+namespace guilink {
+
+namespace {
+
+// Null for a damaged picture.
+Renditions::Bytes encode(Rendition kind, const Companion::Payload& payload) try {
+    Image image;
+    decode_image(*payload, image);
+    return std::make_shared<const std::string>(
+        kind == Rendition::jpeg             ? encode_jpeg(image)
+        : kind == Rendition::png_over_black ? encode_png(image, Backdrop::black)
+        : kind == Rendition::png_over_white ? encode_png(image, Backdrop::white)
+                                            : encode_png(image));
+} catch (const std::runtime_error&) {
+    return nullptr;
+}
+
+}  // namespace
+
+Renditions::Renditions(boost::asio::io_context& loop) : m_loop(loop) {
+    boost::asio::post(m_encoder, [] { pthread_setname_np(pthread_self(), "encoder"); });
+}
+
+Renditions::~Renditions() {
+    m_encoder.stop();
+    m_encoder.join();
+}
+
+void Renditions::offer(const Picture& newest) {
+    m_newest = newest;
+    for (size_t kind = 0; kind < RENDITIONS; ++kind) serve(static_cast<Rendition>(kind));
+}
+
+void Renditions::get(Rendition kind, uint64_t after, const std::weak_ptr<void>& owner,
+                     Taken taken) {
+    m_slots[static_cast<size_t>(kind)].waiters.push_back({after, owner, std::move(taken)});
+    serve(kind);
+}
+
+void Renditions::serve(Rendition kind) {
+    Slot& slot = m_slots[static_cast<size_t>(kind)];
+    slot.waiters.remove_if([](const Waiter& waiter) { return waiter.owner.expired(); });
+    const bool wanted = std::ranges::any_of(
+        slot.waiters, [this](const Waiter& waiter) { return waiter.after < m_newest.number; });
+    if (slot.encoding || !wanted || m_newest.payload == nullptr) return;
+
+    // A device that draws nothing new repeats its picture.
+    if (slot.picture.payload != nullptr && *slot.picture.payload == *m_newest.payload) {
+        slot.picture = m_newest;
+        return hand_out(slot);
+    }
+    slot.encoding = true;
+    boost::asio::post(m_encoder, [this, kind, picture = m_newest] {
+        auto bytes = encode(kind, picture.payload);
+        boost::asio::post(m_loop, [this, kind, picture, bytes = std::move(bytes)] {
+            Slot& encoded = m_slots[static_cast<size_t>(kind)];
+            encoded.encoding = false;
+            encoded.picture = picture;
+            encoded.bytes = bytes;
+            hand_out(encoded);
+            serve(kind);
+        });
+    });
+}
+
+void Renditions::hand_out(Slot& slot) {
+    std::list<Waiter> served;
+    for (auto waiter = slot.waiters.begin(); waiter != slot.waiters.end();) {
+        const auto next = std::next(waiter);
+        if (waiter->after < slot.picture.number) served.splice(served.end(), slot.waiters, waiter);
+        waiter = next;
+    }
+    const Bytes bytes = slot.bytes;  // a served one may ask again
+    const uint64_t number = slot.picture.number;
+    for (const Waiter& waiter : served) {
+        if (const auto owner = waiter.owner.lock()) waiter.taken(bytes, number);
+    }
+}
+
+}  // namespace guilink

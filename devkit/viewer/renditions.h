@@ -1,0 +1,62 @@
+// The newest picture as PNG and JPEG. Each rendition is encoded at most once per picture, on a
+// thread of its own, only when it is asked for; all that ask share the bytes.
+#pragma once
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "devkit/viewer/picture.h"
+
+namespace guilink {
+
+enum class Rendition { png, png_over_black, png_over_white, jpeg };
+constexpr size_t RENDITIONS = 4;
+
+// For the event loop's thread.
+class Renditions {
+  public:
+    using Bytes = std::shared_ptr<const std::string>;
+    using Taken = std::function<void(const Bytes&, uint64_t number)>;
+
+    explicit Renditions(boost::asio::io_context& loop);
+    ~Renditions();
+    Renditions(const Renditions&) = delete;
+    Renditions& operator=(const Renditions&) = delete;
+
+    // The newest picture, or none.
+    void offer(const Picture& newest);
+
+    // Calls taken, once, with the first rendition of a picture whose number is above `after`,
+    // perhaps before this returns. Null bytes: the picture is damaged. Never called once owner is
+    // destroyed.
+    void get(Rendition kind, uint64_t after, const std::weak_ptr<void>& owner, Taken taken);
+
+  private:
+    struct Waiter {
+        uint64_t after;
+        std::weak_ptr<void> owner;
+        Taken taken;
+    };
+    struct Slot {
+        Picture picture;  // that bytes show
+        Bytes bytes;
+        bool encoding = false;
+        std::list<Waiter> waiters;
+    };
+
+    void serve(Rendition kind);
+    void hand_out(Slot& slot);
+
+    boost::asio::io_context& m_loop;
+    Picture m_newest;
+    std::array<Slot, RENDITIONS> m_slots;
+    boost::asio::thread_pool m_encoder{1};
+};
+
+}  // namespace guilink

@@ -1,0 +1,37 @@
+// What the viewer says about itself and its link: to pages, to programs, to monitoring.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "devkit/companion/companion.h"
+#include "devkit/viewer/picture.h"
+
+namespace guilink {
+
+struct Report {
+    LinkStatus status;
+    std::vector<HeardDevice> devices;  // the last heard first
+    Picture newest;
+    std::optional<std::chrono::duration<double>> age;  // of the newest picture
+    double pictures_per_second = 0;
+    double bytes_per_second = 0;
+    uint64_t skipped = 0;  // pictures, by all pages and programs
+    size_t pages = 0;
+    size_t programs = 0;
+    size_t streams = 0;
+};
+
+// JSON: the link, the devices in the network, and what a page has skipped.
+std::string page_status(const LinkStatus& status, const std::vector<HeardDevice>& devices,
+                        uint64_t skipped);
+
+std::string state_json(const Report& report);
+
+constexpr const char* OPENMETRICS = "application/openmetrics-text; version=1.0.0; charset=utf-8";
+std::string metrics_text(const Report& report);
+
+}  // namespace guilink

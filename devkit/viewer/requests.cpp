@@ -1,0 +1,114 @@
+#include "devkit/viewer/requests.h"
+
+#include <charconv>
+
+#include "devkit/companion/companion.h"
+#include "devkit/viewer/access_policy.h"
+#include "devkit/viewer/assets.h"
+
+namespace guilink {
+
+namespace {
+
+constexpr unsigned BUTTONS = 16;  // that a device knows
+
+std::optional<uint64_t> number(std::string_view text) {
+    uint64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+// Turns %41 into A.
+std::string decoded(std::string_view text) {
+    std::string result;
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned char byte = 0;
+        const char* const digits = text.data() + i + 1;
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+            result += static_cast<char>(byte);
+            i += 2;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+Asked read_snapshot(std::string_view query) {
+    Snapshot snapshot;
+    while (!query.empty()) {
+        const std::string_view option = query.substr(0, query.find('&'));
+        query.remove_prefix(std::min(query.size(), option.size() + 1));
+        if (option == "over=black") {
+            snapshot.kind = Rendition::png_over_black;
+        } else if (option == "over=white") {
+            snapshot.kind = Rendition::png_over_white;
+        } else if (option.starts_with("after=") && number(option.substr(6))) {
+            snapshot.after = number(option.substr(6));
+        } else {
+            return Reply{400, "text/plain",
+                         "The options are over=black or over=white, and after=NUMBER.\n"};
+        }
+    }
+    return snapshot;
+}
+
+Asked read_get(std::string_view path, std::string_view query, bool head,
+               const std::string& labels) {
+    if (path == "/labels.json") return Reply{200, "application/json", labels};
+    if (path == "/state") return State{};
+    if (path == "/metrics") return Metrics{};
+    if (path == "/link")
+        return Reply{403, "text/plain",
+                     "Only this server's own page, and programs on this computer, may connect.\n"};
+    if (path == "/snapshot.png" || path == "/stream.mjpg") {
+        if (head) return Reply{405, "text/plain", "", "GET"};
+        if (path == "/stream.mjpg") return Stream{};
+        return read_snapshot(query);
+    }
+    if (const Asset* const asset = find_asset(path))
+        return Reply{200, asset->type, std::string(asset->content)};
+    return Reply{404, "text/plain", "No such file.\n"};
+}
+
+Asked read_post(std::string_view path, std::string_view body) {
+    if (path.starts_with("/press/")) {
+        const auto button = number(path.substr(7));
+        if (button && *button < BUTTONS) return Press{static_cast<uint8_t>(*button)};
+        return Reply{404, "text/plain", "There is no such button; there are 0 to 15.\n"};
+    }
+    if (path.starts_with("/device/")) return Choice{decoded(path.substr(8))};
+    if (body.empty() || body.size() > Companion::MAX_TEXT)
+        return Reply{400, "text/plain", "The body must be a text of 1 to 4096 bytes.\n"};
+    return Text{std::string(body)};
+}
+
+}  // namespace
+
+Asked read_request(const HttpRequest& request, const std::string& labels) {
+    if (!host_allowed(request.host))
+        return Reply{403, "text/plain",
+                     "Call this server by its address in numbers or as localhost.\n"};
+    const size_t mark = request.target.find('?');
+    const std::string_view path = request.target.substr(0, mark);
+    const std::string_view query =
+        mark == std::string_view::npos ? "" : request.target.substr(mark + 1);
+    // The page itself shows nothing of the device; a link on another site may lead to it.
+    if (find_asset(path) == nullptr &&
+        from_another_site(request.host, request.origin, request.fetch_site))
+        return Reply{403, "text/plain", "Only this server's own page and programs may do this.\n"};
+
+    const bool order =
+        path == "/text" || path.starts_with("/press/") || path.starts_with("/device/");
+    const bool head = request.method == "HEAD";
+    if (order) {
+        if (request.method == "POST") return read_post(path, request.body);
+        return Reply{405, "text/plain", "Only POST does this.\n", "POST"};
+    }
+    if (request.method == "GET" || head) return read_get(path, query, head, labels);
+    return Reply{405, "text/plain", "Only GET and HEAD are served.\n", "GET, HEAD"};
+}
+
+}  // namespace guilink

@@ -1,0 +1,44 @@
+// What an HTTP request asks for, and whether it may.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "devkit/viewer/page_message.h"
+#include "devkit/viewer/renditions.h"
+
+namespace guilink {
+
+struct HttpRequest {
+    std::string_view method;
+    std::string_view target;
+    std::string_view host;  // headers, empty without one
+    std::string_view origin;
+    std::string_view fetch_site;  // Sec-Fetch-Site
+    std::string_view body;
+};
+
+// Answered at once.
+struct Reply {
+    unsigned status = 200;
+    std::string_view type = "text/plain";
+    std::string body;
+    std::string_view allow = {};  // methods, for status 405
+};
+
+struct Snapshot {
+    Rendition kind = Rendition::png;
+    std::optional<uint64_t> after;  // wait for a picture with a number above this one
+};
+struct Stream {};
+struct State {};
+struct Metrics {};
+
+using Asked = std::variant<Reply, Snapshot, Stream, State, Metrics, Press, Text, Choice>;
+
+Asked read_request(const HttpRequest& request, const std::string& labels);
+
+}  // namespace guilink

@@ -1,0 +1,99 @@
+#include "devkit/viewer/stream_session.h"
+
+#include "devkit/viewer/hub.h"  // before Boost
+
+#include <array>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/write.hpp>
+
+namespace guilink {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+namespace {
+
+// The boundary follows each part at once: a browser shows a part when it has seen its end.
+constexpr const char* HEAD =
+    "HTTP/1.1 200 OK\r\n"
+    "Content-Type: multipart/x-mixed-replace; boundary=picture\r\n"
+    "Cache-Control: no-store\r\n"
+    "Connection: close\r\n"
+    "Cross-Origin-Resource-Policy: same-origin\r\n"
+    "X-Content-Type-Options: nosniff\r\n"
+    "\r\n"
+    "--picture\r\n";
+constexpr const char* END_OF_PART = "\r\n--picture\r\n";
+
+class StreamSession : public std::enable_shared_from_this<StreamSession> {
+  public:
+    StreamSession(Hub& hub, tcp::socket socket)
+        : m_hub(hub), m_counted(hub.streams), m_socket(std::move(socket)) {}
+
+    void run() {
+        keep_backlog_short(m_socket);
+        watch_for_the_end();
+        m_head = HEAD;
+        write(nullptr);
+    }
+
+  private:
+    // The reader sends nothing more; a read ends when it is gone. Keeps the session alive.
+    void watch_for_the_end() {
+        m_socket.async_read_some(asio::buffer(m_ignored),
+                                 [self = shared_from_this()](error_code error, size_t) {
+                                     if (!error) self->watch_for_the_end();
+                                 });
+    }
+
+    void write(const Renditions::Bytes& picture) {
+        m_picture = picture;
+        std::array<asio::const_buffer, 3> buffers = {asio::buffer(m_head)};
+        if (picture != nullptr) buffers[1] = asio::buffer(*picture);
+        if (picture != nullptr) buffers[2] = asio::buffer(std::string_view(END_OF_PART));
+        // A reader that takes nothing for so long is gone.
+        m_limit.expires_after(PATIENCE);
+        m_limit.async_wait([self = weak_from_this()](error_code error) {
+            if (const auto session = self.lock(); session != nullptr && !error) session->close();
+        });
+        asio::async_write(m_socket, buffers, [self = shared_from_this()](error_code error, size_t) {
+            self->m_limit.cancel();
+            if (error) return self->close();
+            self->next();
+        });
+    }
+
+    void next() {
+        m_hub.renditions().get(Rendition::jpeg, m_number, weak_from_this(),
+                               [this](const Renditions::Bytes& bytes, uint64_t number) {
+                                   m_number = number;
+                                   if (bytes == nullptr) return next();  // a damaged picture
+                                   m_head = "Content-Type: image/jpeg\r\nContent-Length: " +
+                                            std::to_string(bytes->size()) + "\r\n\r\n";
+                                   write(bytes);
+                               });
+    }
+
+    void close() {
+        error_code ignored;
+        m_socket.close(ignored);
+    }
+
+    Hub& m_hub;
+    const Counted m_counted;
+    tcp::socket m_socket;
+    asio::steady_timer m_limit{m_hub.loop()};
+    std::array<char, 256> m_ignored;
+    std::string m_head;           // being written,
+    Renditions::Bytes m_picture;  // with this
+    uint64_t m_number = 0;        // of the last picture
+};
+
+}  // namespace
+
+void start_stream_session(Hub& hub, tcp::socket socket) {
+    std::make_shared<StreamSession>(hub, std::move(socket))->run();
+}
+
+}  // namespace guilink

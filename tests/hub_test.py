@@ -1,0 +1,201 @@
+"""The viewer as a hub: two devices in one network, and people and programs that share one of them."""
+import http.client
+import io
+import json
+import os
+import socket
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+from PIL import Image, ImageChops
+from prometheus_client.openmetrics.parser import text_string_to_metric_families
+from support.fake_device import LIMIT
+from support.service import end_service, start_service
+
+import guilink
+
+BIN = Path(os.environ["GUILINK_BIN"])
+PORT = 8080
+URL = f"http://127.0.0.1:{PORT}"
+
+
+@pytest.fixture(scope="module")
+def far_host():
+    """Another host on the cable, at 10.77.0.2: a command that runs others there."""
+    with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as holder:
+        own = os.readlink("/proc/self/ns/net")
+        until(lambda: os.readlink(f"/proc/{holder.pid}/ns/net") != own)
+        subprocess.run(["ip", "link", "set", "guilink1", "netns", str(holder.pid)], check=True)
+        there = ["nsenter", f"--net=/proc/{holder.pid}/ns/net"]
+        for change in ("address add 10.77.0.2/24 broadcast + dev guilink1", "link set guilink1 up", "link set lo up"):
+            subprocess.run([*there, "ip", *change.split()], check=True)
+        yield there
+        holder.kill()
+
+
+@pytest.fixture(scope="module", autouse=True)
+def devices(far_host):
+    """11111 on this host, 22222 on the other; only buttons change their pictures."""
+    start_service(BIN)
+    subprocess.run([*far_host, BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
+    cores = [subprocess.Popen([*where, BIN / "guilink-core", "--still", *identity], stderr=subprocess.DEVNULL)
+             for where, identity in (([], []), (far_host, ["--qr-body", "22222"]))]
+    yield
+    for core in cores:
+        core.terminate()
+        core.wait(LIMIT)
+    end_service()
+
+
+def until(condition):
+    end = time.monotonic() + LIMIT
+    while not (result := condition()):
+        assert time.monotonic() < end, "it has not come in time"
+        time.sleep(0.05)
+    return result
+
+
+def ask(method, path, body=None, host="127.0.0.1", **headers):
+    connection = http.client.HTTPConnection(host, PORT, timeout=LIMIT)
+    connection.request(method, path, body, {name.replace("_", "-"): value for name, value in headers.items()})
+    answer = connection.getresponse()
+    return answer.status, answer.read(), answer.headers
+
+
+def state(host="127.0.0.1"):
+    try:
+        return json.loads(ask("GET", "/state", host=host)[1])
+    except ConnectionRefusedError:
+        return {}
+
+
+def linked_to(identity, host="127.0.0.1"):
+    return until(lambda: (now := state(host)).get("identity") == identity and now["pictures_per_second"] > 0 and now)
+
+
+@pytest.fixture
+def viewer(request):
+    with subprocess.Popen([BIN / "guilink-viewer", *getattr(request, "param", ["--device", "11111"])],
+                          stdout=subprocess.DEVNULL) as process:
+        until(state)
+        yield process
+        process.terminate()
+        assert process.wait(LIMIT) == 0
+
+
+def test_list_names_both():
+    until(lambda: {"11111", "22222"} == {line.split()[0] for line in subprocess.run(
+        [BIN / "guilink-viewer", "--list"], text=True, capture_output=True).stdout.splitlines()})
+
+
+@pytest.mark.parametrize("viewer", [[]], indirect=True)
+def test_without_a_choice_it_asks(viewer):
+    until(lambda: state()["state"] == "several")
+    assert {(each["identity"], each["address"]) for each in state()["devices"]} >= {
+        ("11111", "10.77.0.1"), ("22222", "10.77.0.2")}
+    assert ask("GET", "/snapshot.png")[0] == 503
+    status, why, _ = ask("POST", "/press/1")
+    assert (status, why) == (409, b"No device is linked.\n")
+    assert ask("POST", "/device/33333")[0] == 404
+    with pytest.raises(guilink.SeveralDevices, match="22222"):
+        guilink.connect(viewer=URL)
+    for identity, address in (("22222", "10.77.0.2"), ("11111", "10.77.0.1")):
+        assert ask("POST", f"/device/{address}")[0] == 204
+        assert linked_to(identity)["address"] == address
+    with guilink.connect("22222", viewer=URL) as device:  # it switches, for who asks for another
+        assert device.address == "10.77.0.2"
+
+
+def test_each_companion_keeps_its_device(viewer, far_host):
+    with subprocess.Popen([*far_host, BIN / "guilink-viewer", "--device", "22222", "--listen", "10.77.0.2:8080"],
+                          stdout=subprocess.DEVNULL) as other:
+        links = [linked_to("11111"), linked_to("22222", "10.77.0.2")]
+        pictures = [link["pictures"] for link in links]
+        until(lambda: all(state(host)["pictures"] > before + 100
+                          for host, before in zip(("127.0.0.1", "10.77.0.2"), pictures)))
+        assert [state()["identity"], state("10.77.0.2")["identity"]] == ["11111", "22222"]
+        with pytest.raises(guilink.LinkError, match="refuses this program"):  # the WebSocket is for this computer
+            guilink.connect(viewer="http://10.77.0.2:8080", link_timeout=0.5)
+        other.terminate()
+
+
+def test_other_sites_see_and_press_nothing(viewer):
+    linked_to("11111")
+    before = ask("GET", "/snapshot.png")[1]
+    form = "application/x-www-form-urlencoded"
+    for headers in ({"Origin": "http://evil.example"}, {"Origin": "null"}, {"Origin": "http://127.0.0.1:9"},
+                    {"Host": "evil.example"}, {"Host": "evil.example", "Origin": "http://evil.example"},
+                    {"Sec_Fetch_Site": "cross-site"}, {"Sec_Fetch_Site": "same-site"},
+                    {"Origin": "http://evil.example", "Content_Type": form}):
+        for method, path, body in (("POST", "/press/1", b""), ("POST", "/text", b"x=1"), ("POST", "/device/22222", b""),
+                                   ("GET", "/snapshot.png", None), ("GET", "/stream.mjpg", None),
+                                   ("GET", "/state", None), ("GET", "/metrics", None)):
+            assert ask(method, path, body, **headers)[0] == 403, (method, path, headers)
+    for method, path, body, status in (
+            ("GET", "/press/1", None, 405), ("PUT", "/state", b"", 405), ("POST", "/press/16", b"", 404),
+            ("POST", "/press/-1", b"", 404), ("POST", "/text", b"", 400), ("POST", "/text", b"x" * 4097, 413),
+            ("GET", "/snapshot.png?over=pink", None, 400), ("GET", "/no", None, 404), ("GET", "/link", None, 403)):
+        answer = ask(method, path, body)
+        assert (answer[0], answer[1][-1:]) == (status, b"\n"), (method, path)
+    assert ask("GET", "/snapshot.png")[1] == before
+    assert ask("GET", "/", Sec_Fetch_Site="cross-site")[0] == 200  # a link to the page
+    status, _, headers = ask("POST", "/press/1", b"", Origin=URL, Sec_Fetch_Site="same-origin")
+    assert status == 204
+    until(lambda: ask("GET", f"/snapshot.png?after={headers['Guilink-Picture']}")[1] != before)
+
+
+def test_pictures_figures_and_orders(viewer):
+    linked_to("11111")
+    with guilink.connect(viewer=URL) as device:
+        device.text("hello, hub")
+        device.press("up")  # the screen names the last button
+        shown = device.wait_stable()
+        png = ask("GET", "/snapshot.png")[1]
+        assert guilink.Screen.load(io.BytesIO(png)) == shown
+        pixels = Image.open(io.BytesIO(png))
+        for name in ("black", "white"):
+            over = Image.alpha_composite(Image.new("RGBA", pixels.size, name), pixels)
+            got = Image.open(io.BytesIO(ask("GET", f"/snapshot.png?over={name}")[1])).convert("RGBA")
+            assert max(high for _, high in ImageChops.difference(got, over).getextrema()) <= 1  # rounding
+        for button in ("down", "up"):
+            device.press(button)
+        device.wait_for(shown)
+        families = {family.name: family for family in
+                    text_string_to_metric_families(ask("GET", "/metrics")[1].decode())}
+        assert families["guilink_linked"].samples[0].value == 1
+        assert families["guilink_device"].samples[0].labels["identity"] == "11111"
+        now = state()
+        assert now["size"] == [1280, 960] and now["programs"] == 1 and now["age"] < LIMIT
+
+
+def test_a_slow_reader_slows_nobody(viewer):
+    linked_to("11111")
+    stalled = [socket.create_connection(("127.0.0.1", PORT)) for _ in range(3)]
+    for connection in stalled:
+        connection.sendall(f"GET /stream.mjpg HTTP/1.1\r\nHost: 127.0.0.1:{PORT}\r\n\r\n".encode())
+    said = subprocess.run(["ffmpeg", "-hide_banner", "-i", f"{URL}/stream.mjpg", "-frames:v", "30", "-f", "null", "-"],
+                          capture_output=True, text=True, timeout=2 * LIMIT)
+    assert said.returncode == 0 and "1280x960" in said.stderr and "frame=   30" in said.stderr, said.stderr
+    assert state()["streams"] >= 3
+    for connection in stalled:
+        connection.close()
+    until(lambda: state()["streams"] == 0)
+
+
+def test_the_viewer_ends_and_comes_back():
+    def start():
+        return subprocess.Popen([BIN / "guilink-viewer", "--device", "11111"], stdout=subprocess.DEVNULL)
+
+    with pytest.raises(guilink.LinkError, match="cannot be reached.*is it running"):
+        guilink.connect(viewer=URL, link_timeout=0.1)
+    first = start()
+    with guilink.connect(viewer=URL, timeout=2 * LIMIT) as device:
+        first.terminate()
+        assert first.wait(LIMIT) == 0
+        with start() as second:
+            device.press("down")
+            device.press("up")
+            assert device.identity == "11111"
+            second.terminate()
