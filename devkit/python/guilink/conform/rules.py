@@ -1,0 +1,107 @@
+"""The rules of docs/link-protocol.md, word for word; a test compares the two."""
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+_TABLE = """
+DISC-1 device must While it has no companion, the device broadcasts about once a second on every IPv4 interface.
+DISC-2 device must A broadcast is one datagram that holds one IdentityMessage, from the device's own address and port 3153, to port 3152 of the subnet's broadcast address.
+DISC-3 companion must The companion receives on UDP port 3152 of all addresses.
+DISC-4 companion must The answer is one ConnectRequest frame of exactly 42 bytes, sent to the address and port that the broadcast came from.
+DISC-5 companion must Until it is linked, the companion answers every broadcast of its device.
+DISC-6 companion should The companion answers only a complete IdentityMessage with a right checksum and a payload of at least 5 bytes.
+DISC-7 companion must The companion listens on TCP port 8399 before it answers.
+DISC-8 device must The device connects to TCP port 8399 of the address that an answer came from, whatever its source port.
+DISC-9 device must The device ignores every datagram that is not exactly the 42 bytes of the answer.
+DISC-10 companion should While linked, the companion does not answer another device.
+DISC-11 companion should The companion accepts broadcasts of up to 1472 bytes.
+DISC-12 device must While it has a companion, the device does not broadcast.
+FRAME-1 both must Every message is one frame, and nothing travels between frames.
+FRAME-2 both must The checksum is the CRC-32 of the payload.
+FRAME-3 both must A payload has at most 1,048,534 bytes to the device, and 1,048,576 bytes to the companion.
+FRAME-4 companion must The companion reads frames however TCP splits or joins them.
+FRAME-5 companion must The companion drops bytes that belong to no frame, and finds the frame behind them.
+FRAME-6 companion must The companion ignores a frame with a wrong checksum, and goes on to receive.
+FRAME-7 companion must The companion treats a length above 1,048,576 as damage, and does not wait for such a payload.
+FRAME-8 companion must The companion skips a frame of a type that it does not use by the frame's length.
+FRAME-9 companion must The companion accepts a payload of 1,048,576 bytes.
+FRAME-10 companion must The companion sends only the types 0, 1, 4, 5 and 6.
+FRAME-11 companion should The companion sends each frame in one piece.
+FRAME-12 companion must A damaged length makes the companion miss at most 1,048,576 bytes.
+FRAME-13 device must The device reads frames however TCP splits or joins them.
+FRAME-14 device must The device drops bytes that are no start sequence, and finds the frame behind them.
+FRAME-15 device must The device skips a frame with a wrong checksum by its announced length.
+FRAME-16 device must The device drops all buffered bytes when a frame announces more than 1,048,576 bytes, header included.
+FRAME-17 device must The device drops all buffered bytes when they would exceed 1,048,576, and goes on to receive.
+FRAME-18 device must The device skips frames of the types 2, 3 and above 6.
+FRAME-19 device must The device sends only the types 2, 3 and 6.
+LINK-1 companion must A ConnectRequest is the first frame that the companion sends on a connection.
+LINK-2 companion must The companion repeats the ConnectRequest with each keep-alive until an ImageMessage has arrived.
+LINK-3 companion must When a connection ends, the companion uses the next one that waits, or answers the next broadcast.
+LINK-4 companion must When the device has sent nothing for a second before the first image, the companion uses the next connection that waits.
+LINK-5 companion should Once linked, the companion closes every further connection.
+LINK-6 companion must When its device broadcasts later than a second after the first image, the companion closes the link and answers.
+LINK-7 companion must When its device broadcasts within a second after the first image, the companion keeps the link.
+LINK-8 companion must Bytes of one connection never become part of a frame of another.
+LINK-9 companion should The companion recognises its device by its address or its identity, because either may change.
+LINK-10 companion must The companion survives everything that it receives.
+LINK-11 companion should To end a link, the companion shuts down its sending side, reads to the end of the stream, and closes.
+LINK-12 device must The first candidate that delivers a ConnectRequest becomes the link, and the device closes all others.
+LINK-13 device must The device closes a candidate that has sent no ConnectRequest by the next broadcast.
+LINK-14 device must The device answers each IdentityRequest, of a candidate or of the link, in order.
+LINK-15 device must From a candidate, the device obeys only ControlMessage, ConnectRequest and IdentityRequest.
+LINK-16 device must The device opens at most 8 connections to one host for each broadcast, and 32 in all.
+LINK-17 device must After the link has ended, however it ended, the device broadcasts again.
+LINK-18 device must The device sends images on the link only.
+TIME-1 companion must On the link, the companion sends something at least every 3 s.
+TIME-2 companion must On the link, the companion sends a ControlMessage at least every 2 s.
+TIME-3 companion should On the link, the companion sends a ControlMessage every 500 ms.
+TIME-4 companion must The companion reads all the time.
+TIME-5 companion should When nothing arrives from the device, the companion sends an IdentityRequest with each keep-alive.
+TIME-6 companion should When nothing has arrived for 3 s, the companion closes the link.
+TIME-7 device must When it has had no new image for 500 ms, the device repeats the last one.
+TIME-8 device must When it has received no ControlMessage for 2 s, the device sends no new image and repeats the last one.
+TIME-9 device must When it has received nothing for 3 s, the device closes the link.
+TIME-10 device must When all buffers have been full for 3 s, the device closes the link.
+TIME-11 device must The device keeps no backlog: an image that waits to be sent is replaced by the next one.
+PICT-1 companion must The companion draws the runs row by row from the top left; a run of 1 to 65535 pixels may cross rows.
+PICT-2 companion must The last pixel, which is not sent, equals the pixel before it, or is 0 in an image of one pixel.
+PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each from the top; times 17 makes 0 to 255.
+PICT-4 companion must The companion shows 1280 x 960 and 1024 x 768, and a change between two images.
+PICT-5 companion must The companion drops an image whose runs do not describe width x height - 1 pixels, or whose payload is cut off.
+PICT-6 companion must The companion drops an image of 0 or more than 4,194,304 pixels, and reserves no memory for it.
+PICT-7 companion may The companion may skip a run of length 0 or drop its image.
+PICT-8 device must The runs of an image describe width x height - 1 pixels.
+PICT-9 device must A pixel with alpha 0 is sent as 0, except the first pixel of an image.
+PICT-10 device must No run has length 0, and two neighbouring runs have one pixel value only if the first has length 65535.
+PICT-11 device must An image has 1280 x 960 or 1024 x 768 pixels.
+PICT-12 device must The device does not send an image of more than 1,048,576 bytes, and stops repeating the one before.
+PRESS-1 companion must The companion sends no ButtonMessage or DataMessage before the first image, or before the answer to an IdentityRequest that followed its third ConnectRequest.
+PRESS-2 companion must A ButtonMessage holds one byte, 0 to 15.
+PRESS-3 device must Each ButtonMessage on the link is one press, passed on as message 100 + button.
+PRESS-4 device must A button above 15 repeats the last valid one, an empty ButtonMessage has no effect, and bytes after the first are ignored.
+PRESS-5 device must The device writes the text of a DataMessage to its log.
+"""
+
+# Rules that no case judges, and why.
+NO_CASE = {
+    "LINK-11": "only a companion's author can end it the orderly way",
+    "PRESS-5": "the log is not visible on the wire",
+    "TIME-11": "what the core has drawn is not visible on the wire",
+    "PICT-12": "needs a core that draws such an image; image_test proves it for our service",
+    "PICT-7": "both ways are allowed",
+}
+
+
+@dataclass(frozen=True)
+class Rule:
+    id: str
+    side: str      # companion, device or both: who keeps it
+    strength: str  # must, should or may
+    text: str
+
+    def binds(self, side: str) -> bool:
+        return self.side in (side, "both")
+
+
+RULES = {rule.id: rule for rule in (Rule(*line.split(" ", 3)) for line in _TABLE.strip().splitlines())}
