@@ -1,4 +1,4 @@
-"""The command line: `guilink devices | snapshot | press | wait | record | shell`.
+"""The command line: `guilink devices | snapshot | press | wait | record | shell | conform`.
 
 Exit status 0: done. 1: the device was not there, or did not show what was expected. 2: a wrong command.
 """
@@ -14,6 +14,7 @@ from contextlib import contextmanager
 from typing import Any, Iterator, Sequence
 
 import guilink
+from guilink.conform import command as conform
 from guilink.device import TIMEOUT
 
 
@@ -29,7 +30,8 @@ def main(arguments: Sequence[str] | None = None) -> int:
         return report(options, result, f"guilink: {error}", 1)
     except KeyboardInterrupt:
         return report(options, {"error": "interrupted"}, "guilink: interrupted", 1)
-    return report(options, result, text, 1 if result.get("devices") == [] else 0)
+    status = 1 if result.get("devices") == [] else 0
+    return report(options, result, text, result.get("status", status))
 
 
 def report(options: argparse.Namespace, result: dict[str, Any], text: str, status: int) -> int:
@@ -80,6 +82,7 @@ def parser() -> argparse.ArgumentParser:
     film.add_argument("file", metavar="FILE.mp4", help="without ffmpeg: FILE.png or FILE.gif")
     film.add_argument("--seconds", metavar="S", type=float, help="end by itself")
     add(shell, "shell", "Python, with the device as `device`.", linked)
+    conform.add_parser(commands)
     return whole
 
 

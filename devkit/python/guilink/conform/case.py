@@ -1,0 +1,123 @@
+"""Cases and their verdicts. A case names the rules it judges; its function plays the scripted end."""
+from __future__ import annotations
+
+import time
+from dataclasses import dataclass, field
+from typing import Any, Callable
+
+from guilink.conform.exchange import Exchange
+from guilink.conform.rules import RULES
+from guilink.conform.stage import Stage
+from guilink.conform.strict import Fault
+
+PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED = "passed", "failed", "warned", "untestable", "expected"
+
+
+class Broken(Exception):
+    """A rule was broken; the case ends."""
+
+    def __init__(self, fault: Fault):
+        super().__init__(fault.text)
+        self.fault = fault
+
+
+class Untestable(Exception):
+    """The case cannot judge what it wanted to."""
+
+
+@dataclass(frozen=True)
+class Case:
+    name: str
+    side: str                     # of the subject
+    rules: tuple[str, ...]
+    play: Callable[[Any], None]   # gets the side's Trial
+    gentle: bool = True           # harmless for a real device
+
+    @property
+    def text(self) -> str:
+        return (self.play.__doc__ or "").strip()
+
+
+CASES: dict[str, list[Case]] = {"companion": [], "device": []}
+
+
+def case(side: str, *rules: str, gentle: bool = True) -> Callable[[Any], Any]:
+    """Registers a function as a case; its name and first line are the case's."""
+    unknown = [rule for rule in rules if not RULES[rule].binds(side)]
+    assert not unknown, unknown
+
+    def register(play: Callable[[Any], None]) -> Callable[[Any], None]:
+        CASES[side].append(Case(play.__name__, side, rules, play, gentle))
+        return play
+
+    return register
+
+
+@dataclass
+class Judge:
+    """Notes which rules were kept, and stops at the first must that was broken."""
+
+    kept: set[str] = field(default_factory=set)
+    warnings: list[Fault] = field(default_factory=list)
+
+    def require(self, rule: str, holds: object, text: str, expected: bytes = b"",
+                actual: bytes = b"") -> None:
+        """`text` says what was seen where the rule is broken."""
+        if holds:
+            self.kept.add(rule)
+        else:
+            self.blame(rule, text, expected, actual)
+
+    def refuse(self, rule: str, broken: object, text: str, actual: bytes = b"") -> None:
+        """As `require`, where not breaking the rule does not yet mean keeping it."""
+        if broken:
+            self.blame(rule, text, b"", actual)
+
+    def blame(self, rule: str, text: str, expected: bytes = b"", actual: bytes = b"") -> None:
+        if RULES[rule].strength == "must":
+            raise Broken(Fault(rule, text, expected, actual))
+        else:
+            self.warnings.append(Fault(rule, text, expected, actual))
+
+
+@dataclass
+class Result:
+    case: Case
+    verdict: str
+    fault: Fault | None = None  # for failed and warned
+    reason: str = ""            # for untestable
+    kept: set[str] = field(default_factory=set)
+    exchange: Exchange = field(default_factory=Exchange)
+    seconds: float = 0.0
+    attempts: int = 1
+    output: str = ""            # the subject's last words
+
+    @property
+    def identifier(self) -> str:
+        """As a baseline lists it."""
+        return f"{self.case.name} {self.fault.rule if self.fault else ''}".strip()
+
+
+def run_once(case: Case, trial: Any, stage: Stage) -> Result:
+    """Plays a case once and judges."""
+    started, judge = time.monotonic(), trial.judge
+    result = Result(case, PASSED, kept=judge.kept, exchange=stage.exchange)
+    broken: list[Fault] = []
+    try:
+        case.play(trial)
+    except Broken as error:
+        broken = [error.fault]
+    except Untestable as error:
+        result.verdict, result.reason = UNTESTABLE, str(error)
+    # What the subject did wrong at any time is the cause of what went wrong later.
+    faults = trial.died() + [f for f in stage.faults if RULES[f.rule].strength == "must"] + broken
+    if faults and not (broken and trial.gave_up()):
+        result.verdict, result.fault = FAILED, faults[0]
+    elif faults:
+        result.verdict, result.reason = UNTESTABLE, trial.gave_up()
+    elif warned := judge.warnings + stage.faults:
+        result.verdict, result.fault = WARNED, warned[0]
+    if result.fault:
+        result.kept.discard(result.fault.rule)
+    result.seconds = time.monotonic() - started
+    return result

@@ -1,0 +1,158 @@
+"""`guilink conform companion -- COMMAND...` and `guilink conform device`."""
+from __future__ import annotations
+
+import argparse
+import os
+import shlex
+import sys
+from pathlib import Path
+from typing import Any, Sequence
+
+from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  the cases
+                             companion_pictures, device_link, device_stream, sandbox)
+from guilink.conform.case import FAILED, Result
+from guilink.conform.companion_trial import Shown, Trial
+from guilink.conform.device_trial import DeviceTrial, Wanted
+from guilink.conform.engine import Options, Run, run, select
+from guilink.conform.golden import write_golden
+from guilink.conform.html import write_html
+from guilink.conform.pcap import capture
+from guilink.conform.report import as_json, listing, summary, write_json, write_junit
+from guilink.conform.rules import RULES
+from guilink.conform.stage import Stage
+from guilink.conform.subject import Subject
+
+
+def add_parser(commands: Any) -> None:
+    """Adds `conform` to the commands of `guilink`."""
+    text = "Prove a companion or a device against the rules of the link."
+    parser = commands.add_parser("conform", help=text, description=text)
+    sides = parser.add_subparsers(required=True, metavar="SIDE")
+    common = argparse.ArgumentParser(add_help=False)
+    common.add_argument("--list", action="store_true", help="list the cases, and the rules without one")
+    common.add_argument("-k", dest="names", metavar="NAME", action="append", default=[],
+                        help="only cases with NAME in their name; may be repeated")
+    common.add_argument("--rule", dest="rules", metavar="RULE", action="append", default=[], choices=list(RULES),
+                        help="only cases that judge RULE; may be repeated")
+    common.add_argument("--baseline", metavar="FILE", help="cases that are expected to fail: CASE RULE a line")
+    common.add_argument("--junit", metavar="FILE", help="write a JUnit report")
+    common.add_argument("--html", metavar="FILE", help="write a page with every exchange that went wrong")
+    common.add_argument("--report", metavar="FILE", help="write all verdicts as JSON")
+    common.add_argument("--captures", metavar="FOLDER", help="write a capture file of each case")
+    common.add_argument("--json", action="store_true", help="print the result as JSON, and nothing else")
+    common.add_argument("--patience", metavar="S", type=float, default=Options.patience,
+                        help="seconds to wait for what must happen (default %(default)g)")
+    common.add_argument("--attempts", metavar="N", type=int, default=Options.attempts,
+                        help="how often a case must fail to have failed (default %(default)s)")
+    companion = sides.add_parser("companion", parents=[common], help="start a companion and prove it",
+                                 usage="guilink conform companion [OPTION...] -- COMMAND...")
+    companion.add_argument("--picture", metavar="FILE",
+                           help="where COMMAND writes what it shows; without it, images are untestable")
+    companion.add_argument("--picture-from", metavar="COMMAND",
+                           help="a command that prints what the companion shows as PNG")
+    companion.add_argument("command", metavar="COMMAND", nargs="*", help="the companion")
+    companion.set_defaults(run=conform_companion)
+    device = sides.add_parser("device", parents=[common], help="prove a device in this network")
+    device.add_argument("--identity", metavar="ID", help="identity or address of the device")
+    device.add_argument("--gentle", action="store_true", help="leave out floods, damage and presses")
+    device.set_defaults(run=conform_device)
+    golden = sides.add_parser("golden", help="write files to test a decoder with")
+    golden.add_argument("folder", metavar="FOLDER")
+    golden.set_defaults(run=lambda options: ({"files": write_golden(Path(options.folder))}, ""), json=False)
+
+
+class CompanionSubject:
+    def __init__(self, process: Subject, shown: Shown):
+        self.process, self.shown = process, shown
+
+    def trial(self, stage: Stage) -> Trial:
+        return Trial(stage, self.process, self.shown)
+
+    def restart(self) -> None:
+        self.process.stop()
+
+    def output(self) -> str:
+        return self.process.last_words()
+
+
+class DeviceSubject:
+    def __init__(self, wanted: Wanted):
+        self.wanted = wanted
+
+    def trial(self, stage: Stage) -> DeviceTrial:
+        return DeviceTrial(stage, self.wanted)
+
+    def restart(self) -> None:
+        pass
+
+    def output(self) -> str:
+        return ""
+
+
+def conform_companion(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    if options.list:
+        return {}, listing("companion")
+    if not options.command:
+        raise ValueError("no companion was given; usage: guilink conform companion [OPTION...] -- COMMAND...")
+    sandbox.enter(sys.argv[1:])
+    cable = sandbox.Cable()
+    process = Subject(options.command, cable.within)
+    try:
+        looking = [*cable.within, *shlex.split(options.picture_from)] if options.picture_from else []
+        shown = Shown(Path(options.picture) if options.picture else None, looking)
+        return conform("companion", options, CompanionSubject(process, shown), False)
+    finally:
+        process.stop()
+        cable.close()
+
+
+def conform_device(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    if options.list:
+        return {}, listing("device")
+    return conform("device", options, DeviceSubject(Wanted(options.identity)), options.gentle)
+
+
+def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | DeviceSubject,
+            gentle: bool) -> tuple[dict[str, Any], str]:
+    cases = select(side, options.names, options.rules, gentle)
+    if not cases:
+        raise ValueError(f"no case is selected; guilink conform {side} --list lists them")
+    quiet = options.json
+    whole = run(side, cases, subject, Options(
+        options.patience, options.attempts, read_baseline(options.baseline),
+        tell=lambda text: None if quiet else print(text, flush=True),
+        begin=lambda text: None if quiet else print(text, end="", flush=True)))
+    write_reports(whole, options, repeated(options))
+    result = as_json(whole, repeated(options))
+    result["status"] = 1 if whole.count(FAILED) else 0
+    return result, summary(whole)
+
+
+def repeated(options: argparse.Namespace) -> list[str]:
+    """The arguments that one case needs again."""
+    words: list[str] = []
+    for name in ("picture", "picture_from", "identity"):
+        if value := getattr(options, name, None):
+            words += [f"--{name.replace('_', '-')}", value]
+    return words + (["--", *options.command] if getattr(options, "command", None) else [])
+
+
+def read_baseline(path: str | None) -> frozenset[str]:
+    if path is None:
+        return frozenset()
+    lines = Path(path).read_text(encoding="utf-8").splitlines()
+    return frozenset(line.split("#")[0].strip() for line in lines) - {""}
+
+
+def write_reports(whole: Run, options: argparse.Namespace, arguments: Sequence[str]) -> None:
+    for path, write in ((options.report, write_json), (options.junit, write_junit), (options.html, write_html)):
+        if path:
+            write(path, whole, arguments)
+    if options.captures:
+        os.makedirs(options.captures, exist_ok=True)
+        for result in whole.results:
+            write_capture(Path(options.captures), result)
+
+
+def write_capture(folder: Path, result: Result) -> None:
+    (folder / f"{result.case.name}.pcap").write_bytes(capture(result.exchange))

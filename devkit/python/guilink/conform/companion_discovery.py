@@ -1,0 +1,109 @@
+"""Cases for a companion: being found."""
+from __future__ import annotations
+
+from guilink.conform.case import case
+from guilink.conform.companion_trial import Trial
+from guilink.conform.scripted_device import ANSWER
+from guilink.conform.stage import UdpSocket
+from guilink.wire import HEADER, START, MessageType, frame
+
+SWEEPS = 4
+LARGEST = 1472  # bytes of a broadcast in one Ethernet frame
+
+
+@case("companion", "DISC-3", "DISC-4", "DISC-5", "DISC-7")
+def answers_a_broadcast(trial: Trial) -> None:
+    """The device broadcasts; the companion answers, and accepts the connection."""
+    trial.find()
+    trial.device.connect()
+    trial.judge.kept.add("DISC-7")
+
+
+@case("companion", "DISC-5")
+def answers_every_broadcast(trial: Trial) -> None:
+    """Several searches in a row, each answered before the next begins."""
+    trial.find()
+    for sweep in range(SWEEPS):
+        before = trial.device.answers
+        trial.device.call()
+        trial.judge.require("DISC-5", trial.stage.until(lambda: trial.device.answers > before),
+                            f"broadcast {sweep + 2} is not answered")
+
+
+@case("companion", "DISC-5")
+def answers_overlapping_searches(trial: Trial) -> None:
+    """Several searches broadcast at once."""
+    trial.find()
+    before = trial.device.answers
+    for _ in range(SWEEPS):
+        trial.device.call()
+    trial.judge.require("DISC-5", trial.stage.until(lambda: trial.device.answers >= before + SWEEPS),
+                        f"{SWEEPS} broadcasts at once, {trial.device.answers - before} answers")
+
+
+@case("companion", "DISC-5")
+def answers_after_a_connection_was_given_up(trial: Trial) -> None:
+    """The device gives a connection up and broadcasts again."""
+    trial.candidate().close()
+    trial.find()
+    trial.candidate(find=False).close()
+    trial.find()
+
+
+@case("companion", "DISC-6", "LINK-10")
+def ignores_strange_datagrams(trial: Trial) -> None:
+    """Datagrams that are no broadcast of a device, each from a port of its own, then a broadcast."""
+    identity = frame(MessageType.IDENTITY, trial.device.identity)
+    wrong_checksum = bytearray(identity)
+    wrong_checksum[-1] ^= 1
+    strange = {
+        "an empty datagram": b"", "noise": bytes(range(256)), "half a header": identity[:20],
+        "a cut identity": identity[:-1], "a wrong checksum": bytes(wrong_checksum),
+        "an identity of 4 bytes": frame(MessageType.IDENTITY, b"1111"),
+        "a ConnectRequest": ANSWER, "a ControlMessage": frame(MessageType.CONTROL),
+        "an endless length": HEADER.pack(START, 0, 0xFFFFFFFF, MessageType.IDENTITY),
+    }
+    trial.find()
+    sockets = {}
+    for what, datagram in strange.items():
+        sockets[what] = UdpSocket(trial.stage, (trial.device.address, 0))
+        sockets[what].send(datagram, (trial.broadcast, 3152))
+    trial.find()
+    trial.judge.kept.add("LINK-10")
+    for what, udp in sockets.items():
+        trial.judge.require("DISC-6", not udp.arrived, f"{what} is answered", b"", strange[what])
+
+
+@case("companion", "DISC-11")
+def accepts_a_long_version(trial: Trial) -> None:
+    """A broadcast as large as fits into one Ethernet frame."""
+    trial.find()
+    trial.device.identity = b"11111" + b"v" * (LARGEST - HEADER.size - 5)
+    before = trial.device.answers
+    for _ in range(2):
+        trial.device.call()
+    trial.judge.require("DISC-11", trial.stage.until(lambda: trial.device.answers > before),
+                        f"a broadcast of {LARGEST} bytes is not answered")
+
+
+@case("companion", "DISC-10", "LINK-7")
+def second_device_calls_while_linked(trial: Trial) -> None:
+    """Another device broadcasts while the companion is linked; the link lives on."""
+    channel = trial.link()
+    linked = trial.keep_alives(channel)
+    other = trial.other_device()
+    for _ in range(3):
+        other.call()
+        linked = linked and trial.keep_alives(channel, 1)
+    trial.judge.require("LINK-7", linked, "the link ends when another device broadcasts")
+    trial.judge.require("DISC-10", not other.answers, "the other device is answered")
+
+
+@case("companion", "LINK-9")
+def device_returns_with_a_new_identity(trial: Trial) -> None:
+    """The device closes the link and broadcasts another identity from the same address."""
+    channel = trial.link()
+    trial.keep_alives(channel)
+    channel.close()
+    trial.device.identity = b"33333fw1.1"
+    trial.judge.require("LINK-9", trial.device.call_until_answered(), "the new identity is not answered")

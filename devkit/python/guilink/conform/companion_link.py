@@ -1,0 +1,205 @@
+"""Cases for a companion: becoming the link, keeping it, and finding it again."""
+from __future__ import annotations
+
+import time
+
+import numpy as np
+
+from guilink.conform.case import case
+from guilink.conform.companion_trial import PLAIN, Trial, watch_of
+from guilink.conform.stage import Channel
+from guilink.picture import encode
+from guilink.wire import MessageType, frame
+
+DEAD = 9               # connections that wait and have ended
+REPEATS = 3            # ConnectRequests that show that they go on
+KEEP_ALIVES = 5
+MUST_GAP = 2.0         # s between two ControlMessages
+SHOULD_GAP = 1.0       # s; twice the recommended time
+SECOND = 1.0           # s after the first image in which broadcasts are old
+LOAD = 120             # images in the flood
+
+
+@case("companion", "LINK-1", "LINK-2")
+def repeats_its_request(trial: Trial) -> None:
+    """No image comes; the device answers identity requests, which proves nothing."""
+    channel = trial.candidate()
+    for _ in range(2):
+        channel.send(frame(MessageType.IDENTITY, trial.device.identity))
+    again = channel.count(MessageType.CONNECT_REQUEST) + REPEATS
+    trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONNECT_REQUEST) >= again)
+    trial.judge.require("LINK-2", channel.count(MessageType.CONNECT_REQUEST) >= again,
+                        f"{channel.count(MessageType.CONNECT_REQUEST)} ConnectRequests in all, although no "
+                        "image has arrived")
+
+
+@case("companion", "LINK-2")
+def damaged_image_is_no_link(trial: Trial) -> None:
+    """An image with a wrong checksum does not end the requests."""
+    channel = trial.candidate()
+    damaged = bytearray(frame(MessageType.IMAGE, encode(PLAIN)))
+    damaged[-1] ^= 1
+    channel.send(bytes(damaged))
+    trial.keep_alives(channel, 1)
+    again = channel.count(MessageType.CONNECT_REQUEST) + REPEATS
+    trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONNECT_REQUEST) >= again)
+    trial.judge.require("LINK-2", channel.count(MessageType.CONNECT_REQUEST) >= again,
+                        "no ConnectRequest follows an image with a wrong checksum")
+
+
+@case("companion", "PRESS-1", "PRESS-2")
+def presses_nothing_early(trial: Trial) -> None:
+    """The device neither answers nor shows anything for some keep-alives, then shows an image."""
+    channel = trial.candidate()
+    watch_of(channel).answering = False
+    trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= 2, SECOND)
+    channel.close()
+    channel = trial.link()
+    trial.keep_alives(channel)
+    trial.judge.kept.add("PRESS-1")
+    if channel.count(MessageType.BUTTON):
+        trial.judge.kept.add("PRESS-2")
+
+
+@case("companion", "LINK-3")
+def uses_the_live_one_of_ten(trial: Trial) -> None:
+    """Ten connections wait at the port; the device has given up nine of them."""
+    trial.find()
+    waiting = [trial.device.connect() for _ in range(DEAD + 1)]
+    for dead in waiting[:DEAD]:
+        dead.close()
+    asked = trial.stage.until(lambda: waiting[-1].count(MessageType.CONNECT_REQUEST) or waiting[-1].ended)
+    trial.judge.require("LINK-3", asked and not waiting[-1].ended, "nine connections have ended, and the "
+                        "tenth gets no ConnectRequest")
+    trial.device.repeat(waiting[-1], PLAIN)
+    trial.judge.require("LINK-3", trial.keep_alives(waiting[-1]), "the tenth connection is not kept")
+
+
+@case("companion", "LINK-4")
+def leaves_silent_connections(trial: Trial) -> None:
+    """Two connections on which nothing arrives, and a third behind them."""
+    trial.find()
+    channels = [trial.device.connect() for _ in range(3)]
+    for channel in channels[:2]:
+        watch_of(channel).answering = False
+    asked = trial.stage.until(lambda: channels[2].count(MessageType.CONNECT_REQUEST) or channels[2].ended)
+    trial.judge.require("LINK-4", asked and not channels[2].ended,
+                        "two connections are silent, and the third gets no ConnectRequest")
+
+
+@case("companion", "LINK-5")
+def closes_further_connections(trial: Trial) -> None:
+    """A second connection while the first one is the link."""
+    channel = trial.link()
+    trial.keep_alives(channel)
+    second = trial.device.connect()
+    closed = trial.stage.until(lambda: second.ended, trial.stage.patience / 2)
+    trial.judge.require("LINK-5", closed, "a second connection stays open")
+    trial.judge.require("LINK-7", trial.keep_alives(channel), "the link ends with a second connection")
+
+
+@case("companion", "LINK-6")
+def device_has_dropped_the_link(trial: Trial) -> None:
+    """The device shows nothing more on the link and broadcasts: it has lost the companion."""
+    channel = trial.candidate()
+    began = time.monotonic()
+    showing = True
+    trial.stage.every(0.5, lambda: showing and trial.device.show(channel, PLAIN) and None)
+    trial.stage.until(lambda: time.monotonic() > began + SECOND)
+    showing = watch_of(channel).answering = False
+    before = trial.device.answers
+    trial.stage.every(0.5, trial.device.call)
+    found = trial.stage.until(lambda: trial.device.answers > before and channel.ended)
+    trial.judge.require("LINK-6", found, "the link is kept although its device broadcasts"
+                        if not channel.ended else "the device that broadcasts is not answered")
+
+
+@case("companion", "LINK-7")
+def late_broadcast_of_an_old_search(trial: Trial) -> None:
+    """Broadcasts right behind the first image come from searches that were under way."""
+    channel = trial.link()
+    trial.stage.serve()
+    for _ in range(2):
+        trial.device.call()
+    trial.judge.require("LINK-7", trial.keep_alives(channel), "the link ends")
+
+
+@case("companion", "LINK-3", "LINK-10")
+def link_ends_in_every_way(trial: Trial) -> None:
+    """The end of the stream, and resets: before a word, between images, inside a frame."""
+    inside = frame(MessageType.IMAGE, encode(PLAIN))[:50]
+    for way in ("close", "reset", "reset inside a frame"):
+        channel = trial.link()
+        trial.keep_alives(channel, 1)
+        if "inside" in way:
+            channel.send(inside)
+        channel.close() if way == "close" else channel.reset()
+        trial.judge.require("LINK-3", trial.device.call_until_answered(),
+                            f"no broadcast is answered after {way}")
+    trial.device.connect().reset()
+    trial.candidate().close()
+    trial.judge.kept |= {"LINK-3", "LINK-10"}
+
+
+@case("companion", "TIME-1", "TIME-2", "TIME-3")
+def keeps_the_link_alive(trial: Trial) -> None:
+    """The device repeats its image; the companion keeps the link alive."""
+    channel = trial.link()
+    trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= KEEP_ALIVES,
+                      trial.stage.patience)
+    judge_keep_alives(trial, channel)
+
+
+def judge_keep_alives(trial: Trial, channel: Channel) -> None:
+    now = time.monotonic()
+    words = [each.time for each in channel.arrived] + [now]
+    gap = max(after - before for before, after in zip(words, words[1:]))
+    trial.judge.require("TIME-1", gap <= 3, f"{gap:.1f} s without a word")
+    times = channel.times(MessageType.CONTROL)
+    trial.judge.require("TIME-2", times, "no ControlMessage")
+    gaps = [after - before for before, after in zip(times, [*times[1:], now])]
+    trial.judge.require("TIME-2", max(gaps) <= MUST_GAP, f"{max(gaps):.1f} s without a ControlMessage")
+    typical = float(np.median(gaps))
+    trial.judge.require("TIME-3", typical <= SHOULD_GAP, f"a ControlMessage every {typical:.1f} s")
+
+
+@case("companion", "TIME-2", "TIME-4", gentle=False)
+def reads_and_speaks_under_load(trial: Trial) -> None:
+    """Different images as fast as the companion reads them; the keep-alives go on."""
+    channel = trial.link()
+    trial.keep_alives(channel, 1)
+    random = np.random.default_rng(1)
+    images = [random.integers(0xF000, 0xFFFF, (64, 200), np.uint16) for _ in range(4)]
+    for i in range(LOAD):
+        taken = trial.device.show(channel, images[i % 4])
+        trial.judge.require("TIME-4", taken or channel.ended, f"image {i} is not read")
+        trial.judge.refuse("LINK-3", channel.ended, f"the companion closes the link at image {i}")
+        trial.stage.serve()
+    trial.judge.require("TIME-2", trial.keep_alives(channel), "no keep-alive follows")
+    judge_keep_alives(trial, channel)
+
+
+@case("companion", "TIME-5", "TIME-6")
+def device_falls_silent(trial: Trial) -> None:
+    """The device shows one image and sends nothing more, as if its network had gone."""
+    channel = trial.candidate()
+    trial.device.show(channel, PLAIN)
+    watch_of(channel).answering = False
+    asked = channel.count(MessageType.IDENTITY_REQUEST)
+    closed = trial.stage.until(lambda: channel.ended, trial.stage.patience)
+    trial.judge.require("TIME-5", channel.count(MessageType.IDENTITY_REQUEST) > asked,
+                        "no IdentityRequest, although nothing arrives")
+    trial.judge.require("TIME-6", closed, "the link is kept although nothing arrives")
+
+
+@case("companion", "LINK-3", "LINK-10", gentle=False)
+def a_long_life_in_seconds(trial: Trial) -> None:
+    """Twelve links one after the other, each with some images."""
+    for i in range(12):
+        channel = trial.candidate()
+        for _ in range(20):
+            trial.device.show(channel, PLAIN)
+        trial.stage.serve()
+        channel.close() if i % 2 else channel.reset()
+    trial.judge.require("LINK-3", trial.keep_alives(trial.link()), "link 13 is not kept")
+    trial.judge.kept.add("LINK-10")

@@ -1,0 +1,137 @@
+"""Cases for a companion: images, and what is none."""
+from __future__ import annotations
+
+import struct
+
+import numpy as np
+
+from guilink.conform.case import case
+from guilink.conform.companion_frames import picture, shown_of
+from guilink.conform.companion_trial import Trial
+from guilink.picture import Pixels, encode
+from guilink.wire import MessageType
+
+MEMORY = 1 << 30  # bytes; more than any companion needs for 1280 x 960 pixels
+LARGE, SMALL = (960, 1280), (768, 1024)
+
+
+def words(*values: int) -> bytes:
+    return struct.pack(f"<{len(values)}H", *values)
+
+
+def show(trial: Trial, rule: str, pixels: Pixels, what: str, payload: bytes | None = None) -> None:
+    channel = trial.candidate()
+    trial.device.show_payload(channel, encode(pixels) if payload is None else payload)
+    trial.must_show(rule, pixels, what)
+
+
+@case("companion", "PICT-1", "PICT-2")
+def documented_image(trial: Trial) -> None:
+    """3 x 2 pixels as in the document: a transparent one, and a run into the next row."""
+    wanted = np.array([[0xF0BC, 0, 0xF00F], [0xF00F] * 3], np.uint16)
+    show(trial, "PICT-1", wanted, "the image of 3 x 2 pixels")
+    trial.judge.kept.add("PICT-2")
+
+
+@case("companion", "PICT-2")
+def last_pixel(trial: Trial) -> None:
+    """The last run has one pixel, and the last pixel repeats it."""
+    wanted = np.array([[0xF111, 0xF222], [0xF333, 0xF333]], np.uint16)
+    show(trial, "PICT-2", wanted, "an image of 2 x 2 pixels", words(2, 2, 1, 0xF111, 1, 0xF222, 1, 0xF333))
+
+
+@case("companion", "PICT-2", "LINK-10")
+def single_pixel(trial: Trial) -> None:
+    """An image of one pixel has no run."""
+    show(trial, "PICT-2", np.zeros((1, 1), np.uint16), "an image of one pixel", words(1, 1))
+
+
+@case("companion", "PICT-3")
+def every_opaque_colour(trial: Trial) -> None:
+    """All 4096 opaque pixel values, one run each."""
+    pixels = shown_of(np.arange(0xF000, 0x10000, dtype=np.uint32).astype(np.uint16).reshape(64, 64))
+    show(trial, "PICT-3", pixels, "all opaque colours")
+
+
+@case("companion", "PICT-3")
+def every_transparency(trial: Trial) -> None:
+    """All values of alpha, over some colours."""
+    values = [alpha << 12 | colour for alpha in range(1, 16) for colour in (0xF00, 0x0F0, 0x00F, 0x123)]
+    wanted = shown_of(np.array(values, np.uint16).reshape(6, 10))
+    show(trial, "PICT-3", wanted, "all values of alpha")
+
+
+@case("companion", "PICT-1")
+def longest_runs(trial: Trial) -> None:
+    """Runs of 65535 pixels over many rows, and of one pixel."""
+    pixels = np.full(LARGE, 0xF123, np.uint16)
+    pixels[500, 7] = 0xFABC
+    show(trial, "PICT-1", pixels, "runs of 65535 pixels")
+
+
+@case("companion", "PICT-4")
+def size_changes(trial: Trial) -> None:
+    """Both sizes of devices, one behind the other, and a small one between them."""
+    channel = trial.candidate()
+    for size, colour in ((SMALL, 0xF00F), (LARGE, 0xF0F0), (SMALL, 0xFF00)):
+        wanted = np.full(size, colour, np.uint16)
+        wanted[size[0] // 2:, ::2] = 0xFFFF
+        wanted = shown_of(wanted)
+        trial.device.show(channel, wanted)
+        trial.must_show("PICT-4", wanted, f"{size[1]} x {size[0]} pixels")
+        if trial.gave_up():
+            return
+
+
+DAMAGED = {
+    "runs that are too short": words(4, 4, 14, 0xF00F),
+    "runs that are too long": words(4, 4, 16, 0xF00F),
+    "no runs": words(4, 4),
+    "a run without a pixel": words(4, 4, 15, 0xF00F, 1),
+    "half a word": words(4, 4, 15, 0xF00F) + b"\1",
+    "half a size": words(4),
+    "no bytes": b"",
+    "far too long runs": words(4, 4, *[0xFFFF, 0xF00F] * 100),
+}
+NO_SCREEN = {
+    "a width of 0": words(0, 4, 15, 0xF00F),
+    "a height of 0": words(4, 0),
+    "65535 x 65535 pixels": words(0xFFFF, 0xFFFF, *[0xFFFF, 0xF00F] * 0xFFFE, 0xFFFE, 0xF00F),
+    "65535 x 65 pixels": words(0xFFFF, 65, *[0xFFFF, 0xF00F] * 64, 0xFFFE, 0xF00F),
+}
+
+
+@case("companion", "PICT-5", "LINK-10")
+def damaged_images(trial: Trial) -> None:
+    """Payloads that are no image; the last good one stays, and the next is shown."""
+    must_drop(trial, "PICT-5", DAMAGED)
+
+
+@case("companion", "PICT-6", "LINK-10", gentle=False)
+def images_of_no_screen(trial: Trial) -> None:
+    """Sizes that no device has, and runs that describe 4 thousand million pixels."""
+    must_drop(trial, "PICT-6", NO_SCREEN)
+
+
+def must_drop(trial: Trial, rule: str, payloads: dict[str, bytes]) -> None:
+    """Shows the payloads between good images."""
+    channel = trial.candidate()
+    good = picture(9)
+    trial.device.show(channel, good)
+    if trial.shown:
+        trial.must_show(rule, good, "an image")
+    for what, payload in payloads.items():
+        before = channel.count(MessageType.CONTROL)
+        trial.device.show_payload(channel, payload)
+        trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) > before
+                          or trial.subject.peak_memory() > MEMORY)
+        held = trial.subject.peak_memory()
+        trial.judge.refuse(rule, held > MEMORY, f"{what}: {held >> 20} MiB of memory are held", payload[:64])
+        trial.judge.refuse("LINK-10", channel.ended or channel.count(MessageType.CONTROL) == before,
+                           f"{what}: the companion falls silent", payload[:64])
+    trial.judge.kept.add("LINK-10")
+    trial.keep_alives(channel, 2)
+    if trial.shown:
+        trial.must_show(rule, good, f"{' or '.join(payloads)} was shown")
+    trial.device.show(channel, picture(10))
+    trial.must_show(rule, picture(10), "an image behind damaged ones")

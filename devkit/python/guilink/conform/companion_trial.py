@@ -1,0 +1,160 @@
+"""What a case against a companion works with: the device, the process, and what it shows."""
+from __future__ import annotations
+
+import io
+import subprocess
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Sequence
+
+import numpy as np
+from PIL import Image
+
+from guilink.conform import sandbox
+from guilink.conform.case import Judge, Untestable
+from guilink.conform.scripted_device import ScriptedDevice, watch_of
+from guilink.conform.stage import Channel, Stage, UdpSocket
+from guilink.conform.strict import Fault
+from guilink.conform.subject import Subject
+from guilink.picture import Pixels
+from guilink.screen import Screen
+from guilink.wire import MessageType, frame
+
+START_PATIENCE = 20.0  # s, at least, until a companion that has just been started answers
+
+
+@dataclass
+class Shown:
+    """Where the companion shows its picture: a file that it writes, or a command that prints one."""
+
+    file: Path | None = None
+    command: Sequence[str] = ()
+
+    def __bool__(self) -> bool:
+        return bool(self.file or self.command)
+
+    def read(self) -> np.ndarray | None:  # type: ignore[type-arg]
+        """The picture as RGB or RGBA bytes; None while there is none."""
+        try:
+            data = (self.file.read_bytes() if self.file else
+                    subprocess.run(self.command, stdout=subprocess.PIPE, check=False).stdout)
+            image = Image.open(io.BytesIO(data))
+            return np.asarray(image if image.mode in ("RGB", "RGBA") else image.convert("RGBA"))
+        except (OSError, ValueError, SyntaxError):  # not there yet, or half written
+            return None
+
+
+class Trial:
+    """One attempt at one case."""
+
+    broadcast, companion = sandbox.BROADCAST, sandbox.COMPANION
+
+    def __init__(self, stage: Stage, subject: Subject, shown: Shown):
+        self.stage, self.subject, self.shown, self.judge = stage, subject, shown, Judge()
+        self._fresh = subject.ensure_running()
+        if shown.file:
+            shown.file.unlink(missing_ok=True)
+        self.device = ScriptedDevice(self, sandbox.DEVICE)
+
+    def other_device(self) -> ScriptedDevice:
+        return ScriptedDevice(self, sandbox.OTHER_DEVICE, b"22222fw1.1")
+
+    # --- what the engine asks ------------------------------------------------------------------------
+
+    def subject_ended(self) -> bool:
+        return not self.subject.alive()
+
+    def died(self) -> list[Fault]:
+        if self.subject_ended() and self.subject.status:
+            how = (f"signal {-self.subject.status}" if self.subject.status < 0
+                   else f"status {self.subject.status}")
+            return [Fault("LINK-10", f"the companion has ended with {how}")]
+        return []
+
+    def gave_up(self) -> str:
+        """Why what went wrong is no fault."""
+        if self.subject_ended() and self.subject.status == 0:
+            return "the companion has ended by itself in the middle of the case"
+        return ""
+
+    # --- what cases do -------------------------------------------------------------------------------
+
+    def find(self) -> None:
+        """Calls until the companion answers; says which rule is broken if it never does."""
+        patience = max(START_PATIENCE, self.stage.patience) if self._fresh else self.stage.patience
+        answered = self.device.call_until_answered(patience)
+        self._fresh = False
+        if answered:
+            self.judge.kept |= {"DISC-3", "DISC-4", "DISC-5"}
+            return
+        if self.died() or self.gave_up():
+            self.judge.blame("LINK-10", "the companion has ended")
+        self.device.call(target=self.companion)
+        heard_alone = self.stage.until(lambda: self.device.answers)
+        self.judge.refuse("DISC-3", heard_alone, "the companion receives no broadcasts, only what is "
+                          "sent to its address")
+        probe = UdpSocket(self.stage, (self.device.address, 0))
+        probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))
+        self.stage.until(lambda: probe.refused)
+        self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed")
+        self.judge.blame("DISC-5", f"none of {self.device.calls} broadcasts was answered")
+
+    def candidate(self, find: bool = True) -> Channel:
+        """A connection on which the companion has asked to be the link."""
+        if find:
+            self.find()
+        channel = self.device.connect()
+        self.judge.kept.add("DISC-7")
+        self.greet(channel)
+        return channel
+
+    def greet(self, channel: Channel) -> None:
+        asked = self.stage.until(lambda: channel.count(MessageType.CONNECT_REQUEST) or channel.ended)
+        self.judge.require("LINK-1", asked and not channel.ended, "no ConnectRequest arrives on the connection"
+                           + (", and the companion closes it" if channel.ended else ""))
+
+    def link(self, pixels: Pixels | None = None) -> Channel:
+        """A connection that shows an image, and shows it again twice a second."""
+        channel = self.candidate()
+        self.device.repeat(channel, PLAIN if pixels is None else pixels)
+        return channel
+
+    def keep_alives(self, channel: Channel, more: int = 3) -> bool:
+        """Waits for more ControlMessages: the companion has had time to handle what was sent before."""
+        before = channel.count(MessageType.CONTROL)
+        return self.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
+                                self.stage.patience + more) and not channel.ended
+
+    def must_show(self, rule: str, pixels: Pixels, what: str) -> None:
+        if not self.shown:
+            raise Untestable("what the companion shows is unknown; use --picture")
+        seen = self.stage.until(lambda: self.shows(pixels) or self.died())
+        self.judge.require(rule, seen, f"{what}: {self._difference(pixels)}")
+
+    def shows(self, pixels: Pixels) -> bool:
+        image = self.shown.read()
+        if image is None or image.shape[:2] != pixels.shape:
+            return False
+        wanted = Screen(pixels).rgba
+        if image.shape[2] == 4:
+            return bool(np.array_equal(image, wanted))
+        opaque = wanted[:, :, 3] == 255
+        return bool(np.array_equal(image[opaque], wanted[opaque][:, :3]))
+
+    def _difference(self, pixels: Pixels) -> str:
+        image = self.shown.read()
+        if image is None:
+            return "no picture is shown"
+        height, width = pixels.shape
+        if image.shape[:2] != pixels.shape:
+            return f"{image.shape[1]} x {image.shape[0]} pixels are shown, not {width} x {height}"
+        channels = image.shape[2]
+        wrong = (image != Screen(pixels).rgba[:, :, :channels]).any(axis=2)
+        y, x = np.argwhere(wrong)[0]
+        return (f"{np.count_nonzero(wrong)} pixels differ, the first at ({x}, {y}): "
+                f"{image[y, x].tolist()}, not {Screen(pixels).rgba[y, x, :channels].tolist()}")
+
+
+PLAIN = np.full((48, 64), 0xF123, np.uint16)
+
+__all__ = ["PLAIN", "Shown", "Trial", "watch_of"]

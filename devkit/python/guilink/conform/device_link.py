@@ -1,0 +1,134 @@
+"""Cases for a device: searching, linking, losing and finding again."""
+from __future__ import annotations
+
+from guilink.conform.case import case
+from guilink.conform.device_trial import DeviceTrial
+from guilink.conform.scripted_device import ANSWER
+from guilink.wire import MessageType, frame
+
+REQUEST = frame(MessageType.CONNECT_REQUEST)
+ASK = frame(MessageType.IDENTITY_REQUEST)
+FLOOD = 40       # answers to one broadcast
+PER_HOST = 8     # connections that may follow
+
+
+@case("device", "DISC-1", "DISC-2")
+def broadcasts(trial: DeviceTrial) -> None:
+    """The device broadcasts again and again while it has no companion."""
+    for _ in range(3):
+        trial.broadcast()
+
+
+@case("device", "DISC-8")
+def connects_to_who_answers(trial: DeviceTrial) -> None:
+    """An answer from any port leads to a connection."""
+    trial.candidate()
+
+
+@case("device", "DISC-9", gentle=False)
+def ignores_strange_answers(trial: DeviceTrial) -> None:
+    """Datagrams that are nearly the answer lead to no connection."""
+    strange = [ANSWER[:-1], ANSWER + b"\0", bytes([ANSWER[0] ^ 1]) + ANSWER[1:], ANSWER[:-1] + b"\1",
+               b"", ANSWER[:40] + b"\5\0", ANSWER[:36] + b"\1" + ANSWER[37:], ANSWER * 2]
+    called = trial.broadcast()
+    for datagram in strange:
+        trial.answer(called, datagram)
+    for _ in range(3):
+        trial.broadcast()
+    trial.judge.require("DISC-9", not trial.channels, "a datagram that is not the answer leads to a connection")
+    trial.candidate()
+
+
+@case("device", "LINK-14", "LINK-18")
+def answers_a_candidate(trial: DeviceTrial) -> None:
+    """A candidate's questions are answered, each once; it gets no image."""
+    channel = trial.candidate()
+    channel.send(ASK * 3)
+    answered = trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 3)
+    trial.judge.require("LINK-14", answered and not channel.ended,
+                        f"3 IdentityRequests, {channel.count(MessageType.IDENTITY)} answers")
+    said = {payload for payload in channel.payloads(MessageType.IDENTITY)}
+    called = trial.broadcasts[-1].data
+    trial.judge.require("LINK-14", {frame(MessageType.IDENTITY, each) for each in said} == {called},
+                        "the answer differs from the broadcast", called, b"".join(said))
+    trial.judge.require("LINK-18", not channel.count(MessageType.IMAGE), "a candidate gets an image")
+
+
+@case("device", "LINK-13")
+def closes_a_silent_candidate(trial: DeviceTrial) -> None:
+    """A candidate that never says anything is given up."""
+    channel = trial.candidate()
+    trial.judge.require("LINK-13", trial.stage.until(lambda: channel.ended),
+                        "a connection without a ConnectRequest stays open")
+    trial.candidate()
+
+
+@case("device", "LINK-12", "LINK-14", "DISC-12")
+def first_request_wins(trial: DeviceTrial) -> None:
+    """Two connections; the later one asks first, and becomes the link."""
+    both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)
+    trial.judge.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
+    first, link = trial.channels[-2:]
+    trial.speak(link, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
+    closed = trial.stage.until(lambda: first.ended or link.ended)
+    trial.judge.require("LINK-12", closed and not link.ended, "the other connection is not closed"
+                        if not link.ended else "the connection that asked is closed")
+    trial.ask(link, "LINK-14", "an IdentityRequest on the link is not answered")
+    heard, answers = trial.hear(), link.count(MessageType.IDENTITY)
+    alive = trial.stage.until(lambda: link.ended or link.count(MessageType.IDENTITY) >= answers + 7)
+    trial.judge.require("LINK-12", alive and not link.ended, "the link does not last")
+    trial.judge.require("DISC-12", trial.hear() <= heard + 1, "the device broadcasts although it is linked")
+
+
+def two_connections(trial: DeviceTrial) -> bool:
+    """Answers each broadcast twice until two connections are open."""
+    heard = len(trial.broadcasts)
+    if trial.hear() > heard:
+        for _ in range(2):
+            trial.answer(trial.broadcasts[-1])
+    return len(trial.channels) >= 2 and not any(each.ended for each in trial.channels[-2:])
+
+
+@case("device", "LINK-17", "TIME-9")
+def companion_falls_silent(trial: DeviceTrial) -> None:
+    """The companion says nothing more; the device closes the link and searches."""
+    channel = trial.link()
+    trial.speaking.clear()
+    trial.judge.require("TIME-9", trial.stage.until(lambda: channel.ended), "the link stays open")
+    trial.broadcast("LINK-17", "no broadcast after the companion fell silent")
+
+
+@case("device", "LINK-17")
+def link_ends_in_every_way(trial: DeviceTrial) -> None:
+    """The companion closes the link, resets it, and leaves inside a frame; each time it is found again."""
+    for way in ("close", "reset", "reset inside a frame"):
+        channel = trial.link("DISC-1" if way == "close" else "LINK-17")
+        if "inside" in way:
+            channel.send(REQUEST[:20])
+        channel.close() if way == "close" else channel.reset()
+    trial.broadcast("LINK-17", "no broadcast after a reset inside a frame")
+    trial.ask(trial.link("LINK-17"), "FRAME-13", "half a frame of the last link swallows a request of this one")
+
+
+@case("device", "LINK-16", gentle=False)
+def flood_of_answers(trial: DeviceTrial) -> None:
+    """One broadcast is answered many times."""
+    called = trial.broadcast()
+    for _ in range(FLOOD):
+        trial.answer(called)
+    for _ in range(2):
+        trial.broadcast()
+    trial.judge.require("LINK-16", len(trial.channels) <= PER_HOST,
+                        f"{FLOOD} answers to one broadcast lead to {len(trial.channels)} connections")
+    trial.link()
+
+
+@case("device", "TIME-10", gentle=False)
+def companion_does_not_read(trial: DeviceTrial) -> None:
+    """The companion keeps the link alive, but does not read."""
+    channel = trial.link()
+    trial.image(channel)
+    channel.readable = False
+    heard = trial.hear()
+    found = trial.stage.until(lambda: trial.hear() > heard, 3 * trial.stage.patience)
+    trial.judge.require("TIME-10", found, "the link stays although nothing is read")

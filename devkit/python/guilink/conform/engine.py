@@ -1,0 +1,118 @@
+"""Runs cases: several attempts where one fails, one line each, and the verdict of every rule."""
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+from typing import Callable, Protocol, Sequence
+
+from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Case, Result,
+                                  run_once)
+from guilink.conform.rules import NO_CASE, RULES
+from guilink.conform.stage import Stage
+
+# Without these nothing else can be judged.
+BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
+GIVE_UP = 2  # cases in a row that fail by one of them
+
+
+class Subject(Protocol):
+    """What is being proved, as the engine handles it."""
+
+    def trial(self, stage: Stage) -> object: ...
+
+    def restart(self) -> None:
+        """Before another attempt."""
+
+    def output(self) -> str: ...
+
+
+@dataclass
+class Options:
+    patience: float = 8.0
+    attempts: int = 3
+    baseline: frozenset[str] = frozenset()
+    tell: Callable[[str], None] = print
+    begin: Callable[[str], None] = lambda text: None
+
+
+@dataclass
+class Run:
+    side: str
+    results: list[Result] = field(default_factory=list)
+
+    def count(self, verdict: str) -> int:
+        return sum(result.verdict == verdict for result in self.results)
+
+    def rule_verdicts(self) -> dict[str, tuple[str, str]]:
+        """Verdict and reason of each rule that binds the side."""
+        return {rule.id: self._verdict_of(rule.id) for rule in RULES.values() if rule.binds(self.side)}
+
+    def _verdict_of(self, rule: str) -> tuple[str, str]:
+        blamed = {r.verdict: r for r in reversed(self.results) if r.fault and r.fault.rule == rule}
+        for verdict in (FAILED, WARNED, EXPECTED):
+            if result := blamed.get(verdict):
+                return verdict, f"{result.case.name}: {result.fault.text if result.fault else ''}"
+        if any(rule in result.kept for result in self.results):
+            return PASSED, ""
+        if rule in NO_CASE:
+            return UNTESTABLE, NO_CASE[rule]
+        about = [result for result in self.results if rule in result.case.rules]
+        reason = next((f"{r.case.name}: {r.reason}" for r in about if r.reason), "")
+        return UNTESTABLE, reason or ("what it is about has not happened" if about else "no case was run")
+
+
+# Kept by a side that passed a case, because the strict reader judges every byte.
+WATCHED = {"companion": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11"),
+           "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")}
+
+
+def select(side: str, names: Sequence[str], rules: Sequence[str], gentle: bool) -> list[Case]:
+    def wanted(case: Case) -> bool:
+        return ((not names or any(name in case.name for name in names))
+                and (not rules or any(rule in case.rules for rule in rules)) and (case.gentle or not gentle))
+
+    return [case for case in CASES[side] if wanted(case)]
+
+
+def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) -> Run:
+    whole, lost = Run(side), 0
+    for number, case in enumerate(cases, 1):
+        options.begin(f"[{number:2}/{len(cases)}] {case.name} ")
+        if lost >= GIVE_UP:
+            last = next(result.fault for result in reversed(whole.results) if result.fault)
+            result = Result(case, UNTESTABLE, reason=f"not run: {last.rule} is broken")
+        else:
+            result = run_attempts(case, subject, options)
+            lost = lost + 1 if result.fault and result.fault.rule in BASIC else 0
+        if result.identifier in options.baseline and result.verdict in (FAILED, WARNED):
+            result.verdict = EXPECTED
+        if result.verdict == PASSED and result.kept:
+            result.kept |= set(WATCHED[side])
+        whole.results.append(result)
+        options.tell(line(result))
+    return whole
+
+
+def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
+    """A busy machine can break what depends on time, so only what fails in each attempt has failed."""
+    for attempt in range(1, options.attempts + 1):
+        stage = Stage(options.patience)
+        try:
+            result = run_once(case, subject.trial(stage), stage)
+        finally:
+            stage.close()
+        result.attempts, result.output = attempt, subject.output()
+        if result.verdict not in (FAILED, WARNED):
+            break
+        subject.restart()
+    return result
+
+
+def line(result: Result) -> str:
+    text = f"{result.verdict}  {result.seconds:.1f} s"
+    if result.fault:
+        text += f"\n        {result.fault.rule}: {result.fault.text}"
+    elif result.reason:
+        text += f"\n        {result.reason}"
+    elif result.attempts > 1:
+        text += f" (in attempt {result.attempts})"
+    return text

@@ -1,0 +1,145 @@
+"""One self-contained page: each case, and for what went wrong the exchange as a picture."""
+from __future__ import annotations
+
+import base64
+import time
+from html import escape
+from typing import Iterator, Sequence
+
+from guilink.conform.case import FAILED, WARNED, Result
+from guilink.conform.engine import Run
+from guilink.conform.exchange import KIT, Event, Exchange
+from guilink.conform.pcap import capture
+from guilink.conform.report import VERDICTS, repeat_command
+from guilink.conform.rules import RULES
+from guilink.wire import HEADER, START, MessageType
+
+MOST_EVENTS = 60   # drawn of one exchange, from its end
+MOST_BYTES = 96    # shown of expected and actual
+ROW = 22           # pixels between two arrows
+
+STYLE = """
+body { font: 15px/1.45 system-ui, sans-serif; margin: 2rem auto; max-width: 62rem; padding: 0 1rem; color: #222 }
+table { border-collapse: collapse; width: 100% } td, th { text-align: left; padding: .2rem .6rem;
+border-bottom: 1px solid #ddd; vertical-align: top } code, pre, svg text { font-family: ui-monospace, monospace }
+pre { background: #f4f4f4; padding: .6rem; overflow-x: auto; white-space: pre-wrap } .bytes { display: grid;
+grid-template-columns: 1fr 1fr; gap: 1rem } b.passed { color: #17703a } b.failed { color: #b3261e }
+b.warned { color: #8a5a00 } b.untestable, b.expected { color: #666 } mark { background: #ffd0cc }
+section { border: 1px solid #ccc; border-radius: 6px; padding: 0 1rem 1rem; margin: 1.2rem 0 }
+"""
+
+
+def write_html(path: str, run: Run, arguments: Sequence[str]) -> None:
+    counts = ", ".join(f"<b class={v}>{run.count(v)} {v}</b>" for v in VERDICTS if run.count(v))
+    wrong = [result for result in run.results if result.fault]
+    cases = "".join(_row(result) for result in run.results)
+    rules = "".join(f"<tr><td>{rule}<td>{RULES[rule].strength}<td><b class={verdict}>{verdict}</b>"
+                    f"<td>{escape(RULES[rule].text)}<br><small>{escape(reason)}</small>"
+                    for rule, (verdict, reason) in run.rule_verdicts().items())
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(f"<!doctype html><html lang=en><meta charset=utf-8><title>guilink conform {run.side}</title>"
+                   f"<style>{STYLE}</style><h1>guilink conform {run.side}</h1><p>{counts}"
+                   + "".join(_section(result, arguments) for result in wrong)
+                   + f"<h2>Cases</h2><table>{cases}</table><h2>Rules</h2><table>{rules}</table></html>\n")
+
+
+def _row(result: Result) -> str:
+    reason = f"{result.fault.rule}: {result.fault.text}" if result.fault else result.reason
+    return (f"<tr><td>{result.case.name}<td><b class={result.verdict}>{result.verdict}</b>"
+            f"<td>{result.seconds:.1f} s<td>{escape(reason)}")
+
+
+def _section(result: Result, arguments: Sequence[str]) -> str:
+    fault = result.fault
+    assert fault
+    wall = time.time() - time.monotonic()
+    file = base64.b64encode(capture(result.exchange, wall)).decode()
+    parts = [f"<section id={result.case.name}><h2>{result.case.name}: <b class={result.verdict}>"
+             f"{result.verdict}</b></h2><p>{escape(result.case.text)}",
+             f"<p><b>{fault.rule}</b> ({RULES[fault.rule].strength}): {escape(RULES[fault.rule].text)}",
+             f"<p>Seen: {escape(fault.text)}"]
+    if fault.expected or fault.actual:
+        expected, actual = _side_by_side(fault.expected, fault.actual)
+        parts.append(f"<div class=bytes><div>expected<pre>{expected}</pre></div>"
+                     f"<div>actual<pre>{actual}</pre></div></div>")
+    parts += [_picture(result.exchange), f"<p>Again: <code>{escape(repeat_command(result, arguments))}</code>",
+              f'<p><a download="{result.case.name}.pcap" href="data:application/vnd.tcpdump.pcap;base64,{file}">'
+              "capture file</a>"]
+    if result.output and result.verdict in (FAILED, WARNED):
+        parts.append(f"<details><summary>its output</summary><pre>{escape(result.output)}</pre></details>")
+    return "".join(parts) + "</section>"
+
+
+def _side_by_side(expected: bytes, actual: bytes) -> tuple[str, str]:
+    """Both in hexadecimal, 16 bytes a line, differences marked."""
+    def dump(data: bytes, other: bytes) -> str:
+        cells = []
+        for i, byte in enumerate(data[:MOST_BYTES]):
+            same = not other or (i < len(other) and other[i] == byte)
+            cells.append((f"{byte:02X}" if same else f"<mark>{byte:02X}</mark>")
+                         + ("\n" if i % 16 == 15 else " "))
+        return "".join(cells) + (f"... {len(data)} bytes" if len(data) > MOST_BYTES else "")
+
+    return dump(expected, actual) or "-", dump(actual, expected) or "-"
+
+
+def describe(data: bytes) -> str:
+    """The frames in a piece of a stream, in words."""
+    words, position = [], 0
+    while position < len(data):
+        start = data.find(START, position)
+        if start != position:
+            end = start if start > 0 else len(data)
+            words.append(f"{end - position} bytes")
+        elif len(data) < position + HEADER.size:
+            words.append(f"{len(data) - position} bytes of a header")
+            break
+        else:
+            _, _, length, kind = HEADER.unpack_from(data, position)
+            name = MessageType(kind).name if kind in MessageType.__members__.values() else f"type {kind}"
+            end = position + HEADER.size + length
+            words.append(name + (f" ({length} bytes)" if length else "") + (" ..." if end > len(data) else ""))
+        position = end
+        if len(words) == 6 and position < len(data):
+            return ", ".join(words) + ", ..."
+    return ", ".join(words)
+
+
+def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
+    """Events that follow each other and say the same are one arrow."""
+    last: tuple[Event, str, int] | None = None
+    for event in exchange:
+        text = event.text or (describe(event.data) or "empty" if event.kind == "bytes" else event.kind)
+        if last and (last[1], last[0].speaker, last[0].channel) == (text, event.speaker, event.channel):
+            last = last[0], text, last[2] + 1
+            continue
+        if last:
+            yield last
+        last = event, text, 1
+    if last:
+        yield last
+
+
+def _picture(exchange: Exchange) -> str:
+    events = list(_joined(exchange))
+    if not events:
+        return ""
+    began, shown = events[0][0].time, events[-MOST_EVENTS:]
+    height = ROW * (len(shown) + 2)
+    parts = [f'<svg width=100% viewBox="0 0 960 {height}" role=img><g font-size=12 fill=#222>'
+             f'<text x=90 y=14>kit</text><text x=880 y=14 text-anchor=end>subject</text>'
+             f'<path d="M100 20V{height}M870 20V{height}" stroke=#999 />']
+    for i, (event, text, times) in enumerate(shown):
+        y = ROW * (i + 2)
+        label = escape(f"{event.transport} {event.channel}: {text}" if event.transport else text)
+        label += f" x {times}" if times > 1 else ""
+        parts.append(f"<text x=0 y={y}>{event.time - began:8.3f} s</text>")
+        if event.transport:
+            right = event.speaker == KIT
+            colour = "#1a56b0" if right else "#9a3412"
+            tip = f"M870 {y}l-8 -4v8z" if right else f"M100 {y}l8 -4v8z"
+            parts.append(f'<path d="M100 {y}H870" stroke="{colour}"/><path d="{tip}" fill="{colour}"/>')
+        parts.append(f"<text x=485 y={y - 4} text-anchor=middle>{label}</text>")
+    if len(events) > MOST_EVENTS:
+        parts.append(f"<text x=485 y=14 text-anchor=middle>the last {MOST_EVENTS} of {len(events)}</text>")
+    return "".join(parts) + "</g></svg>"

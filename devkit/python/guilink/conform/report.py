@@ -1,0 +1,81 @@
+"""The verdicts as text, JSON and JUnit."""
+from __future__ import annotations
+
+import json
+import shlex
+from typing import Any, Sequence
+from xml.etree import ElementTree
+
+from guilink.conform.case import CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Result
+from guilink.conform.engine import Run
+from guilink.conform.rules import NO_CASE, RULES
+
+VERDICTS = (PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED)
+
+
+def repeat_command(result: Result, arguments: Sequence[str]) -> str:
+    """What runs just this case again."""
+    return shlex.join(["guilink", "conform", result.case.side, "-k", result.case.name, *arguments])
+
+
+def summary(run: Run) -> str:
+    lines = ["", "by rule:"]
+    for rule, (verdict, reason) in run.rule_verdicts().items():
+        lines.append(f"  {rule:9} {RULES[rule].strength:6} {verdict:10} {reason}".rstrip())
+    lines += ["", ", ".join(f"{run.count(verdict)} {verdict}" for verdict in VERDICTS if run.count(verdict))]
+    return "\n".join(lines)
+
+
+def listing(side: str) -> str:
+    """Every case with its rules, and every rule without a case."""
+    lines = []
+    for case in CASES[side]:
+        gentle = "" if case.gentle else "  (not with --gentle)"
+        lines += [f"{case.name}  {' '.join(case.rules)}{gentle}", f"    {case.text.splitlines()[0]}"]
+    judged = {rule for case in CASES[side] for rule in case.rules}
+    lines += ["", "in every case: FRAME-1 FRAME-2 FRAME-3 " + ("FRAME-10 DISC-4 LINK-1 LINK-10 PRESS-1 PRESS-2"
+              if side == "companion" else "FRAME-19 DISC-2"), ""]
+    for rule in RULES.values():
+        if rule.binds(side) and rule.id not in judged and rule.id in NO_CASE:
+            lines.append(f"without a case: {rule.id}: {NO_CASE[rule.id]}")
+    return "\n".join(lines)
+
+
+def as_json(run: Run, arguments: Sequence[str]) -> dict[str, Any]:
+    return {
+        "side": run.side,
+        "counts": {verdict: run.count(verdict) for verdict in VERDICTS},
+        "rules": {rule: {"verdict": verdict, "reason": reason}
+                  for rule, (verdict, reason) in run.rule_verdicts().items()},
+        "cases": [{
+            "name": result.case.name, "verdict": result.verdict, "seconds": round(result.seconds, 3),
+            "attempts": result.attempts, "rule": result.fault.rule if result.fault else None,
+            "text": result.fault.text if result.fault else result.reason,
+            "expected": result.fault.expected.hex() if result.fault else "",
+            "actual": result.fault.actual.hex() if result.fault else "",
+            "kept": sorted(result.kept), "repeat": repeat_command(result, arguments),
+        } for result in run.results],
+    }
+
+
+def write_json(path: str, run: Run, arguments: Sequence[str]) -> None:
+    with open(path, "w", encoding="utf-8") as file:
+        json.dump(as_json(run, arguments), file, indent=1)
+
+
+def write_junit(path: str, run: Run, arguments: Sequence[str]) -> None:
+    """Failures fail; what is untestable or expected is skipped; warnings pass, with their text."""
+    suite = ElementTree.Element("testsuite", name=f"guilink conform {run.side}", tests=str(len(run.results)),
+                                failures=str(run.count(FAILED)),
+                                skipped=str(run.count(UNTESTABLE) + run.count(EXPECTED)))
+    for result in run.results:
+        test = ElementTree.SubElement(suite, "testcase", classname=f"conform.{run.side}",
+                                      name=result.case.name, time=f"{result.seconds:.3f}")
+        text = f"{result.fault.rule}: {result.fault.text}" if result.fault else result.reason
+        if result.verdict == FAILED:
+            ElementTree.SubElement(test, "failure", message=text).text = repeat_command(result, arguments)
+        elif result.verdict in (UNTESTABLE, EXPECTED):
+            ElementTree.SubElement(test, "skipped", message=f"{result.verdict}: {text}")
+        elif result.verdict == WARNED:
+            ElementTree.SubElement(test, "system-out").text = f"warned: {text}"
+    ElementTree.ElementTree(suite).write(path, encoding="utf-8", xml_declaration=True)

@@ -1,0 +1,117 @@
+"""The scripted device that a companion meets: calls, connects, answers and shows what a case wants."""
+from __future__ import annotations
+
+import socket
+from typing import TYPE_CHECKING
+
+from guilink.conform.stage import Channel, UdpSocket
+from guilink.conform.strict import Fault
+from guilink.picture import Pixels, encode
+from guilink.wire import Message, MessageType, frame
+
+if TYPE_CHECKING:
+    from guilink.conform.companion_trial import Trial
+
+ANSWER = frame(MessageType.CONNECT_REQUEST)
+CALL_INTERVAL = 0.25   # s between two calls until one is answered
+REPEAT = 0.5           # s between two images
+REQUESTS_TO_PRESS = 3  # ConnectRequests, before the answer to a question that allows a press
+
+
+class ScriptedDevice:
+    def __init__(self, trial: Trial, address: str, identity: bytes = b"11111fw1.1"):
+        self.identity, self.address = identity, address
+        self.udp = UdpSocket(trial.stage, (address, 3153))
+        self._trial, self._judged, self._next_call = trial, 0, 0.0
+        self.calls = 0
+
+    def call(self, datagram: bytes | None = None, target: str | None = None) -> None:
+        self.calls += 1
+        data = frame(MessageType.IDENTITY, self.identity) if datagram is None else datagram
+        self.udp.send(data, (target or self._trial.broadcast, 3152))
+
+    @property
+    def answers(self) -> int:
+        """How many have come; judges each."""
+        for datagram in self.udp.arrived[self._judged:]:
+            self._judged += 1
+            if datagram.data != ANSWER:
+                self._trial.stage.faults.append(Fault(
+                    "DISC-4", f"an answer of {len(datagram.data)} bytes that is not the ConnectRequest",
+                    ANSWER, datagram.data))
+            elif datagram.sender[0] != self._trial.companion:
+                self._trial.stage.faults.append(Fault(
+                    "DISC-4", f"an answer from {datagram.sender[0]}, not from {self._trial.companion}"))
+        return len(self.udp.arrived)
+
+    def call_until_answered(self, patience: float | None = None) -> bool:
+        """A call now, and another whenever the last one was not answered for a moment."""
+        before, stage = self.answers, self._trial.stage
+        limit = stage.patience if patience is None else patience
+        for _ in range(max(1, round(limit / CALL_INTERVAL))):
+            self.call()
+            if stage.until(lambda: self.answers > before, CALL_INTERVAL):
+                return True
+            if self._trial.subject_ended():
+                return False
+        return False
+
+    def connect(self) -> Channel:
+        """Opens a connection, as after an answer."""
+        try:
+            connected = socket.create_connection((self._trial.companion, 8399), self._trial.stage.patience,
+                                                 (self.address, 0))
+        except OSError as error:
+            self._trial.stage.exchange.note(f"cannot connect to TCP port 8399: {error}")
+            self._trial.judge.blame("DISC-7", f"TCP port 8399 does not accept: {error.strerror}")
+            raise AssertionError("a must was broken") from error
+        channel = Channel(self._trial.stage, connected, by_companion=True)
+        watch = Watch(self, channel)
+        channel.on_message = watch.take
+        channel.watch = watch  # type: ignore[attr-defined]
+        return channel
+
+    def show(self, channel: Channel, pixels: Pixels) -> bool:
+        return self.show_payload(channel, encode(pixels))
+
+    def show_payload(self, channel: Channel, payload: bytes) -> bool:
+        watch_of(channel).may_press = True
+        return channel.send(frame(MessageType.IMAGE, payload))
+
+    def repeat(self, channel: Channel, pixels: Pixels) -> None:
+        """The image now, and again twice a second."""
+        payload = encode(pixels)
+        self._trial.stage.every(REPEAT, lambda: channel.ended or self.show_payload(channel, payload) and None)
+
+
+class Watch:
+    """Answers a connection's questions, and sees what must not be said on it."""
+
+    def __init__(self, device: ScriptedDevice, channel: Channel):
+        self.answering = True
+        self.may_press = False
+        self._device, self._channel = device, channel
+        self._requests = 0
+
+    def take(self, message: Message) -> None:
+        stage, kind = self._channel.stage, message.type
+        if len(self._channel.arrived) == 1 and kind != MessageType.CONNECT_REQUEST:
+            stage.faults.append(Fault("LINK-1", f"the first message has type {kind}", ANSWER,
+                                      frame(kind, message.payload)))
+        if kind == MessageType.CONNECT_REQUEST:
+            self._requests += 1
+        elif kind == MessageType.IDENTITY_REQUEST and self.answering:
+            self._channel.send(frame(MessageType.IDENTITY, self._device.identity))
+            self.may_press |= self._requests >= REQUESTS_TO_PRESS
+        elif kind in (MessageType.BUTTON, MessageType.DATA):
+            if not self.may_press:
+                stage.faults.append(Fault("PRESS-1", f"a message of type {kind} before the first image",
+                                          b"", frame(kind, message.payload)))
+            if kind == MessageType.BUTTON and not (len(message.payload) == 1 and message.payload[0] < 16):
+                stage.faults.append(Fault("PRESS-2", "a ButtonMessage that is not one byte from 0 to 15",
+                                          b"", frame(kind, message.payload)))
+
+
+def watch_of(channel: Channel) -> Watch:
+    watch: Watch = channel.watch  # type: ignore[attr-defined]
+    return watch

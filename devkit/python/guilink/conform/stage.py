@@ -1,0 +1,220 @@
+"""The kit's sockets, served by one loop: waits for conditions, never for a time to pass."""
+from __future__ import annotations
+
+import errno
+import fcntl
+import select
+import socket
+import struct
+import termios
+import time
+from typing import Callable, NamedTuple
+
+from guilink.conform.exchange import KIT, SUBJECT, Address, Exchange
+from guilink.conform.strict import Fault, StrictReader
+from guilink.wire import Message
+
+POLL = 0.02          # s between two looks at a condition that no socket reports
+CHUNK = 1 << 18      # bytes at a time
+IP_RECVERR = 11      # of Linux; Python does not name it
+RESET_ON_CLOSE = struct.pack("ii", 1, 0)
+
+
+class Arrived(NamedTuple):
+    """A message of the subject."""
+
+    time: float
+    message: Message
+
+
+class Datagram(NamedTuple):
+    time: float
+    data: bytes
+    sender: Address
+
+
+class Stage:
+    """One case's sockets. `patience` bounds each wait for something that must happen."""
+
+    def __init__(self, patience: float):
+        self.patience = patience
+        self.exchange = Exchange()
+        self.faults: list[Fault] = []  # what the subject did wrong at any time
+        self._members: list[Channel | UdpSocket] = []
+        self._ticks: list[tuple[float, Callable[[], None]]] = []
+        self._due: list[float] = []
+
+    def join(self, member: Channel | UdpSocket) -> None:
+        self._members.append(member)
+
+    def every(self, interval: float, action: Callable[[], None]) -> None:
+        """Repeats an action, from now to the end of the case, whenever the kit waits."""
+        self._ticks.append((interval, action))
+        self._due.append(time.monotonic())
+
+    def until(self, condition: Callable[[], object], within: float | None = None) -> bool:
+        """Serves the sockets until the condition holds; False if it does not in time."""
+        end = time.monotonic() + (self.patience if within is None else within)
+        while not condition():
+            if time.monotonic() >= end:
+                return False
+            self.serve()
+        return True
+
+    def serve(self) -> None:
+        now = time.monotonic()
+        for i, (interval, action) in enumerate(self._ticks):
+            if now >= self._due[i]:
+                self._due[i] = now + interval
+                action()
+        readable = [each for each in self._members if each.readable]
+        for each in select.select(readable, [], [], POLL)[0]:
+            each.receive()
+
+    def close(self) -> None:
+        for each in self._members:
+            each.close()
+
+
+class UdpSocket:
+    def __init__(self, stage: Stage, address: Address):
+        self.arrived: list[Datagram] = []
+        self.refused = False  # a datagram of ours reached a closed port
+        self._stage, self._socket = stage, socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        for option in (socket.SO_BROADCAST, socket.SO_REUSEADDR):
+            self._socket.setsockopt(socket.SOL_SOCKET, option, 1)
+        self._socket.setsockopt(socket.IPPROTO_IP, IP_RECVERR, 1)
+        self._socket.bind(address)
+        self._socket.setblocking(False)
+        self.address: Address = self._socket.getsockname()
+        self.channel, self.readable = stage.exchange.new_channel(), True
+        stage.join(self)
+
+    def fileno(self) -> int:
+        return self._socket.fileno()
+
+    def send(self, data: bytes, target: Address) -> None:
+        self._stage.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
+        try:
+            self._socket.sendto(data, target)
+        except OSError:  # an earlier datagram was refused; this one counts
+            self.refused = True
+            self._socket.sendto(data, target)
+
+    def receive(self) -> None:
+        try:
+            data, sender = self._socket.recvfrom(65536)
+        except ConnectionRefusedError:
+            self.refused = True
+            return
+        except BlockingIOError:
+            return
+        self._stage.exchange.add(SUBJECT, "udp", self.channel, "bytes", sender, self.address, data)
+        self.arrived.append(Datagram(time.monotonic(), data, sender))
+
+    def close(self) -> None:
+        self._socket.close()
+
+
+class Channel:
+    """One TCP connection between the kit and the subject."""
+
+    def __init__(self, stage: Stage, connected: socket.socket, by_companion: bool):
+        self.arrived: list[Arrived] = []
+        self.taken = 0          # messages that `expect` has passed
+        self.ended = False      # by the subject
+        self.on_message: Callable[[Message], None] = lambda message: None
+        self.readable = True    # False: the kit does not read
+        self.reader = StrictReader(by_companion)
+        self.stage, self._socket, self._closed = stage, connected, False
+        connected.setblocking(False)
+        connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self.here: Address = connected.getsockname()
+        self.there: Address = connected.getpeername()
+        self.number = stage.exchange.new_channel()
+        self._log(SUBJECT if not by_companion else KIT, "opened")
+        stage.join(self)
+
+    def fileno(self) -> int:
+        return self._socket.fileno()
+
+    def count(self, kind: int) -> int:
+        return sum(each.message.type == kind for each in self.arrived)
+
+    def times(self, kind: int) -> list[float]:
+        return [each.time for each in self.arrived if each.message.type == kind]
+
+    def payloads(self, kind: int) -> list[bytes]:
+        return [each.message.payload for each in self.arrived if each.message.type == kind]
+
+    def receive(self) -> None:
+        try:
+            data = self._socket.recv(CHUNK)
+        except BlockingIOError:
+            return
+        except OSError:
+            self._end("reset")
+            return
+        if not data:
+            self._end("ended")
+            return
+        self._log(SUBJECT, "bytes", data)
+        before = len(self.reader.faults)
+        for message in self.reader.feed(data):
+            self.arrived.append(Arrived(time.monotonic(), message))
+            self.on_message(message)
+        self.stage.faults += self.reader.faults[before:]
+
+    def send(self, data: bytes) -> bool:
+        """False if the subject has ended the connection, or does not read for the stage's patience."""
+        if self._closed or self.ended:
+            return False
+        self._log(KIT, "bytes", data)
+        rest = memoryview(data)
+        end = time.monotonic() + self.stage.patience
+        while rest and not self.ended and time.monotonic() < end:
+            try:
+                rest = rest[self._socket.send(rest):]
+                end = time.monotonic() + self.stage.patience
+            except BlockingIOError:
+                select.select([self._socket], [self._socket], [], POLL)
+                if self.readable and select.select([self._socket], [], [], 0)[0]:
+                    self.receive()
+            except OSError as error:
+                self._end("reset" if error.errno == errno.ECONNRESET else "ended")
+        return not rest
+
+    def delivered(self) -> bool:
+        """Whether the subject's system has all bytes."""
+        left = fcntl.ioctl(self._socket, termios.TIOCOUTQ, bytes(4))
+        return int.from_bytes(left, "little") == 0
+
+    def send_pieces(self, data: bytes, size: int) -> bool:
+        """Pieces that arrive one by one."""
+        for start in range(0, len(data), size):
+            if not self.send(data[start:start + size]):
+                return False
+            self.stage.until(lambda: self.ended or self.delivered())
+        return True
+
+    def close(self) -> None:
+        if not self._closed:
+            self._closed, self.readable = True, False
+            if not self.ended:
+                self._log(KIT, "ended")
+            self._socket.close()
+
+    def reset(self) -> None:
+        if not self._closed:
+            self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET_ON_CLOSE)
+            self._closed, self.readable = True, False
+            self._log(KIT, "reset")
+            self._socket.close()
+
+    def _end(self, kind: str) -> None:
+        self.ended, self.readable = True, False
+        self._log(SUBJECT, kind)
+
+    def _log(self, speaker: str, kind: str, data: bytes = b"") -> None:
+        ends = (self.here, self.there) if speaker == KIT else (self.there, self.here)
+        self.stage.exchange.add(speaker, "tcp", self.number, kind, *ends, data)

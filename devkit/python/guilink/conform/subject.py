@@ -1,0 +1,78 @@
+"""The companion under test as a process: started, watched, started again if it has ended."""
+from __future__ import annotations
+
+import os
+import signal
+import subprocess
+import tempfile
+from pathlib import Path
+from typing import Sequence
+
+LAST_WORDS = 4000       # bytes of its output that a report shows
+ASKED_TO_END = 2.0      # s; then it is killed
+
+
+class Subject:
+    def __init__(self, command: Sequence[str], within: Sequence[str]):
+        self._command = [*within, "setpriv", "--pdeathsig", "KILL", *command]
+        self._process: subprocess.Popen[bytes] | None = None
+        self._output = tempfile.TemporaryFile()
+        self.status: int | None = None  # of the end that it came to by itself
+
+    def ensure_running(self) -> bool:
+        """True if it had to be started."""
+        if self.alive():
+            return False
+        self._output.seek(0)
+        self._output.truncate()
+        self.status = None
+        self._process = subprocess.Popen(self._command, stdin=subprocess.DEVNULL, stdout=self._output,
+                                         stderr=subprocess.STDOUT, start_new_session=True)
+        return True
+
+    def alive(self) -> bool:
+        if self._process is None:
+            return False
+        self.status = self._process.poll()
+        return self.status is None
+
+    def stop(self) -> None:
+        if self._process is None:
+            return
+        for number in (signal.SIGTERM, signal.SIGKILL):
+            try:
+                os.killpg(self._process.pid, number)
+            except ProcessLookupError:
+                pass
+            try:
+                self._process.wait(ASKED_TO_END)
+                break
+            except subprocess.TimeoutExpired:
+                continue
+        self._process, self.status = None, None
+
+    def peak_memory(self) -> int:
+        """Bytes that it and its children have held at most, added up."""
+        return sum(map(_peak, _family(self._process.pid))) if self._process else 0
+
+    def last_words(self) -> str:
+        size = self._output.seek(0, os.SEEK_END)
+        self._output.seek(max(0, size - LAST_WORDS))
+        return self._output.read().decode("utf-8", "replace")
+
+
+def _family(pid: int) -> list[int]:
+    try:
+        children = [int(child) for task in Path(f"/proc/{pid}/task").iterdir()
+                    for child in (task / "children").read_text().split()]
+    except OSError:  # it has just ended
+        return []
+    return [pid] + [member for child in children for member in _family(child)]
+
+
+def _peak(pid: int) -> int:
+    try:
+        lines = Path(f"/proc/{pid}/status").read_text().splitlines()
+        return sum(int(line.split()[1]) << 10 for line in lines if line.startswith("VmHWM:"))
+    except OSError:
+        return 0
