@@ -1,5 +1,6 @@
 // The service with misbehaving companions and failing networks.
 #include <array>
+#include <list>
 #include <random>
 
 #include "tests/support/bad_day.h"
@@ -83,6 +84,41 @@ TEST_F(BadDay, CandidateSpeaksBeforeItIsAccepted) {
     }
     EXPECT_EQ(m_daemon->output().find("BUTTON 9"), std::string::npos);
     EXPECT_EQ(m_daemon->output().find("USER"), std::string::npos);
+}
+
+// Each presses a button of its own; the service obeys only the link's.
+TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
+    struct Candidate {
+        Candidate(Socket&& from, uint8_t number)
+            : socket(std::move(from)),
+              chatter(socket, frame(ConnectRequest) + frame(ControlMessage) +
+                                  frame(ButtonMessage, {number})),
+              line("BUTTON " + std::to_string(number) + "\n") {}
+        Socket socket;
+        Chatter chatter;
+        std::string line;
+    };
+    std::list<Candidate> candidates;
+    while (candidates.empty()) {
+        std::vector<RawCompanion> hosts;
+        for (int i = 0; i < 10; ++i) hosts.emplace_back(("127.0.1.1" + std::to_string(i)).c_str());
+        for (RawCompanion& host : hosts) host.hear();
+        for (const RawCompanion& host : hosts) host.answer();
+        std::vector<Socket> offers;
+        for (const RawCompanion& host : hosts) {
+            const auto offered = [&] { return host.offered(); };
+            if (wait_until(offered, 100ms)) offers.push_back(host.accept());
+        }
+        if (offers.size() < 2) continue;  // the other answers were lost with older sweeps
+        uint8_t number = 0;
+        for (Socket& offer : offers) candidates.emplace_back(std::move(offer), ++number);
+        EXPECT_TRUE(wait_until([&] {
+            std::erase_if(candidates, [](const auto& each) { return each.socket.drain(); });
+            return candidates.empty() ||
+                   (candidates.size() == 1 &&
+                    m_daemon->output().find(candidates.front().line) != std::string::npos);
+        }));
+    }
 }
 
 TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
