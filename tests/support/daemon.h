@@ -51,7 +51,7 @@ class Daemon {
             m_reader.join();
             throw std::runtime_error("cannot start " GUILINKD);
         }
-        m_pid = only_child();
+        m_pid = last_child();
         if (until == Until::Started) wait_until([this] { return started() || !alive(); });
     }
 
@@ -140,11 +140,13 @@ class Daemon {
     // Start-up creates the idle thread last.
     bool started() const { return threads("idle") == 1; }
 
-    static pid_t only_child() {
+    // The last one: before it, an earlier service may have left its leak checker as a zombie.
+    static pid_t last_child() {
         const std::string own = std::to_string(getpid());
-        pid_t child = -1;  // if it has already ended; waitpid(-1) gets its status
-        std::ifstream("/proc/self/task/" + own + "/children") >> child;
-        return child;
+        std::ifstream children("/proc/self/task/" + own + "/children");
+        pid_t last = -1;  // if it has already ended; waitpid(-1) gets its status
+        for (pid_t child; children >> child;) last = child;
+        return last;
     }
 
     Socket m_output_end;
