@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "bench/measures.h"
+#include "link/read_frame.h"
 #include "protocol/image.h"
 #include "tests/support/literal_encoder.h"
 
@@ -69,6 +70,11 @@ void measure_encoding(const std::vector<Picture>& pictures) {
             std::memcpy(words.data(), pixels.data(), picture.size());
             return uint64_t{words[0]};
         };
+        const auto copy_wide = [&picture](const Words& pixels) {
+            CopyWide(reinterpret_cast<unsigned char*>(words.data()),
+                     reinterpret_cast<const unsigned char*>(pixels.data()), picture.size());
+            return uint64_t{words[0]};
+        };
         const auto read = [](const Words& pixels) {
             return std::accumulate(pixels.begin(), pixels.end(), uint16_t{0}, std::bit_xor<>());
         };
@@ -92,10 +98,12 @@ void measure_encoding(const std::vector<Picture>& pictures) {
         add(picture, "literal", encode_literal);
         add(picture, "lz4", compress);
         add(picture, "memcpy", copy);
+        add(picture, "wide", copy_wide);
         add(picture, "read", read);
         if (picture.name == "menu" || picture.name == "text") {
             add_cold(picture, "encode-cold", encode);
             add_cold(picture, "memcpy-cold", copy);
+            add_cold(picture, "wide-cold", copy_wide);
         }
     }
 }

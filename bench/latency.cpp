@@ -1,10 +1,11 @@
-// guilink-latency LINK [SECONDS]: measures a frame's time from push_frame to the companion, and a
-// button's time from the companion to the device's control service, with the real service and
+// guilink-latency LINK [SECONDS [SCENE]]: measures a frame's time from push_frame to the companion,
+// and a button's time from the companion to the device's control service, with the real service and
 // companion in one process. Run it only inside the sandbox. Prints tab-separated lines: link,
 // subject, figure, value.
 #include <poll.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <iostream>
@@ -19,6 +20,8 @@
 #include "devkit/companion/image_decoder.h"
 #include "devkit/core/control_service.h"
 #include "link/com_lib_interface.h"
+#include "protocol/frame.h"
+#include "tests/support/socket.h"
 
 namespace {
 
@@ -102,6 +105,52 @@ double since(Clock::time_point start, Clock::time_point end) {
     return Milliseconds(end - start).count();
 }
 
+// How long a datagram waits in the network's own queue, which the link's bytes share.
+class Queue {
+  public:
+    Queue() {
+        sockaddr_in name = {};
+        socklen_t size = sizeof name;
+        auto* const address = reinterpret_cast<sockaddr*>(&name);
+        if (getsockname(m_socket.fd(), address, &size) != 0 ||
+            connect(m_socket.fd(), address, size) != 0) {
+            throw std::runtime_error("guilink-latency: cannot connect a socket to itself");
+        }
+    }
+    ~Queue() {
+        m_stop = true;
+        m_thread.join();
+    }
+    Queue(const Queue&) = delete;
+    Queue& operator=(const Queue&) = delete;
+
+    void probe() const {
+        const auto now = Clock::now();
+        ::send(m_socket.fd(), &now, sizeof now, MSG_DONTWAIT);
+    }
+    std::vector<double> take_all() {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_times, {});
+    }
+
+  private:
+    void receive() {
+        Clock::time_point sent;
+        while (!m_stop) {
+            if (!m_socket.readable(100ms)) continue;
+            if (recv(m_socket.fd(), &sent, sizeof sent, 0) != sizeof sent) continue;
+            const std::lock_guard lock(m_mutex);
+            m_times.push_back(since(sent, Clock::now()));
+        }
+    }
+
+    const test::Socket m_socket{SOCK_DGRAM, "127.0.0.1", 0};
+    std::mutex m_mutex;
+    std::vector<double> m_times;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread{&Queue::receive, this};
+};
+
 // The service; stamps every frame with a new number.
 class Device {
   public:
@@ -149,6 +198,7 @@ void one_by_one(Device& device, Watch& watch, Picture& picture, const Report& re
 
 // At the full frame rate: how old is a frame when it is shown, and when the next one replaces it?
 void flooded(Device& device, Watch& watch, Picture& picture, const Report& report) {
+    Queue queue;
     std::map<uint16_t, Clock::time_point> pushed;
     const auto start = Clock::now();
     uint16_t last = 0;
@@ -157,6 +207,7 @@ void flooded(Device& device, Watch& watch, Picture& picture, const Report& repor
         std::this_thread::sleep_until(next);
         const auto now = Clock::now();
         pushed[last = device.push(picture)] = now;
+        queue.probe();
     }
     watch.wait(last);
     std::vector<double> young;
@@ -170,6 +221,7 @@ void flooded(Device& device, Watch& watch, Picture& picture, const Report& repor
     }
     report.spread(picture.name, "age when shown", young);
     report.spread(picture.name, "age when replaced", old);
+    report.spread(picture.name, "queue", queue.take_all());
     report.figure(picture.name, "frames a second",
                   static_cast<double>(young.size()) * 1000 / since(start, Clock::now()));
 }
@@ -190,27 +242,49 @@ void buttons(Companion& companion, ControlService& control, const Report& report
     report.spread("button", "sent on", times);
 }
 
-}  // namespace
+// As many runs of one pixel as a message can hold: 1 MiB.
+Picture largest(Picture blank) {
+    constexpr size_t RUNS = (MAX_SIZE - HEADER_SIZE) / 4 - 2;
+    for (size_t i = 0; i < RUNS; ++i) blank.pixels[i] = i % 2 == 0 ? 0xF123 : 0xFABC;
+    blank.name = "largest";
+    return blank;
+}
 
-int main(int argc, char** argv) try {
-    if (argc < 2) throw std::runtime_error("usage: scripts/sandbox guilink-latency LINK [SECONDS]");
+int run(int argc, char** argv) {
+    if (argc < 2) {
+        throw std::runtime_error("usage: scripts/sandbox guilink-latency LINK [SECONDS [SCENE]]");
+    }
     const Report report(argv[1], argc > 2 ? std::stod(argv[2]) : SECONDS);
 
     ControlService control;
     Watch watch;
-    Companion companion({.status = {},
+    std::atomic<int> lost{0};
+    Companion companion({.status = [&](const LinkStatus& status) { lost += !status.linked; },
                          .image = [&](const Companion::Payload& payload) { watch.take(payload); },
                          .text = {}});
     Device device;
     std::vector<Picture> pictures = draw_pictures(1280, 960);
+    pictures.back() = largest(pictures.front());  // in place of noise, too large for a message
     link_up(device, watch, pictures.front());
     for (Picture& picture : pictures) {
-        if (picture.name == "noise") continue;  // too large for a message
-        one_by_one(device, watch, picture, report);
-        flooded(device, watch, picture, report);
+        if (argc > 3 && picture.name != argv[3]) continue;
+        const int before = lost;
+        try {
+            one_by_one(device, watch, picture, report);
+            flooded(device, watch, picture, report);
+        } catch (const Missing&) {
+            if (lost == before) throw;
+            link_up(device, watch, pictures.front());
+        }
+        report.figure(picture.name, "links lost", lost - before);
     }
-    buttons(companion, control, report);
-} catch (const Missing& missing) {
+    if (argc <= 3) buttons(companion, control, report);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try { return run(argc, argv); } catch (const Missing& missing) {
     std::cerr << missing.what() << '\n';
     return TRY_AGAIN;
 } catch (const std::exception& error) {

@@ -1,8 +1,10 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/measures.h"
+#include "bench/memory.h"
 
 int main(int argc, char** argv) {
+    if (argc == 3 && std::string(argv[1]) == "--memory") return guilink::measure_memory(argv[2]);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
 
