@@ -44,13 +44,13 @@ def report_speed(runs):
 
     for size in SIZES:
         print(f"\n{size}, one frame, in microseconds and as a ratio to encode:")
-        ways = ["read", "memcpy", "encode", "encode-avx2", "lz4", "literal"]
+        ways = ["read", "memcpy", "wide", "encode", "encode-avx2", "lz4", "literal"]
         rows = []
         for scene in SCENES:
             names = [f"{scene}/{size}/{way}" for way in ways]
             cells = [
                 f"{time(name) / 1000:.0f}"
-                + ("" if name == names[2] else f" ({best(names[2], name):.2g} ×)")
+                + ("" if name == names[3] else f" ({best(names[3], name):.2g} ×)")
                 for name in names
                 if name in runs[0]
             ]
@@ -82,19 +82,53 @@ def report_speed(runs):
     table(["ratio", "at least", "reached", ""], rows)
 
 
-def report_latency(path):
-    figures = {"frame": collections.defaultdict(dict), "button": collections.defaultdict(dict)}
-    with open(path, encoding="utf-8") as file:
-        for line in file:
-            if line.count("\t") != 3:
-                continue  # a log line of the service
-            link, subject, figure, value = line.rstrip("\n").split("\t")
-            kind = figures["button" if subject == "button" else "frame"]
-            kind[link, subject][figure] = f"{float(value):.{1 if float(value) >= 100 else 2}f}"
-    print("\nLatency, in milliseconds:")
-    for kind in figures.values():
-        rows = [list(key) + list(values.values()) for key, values in kind.items()]
-        table(["link", "of"] + list(next(iter(kind.values()))), rows)
+def read_links(folder):
+    """{(link, side): {subject: {figure: [value of each run]}}}; a link is its rate, "0" loopback."""
+    links = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
+    for path in glob.glob(folder + "/*.tsv"):
+        with open(path, encoding="utf-8") as file:
+            for line in file:
+                if line.count("\t") != 3:
+                    continue  # a log line of the service
+                link, subject, figure, value = line.rstrip("\n").split("\t")
+                links[tuple(link.split())][subject][figure].append(float(value))
+    return links
+
+
+def report_links(links):
+    def cell(figures, *names):
+        """The best run's figures; a busy machine makes them only worse."""
+        found = [min(figures[name]) for name in names if name in figures]
+        return " / ".join(f"{value:.{0 if value >= 100 else 1}f}" for value in found) or "none"
+
+    print("\nAges, median / 99th percentile, in milliseconds:")
+    rows = []
+    for rate in sorted({float(link) for link, _ in links}):
+        for scene in SCENES[:5] + ["largest"]:
+            before, after = (links[f"{rate:g}", side][scene] for side in ("before", "after"))
+            if not before and not after:
+                continue
+            age = ("age when shown median", "age when shown p99")
+            limit = sum(min(after[name], default=0) for name in ("received median", "queue median")) + 10
+            met = age[1] in after and min(after[age[0]]) <= limit and min(after[age[1]]) <= 2 * limit
+            rows.append(
+                [f"{rate:g} Mbit/s" if rate else "loopback", scene]
+                + [cell(after, "received median"), cell(after, "queue median")]
+                + [cell(before, *age), cell(after, *age)]
+                + [f"{max(side.get('frames a second', [0])):.3g}" for side in (before, after)]
+                + [f"{max(side.get('links lost', [0])):.0f}" for side in (before, after)]
+                + ["yes" if met else "**no**"]
+            )
+    heading = "link, scene, alone, queue, before, after, frames/s before, after, links lost before, after, goal"
+    table(heading.split(", "), rows)
+
+    print("\nButtons, in milliseconds:")
+    rows = [
+        [link, side, cell(scenes["button"], "sent on median"), cell(scenes["button"], "sent on p99")]
+        for (link, side), scenes in sorted(links.items())
+        if "button" in scenes
+    ]
+    table(["link", "side", "median", "99th percentile"], rows)
 
 
 def draw(runs, path):
@@ -134,10 +168,11 @@ def draw(runs, path):
 def main():
     folder, chart = sys.argv[1:]
     runs = read_runs(folder)
-    report_speed(runs)
-    report_latency(folder + "/latency.tsv")
-    draw(runs, chart)
-    print(f"\nThe chart is in {chart}.")
+    if runs:
+        report_speed(runs)
+        draw(runs, chart)
+        print(f"\nThe chart is in {chart}.")
+    report_links(read_links(folder))
 
 
 main()
