@@ -9,11 +9,13 @@ import pathlib
 import shutil
 import socket
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import zlib
 
 from support.service import end_service, start_service
 
@@ -34,6 +36,7 @@ BIN = pathlib.Path(sys.argv.pop(1)).resolve()
 ADDRESS = ("127.0.0.1", 8080)
 URL = "http://127.0.0.1:8080/"
 LIMIT = 240  # seconds, for anything that will happen
+START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # of a frame
 
 # What the canvas shows, as ARGB 4:4:4:4: a canvas keeps colours premultiplied, which costs it their
 # low bits.
@@ -257,12 +260,35 @@ class Page(Loop):
             self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")
             self.wait_for_frames(1)
             end_service()
-            self.wait(lambda: self.text("link") == "Searching for a device")
+            self.wait(lambda: self.text("link") == "Searching for 11111")
             self.wait(lambda: "Frozen" in self.text("veil"))
             self.browser.execute_script(WATCH_VEIL)
             start_service(BIN)
             self.wait(lambda: self.browser.execute_script("return window.veiled !== undefined"))
             self.assertFalse(self.browser.execute_script("return veiled"))
+
+    def test_lists_devices_and_links_to_the_one_clicked(self):
+        self.start("guilink-core")
+        self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")
+        identity = b"22222fw9"
+        call = START + struct.pack("<IIH", zlib.crc32(identity), len(identity), 3) + identity
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as other:
+            other.bind(("127.0.0.2", 0))
+
+            def listed():
+                other.sendto(call, ("127.0.0.1", 3152))
+                return self.text("devices").split()
+
+            self.wait(lambda: listed() == ["11111", "fw1.1", "10.77.0.1", "22222", "fw9", "127.0.0.2"])
+            self.assertRaises(BlockingIOError, other.recv, 100, socket.MSG_DONTWAIT)
+            self.browser.find_element(By.CSS_SELECTOR, '#devices [aria-pressed="false"]').click()
+            self.wait(lambda: self.text("link") == "Searching for 127.0.0.2")
+            listed()
+            other.settimeout(LIMIT)
+            self.assertEqual(other.recv(100), START + bytes(8) + b"\4\0")
+            self.wait(lambda: len(listed()) == 6)  # the first one searches again
+            self.browser.find_element(By.CSS_SELECTOR, "#devices button").click()
+            self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")
 
     def test_other_sites_are_refused(self):
         for origin, status in (("http://127.0.0.1:8080", "101"), ("http://evil.example", "403")):

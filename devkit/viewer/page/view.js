@@ -93,7 +93,8 @@ setInterval(() => {
   $('age').classList.toggle('old', frozen && age !== null);
   showFrozen(frozen);
   showDevices();
-  $('veil').textContent = age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
+  $('veil').textContent = link === 'several' ? 'Choose a device above'
+    : age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 
 // Adds a line to the events. A repeated line, as from a held button, is counted instead.
