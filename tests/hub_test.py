@@ -42,7 +42,7 @@ def devices(far_host):
     subprocess.run([*far_host, BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
     cores = [subprocess.Popen([*where, BIN / "guilink-core", "--still", *identity], stderr=subprocess.DEVNULL)
              for where, identity in (([], []), (far_host, ["--qr-body", "22222"]))]
-    yield
+    yield cores
     for core in cores:
         core.terminate()
         core.wait(LIMIT)
@@ -199,3 +199,38 @@ def test_the_viewer_ends_and_comes_back():
             device.press("up")
             assert device.identity == "11111"
             second.terminate()
+
+
+def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
+    look = {"region": (70, 260, 560, 630), "mask": [(540, 260, 60, 630)]}
+    with guilink.connect(viewer=URL, timeout=LIMIT, artifacts=tmp_path) as device:
+
+        def new_core(*options):
+            devices[0].terminate()
+            devices[0].wait(LIMIT)
+            frozen = device.wait_stable()
+            devices[0] = subprocess.Popen([BIN / "guilink-core", *options], stderr=subprocess.DEVNULL)
+            device.wait_for(lambda screen: screen != frozen)  # its clock moves
+            return device.wait_stable(pictures=20, **look)
+
+        def moved_from(screen):
+            device.wait_for(lambda now: now.diff(screen, look["mask"]).count > 9999)
+
+        first = new_core()
+        device.press("down")
+        moved_from(first)
+        second = device.wait_stable(pictures=20, **look)
+        for fault, words in (("ignore", "nothing of it has changed since 'Down' was pressed.*was the button ignored"),
+                             ("row", r"last picture: \d+ pixels differ .* at \(\d+, \d+\)"),
+                             ("colour", "by up to 1 of 15 steps in blue"),
+                             ("lost", r"(?s)nothing of it has changed.*all alike")):
+            shown = new_core("--fault", fault)
+            device.press("down")
+            if fault in ("row", "colour"):
+                moved_from(shown)
+                device.wait_stable(pictures=20, **look)
+            with pytest.raises(guilink.WaitTimeout, match=words):
+                device.wait_for(second, timeout=5, **look)
+        new_core("--fault", "late")
+        device.press("down")
+        device.wait_for(second, **look)

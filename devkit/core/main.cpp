@@ -14,6 +14,7 @@
 #include "devkit/ambaipc/caller.h"
 #include "devkit/ambaipc/gui_buffer.h"
 #include "devkit/core/control_service.h"
+#include "devkit/core/faults.h"
 #include "devkit/core/frame_memory.h"
 #include "devkit/core/scenes.h"
 
@@ -23,6 +24,7 @@ using namespace guilink;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // while calls fail
+constexpr int LATE = 300;                                // ms, of a frame with that fault
 
 volatile std::sig_atomic_t stopped = 0;
 
@@ -39,6 +41,7 @@ struct Options {
     uint64_t frames = 0;  // 0: no end
     Scene scene = Scene::menu;
     bool still = false;
+    Fault fault = Fault::none;
     std::string qr_body;
     std::string dump;
 };
@@ -98,18 +101,23 @@ class Service {
     std::optional<Clock::time_point> m_away_since;
 };
 
-// Handles buttons until the next frame is due.
-void take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large) {
+// Handles buttons until the next frame is due. Returns whether there were any.
+bool take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large,
+                        Fault fault) {
+    bool pressed = false;
     while (!stopped) {
         while (const auto button = control.next()) {
+            pressed = true;
+            if (fault == Fault::ignore && *button == Button::down) continue;
             gui.press(*button);
             if (*button == Button::size) large = !large;
         }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
-        if (left.count() <= 0) return;
+        if (left.count() <= 0) break;
         pollfd event = {control.descriptor(), POLLIN, 0};
         poll(&event, 1, static_cast<int>(left.count()));
     }
+    return pressed;
 }
 
 void write_dump(const std::string& file, std::span<const uint16_t> pixels) {
@@ -131,6 +139,7 @@ void run(const Options& options) {
     const auto start = Clock::now();
     auto due = start;
     std::span<uint16_t> pixels;
+    bool pressed = false;  // since the last frame, or with lost frames ever
     for (uint64_t frame = 1; !stopped; ++frame) {
         if (screen->large != large) {
             screen.reset();
@@ -141,12 +150,18 @@ void run(const Options& options) {
         const size_t buffer = frame % FrameMemory::BUFFERS;
         pixels = screen->memory.pixels(buffer);
         draw_scene(options.scene, gui, screen->canvas, moment, pixels);
-        service.announce(screen->memory.address(buffer), screen->memory.size());
+        spoil(options.fault, pixels, screen->canvas.width());
+        if (pressed && options.fault == Fault::late) poll(nullptr, 0, LATE);
+        if (!pressed || options.fault != Fault::lost)
+            service.announce(screen->memory.address(buffer), screen->memory.size());
         if (frame == options.frames) break;
 
         due += std::chrono::duration_cast<Clock::duration>(interval);
         due = std::max(due, Clock::now());  // when late, skip frames instead of catching up
-        take_buttons_until(due, control, gui, large);
+        if (take_buttons_until(due, control, gui, large, options.fault))
+            pressed = true;
+        else if (options.fault != Fault::lost)
+            pressed = false;
     }
     if (!options.dump.empty()) write_dump(options.dump, pixels);
 }
@@ -173,6 +188,10 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember(SCENES))
         ->default_str("menu");
     app.add_flag("--still", options.still, "Stop all motion; only buttons change the picture");
+    app.add_option_function<std::string>(
+           "--fault", [&](const std::string& name) { options.fault = FAULTS.at(name); },
+           "Misbehave in this way, for tests to find")
+        ->check(CLI::IsMember(FAULTS));
     app.add_option("--qr-body", options.qr_body, "Send guilinkd this identity first (5 characters)")
         ->check([](const std::string& text) {
             return std::string(text.size() == 5 ? ""

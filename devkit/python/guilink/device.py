@@ -277,7 +277,9 @@ class Device:
         if not arrived:
             return f"none has arrived meanwhile, {state}"
         age = time.monotonic() - arrived[-1].time
-        return f"{len(arrived)} have arrived meanwhile, the last {age:.1f} s ago; {state}"
+        frozen = len(arrived) > 1 and all(each.payload is arrived[0].payload for each in arrived)
+        return (f"{len(arrived)} have arrived meanwhile, {'all alike, ' if frozen else ''}the last {age:.1f} s ago; "
+                f"{state}")
 
     def _fail(self, headline: str, start: float, expectation: Expectation | None,
               last: Screen | None) -> NoReturn:

@@ -1,0 +1,30 @@
+// Faults that the simulated core can be given, so that a test of its GUI can show that it finds
+// them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+
+namespace guilink {
+
+enum class Fault {
+    none,
+    ignore,  // the button Down does nothing
+    row,     // the first row is drawn one pixel too low
+    colour,  // the first row is one step too blue
+    late,    // the first frame after a button comes 300 ms late
+    lost,    // no frame after a button is announced
+};
+
+inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},
+                                                    {"row", Fault::row},
+                                                    {"colour", Fault::colour},
+                                                    {"late", Fault::late},
+                                                    {"lost", Fault::lost}};
+
+// Draws the fault into the pixels of a screen of that width.
+void spoil(Fault fault, std::span<uint16_t> pixels, size_t width);
+
+}  // namespace guilink
