@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A complete companion in plain Python: links to a device, presses a button, saves the picture.
 
-    minimal_companion.py [--press N] [--frames N] [--timeout S] FILE.png
+    minimal_companion.py [--press N] [--frames N] [--follow] [--timeout S] FILE.png
 
 It shows how little a companion needs. docs/link-protocol.md describes the link in full.
 """
@@ -19,6 +19,8 @@ CONTROL, BUTTON, IMAGE, IDENTITY, CONNECT, IDENTITY_REQUEST = range(6)
 MAX_PAYLOAD = 0x100000  # bytes; a length above it is damage
 KEEP_ALIVE = 0.5  # s; after 2 s without one the device sends no new images, after 3 s it drops us
 SILENCE = 3       # s; a device that is alive answers each keep-alive's IdentityRequest
+TURN = 1          # s without a byte before the first image; then the next connection has its turn
+MAX_PIXELS = 1 << 22  # no device has a larger screen
 
 
 def frame(kind, payload=b""):
@@ -50,7 +52,7 @@ def decode(payload):
         return None
     width, height, *runs = struct.unpack(f"<{len(payload) // 2}H", payload)
     count = width * height
-    if not count or sum(runs[0::2]) != count - 1:
+    if not 0 < count <= MAX_PIXELS or sum(runs[0::2]) != count - 1:
         return None
     rgba = bytearray()
     pixel = bytes(4)
@@ -81,7 +83,7 @@ def connections(end):
         ready = select.select([discovery, listener], [], [], KEEP_ALIVE)[0]
         if discovery in ready:
             call, device = discovery.recvfrom(2048)
-            if any(kind == IDENTITY for kind, _ in messages_in(bytearray(call))):
+            if any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call))):
                 discovery.sendto(frame(CONNECT), device)
         if listener in ready:
             with listener.accept()[0] as connection:
@@ -91,19 +93,22 @@ def connections(end):
 def messages(connection, end):
     """Keeps a connection alive and yields its messages; ends when the device has gone."""
     connection.settimeout(SILENCE)  # for sends
-    buffer, heard, next_alive = bytearray(), time.monotonic(), 0
-    while (now := time.monotonic()) < min(end, heard + SILENCE):
+    buffer, heard, next_alive, patience = bytearray(), time.monotonic(), 0, TURN
+    while (now := time.monotonic()) < min(end, heard + patience):
         if now >= next_alive:
             # On the link, ConnectRequests are ignored. The identity shows which device answers.
             connection.sendall(frame(CONNECT) + frame(CONTROL) + frame(IDENTITY_REQUEST))
             next_alive = now + KEEP_ALIVE
-        if select.select([connection], [], [], max(0, next_alive - time.monotonic()))[0]:
+        if message := next(messages_in(buffer), None):  # one at a time, so that keep-alives go on
+            yield message
+            patience = SILENCE if message[0] == IMAGE else patience
+            heard = time.monotonic()
+        elif select.select([connection], [], [], max(0, next_alive - time.monotonic()))[0]:
             data = connection.recv(1 << 20)
             if not data:
                 return
             heard = time.monotonic()
             buffer += data
-            yield from messages_in(buffer)
 
 
 def mirror(connection, options, end):
@@ -124,7 +129,8 @@ def mirror(connection, options, end):
         if images > options.frames and (picture := decode(payload)):
             print("%d x %d" % picture[:2] + f", {rate:.1f} images/s, {size // images} bytes each")
             save_png(options.file, *picture)
-            return True
+            if not options.follow:
+                return True
     return False
 
 
@@ -133,6 +139,7 @@ def main():
     parser.add_argument("file", metavar="FILE.png")
     parser.add_argument("--press", metavar="N", type=int, choices=range(16), help="button, 0 to 15")
     parser.add_argument("--frames", metavar="N", type=int, default=10, help="images to wait for")
+    parser.add_argument("--follow", action="store_true", help="save each later image, too")
     parser.add_argument("--timeout", metavar="S", type=float, default=30, help="total seconds")
     options = parser.parse_args()
     end = time.monotonic() + options.timeout

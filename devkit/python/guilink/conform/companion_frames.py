@@ -6,7 +6,7 @@ from typing import Callable
 import numpy as np
 
 from guilink.conform.case import case
-from guilink.conform.companion_trial import PLAIN, Trial
+from guilink.conform.companion_trial import PLAIN, Trial, shown_of
 from guilink.conform.stage import Channel
 from guilink.picture import Pixels, encode
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
@@ -14,21 +14,13 @@ from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 GARBAGE = bytes(range(1, 100))
 
 
-def picture(seed: int, height: int = 8, width: int = 12) -> Pixels:
-    """Opaque, and different for each seed."""
-    drawn = np.random.default_rng(seed).integers(0xF000, 0xFFFF, (height, width), np.uint16, endpoint=True)
-    return shown_of(drawn)
-
-
 def image(pixels: Pixels) -> bytes:
     return frame(MessageType.IMAGE, encode(pixels))
 
 
 def shows_after(trial: Trial, rule: str, what: str, send: Callable[[Channel, bytes], object]) -> None:
-    """Links, shows a first image, then sends a second one in some way: the companion must show it.
-
-    A companion that ends after its first picture is given only one."""
-    channel, wanted = trial.candidate(), picture(2)
+    """Links, and sends an image in some way: the companion must show it."""
+    channel, wanted = trial.candidate(), trial.picture()
     send(channel, image(wanted))
     trial.judge.refuse(rule, channel.ended, f"the companion closes the link: {what}")
     trial.must_show(rule, wanted, what)
@@ -40,17 +32,16 @@ def frame_byte_by_byte(trial: Trial) -> None:
     """An image whose bytes arrive one by one, behind an identity that does, too."""
     identity = frame(MessageType.IDENTITY, trial.device.identity)
     shows_after(trial, "FRAME-4", "every byte on its own",
-                lambda channel, data: channel.send_pieces(identity + data, 1))
+                lambda channel, data: channel.send_parts(*(bytes([b]) for b in identity + data)))
 
 
 @case("companion", "FRAME-4")
 def frames_cut_at_every_place(trial: Trial) -> None:
     """The same image many times, each time cut in two at another place; then another image."""
-    channel, first, wanted = trial.candidate(), image(PLAIN), picture(3)
+    channel, first, wanted = trial.candidate(), image(PLAIN), trial.picture()
     for cut in range(1, len(first)):
-        channel.send(first[:cut])
-        trial.stage.until(lambda: channel.ended or channel.delivered())
-        channel.send(first[cut:])
+        channel.send_parts(first[:cut], first[cut:])
+        trial.stage.serve(0)
     channel.send(image(wanted))
     trial.must_show("FRAME-4", wanted, "images cut in two")
 
@@ -73,13 +64,9 @@ def bytes_between_frames(trial: Trial) -> None:
 @case("companion", "FRAME-5")
 def bytes_without_a_frame(trial: Trial) -> None:
     """Many bytes that belong to no frame; the start sequence behind them arrives in two pieces."""
-    def send(channel: Channel, data: bytes) -> None:
-        channel.send(bytes(5000) + data[:10])
-        trial.stage.until(lambda: channel.ended or channel.delivered())
-        trial.keep_alives(channel, 1)
-        channel.send(data[10:])
-
-    shows_after(trial, "FRAME-5", "a start sequence in two pieces behind other bytes", send)
+    shows_after(trial, "FRAME-5", "a start sequence in two pieces behind other bytes",
+                lambda channel, data: channel.send_parts(bytes(5000) + data[:10], data[10:],
+                                                         between=lambda: trial.keep_alives(channel, 1)))
 
 
 @case("companion", "FRAME-6")
@@ -88,12 +75,14 @@ def wrong_checksum(trial: Trial) -> None:
     damaged = bytearray(image(PLAIN))
     damaged[HEADER.size - 10] ^= 1  # in the checksum
 
+    first = trial.picture()
+
     def send(channel: Channel, data: bytes) -> None:
-        channel.send(data)
-        trial.must_show("FRAME-6", picture(2), "an image")
+        channel.send(image(first))
+        trial.must_show("FRAME-6", first, "an image")
         channel.send(bytes(damaged) * 3)
         trial.keep_alives(channel)
-        trial.must_show("FRAME-6", picture(2), "a frame with a wrong checksum was shown")
+        trial.must_show("FRAME-6", first, "a frame with a wrong checksum was shown")
         channel.send(bytes(damaged) + data)
 
     shows_after(trial, "FRAME-6", "a good frame behind a wrong checksum", send)
@@ -117,12 +106,14 @@ def unknown_types(trial: Trial) -> None:
     others = [frame(kind, b"x" * kind) for kind in (0, 1, 4, 5, 7, 99, 255)]
     largest = frame(0xFFFF, image(PLAIN) * 3)  # what looks like frames inside is payload
 
+    first = trial.picture()
+
     def send(channel: Channel, data: bytes) -> None:
-        channel.send(data)
-        trial.must_show("FRAME-8", picture(2), "an image")
+        channel.send(image(first))
+        trial.must_show("FRAME-8", first, "an image")
         channel.send(b"".join(others) + largest)
         trial.keep_alives(channel)
-        trial.must_show("FRAME-8", picture(2), "the payload of an unknown type was read as frames")
+        trial.must_show("FRAME-8", first, "the payload of an unknown type was read as frames")
 
     shows_after(trial, "FRAME-8", "a good frame behind unknown types", send)
 
@@ -130,7 +121,7 @@ def unknown_types(trial: Trial) -> None:
 @case("companion", "FRAME-12", gentle=False)
 def damaged_length(trial: Trial) -> None:
     """A length that is wrong but possible swallows what follows, 1 MiB at most."""
-    wanted = picture(2)
+    wanted = trial.picture()
     channel = trial.candidate()
     channel.send(HEADER.pack(START, 1, MAX_PAYLOAD, MessageType.IMAGE))
     repeat = image(wanted) * 200
@@ -152,20 +143,13 @@ def largest_image(trial: Trial) -> None:
     trial.judge.kept.add("PICT-1")
 
 
-def shown_of(pixels: Pixels) -> Pixels:
-    """What the link leaves of opaque pixels: the last one equals the one before."""
-    seen = pixels.copy().reshape(-1)
-    seen[-1] = seen[-2]
-    return seen.reshape(pixels.shape)
-
-
 @case("companion", "LINK-8")
 def half_a_frame_on_the_last_connection(trial: Trial) -> None:
     """A connection ends inside a frame; the next one begins with an image."""
     channel = trial.link()
-    channel.send(image(picture(5))[:-7])
+    channel.send(image(trial.picture())[:-7])
     trial.keep_alives(channel, 1)
     channel.reset()
-    channel, wanted = trial.candidate(), picture(6)
+    channel, wanted = trial.candidate(), trial.picture()
     channel.send(image(wanted))
     trial.must_show("LINK-8", wanted, "the first image of a connection, whose forerunner ended in a frame")

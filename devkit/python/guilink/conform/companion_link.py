@@ -169,12 +169,12 @@ def reads_and_speaks_under_load(trial: Trial) -> None:
     channel = trial.link()
     trial.keep_alives(channel, 1)
     random = np.random.default_rng(1)
-    images = [random.integers(0xF000, 0xFFFF, (64, 200), np.uint16) for _ in range(4)]
+    images = [encode(random.integers(0xF000, 0xFFFF, (64, 200), np.uint16)) for _ in range(4)]
     for i in range(LOAD):
-        taken = trial.device.show(channel, images[i % 4])
+        taken = trial.device.show_payload(channel, images[i % 4])
         trial.judge.require("TIME-4", taken or channel.ended, f"image {i} is not read")
         trial.judge.refuse("LINK-3", channel.ended, f"the companion closes the link at image {i}")
-        trial.stage.serve()
+        trial.stage.serve(0)
     trial.judge.require("TIME-2", trial.keep_alives(channel), "no keep-alive follows")
     judge_keep_alives(trial, channel)
 
@@ -199,7 +199,7 @@ def a_long_life_in_seconds(trial: Trial) -> None:
         channel = trial.candidate()
         for _ in range(20):
             trial.device.show(channel, PLAIN)
-        trial.stage.serve()
+        trial.stage.serve(0)
         channel.close() if i % 2 else channel.reset()
     trial.judge.require("LINK-3", trial.keep_alives(trial.link()), "link 13 is not kept")
     trial.judge.kept.add("LINK-10")

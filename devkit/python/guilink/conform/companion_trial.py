@@ -21,6 +21,7 @@ from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
 START_PATIENCE = 20.0  # s, at least, until a companion that has just been started answers
+ABOUT_TO_END = 0.5     # s from the last sign of a companion to its end
 
 
 @dataclass
@@ -73,6 +74,7 @@ class Trial:
 
     def gave_up(self) -> str:
         """Why what went wrong is no fault."""
+        self.stage.until(self.subject_ended, ABOUT_TO_END)
         if self.subject_ended() and self.subject.status == 0:
             return "the companion has ended by itself in the middle of the case"
         return ""
@@ -87,16 +89,16 @@ class Trial:
         if answered:
             self.judge.kept |= {"DISC-3", "DISC-4", "DISC-5"}
             return
-        if self.died() or self.gave_up():
+        if self.subject_ended():
             self.judge.blame("LINK-10", "the companion has ended")
-        self.device.call(target=self.companion)
-        heard_alone = self.stage.until(lambda: self.device.answers)
-        self.judge.refuse("DISC-3", heard_alone, "the companion receives no broadcasts, only what is "
-                          "sent to its address")
         probe = UdpSocket(self.stage, (self.device.address, 0))
         probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))
-        self.stage.until(lambda: probe.refused)
+        self.stage.until(lambda: probe.arrived or probe.refused)
         self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed")
+        if self.device.answers:  # to the first broadcast: it was busy
+            return
+        self.judge.refuse("DISC-3", probe.arrived, "the companion receives no broadcasts, only what is sent to "
+                          "its address")
         self.judge.blame("DISC-5", f"none of {self.device.calls} broadcasts was answered")
 
     def candidate(self, find: bool = True) -> Channel:
@@ -119,6 +121,11 @@ class Trial:
         self.device.repeat(channel, PLAIN if pixels is None else pixels)
         return channel
 
+    def picture(self, height: int = 8, width: int = 12) -> Pixels:
+        """Opaque, and another one each time, so that an old one is never taken for it."""
+        drawn = np.random.default_rng().integers(0xF000, 0xFFFF, (height, width), np.uint16, endpoint=True)
+        return shown_of(drawn)
+
     def keep_alives(self, channel: Channel, more: int = 3) -> bool:
         """Waits for more ControlMessages: the companion has had time to handle what was sent before."""
         before = channel.count(MessageType.CONTROL)
@@ -128,8 +135,9 @@ class Trial:
     def must_show(self, rule: str, pixels: Pixels, what: str) -> None:
         if not self.shown:
             raise Untestable("what the companion shows is unknown; use --picture")
-        seen = self.stage.until(lambda: self.shows(pixels) or self.died())
-        self.judge.require(rule, seen, f"{what}: {self._difference(pixels)}")
+        seen = self.stage.until(lambda: self.shows(pixels) or self.subject_ended())
+        seen = seen and (not self.subject_ended() or self.shows(pixels))
+        self.judge.require(rule, seen, f"{what}: {'' if seen else self._difference(pixels)}")
 
     def shows(self, pixels: Pixels) -> bool:
         image = self.shown.read()
@@ -155,6 +163,13 @@ class Trial:
                 f"{image[y, x].tolist()}, not {Screen(pixels).rgba[y, x, :channels].tolist()}")
 
 
+def shown_of(pixels: Pixels) -> Pixels:
+    """What the link leaves of opaque pixels: the last one equals the one before."""
+    seen = pixels.copy().reshape(-1)
+    seen[-1] = seen[-2]
+    return seen.reshape(pixels.shape)
+
+
 PLAIN = np.full((48, 64), 0xF123, np.uint16)
 
-__all__ = ["PLAIN", "Shown", "Trial", "watch_of"]
+__all__ = ["PLAIN", "Shown", "Trial", "shown_of", "watch_of"]

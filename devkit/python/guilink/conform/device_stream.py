@@ -20,13 +20,11 @@ def frames_cut_and_joined(trial: DeviceTrial) -> None:
     """Requests byte by byte, cut at every place, and many in one piece."""
     channel = silent_link(trial)
     expected = channel.count(MessageType.IDENTITY) + 1
-    channel.send_pieces(ASK, 1)
+    channel.send_parts(*(bytes([byte]) for byte in ASK))
     trial.judge.require("FRAME-13", trial.stage.until(lambda: channel.count(MessageType.IDENTITY) == expected),
                         "a request byte by byte is not answered")
     for cut in range(1, len(ASK), 5):
-        channel.send(ASK[:cut])
-        trial.stage.until(channel.delivered)
-        channel.send(ASK[cut:])
+        channel.send_parts(ASK[:cut], ASK[cut:])
     expected += len(range(1, len(ASK), 5))
     channel.send(ASK * 5 + frame(MessageType.CONTROL) + ASK)
     expected += 6

@@ -61,14 +61,14 @@ class Stage:
             self.serve()
         return True
 
-    def serve(self) -> None:
+    def serve(self, wait: float = POLL) -> None:
         now = time.monotonic()
         for i, (interval, action) in enumerate(self._ticks):
             if now >= self._due[i]:
                 self._due[i] = now + interval
                 action()
         readable = [each for each in self._members if each.readable]
-        for each in select.select(readable, [], [], POLL)[0]:
+        for each in select.select(readable, [], [], wait)[0]:
             each.receive()
 
     def close(self) -> None:
@@ -121,11 +121,11 @@ class Channel:
 
     def __init__(self, stage: Stage, connected: socket.socket, by_companion: bool):
         self.arrived: list[Arrived] = []
-        self.taken = 0          # messages that `expect` has passed
         self.ended = False      # by the subject
         self.on_message: Callable[[Message], None] = lambda message: None
         self.readable = True    # False: the kit does not read
         self.reader = StrictReader(by_companion)
+        self._parts, self._behind = False, bytearray()
         self.stage, self._socket, self._closed = stage, connected, False
         connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -167,9 +167,34 @@ class Channel:
 
     def send(self, data: bytes) -> bool:
         """False if the subject has ended the connection, or does not read for the stage's patience."""
+        if self._parts:  # a frame is being sent in parts: this must not get into it
+            self._behind += data
+            return True
+        return self._write(data)
+
+    def send_parts(self, *parts: bytes, between: Callable[[], object] = lambda: None) -> bool:
+        """Each part arrives on its own."""
+        self._parts = True
+        for part in parts:
+            if not self._write(part):
+                break
+            while not (self.ended or self.delivered()):
+                select.select([], [], [], 0.001)
+            between()
+        self._parts, behind = False, bytes(self._behind)
+        self._behind.clear()
+        return self._write(behind)
+
+    def delivered(self) -> bool:
+        """Whether the subject's system has all bytes."""
+        left = fcntl.ioctl(self._socket, termios.TIOCOUTQ, bytes(4))
+        return int.from_bytes(left, "little") == 0
+
+    def _write(self, data: bytes) -> bool:
         if self._closed or self.ended:
             return False
-        self._log(KIT, "bytes", data)
+        if data:
+            self._log(KIT, "bytes", data)
         rest = memoryview(data)
         end = time.monotonic() + self.stage.patience
         while rest and not self.ended and time.monotonic() < end:
@@ -177,25 +202,12 @@ class Channel:
                 rest = rest[self._socket.send(rest):]
                 end = time.monotonic() + self.stage.patience
             except BlockingIOError:
-                select.select([self._socket], [self._socket], [], POLL)
-                if self.readable and select.select([self._socket], [], [], 0)[0]:
+                readable = [self._socket] if self.readable else []
+                if select.select(readable, [self._socket], [], POLL)[0]:
                     self.receive()
             except OSError as error:
                 self._end("reset" if error.errno == errno.ECONNRESET else "ended")
         return not rest
-
-    def delivered(self) -> bool:
-        """Whether the subject's system has all bytes."""
-        left = fcntl.ioctl(self._socket, termios.TIOCOUTQ, bytes(4))
-        return int.from_bytes(left, "little") == 0
-
-    def send_pieces(self, data: bytes, size: int) -> bool:
-        """Pieces that arrive one by one."""
-        for start in range(0, len(data), size):
-            if not self.send(data[start:start + size]):
-                return False
-            self.stage.until(lambda: self.ended or self.delivered())
-        return True
 
     def close(self) -> None:
         if not self._closed:
