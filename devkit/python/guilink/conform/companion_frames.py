@@ -114,6 +114,7 @@ def unknown_types(trial: Trial) -> None:
         channel.send(b"".join(others) + largest)
         trial.keep_alives(channel)
         trial.must_show("FRAME-8", first, "the payload of an unknown type was read as frames")
+        channel.send(data)
 
     shows_after(trial, "FRAME-8", "a good frame behind unknown types", send)
 
@@ -135,9 +136,9 @@ def largest_image(trial: Trial) -> None:
     """A payload of exactly 1,048,576 bytes, half a million runs."""
     runs = MAX_PAYLOAD // 4 - 1
     pixels = np.where(np.arange(runs + 1) % 2, 0xF00F, 0xFF00).astype(np.uint16).reshape(512, 512)
-    channel = trial.candidate()
     payload = encode(pixels)
     assert len(payload) == MAX_PAYLOAD
+    channel = trial.candidate()
     channel.send(frame(MessageType.IMAGE, payload))
     trial.must_show("FRAME-9", shown_of(pixels), "an image of 1 MiB")
     trial.judge.kept.add("PICT-1")
