@@ -22,7 +22,7 @@ int32_t LzoCompress(const unsigned char* source, unsigned int source_length,
                        "(this usually indicates a compiler bug - try recompiling\nwithout "
                        "optimizations, and enable '-DLZO_DEBUG' for diagnostics)");
         }
-        initialised = true;  // never checked again, whatever came of it
+        initialised = true;  // not tried again, even if it failed
     }
     // A warning only: the compressor is asked all the same.
     if (source == nullptr || destination == nullptr) write_line(STDOUT_FILENO, "out of memory");

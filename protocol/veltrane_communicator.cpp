@@ -76,7 +76,7 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
         return;
     }
 
-    // Mostly all frames are complete; then they are read where they are.
+    // Without an incomplete frame from before, reads the frames in place.
     Stream stream = {data, data + count};
     if (is_kept) {
         std::vector<unsigned char>& buffer = kept->second;

@@ -348,7 +348,7 @@ def main():
 
     ends = collections.defaultdict(collections.Counter)
     with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
-        # Proves that the worst is noticed. The hang gets a limit that is soon over.
+        # Faults that the test must notice; the hang with a short limit.
         proofs = [f"{kind}:{max(sites[kind], key=sites[kind].get)}:1:{fault}"
                   for kind, fault in (("poll", "crash"), ("sigaction", "hang"), ("send", "garble"))]
         noticed = pool.map(lambda proof: judge(proof, run(proof, GUILINK_FAULT_LIMIT="10")[0]), proofs)

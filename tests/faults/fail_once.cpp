@@ -71,7 +71,7 @@ _Unwind_Reason_Code add_frame(_Unwind_Context* context, void* data) {
     return chain.length == chain.addresses.size() ? _URC_END_OF_STACK : _URC_NO_REASON;
 }
 
-// Counts a call. Returns its fault.
+// Counts a call and returns the fault that is due, if any.
 int due(const char* kind) {
     if (sites == nullptr) return NO_FAULT;
     const int error = errno;
