@@ -34,7 +34,7 @@ def main():
     print("| scene | size | " + " | ".join(WAYS) + " |")
     print("|---" * (len(WAYS) + 2) + "|")
     for subject in dict.fromkeys(name.rsplit("/", 1)[0] for name in counted):
-        figures = [f"{counted[f'{subject}/{way}']:.3g}" for way in WAYS]
+        figures = [f"{counted[f'{subject}/{way}']:.3f}" for way in WAYS]
         print("| " + " | ".join(subject.split("/") + figures) + " |")
     if "--record" in options:
         with open(record, "w", encoding="utf-8") as file:

@@ -10,7 +10,7 @@ require() {  # FILE PROPERTY PATTERN READELF'S OPTIONS
 }
 
 for file in "$1"/{guilinkd,guilink-core,guilink-viewer} "$2"/libambaipc.so; do
-    # A build for the device contains only the service.
+    # The vendor's library may replace the stand-in.
     [[ -f $file || $file == */guilinkd ]] || continue
     echo "looking at ${file##*/}"
     require "$file" "position independence" 'Type: +DYN' --file-header
