@@ -230,7 +230,7 @@ def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
                 moved_from(shown)
                 device.wait_stable(pictures=20, **look)
             with pytest.raises(guilink.WaitTimeout, match=words):
-                device.wait_for(second, timeout=5, **look)
+                device.wait_for(second, timeout=3, **look)
         new_core("--fault", "late")
         device.press("down")
         device.wait_for(second, **look)
