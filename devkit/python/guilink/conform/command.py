@@ -44,6 +44,7 @@ def add_parser(commands: Any) -> None:
                         help="seconds to wait for what must happen (default %(default)g)")
     common.add_argument("--attempts", metavar="N", type=int, default=Options.attempts,
                         help="how often a case must fail to have failed (default %(default)s)")
+    common.add_argument("-x", "--fail-fast", action="store_true", help="end with the first case that fails")
     companion = sides.add_parser("companion", parents=[common], help="start a companion and prove it",
                                  usage="guilink conform companion [OPTION...] -- COMMAND...")
     companion.add_argument("--picture", metavar="FILE",
@@ -119,7 +120,7 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
         raise ValueError(f"no case is selected; guilink conform {side} --list lists them")
     quiet = options.json
     whole = run(side, cases, subject, Options(
-        options.patience, options.attempts, read_baseline(options.baseline),
+        options.patience, options.attempts, read_baseline(options.baseline), options.fail_fast,
         tell=lambda text: None if quiet else print(text, flush=True),
         begin=lambda text: None if quiet else print(text, end="", flush=True)))
     write_reports(whole, options, repeated(options))

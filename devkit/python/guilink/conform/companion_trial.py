@@ -137,6 +137,8 @@ class Trial:
             raise Untestable("what the companion shows is unknown; use --picture")
         seen = self.stage.until(lambda: self.shows(pixels) or self.subject_ended())
         seen = seen and (not self.subject_ended() or self.shows(pixels))
+        if not seen and self._only_last_differs(pixels):
+            rule = "PICT-2"
         self.judge.require(rule, seen, f"{what}: {'' if seen else self._difference(pixels)}")
 
     def shows(self, pixels: Pixels) -> bool:
@@ -148,6 +150,13 @@ class Trial:
             return bool(np.array_equal(image, wanted))
         opaque = wanted[:, :, 3] == 255
         return bool(np.array_equal(image[opaque], wanted[opaque][:, :3]))
+
+    def _only_last_differs(self, pixels: Pixels) -> bool:
+        image = self.shown.read()
+        if image is None or image.shape[:2] != pixels.shape or pixels.size < 2:
+            return False
+        wrong = (image != Screen(pixels).rgba[:, :, :image.shape[2]]).any(axis=2).reshape(-1)
+        return bool(wrong[-1] and not wrong[:-1].any())
 
     def _difference(self, pixels: Pixels) -> str:
         image = self.shown.read()

@@ -63,7 +63,7 @@ def closes_a_silent_candidate(trial: DeviceTrial) -> None:
     trial.candidate()
 
 
-@case("device", "LINK-12", "LINK-14", "DISC-12")
+@case("device", "LINK-12", "LINK-14", "DISC-12", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")
 def first_request_wins(trial: DeviceTrial) -> None:
     """Two connections; the later one asks first, and becomes the link."""
     both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)

@@ -30,6 +30,7 @@ class Options:
     patience: float = 8.0
     attempts: int = 3
     baseline: frozenset[str] = frozenset()
+    fail_fast: bool = False
     tell: Callable[[str], None] = print
     begin: Callable[[str], None] = lambda text: None
 
@@ -89,6 +90,8 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
             result.kept |= set(WATCHED[side])
         whole.results.append(result)
         options.tell(line(result))
+        if options.fail_fast and result.fault and result.verdict != EXPECTED:
+            break
     return whole
 
 

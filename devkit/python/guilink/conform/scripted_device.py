@@ -22,6 +22,7 @@ class ScriptedDevice:
     def __init__(self, trial: Trial, address: str, identity: bytes = b"11111fw1.1"):
         self.identity, self.address = identity, address
         self.udp = UdpSocket(trial.stage, (address, 3153))
+        self._other_port = UdpSocket(trial.stage, (address, 3152))  # hears no broadcasts
         self._trial, self._judged, self._next_call = trial, 0, 0.0
         self.calls = 0
 
@@ -33,6 +34,9 @@ class ScriptedDevice:
     @property
     def answers(self) -> int:
         """How many have come; judges each."""
+        for datagram in self._other_port.arrived:
+            self._trial.stage.faults.append(Fault("DISC-4", "an answer to port 3152", ANSWER, datagram.data))
+        self._other_port.arrived.clear()
         for datagram in self.udp.arrived[self._judged:]:
             self._judged += 1
             if datagram.data != ANSWER:
@@ -75,7 +79,6 @@ class ScriptedDevice:
         return self.show_payload(channel, encode(pixels))
 
     def show_payload(self, channel: Channel, payload: bytes) -> bool:
-        watch_of(channel).may_press = True
         return channel.send(frame(MessageType.IMAGE, payload))
 
     def repeat(self, channel: Channel, pixels: Pixels) -> None:
@@ -104,7 +107,7 @@ class Watch:
             self._channel.send(frame(MessageType.IDENTITY, self._device.identity))
             self.may_press |= self._requests >= REQUESTS_TO_PRESS
         elif kind in (MessageType.BUTTON, MessageType.DATA):
-            if not self.may_press:
+            if not (self.may_press or self._channel.image_sent):
                 stage.faults.append(Fault("PRESS-1", f"a message of type {kind} before the first image",
                                           b"", frame(kind, message.payload)))
             if kind == MessageType.BUTTON and not (len(message.payload) == 1 and message.payload[0] < 16):

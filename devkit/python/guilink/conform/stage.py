@@ -12,7 +12,7 @@ from typing import Callable, NamedTuple
 
 from guilink.conform.exchange import KIT, SUBJECT, Address, Exchange
 from guilink.conform.strict import Fault, StrictReader
-from guilink.wire import Message
+from guilink.wire import FrameReader, Message, MessageType
 
 POLL = 0.02          # s between two looks at a condition that no socket reports
 CHUNK = 1 << 18      # bytes at a time
@@ -125,7 +125,9 @@ class Channel:
         self.on_message: Callable[[Message], None] = lambda message: None
         self.readable = True    # False: the kit does not read
         self.reader = StrictReader(by_companion)
-        self._parts, self._behind = False, bytearray()
+        self.image_sent = False  # the kit has sent a whole image
+        self._sent = FrameReader()
+        self._sending, self._behind = False, bytearray()
         self.stage, self._socket, self._closed = stage, connected, False
         connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -160,30 +162,36 @@ class Channel:
             return
         self._log(SUBJECT, "bytes", data)
         before = len(self.reader.faults)
-        for message in self.reader.feed(data):
+        messages = self.reader.feed(data)
+        self.stage.faults += self.reader.faults[before:]
+        for message in messages:
             self.arrived.append(Arrived(time.monotonic(), message))
             self.on_message(message)
-        self.stage.faults += self.reader.faults[before:]
 
     def send(self, data: bytes) -> bool:
         """False if the subject has ended the connection, or does not read for the stage's patience."""
-        if self._parts:  # a frame is being sent in parts: this must not get into it
-            self._behind += data
-            return True
-        return self._write(data)
+        return self.send_parts(data)
 
     def send_parts(self, *parts: bytes, between: Callable[[], object] = lambda: None) -> bool:
-        """Each part arrives on its own."""
-        self._parts = True
-        for part in parts:
-            if not self._write(part):
+        """Each part arrives on its own; what is sent meanwhile follows behind the last."""
+        if self._sending:
+            self._behind += b"".join(parts)
+            return True
+        self._sending, sent = True, False
+        for number, part in enumerate(parts):
+            if number:
+                while not (self.ended or self.delivered()):
+                    select.select([], [], [], 0.001)
+                between()
+            if not (sent := self._write(part)):
                 break
-            while not (self.ended or self.delivered()):
-                select.select([], [], [], 0.001)
-            between()
-        self._parts, behind = False, bytes(self._behind)
+        while sent and self._behind:
+            behind = bytes(self._behind)
+            self._behind.clear()
+            sent = self._write(behind)
         self._behind.clear()
-        return self._write(behind)
+        self._sending = False
+        return sent
 
     def delivered(self) -> bool:
         """Whether the subject's system has all bytes."""
@@ -195,6 +203,7 @@ class Channel:
             return False
         if data:
             self._log(KIT, "bytes", data)
+            self.image_sent |= any(each.type == MessageType.IMAGE for each in self._sent.feed(data))
         rest = memoryview(data)
         end = time.monotonic() + self.stage.patience
         while rest and not self.ended and time.monotonic() < end:

@@ -1,0 +1,247 @@
+"""A small companion that is right, and wrong in exactly one way for each name below.
+
+    zoo_companion.py NAME PICTURE.png    NAME is a key of WRONG, or "right"
+"""
+import os
+import select
+import socket
+import sys
+import time
+
+import numpy as np
+
+from guilink.picture import DamagedPicture, decode
+from guilink.screen import Screen
+from guilink.wire import HEADER, START, FrameReader, Message, MessageType, frame, identity_datagram
+
+WRONG = {  # what it does, and the rule that this breaks
+    "listens on one address": "DISC-3", "listens nowhere": "DISC-3", "answers 41 bytes": "DISC-4",
+    "answers 43 bytes": "DISC-4", "answers another type": "DISC-4", "answers port 3152": "DISC-4",
+    "answers once": "DISC-5", "answers once a second": "DISC-5", "answers until connected": "DISC-5",
+    "answers noise": "DISC-6", "answers short identities": "DISC-6", "dies of an empty datagram": "LINK-10",
+    "has no port": "DISC-7", "answers another device": "DISC-10", "reads 64 bytes": "DISC-11",
+    "line feeds": "FRAME-1", "big endian": "FRAME-10", "a checksum of 1": "FRAME-2",
+    "a text of 2 MiB": "FRAME-3", "a frame a read": "FRAME-4", "drops what begins wrong": "FRAME-5",
+    "ignores checksums": "FRAME-6", "believes lengths": "FRAME-7", "leaves at unknown types": "FRAME-8",
+    "reads inside unknown types": "FRAME-8", "takes 512 KiB": "FRAME-9", "sends an identity": "FRAME-10",
+    "sends pieces": "FRAME-11", "waits for 4 MiB": "FRAME-12", "says nothing": "LINK-1",
+    "control first": "LINK-1", "asks once": "LINK-2", "asks until an identity": "LINK-2",
+    "asks until a damaged image": "LINK-2", "one connection in its life": "LINK-3",
+    "waits for the silent": "LINK-4", "keeps further connections": "LINK-5", "holds on": "LINK-6",
+    "leaves at any broadcast": "LINK-7", "one reader for all": "LINK-8", "knows identities only": "LINK-9",
+    "dies of a reset": "LINK-10", "dies of a damaged image": "LINK-10", "falls silent": "TIME-1",
+    "control every 4 s": "TIME-2", "control every 1.5 s": "TIME-3", "stops reading": "TIME-4",
+    "never asks": "TIME-5", "never leaves": "TIME-6", "column by column": "PICT-1", "short runs": "PICT-1",
+    "last pixel black": "PICT-2", "blue is red": "PICT-3", "times 16": "PICT-3", "size of the first": "PICT-4",
+    "fills what is missing": "PICT-5", "believes sizes": "PICT-6", "presses early": "PRESS-1",
+    "texts early": "PRESS-1", "button 16": "PRESS-2", "two buttons": "PRESS-2",
+}
+CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, MessageType.CONTROL,
+                                                  MessageType.IDENTITY_REQUEST))
+
+
+class Reader(FrameReader):
+    """A receiver with the faults of the wrong ones."""
+
+    def feed(self, data):
+        buffer = self._buffer
+        if wrong("a frame a read"):
+            buffer.clear()
+        if wrong("drops what begins wrong") and not buffer and data[:4] != START[:4]:
+            return []
+        if not wrong("ignores checksums", "believes lengths", "reads inside unknown types", "takes 512 KiB",
+                     "waits for 4 MiB"):
+            return super().feed(data)
+        buffer += data
+        found = []
+        while (start := buffer.find(START)) >= 0 and len(buffer) >= start + HEADER.size:
+            del buffer[:start]
+            _, checksum, length, kind = HEADER.unpack_from(buffer)
+            if wrong("waits for 4 MiB") and length == 1 << 20 and checksum == 1:
+                length = 4 << 20
+            elif not wrong("believes lengths") and length > (1 << 19 if wrong("takes 512 KiB") else 1 << 20):
+                del buffer[:1]
+                continue
+            if len(buffer) < HEADER.size + length:
+                break
+            payload = bytes(buffer[HEADER.size:HEADER.size + length])
+            if wrong("reads inside unknown types") and kind > 6:
+                payload = b""
+            del buffer[:HEADER.size + len(payload)]
+            if wrong("ignores checksums") or frame(kind, payload)[32:36] == checksum.to_bytes(4, "little"):
+                found.append(Message(kind, payload))
+        return found
+
+
+def picture(payload):
+    """The pixels of an image, or None."""
+    words = np.frombuffer(payload[:len(payload) // 4 * 4], "<u2")
+    if wrong("dies of a damaged image"):
+        decode(payload)
+    if wrong("believes sizes") and len(words) > 1 and int(words[0]) * int(words[1]) > 1 << 22:
+        np.ones(700 << 20, np.uint8)
+    if wrong("fills what is missing") and len(words) > 2:
+        words = words[:len(words) // 2 * 2]
+        seen = np.repeat(words[3::2], words[2::2])[:int(words[0]) * int(words[1])]
+        return np.resize(seen, (words[1], words[0])).astype(np.uint16)
+    try:
+        pixels = decode(payload).copy()
+    except DamagedPicture:
+        return None
+    if wrong("short runs"):
+        return decode(payload) if max(words[2::2], default=0) < 1 << 15 else pixels * 0
+    if wrong("column by column"):
+        return pixels.reshape(pixels.shape[::-1]).T.copy()
+    if wrong("last pixel black"):
+        pixels[-1, -1] = 0xF000
+    if wrong("blue is red"):
+        pixels = pixels & 0xF0F0 | pixels >> 8 & 15 | (pixels & 15) << 8
+    if wrong("times 16"):
+        pixels = pixels & 0xFFFE
+    if wrong("size of the first"):
+        Zoo.first = Zoo.first or pixels.shape
+        pixels = np.resize(pixels, Zoo.first)
+    return pixels
+
+
+class Zoo:
+    first = None
+
+    def __init__(self, path):
+        self.path, self.connection, self.device, self.others = path, None, None, []
+        self.reader, self.answered, self.once = Reader(), 0.0, False
+        if wrong("listens nowhere"):
+            self.udp, _ = socket.socketpair(socket.AF_UNIX, socket.SOCK_DGRAM)
+        else:
+            self.udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            self.udp.bind(("10.77.0.100" if wrong("listens on one address") else "", 3152))
+        self.tcp = socket.create_server(("127.0.0.1" if wrong("has no port") else "", 8399), backlog=64)
+
+    def run(self):
+        while True:
+            now = time.monotonic()
+            sources = []
+            if self.connection and not (self.linked and wrong("stops reading")):
+                sources.append(self.connection)  # first: it may have ended
+            sources.append(self.udp)
+            if not self.connection or self.linked or now > self.heard + 1 and not wrong("waits for the silent"):
+                sources.append(self.tcp)
+            for ready in select.select(sources, [], [], 0.05)[0]:
+                if ready is self.connection:
+                    self.receive()
+                elif ready in (self.udp, self.tcp):
+                    self.hear() if ready is self.udp else self.accept()
+            if self.connection:
+                self.speak(time.monotonic())
+
+    def hear(self):
+        data, sender = self.udp.recvfrom(64 if wrong("reads 64 bytes") else 2048)
+        said, now = identity_datagram(data), time.monotonic()
+        if wrong("dies of an empty datagram"):
+            data[0]
+        short = wrong("answers short identities") and data[40:42] == b"\3\0" and len(data) == 46
+        if not said and not (wrong("answers noise") or short):
+            return
+        if self.connection and self.linked and not wrong("answers another device"):
+            own = sender[0] == self.connection.getpeername()[0]
+            if not own or wrong("holds on") or now < self.linked + 1 and not wrong("leaves at any broadcast"):
+                return
+            self.leave()
+        if wrong("knows identities only") and said:
+            self.device = self.device or said.id
+            if said.id != self.device:
+                return
+        if (wrong("answers once") and self.answered or wrong("answers until connected") and self.once
+                or wrong("answers once a second") and now < self.answered + 1):
+            return
+        self.answered = now
+        answer = {"answers 41 bytes": CONNECT[:41], "answers 43 bytes": CONNECT + b"\0",
+                  "answers another type": ASK}.get(NAME, CONNECT)
+        self.udp.sendto(answer, (sender[0], 3152) if wrong("answers port 3152") else sender)
+
+    def accept(self):
+        connected, _ = self.tcp.accept()
+        if self.connection and self.linked:
+            self.others.append(connected) if wrong("keeps further connections") else connected.close()
+            return
+        if wrong("one connection in its life") and self.once:
+            self.others.append(connected)
+            return
+        self.leave()
+        self.once, self.connection = True, connected
+        connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        connected.settimeout(3)
+        self.reader = self.reader if wrong("one reader for all") else Reader()
+        self.linked, self.quiet, self.pressed = 0.0, False, False
+        self.heard, self.next, self.next_control = time.monotonic(), 0.0, 0.0
+
+    def leave(self):
+        if self.connection:
+            self.connection.close()
+        self.connection = None
+
+    def receive(self):
+        try:
+            data = self.connection.recv(1 << 16)
+        except ConnectionResetError:
+            if wrong("dies of a reset"):
+                raise
+            data = b""
+        if not data:
+            self.leave()
+            return
+        self.heard = time.monotonic()
+        damaged = wrong("asks until a damaged image") and b"\2\0\x40\0\x30\0" in data
+        self.quiet |= bool(damaged)
+        for message in self.reader.feed(data):
+            if message.type > 6 and wrong("leaves at unknown types"):
+                self.leave()
+                return
+            self.quiet |= wrong("asks until an identity") and message.type == MessageType.IDENTITY
+            if message.type == MessageType.IMAGE:
+                self.linked = self.linked or time.monotonic()
+                if (pixels := picture(message.payload)) is not None:
+                    Screen(pixels).save(self.path + ".new.png")
+                    os.replace(self.path + ".new.png", self.path)
+
+    def speak(self, now):
+        if now > self.heard + 3 and not wrong("never leaves", "holds on", "stops reading"):
+            self.leave()
+            return
+        if now < self.next or wrong("falls silent") and self.linked:
+            return
+        first, self.next = self.next == 0, now + (0.5 if self.linked else 0.2)
+        words = b"" if self.linked or self.quiet or wrong("asks once") and not first else CONNECT
+        if first:
+            words = {"says nothing": b"", "control first": CONTROL + CONNECT,
+                     "presses early": CONNECT + frame(1, b"\1"), "texts early": CONNECT + frame(6, b"text"),
+                     "sends an identity": CONNECT + frame(3, b"11111"), "line feeds": CONNECT + b"\n",
+                     "a checksum of 1": CONNECT[:32] + b"\1" + CONNECT[33:],
+                     "big endian": CONNECT[:40] + b"\0\4"}.get(NAME, CONNECT)
+        if now >= self.next_control:
+            words += CONTROL
+            self.next_control = now + {"control every 4 s": 4, "control every 1.5 s": 1.5}.get(NAME, 0)
+        if not wrong("never asks"):
+            words += ASK
+        if self.linked and not self.pressed:
+            self.pressed = True
+            words += {"button 16": frame(1, b"\x10"), "two buttons": frame(1, b"\1\2"),
+                      "a text of 2 MiB": START + bytes(4) + b"\0\0\x20\0" + b"\6\0"}.get(NAME, frame(1, b"\1"))
+        try:
+            if wrong("sends pieces"):
+                self.connection.sendall(words[:-20])
+                time.sleep(0.1)
+                words = words[-20:]
+            self.connection.sendall(words)
+        except OSError:
+            self.leave()
+
+
+def wrong(*names):
+    return NAME in names
+
+
+NAME = "right"
+if __name__ == "__main__":
+    NAME = sys.argv[1]
+    Zoo(sys.argv[2]).run()
