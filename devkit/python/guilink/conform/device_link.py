@@ -1,7 +1,9 @@
 """Cases for a device: searching, linking, losing and finding again."""
 from __future__ import annotations
 
-from guilink.conform.case import case
+import time
+
+from guilink.conform.case import Untestable, case
 from guilink.conform.device_trial import DeviceTrial
 from guilink.conform.scripted_device import ANSWER
 from guilink.wire import MessageType, frame
@@ -9,6 +11,7 @@ from guilink.wire import MessageType, frame
 REQUEST = frame(MessageType.CONNECT_REQUEST)
 ASK = frame(MessageType.IDENTITY_REQUEST)
 FLOOD = 40       # answers to one broadcast
+BUFFERS = 8 << 20  # bytes; about what the two systems hold for a connection
 PER_HOST = 8     # connections that may follow
 
 
@@ -128,7 +131,13 @@ def companion_does_not_read(trial: DeviceTrial) -> None:
     """The companion keeps the link alive, but does not read."""
     channel = trial.link()
     trial.image(channel)
+    began, before = time.monotonic(), sum(map(len, channel.payloads(MessageType.IMAGE)))
+    trial.image(channel, 3)
+    rate = (sum(map(len, channel.payloads(MessageType.IMAGE))) - before) / (time.monotonic() - began)
+    limit = 3 * trial.stage.patience
+    if rate * limit < BUFFERS:
+        raise Untestable(f"{rate / 1000:.0f} kB of images a second do not fill the buffers in {limit:g} s")
     channel.readable = False
     heard = trial.hear()
-    found = trial.stage.until(lambda: trial.hear() > heard, 3 * trial.stage.patience)
+    found = trial.stage.until(lambda: trial.hear() > heard, limit)
     trial.judge.require("TIME-10", found, "the link stays although nothing is read")

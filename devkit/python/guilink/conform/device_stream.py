@@ -12,6 +12,7 @@ from guilink.conform.stage import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
 GATE = 4.0   # s without a ControlMessage; the device stops new images after half of it
+AFTERMATH = 0.3  # s
 SIZES = {(1280, 960), (1024, 768)}
 
 
@@ -59,11 +60,11 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, questions: int, r
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got > questions and not channel.ended, f"{what}: the device answers no more",
                         b"", data[:64])
-    # One more round: what was answered too much has arrived by then.
-    trial.ask(channel, rule, f"{what}: the device answers no more")
+    # What is answered too much comes right behind. A slow device may escape; a right one is never blamed.
+    trial.stage.until(lambda: channel.count(MessageType.IDENTITY) - before > questions + asked, AFTERMATH)
     got = channel.count(MessageType.IDENTITY) - before
-    trial.judge.require(rule, got <= questions + asked + 1,
-                        f"{what}: {got} answers to {questions + asked + 1} questions", b"", data[:64])
+    trial.judge.require(rule, got <= questions + asked, f"{what}: {got} answers to {questions + asked} "
+                        "questions", b"", data[:64])
 
 
 @case("device", "FRAME-14", "FRAME-15", "FRAME-18", gentle=False)
