@@ -66,7 +66,7 @@ class Line {
 
   private:
     bool write() {
-        // A socket refuses by itself what it has no room for; poll would do so far earlier.
+        // A full socket refuses the write itself; poll would report it as full far earlier.
         if (m_begun || !m_stream.is_socket) {
             using std::chrono::ceil, std::chrono::milliseconds;
             const auto left = ceil<milliseconds>(m_end - Clock::now()).count();

@@ -70,7 +70,7 @@ constexpr long long power(int n) {
     return static_cast<long long>(remainder) << 1;
 }
 
-// Moves 128 bits over a distance of BITS: what is added to the data there has the same remainder.
+// Moves 128 bits by BITS towards the end of the data without changing the remainder of the whole.
 template <int BITS>
 __attribute__((target("pclmul"))) inline __m128i moved(__m128i value) {
     constexpr long long LOW = power(BITS + 32);

@@ -21,7 +21,7 @@ TEST(EncodeImage, WritesExactlyTheseWords) {
         // The last pixel is dropped, whether or not it ends a run.
         {2, 1, {0x1234, 0x1234}, {2, 1, 1, 0x1234}},
         {1, 3, {0xF00F, 0xF00F, 0x1234}, {1, 3, 2, 0xF00F}},
-        // The first pixel is raw, and no masked one is equal to it but 0.
+        // The first pixel is not masked: a transparent one other than 0 is a run of its own.
         {3, 1, {0x0ABC, 0x0005, 0x0007}, {3, 1, 1, 0x0ABC, 1, 0}},
         {3, 1, {5, 5, 5}, {3, 1, 1, 5, 1, 0}},
         {4, 1, {0, 5, 7, 9}, {4, 1, 3, 0}},
