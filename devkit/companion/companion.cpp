@@ -96,6 +96,7 @@ bool Companion::enqueue(Message message) {
 
 void Companion::run() {
     pthread_setname_np(pthread_self(), "companion");
+    if (!m_device.empty()) report();
     while (!m_stop) {
         wait();
         take_choice();

@@ -99,11 +99,6 @@ void serve(const ServeOptions& options) {
          {},
          [&](const std::vector<HeardDevice>& devices) { server.publish_devices(devices); }},
         options.device);
-    if (!options.device.empty()) {
-        LinkStatus searching;
-        searching.wanted = options.device;
-        server.publish_status(searching);
-    }
     {
         const Lock lock(shared.mutex);
         shared.companion = &link;
