@@ -197,6 +197,7 @@ def test_the_viewer_ends_and_comes_back():
     with ExitStack() as stack:
         with running(*command):
             device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT))
+        until(lambda: not device.linked)
         with running(*command):
             device.press("down")
             device.press("up")
