@@ -42,12 +42,12 @@ packages=$(realpath "$1")
 base=$2
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-if [[ ! -e $base/usr/lib/python3/dist-packages/websockets ]]; then
-    rm -rf "$base.new"
-    needs=systemd-sysv,libcairo2,libpng16-16,libturbojpeg0,libhwy-dev,fonts-dejavu-core,procps
-    needs+=,python3-numpy,python3-pil,python3-websockets
+needs=systemd-sysv,libcairo2,libpng16-16,libturbojpeg0,libhwy-dev,libbenchmark1debian,fonts-dejavu-core
+needs+=,procps,python3-numpy,python3-pil,python3-websockets
+if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
+    rm -rf "$base" "$base.new"
     debootstrap --variant=minbase --include=$needs bookworm "$base.new" >&2
-    rm -rf "$base"
+    echo $needs >"$base.new/needs"
     mv "$base.new" "$base"
 fi
 base=$(realpath "$base")
