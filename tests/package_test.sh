@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages of the folder
 # PACKAGES in a throw-away Debian with network, devices and a systemd of its own. BASE is a folder for
-# the system underneath, created if it is missing and never changed. Needs root.
+# the system underneath, created if it is missing or lacks a package, never changed. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
