@@ -105,7 +105,7 @@ def device_has_dropped_the_link(trial: Trial) -> None:
     channel = trial.candidate()
     began = time.monotonic()
     showing = True
-    trial.stage.every(0.5, lambda: showing and trial.device.show(channel, PLAIN) and None)
+    trial.stage.every(0.5, lambda: showing and trial.device.show(channel, PLAIN))
     trial.stage.until(lambda: time.monotonic() > began + SECOND)
     showing = watch_of(channel).answering = False
     before = trial.device.answers

@@ -123,7 +123,8 @@ def must_drop(trial: Trial, rule: str, payloads: dict[str, bytes]) -> None:
                           or trial.subject.peak_memory() > needed + MEMORY)
         held = trial.subject.peak_memory() - needed
         trial.judge.refuse(rule, held > MEMORY, f"{what}: {held >> 20} MiB of memory are reserved", payload[:64])
-        trial.judge.refuse("LINK-10", channel.ended or channel.count(MessageType.CONTROL) == before,
+        silent = channel.ended or channel.count(MessageType.CONTROL) == before
+        trial.judge.refuse(rule if rule == "PICT-6" else "LINK-10", silent,
                            f"{what}: the companion falls silent", payload[:64])
     trial.judge.kept.add("LINK-10")
     trial.keep_alives(channel, 2)

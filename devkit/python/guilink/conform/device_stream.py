@@ -126,7 +126,7 @@ def gate_closes(trial: DeviceTrial) -> None:
     if len(set(channel.payloads(MessageType.IMAGE))) < 2:
         raise Untestable("the device's picture does not change by itself")
     trial.speaking.clear()
-    trial.stage.every(0.5, lambda: channel.send(ASK) and None)
+    trial.stage.every(0.5, lambda: channel.send(ASK))
     closed = time.monotonic()
     trial.stage.until(lambda: channel.ended or time.monotonic() > closed + GATE, 2 * GATE)
     before = channel.count(MessageType.IMAGE)

@@ -134,7 +134,7 @@ class DeviceTrial:
         """Keeps a connection alive from now on, with these messages."""
         self.speaking.add(channel.number)
         words = b"".join(map(frame, kinds))
-        self.stage.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words) and None)
+        self.stage.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
 
     def link(self, rule: str = "DISC-1") -> Channel:
         """A connection that the device has made the link. A candidate that it gives up costs a try."""

@@ -84,7 +84,7 @@ class ScriptedDevice:
     def repeat(self, channel: Channel, pixels: Pixels) -> None:
         """The image now, and again twice a second."""
         payload = encode(pixels)
-        self._trial.stage.every(REPEAT, lambda: channel.ended or self.show_payload(channel, payload) and None)
+        self._trial.stage.every(REPEAT, lambda: channel.ended or self.show_payload(channel, payload))
 
 
 class Watch:

@@ -8,7 +8,7 @@ import socket
 import struct
 import termios
 import time
-from typing import Callable, NamedTuple
+from typing import Callable, NamedTuple, Protocol
 
 from guilink.conform.exchange import KIT, SUBJECT, Address, Exchange
 from guilink.conform.strict import Fault, StrictReader
@@ -33,6 +33,18 @@ class Datagram(NamedTuple):
     sender: Address
 
 
+class Member(Protocol):
+    """A socket of the stage."""
+
+    readable: bool
+
+    def fileno(self) -> int: ...
+
+    def receive(self) -> None: ...
+
+    def close(self) -> None: ...
+
+
 class Stage:
     """One case's sockets. `patience` bounds each wait for something that must happen."""
 
@@ -40,14 +52,14 @@ class Stage:
         self.patience = patience
         self.exchange = Exchange()
         self.faults: list[Fault] = []  # what the subject did wrong at any time
-        self._members: list[Channel | UdpSocket] = []
-        self._ticks: list[tuple[float, Callable[[], None]]] = []
+        self._members: list[Member] = []
+        self._ticks: list[tuple[float, Callable[[], object]]] = []
         self._due: list[float] = []
 
-    def join(self, member: Channel | UdpSocket) -> None:
+    def join(self, member: Member) -> None:
         self._members.append(member)
 
-    def every(self, interval: float, action: Callable[[], None]) -> None:
+    def every(self, interval: float, action: Callable[[], object]) -> None:
         """Repeats an action, from now to the end of the case, whenever the kit waits."""
         self._ticks.append((interval, action))
         self._due.append(time.monotonic())
