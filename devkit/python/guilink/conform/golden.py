@@ -32,12 +32,13 @@ streams/NAME.bin    a stream; NAME.json lists the messages in it: type, payload 
 
 
 def pictures() -> dict[str, Pixels]:
-    colours = np.arange(1 << 16, dtype=np.uint32).astype(np.uint16).reshape(256, 256)
-    stripes = np.full((480, 640), 0xF123, np.uint16)
-    stripes[240:, ::2] = 0x8F00
+    opaque, clear = np.arange(0xF000, 0x10000), np.arange(0, 0x10000, 0x111)  # all colours, all alphas
+    colours = np.concatenate([opaque, clear[:240]]).astype(np.uint16).reshape(-1, 16)
+    stripes = np.full((48, 64), 0xF123, np.uint16)
+    stripes[24:, ::2] = 0x8F00
     return {"document": decode(EXAMPLE), "one_pixel": np.zeros((1, 1), np.uint16),
             "long_runs": np.full((70, 1000), 0xF123, np.uint16),
-            "every_value": decode(encode(colours)), "stripes": decode(encode(stripes))}
+            "colours": decode(encode(colours)), "stripes": decode(encode(stripes))}
 
 
 def streams() -> dict[str, tuple[bytes, list[tuple[int, bytes]]]]:
