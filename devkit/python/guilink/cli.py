@@ -1,4 +1,4 @@
-"""The command line: `guilink devices | snapshot | press | wait | record | shell | conform`.
+"""The command line: `guilink devices | snapshot | press | wait | record | shell | conform | doctor`.
 
 Exit status 0: done. 1: the device was not there, or did not show what was expected. 2: a wrong command.
 """
@@ -15,6 +15,7 @@ from typing import Any, Iterator, Sequence
 
 import guilink
 from guilink.conform import command as conform
+from guilink.conform import doctor
 from guilink.device import TIMEOUT
 
 
@@ -83,6 +84,7 @@ def parser() -> argparse.ArgumentParser:
     film.add_argument("--seconds", metavar="S", type=float, help="end by itself")
     add(shell, "shell", "Python, with the device as `device`.", linked)
     conform.add_parser(commands)
+    doctor.add_parser(commands)
     return whole
 
 

@@ -103,6 +103,19 @@ class DeviceTrial:
                 self.wanted.address, self.wanted.identity = datagram.sender[0], said
         return len(self.broadcasts)
 
+    def heard_all(self) -> list[Datagram]:
+        """Broadcasts of any device."""
+        return [each for each in self._ear.arrived if identity_datagram(each.data)]
+
+    def refused_at(self, address: str) -> bool:
+        """Whether a host is there whose discovery port is closed: a device that does not search."""
+        probe = UdpSocket(self.stage, ("", 0))
+        try:
+            probe.send(b"", (address, 3153))
+        except OSError:  # not an address
+            return False
+        return self.stage.until(lambda: probe.refused, 1.0)
+
     def broadcast(self, rule: str = "DISC-1", text: str = "no broadcast is received") -> Datagram:
         """The next broadcast."""
         before = self.hear()
