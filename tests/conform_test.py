@@ -104,6 +104,31 @@ def test_our_service_passes():
     assert verdicts["rules"]["PRESS-4"]["verdict"] == "passed", verdicts
 
 
+TAKEN = "import socket; taken = socket.socket(type=socket.{}); taken.bind(('', {})); import time; print(); time.sleep(99)"
+ZOO = f"{sys.executable} -B {SUPPORT}/zoo_device.py"
+DOCTOR = f"{sys.executable} -m guilink doctor --json"
+
+
+@pytest.mark.parametrize("script, diagnosis", [
+    (f"{ZOO} right {DOCTOR} --press 3", None),
+    (f'coproc {sys.executable} -c "{TAKEN.format("SOCK_DGRAM", 3152)}"; read -u $COPROC; {DOCTOR}', "UDP port 3152"),
+    (f'coproc {sys.executable} -c "{TAKEN.format("SOCK_STREAM", 8399)}"; read -u $COPROC; {DOCTOR}', "TCP port 8399"),
+    (f"ip address flush dev guilink0; {DOCTOR}", "has no IPv4 address"),
+    (DOCTOR, "no broadcast is heard"),
+    (f"{DOCTOR} --device 10.77.0.1", "does not search"),
+    (f"{ZOO} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),
+    (f"ip address add 10.99.0.1/32 dev lo; ZOO_HOST=10.99.0.1 {ZOO} right {DOCTOR}", "none of this computer's subnets"),
+    (f"{ZOO} 'connects only to the asking port' {DOCTOR}", "does not connect"),
+    (f"{PROGRAMS}/guilinkd >/dev/null 2>&1; {DOCTOR}", "no image comes"),
+    (f"{ZOO} 'one image' {DOCTOR}", "no image for"),
+    (f"{ZOO} 'sends the last pixel' {DOCTOR}", "damaged image"),
+], ids=lambda value: str(value) if value is None or len(value) < 40 else "")
+def test_doctor_names_the_fault(script, diagnosis):
+    done = subprocess.run([ROOT / "scripts/sandbox", "bash", "-c", script], stdout=subprocess.PIPE, check=False)
+    result = json.loads(done.stdout)
+    assert result["healthy"] is (diagnosis is None) and (diagnosis or "") in result["findings"][-1]["text"], result
+
+
 def test_document_and_kit_have_the_same_rules():
     rows = re.findall(r"^\| ([A-Z]+-\d+) \| (\w+) \| (\w+) \| (.*) \|$",
                       (ROOT / "docs/link-protocol.md").read_text(), re.MULTILINE)

@@ -2,6 +2,7 @@
 
     zoo_device.py NAME COMMAND...    NAME is a key of WRONG, or "right"; ends with COMMAND
 """
+import os
 import select
 import socket
 import struct
@@ -25,7 +26,7 @@ WRONG = {  # what it does, and the rule that this breaks
     "waits for readers": "TIME-10", "sends the last pixel": "PICT-8", "raw transparency": "PICT-9",
     "short runs": "PICT-10", "640 x 480": "PICT-11", "buttons from 101": "PRESS-3", "ignores button 16": "PRESS-4",
 }
-HOST, IDENTITY = "10.77.0.1", b"11111fw1.1"
+HOST, IDENTITY = os.environ.get("ZOO_HOST", "10.77.0.1"), b"11111fw1.1"
 ANSWER = frame(MessageType.CONNECT_REQUEST)
 
 
