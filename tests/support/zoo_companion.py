@@ -143,7 +143,7 @@ class Zoo:
         if not said and not (wrong("answers noise") or short):
             return
         if self.connection and self.linked and not wrong("answers another device"):
-            own = sender[0] == self.connection.getpeername()[0]
+            own = sender[0] == self.peer
             if not own or wrong("holds on") or now < self.linked + 1 and not wrong("leaves at any broadcast"):
                 return
             self.leave()
@@ -160,7 +160,7 @@ class Zoo:
         self.udp.sendto(answer, (sender[0], 3152) if wrong("answers port 3152") else sender)
 
     def accept(self):
-        connected, _ = self.tcp.accept()
+        connected, (peer, _) = self.tcp.accept()
         if self.connection and self.linked:
             self.others.append(connected) if wrong("keeps further connections") else connected.close()
             return
@@ -168,7 +168,7 @@ class Zoo:
             self.others.append(connected)
             return
         self.leave()
-        self.once, self.connection = True, connected
+        self.once, self.connection, self.peer = True, connected, peer
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         connected.settimeout(3)
         self.reader = self.reader if wrong("one reader for all") else Reader()
