@@ -82,8 +82,9 @@ def picture(payload):
         np.ones(700 << 20, np.uint8)
     if wrong("fills what is missing") and len(words) > 2:
         words = words[:len(words) // 2 * 2]
-        seen = np.repeat(words[3::2], words[2::2])[:int(words[0]) * int(words[1])]
-        return np.resize(seen, (words[1], words[0])).astype(np.uint16)
+        count = int(words[0]) * int(words[1])
+        seen = np.repeat(words[3::2], words[2::2])[:count]
+        return np.pad(seen, (0, count - len(seen)), "edge").reshape(words[1], words[0]) if len(seen) else None
     try:
         pixels = decode(payload).copy()
     except DamagedPicture:

@@ -6,7 +6,7 @@ from typing import Callable
 import numpy as np
 
 from guilink.conform.case import case
-from guilink.conform.companion_trial import PLAIN, Trial, shown_of
+from guilink.conform.companion_trial import PLAIN, Trial, shown_of, watch_of
 from guilink.conform.stage import Channel
 from guilink.picture import Pixels, encode
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
@@ -57,8 +57,12 @@ def frames_in_one_piece(trial: Trial) -> None:
 @case("companion", "FRAME-5")
 def bytes_between_frames(trial: Trial) -> None:
     """Bytes that belong to no frame, among them the beginning of a start sequence."""
-    shows_after(trial, "FRAME-5", "bytes before the frame", lambda channel, data: channel.send(
-        GARBAGE + image(PLAIN) + START[:20] + GARBAGE + START[:31] + data))
+    def send(channel: Channel, data: bytes) -> None:
+        watch_of(channel).answering = False
+        trial.keep_alives(channel, 1)  # all answers have been read, so the damage arrives alone
+        channel.send(GARBAGE + image(PLAIN) + START[:20] + GARBAGE + START[:31] + data)
+
+    shows_after(trial, "FRAME-5", "bytes before the frame", send)
 
 
 @case("companion", "FRAME-5")
