@@ -56,7 +56,9 @@ def caught(prove, rule):
 
 
 def missed(animals, prove):
-    """Those that are not caught, or blamed on another rule."""
+    """Those that are not caught, or blamed on another rule. Every eighth is tried, or all by GUILINK_ZOO=all."""
+    if os.environ.get("GUILINK_ZOO") != "all":
+        animals = dict(list(animals.items())[::8])
     with ThreadPoolExecutor(4) as pool:
         found = list(pool.map(lambda animal: caught(lambda *o: prove(animal[0], *o), animal[1]), animals.items()))
     return {name: (rule, *rules) for (name, rule), rules in zip(animals.items(), found) if rules != {rule}}
