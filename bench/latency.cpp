@@ -30,10 +30,10 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr auto LIMIT = 30s;             // time-out of every wait
-constexpr auto FRAME_TIME = 1s / 60.0;  // of a core that draws 60 frames a second
-constexpr int ROUNDS = 200;             // single frames and buttons
-constexpr double SECONDS = 5;           // for each measurement
+constexpr auto LIMIT = 30s;                      // time-out of every wait
+constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // of a core that draws 60 frames a second
+constexpr int ROUNDS = 200;                      // single frames and buttons
+constexpr double SECONDS = 5;                    // for each measurement
 
 // Something did not arrive in time. A machine that does not run us for 2 s costs the link.
 struct Missing : std::runtime_error {

@@ -17,6 +17,15 @@ T load(const unsigned char* from) {
 }
 
 template <typename T>
+void copy(unsigned char*& to, const unsigned char*& from, size_t& size) {
+    const T value = load<T>(from);
+    std::memcpy(to, &value, sizeof value);
+    to += sizeof value;
+    from += sizeof value;
+    size -= sizeof value;
+}
+
+template <typename T>
 bool aligned(const unsigned char* address) {
     return reinterpret_cast<uintptr_t>(address) % sizeof(T) == 0;
 }
@@ -25,15 +34,8 @@ bool aligned(const unsigned char* address) {
 
 // tests/wide_loads_test.sh inspects the generated code.
 void CopyWide(unsigned char* to, const unsigned char* from, size_t size) {
-    const auto copy = [&]<typename T>(T) {
-        const T value = load<T>(from);
-        std::memcpy(to, &value, sizeof value);
-        to += sizeof value;
-        from += sizeof value;
-        size -= sizeof value;
-    };
-    while (size != 0 && !aligned<Word>(from)) copy(uint8_t{});
-    if (size >= sizeof(Word) && !aligned<Vector>(from)) copy(Word{});
+    while (size != 0 && !aligned<Word>(from)) copy<uint8_t>(to, from, size);
+    if (size >= sizeof(Word) && !aligned<Vector>(from)) copy<Word>(to, from, size);
     for (; size >= sizeof(Vector) * AT_ONCE; size -= sizeof(Vector) * AT_ONCE) {
         Vector values[AT_ONCE];
         for (Vector& value : values) {
@@ -45,6 +47,6 @@ void CopyWide(unsigned char* to, const unsigned char* from, size_t size) {
             to += sizeof value;
         }
     }
-    while (size >= sizeof(Word)) copy(Word{});
-    while (size != 0) copy(uint8_t{});
+    while (size >= sizeof(Word)) copy<Word>(to, from, size);
+    while (size != 0) copy<uint8_t>(to, from, size);
 }

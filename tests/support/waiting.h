@@ -27,7 +27,7 @@ inline void note_missing_event() {
         int64_t running, waiting;
         if (file >> running >> waiting) without_processor += std::chrono::nanoseconds(waiting);
     }
-    if (without_processor > 1s) starved = true;
+    if (without_processor > std::chrono::seconds(1)) starved = true;
 }
 
 [[noreturn]] inline void throw_missing_event(const std::string& what) {
