@@ -1,3 +1,4 @@
+#!/usr/bin/python3
 """Makes every call of the service fail once: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
 
 Plays a scripted day for the real service, once per case, each in a sandbox of its own. A case is
