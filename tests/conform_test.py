@@ -109,6 +109,9 @@ def test_our_service_passes():
 TAKEN = "import socket; taken = socket.socket(type=socket.{}); taken.bind(('', {})); import time; print(); time.sleep(99)"
 ZOO = f"{sys.executable} -B {SUPPORT}/zoo_device.py"
 DOCTOR = f"{sys.executable} -m guilink doctor --json"
+FIREWALL = "nft 'add table ip t; add chain ip t c {{ type filter hook input priority 0; }}; add rule ip t c {}'"
+CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, iter([0]); "
+         "time.time = lambda: now() + next(set_by, 3600); main(['doctor', '--json'])")
 
 
 @pytest.mark.parametrize("script, diagnosis", [
@@ -118,6 +121,11 @@ DOCTOR = f"{sys.executable} -m guilink doctor --json"
     (f"ip address flush dev guilink0; {DOCTOR}", "has no IPv4 address"),
     (DOCTOR, "no broadcast is heard"),
     (f"{DOCTOR} --device 10.77.0.1", "does not search"),
+    (f"{FIREWALL.format('udp dport 3152 drop')}; {ZOO} right {DOCTOR}", "broadcasts arrive, and this computer drops"),
+    (f"{FIREWALL.format('udp dport 3153 drop')}; {ZOO} right {DOCTOR}", "does not connect"),
+    (f"{FIREWALL.format('tcp dport 8399 drop')}; {ZOO} right {DOCTOR}", "connections arrive, and this computer drops"),
+    (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {ZOO} right {DOCTOR}", "does not answer"),
+    (f'{ZOO} right {sys.executable} -c "{CLOCK}"', "the clock of this computer was set by 3600"),
     (f"{ZOO} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),
     (f"ip address add 10.99.0.1/32 dev lo; ZOO_HOST=10.99.0.1 {ZOO} right {DOCTOR}", "none of this computer's subnets"),
     (f"{ZOO} 'connects only to the asking port' {DOCTOR}", "does not connect"),

@@ -115,24 +115,27 @@ def examine(visit: Visit, stage: Stage) -> None:
         raise no_connection(trial, sniffer) from error
     visit.note("connection", "the device has connected")
     trial.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL)
-    began = time.monotonic()
+    ask(visit, stage, channel, "requests", "right after it connected")
+    see(visit, trial, channel)
+    ask(visit, stage, channel, "requests among images", "while it showed images")
+    if visit.options.press is not None:
+        channel.send(frame(MessageType.BUTTON, bytes([visit.options.press])))
+        ask(visit, stage, channel, f"button {visit.options.press}", "at a press")
+
+
+def ask(visit: Visit, stage: Stage, channel: Any, step: str, when: str) -> None:
+    """What was sent before has been read when the answer comes."""
+    before, began = channel.count(MessageType.IDENTITY), time.monotonic()
     channel.send(frame(MessageType.IDENTITY_REQUEST))
-    stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY))
-    lost_if(channel.ended, "right after it connected")
-    if not channel.count(MessageType.IDENTITY):
+    stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before)
+    lost_if(channel.ended, when)
+    if channel.count(MessageType.IDENTITY) == before:
         raise Sick("the device does not answer", "it has gone, or its network has", "look at the device's cable")
     trip = time.monotonic() - began
-    visit.note("requests", f"answered within {trip * 1000:.0f} ms")
+    visit.note(step, f"answered within {trip * 1000:.0f} ms")
     if trip > SLOW:
         raise Sick(f"an answer takes {trip:.1f} s", "a slow network, or a busy computer",
                    "use a cable; look for what loads the network")
-    see(visit, trial, channel)
-    if visit.options.press is not None:
-        before = channel.count(MessageType.IDENTITY)
-        channel.send(frame(MessageType.BUTTON, bytes([visit.options.press])) + frame(MessageType.IDENTITY_REQUEST))
-        stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before)
-        lost_if(channel.ended, "at a press")
-        visit.note("press", f"the device has passed button {visit.options.press} on")
 
 
 def own_subnets() -> list[ipaddress.IPv4Interface]:
