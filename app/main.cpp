@@ -12,12 +12,12 @@
 
 namespace {
 
-constexpr int MAPPED_FROM = 128 * 1024;  // bytes; larger buffers get a mapping of their own
+constexpr int MAPPED_FROM = 128 * 1024;  // bytes; malloc maps each larger buffer separately
 
 // Returns freed memory to the system at once, so that RSS does not creep over months.
 void return_freed_memory() {
-    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // fixed: a rising one costs 13 MB at a new identity
-    mallopt(M_ARENA_MAX, 1);                 // one for all: those of ended threads would stay
+    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // fixed, or malloc would raise it and keep 13 MB
+    mallopt(M_ARENA_MAX, 1);                 // the arenas of ended threads would keep their memory
 }
 
 // If descriptors 0 to 2 are closed, the first sockets would get these numbers and receive our log
@@ -36,7 +36,7 @@ int main() {
     ensure_standard_streams();
     unblock_standard_streams();
     return_freed_memory();
-    // Keeps the standard streams. If it cannot detach, the service runs all the same.
+    // The standard streams stay open. If daemon fails, the service runs in the foreground.
     [[maybe_unused]] const int ignored = daemon(0, 1);
     const std::shared_ptr<IpcGuiFetcher> fetcher = IpcGuiFetcher::getInstance();
     std::thread idle(foreverThread);
