@@ -1,4 +1,4 @@
-// A thread that nobody joins.
+// A detached thread.
 #pragma once
 
 #include <pthread.h>
@@ -8,9 +8,9 @@
 #include <new>
 #include <utility>
 
-// Runs action on a thread of its own, which also destroys it. If no thread can be started, the
-// process ends with action as it is. The thread is created detached: detaching it later
-// (std::thread::detach) may read freed memory inside the C library if it is just ending.
+// Runs action on a new thread, which also destroys action. If no thread can be started, aborts and
+// does not destroy action. Creates the thread detached, because std::thread::detach may read freed
+// memory in the C library if the thread ends at the same time.
 template <typename Action>
 void run_detached(const char* name, Action action) noexcept {
     struct Start {

@@ -19,18 +19,18 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int ROOM = 0x100000;     // bytes that wait for a reader, if the system allows as many
+constexpr int ROOM = 0x100000;     // bytes; capacity of a pipe, which the system may refuse
 constexpr auto LINE_TIME = 100ms;  // the reader has this long for a line that needs several writes
 
 // Trivially destructible: threads go on logging while the process exits.
 struct Stream {
     std::atomic<bool> is_socket{false};
-    std::atomic<bool> is_cut{false};  // its last line has no end yet
+    std::atomic<bool> is_cut{false};  // the last line was cut off before its line end
     std::atomic<unsigned> dropped{0};
 };
 std::array<Stream, STDERR_FILENO + 1> streams;
 
-// Collects a line and writes it in pieces that a pipe takes as a whole or not at all.
+// Collects a line and writes it in pieces. A pipe accepts each piece as a whole or not at all.
 class Line {
   public:
     explicit Line(int stream)
@@ -66,7 +66,7 @@ class Line {
 
   private:
     bool write() {
-        // A full socket refuses the write itself; poll would report it as full far earlier.
+        // Do not poll a socket: poll would report it as full far earlier than the write fails.
         if (m_begun || !m_stream.is_socket) {
             using std::chrono::ceil, std::chrono::milliseconds;
             const auto left = ceil<milliseconds>(m_end - Clock::now()).count();
@@ -87,11 +87,11 @@ class Line {
     const int m_descriptor;
     Stream& m_stream;
     const Clock::time_point m_end = Clock::now() + LINE_TIME;
-    unsigned m_dropped_before;  // reported at the head of this line
+    unsigned m_dropped_before;  // reported in front of this line
     bool m_ends_a_cut_line = false;
     std::array<char, PIPE_BUF> m_buffer;
     size_t m_size = 0;
-    bool m_begun = false;  // a part of the line is written already
+    bool m_begun = false;  // a part of the line has been written
     bool m_failed = false;
 };
 
@@ -103,12 +103,13 @@ void unblock_standard_streams() {
         if (fstat(stream, &status) != 0) continue;
         streams[static_cast<size_t>(stream)].is_socket = S_ISSOCK(status.st_mode);
         if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) continue;
-        // So that a burst is not lost while the reader reads.
+        // A large buffer keeps a burst of lines until the reader has read it.
         if (fcntl(stream, F_GETPIPE_SZ) < ROOM) fcntl(stream, F_SETPIPE_SZ, ROOM);
-        // O_NONBLOCK belongs to the open description, which others may share: take a new one.
+        // O_NONBLOCK belongs to the open file description, which other processes may share. So open
+        // a new one.
         const char* const path = stream == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2";
         const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-        if (own < 0) continue;  // poll alone has to do
+        if (own < 0) continue;  // the stream stays blocking; Line polls it before each write
         dup2(own, stream);
         close(own);
     }
