@@ -16,7 +16,7 @@ constexpr const char* CONTROL_SERVICE_ADDRESS = "127.0.0.1";
 constexpr uint16_t CONTROL_SERVICE_PORT = 3426;  // UDP
 
 char json_buffer[512];
-// No object of this file is destroyed at exit: receive threads still use them then.
+// Never destroyed, like every static object of this file: receive threads still run at exit.
 std::string& last_json = *new std::string;
 
 using Net = ButtonCmdNetId;
