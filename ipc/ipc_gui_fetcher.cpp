@@ -84,7 +84,7 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
         frame = cached->second;
     } else {
         mapPhysBuffer(fetcher, buffer);
-        // Runs only if the map cannot store the buffer.
+        // Runs only if cached_buffers has no memory for the buffer.
         // Deliberate: unmaps from the frame's first byte, with the size mapped last.
         const auto release = [&fetcher](unsigned char* start) {
             munmap(start, fetcher.m_mappedSize);
@@ -95,13 +95,14 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
 
     {
         const Lock lock(fetcher.m_comLibMutex);
-        // Deliberate: the size mapped last, not the announced one; all buffers have one size.
+        // Deliberate: passes the size mapped last, not the announced one; all buffers have one
+        // size.
         if (fetcher.m_comLib != nullptr) fetcher.m_comLib->push_frame(frame, fetcher.m_mappedSize);
     }
     clear(result);
 }
 
-// Deliberate: checks no result. A buffer that could not be mapped faults when it is read.
+// Deliberate: checks no result. If mmap fails, reading the frame ends the process by a signal.
 void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer) {
     const uint64_t page = buffer.phys_addr & PAGE_MASK;
     const uint64_t offset = buffer.phys_addr & OFFSET_MASK;

@@ -41,9 +41,8 @@ class IpcGuiFetcher {
     // reuse the frame's memory when it returns. A frame that cannot be mapped ends the process.
     static void ipcGuiBufReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
-    // The procedure for an identity; argument is a zero-terminated text of five characters, any
-    // other length ends the process. Returns when the old facade is destroyed. Does not touch the
-    // result.
+    // The procedure for an identity; argument is a zero-terminated text of five characters. Any
+    // other length ends the process. Returns when the old facade is destroyed. Leaves result as is.
     static void ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
   private:
@@ -59,10 +58,10 @@ class IpcGuiFetcher {
     std::shared_ptr<ComLibInterface> m_comLib GUARDED_BY(m_comLibMutex);
     Mutex m_comLibMutex;  // held while a frame is pushed, to keep the facade alive
 
-    static std::string& ID;        // of the first facade; a QR body does not change it
+    static std::string& ID;        // identity of the first facade; a QR body does not change it
     static const std::string& fw;  // firmware version text
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
-    static std::atomic<bool> m_published;  // m_guiFetcher is set and stays as it is
+    static std::atomic<bool> m_published;  // m_guiFetcher is set and will not change
     static Mutex m_instanceMutex;          // held while the fetcher is constructed
     // By physical address. Never shrinks: a display cycles through a few buffers.
     static std::map<uint64_t, std::shared_ptr<unsigned char>>& cached_buffers;

@@ -5,6 +5,6 @@
 #include <optional>
 #include <string>
 
-// Reads up to the first line that begins with BODY_QR= and returns the next five characters of it,
-// or as many as there are. Nothing if no line begins so.
+// Finds the first line that begins with BODY_QR= and returns the five characters after that, or
+// fewer if the line is shorter. Returns nothing if there is no such line.
 std::optional<std::string> read_identity(std::istream& settings);

@@ -1,4 +1,4 @@
-// Accepted sanitizer reports, all of them; only part of sanitizer builds.
+// All accepted sanitizer reports of the service. Only sanitizer builds contain this file.
 
 // Deliberate: the second registration replaces the first one's table without freeing it, because
 // the library may still read it.
@@ -7,14 +7,14 @@ extern "C" const char* __lsan_default_suppressions() {
     return "leak:sg_svc_register\n";
 }
 
-// The handler of SIGTERM calls exit. Ended threads are joined only when their unit is destroyed,
-// and exit destroys no units.
+// Accepted: the handler of SIGTERM calls exit, which is not async-signal-safe; and exit leaves
+// ended threads unjoined, because a network unit joins them only when it is destroyed.
 extern "C" const char* __tsan_default_options();
 extern "C" const char* __tsan_default_options() {
     return "report_signal_unsafe=0:report_thread_leaks=0";
 }
 
-// Nothing but the service's own lines on its output.
+// Keeps the output free of everything but the service's own lines.
 extern "C" const char* __lsan_default_options();
 extern "C" const char* __lsan_default_options() {
     return "print_suppressions=0";

@@ -16,7 +16,7 @@ int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, 
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGTERM, &action, nullptr);
 
-    // Deliberate: never freed, because the library may still read the table of the program before.
+    // Deliberate: never freed, because the library may still read the previous program's table.
     sg_svc_info.count = count;
     sg_svc_info.procedures =
         static_cast<IpcProcEntry*>(std::malloc(static_cast<size_t>(count) * sizeof(IpcProcEntry)));
@@ -28,7 +28,7 @@ int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, 
 
 void sg_svc_unregister(int, siginfo_t*, void*) {
     ambaipc_svc_unregister(sg_svc_prog, sg_svc_vers);
-    // exit always comes to its end although all other threads run on: no object that they use is
-    // destroyed at exit, and no stream has anything to flush.
+    // All other threads still run, but exit cannot hang or crash: it destroys no object that they
+    // use, and no stream has anything to flush.
     std::exit(0);
 }
