@@ -33,7 +33,7 @@ ComLibInterface::ComLibInterface(const std::string& id, const std::string& fw)
     try {
         m_sender_thread = std::thread(&ComLibInterface::_sender_loop, this);
     } catch (...) {
-        m_communicator->SetMessageHandler({});  // it holds this
+        m_communicator->SetMessageHandler({});  // the handler holds this
         throw;
     }
 }
@@ -66,8 +66,8 @@ void ComLibInterface::push_frame(std::shared_ptr<unsigned char> frame, uint64_t 
 
     const Lock lock(m_frame_mutex);
     _set_resolution(size);
-    // Deliberate: not clamped, and a smaller frame is read as a whole 1024 x 768 one. The core is
-    // trusted.
+    // Deliberate: does not clamp size, and reads any smaller frame as a whole 1024 x 768 one. The
+    // core is trusted.
     ReadFrame(m_back.data(), frame.get(), size >= FRAME_BUFFER_SIZE ? size : SMALL_FRAME_SIZE);
     m_frame_cv.notify_all();
     m_frame_ready = true;
@@ -77,10 +77,9 @@ void ComLibInterface::_sender_loop() {
     pthread_setname_np(pthread_self(), "frame-sender");
     const Lock wait_lock(m_wait_mutex);
     while (!m_stop) {
-        // Chooses a frame only when it can leave at once: until then, a newer one replaces it.
+        // Choose a frame only when it can leave at once. Until then, newer frames replace it.
         if (!m_controller->wait_until_sent()) continue;
-        // Waits with the frame's own mutex and flag: a frame that was accepted during SendImage is
-        // seen at once.
+        // m_frame_ready also reports a frame whose notification came during SendImage.
         const auto ready = [this]() REQUIRES(m_frame_mutex) { return m_frame_ready; };
         Lock lock(m_frame_mutex);
         if (m_frame_cv.wait_for(lock, SENDER_WAIT, ready)) {

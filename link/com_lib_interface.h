@@ -1,8 +1,8 @@
 // The one object through which the GUI reaches the companion: frames go out, messages come in.
 //
-// One slot: the newest frame wins; a frame that the sender has not taken is overwritten, so a slow
-// link never builds a backlog. Frames are only accepted while the companion shows signs of life.
-// With nothing new the last image is sent again every 500 ms.
+// One slot: the newest frame wins. A new frame overwrites one that the sender has not fetched yet,
+// so a slow link never builds a backlog. Frames are accepted only while keep-alives arrive from the
+// companion. Without a new frame, the last image is sent again every 500 ms.
 #pragma once
 
 #include <atomic>
@@ -27,14 +27,14 @@ class ComLibInterface {
     // Starts to search for a companion. id is the device's identity and must have exactly 5 bytes,
     // or std::runtime_error is thrown; fw is its firmware version text.
     ComLibInterface(const std::string& id, const std::string& fw);
-    // Drops the link; takes up to about 1.5 s, more while a send blocks.
+    // Drops the link. Needs up to about 1.5 s, more while a send blocks.
     ~ComLibInterface();
     ComLibInterface(const ComLibInterface&) = delete;
     ComLibInterface& operator=(const ComLibInterface&) = delete;
 
-    // Offers a frame of size bytes. FRAME_BUFFER_SIZE means 1280 x 960; every smaller size means
-    // 1024 x 768, and 1,572,864 bytes are read whatever it is. size must not be larger. The bytes
-    // are copied before the call returns; it blocks no longer than that.
+    // Offers a frame of size bytes, at most FRAME_BUFFER_SIZE, which means 1280 x 960. Every
+    // smaller size means 1024 x 768; then 1,572,864 bytes are read, whatever size says. The call
+    // copies the bytes and does not wait for the network.
     void push_frame(std::shared_ptr<unsigned char> frame, uint64_t size);
 
   private:
@@ -46,7 +46,7 @@ class ComLibInterface {
     void _on_message(uint16_t type, const std::vector<unsigned char>& payload);
     void _sender_loop();
 
-    // Destroyed in reverse order: the controller first, because its worker is the communicator.
+    // Destroyed in reverse order: the controller first, because it uses the communicator.
     std::shared_ptr<VeltraneCommunicator> m_communicator;
     std::shared_ptr<NetworkController> m_controller;
 
@@ -56,11 +56,11 @@ class ComLibInterface {
     std::vector<unsigned char> m_back GUARDED_BY(m_frame_mutex);
     std::thread m_sender_thread;
     std::condition_variable_any m_frame_cv;
-    Mutex m_wait_mutex;  // held by the sender for its whole life
+    Mutex m_wait_mutex;  // held by the sender thread for its whole life
     Mutex m_frame_mutex;
     bool m_frame_ready GUARDED_BY(m_frame_mutex) = false;  // a new frame waits in m_back
 
-    Clock::time_point m_last_alive GUARDED_BY(m_alive_mutex);  // of the last keep-alive
+    Clock::time_point m_last_alive GUARDED_BY(m_alive_mutex);  // when the last keep-alive came
     Mutex m_alive_mutex;
 
     std::atomic<bool> m_stop{false};

@@ -4,13 +4,13 @@
 
 namespace {
 
-// The widest that one instruction loads on every processor of the two architectures.
+// The widest load that every x86-64 and every 64-bit Arm processor has.
 using Vector [[gnu::vector_size(16), gnu::may_alias]] = unsigned char;
 using Word [[gnu::may_alias]] = uint64_t;
 
 constexpr size_t AT_ONCE = 8;  // vectors
 
-// Volatile: exactly this load. The compiler would turn the loops below into calls of memcpy.
+// Without volatile, the compiler would turn the loops below into calls of memcpy.
 template <typename T>
 T load(const unsigned char* from) {
     return *reinterpret_cast<const volatile T*>(from);

@@ -1,13 +1,13 @@
-// Copies a frame out of the core's memory. On 64-bit Arm, Linux may have mapped that as device
-// memory: there a load that is not aligned to its size ends the process by a signal, and loads are
-// neither merged nor fetched ahead. memcpy promises nothing for such memory.
+// Copies a frame out of the core's memory. On 64-bit Arm, Linux may map it as device memory, where
+// an unaligned load ends the process by a signal, and loads are neither merged nor prefetched.
+// memcpy may use unaligned loads.
 #pragma once
 
 #include <cstddef>
 #include <cstring>
 
-// Every load is aligned to its size and as wide as possible, eight are under way at a time, and
-// nothing outside the source is read.
+// Aligns every load to its size, loads as widely as possible, eight vectors at a time, and reads
+// nothing outside the source.
 [[gnu::noinline]] void CopyWide(unsigned char* to, const unsigned char* from, size_t size);
 
 inline void ReadFrame(unsigned char* to, const unsigned char* frame, size_t size) {
