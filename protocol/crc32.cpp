@@ -1,6 +1,6 @@
-// One checksum, three ways: eight tables at once anywhere, carry-less multiplication on x86-64 and
-// the checksum instructions on 64-bit Arm where the processor has them. All of them carry on the
-// same register from any byte to any other.
+// Three implementations of one checksum: eight tables on any processor, carry-less multiplication
+// on x86-64 and CRC instructions on 64-bit Arm, the last two where the processor has them. All of
+// them update the same register, so one can continue where another has stopped.
 #include "protocol/crc32.h"
 
 #include <array>
@@ -25,8 +25,7 @@ constexpr uint32_t shifted(uint32_t remainder) {
 
 using Table = std::array<uint32_t, 256>;
 
-// Entry i of table 0 is the reflected remainder of the byte value i, that of table n the same with
-// n zero bytes behind it.
+// Entry i of table n is the reflected remainder of the byte value i followed by n zero bytes.
 constexpr std::array<Table, 8> make_tables() {
     std::array<Table, 8> tables{};
     for (uint32_t i = 0; i < 256; ++i) {
@@ -62,15 +61,15 @@ uint32_t update_by_tables(uint32_t value, const unsigned char* bytes, uint64_t l
 
 #if defined(__x86_64__)
 
-// x to the power of n modulo the polynomial, reflected, in the place where carry-less
-// multiplication of reflected numbers wants it.
+// x to the power of n modulo the polynomial, reflected, and shifted by one bit, as carry-less
+// multiplication of reflected numbers needs it.
 constexpr long long power(int n) {
     uint32_t remainder = 0x80000000;
     for (; n > 0; --n) remainder = shifted(remainder);
     return static_cast<long long>(remainder) << 1;
 }
 
-// Moves 128 bits by BITS towards the end of the data without changing the remainder of the whole.
+// Moves a value BITS bits towards the end of the data; the remainder of all data stays the same.
 template <int BITS>
 __attribute__((target("pclmul"))) inline __m128i moved(__m128i value) {
     constexpr long long LOW = power(BITS + 32);
@@ -89,7 +88,7 @@ __attribute__((target("pclmul"))) uint32_t update_by_multiplying(uint32_t value,
                                                                  uint64_t length) {
     if (length < 64) return update_by_tables(value, bytes, length);
 
-    // Four lanes, because one multiplication takes as long as several can be started.
+    // Four lanes, because the processor starts further multiplications while one still runs.
     __m128i lanes[4];
     for (size_t i = 0; i < 4; ++i) lanes[i] = load128(bytes + 16 * i);
     lanes[0] = _mm_xor_si128(lanes[0], _mm_cvtsi32_si128(static_cast<int>(value)));
@@ -103,7 +102,7 @@ __attribute__((target("pclmul"))) uint32_t update_by_multiplying(uint32_t value,
     for (; length >= 16; bytes += 16, length -= 16) {
         sum = _mm_xor_si128(moved<128>(sum), load128(bytes));
     }
-    // What is left has the remainder of all that came before.
+    // These 16 bytes have the same remainder as all the data before.
     std::array<unsigned char, 16> rest;
     std::memcpy(rest.data(), &sum, sizeof sum);
     return update_by_tables(update_by_tables(0, rest.data(), rest.size()), bytes, length);

@@ -3,5 +3,5 @@
 
 #include <cstdint>
 
-// Checksum of length bytes; 0 for a length of 0, whose pointer is not looked at. Reentrant.
+// Returns the checksum of length bytes, or 0 if length is 0; bytes may then be null. Reentrant.
 uint32_t Crc32(const unsigned char* bytes, uint64_t length);

@@ -1,4 +1,4 @@
-// The link's frame: what every message between device and companion travels in, in both directions.
+// The link's frame, which carries every message between device and companion, in both directions.
 //
 //   offset  size  field (all integers little-endian)
 //        0    32  start sequence, STARTING_SEQUENCE

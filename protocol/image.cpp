@@ -9,9 +9,8 @@ namespace {
 
 constexpr uint32_t RUN_MAX = 65535;  // pixels; a length is one word
 
-// Pixels of which the run ends are found before they are written, so that both loops are simple:
-// few enough for the two lists to stay in the innermost cache, and less than RUN_MAX, so that only
-// the first run that ends in a chunk can be too long.
+// Pixels per chunk. The chunk's lists of run ends and values fit into the L1 cache. A chunk is
+// shorter than RUN_MAX, so only the first run that ends in it can be too long.
 constexpr uint32_t CHUNK = 4096;
 
 }  // namespace
@@ -24,7 +23,7 @@ uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
     const auto make_room = [&](uint64_t count) {
         while (words.size() < position + count) words.resize(words.size() * 2);
     };
-    uint32_t start = 0;  // of the run to be written next
+    uint32_t start = 0;  // first pixel of the next run
     const auto write_run = [&](uint32_t end, uint16_t value) {
         while (start < end) {
             const uint32_t length = std::min(end - start, RUN_MAX);

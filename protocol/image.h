@@ -7,17 +7,16 @@
 //   word 4, 5  second run, and so on, row by row
 //
 // Pixels are 16-bit ARGB 4:4:4:4. A pixel whose top four bits are zero is transparent, whatever its
-// colour, and is sent as 0, so that all of them fall into one run. Two things are lost on purpose,
-// and every companion expects it: the first pixel keeps its raw value, and the last pixel of the
-// image is not sent.
+// colour, and is sent as 0, so that neighbours with different colours form one run. Every companion
+// expects two exceptions: the first pixel is sent unchanged, and the last pixel is not sent.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-// Encodes width x height pixels into words from index at on. words holds at least at + 2 words and
-// is doubled where it does not suffice. Returns the payload length in bytes (twice the number of
-// words written). Throws std::bad_alloc when words cannot grow. Reentrant.
+// Encodes width x height pixels into words, from index at on. words must hold at least at + 2 words
+// and is doubled when it is full. Returns the payload length in bytes (twice the number of words
+// written). Throws std::bad_alloc when words cannot grow. Reentrant.
 uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
                      std::vector<uint16_t>& words, size_t at = 0);

@@ -24,7 +24,7 @@ int32_t LzoCompress(const unsigned char* source, unsigned int source_length,
         }
         initialised = true;  // not tried again, even if it failed
     }
-    // A warning only: the compressor is asked all the same.
+    // Only a warning: the compressor is called all the same.
     if (source == nullptr || destination == nullptr) write_line(STDOUT_FILENO, "out of memory");
 
     lzo_uint length = *destination_length;

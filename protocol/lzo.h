@@ -1,5 +1,5 @@
-// LZO1X behind two calls. The service does not use them: frames carry their payloads uncompressed,
-// and images are made small by run-length encoding.
+// Compression with LZO1X. The service does not use it: frames carry uncompressed payloads, and
+// images are run-length encoded.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 int32_t LzoCompress(const unsigned char* source, unsigned int source_length,
                     unsigned char* destination, unsigned int* destination_length);
 
-// Decompresses trusted data: nothing is checked against the size of destination. Returns 0, with
+// Decompresses trusted data: may write beyond destination if the data is damaged. Returns 0, with
 // the decompressed size in *destination_length, or -1. Reentrant.
 int32_t LzoDecompress(const unsigned char* source, unsigned int source_length,
                       unsigned char* destination, unsigned int* destination_length);

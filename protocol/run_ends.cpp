@@ -1,14 +1,15 @@
-// Compiled once for each set of vector instructions (foreach_target.h includes this file again and
-// again); the best one that the processor has is chosen at run time. 64-bit Arm has one only, which
-// makes the choice, and the library behind it, unnecessary there.
+// Compiled once for each set of vector instructions: foreach_target.h includes this file
+// repeatedly. At run time, libhwy chooses the best set that the processor has. 64-bit Arm has only
+// one set, so it needs no choice and no library.
 #include "protocol/run_ends.h"
 
 #include <array>
 
-// Left out: sets for which this code gains nothing over the next smaller one, and scalable vectors.
+// Disables the sets with which this code is no faster than with the next smaller one, and scalable
+// vectors.
 #define HWY_DISABLED_TARGETS \
     (HWY_SSSE3 | HWY_AVX3 | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128)
-#define HWY_WANT_AVX3_DL  // AVX-512 as it is since it compresses 16-bit lanes
+#define HWY_WANT_AVX3_DL  // the AVX-512 that can compress 16-bit lanes
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "protocol/run_ends.cpp"
 #include <hwy/foreach_target.h>
@@ -19,8 +20,8 @@
 
 namespace {
 
-// Row i moves those of eight 16-bit lanes to the front whose bits are set in i, as byte indices.
-// Highway has such tables, but GCC 12 copies them to the stack for every use.
+// Byte indices for a shuffle of eight 16-bit lanes. Row i moves the lanes whose bits are set in i
+// to the front. Highway (hwy) has such tables, but GCC 12 copies them to the stack for every use.
 constexpr auto make_compress_table() {
     std::array<std::array<uint16_t, 8>, 256> table{};
     for (unsigned bits = 0; bits < table.size(); ++bits) {
@@ -57,7 +58,7 @@ namespace hn = hwy::HWY_NAMESPACE;
 const hn::ScalableTag<uint16_t> WIDE;
 const hn::Full128<uint16_t> EIGHT;
 constexpr size_t LANES = hn::MaxLanes(WIDE);
-constexpr size_t BLOCK = 32;  // pixels, skipped at once where no run ends
+constexpr size_t BLOCK = 32;  // pixels; skipped as a whole if no run ends among them
 static_assert(BLOCK % LANES == 0 && LANES <= RUN_ENDS_SLACK);
 
 template <class Tag>
@@ -65,13 +66,13 @@ HWY_INLINE auto opaque(Tag tag, hn::Vec<Tag> pixels) {
     return hn::Ne(hn::And(pixels, hn::Set(tag, 0xFFFF - TRANSPARENT_MAX)), hn::Zero(tag));
 }
 
-// The lanes in which two pixels do not belong to one run.
+// The lanes in which two pixels belong to different runs.
 template <class Tag>
 HWY_INLINE auto differ(Tag tag, hn::Vec<Tag> pixels, hn::Vec<Tag> others) {
     return hn::And(hn::Ne(pixels, others), opaque(tag, hn::Or(pixels, others)));
 }
 
-// Whether all pixels of a block and the one behind it belong to one run.
+// Returns whether all pixels of a block, and the one after it, belong to one run.
 HWY_INLINE bool one_run(const uint16_t* block) {
     const auto first = hn::Set(WIDE, block[0]);
     auto other = differ(WIDE, first, hn::LoadU(WIDE, block + 1));
@@ -87,7 +88,7 @@ HWY_INLINE auto value_at(Tag tag, const uint16_t* pixels) {
     return hn::IfThenElseZero(opaque(tag, pixel), pixel);
 }
 
-// Handles as many whole blocks as there are and says in done how many pixels that were.
+// Handles all whole blocks, and sets done to the number of their pixels.
 size_t find_in_vectors(const uint16_t* HWY_RESTRICT pixels, size_t count,
                        uint16_t* HWY_RESTRICT ends, uint16_t* HWY_RESTRICT values, size_t& done) {
     size_t found = 0;
@@ -103,7 +104,7 @@ size_t find_in_vectors(const uint16_t* HWY_RESTRICT pixels, size_t count,
             hn::StoreU(hn::Compress(value_at(WIDE, pixels + i), mask), WIDE, values + found);
             found += hn::CountTrue(WIDE, mask);
 #else
-            uint8_t bits[8];  // the least that StoreMaskBits wants
+            uint8_t bits[8];  // the minimum for StoreMaskBits
             hn::StoreMaskBits(WIDE, mask, bits);
             for (size_t j = 0; j < LANES; j += 8) {
                 const auto end = hn::Iota(EIGHT, static_cast<uint16_t>(i + j + 1));

@@ -13,12 +13,12 @@ namespace {
 
 constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB, so that a typical screen encodes in place
 
-// An image is encoded into its frame, behind room for the header.
+// An image is encoded into its frame, after room for the header.
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
-// The calling thread's number, 0 until it delivers. A thread receives for one connection; its
-// number, unlike its id, is never used again.
+// The calling thread's number; 0 until its first bytes. A thread receives for one connection only,
+// so its number identifies the connection. Unlike a thread's id, it is never reused.
 std::atomic<uint64_t> last_connection{0};
 thread_local uint64_t this_connection = 0;
 
@@ -32,7 +32,7 @@ std::vector<unsigned char> build_identity_frame(const std::string& id,
                       payload.size());
 }
 
-// The first start sequence, or null. Mostly it begins where the last frame ended.
+// Returns the first start sequence, or null. Tries the first bytes first: usually it is there.
 const unsigned char* find_start(const unsigned char* data, uint64_t count) {
     const auto& start = STARTING_SEQUENCE;
     if (count < start.size()) return nullptr;
@@ -54,7 +54,7 @@ VeltraneCommunicator::VeltraneCommunicator(const std::string& device_id,
       m_image_frame(HEADER_WORDS + IMAGE_WORDS),
       m_last_image_frame(HEADER_WORDS + IMAGE_WORDS) {}
 
-// Bytes that are not consumed yet.
+// The bytes that are not consumed yet.
 struct VeltraneCommunicator::Stream {
     const unsigned char* begin;
     const unsigned char* end;
@@ -76,7 +76,7 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
         return;
     }
 
-    // Without an incomplete frame from before, reads the frames in place.
+    // Read the frames in place, unless data completes an earlier frame.
     Stream stream = {data, data + count};
     if (is_kept) {
         std::vector<unsigned char>& buffer = kept->second;
@@ -124,7 +124,7 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
     return stream.size() != 0;
 }
 
-// Keeps what a connection's next bytes may complete.
+// Keeps an incomplete frame, which the connection's next bytes may complete.
 void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool is_link) {
     const auto kept = m_receive_buffers.find(connection);
     if (stream.size() == 0) {
@@ -149,7 +149,7 @@ void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool
 }
 
 void VeltraneCommunicator::OnConnectionEnd() {
-    if (this_connection == 0) return;  // a copy of the callback, gone on another thread
+    if (this_connection == 0) return;  // not a receive thread, but one that destroyed a copy
     const Lock lock(m_receive_mutex);
     m_receive_buffers.erase(this_connection);
 }
@@ -210,7 +210,7 @@ std::vector<unsigned char> VeltraneCommunicator::GetIdentityFrame() {
 }
 
 void VeltraneCommunicator::_send(const unsigned char* frame, uint64_t size) {
-    if (size == 0) return;  // too large to be built, or nothing to repeat
+    if (size == 0) return;  // too large for a frame, or nothing to repeat
     std::shared_ptr<NetworkController> controller;
     {
         const Lock lock(m_controller_mutex);

@@ -1,13 +1,11 @@
-// Turns the bytes of connections into messages, and messages into frames. Received bytes are
-// reassembled, checked and dispatched: messages go to the message handler, requests are answered
-// here. Owns no socket and no thread; sends through the controller, and drops what it is given
-// while there is no controller.
+// Turns the bytes of connections into messages, and messages into frames. Reassembles and checks
+// received bytes, passes messages to the message handler, and answers requests itself. Owns no
+// socket and no thread; sends through the controller, and sends nothing while there is none.
 //
-// The part of a frame that a connection has not completed yet is kept for that connection alone. A
-// damaged stream loses no more than what is buffered: all of it goes without a start sequence, with
-// an announced frame above MAX_SIZE, or with more than MAX_SIZE bytes pending. All connections
-// together keep at most MAX_SIZE bytes; beyond that the one that keeps the most loses them, the
-// link last.
+// Keeps each connection's incomplete frame separately. A damaged stream loses only its buffered
+// bytes: all of them are dropped if they contain no start sequence, if they announce a frame above
+// MAX_SIZE, or if they would be more than MAX_SIZE. All connections together keep at most MAX_SIZE
+// bytes; beyond that the connection that keeps the most loses its bytes, the link last.
 #pragma once
 
 #include <cstdint>
@@ -31,9 +29,9 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     // text.
     VeltraneCommunicator(const std::string& device_id, const std::string& firmware);
 
-    // Calls are serialised. A thread receives for one connection: the part of a frame at the end of
-    // data waits for the next call from the same thread, and a length of 0 changes nothing. An
-    // exception of handler or signal goes to the caller, and its frame stays buffered.
+    // Calls are serialised. A thread receives for one connection: an incomplete frame at the end of
+    // data waits for the next call from the same thread. A count of 0 changes nothing. An exception
+    // from handler or signal goes to the caller; the frame that caused it stays buffered.
     void OnDataReceived(const unsigned char* data, uint64_t count,
                         const std::function<void()>& signal, bool deliver_all) override;
     void OnConnectionEnd() override;
@@ -58,7 +56,7 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     void _keep(uint64_t connection, const Stream& stream, bool is_link) REQUIRES(m_receive_mutex);
     void _send(const unsigned char* frame, uint64_t size);
 
-    Mutex m_receive_mutex;  // taken before the next two
+    Mutex m_receive_mutex;  // locked before the next two
     // Incomplete frames, by connection; an entry is never empty.
     std::map<uint64_t, std::vector<unsigned char>> m_receive_buffers GUARDED_BY(m_receive_mutex);
 
@@ -72,9 +70,9 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     const std::string m_firmware;
     const std::vector<unsigned char> m_identity_frame;
 
-    // Only touched by the sending thread. They swap roles with every image, so that nothing is
-    // copied or allocated; vectors of words, because words are what is encoded.
-    std::vector<uint16_t> m_image_frame;       // the next one is encoded here
-    std::vector<uint16_t> m_last_image_frame;  // the one to be repeated
-    uint64_t m_last_image_size = 0;            // its bytes; 0 if there is none
+    // Only for the sending thread. The two vectors swap with every image, so that nothing is copied
+    // or allocated.
+    std::vector<uint16_t> m_image_frame;       // the next image is encoded here
+    std::vector<uint16_t> m_last_image_frame;  // the image to repeat
+    uint64_t m_last_image_size = 0;            // bytes; 0 if there is no last image
 };
