@@ -1,5 +1,5 @@
-// Owns one socket descriptor for its whole life: creates it, refuses to exist without one, closes
-// it. For everything else, use the system's calls on the descriptor.
+// Owns one socket descriptor for its whole life: the constructor creates it or throws, the
+// destructor closes it. For everything else, use the system's calls on the descriptor.
 #pragma once
 
 #include <sys/socket.h>
@@ -7,8 +7,8 @@
 
 #include <stdexcept>
 
-// A template over the socket primitives, each with its signature, then over the address type and
-// the integer types of domain, type and protocol. The service only uses NetSocket<>.
+// The template parameters are the socket primitives, each with its signature, then the address type
+// and the integer types of domain, type and protocol. The service only uses NetSocket<>.
 template <typename CreateSignature = int(int, int, int), CreateSignature* Create = ::socket,
           typename CloseSignature = int(int), CloseSignature* Close = ::close,
           typename ConnectSignature = int(int, const sockaddr*, unsigned int),
@@ -20,7 +20,7 @@ template <typename CreateSignature = int(int, int, int), CreateSignature* Create
           typename Type = int, typename Protocol = int>
 class NetSocket {
   public:
-    // Throws std::runtime_error if the system gives no socket.
+    // Throws std::runtime_error if the system cannot create a socket.
     NetSocket(Domain domain, Type type, Protocol protocol)
         : _descriptor(Create(domain, type, protocol)) {
         if (_descriptor == _invalid) throw std::runtime_error("NetSocket: couldn't create socket");

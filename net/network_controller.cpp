@@ -24,10 +24,10 @@ namespace {
 constexpr unsigned short PEER_PORT = LINK_PORT;
 constexpr auto SWEEP_INTERVAL = 1s;            // a candidate has about this long to be accepted
 constexpr size_t MAX_CANDIDATES = 32;          // each costs a socket and a thread
-constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;     // in a sweep; bounds the connections to one host
-constexpr size_t MAX_HOSTS = 1024;             // with turns; no others are admitted in a sweep
-constexpr unsigned SWEEPS_REMEMBERED = 60;     // then all hosts start anew
-constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then it is another candidate's turn
+constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;     // per sweep; bounds the connections to one host
+constexpr size_t MAX_HOSTS = 1024;             // that have turns; others wait for the next sweep
+constexpr unsigned SWEEPS_REMEMBERED = 60;     // then the turns of all hosts are forgotten
+constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then another candidate is examined
 
 // How often a host has been a candidate.
 struct Turns {
@@ -35,8 +35,8 @@ struct Turns {
     unsigned in_sweep = 0;
 };
 
-// Lives in the callback of a connection. A copy that goes on another thread reports the end of a
-// connection that does not exist.
+// Part of a connection's callback: when the receive thread destroys it, the connection has ended.
+// The worker ignores reports of copies that other threads destroy.
 struct ConnectionEnd {
     std::weak_ptr<NetworkController::NetworkWorker> worker;
 
@@ -47,9 +47,10 @@ struct ConnectionEnd {
 
 }  // namespace
 
-// The callbacks of units work on this, for as long as they run.
+// The data that the callbacks of units use. The callbacks share the ownership of this data, because
+// they may outlive the controller.
 struct NetworkController::State {
-    // Lists throughout: units move between them without an allocation that could fail.
+    // Lists, because splice moves a unit between them without an allocation, which could fail.
     using Units = std::list<std::unique_ptr<NetworkUnit>>;
 
     std::atomic<bool> m_stop{false};
@@ -66,7 +67,7 @@ struct NetworkController::State {
     uint64_t m_last_ticket GUARDED_BY(m_mutex) = 0;
     uint64_t m_examined_ticket GUARDED_BY(m_mutex) = 1;
     std::condition_variable_any m_next_examination;
-    NetworkUnit* m_pending GUARDED_BY(m_mutex) = nullptr;  // the one being examined
+    NetworkUnit* m_pending GUARDED_BY(m_mutex) = nullptr;  // the candidate being examined
 
     std::weak_ptr<NetworkWorker> m_worker;  // constant
 
@@ -77,7 +78,7 @@ struct NetworkController::State {
     static Units::iterator find(Units& units, const NetworkUnit* unit) {
         return std::ranges::find(units, unit, &std::unique_ptr<NetworkUnit>::get);
     }
-    // Not dropped, and no other one is linked.
+    // Returns true if the unit is not dropped and no other unit is linked.
     bool may_speak(const NetworkUnit* unit) EXCLUDES(m_mutex) {
         const Lock lock(m_mutex);
         return find(m_dropped, unit) == m_dropped.end() &&
@@ -86,9 +87,9 @@ struct NetworkController::State {
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
 
-// Whether there is a place for a candidate. Hosts that had fewer turns go first: when all places
-// are taken, the host with the most turns makes room for another one. Of several such hosts it is
-// one that is not connected (answers can be spoofed), or else the one that was listed first.
+// Returns whether a host may become a candidate now, and counts the turn. If all places are taken,
+// drops the candidate whose host had the most turns, if that is more than this host had; of several
+// such candidates, an unconnected one (answers can be spoofed), or else the one listed first.
 bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];
@@ -118,8 +119,8 @@ NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worke
 
 NetworkController::~NetworkController() {
     State& state = *m_state;
-    // Once m_stop is set, only a running sweep adds units; a second clear after the join stops
-    // them.
+    // Once m_stop is set, only a running sweep adds units. The second _clear_all, after the join,
+    // stops those.
     state.m_stop = true;
     _clear_all(m_state);
     {
@@ -134,7 +135,7 @@ NetworkController::~NetworkController() {
         units.splice(units.end(), state.m_seekers);
         units.splice(units.end(), state.m_dropped);
     }
-    // Not on this thread: it may be a unit's own, which would join itself.
+    // Never destroy units on this thread: it may belong to one of them, which would join itself.
     if (!units.empty()) run_detached("destroyer", [owned = std::move(units)] {});
 }
 
@@ -179,7 +180,7 @@ void NetworkController::_seeker_found(const SharedState& state,
 
 void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit) {
     if (unit == nullptr) return;
-    _destroy_stopped(state);  // a refused connection gives its place back here
+    _destroy_stopped(state);  // frees the places of refused connections
     {
         const Lock lock(state->m_mutex);
         if (state->m_stop || !state->m_current.empty() || !state->admit(unit->address())) return;
@@ -197,7 +198,8 @@ void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<Ne
 
 void NetworkController::_data_receive(const SharedState& state, const unsigned char* data,
                                       uint64_t length, NetworkUnit* unit) {
-    // An exception ends the receiving; a link that nobody reads must not stay.
+    // An exception ends the receive thread. Drop the link then, because no thread reads it any
+    // more.
     struct Guard {
         const SharedState& state;
         const NetworkUnit* unit;
@@ -223,11 +225,12 @@ void NetworkController::_data_receive(const SharedState& state, const unsigned c
     }
 }
 
-// One candidate at a time, in small portions: each gets its own answers, and soon. What a candidate
-// still has to say once it is dropped or another one is linked is not examined.
+// Examines one candidate at a time, so that answers go to the right one, and in small portions, so
+// that no candidate waits long. Stops when the candidate is dropped or another one is linked.
 void NetworkController::_examine(const SharedState& state, const unsigned char* data,
                                  uint64_t length, NetworkUnit* unit, NetworkWorker& worker) {
-    // Ends on every way out: others wait, and the unit may be destroyed soon after.
+    // The destructor ends the examination even after an exception, because other candidates wait
+    // and the unit may soon be destroyed.
     class Examination {
       public:
         Examination(State& state, NetworkUnit* unit) : m_state(state) {
@@ -266,7 +269,7 @@ void NetworkController::_set_current(const SharedState& state, const NetworkUnit
         const Lock lock(state->m_mutex);
         auto& candidates = state->m_candidates;
         const auto node = State::find(candidates, unit);
-        // Not listed yet, or given up: the request has no effect on anybody.
+        // Not listed yet, or given up: the connect request has no effect.
         if (node == candidates.end() || !unit->connected()) return;
         auto& current = state->m_current;
         if (!current.empty()) state->drop(current, current.begin());
@@ -314,8 +317,8 @@ void NetworkController::_clear_current(const SharedState& state, const NetworkUn
     if (!current.empty() && current.front().get() == unit) state->drop(current, current.begin());
 }
 
-// Seekers stay: their searches end by themselves. Until then an answer counts whichever of the
-// sockets that share the port receives it.
+// Drops all candidates. Seekers stay: their searches end by themselves. Their sockets share a port,
+// so until then any of them may receive an answer, even one to a newer broadcast.
 void NetworkController::_clear_all(const SharedState& state) {
     const Lock lock(state->m_mutex);
     while (!state->m_candidates.empty()) {

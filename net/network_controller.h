@@ -1,11 +1,12 @@
-// Keeps the device linked to exactly one peer. While none is linked, a discovery sweep runs about
-// once a second on every interface, and every host that answers becomes a candidate: it gets a TCP
-// connection, and its bytes go to the worker (the link protocol) until the worker accepts one. That
-// one becomes current, all others are dropped. A failed send or the end of its connection drops the
-// current one; what was being sent is lost, and the search begins again.
+// Keeps the device linked to exactly one peer. While it is not linked, a discovery sweep runs about
+// once a second on every interface. Every host that answers becomes a candidate: the controller
+// opens a TCP connection to it and hands its bytes to the worker (the link protocol). When the
+// worker accepts a candidate, that unit becomes the current one, and all others are dropped. A
+// failed send or the end of the connection drops the current unit and the data being sent; then the
+// search begins again.
 //
-// A dropped unit is asked to stop at once. It is destroyed when its threads have ended, so that
-// nobody waits for it and no thread joins itself. Its callbacks may come after the controller's
+// A dropped unit is stopped at once, but destroyed only when its threads have ended, so that
+// nothing waits for it and no thread joins itself. Its callbacks may run after the controller's
 // end: they share the state below and never touch the controller.
 #pragma once
 
@@ -19,17 +20,17 @@ class NetworkUnit;
 
 class NetworkController {
   public:
-    // The link protocol, as the controller sees it: the worker does something useful with bytes.
-    // (The thread that searches is the controller's own and has nothing to do with it.)
+    // The link protocol, as the controller sees it. (Do not confuse it with m_worker_thread, on
+    // which the controller searches.)
     class NetworkWorker {
       public:
-        // Receives bytes of the calling thread's connection, valid only during the call. signal, if
-        // not empty, makes that connection the link. With deliver_all false only keep-alives reach
-        // the message handler. A length of 0 is the end of a candidate's connection. Called from
-        // several threads.
+        // Receives bytes of the calling thread's connection, valid only during the call. The worker
+        // calls signal, if it is not empty, to make that connection the link. With deliver_all
+        // false, only keep-alives reach the message handler. A length of 0 means that a candidate's
+        // connection has ended. Called from several threads.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
-        // Keeps a weak pointer to where everything is sent.
+        // Keeps a weak pointer to the controller, through which the worker sends.
         virtual void SetController(const std::shared_ptr<NetworkController>& controller) = 0;
         // Installs the handler of the peer's messages: type and payload.
         virtual void SetMessageHandler(
@@ -37,32 +38,31 @@ class NetworkController {
         virtual void SendIdentity() = 0;
         virtual void SendData(const unsigned char* data, uint64_t length) = 0;
         virtual void SendImage(const uint16_t* pixels, uint16_t width, uint16_t height) = 0;
-        // The payload of discovery.
+        // The datagram that discovery broadcasts.
         virtual std::vector<unsigned char> GetIdentityFrame() = 0;
         virtual ~NetworkWorker() = default;
         // The calling thread's connection has ended: nothing more will come from this thread.
         virtual void OnConnectionEnd() {}
     };
 
-    // Starts to search at once. The worker is kept as a weak pointer and must outlive the
+    // Starts to search at once. Keeps a weak pointer to the worker, which must outlive the
     // controller.
     explicit NetworkController(const std::shared_ptr<NetworkWorker>& worker);
-    // Drops all units; waits up to 1 s for the searching thread, and for a send under way.
+    // Drops all units. Waits up to 1 s for the search thread, and for a send that is in progress.
     virtual ~NetworkController();
 
     NetworkController(const NetworkController&) = delete;
     NetworkController& operator=(const NetworkController&) = delete;
 
-    // Sends to the linked peer, or else to the candidate whose bytes the worker is examining, or
-    // else drops the data. Blocks for at most 6 s, after a send under way; a peer that has not
-    // taken the data by then is dropped. A candidate that has no room for all of it is dropped at
-    // once.
+    // Sends to the linked peer. Without a link, sends to the candidate that is being examined; if
+    // there is none, drops the data. Blocks for at most 6 s, after an earlier send has ended, and
+    // drops a peer whose socket has not accepted the data by then. Drops a candidate at once if its
+    // socket has no room for all the data.
     void send(const unsigned char* data, uint64_t length);
 
-    // Waits until the linked peer's connection has sent nearly all that it was given: what waits in
-    // the send buffer cannot be replaced by anything newer. Holds nobody else up. Blocks for at
-    // most 3 s: then returns false if it is still sending, and drops a peer to which it could send
-    // nothing.
+    // Waits until the linked peer's send buffer is nearly empty, because data in it cannot be
+    // replaced by newer data. Holds no lock while it waits, at most 3 s. After that, returns false
+    // if the connection is still sending, or drops the peer if nothing was sent.
     bool wait_until_sent();
 
   private:

@@ -1,8 +1,8 @@
-// One IPv4 endpoint of the link: a local interface, whose subnet is searched for peers, or a remote
-// host that was found, to which the link's TCP connection is opened. The controller works with this
+// One IPv4 endpoint of the link. It is either a local interface, whose subnet is searched for
+// peers, or a peer that was found, to which a TCP connection is opened. The controller uses this
 // interface; NetworkUnitV4 implements it.
 //
-// A unit owns its threads. They never take its mutex, so a callback that runs on one of them may
+// A unit owns its threads. They never lock its mutex, so a callback that runs on one of them may
 // call send of the same unit; it must not call tcp_connect or join.
 #pragma once
 
@@ -18,8 +18,8 @@
 
 class NetworkUnit;
 
-// Receives a unit that was found. The callee moves it out to keep it; a unit left in the pointer is
-// destroyed right after the call.
+// Receives a unit that was found. To keep the unit, the callee moves it out of the pointer; else it
+// is destroyed right after the call.
 using UnitFoundCallback = std::function<void(std::unique_ptr<NetworkUnit>&&)>;
 
 // Receives bytes of a unit's connection, valid only during the call. A null pointer with length 0
@@ -30,7 +30,7 @@ using DataReceivedCallback =
 class NetworkUnit {
   public:
     static constexpr unsigned long BUFFER_SIZE = 0x100000;    // bytes; socket and receive buffers
-    static constexpr uint32_t SINGLE_NODE_MASK = 0xFFFFFFFF;  // of a unit that is exactly one host
+    static constexpr uint32_t SINGLE_NODE_MASK = 0xFFFFFFFF;  // mask of a unit that is one host
 
     // The only valid answer to a discovery broadcast: an empty ConnectRequest frame, spelled out
     // because this folder does not include the protocol.
@@ -39,17 +39,17 @@ class NetworkUnit {
         0x2E, 0x4F, 0x0C, 0x6A, 0x18, 0xB3, 0xE5, 0x9D, 0x7F, 0x20, 0x41, 0xC8, 0xA6, 0xE3,
         0xB9, 0xD0, 0x5F, 0x17, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04, 0x00};
 
-    // Opens the TCP connection to the unit's address and starts to receive, in the background. An
-    // earlier connection is ended first. Failures are only logged to standard error. A refused
-    // connection is not logged; send() returns false.
+    // Ends an earlier connection, then opens the TCP connection to the unit's address and starts to
+    // receive, in the background. Logs failures to standard error. A refused connection is not
+    // logged; send() returns false.
     virtual void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) = 0;
 
-    // Sends on the TCP connection; true only if all of it was handed to the system in one call.
-    // Blocks for 6 s at most.
+    // Sends on the TCP connection. Returns true only if the system accepted all the data in one
+    // call. Blocks for 6 s at most.
     virtual bool send(const unsigned char* data, unsigned long length) = 0;
 
-    // Starts a discovery of about 3 s in the background; each peer found is handed to on_found, on
-    // a thread of this unit. Call join before a second discovery, or the process ends.
+    // Starts a discovery of about 3 s in the background. Passes each peer found to on_found, on a
+    // thread of this unit. Call join before a second discovery, or the process ends.
     virtual void ping(const UnitFoundCallback& on_found) = 0;
 
     // Waits for the unit's threads to end by themselves.
@@ -58,11 +58,11 @@ class NetworkUnit {
     // Writes "Host: ADDRESS(MASK)" to standard output.
     virtual void print_host() const = 0;
 
-    // Stops the unit's threads and waits for them. That takes seconds while a discovery runs.
+    // Stops the unit's threads and waits for them, up to some seconds while a discovery runs.
     virtual ~NetworkUnit() = default;
 
-    // Ends the connection now, without waiting for its thread; sends fail from now on. A discovery
-    // goes on to its end. Blocks while a send does.
+    // Ends the connection without waiting for its thread. Sends fail from now on. A discovery runs
+    // to its end. Blocks while a send blocks.
     virtual void stop() = 0;
 
     // The TCP connection has been established, and stop was not called.
@@ -71,7 +71,7 @@ class NetworkUnit {
     // No thread of the unit runs any more: destroying it does not block.
     virtual bool stopped() const = 0;
 
-    // Like send, but never blocks: what finds no room is not sent.
+    // Like send, but never blocks: sends only what fits into the socket's send buffer.
     virtual bool send_at_once(const unsigned char* data, unsigned long length) = 0;
 
     // IPv4 address in network byte order.
@@ -95,5 +95,5 @@ class NetworkUnit {
     mutable std::atomic<bool> _ping_done{false};  // the discovery sender has finished its wait
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
     mutable std::atomic<bool> _connected{false};  // the last tcp_connect has succeeded
-    mutable std::atomic<int> _running{0};         // threads of discovery and connection
+    mutable std::atomic<int> _running{0};         // running threads of discovery and connection
 };

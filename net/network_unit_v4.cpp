@@ -43,8 +43,8 @@ void set_low_water_mark(int fd, int bytes) {
     setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
 }
 
-// Zero-filled bytes, mapped: they cost memory only as far as they are written to, and the system
-// gets them back at once when the connection ends.
+// A separate mapping: a page costs memory only after the first write to it, and all memory returns
+// to the system when the connection ends.
 class ReceiveBuffer {
   public:
     explicit ReceiveBuffer(size_t size)
@@ -104,7 +104,8 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         const int fd = _socket->descriptor();
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
         setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
-        // Deliberate: 8 bytes where the system reads 4, which is right on a little-endian machine.
+        // Deliberate: passes 8 bytes, of which the system reads 4. Right on a little-endian
+        // machine.
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         _connected = false;
@@ -138,14 +139,15 @@ bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
 
-// Less than a segment may be left: TCP keeps that until the rest is acknowledged. The mark holds
-// for the wait only. A send may still fill the buffer, so a large frame on a slow link keeps within
-// its time-out.
+// Accepts an unsent rest of less than a segment: TCP holds it back until earlier data is
+// acknowledged. Resets the low-water mark after the wait, so that a send may fill the whole buffer
+// and a large frame on a slow link does not time out.
 NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket) {
     const int fd = socket.descriptor();
     const int before = unsent(fd);
     if (before == 0) return Progress::Sent;
-    set_low_water_mark(fd, 2 * segment_size(fd));  // the system waits for less than half of it
+    // poll returns when less than half of the mark is unsent.
+    set_low_water_mark(fd, 2 * segment_size(fd));
     pollfd event = {fd, POLLOUT, 0};
     const int ready = poll(&event, 1, POLL_TIMEOUT);
     set_low_water_mark(fd, 0);  // the system's default
@@ -161,7 +163,7 @@ std::shared_ptr<const NetSocket<>> NetworkUnitV4::socket() const {
 void NetworkUnitV4::stop() {
     _tcp_stop = true;
     const Lock lock(_mutex);
-    // Wakes the receiver, also out of connect.
+    // Wakes the receiver, even while it is in connect.
     if (_socket != nullptr) shutdown(_socket->descriptor(), SHUT_RDWR);
 }
 
@@ -173,7 +175,7 @@ void NetworkUnitV4::join() {
         ping_thread.swap(_ping_thread);
         tcp_thread.swap(_tcp_thread);
     }
-    // Joined without the mutex: a callback on these threads may call send.
+    // Join without the mutex: a callback on these threads may call send, which locks it.
     if (ping_thread.joinable()) ping_thread.join();
     if (tcp_thread.joinable()) tcp_thread.join();
 }
@@ -187,7 +189,8 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
     if (unit == nullptr) return;
     pthread_setname_np(pthread_self(), "tcp-receive");
     try {
-        // Its own copy, gone before the thread counts as ended: it may own what others wait for.
+        // A local copy: it may own what others wait for, so destroy it before the thread counts as
+        // ended.
         const DataReceivedCallback callback = std::move(on_data);
         unit->_tcp_receive(port, callback);
     } catch (...) {  // on_data is empty or has thrown: the thread ends without a message
@@ -213,7 +216,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};
         const int ready = poll(&event, 1, POLL_TIMEOUT);
-        if (_stop || _tcp_stop) return;  // the peer has not ended the connection
+        if (_stop || _tcp_stop) return;  // stopped here, so report no end of the connection
         if (ready <= 0) {
             write_line(STDERR_FILENO, "NetworkUnitV4: tcp receiver error or timeout");
             on_data(nullptr, 0, unit);

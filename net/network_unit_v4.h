@@ -16,7 +16,7 @@ class NetworkUnitV4 : public NetworkUnit {
                   const std::vector<unsigned char>& ping_packet);
     ~NetworkUnitV4() override;
 
-    // Hands one unit for each local IPv4 interface but 127.0.0.1 to on_found, on this thread.
+    // Calls on_found with a unit for each local IPv4 interface except 127.0.0.1, on this thread.
     static void enumerate_interfaces(const UnitFoundCallback& on_found,
                                      const std::vector<unsigned char>& ping_packet);
 
@@ -32,7 +32,7 @@ class NetworkUnitV4 : public NetworkUnit {
     uint32_t address() const override { return _address; }
     std::shared_ptr<const NetSocket<>> socket() const override;
 
-    // Waits, for 3 s at most, until a connection has sent all but a part of a segment.
+    // Waits, for 3 s at most, until less than a segment of the buffered data is unsent.
     enum class Progress { Sent, Sending, Stalled };
     static Progress wait_until_sent(const NetSocket<>& socket);
 
@@ -54,7 +54,7 @@ class NetworkUnitV4 : public NetworkUnit {
     const uint32_t _address;
     const uint32_t _mask;
 
-    // The TCP connection's; null until the first tcp_connect. Replaced under the mutex, while the
-    // receiver, which uses it without, does not run.
+    // The TCP connection's socket; null until the first tcp_connect. The receiver uses it without
+    // the mutex, so it is replaced only while the receiver does not run.
     std::shared_ptr<NetSocket<>> _socket;
 };

@@ -53,7 +53,7 @@ std::unique_ptr<NetSocket<>> open_socket(int type, int protocol) {
 }
 
 void set_common_options(int fd) {
-    // Deliberate: 8 bytes where the system reads 4, which is right on a little-endian machine.
+    // Deliberate: passes 8 bytes, of which the system reads 4. Right on a little-endian machine.
     constexpr auto& size = NetworkUnit::BUFFER_SIZE;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
@@ -87,7 +87,7 @@ void report(const UnitFoundCallback& on_found, uint32_t address) {
 void NetworkUnitV4::ping(const UnitFoundCallback& on_found) {
     const Lock lock(_mutex);
     _ping_done = false;
-    ++_running;  // a thread that cannot be started ends the process
+    ++_running;  // if no thread can be started, the process ends
     _ping_thread = std::thread(_ping_send_launcher, this, on_found);
 }
 
@@ -120,7 +120,7 @@ void NetworkUnitV4::_icmp_ping_send(const UnitFoundCallback& on_found) const {
     const int fd = socket->descriptor();
     set_common_options(fd);
 
-    // A subnet of more than two addresses has a network and a broadcast address to leave out.
+    // In a subnet of more than two addresses, leave out the network and the broadcast address.
     const uint32_t count = std::min(uint32_t{0} - ntohl(_mask), SWEEP_LIMIT);
     const uint32_t base = ntohl(_address & _mask);
     const uint32_t first = count > 3 ? 1 : 0;
