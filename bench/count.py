@@ -1,23 +1,24 @@
 """count.py RECORD [--record] -- COMMAND...: runs guilink-instructions under the counting plugin, prints a
-table of instructions a pixel, and compares it with RECORD. Status 1: a figure is more than 2 % higher."""
+table of instructions per pixel, and compares it with the file RECORD, or writes it there (--record). Exits
+with status 1 if a figure is more than 2 % higher."""
 
 import subprocess
 import sys
 
 KNOWN_LENGTH = 10_000_000  # instructions of the loop, as in bench/mark.h
-LOOP_SETUP = 16  # at most, around it
+LOOP_SETUP = 16  # further instructions before and after that loop, at most
 TOLERANCE = 1.02
 WAYS = ["encode", "literal encode", "checksum", "table checksum", "copy"]
 
 
 def count(command):
-    """{name: instructions a pixel}"""
+    """Returns {name: instructions per pixel}."""
     result = subprocess.run(command, capture_output=True, text=True, check=True)
     names = [line.split("\t") for line in result.stdout.splitlines()]
     counts = [int(line) for line in result.stderr.splitlines()]
     if len(names) != len(counts):
         sys.exit(f"count: {len(names)} measures, but {len(counts)} counts; did the plugin run?")
-    around = counts[0]  # of two marks with nothing between them
+    around = counts[0]  # overhead: two marks with nothing between them
     loop = counts[1] - around
     if not KNOWN_LENGTH <= loop <= KNOWN_LENGTH + LOOP_SETUP:
         sys.exit(f"count: a loop of {KNOWN_LENGTH} instructions counts as {loop}")
@@ -45,7 +46,7 @@ def main():
     status = 0
     for name in counted.keys() | recorded.keys():
         now, before = counted.get(name), recorded.get(name)
-        # Counts below one a thousand pixels are rounding and start-up.
+        # A difference of one instruction per thousand pixels is rounding and start-up.
         if now is None or before is None or now > before * TOLERANCE + 0.001:
             print(f"count: {name}: {now} instructions a pixel, {before} recorded", file=sys.stderr)
             status = 1

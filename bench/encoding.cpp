@@ -39,8 +39,8 @@ void add(const Picture& picture, const std::string& name, Way way) {
         });
 }
 
-// Measures way(pixels) with cold caches: reads a different copy each time, and all copies together
-// are three times the size of the last cache.
+// Measures way(pixels) with cold caches: reads another copy each time. All copies together are
+// three times as large as the last-level cache.
 template <class Way>
 void add_cold(const Picture& picture, const std::string& name, Way way) {
     const auto cache = static_cast<size_t>(std::max(sysconf(_SC_LEVEL3_CACHE_SIZE), 8L << 20));
@@ -85,7 +85,7 @@ void measure_encoding(const std::vector<Picture>& pictures) {
         };
         add(picture, "encode", encode);
 #if defined(__x86_64__)
-        // As on a processor without AVX-512.
+        // Encodes as on a processor without AVX-512.
         add(picture, "encode-avx2",
             [encode, &chosen = hwy::GetChosenTarget()](const Words& pixels) {
                 const int64_t all = hwy::SupportedTargets();

@@ -31,11 +31,11 @@ using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr auto LIMIT = 30s;                      // time-out of every wait
-constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // of a core that draws 60 frames a second
-constexpr int ROUNDS = 200;                      // single frames and buttons
-constexpr double SECONDS = 5;                    // for each measurement
+constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // between frames, at 60 frames a second
+constexpr int ROUNDS = 200;                      // of single frames, and of buttons
+constexpr double SECONDS = 5;                    // default length of a measurement
 
-// Something did not arrive in time. A machine that does not run us for 2 s costs the link.
+// Something did not arrive in time. The link ends if the machine stalls this process for 2 s.
 struct Missing : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -83,11 +83,11 @@ class Report {
           m_time(
               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
     }
-    Clock::duration time() const { return m_time; }  // for each measurement
+    Clock::duration time() const { return m_time; }  // of each measurement
     void figure(const std::string& subject, const std::string& name, double value) const {
         std::cout << m_link << '\t' << subject << '\t' << name << '\t' << value << '\n';
     }
-    // In milliseconds.
+    // Prints the spread of values, which are milliseconds.
     void spread(const std::string& subject, const std::string& name,
                 std::vector<double> values) const {
         if (values.empty()) return;
@@ -105,7 +105,7 @@ double since(Clock::time_point start, Clock::time_point end) {
     return Milliseconds(end - start).count();
 }
 
-// How long a datagram waits in the network's own queue, which the link's bytes share.
+// Measures how long a datagram waits in the network's queue, which also carries the link's bytes.
 class Queue {
   public:
     Queue() {
@@ -176,7 +176,7 @@ void link_up(Device& device, Watch& watch, Picture& picture) {
         device.push(picture);
         std::this_thread::sleep_for(10ms);
     }
-    // Wait for the last frame, so that none of these disturbs a measurement.
+    // Wait for the last frame, so that no earlier frame disturbs a measurement.
     watch.wait(device.push(picture));
 }
 
@@ -245,7 +245,7 @@ void buttons(Companion& companion, ControlService& control, const Report& report
 // As many runs of one pixel as a message can hold: 1 MiB.
 Picture largest(Picture blank) {
     constexpr size_t RUNS =
-        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // the rest of the picture has some, too
+        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // minus some runs for the rest of the picture
     for (size_t i = 0; i < RUNS; ++i) blank.pixels[i] = i % 2 == 0 ? 0xF123 : 0xFABC;
     blank.name = "largest";
     return blank;
@@ -265,7 +265,7 @@ int run(int argc, char** argv) {
                          .text = {}});
     Device device;
     std::vector<Picture> pictures = draw_pictures(1280, 960);
-    pictures.back() = largest(pictures.front());  // in place of noise, too large for a message
+    pictures.back() = largest(pictures.front());  // replaces noise, which exceeds a message
     link_up(device, watch, pictures.front());
     for (Picture& picture : pictures) {
         if (argc > 3 && picture.name != argv[3]) continue;

@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Copy = void (*)(unsigned char* to, const unsigned char* from, size_t size);
 
-constexpr auto TIME = 1s;  // for each way
+constexpr auto TIME = 1s;  // for each way to copy
 
 void copy_plainly(unsigned char* to, const unsigned char* from, size_t size) {
     std::memcpy(to, from, size);
@@ -32,7 +32,7 @@ void copy_plainly(unsigned char* to, const unsigned char* from, size_t size) {
 
 void measure(const char* name, Copy copy, const unsigned char* from, size_t size) {
     std::vector<unsigned char> to(size);
-    copy(to.data(), from, size);  // without the first access to each page
+    copy(to.data(), from, size);  // not measured: the first access to each page
     const auto start = Clock::now();
     std::chrono::duration<double> time{};
     size_t rounds = 0;
@@ -49,7 +49,7 @@ void measure(const char* name, Copy copy, const unsigned char* from, size_t size
     std::fflush(stdout);
 }
 
-// In a process of its own: plain loads of device memory end it by a signal.
+// Runs in a child process, because plain loads of device memory can end it by a signal.
 void measure_plain_reads(const unsigned char* from, size_t size) {
     const pid_t child = fork();
     if (child == 0) {

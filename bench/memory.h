@@ -1,13 +1,13 @@
-// guilink-bench --memory ADDRESS:SIZE: how fast the memory of the core's frames is read.
+// guilink-bench --memory ADDRESS:SIZE: measures how fast the memory of the core's frames is read.
 #pragma once
 
 #include <string>
 
 namespace guilink {
 
-// Reads SIZE bytes of physical memory at ADDRESS, both decimal or hexadecimal, as a frame is read,
-// and prints the rates of plain and of wide loads. Writes nothing to that memory. Returns the exit
-// status.
+// Reads SIZE bytes of physical memory at ADDRESS (each decimal or hexadecimal) as the service reads
+// a frame, and prints the rates of plain and of wide loads. Writes nothing to that memory. Returns
+// the exit status.
 int measure_memory(const std::string& region);
 
 }  // namespace guilink

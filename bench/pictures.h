@@ -16,7 +16,8 @@ struct Picture {
     size_t size() const { return pixels.size() * sizeof pixels[0]; }
 };
 
-// Returns blank, overlay, menu, text, gradient and noise, in this order, always with equal pixels.
+// Returns blank, overlay, menu, text, gradient and noise, in this order. Their pixels are the same
+// in every run.
 std::vector<Picture> draw_pictures(uint16_t width, uint16_t height);
 
 }  // namespace guilink

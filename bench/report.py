@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """report.py FOLDER CHART: prints tables of the results of scripts/bench, and draws a chart.
 
-Processor times, medians of interleaved rounds; every time and ratio is the best of all runs."""
+Times are processor times: a run's time is the median of its rounds, and the tables show the best run."""
 
 import collections
 import glob
@@ -13,7 +13,7 @@ SIZES = ["1280x960", "1024x768"]
 
 
 def read_runs(folder):
-    """[{benchmark: median processor time in ns}], one for each run."""
+    """Returns [{benchmark: median processor time in ns}], one dictionary per run."""
     runs = []
     for path in sorted(glob.glob(folder + "/*.json")):
         with open(path, encoding="utf-8") as file:
@@ -83,7 +83,8 @@ def report_speed(runs):
 
 
 def read_links(folder):
-    """{(link, side): {subject: {figure: [value of each run]}}}; a link is its rate, "0" loopback."""
+    """Returns {(link, side): {subject: {figure: [value of each run]}}}. A link's name is its rate; "0" is
+    loopback."""
     links = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
     for path in glob.glob(folder + "/*.tsv"):
         with open(path, encoding="utf-8") as file:
@@ -97,7 +98,7 @@ def read_links(folder):
 
 def report_links(links):
     def cell(figures, *names):
-        """The best run's figures; a busy machine makes them only worse."""
+        """The best run's figures: a busy machine only makes figures worse."""
         found = [min(figures[name]) for name in names if name in figures]
         return " / ".join(f"{value:.{0 if value >= 100 else 1}f}" for value in found) or "none"
 
@@ -132,7 +133,7 @@ def report_links(links):
 
 
 def draw(runs, path):
-    """Bars: microseconds for one frame of each scene, 1280x960."""
+    """Draws bars: the microseconds for one 1280x960 frame of each scene."""
     ways = [
         ("memcpy", "memcpy of the frame", "#9aa5b1"),
         ("encode", "encode", "#1f77b4"),

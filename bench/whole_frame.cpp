@@ -1,5 +1,5 @@
-// The service's processor time for one frame: copy, encode, checksum, frame, and send over loopback
-// to a receiver that reads. Once with the service's code, once with the reference encoder and
+// Measures the service's processor time for one frame: copy, encode, checksum, frame, and send over
+// loopback to a receiver that reads. Also measures the same with the reference encoder and
 // checksum.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
@@ -30,7 +30,7 @@ void expect(bool success, const char* attempt) {
     if (!success) throw std::runtime_error(std::string("whole frame: cannot ") + attempt);
 }
 
-// A connection over loopback whose receiving end is read by a thread.
+// A connection over loopback. A thread reads its receiving end.
 class DrainedConnection {
   public:
     DrainedConnection() {
