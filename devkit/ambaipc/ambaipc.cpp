@@ -1,8 +1,9 @@
 // Our stand-in for the vendor's IPC library: the service's side.
 //
-// Each program has a listening socket and one thread that polls it and its callers. So calls to one
-// program never overlap, and a silent caller delays no other. A caller's mistake is answered with a
-// status and does not affect other callers. An exception from a procedure ends the process.
+// Each program has a listening socket and one thread, which serves that socket and all callers. So
+// calls to one program never overlap, and a silent caller delays no other. A caller's mistake is
+// answered with a status and affects no other caller. An exception from a procedure ends the
+// process.
 #include "ipc/ambaipc.h"
 #include "base/mutex.h"
 
@@ -49,7 +50,7 @@ struct Slot {
 // handler that called exit may have interrupted any code.
 constinit std::array<Slot, MAX_PROGRAMS> slots;
 constinit std::atomic<size_t> slots_used{0};
-constinit Mutex register_mutex;  // one registration at a time; unregistering never takes it
+constinit Mutex register_mutex;  // one registration at a time; unregistering never locks it
 
 uint64_t key_of(uint32_t program, uint32_t version) {
     return uint64_t{program} << 32 | version;

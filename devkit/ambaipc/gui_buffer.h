@@ -1,5 +1,5 @@
-// The calls that the real-time core makes: the numbers of the service's two programs, and how the
-// argument of the first is laid out in memory.
+// The calls that the real-time core makes: the numbers of the service's two programs, and the
+// layout of the frame call's argument.
 #pragma once
 
 #include <array>
