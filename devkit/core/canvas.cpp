@@ -7,9 +7,9 @@ namespace guilink {
 
 namespace {
 
-constexpr double UNITS = 1280;  // across the screen
+constexpr double UNITS = 1280;  // width of the screen, in drawing units
 
-// From premultiplied 8:8:8:8 to straight 4:4:4:4.
+// Converts a pixel from premultiplied 8:8:8:8 to 4:4:4:4 that is not premultiplied.
 uint16_t to_4444(uint32_t argb) {
     const uint32_t alpha = argb >> 24;
     uint32_t red = argb >> 16 & 0xFF;

@@ -58,7 +58,7 @@ struct Painter {
         draw_last_button();
     }
 
-    // The frame around the target, and a compass below it.
+    // Draws the frame around the target, and a compass below it.
     void draw_viewfinder() const {
         constexpr double X = 900;
         constexpr double Y = 500;

@@ -10,11 +10,11 @@
 
 namespace guilink {
 
-// When a frame is drawn. Everything that moves follows from it: equal moments make equal frames.
+// The time of a frame. All motion depends on it alone: equal moments make equal frames.
 struct Moment {
     uint64_t frame = 0;
     double seconds = 0;
-    std::string clock;  // as text
+    std::string clock;  // the time of day as text
 };
 
 void draw_gui(Canvas& canvas, const Gui& gui, const Moment& moment);

@@ -1,5 +1,4 @@
-// Faults that the simulated core can be given, so that a test of its GUI can show that it finds
-// them.
+// Faults for the simulated core. With them, a test of a GUI can prove that it finds faults.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +23,7 @@ inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},
                                                     {"late", Fault::late},
                                                     {"lost", Fault::lost}};
 
-// Draws the fault into the pixels of a screen of that width.
+// Draws the fault into the pixels of a screen that is width pixels wide.
 void spoil(Fault fault, std::span<uint16_t> pixels, size_t width);
 
 }  // namespace guilink

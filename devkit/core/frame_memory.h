@@ -1,9 +1,9 @@
 // The simulated core's frame buffers, in simulated physical memory: the regular file that the
 // sandbox puts at /dev/mem.
 //
-// The service maps an address once and keeps that size. So every set of buffers gets addresses that
-// no core has used before. The file's first 8 bytes hold the first unused address. Destroying a set
-// frees its memory, but its addresses stay used.
+// The service maps an address once and never changes the size of the mapping. So every set of
+// buffers gets addresses that no core has used before. The file's first 8 bytes hold the first
+// unused address. Destroying a set frees its memory, but not its addresses.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +29,7 @@ class FrameMemory {
 
   private:
     const uint32_t m_size;
-    const uint64_t m_stride;  // from buffer to buffer, whole pages
+    const uint64_t m_stride;  // bytes from buffer to buffer; whole pages
     int m_file;
     uint64_t m_address;  // of the first buffer
     unsigned char* m_mapping;

@@ -24,11 +24,12 @@ using namespace guilink;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // while calls fail
-constexpr int LATE = 300;                                // ms, of a frame with that fault
+constexpr int LATE = 300;                                // ms; delay of a frame with Fault::late
 
 volatile std::sig_atomic_t stopped = 0;
 
-const std::map<std::string, bool> SIZES = {{"1280x960", true}, {"1024x768", false}};  // large?
+// Whether each size is the large one.
+const std::map<std::string, bool> SIZES = {{"1280x960", true}, {"1024x768", false}};
 const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
                                              {"overlay", Scene::overlay},
                                              {"gradient", Scene::gradient},
@@ -38,7 +39,7 @@ const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
 struct Options {
     bool large = true;
     double fps = 60;
-    uint64_t frames = 0;  // 0: no end
+    uint64_t frames = 0;  // 0: without end
     Scene scene = Scene::menu;
     bool still = false;
     Fault fault = Fault::none;
@@ -101,7 +102,7 @@ class Service {
     std::optional<Clock::time_point> m_away_since;
 };
 
-// Handles buttons until the next frame is due. Returns whether there were any.
+// Handles buttons until the next frame is due. Returns whether one was pressed.
 bool take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large,
                         Fault fault) {
     bool pressed = false;
@@ -139,7 +140,7 @@ void run(const Options& options) {
     const auto start = Clock::now();
     auto due = start;
     std::span<uint16_t> pixels;
-    bool pressed = false;  // since the last frame, or with lost frames ever
+    bool pressed = false;  // since the last frame; with Fault::lost, at any time
     for (uint64_t frame = 1; !stopped; ++frame) {
         if (screen->large != large) {
             screen.reset();

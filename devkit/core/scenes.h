@@ -10,9 +10,12 @@ namespace guilink {
 
 enum class Scene { menu, overlay, gradient, noise, sweep };
 
-// Draws one frame of a scene into the canvas's width x height pixels. menu draws the GUI, overlay a
-// sparse head-up display, gradient every colour in broad steps, noise almost the largest message,
-// sweep a bar that moves one pixel per frame.
+// Draws one frame of a scene into the canvas's width x height pixels:
+//   menu      the GUI
+//   overlay   a sparse head-up display
+//   gradient  every colour, in broad steps
+//   noise     random colours, almost too many for a message
+//   sweep     a bar that moves one pixel per frame
 void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& moment,
                 std::span<uint16_t> pixels);
 
