@@ -122,7 +122,7 @@ void Companion::wait() {
 
     eventfd_t ignored;
     if (events[0].revents != 0) eventfd_read(m_wake, &ignored);
-    // A device that connects has broadcast before, perhaps since the poll.
+    // A device broadcasts before it connects, perhaps after the poll above.
     if (events[1].revents != 0 || events[2].revents != 0) receive_broadcasts();
     auto event = events.begin() + 3;
     for (Connection& connection : m_connections) {
@@ -172,7 +172,7 @@ void Companion::take_choice() {
     m_last = {};
     m_answered.clear();
     for (Connection& connection : m_connections) connection.end();
-    if (m_link != nullptr) return;  // drop_ended reports
+    if (m_link != nullptr) return;  // drop_ended will report
     m_status = unlinked();
     report();
 }
@@ -290,7 +290,7 @@ void Companion::send_waiting() {
     }
 }
 
-// Those whose senders wait for a delivery.
+// Refuses the queued messages that have a delivery handler; the others wait for a link.
 void Companion::refuse_waiting() {
     std::vector<DeliveryHandler> refused;
     {

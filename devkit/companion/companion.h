@@ -6,15 +6,15 @@
 // there is one, other devices are refused. Only the link carries images. Images are not stored: a
 // handler must keep what it needs.
 //
-// Only the chosen device is answered. Without a choice it is the only one in sight: it is answered
-// when it broadcasts twice and no other does in between. A device that was linked stays chosen,
-// also with a new identity or a new address.
+// The companion answers only the chosen device. If none was chosen, it answers the only device in
+// sight: one that broadcasts twice while no other device does in between. A device that was linked
+// stays chosen, even with a new identity or a new address.
 //
-// Buttons and texts wait until the device certainly delivers them. It drops whatever arrives in one
-// chunk with a connect request, so they wait for the answer to an identity request that was sent
-// after the second connect request. And it ignores connect requests that arrive before it has
-// listed the connection, so they also wait for an image, or, as the device may draw nothing, for
-// two more connect requests.
+// Buttons and texts wait until the device is certain to deliver them. The device drops whatever
+// arrives in one chunk with a connect request; so the companion waits for the answer to an identity
+// request that it sent after the second connect request. The device also ignores connect requests
+// that arrive before it has listed the connection; so the companion also waits for an image, or for
+// two more connect requests, because the device may draw nothing.
 #pragma once
 
 #include <atomic>
@@ -43,12 +43,12 @@ struct LinkStatus {
     std::string identity;  // 5 characters, may be any bytes
     std::string firmware;  // version text
 
-    // While not linked.
+    // Only meaningful while not linked.
     std::string wanted;    // the chosen device, or the last one; empty for any
     bool several = false;  // several devices are in sight, and none is chosen
 };
 
-// What has become of a message.
+// The outcome of a message.
 enum class Delivery {
     confirmed,  // the device has handed it on
     unknown,    // sent, but the link ended before the device confirmed it
@@ -57,24 +57,24 @@ enum class Delivery {
 
 class Companion {
   public:
-    // The payload of an ImageMessage as it came, for decode_image or for passing on.
+    // The payload of an ImageMessage as received: decode_image decodes it.
     using Payload = std::shared_ptr<const std::vector<unsigned char>>;
 
-    // Called on the companion's own thread, one at a time. They must not block for long, throw, or
-    // destroy the companion.
+    // All handlers run on the companion's own thread, one at a time. They must not block for long,
+    // throw, or destroy the companion.
     using DeliveryHandler = std::function<void(Delivery)>;
 
-    // Likewise. Each may be empty.
+    // Each handler may be empty.
     struct Handlers {
         std::function<void(const LinkStatus&)> status;  // on every change
         std::function<void(const Payload&)> image;      // each image, repeats included
         std::function<void(const std::string&)> text;   // a text from the device
-        // After broadcasts: the devices that were heard, the last one first.
+        // After broadcasts: the devices that sent them, the latest first.
         std::function<void(const std::vector<HeardDevice>&)> devices = {};
     };
 
-    // Starts to listen. device is the identity or the address of the wanted one, empty for the only
-    // one in sight. Throws std::runtime_error when it cannot listen on a port.
+    // Starts to listen. device is the identity or the address of the wanted device; empty chooses
+    // the only one in sight. Throws std::runtime_error when it cannot listen on a port.
     explicit Companion(Handlers handlers, std::string device = {});
     // Drops the link. Waits only for a running handler.
     ~Companion();
@@ -83,16 +83,18 @@ class Companion {
 
     static constexpr size_t MAX_TEXT = 4096;  // bytes of one text
 
-    // Both queue the message, in order, until a link delivers it. From any thread. Return false,
-    // and drop the message, when the queue is full or the text is too long.
+    // press and send_text queue a message until a link delivers it. Messages stay in order. Call
+    // them from any thread. They return false, and drop the message, when the queue is full or the
+    // text is too long.
     //
     // A message with a delivery handler does not wait for a link. The handler is called once,
-    // unless the companion is destroyed before. Images received before a confirmed delivery were
-    // handled before it.
+    // unless the companion is destroyed first. It runs after the handlers of all images that
+    // arrived before the confirmation.
     bool press(uint8_t button, DeliveryHandler delivered = {});
     bool send_text(const std::string& text, DeliveryHandler delivered = {});
 
-    // Drops the link to any other device, and wants this one from now on. From any thread.
+    // Links only to this device from now on, and drops the link to any other. Call it from any
+    // thread.
     void choose(std::string device);
 
   private:
@@ -103,7 +105,7 @@ class Companion {
         DeliveryHandler delivered;  // may be empty
     };
     struct Sent {
-        uint64_t question;  // the identity request behind the message
+        uint64_t question;  // number of the identity request that was sent after the message
         DeliveryHandler delivered;
     };
 
@@ -131,18 +133,18 @@ class Companion {
     const int m_wake;  // eventfd: readable when a message is queued or m_stop is set
 
     // Only for the companion's thread.
-    std::string m_device;                 // identity or address of the chosen one; empty for any
+    std::string m_device;                 // identity or address of the chosen device; empty for any
     LinkStatus m_last;                    // the last device; stays chosen
     std::deque<uint32_t> m_answered;      // addresses that may connect
-    std::deque<Sent> m_sent;              // on the link, not confirmed
+    std::deque<Sent> m_sent;              // sent on the link, not confirmed yet
     std::list<Connection> m_connections;  // oldest first
-    Connection* m_link = nullptr;         // one of them
+    Connection* m_link = nullptr;         // one of m_connections, or null
     LinkStatus m_status;
     Clock::time_point m_next_accept = {};
 
     Mutex m_waiting_mutex;
     std::deque<Message> m_waiting GUARDED_BY(m_waiting_mutex);
-    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);  // not taken yet
+    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);  // not processed yet
 
     std::atomic<bool> m_stop{false};
     std::thread m_thread;

@@ -1,5 +1,5 @@
-// One connection from a device: receives and sends frames. Never blocks: what the device does not
-// read waits in a small buffer, and when that is full the connection ends.
+// One connection from a device: receives and sends frames. Never blocks: frames that the device
+// does not read wait in a small buffer. If the buffer is full, the connection ends.
 #pragma once
 
 #include <chrono>
@@ -26,17 +26,17 @@ class Connection {
     bool ended() const { return m_ended; }          // to be closed
     void end() { m_ended = true; }
     bool wants_to_write() const { return !m_outgoing.empty(); }
-    Clock::time_point last_received() const { return m_last_received; }  // or construction
+    Clock::time_point last_received() const { return m_last_received; }  // or time of construction
 
     void receive(const FrameReader::FrameCallback& on_frame);
     void send(uint16_t type, std::span<const unsigned char> payload = {});
     void flush();
 
     // Set by the companion.
-    unsigned requests = 0;              // connect requests sent
-    uint64_t asked = 0;                 // identity requests sent, all after the second of those
-    uint64_t answered = 0;              // and answered; the device answers in order
-    bool image_seen = false;            // only the link carries images
+    unsigned requests = 0;    // connect requests sent
+    uint64_t asked = 0;       // identity requests sent, all after the second connect request
+    uint64_t answered = 0;    // identity requests answered; the device answers in order
+    bool image_seen = false;  // only the link carries images
     Clock::time_point next_words = {};  // when the next messages are due
 
   private:

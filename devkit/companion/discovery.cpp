@@ -21,7 +21,7 @@ constexpr int MAX_AT_ONCE = 64;      // datagrams; a flood must not starve the l
 constexpr size_t MAX_DEVICES = 64;   // remembered; forged ones must not fill the memory
 constexpr size_t MAX_FIRMWARE = 64;  // bytes remembered of a version text
 
-// The identity and firmware if the datagram is one identity frame and nothing else.
+// Returns the identity and firmware if the datagram is exactly one identity frame.
 std::optional<HeardDevice> read_identity(std::span<const unsigned char> datagram) {
     std::optional<HeardDevice> device;
     FrameReader().feed(datagram, [&](uint16_t type, auto payload) {
@@ -72,7 +72,8 @@ bool Discovery::receive(const std::function<bool(const Call&)>& wanted) {
     return called;
 }
 
-// Moves the device to the front. Those that were before it have called since its last broadcast.
+// Moves the device to the front of m_devices. Returns the number of devices that were before it:
+// these have broadcast since its last broadcast. Returns nothing for a new device.
 std::optional<size_t> Discovery::note(HeardDevice device) {
     const auto known = std::ranges::find_if(m_devices, [&](const HeardDevice& other) {
         return other.identity == device.identity && other.address == device.address;

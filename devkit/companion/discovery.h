@@ -1,5 +1,5 @@
 // Receives the broadcasts of devices that search for a companion, on UDP port 3152 of any
-// interface, remembers who they are, and answers those that are wanted.
+// interface, remembers the devices, and answers the wanted ones.
 #pragma once
 
 #include <netinet/in.h>
@@ -28,8 +28,8 @@ class Discovery {
     struct Call {
         const HeardDevice& device;            // valid only during the call
         uint32_t address;                     // network byte order
-        std::optional<size_t> callers_since;  // others since its last broadcast, unless this is
-                                              // its first one
+        std::optional<size_t> callers_since;  // other devices since this one's last broadcast;
+                                              // empty for its first broadcast
     };
 
     // Throws std::runtime_error when it cannot bind the port.
@@ -37,11 +37,11 @@ class Discovery {
 
     int descriptor() const { return m_socket.descriptor(); }  // readable: broadcasts have arrived
 
-    // Reads the broadcasts that have arrived and answers those that are wanted. Never blocks; reads
-    // a limited number per call. Returns whether a device has called.
+    // Reads the broadcasts that have arrived and answers those for which wanted returns true. Never
+    // blocks; reads a limited number per call. Returns whether there was a broadcast of a device.
     bool receive(const std::function<bool(const Call&)>& wanted);
 
-    // Of the last broadcasts, the last one first.
+    // The devices that have broadcast, the latest first.
     const std::vector<HeardDevice>& devices() const { return m_devices; }
 
   private:
