@@ -16,7 +16,7 @@ std::string_view host_name(std::string_view host) {
 }
 
 bool is_address(int family, std::string_view text) {
-    in6_addr address;  // the larger of the two
+    in6_addr address;  // large enough for an IPv4 address, too
     return inet_pton(family, std::string(text).c_str(), &address) == 1;
 }
 

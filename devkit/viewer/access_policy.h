@@ -1,8 +1,8 @@
-// Who may use the viewer. Another web site must not look at the device or press its buttons: a
-// request has to call this server by an address in numbers or localhost, which no other site's name
-// can stand for, and it must not come from another site's page. Browsers say so in headers that no
-// page can change, also with requests that need no permission beforehand, such as those of forms
-// and images.
+// Decides who may use the viewer. Another web site must not see the device or press its buttons. So
+// a request must name this server by a numeric address or localhost, because another site can make
+// its own name resolve to this server. And it must not come from another site's page. Browsers send
+// the server's name and the page's site in headers that no page can change, even for forms and
+// images.
 #pragma once
 
 #include <string_view>

@@ -1,6 +1,6 @@
 #include "devkit/viewer/http_session.h"
 
-#include "devkit/viewer/hub.h"  // before Beast
+#include "devkit/viewer/hub.h"  // before Beast, for its <utility>
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -83,7 +83,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void answer(const Reply& reply) { answer(reply, {}); }
 
-    // picture: the number of a picture that belongs to the answer.
+    // picture is the number of the picture that the answer names.
     void answer(const Reply& reply, std::optional<uint64_t> picture) {
         const Request& request = m_parser->get();
         m_timer.cancel();
@@ -134,8 +134,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     template <typename Order>
     void pass_on(const Order& order) {
-        const uint64_t turn =
-            wait(504, "The device has not confirmed it in time, so it may have come or not.\n");
+        const uint64_t turn = wait(
+            504, "The device has not confirmed it in time, so it may or may not have arrived.\n");
         m_hub.pass_on(order, weak_from_this(),
                       [this, turn](const std::optional<std::string>& why_not, uint64_t picture) {
                           if (turn != m_turn) return;
@@ -152,7 +152,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
                 Hub::sentence(found) + std::string("\n")});
     }
 
-    // Answers so if nothing else has by then. Keeps the session alive until it has.
+    // Sends this answer after PATIENCE, unless m_turn shows that another answer was sent. The timer
+    // keeps the session alive until then. Returns m_turn.
     uint64_t wait(unsigned status, const char* why) {
         m_timer.expires_after(PATIENCE);
         m_timer.async_wait(
@@ -171,7 +172,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     std::optional<http::request_parser<http::string_body>> m_parser;
     http::response<http::string_body> m_response;
     asio::steady_timer m_timer{m_hub.loop()};
-    uint64_t m_turn = 0;  // grows with each answer that was waited for
+    uint64_t m_turn = 0;  // grows with each answer that wait() began to wait for
 };
 
 }  // namespace

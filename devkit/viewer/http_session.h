@@ -1,4 +1,5 @@
-// A connection that requests pages, pictures and figures, or gives orders, over HTTP.
+// One HTTP connection: answers requests for pages, pictures and figures, and passes on orders
+// (presses and texts) to the device.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>

@@ -16,9 +16,9 @@ using boost::system::error_code;
 namespace {
 
 constexpr auto ACCEPT_RETRY = std::chrono::milliseconds(100);  // when out of descriptors
-constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // that rates are measured in
+constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // over which rates are measured
 constexpr size_t MAX_WATCHERS = 256;
-constexpr size_t MAX_VISITORS = 256;  // other connections; leaves descriptors for the link
+constexpr size_t MAX_VISITORS = 256;  // HTTP and streams; leaves descriptors for the link
 constexpr int SEND_BUFFER = 131072;   // bytes; two or three pictures of a menu
 constexpr int UNSENT_LOW = 16384;     // bytes
 
@@ -132,7 +132,8 @@ void Hub::set_outcome(uint64_t order, Delivery delivery, uint64_t picture) {
     if (owner == nullptr) return;
     std::optional<std::string> why_not;
     if (delivery == Delivery::unknown)
-        why_not = "The link ended before the device confirmed it, so it may have come or not.";
+        why_not =
+            "The link ended before the device confirmed it, so it may or may not have arrived.";
     if (delivery == Delivery::refused)
         why_not = m_status.linked ? "Too many orders wait for the device." : "No device is linked.";
     found.mapped().outcome(why_not, picture);

@@ -1,5 +1,5 @@
-// What all connections of pages and programs share: the device's state and newest picture, and the
-// way to its buttons. Everything here is for the event loop's thread.
+// All connections of pages and programs share the hub: it holds the device's state and newest
+// picture, and passes orders on to the device. Use it only on the event loop's thread.
 #pragma once
 
 #include <utility>  // Boost.Asio 1.74 uses std::exchange without including it
@@ -25,7 +25,7 @@
 
 namespace guilink {
 
-constexpr auto PATIENCE = std::chrono::seconds(10);  // for a request, an answer, a browser's sign
+constexpr auto PATIENCE = std::chrono::seconds(10);  // for a request, an answer or a pong
 
 // Small kernel buffers: a picture waits in the session instead, where a newer one replaces it.
 void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
@@ -52,8 +52,8 @@ class Hub {
         virtual void offer_picture(const Picture& picture) = 0;
         bool is_program = false;
     };
-    // Why an order is not carried out; nothing if it is. picture: the last one before the device
-    // handed the order on.
+    // why_not: why an order (a press or a text) failed; empty if the device confirmed it. picture:
+    // number of the last picture before the device handed the order on.
     using Outcome =
         std::function<void(const std::optional<std::string>& why_not, uint64_t picture)>;
 
@@ -70,28 +70,29 @@ class Hub {
     void set_devices(const std::vector<HeardDevice>& devices);
     void set_picture(const Picture& picture);
 
-    // False: there are too many.
+    // Returns false if there are too many watchers.
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // Passes an order on. The outcome is reported, perhaps before this returns, unless owner is
-    // destroyed before.
+    // Passes an order on. Calls outcome once, perhaps before this returns, unless owner is
+    // destroyed first.
     void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
     void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
-    // Those of pages: nobody waits for their outcome.
+    // Passes on an order whose outcome nothing waits for, such as that of a page.
     void pass_on(const Press& press) { m_handlers.press(press.button, 0); }
     void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
     void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);
 
-    // Returns the error if there is no such device, or more than one.
+    // Links to the device if exactly one matches. Returns how many match.
     enum class Found { one, none, several };
     Found choose(const Choice& choice);
     static const char* sentence(Found found);
 
-    // Counters. Declared before the event loop, whose destructor may destroy the last sessions.
+    // Counters. Declared before the event loop, whose destructor may destroy sessions that use
+    // them.
     size_t visitors = 0;
     size_t streams = 0;
-    uint64_t skipped_pictures = 0;  // by all pages and programs
+    uint64_t skipped_pictures = 0;  // pictures that pages and programs were too slow for
 
   private:
     struct Order {
@@ -118,7 +119,7 @@ class Hub {
     Picture m_newest;  // of the current link
     std::deque<Sample> m_samples;
     uint64_t m_last_order = 0;
-    std::map<uint64_t, Order> m_orders;  // on their way
+    std::map<uint64_t, Order> m_orders;  // passed on, without outcome yet
     Renditions m_renditions{m_loop};
 };
 

@@ -1,4 +1,4 @@
-// Where the page is served.
+// The socket on which the page is served.
 #pragma once
 
 #include <string>

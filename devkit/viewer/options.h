@@ -10,12 +10,12 @@ namespace guilink {
 
 struct Options {
     ServeOptions page;
-    SnapshotOptions snapshot;  // a file name in it: take the picture instead of serving the page
-    bool list = false;         // list the devices instead
+    SnapshotOptions snapshot;  // with a file name: take a snapshot instead of serving the page
+    bool list = false;         // list the devices instead of serving the page
 };
 
-// Reads the command line into options. When that leaves nothing to do (help, or a mistake, either
-// one printed), returns the exit status.
+// Reads the command line into options. If it asks for help or has a mistake, prints the text and
+// returns the exit status.
 std::optional<int> parse_options(int argc, const char* const* argv, Options& options);
 
 }  // namespace guilink

@@ -1,5 +1,5 @@
 // Messages from a page or a program to the viewer: {"press": BUTTON}, {"text": TEXT} or
-// {"device": ID}. With an additional "id", a number, the viewer answers.
+// {"device": ID}. The viewer answers a message that has an additional "id" (a number).
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ struct Text {
     std::string text;
 };
 
-// Of the device to link to.
+// The choice of the device to link to.
 struct Choice {
     std::string device;  // identity or address
 };

@@ -1,6 +1,6 @@
 #include "devkit/viewer/page_session.h"
 
-#include "devkit/viewer/hub.h"  // before Beast
+#include "devkit/viewer/hub.h"  // before Beast, for its <utility>
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
@@ -41,7 +41,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         });
     }
 
-    // With a new link, drops a waiting picture: it may be of the previous one.
+    // After a new link, drops the waiting picture: it may be from the previous link.
     void offer_status(bool new_link) override {
         if (new_link) drop_picture();
         m_status_waits = true;
@@ -152,12 +152,12 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     beast::flat_buffer m_received;
     bool m_open = false;
     bool m_writing = false;
-    std::deque<std::string> m_answers;  // wait
+    std::deque<std::string> m_answers;  // waiting to be written
     bool m_status_waits = false;
-    Picture m_picture;             // waits, unless its payload is null
+    Picture m_picture;             // waiting, unless its payload is null
     Companion::Payload m_written;  // being written
     std::string m_text;            // being written
-    uint64_t m_last = 0;           // number of the last picture written, or not to be written
+    uint64_t m_last = 0;           // number of the last picture written or dropped
     uint64_t m_skipped = 0;        // pictures that the other end was too slow for
     uint64_t m_skipped_reported = 0;
 };

@@ -1,10 +1,9 @@
-// The WebSocket of a page or a program: the device's pictures and state to it, orders from it. It
-// gets the newest picture only, and slows down no other one.
+// The WebSocket of a page or a program: sends the device's pictures and state, receives orders (see
+// page_message.h). A slow page or program skips pictures and does not slow down others.
 //
-// To it: a binary message is the payload of an ImageMessage as the device sent it; a text message
-// is JSON: the link's status (page_status), or the answer to an order with an "id", {"delivered":
-// ID} or {"failed": ID, "why": TEXT}. Pictures behind {"delivered"} are newer than the order. From
-// it: see page_message.h.
+// A binary message is the payload of an ImageMessage as the device sent it. A text message is JSON:
+// the link's status (page_status), or the answer to an order with an "id", {"delivered": ID} or
+// {"failed": ID, "why": TEXT}. Pictures that follow {"delivered"} are newer than the order.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>

@@ -1,4 +1,4 @@
-// A picture from the device, as it came.
+// A picture from the device, as received.
 #pragma once
 
 #include <cstdint>
@@ -8,9 +8,9 @@
 namespace guilink {
 
 struct Picture {
-    Companion::Payload payload;  // null: there is none
+    Companion::Payload payload;  // null: no picture
     uint64_t number = 0;         // counts all pictures that the viewer has received
-    uint64_t bytes = 0;          // of all pictures up to this one
+    uint64_t bytes = 0;          // total size of all pictures up to this one
 };
 
 }  // namespace guilink

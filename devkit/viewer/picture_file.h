@@ -9,14 +9,15 @@ namespace guilink {
 
 enum class Backdrop { none, black, white };  // what transparent pixels are drawn over
 
-// Throw std::runtime_error on failure.
+// Return the file's bytes. Throw std::runtime_error on failure.
 std::string encode_png(const Image& image, Backdrop backdrop = Backdrop::none);
 std::string encode_jpeg(const Image& image);  // over black
 
 // Writes a PNG, transparency included. Throws std::runtime_error on failure.
 void write_png(const std::string& file, const Image& image);
 
-// Writes the unchanged pixels: 16-bit ARGB 4:4:4:4, little-endian, row by row. Throws likewise.
+// Writes the unchanged pixels: 16-bit ARGB 4:4:4:4, little-endian, row by row. Throws
+// std::runtime_error on failure.
 void write_raw(const std::string& file, const Image& image);
 
 }  // namespace guilink

@@ -15,7 +15,7 @@ namespace guilink {
 
 namespace {
 
-// Null for a damaged picture.
+// Returns null for a damaged picture.
 Renditions::Bytes encode(Rendition kind, const Companion::Payload& payload) try {
     Image image;
     decode_image(*payload, image);
@@ -83,7 +83,7 @@ void Renditions::hand_out(Slot& slot) {
         if (waiter->after < slot.picture.number) served.splice(served.end(), slot.waiters, waiter);
         waiter = next;
     }
-    const Bytes bytes = slot.bytes;  // a served one may ask again
+    const Bytes bytes = slot.bytes;  // a copy: taken may call get, which may replace it
     const uint64_t number = slot.picture.number;
     for (const Waiter& waiter : served) {
         if (const auto owner = waiter.owner.lock()) waiter.taken(bytes, number);

@@ -1,5 +1,5 @@
-// The newest picture as PNG and JPEG. Each rendition is encoded at most once per picture, on a
-// thread of its own, only when it is asked for; all that ask share the bytes.
+// The newest picture as PNG and JPEG. Encodes each rendition on demand, at most once per picture,
+// on a separate thread. All who ask share the bytes.
 #pragma once
 
 #include <array>
@@ -29,12 +29,12 @@ class Renditions {
     Renditions(const Renditions&) = delete;
     Renditions& operator=(const Renditions&) = delete;
 
-    // The newest picture, or none.
+    // Sets the newest picture; one without payload means that there is no picture.
     void offer(const Picture& newest);
 
-    // Calls taken, once, with the first rendition of a picture whose number is above `after`,
-    // perhaps before this returns. Null bytes: the picture is damaged. Never called once owner is
-    // destroyed.
+    // Calls taken once, perhaps before this returns, with the rendition of the first picture whose
+    // number is above `after`. Null bytes mean that the picture is damaged. Does not call taken
+    // when owner is destroyed.
     void get(Rendition kind, uint64_t after, const std::weak_ptr<void>& owner, Taken taken);
 
   private:
@@ -44,7 +44,7 @@ class Renditions {
         Taken taken;
     };
     struct Slot {
-        Picture picture;  // that bytes show
+        Picture picture;  // the picture that bytes show
         Bytes bytes;
         bool encoding = false;
         std::list<Waiter> waiters;

@@ -79,7 +79,7 @@ std::string metrics_text(const Report& report) {
     };
     gauge("guilink_linked", "1 while a device is linked.", report.status.linked);
     if (report.status.linked) {
-        // JSON escapes quotes, backslashes and line feeds as this format does; others are dropped.
+        // JSON escapes quotes and backslashes as OpenMetrics does. Control characters are dropped.
         const auto quoted = [](std::string value) {
             std::erase_if(value, [](char c) { return (c & 0xE0) == 0 || c == 0x7F; });
             return text_of(value);

@@ -1,4 +1,4 @@
-// What the viewer says about itself and its link: to pages, to programs, to monitoring.
+// The viewer's report about itself and its link, for pages, programs and monitoring.
 #pragma once
 
 #include <chrono>
@@ -14,18 +14,18 @@ namespace guilink {
 
 struct Report {
     LinkStatus status;
-    std::vector<HeardDevice> devices;  // the last heard first
+    std::vector<HeardDevice> devices;  // the one with the latest broadcast first
     Picture newest;
     std::optional<std::chrono::duration<double>> age;  // of the newest picture
     double pictures_per_second = 0;
     double bytes_per_second = 0;
-    uint64_t skipped = 0;  // pictures, by all pages and programs
+    uint64_t skipped = 0;  // pictures that pages and programs were too slow for
     size_t pages = 0;
     size_t programs = 0;
     size_t streams = 0;
 };
 
-// JSON: the link, the devices in the network, and what a page has skipped.
+// Returns JSON: the link, the devices in the network, and how many pictures a page has skipped.
 std::string page_status(const LinkStatus& status, const std::vector<HeardDevice>& devices,
                         uint64_t skipped);
 

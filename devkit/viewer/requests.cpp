@@ -10,7 +10,7 @@ namespace guilink {
 
 namespace {
 
-constexpr unsigned BUTTONS = 16;  // that a device knows
+constexpr unsigned BUTTONS = 16;  // of a device
 
 std::optional<uint64_t> number(std::string_view text) {
     uint64_t value = 0;
@@ -19,7 +19,7 @@ std::optional<uint64_t> number(std::string_view text) {
     return value;
 }
 
-// Turns %41 into A.
+// Decodes a URL: %41 becomes A.
 std::string decoded(std::string_view text) {
     std::string result;
     for (size_t i = 0; i < text.size(); ++i) {
@@ -95,7 +95,7 @@ Asked read_request(const HttpRequest& request, const std::string& labels) {
     const std::string_view path = request.target.substr(0, mark);
     const std::string_view query =
         mark == std::string_view::npos ? "" : request.target.substr(mark + 1);
-    // The page itself shows nothing of the device; a link on another site may lead to it.
+    // Another site may link to the page, because its files contain nothing from the device.
     if (find_asset(path) == nullptr &&
         from_another_site(request.host, request.origin, request.fetch_site))
         return Reply{403, "text/plain", "Only this server's own page and programs may do this.\n"};

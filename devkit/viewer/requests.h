@@ -1,4 +1,4 @@
-// What an HTTP request asks for, and whether it may.
+// Parses an HTTP request, and decides whether it is allowed.
 #pragma once
 
 #include <cstdint>
@@ -15,13 +15,13 @@ namespace guilink {
 struct HttpRequest {
     std::string_view method;
     std::string_view target;
-    std::string_view host;  // headers, empty without one
+    std::string_view host;  // three headers, each empty if missing
     std::string_view origin;
     std::string_view fetch_site;  // Sec-Fetch-Site
     std::string_view body;
 };
 
-// Answered at once.
+// An answer that needs no waiting.
 struct Reply {
     unsigned status = 200;
     std::string_view type = "text/plain";

@@ -59,7 +59,8 @@ void serve(const ServeOptions& options) {
     const int listener = listener_of(options);
     if (!options.command.empty()) become(options.command, listener);
 
-    // Block the signals before threads inherit the mask; sigwait below receives them.
+    // Block the signals before the first thread starts, because threads inherit the mask. sigwait
+    // below receives them.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);

@@ -22,7 +22,7 @@ class Received {
 
     void status(const LinkStatus& status) {
         const Lock lock(m_mutex);
-        if (status.linked) m_status = status;  // print() wants the last link
+        if (status.linked) m_status = status;  // print() prints the last link
         m_several = status.several;
         m_changed.notify_all();
     }
@@ -36,8 +36,8 @@ class Received {
         m_changed.notify_all();
     }
 
-    // Waits for that many images and for the identity, after which presses go out at once. Returns
-    // the number of images received.
+    // Waits for count images and for the identity. From then on the companion sends presses without
+    // delay. Returns the number of images received.
     uint64_t wait_for_images(uint64_t count) {
         Lock lock(m_mutex);
         if (!m_changed.wait_until(lock, m_deadline, [&]() REQUIRES(m_mutex) {

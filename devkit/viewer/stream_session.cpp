@@ -1,6 +1,6 @@
 #include "devkit/viewer/stream_session.h"
 
-#include "devkit/viewer/hub.h"  // before Boost
+#include "devkit/viewer/hub.h"  // before Boost, for its <utility>
 
 #include <array>
 #include <boost/asio/buffer.hpp>
@@ -14,7 +14,7 @@ using boost::system::error_code;
 
 namespace {
 
-// The boundary follows each part at once: a browser shows a part when it has seen its end.
+// The boundary follows each part at once: a browser shows a part only after the next boundary.
 constexpr const char* HEAD =
     "HTTP/1.1 200 OK\r\n"
     "Content-Type: multipart/x-mixed-replace; boundary=picture\r\n"
@@ -39,7 +39,8 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     }
 
   private:
-    // The reader sends nothing more; a read ends when it is gone. Keeps the session alive.
+    // Reads until the reader disconnects, and ignores what it sends. The pending read keeps the
+    // session alive.
     void watch_for_the_end() {
         m_socket.async_read_some(asio::buffer(m_ignored),
                                  [self = shared_from_this()](error_code error, size_t) {
@@ -52,7 +53,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
         std::array<asio::const_buffer, 3> buffers = {asio::buffer(m_head)};
         if (picture != nullptr) buffers[1] = asio::buffer(*picture);
         if (picture != nullptr) buffers[2] = asio::buffer(std::string_view(END_OF_PART));
-        // A reader that takes nothing for so long is gone.
+        // A reader that accepts no data for this long is gone.
         m_limit.expires_after(PATIENCE);
         m_limit.async_wait([self = weak_from_this()](error_code error) {
             if (const auto session = self.lock(); session != nullptr && !error) session->close();
@@ -85,9 +86,9 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     tcp::socket m_socket;
     asio::steady_timer m_limit{m_hub.loop()};
     std::array<char, 256> m_ignored;
-    std::string m_head;           // being written,
-    Renditions::Bytes m_picture;  // with this
-    uint64_t m_number = 0;        // of the last picture
+    std::string m_head;           // being written, followed by m_picture
+    Renditions::Bytes m_picture;  // being written
+    uint64_t m_number = 0;        // of the last picture written
 };
 
 }  // namespace

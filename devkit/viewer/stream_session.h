@@ -1,5 +1,5 @@
-// A reader of /stream.mjpg: the pictures as parts of one endless answer. A slow reader gets the
-// newest only.
+// A reader of /stream.mjpg: gets the pictures as parts of one endless answer. A slow reader skips
+// pictures.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>

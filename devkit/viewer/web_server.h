@@ -1,6 +1,6 @@
 // The viewer's web side, on a thread of its own: serves the page, and shares the device's pictures
-// and buttons with every browser and program that connects. See access_policy.h for who may, and
-// requests.h and page_session.h for what they get.
+// and buttons with every browser and program that connects. access_policy.h decides who may
+// connect; requests.h and page_session.h list what they can do.
 #pragma once
 
 #include <cstdint>
@@ -19,10 +19,10 @@ namespace guilink {
 
 class Hub;
 
-// Called on the server's thread.
+// The server calls these on its own thread.
 struct PageHandlers {
-    // order: what publish_delivery is to be called with; 0 for nothing. Return false if the message
-    // was dropped, and will not be reported.
+    // order is the number to call publish_delivery with, or 0 if no report is wanted. The handlers
+    // return false if they drop the message and so will not report it.
     std::function<bool(uint8_t button, uint64_t order)> press;
     std::function<bool(const std::string& text, uint64_t order)> text;
     std::function<void(const std::string& device)> choose;
@@ -37,20 +37,20 @@ class WebServer {
     WebServer(const WebServer&) = delete;
     WebServer& operator=(const WebServer&) = delete;
 
-    // From one thread, which need not be the server's; all return at once.
+    // Call these from one thread, which need not be the server's. They return at once.
     void publish_picture(const Companion::Payload& payload);
     void publish_status(const LinkStatus& status);
     void publish_devices(const std::vector<HeardDevice>& devices);
     void publish_delivery(uint64_t order, Delivery delivery);
 
   private:
-    // What has been published and not taken yet. A newer picture replaces it, so that a device that
-    // is faster than the event loop leaves no backlog.
+    // Published data that the event loop has not fetched yet. A newer picture replaces an older
+    // one, so that a device that is faster than the event loop leaves no backlog.
     struct Published {
-        Picture picture;  // without payload: none
+        Picture picture;  // without payload: no picture
         std::optional<LinkStatus> status;
         std::optional<std::vector<HeardDevice>> devices;
-        bool posted = false;  // the event loop will take it
+        bool posted = false;  // the event loop will fetch it
     };
 
     void post() REQUIRES(m_published_mutex);
@@ -58,7 +58,7 @@ class WebServer {
 
     Mutex m_published_mutex;
     Published m_published GUARDED_BY(m_published_mutex);
-    Picture m_last GUARDED_BY(m_published_mutex);  // its number and bytes only
+    Picture m_last GUARDED_BY(m_published_mutex);  // only its number and bytes are used
 
     const std::unique_ptr<Hub> m_hub;
     std::thread m_thread;

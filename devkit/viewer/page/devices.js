@@ -1,9 +1,9 @@
-// The devices in the network, to choose from. Shown if there is a choice.
+// The list of devices in the network. Shown only if there is a choice.
 
 const IN_SIGHT = 5000; // ms since a device's last broadcast; it broadcasts about once a second
 
-// choose(device) links to the device with this address. Returns a function that shows the newest
-// status of the viewer, or, called without one, what has become of it since.
+// choose(address) links to the device with this address. Returns a function that shows a status of
+// the viewer; without an argument, it updates the list as time passes.
 export function makeDevices(root, choose) {
   let status = null;
   let received = 0;
@@ -15,13 +15,13 @@ export function makeDevices(root, choose) {
     const age = performance.now() - received;
     const others = (status?.devices ?? []).filter(({ address, seconds_ago: ago }) =>
       ago * 1000 + age < IN_SIGHT && !(linked && address === status.address));
-    // The only device in sight is about to be linked.
+    // No choice if only one device is in sight: the viewer is about to link to it.
     const choice = others.length > 0 && (linked || status.wanted !== '' || status.state === 'several');
     root.hidden = !choice;
     const entries = choice ? [...(linked ? [{ ...status, linked }] : []), ...others] : [];
     entries.sort((one, other) => one.address.localeCompare(other.address, 'en', { numeric: true }));
     const now = JSON.stringify(entries.map(({ identity, firmware, address, linked: is }) => [identity, firmware, address, is]));
-    if (now === shown) return; // a button that is being clicked stays
+    if (now === shown) return; // do not replace a button that is being clicked
     shown = now;
     root.replaceChildren(...entries.map((device) => {
       const button = document.createElement('button');

@@ -1,5 +1,5 @@
-// The buttons, by mouse, touch and keyboard. A press is sent when a button goes down and repeated
-// while it is held. All buttons are released when the page loses the focus.
+// Operates the buttons by mouse, touch and keyboard. Sends a press when a button goes down, and
+// repeats it while the button is held. All buttons are released when the page loses the focus.
 
 const REPEAT = { first: 450, next: 120 }; // ms; before the first repeat, and between repeats
 // ms that a click without a pointer holds its button. Further clicks during this time are ignored.
@@ -62,7 +62,7 @@ export function makeButtons(pad, labels, press) {
     if (event.target.closest?.('button, input') && ['Enter', ' '].includes(event.key)) return undefined;
     return labels.find(({ key }) => key && key.toLowerCase() === event.key.toLowerCase());
   };
-  // By key code: if Shift is released before a key, its keyup has another name than its keydown.
+  // Keyed by code, not by name: if Shift is released first, keyup has another name than keydown.
   const keys = new Map(); // code -> label entry
   addEventListener('keydown', (event) => {
     const entry = entryOf(event);
@@ -76,7 +76,7 @@ export function makeButtons(pad, labels, press) {
     if (keys.has(code)) up(keys.get(code));
     keys.delete(code);
   });
-  // A clicked button gives up the focus, or Enter would click it again.
+  // Takes the focus away from a clicked button, or Enter would click it again.
   addEventListener('click', ({ detail, target }) => { if (detail > 0) target.closest('button')?.blur(); });
   addEventListener('blur', () => [...held.keys()].forEach(up));
 }

@@ -17,7 +17,7 @@ let newest = null;
 let image = null;
 let drawing = false;
 let lastImageTime = null;
-let shown = 0; // images drawn and bytes received since the last figures
+let shown = 0; // images drawn and bytes received since the figures were last updated
 let received = 0;
 
 function draw() {
@@ -97,7 +97,7 @@ setInterval(() => {
     : age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 
-// Adds a line to the events. A repeated line, as from a held button, is counted instead.
+// Adds a line to the events. Counts a repeated line, as from a held button, instead.
 function note(text) {
   const last = $('log').firstChild;
   if (last?.lastChild.textContent === text) {
