@@ -20,19 +20,19 @@ FRAME-1 both must Every message is one frame, and nothing travels between frames
 FRAME-2 both must The checksum is the CRC-32 of the payload.
 FRAME-3 both must A payload has at most 1,048,534 bytes to the device, and 1,048,576 bytes to the companion.
 FRAME-4 companion must The companion reads frames however TCP splits or joins them.
-FRAME-5 companion must The companion drops bytes that belong to no frame, and finds the frame behind them.
-FRAME-6 companion must The companion ignores a frame with a wrong checksum, and goes on to receive.
+FRAME-5 companion must The companion drops bytes that belong to no frame, and finds the frame after them.
+FRAME-6 companion must The companion ignores a frame with a wrong checksum, and continues to receive.
 FRAME-7 companion must The companion treats a length above 1,048,576 as damage, and does not wait for such a payload.
-FRAME-8 companion must The companion skips a frame of a type that it does not use by the frame's length.
+FRAME-8 companion must The companion skips the whole frame of a type that it does not use.
 FRAME-9 companion must The companion accepts a payload of 1,048,576 bytes.
 FRAME-10 companion must The companion sends only the types 0, 1, 4, 5 and 6.
 FRAME-11 companion should The companion sends each frame in one piece.
 FRAME-12 companion must A damaged length makes the companion miss at most 1,048,576 bytes.
 FRAME-13 device must The device reads frames however TCP splits or joins them.
-FRAME-14 device must The device drops bytes that are no start sequence, and finds the frame behind them.
-FRAME-15 device must The device skips a frame with a wrong checksum by its announced length.
+FRAME-14 device must The device drops bytes that are not a start sequence, and finds the frame after them.
+FRAME-15 device must The device skips the whole announced length of a frame with a wrong checksum.
 FRAME-16 device must The device drops all buffered bytes when a frame announces more than 1,048,576 bytes, header included.
-FRAME-17 device must The device drops all buffered bytes when they would exceed 1,048,576, and goes on to receive.
+FRAME-17 device must The device drops all buffered bytes when they would exceed 1,048,576, and continues to receive.
 FRAME-18 device must The device skips frames of the types 2, 3 and above 6.
 FRAME-19 device must The device sends only the types 2, 3 and 6.
 LINK-1 companion must A ConnectRequest is the first frame that the companion sends on a connection.
@@ -59,7 +59,7 @@ TIME-3 companion should On the link, the companion sends a ControlMessage every 
 TIME-4 companion must The companion reads all the time.
 TIME-5 companion should When nothing arrives from the device, the companion sends an IdentityRequest with each keep-alive.
 TIME-6 companion should When nothing has arrived for 3 s, the companion closes the link.
-TIME-7 device must When it has had no new image for 500 ms, the device repeats the last one.
+TIME-7 device must When there is no new image for 500 ms, the device repeats the last one.
 TIME-8 device must When it has received no ControlMessage for 2 s, the device sends no new image and repeats the last one.
 TIME-9 device must When it has received nothing for 3 s, the device closes the link.
 TIME-10 device must When all buffers have been full for 3 s, the device closes the link.
@@ -67,7 +67,7 @@ TIME-11 device must The device keeps no backlog: an image that waits to be sent 
 PICT-1 companion must The companion draws the runs row by row from the top left; a run of 1 to 65535 pixels may cross rows.
 PICT-2 companion must The last pixel, which is not sent, equals the pixel before it, or is 0 in an image of one pixel.
 PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each from the top; times 17 makes 0 to 255.
-PICT-4 companion must The companion shows 1280 x 960 and 1024 x 768, and a change between two images.
+PICT-4 companion must The companion shows images of 1280 x 960 and 1024 x 768 pixels, and the size may change between two images.
 PICT-5 companion must The companion drops an image whose runs do not describe width x height - 1 pixels, or whose payload is cut off.
 PICT-6 companion must The companion drops an image of 0 or more than 4,194,304 pixels, and reserves no memory for it.
 PICT-7 companion may The companion may skip a run of length 0 or drop its image.
@@ -96,7 +96,7 @@ NO_CASE = {
 @dataclass(frozen=True)
 class Rule:
     id: str
-    side: str      # companion, device or both: who keeps it
+    side: str      # companion, device or both: who must keep it
     strength: str  # must, should or may
     text: str
 
