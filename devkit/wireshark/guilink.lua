@@ -1,5 +1,5 @@
 -- Wireshark dissector of the link between device and companion: discovery (UDP 3152, 3153) and the link
--- itself (TCP 8399). The format and the names of the rules are those of docs/link-protocol.md.
+-- itself (TCP 8399). docs/link-protocol.md describes the format and names the rules.
 
 local HEADER = 42        -- bytes: start sequence, checksum, length, type
 local MAX_PAYLOAD = 0x100000  -- bytes; a longer payload is damage
@@ -90,23 +90,23 @@ local function crc32(data)
     return bit.bnot(crc) % 0x100000000
 end
 
--- What the dissector remembers of the capture, filled in its first pass.
+-- Filled in the first pass over the capture.
 local broadcasts  -- address of a device -> its last broadcast: frame number, identity
 local answers     -- device and companion -> number of the frame with the last answer
-local found       -- number of a frame -> what was known of its device when it came
+local found       -- number of a frame -> the last broadcast and answer before it
 
 function guilink.init()
     broadcasts, answers, found = {}, {}, {}
 end
 
--- The addresses of device and companion of a packet.
+-- Returns the addresses of device and companion in a packet.
 local function ends(pinfo, from_device)
     local source, target = tostring(pinfo.src), tostring(pinfo.dst)
     if from_device then return source, target end
     return target, source
 end
 
--- Ties a packet to the discovery that led to it.
+-- Adds references to the broadcast and the answer that led to a packet.
 local function add_discovery(tree, pinfo, from_device)
     local device, companion = ends(pinfo, from_device)
     if not pinfo.visited then
@@ -144,7 +144,7 @@ local function add_text(tree, payload)
     tree:add(fields.text, payload)
 end
 
--- Summarises the runs: thousands of items would hide what matters.
+-- Adds only a summary of the runs, which can be thousands.
 local function add_image(tree, payload)
     if payload:len() < 4 then
         tree:add(fields.payload, payload)
@@ -178,7 +178,7 @@ end
 
 local PAYLOADS = { [BUTTON] = add_button, [IMAGE] = add_image, [IDENTITY] = add_identity, [DATA] = add_text }
 
--- Adds one frame, of which all bytes are there. Returns its type and what its payload says.
+-- Adds one complete frame. Returns its type and a summary of its payload.
 local function add_frame(frame, tree, from_device)
     local kind, length = frame(40, 2):le_uint(), frame(36, 4):le_uint()
     local name = TYPES[kind] or string.format("type %d", kind)
@@ -213,7 +213,7 @@ local function add_frame(frame, tree, from_device)
     return kind, name, branch, detail
 end
 
--- Adds the part of a frame that a capture holds, if the rest of it was cut off.
+-- Adds a frame whose end the capture has cut off.
 local function add_part(part, tree)
     local branch = tree:add(guilink, part, "Guilink, cut off")
     local at = 0
@@ -233,7 +233,7 @@ local function add_garbage(bytes, tree)
     branch:add_proto_expert_info(experts.garbage)
 end
 
--- Where a start sequence begins at or behind a position, or where one may begin at the end.
+-- Returns where the next start sequence begins, from a position on, or where one may begin at the end.
 local function find_start(data, from)
     local at = data:find(START, from + 1, true)
     if at then return at - 1, true end
@@ -243,7 +243,7 @@ local function find_start(data, from)
     return #data, false
 end
 
--- The link: frames that segments cut anywhere. Bytes that belong to none are passed over.
+-- Dissects the link: a stream of frames, which segments cut anywhere. Marks bytes that belong to no frame.
 local function dissect_stream(tvb, pinfo, tree)
     local from_device = pinfo.dst_port == LINK_PORT
     pinfo.cols.protocol = "Guilink"
@@ -292,7 +292,7 @@ local function dissect_stream(tvb, pinfo, tree)
     return tvb:len()
 end
 
--- Discovery: a datagram is one frame, of the device or of the companion.
+-- Dissects discovery: each datagram is one frame, from the device or from the companion.
 local function dissect_datagram(tvb, pinfo, tree)
     local from_device = pinfo.dst_port == COMPANION_PORT
     pinfo.cols.protocol = "Guilink"

@@ -1,1 +1,1 @@
-"""The conformance kit: proves a companion, or a device, against the rules of docs/link-protocol.md."""
+"""The conformance kit: tests a companion, or a device, against the rules of docs/link-protocol.md."""

@@ -1,4 +1,5 @@
-"""Cases and their verdicts. A case names the rules it judges; its function plays the scripted end."""
+"""Cases and their verdicts. A case names the rules that it judges; its function plays the other end of the
+link against the subject, which is the companion or device under test."""
 from __future__ import annotations
 
 import time
@@ -22,13 +23,13 @@ class Broken(Exception):
 
 
 class Untestable(Exception):
-    """The case cannot judge what it wanted to."""
+    """The case cannot judge its rules."""
 
 
 @dataclass(frozen=True)
 class Case:
     name: str
-    side: str                     # of the subject
+    side: str                     # of the subject: companion or device
     rules: tuple[str, ...]
     play: Callable[[Any], None]   # gets the side's Trial
     gentle: bool = True           # harmless for a real device
@@ -42,7 +43,7 @@ CASES: dict[str, list[Case]] = {"companion": [], "device": []}
 
 
 def case(side: str, *rules: str, gentle: bool = True) -> Callable[[Any], Any]:
-    """Registers a function as a case; its name and first line are the case's."""
+    """Registers a function as a case, with its name and its docstring."""
     unknown = [rule for rule in rules if not RULES[rule].binds(side)]
     assert not unknown, unknown
 
@@ -55,21 +56,21 @@ def case(side: str, *rules: str, gentle: bool = True) -> Callable[[Any], Any]:
 
 @dataclass
 class Judge:
-    """Notes which rules were kept, and stops at the first must that was broken."""
+    """Notes the rules that were kept, and stops at the first broken rule of strength "must"."""
 
     kept: set[str] = field(default_factory=set)
     warnings: list[Fault] = field(default_factory=list)
 
     def require(self, rule: str, holds: object, text: str, expected: bytes = b"",
                 actual: bytes = b"") -> None:
-        """`text` says what was seen where the rule is broken."""
+        """Notes the rule as kept or broken. If it is broken, `text` says what was seen."""
         if holds:
             self.kept.add(rule)
         else:
             self.blame(rule, text, expected, actual)
 
     def refuse(self, rule: str, broken: object, text: str, actual: bytes = b"") -> None:
-        """As `require`, where not breaking the rule does not yet mean keeping it."""
+        """Like `require`, but does not note the rule as kept if it is not broken."""
         if broken:
             self.blame(rule, text, b"", actual)
 
@@ -90,11 +91,11 @@ class Result:
     exchange: Exchange = field(default_factory=Exchange)
     seconds: float = 0.0
     attempts: int = 1
-    output: str = ""            # the subject's last words
+    output: str = ""            # the last part of the subject's output
 
     @property
     def identifier(self) -> str:
-        """As a baseline lists it."""
+        """The result's line in a baseline."""
         return f"{self.case.name} {self.fault.rule if self.fault else ''}".strip()
 
 
@@ -109,7 +110,7 @@ def run_once(case: Case, trial: Any, stage: Stage) -> Result:
         broken = [error.fault]
     except Untestable as error:
         result.verdict, result.reason = UNTESTABLE, str(error)
-    # What the subject did wrong at any time is the cause of what went wrong later.
+    # Report the end of the subject and its faults first: they may be the cause of what `play` found.
     faults = trial.died() + [f for f in stage.faults if RULES[f.rule].strength == "must"] + broken
     if faults and not (broken and trial.gave_up()):
         result.verdict, result.fault = FAILED, faults[0]

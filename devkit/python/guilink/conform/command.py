@@ -25,7 +25,7 @@ from guilink.conform.subject import Subject
 
 def add_parser(commands: Any) -> None:
     """Adds `conform` to the commands of `guilink`."""
-    text = "Prove a companion or a device against the rules of the link."
+    text = "Test a companion or a device against the rules of the link."
     parser = commands.add_parser("conform", help=text, description=text)
     sides = parser.add_subparsers(required=True, metavar="SIDE")
     common = argparse.ArgumentParser(add_help=False)
@@ -43,17 +43,17 @@ def add_parser(commands: Any) -> None:
     common.add_argument("--patience", metavar="S", type=float, default=Options.patience,
                         help="seconds to wait for what must happen (default %(default)g)")
     common.add_argument("--attempts", metavar="N", type=int, default=Options.attempts,
-                        help="how often a case must fail to have failed (default %(default)s)")
+                        help="attempts; a case fails only if all of them fail (default %(default)s)")
     common.add_argument("-x", "--fail-fast", action="store_true", help="end with the first case that fails")
-    companion = sides.add_parser("companion", parents=[common], help="start a companion and prove it",
+    companion = sides.add_parser("companion", parents=[common], help="start a companion and test it",
                                  usage="guilink conform companion [OPTION...] -- COMMAND...")
     companion.add_argument("--picture", metavar="FILE",
-                           help="where COMMAND writes what it shows; without it, images are untestable")
+                           help="the file in which COMMAND saves its picture; without it, images are untestable")
     companion.add_argument("--picture-from", metavar="COMMAND",
-                           help="a command that prints what the companion shows as PNG")
-    companion.add_argument("command", metavar="COMMAND", nargs="*", help="the companion")
+                           help="a command that prints the companion's picture as PNG")
+    companion.add_argument("command", metavar="COMMAND", nargs="*", help="the command that starts the companion")
     companion.set_defaults(run=conform_companion)
-    device = sides.add_parser("device", parents=[common], help="prove a device in this network")
+    device = sides.add_parser("device", parents=[common], help="test a device in this network")
     device.add_argument("--identity", metavar="ID", help="identity or address of the device")
     device.add_argument("--gentle", action="store_true", help="leave out floods, damage and presses")
     device.set_defaults(run=conform_device)
@@ -130,7 +130,7 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
 
 
 def repeated(options: argparse.Namespace) -> list[str]:
-    """The arguments that one case needs again."""
+    """The arguments that the command for a single case needs, too."""
     words: list[str] = []
     for name in ("picture", "picture_from", "identity"):
         if value := getattr(options, name, None):

@@ -43,7 +43,7 @@ def answers_overlapping_searches(trial: Trial) -> None:
 
 @case("companion", "DISC-5")
 def answers_after_a_connection_was_given_up(trial: Trial) -> None:
-    """The device gives a connection up and broadcasts again."""
+    """The device closes a connection and broadcasts again."""
     trial.candidate().close()
     trial.find()
     trial.candidate(find=False).close()
@@ -52,7 +52,7 @@ def answers_after_a_connection_was_given_up(trial: Trial) -> None:
 
 @case("companion", "DISC-6", "LINK-10")
 def ignores_strange_datagrams(trial: Trial) -> None:
-    """Datagrams that are no broadcast of a device, each from a port of its own, then a broadcast."""
+    """Datagrams that no device broadcasts, each from another port, then a real broadcast."""
     identity = frame(MessageType.IDENTITY, trial.device.identity)
     wrong_checksum = bytearray(identity)
     wrong_checksum[-1] ^= 1
@@ -76,7 +76,7 @@ def ignores_strange_datagrams(trial: Trial) -> None:
 
 @case("companion", "DISC-11")
 def accepts_a_long_version(trial: Trial) -> None:
-    """A broadcast as large as fits into one Ethernet frame."""
+    """The largest broadcast that fits into one Ethernet frame."""
     trial.find()
     trial.device.identity = b"11111" + b"v" * (LARGEST - HEADER.size - 5)
     before = trial.device.answers
@@ -88,7 +88,7 @@ def accepts_a_long_version(trial: Trial) -> None:
 
 @case("companion", "DISC-10")
 def second_device_calls_while_linked(trial: Trial) -> None:
-    """Another device broadcasts while the companion is linked; the link lives on."""
+    """Another device broadcasts while the companion is linked; the link continues."""
     channel = trial.link()
     linked = trial.keep_alives(channel)
     other = trial.other_device()

@@ -1,4 +1,4 @@
-"""Cases for a companion: frames in a stream that is split, joined and damaged. What it shows tells."""
+"""Cases for a companion: a stream whose frames are split, joined or damaged. They judge by what it shows."""
 from __future__ import annotations
 
 from typing import Callable
@@ -29,7 +29,7 @@ def shows_after(trial: Trial, rule: str, what: str, send: Callable[[Channel, byt
 
 @case("companion", "FRAME-4")
 def frame_byte_by_byte(trial: Trial) -> None:
-    """An image whose bytes arrive one by one, behind an identity that does, too."""
+    """An identity, then an image, byte by byte."""
     identity = frame(MessageType.IDENTITY, trial.device.identity)
     shows_after(trial, "FRAME-4", "every byte on its own",
                 lambda channel, data: channel.send_parts(*(bytes([b]) for b in identity + data)))
@@ -37,7 +37,7 @@ def frame_byte_by_byte(trial: Trial) -> None:
 
 @case("companion", "FRAME-4")
 def frames_cut_at_every_place(trial: Trial) -> None:
-    """The same image many times, each time cut in two at another place; then another image."""
+    """The same image many times, each time split at another byte; then another image."""
     channel, first, wanted = trial.candidate(), image(PLAIN), trial.picture()
     for cut in range(1, len(first)):
         channel.send_parts(first[:cut], first[cut:])
@@ -59,7 +59,7 @@ def bytes_between_frames(trial: Trial) -> None:
     """Bytes that belong to no frame, among them the beginning of a start sequence."""
     def send(channel: Channel, data: bytes) -> None:
         watch_of(channel).answering = False
-        trial.keep_alives(channel, 1)  # all answers have been read, so the damage arrives alone
+        trial.keep_alives(channel, 1)  # the companion has read everything, so the damage arrives alone
         channel.send(GARBAGE + image(PLAIN) + START[:20] + GARBAGE + START[:31] + data)
 
     shows_after(trial, "FRAME-5", "bytes before the frame", send)
@@ -67,7 +67,7 @@ def bytes_between_frames(trial: Trial) -> None:
 
 @case("companion", "FRAME-5")
 def bytes_without_a_frame(trial: Trial) -> None:
-    """Many bytes that belong to no frame; the start sequence behind them arrives in two pieces."""
+    """Many bytes that belong to no frame; the start sequence after them arrives in two pieces."""
     shows_after(trial, "FRAME-5", "a start sequence in two pieces behind other bytes",
                 lambda channel, data: channel.send_parts(bytes(5000) + data[:10], data[10:],
                                                          between=lambda: trial.keep_alives(channel, 1)))
@@ -94,7 +94,7 @@ def wrong_checksum(trial: Trial) -> None:
 
 @case("companion", "FRAME-7")
 def absurd_length(trial: Trial) -> None:
-    """Headers that announce more than any frame has; a good frame follows each."""
+    """Headers that announce more than a payload may have; a good frame follows each."""
     def send(channel: Channel, data: bytes) -> None:
         for length in (0xFFFFFFFF, 0x80000000, MAX_PAYLOAD + 1):
             channel.send(HEADER.pack(START, 0, length, MessageType.IMAGE))
@@ -106,9 +106,9 @@ def absurd_length(trial: Trial) -> None:
 
 @case("companion", "FRAME-8")
 def unknown_types(trial: Trial) -> None:
-    """Frames of types that no version has, and of those that only companions send."""
+    """Frames of unknown types, and of types that only companions send."""
     others = [frame(kind, b"x" * kind) for kind in (0, 1, 4, 5, 7, 99, 255)]
-    largest = frame(0xFFFF, image(PLAIN) * 3)  # what looks like frames inside is payload
+    largest = frame(0xFFFF, image(PLAIN) * 3)  # its payload contains frames, which are not to be read
 
     first = trial.picture()
 
@@ -125,7 +125,7 @@ def unknown_types(trial: Trial) -> None:
 
 @case("companion", "FRAME-12", gentle=False)
 def damaged_length(trial: Trial) -> None:
-    """A length that is wrong but possible swallows what follows, 1 MiB at most."""
+    """A wrong but possible length: the companion skips that many bytes, at most 1 MiB, and continues."""
     wanted = trial.picture()
     channel = trial.candidate()
     channel.send(HEADER.pack(START, 1, MAX_PAYLOAD, MessageType.IMAGE))

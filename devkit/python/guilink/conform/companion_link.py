@@ -11,18 +11,18 @@ from guilink.conform.stage import Channel
 from guilink.picture import encode
 from guilink.wire import MessageType, frame
 
-DEAD = 9               # connections that wait and have ended
-REPEATS = 3            # ConnectRequests that show that they go on
+DEAD = 9               # connections that the device closes before the companion accepts them
+REPEATS = 3            # further ConnectRequests, which show that the companion repeats them
 KEEP_ALIVES = 5
 MUST_GAP = 2.0         # s between two ControlMessages
 SHOULD_GAP = 1.0       # s; twice the recommended time
-SECOND = 1.0           # s after the first image in which broadcasts are old
+SECOND = 1.0           # s after the first image; broadcasts in this time come from older searches
 LOAD = 120             # images in the flood
 
 
 @case("companion", "LINK-1", "LINK-2")
 def repeats_its_request(trial: Trial) -> None:
-    """No image comes; the device answers identity requests, which proves nothing."""
+    """No image comes, only answers to identity requests; the companion must repeat its ConnectRequest."""
     channel = trial.candidate()
     for _ in range(2):
         channel.send(frame(MessageType.IDENTITY, trial.device.identity))
@@ -35,7 +35,7 @@ def repeats_its_request(trial: Trial) -> None:
 
 @case("companion", "LINK-2")
 def damaged_image_is_no_link(trial: Trial) -> None:
-    """An image with a wrong checksum does not end the requests."""
+    """An image with a wrong checksum; the companion must not stop its ConnectRequests."""
     channel = trial.candidate()
     damaged = bytearray(frame(MessageType.IMAGE, encode(PLAIN)))
     damaged[-1] ^= 1
@@ -49,7 +49,7 @@ def damaged_image_is_no_link(trial: Trial) -> None:
 
 @case("companion", "PRESS-1", "PRESS-2")
 def presses_nothing_early(trial: Trial) -> None:
-    """The device neither answers nor shows anything for some keep-alives, then shows an image."""
+    """The device first sends no answers and no image, then an image; the companion must not press earlier."""
     channel = trial.candidate()
     watch_of(channel).answering = False
     trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= 2, SECOND)
@@ -63,7 +63,7 @@ def presses_nothing_early(trial: Trial) -> None:
 
 @case("companion", "LINK-3")
 def uses_the_live_one_of_ten(trial: Trial) -> None:
-    """Ten connections wait at the port; the device has given up nine of them."""
+    """Ten connections wait to be accepted; the device has closed nine of them."""
     trial.find()
     waiting = [trial.device.connect() for _ in range(DEAD + 1)]
     for dead in waiting[:DEAD]:
@@ -77,7 +77,7 @@ def uses_the_live_one_of_ten(trial: Trial) -> None:
 
 @case("companion", "LINK-4")
 def leaves_silent_connections(trial: Trial) -> None:
-    """Two connections on which nothing arrives, and a third behind them."""
+    """Two connections on which nothing arrives, and then a third one."""
     trial.find()
     channels = [trial.device.connect() for _ in range(3)]
     for channel in channels[:2]:
@@ -101,7 +101,7 @@ def closes_further_connections(trial: Trial) -> None:
 
 @case("companion", "LINK-6")
 def device_has_dropped_the_link(trial: Trial) -> None:
-    """The device shows nothing more on the link and broadcasts: it has lost the companion."""
+    """The device sends no more images on the link and broadcasts: it has dropped the link."""
     channel = trial.candidate()
     began = time.monotonic()
     showing = True
@@ -117,7 +117,7 @@ def device_has_dropped_the_link(trial: Trial) -> None:
 
 @case("companion", "LINK-7")
 def late_broadcast_of_an_old_search(trial: Trial) -> None:
-    """Broadcasts right behind the first image come from searches that were under way."""
+    """Broadcasts right after the first image, from searches that began before it; the link continues."""
     channel = trial.link()
     trial.stage.serve()
     for _ in range(2):
@@ -127,7 +127,7 @@ def late_broadcast_of_an_old_search(trial: Trial) -> None:
 
 @case("companion", "LINK-3", "LINK-10")
 def link_ends_in_every_way(trial: Trial) -> None:
-    """The end of the stream, and resets: before a word, between images, inside a frame."""
+    """The stream ends, or is reset: before any message, between images, inside a frame."""
     inside = frame(MessageType.IMAGE, encode(PLAIN))[:50]
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link()
@@ -166,7 +166,7 @@ def judge_keep_alives(trial: Trial, channel: Channel) -> None:
 
 @case("companion", "TIME-2", "TIME-4", gentle=False)
 def reads_and_speaks_under_load(trial: Trial) -> None:
-    """Different images as fast as the companion reads them; the keep-alives go on."""
+    """Different images as fast as the companion reads them; its keep-alives must not stop."""
     channel = trial.link()
     trial.keep_alives(channel, 1)
     random = np.random.default_rng(1)
@@ -182,7 +182,7 @@ def reads_and_speaks_under_load(trial: Trial) -> None:
 
 @case("companion", "TIME-5", "TIME-6")
 def device_falls_silent(trial: Trial) -> None:
-    """The device shows one image and sends nothing more, as if its network had gone."""
+    """The device sends one image and nothing more, as if its network were lost."""
     channel = trial.candidate()
     trial.device.show(channel, PLAIN)
     watch_of(channel).answering = False

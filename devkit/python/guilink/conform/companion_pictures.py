@@ -1,4 +1,4 @@
-"""Cases for a companion: images, and what is none."""
+"""Cases for a companion: images, and payloads that are not images."""
 from __future__ import annotations
 
 import struct
@@ -26,14 +26,14 @@ def show(trial: Trial, rule: str, pixels: Pixels, what: str, payload: bytes | No
 
 @case("companion", "PICT-1")
 def documented_image(trial: Trial) -> None:
-    """3 x 2 pixels as in the document: a transparent one, and a run into the next row."""
+    """The 3 x 2 pixels of docs/link-protocol.md: with a transparent pixel, and a run into the next row."""
     wanted = np.array([[0xF0BC, 0, 0xF00F], [0xF00F] * 3], np.uint16)
     show(trial, "PICT-1", wanted, "the image of 3 x 2 pixels")
 
 
 @case("companion", "PICT-2")
 def last_pixel(trial: Trial) -> None:
-    """The last run has one pixel, and the last pixel repeats it."""
+    """The last run has one pixel; the companion must repeat it for the last pixel, which is not sent."""
     wanted = np.array([[0xF111, 0xF222], [0xF333, 0xF333]], np.uint16)
     show(trial, "PICT-2", wanted, "an image of 2 x 2 pixels", words(2, 2, 1, 0xF111, 1, 0xF222, 1, 0xF333))
 
@@ -53,7 +53,7 @@ def every_opaque_colour(trial: Trial) -> None:
 
 @case("companion", "PICT-3")
 def every_transparency(trial: Trial) -> None:
-    """All values of alpha, over some colours."""
+    """All values of alpha, with some colours."""
     values = [alpha << 12 | colour for alpha in range(1, 16) for colour in (0xF00, 0x0F0, 0x00F, 0x123)]
     wanted = shown_of(np.array(values, np.uint16).reshape(6, 10))
     show(trial, "PICT-3", wanted, "all values of alpha")
@@ -69,7 +69,7 @@ def longest_runs(trial: Trial) -> None:
 
 @case("companion", "PICT-4")
 def size_changes(trial: Trial) -> None:
-    """Both sizes of devices, one behind the other, and a small one between them."""
+    """Images whose size changes: small, large, small."""
     channel = trial.candidate()
     for size, colour in ((SMALL, 0xF00F), (LARGE, 0xF0F0), (SMALL, 0xFF00)):
         wanted = np.full(size, colour, np.uint16)
@@ -98,18 +98,18 @@ NO_SCREEN = {
 
 @case("companion", "PICT-5", "LINK-10")
 def damaged_images(trial: Trial) -> None:
-    """Payloads that are no image; the last good one stays, and the next is shown."""
+    """Payloads that are not images; the companion keeps the last good image, and shows the next."""
     must_drop(trial, "PICT-5", DAMAGED)
 
 
 @case("companion", "PICT-6", "LINK-10", gentle=False)
 def images_of_no_screen(trial: Trial) -> None:
-    """Sizes that no device has, and runs that describe 4 thousand million pixels."""
+    """Sizes that no device has, up to runs for 4 thousand million pixels."""
     must_drop(trial, "PICT-6", NO_SCREEN)
 
 
 def must_drop(trial: Trial, rule: str, payloads: dict[str, bytes]) -> None:
-    """Shows the payloads between good images."""
+    """Sends the payloads between two good images; the companion must drop them."""
     channel = trial.candidate()
     good, last = trial.picture(), trial.picture()
     trial.device.show(channel, good)

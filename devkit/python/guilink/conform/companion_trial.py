@@ -1,4 +1,4 @@
-"""What a case against a companion works with: the device, the process, and what it shows."""
+"""The tools of a case against a companion: the scripted device, the companion's process, and its picture."""
 from __future__ import annotations
 
 import io
@@ -20,13 +20,13 @@ from guilink.picture import Pixels
 from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
-START_PATIENCE = 20.0  # s, at least, until a companion that has just been started answers
-ABOUT_TO_END = 0.5     # s from the last sign of a companion to its end
+START_PATIENCE = 20.0  # s, at least, for the first answer of a companion that was just started
+ABOUT_TO_END = 0.5     # s; a companion that ends so soon after a fault is the cause of that fault
 
 
 @dataclass
 class Shown:
-    """Where the companion shows its picture: a file that it writes, or a command that prints one."""
+    """The source of the companion's picture: a file that it writes, or a command that prints it."""
 
     file: Path | None = None
     command: Sequence[str] = ()
@@ -35,7 +35,7 @@ class Shown:
         return bool(self.file or self.command)
 
     def read(self) -> np.ndarray | None:  # type: ignore[type-arg]
-        """The picture as RGB or RGBA bytes; None while there is none."""
+        """The picture as RGB or RGBA bytes; None if there is no picture yet."""
         try:
             data = (self.file.read_bytes() if self.file else
                     subprocess.run(self.command, stdout=subprocess.PIPE, check=False).stdout)
@@ -60,7 +60,7 @@ class Trial:
     def other_device(self) -> ScriptedDevice:
         return ScriptedDevice(self, sandbox.OTHER_DEVICE, b"22222fw1.1")
 
-    # --- what the engine asks ------------------------------------------------------------------------
+    # --- for the engine ------------------------------------------------------------------------------
 
     def subject_ended(self) -> bool:
         return not self.subject.alive()
@@ -73,16 +73,16 @@ class Trial:
         return []
 
     def gave_up(self) -> str:
-        """Why what went wrong is no fault."""
+        """Returns why a broken rule is not the companion's fault, or an empty text if it is."""
         self.stage.until(self.subject_ended, ABOUT_TO_END)
         if self.subject_ended() and self.subject.status == 0:
             return "the companion has ended by itself in the middle of the case"
         return ""
 
-    # --- what cases do -------------------------------------------------------------------------------
+    # --- for cases -----------------------------------------------------------------------------------
 
     def find(self) -> None:
-        """Calls until the companion answers; says which rule is broken if it never does."""
+        """Broadcasts until the companion answers. If it never does, blames the rule that is broken."""
         patience = max(START_PATIENCE, self.stage.patience) if self._fresh else self.stage.patience
         answered = self.device.call_until_answered(patience)
         self._fresh = False
@@ -95,14 +95,14 @@ class Trial:
         probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))
         self.stage.until(lambda: probe.arrived or probe.refused)
         self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed")
-        if self.device.answers:  # to the first broadcast: it was busy
+        if self.device.answers:  # a late answer: the companion was busy
             return
         self.judge.refuse("DISC-3", probe.arrived, "the companion receives no broadcasts, only what is sent to "
                           "its address")
         self.judge.blame("DISC-5", f"none of {self.device.calls} broadcasts was answered")
 
     def candidate(self, find: bool = True) -> Channel:
-        """A connection on which the companion has asked to be the link."""
+        """Opens a connection, and waits until the companion has sent a ConnectRequest on it."""
         if find:
             self.find()
         channel = self.device.connect()
@@ -116,18 +116,18 @@ class Trial:
                            + (", and the companion closes it" if channel.ended else ""))
 
     def link(self, pixels: Pixels | None = None) -> Channel:
-        """A connection that shows an image, and shows it again twice a second."""
+        """Opens a connection on which the device sends an image, and repeats it twice a second."""
         channel = self.candidate()
         self.device.repeat(channel, PLAIN if pixels is None else pixels)
         return channel
 
     def picture(self, height: int = 8, width: int = 12) -> Pixels:
-        """Opaque, and another one each time, so that an old one is never taken for it."""
+        """An opaque random picture, a new one for each call, so that it differs from all earlier ones."""
         drawn = np.random.default_rng().integers(0xF000, 0xFFFF, (height, width), np.uint16, endpoint=True)
         return shown_of(drawn)
 
     def keep_alives(self, channel: Channel, more: int = 3) -> bool:
-        """Waits for more ControlMessages: the companion has had time to handle what was sent before."""
+        """Waits for `more` ControlMessages. By then the companion has handled what was sent before."""
         before = channel.count(MessageType.CONTROL)
         return self.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
                                 self.stage.patience + more) and not channel.ended
@@ -173,7 +173,7 @@ class Trial:
 
 
 def shown_of(pixels: Pixels) -> Pixels:
-    """What the link leaves of opaque pixels: the last one equals the one before."""
+    """Opaque pixels as a companion shows them: the last pixel, which is not sent, equals its neighbour."""
     seen = pixels.copy().reshape(-1)
     seen[-1] = seen[-2]
     return seen.reshape(pixels.shape)

@@ -1,4 +1,4 @@
-"""Cases for a device: searching, linking, losing and finding again."""
+"""Cases for a device: searching, linking, losing the companion and finding it again."""
 from __future__ import annotations
 
 import time
@@ -11,8 +11,8 @@ from guilink.wire import MessageType, frame
 REQUEST = frame(MessageType.CONNECT_REQUEST)
 ASK = frame(MessageType.IDENTITY_REQUEST)
 FLOOD = 40       # answers to one broadcast
-BUFFERS = 8 << 20  # bytes; about what the two systems hold for a connection
-PER_HOST = 8     # connections that may follow
+BUFFERS = 8 << 20  # bytes; about the size of both systems' socket buffers together
+PER_HOST = 8     # connections that a device may open to one host
 
 
 @case("device", "DISC-1", "DISC-2")
@@ -24,13 +24,13 @@ def broadcasts(trial: DeviceTrial) -> None:
 
 @case("device", "DISC-8")
 def connects_to_who_answers(trial: DeviceTrial) -> None:
-    """An answer from any port leads to a connection."""
+    """The companion answers from a port other than 3152; the device must connect."""
     trial.candidate()
 
 
 @case("device", "DISC-9", gentle=False)
 def ignores_strange_answers(trial: DeviceTrial) -> None:
-    """Datagrams that are nearly the answer lead to no connection."""
+    """Datagrams that are almost an answer; the device must not connect."""
     strange = [ANSWER[:-1], ANSWER + b"\0", bytes([ANSWER[0] ^ 1]) + ANSWER[1:], ANSWER[:-1] + b"\1",
                b"", ANSWER[:40] + b"\5\0", ANSWER[:36] + b"\1" + ANSWER[37:], ANSWER * 2]
     called = trial.broadcast()
@@ -44,7 +44,7 @@ def ignores_strange_answers(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-14", "LINK-18")
 def answers_a_candidate(trial: DeviceTrial) -> None:
-    """A candidate's questions are answered, each once; it gets no image."""
+    """A candidate sends IdentityRequests; the device answers each once, and sends no image."""
     channel = trial.candidate()
     channel.send(ASK * 3)
     answered = trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 3)
@@ -59,7 +59,7 @@ def answers_a_candidate(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-13")
 def closes_a_silent_candidate(trial: DeviceTrial) -> None:
-    """A candidate that never says anything is given up."""
+    """A candidate sends nothing; the device must close the connection."""
     channel = trial.candidate()
     trial.judge.require("LINK-13", trial.stage.until(lambda: channel.ended),
                         "a connection without a ConnectRequest stays open")
@@ -68,7 +68,7 @@ def closes_a_silent_candidate(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-12", "LINK-14", "DISC-12", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")
 def first_request_wins(trial: DeviceTrial) -> None:
-    """Two connections; the later one asks first, and becomes the link."""
+    """Two connections; the second one sends the first ConnectRequest, and must become the link."""
     both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)
     trial.judge.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
     first, link = trial.channels[-2:]
@@ -94,7 +94,7 @@ def two_connections(trial: DeviceTrial) -> bool:
 
 @case("device", "LINK-17", "TIME-9")
 def companion_falls_silent(trial: DeviceTrial) -> None:
-    """The companion says nothing more; the device closes the link and searches."""
+    """The companion sends nothing more; the device must close the link and search."""
     channel = trial.link()
     trial.speaking.clear()
     trial.judge.require("TIME-9", trial.stage.until(lambda: channel.ended), "the link stays open")
@@ -103,7 +103,7 @@ def companion_falls_silent(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-17")
 def link_ends_in_every_way(trial: DeviceTrial) -> None:
-    """The companion closes the link, resets it, and leaves inside a frame; each time it is found again."""
+    """The companion closes the link, resets it, or ends it inside a frame; the device must find it again."""
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link("DISC-1" if way == "close" else "LINK-17")
         if "inside" in way:
@@ -115,7 +115,7 @@ def link_ends_in_every_way(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-16", gentle=False)
 def flood_of_answers(trial: DeviceTrial) -> None:
-    """One broadcast is answered many times."""
+    """The companion answers one broadcast many times."""
     called = trial.broadcast()
     for _ in range(FLOOD):
         trial.answer(called)

@@ -1,4 +1,4 @@
-"""Cases for a device: what it reads, what it shows, and what it hands on."""
+"""Cases for a device: the frames that it reads, the images that it sends, and the presses that it hands on."""
 from __future__ import annotations
 
 import time
@@ -11,14 +11,14 @@ from guilink.conform.device_trial import DeviceTrial
 from guilink.conform.stage import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
-GATE = 4.0   # s without a ControlMessage; the device stops new images after half of it
+GATE = 4.0   # s without a ControlMessage; the device must stop new images after half of this
 AFTERMATH = 0.3  # s
 SIZES = {(1280, 960), (1024, 768)}
 
 
 @case("device", "FRAME-13", gentle=False)
 def frames_cut_and_joined(trial: DeviceTrial) -> None:
-    """Requests byte by byte, cut at every place, and many in one piece."""
+    """Requests byte by byte, split at many places, and many in one piece."""
     channel = silent_link(trial)
     expected = channel.count(MessageType.IDENTITY) + 1
     channel.send_parts(*(bytes([byte]) for byte in ASK))
@@ -35,18 +35,18 @@ def frames_cut_and_joined(trial: DeviceTrial) -> None:
 
 
 def silent_link(trial: DeviceTrial) -> Channel:
-    """A link that is kept alive by what the case itself sends."""
+    """A link without automatic keep-alives: the case itself must keep it alive."""
     channel = trial.link()
     trial.speaking.clear()
     channel.send(frame(MessageType.CONTROL))
     trial.ask(channel, "LINK-14", "an IdentityRequest on the link is not answered")
-    # All questions of the keep-alives are answered now, in order.
+    # The device answers in order, so it has answered all earlier questions (IdentityRequests) by now.
     return channel
 
 
 def answers(trial: DeviceTrial, channel: Channel, data: bytes, questions: int, rule: str, what: str) -> None:
-    """Sends bytes of which the device must answer so many questions, then asks once more: any answer too
-    many comes before that one."""
+    """Sends data in which the device must find exactly `questions` IdentityRequests, then asks once more.
+    Surplus answers would come before the answer to that."""
     before = channel.count(MessageType.IDENTITY)
     channel.send(data)
     trial.stage.until(lambda: channel.ended or channel.delivered())
@@ -60,7 +60,7 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, questions: int, r
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got > questions and not channel.ended, f"{what}: the device answers no more",
                         b"", data[:64])
-    # What is answered too much comes right behind. A slow device may escape; a right one is never blamed.
+    # Surplus answers come right after. A slow device may send them too late, but a right one is never blamed.
     trial.stage.until(lambda: channel.count(MessageType.IDENTITY) - before > questions + asked, AFTERMATH)
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got <= questions + asked, f"{what}: {got} answers to {questions + asked} "
@@ -69,7 +69,7 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, questions: int, r
 
 @case("device", "FRAME-14", "FRAME-15", "FRAME-18", gentle=False)
 def damaged_frames(trial: DeviceTrial) -> None:
-    """Bytes before a start sequence, wrong checksums and foreign types, each with questions around."""
+    """Bytes before a start sequence, wrong checksums and unknown types, each followed by an IdentityRequest."""
     wrong = bytearray(frame(MessageType.DATA, ASK + b"."))
     wrong[32] ^= 1
     channel = silent_link(trial)
@@ -82,7 +82,7 @@ def damaged_frames(trial: DeviceTrial) -> None:
 
 @case("device", "FRAME-16", "FRAME-17", gentle=False)
 def too_long_frames(trial: DeviceTrial) -> None:
-    """Lengths that no frame may have, and more bytes than the buffer holds."""
+    """Lengths that no frame may have, and more bytes than the device's buffer holds."""
     channel = silent_link(trial)
     for length in (MAX_PAYLOAD - HEADER.size + 1, 0x7FFFFFFF, 0xFFFFFFFF):
         header = HEADER.pack(START, 0, length, MessageType.DATA)
@@ -93,7 +93,7 @@ def too_long_frames(trial: DeviceTrial) -> None:
 
 @case("device", "TIME-7", "PICT-8", "PICT-9", "PICT-10", "PICT-11", "LINK-18")
 def shows_and_repeats(trial: DeviceTrial) -> None:
-    """Images arrive on the link, and go on to arrive."""
+    """Images must arrive on the link, and repeat."""
     channel = trial.link()
     trial.image(channel, 4)
     for payload in channel.payloads(MessageType.IMAGE)[:50]:
@@ -119,7 +119,7 @@ def judge_image(trial: DeviceTrial, payload: bytes) -> None:
 
 @case("device", "TIME-8")
 def gate_closes(trial: DeviceTrial) -> None:
-    """Without ControlMessages only repeats come, and with them new images again."""
+    """Without ControlMessages the device must only repeat its image; with them it must send new images again."""
     channel = trial.link()
     trial.image(channel, 3)
     trial.stage.until(lambda: len(set(channel.payloads(MessageType.IMAGE))) > 1)
@@ -140,7 +140,7 @@ def gate_closes(trial: DeviceTrial) -> None:
 
 @case("device", "PRESS-3", "PRESS-4", gentle=False)
 def presses_buttons(trial: DeviceTrial) -> None:
-    """Each button once; then numbers and payloads that are none."""
+    """Each button once; then button numbers that do not exist, and payloads of the wrong size."""
     trial.hear()
     trial.broadcast()
     port = trial.control_port()
@@ -156,7 +156,7 @@ def presses_buttons(trial: DeviceTrial) -> None:
 
 def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payload: bytes,
           expected: list[int]) -> None:
-    """The answer to a question behind the press shows that it was handed on."""
+    """Presses, waits for the answer to a question after the press, and checks what the device has handed on."""
     before = len(port.arrived)
     trial.ask(channel, rule, "no answer behind a press", frame(MessageType.BUTTON, payload))
     trial.stage.until(lambda: len(port.arrived) >= before + len(expected))
@@ -168,7 +168,7 @@ def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payl
 
 @case("device", "LINK-15", gentle=False)
 def candidate_cannot_press(trial: DeviceTrial) -> None:
-    """A press that comes together with the ConnectRequest is dropped, and one before it."""
+    """A press before the ConnectRequest, and one in the same chunk; the device must drop both."""
     trial.broadcast()
     port = trial.control_port()
     channel = trial.candidate()

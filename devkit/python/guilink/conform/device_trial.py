@@ -1,4 +1,4 @@
-"""What a case against a device works with: the kit is the companion, and says only what a case wants."""
+"""The tools of a case against a device: here the kit is the companion, and sends only what a case wants."""
 from __future__ import annotations
 
 import socket
@@ -12,13 +12,13 @@ from guilink.link import GuilinkError
 from guilink.wire import Identity, MessageType, frame, identity_datagram
 
 KEEP_ALIVE = 0.4       # s
-CONNECT_PATIENCE = 3   # broadcasts that are answered before a device counts as not connecting
+CONNECT_PATIENCE = 3   # answered broadcasts; a device that has not connected by then fails
 CONTROL_PORT = ("127.0.0.1", 3426)
 
 
 @dataclass
 class Wanted:
-    """The device under test: chosen by its identity or address, else the first that calls."""
+    """The device under test: the one with this identity or address, or else the first that broadcasts."""
 
     name: str | None = None
     address: str = ""
@@ -59,9 +59,9 @@ class DeviceTrial:
 
     def __init__(self, stage: Stage, wanted: Wanted):
         self.stage, self.wanted, self.judge = stage, wanted, Judge()
-        self.channels: list[Channel] = []  # that the device has opened
+        self.channels: list[Channel] = []  # connections that the device has opened
         self.broadcasts: list[Datagram] = []
-        self.speaking: set[int] = set()    # channels that are kept alive
+        self.speaking: set[int] = set()    # numbers of the channels that are kept alive
         self._read = 0
         try:
             self._ear = UdpSocket(stage, ("", 3152))
@@ -79,7 +79,7 @@ class DeviceTrial:
     # --- discovery -----------------------------------------------------------------------------------
 
     def hear(self) -> int:
-        """How many broadcasts of the device have come; judges each."""
+        """Returns the number of broadcasts from the device so far, and judges the new ones."""
         for datagram in self._ear.arrived[self._read:]:
             self._read += 1
             said = identity_datagram(datagram.data)
@@ -104,11 +104,11 @@ class DeviceTrial:
         return len(self.broadcasts)
 
     def heard_all(self) -> list[Datagram]:
-        """Broadcasts of any device."""
+        """The broadcasts of all devices."""
         return [each for each in self._ear.arrived if identity_datagram(each.data)]
 
     def refused_at(self, address: str) -> bool:
-        """Whether a host is there whose discovery port is closed: a device that does not search."""
+        """Returns whether the host exists and its discovery port is closed: a device that does not search."""
         probe = UdpSocket(self.stage, ("", 0))
         try:
             probe.send(b"", (address, 3153))
@@ -117,19 +117,19 @@ class DeviceTrial:
         return self.stage.until(lambda: probe.refused, 1.0)
 
     def broadcast(self, rule: str = "DISC-1", text: str = "no broadcast is received") -> Datagram:
-        """The next broadcast."""
+        """Waits for the next broadcast. Blames `rule` if there is none."""
         before = self.hear()
         self.judge.require(rule, self.stage.until(lambda: self.hear() > before), text)
         return self.broadcasts[-1]
 
     def answer(self, broadcast: Datagram, data: bytes = ANSWER) -> None:
-        """From a port of its own: the source port does not matter."""
+        """Answers from a new port, because the source port must not matter."""
         UdpSocket(self.stage, ("", 0)).send(data, broadcast.sender)
 
     # --- connections ---------------------------------------------------------------------------------
 
     def candidate(self, rule: str = "DISC-1") -> Channel:
-        """A new connection of the device, on which nothing was said yet."""
+        """A new connection of the device, on which the kit has sent nothing yet."""
         before = len(self.channels)
         for _ in range(CONNECT_PATIENCE):
             called = self.broadcast(rule, "the device does not broadcast" if rule == "DISC-1" else
@@ -144,13 +144,13 @@ class DeviceTrial:
         raise AssertionError("a must was broken")
 
     def speak(self, channel: Channel, *kinds: int) -> None:
-        """Keeps a connection alive from now on, with these messages."""
+        """Keeps a connection alive from now on, with messages of these types."""
         self.speaking.add(channel.number)
         words = b"".join(map(frame, kinds))
         self.stage.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
 
     def link(self, rule: str = "DISC-1") -> Channel:
-        """A connection that the device has made the link. A candidate that it gives up costs a try."""
+        """A connection that the device has made the link. Tries again if the device drops the candidate."""
         for _ in range(CONNECT_PATIENCE):
             channel = self.candidate(rule)
             self.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
@@ -168,7 +168,7 @@ class DeviceTrial:
         self.judge.require(rule, answered and not channel.ended, what)
 
     def image(self, channel: Channel, more: int = 1) -> bytes:
-        """Waits for more images; the last one's payload."""
+        """Waits for `more` images. Returns the payload of the last one."""
         before = channel.count(MessageType.IMAGE)
         if not self.stage.until(lambda: channel.ended or channel.count(MessageType.IMAGE) >= before + more) \
                 or channel.ended:
@@ -178,7 +178,7 @@ class DeviceTrial:
         return channel.payloads(MessageType.IMAGE)[-1]
 
     def control_port(self) -> UdpSocket:
-        """Where a device on this machine hands on presses."""
+        """Opens the port to which a device on this machine hands on presses."""
         if self.wanted.address:
             try:
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind((self.wanted.address, 0))

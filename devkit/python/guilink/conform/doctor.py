@@ -1,5 +1,5 @@
-"""`guilink doctor`: why there is no picture. Looks at one thing after the other, from this computer's ports
-to a press, and says for the first that is wrong its cause and cure."""
+"""`guilink doctor`: finds out why there is no picture. Checks one thing after the other, from this computer's
+ports to a press, and names cause and cure of the first fault."""
 from __future__ import annotations
 
 import argparse
@@ -21,13 +21,13 @@ from guilink.wire import MessageType, frame
 
 BROADCASTS = 4.0     # s to listen; a device broadcasts once a second
 IMAGES = 3.0         # s to count images
-SLOW = 1.0           # s for an answer; a link in a healthy network takes milliseconds
-JUMP = 0.5           # s by which the clock may be set while the doctor looks
+SLOW = 1.0           # s; a slower answer is a fault: a healthy network needs milliseconds
+JUMP = 0.5           # s by which the clock may change during the checks
 ETH_IPV4 = 0x0800
 
 
 class Sick(Exception):
-    """What is wrong, why, and what to do."""
+    """The first fault: what is wrong, why, and what to do."""
 
     def __init__(self, what: str, cause: str, cure: str):
         super().__init__(what)
@@ -46,7 +46,7 @@ class Visit:
 
 
 class Sniffer:
-    """Sees packets before a firewall does. Needs root; without it, it sees nothing and says so."""
+    """Sees packets that a firewall may drop. Needs root; otherwise sees nothing, and `allowed` is False."""
 
     def __init__(self) -> None:
         self.seen: set[tuple[str, int]] = set()  # protocol and destination port
@@ -134,7 +134,7 @@ def ask(visit: Visit, stage: Stage, channel: Any, step: str, when: str) -> None:
     trip = time.monotonic() - began
     visit.note(step, f"answered within {trip * 1000:.0f} ms")
     if trip > SLOW:
-        raise Sick(f"an answer takes {trip:.1f} s", "a slow network, or a busy computer",
+        raise Sick(f"the device needs {trip:.1f} s to answer", "a slow network, or a busy computer",
                    "use a cable; look for what loads the network")
 
 

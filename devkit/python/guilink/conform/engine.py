@@ -1,4 +1,4 @@
-"""Runs cases: several attempts where one fails, one line each, and the verdict of every rule."""
+"""Runs cases, prints one line for each, and gives a verdict for every rule. Repeats a case that fails."""
 from __future__ import annotations
 
 from dataclasses import dataclass, field
@@ -9,18 +9,18 @@ from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, W
 from guilink.conform.rules import NO_CASE, RULES
 from guilink.conform.stage import Stage
 
-# Without these nothing else can be judged.
+# While one of these rules is broken, no other rule can be judged.
 BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
-GIVE_UP = 2  # cases in a row that fail by one of them
+GIVE_UP = 2  # cases in a row that break one of them
 
 
 class Subject(Protocol):
-    """What is being proved, as the engine handles it."""
+    """The companion or device under test, as the engine uses it."""
 
     def trial(self, stage: Stage) -> object: ...
 
     def restart(self) -> None:
-        """Before another attempt."""
+        """Called before another attempt."""
 
     def output(self) -> str: ...
 
@@ -61,7 +61,7 @@ class Run:
         return UNTESTABLE, reason or ("what it is about has not happened" if about else "no case was run")
 
 
-# Kept by a side that passed a case, because the strict reader judges every byte.
+# Rules that a side keeps in every case that it passes, because the strict reader judges every byte.
 WATCHED = {"companion": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11"),
            "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19", "DISC-2")}
 
@@ -96,7 +96,7 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
 
 
 def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
-    """A busy machine can break what depends on time, so only what fails in each attempt has failed."""
+    """Repeats a case that fails: on a busy machine it may only have been too slow."""
     for attempt in range(1, options.attempts + 1):
         stage = Stage(options.patience)
         try:

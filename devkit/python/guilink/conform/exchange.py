@@ -1,4 +1,4 @@
-"""What was said on the wire, by whom and when: for the report, the capture file and the judge."""
+"""Records what each side sent and when, for the report, the capture file and the judge."""
 from __future__ import annotations
 
 import time
@@ -6,13 +6,13 @@ from dataclasses import dataclass, field
 from typing import Iterator
 
 Address = tuple[str, int]
-KIT = "kit"          # speaks for the scripted end
-SUBJECT = "subject"  # what is being proved
+KIT = "kit"          # plays the other end of the link
+SUBJECT = "subject"  # the companion or device under test
 
 
 @dataclass(frozen=True)
 class Event:
-    """Bytes, or `opened`, `ended` and `reset` of a connection, or a `note` of the kit."""
+    """Bytes that were sent; or that a connection was `opened`, `ended` or `reset`; or a `note` of the kit."""
 
     time: float       # time.monotonic()
     speaker: str      # KIT or SUBJECT

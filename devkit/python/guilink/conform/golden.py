@@ -1,6 +1,5 @@
-"""Worked examples as files: frames, pictures with their decoded pixels, and damaged streams.
-
-An author tests a decoder with them, without a network. docs/examples/golden holds them.
+"""Writes the example files in docs/examples/golden: frames, pictures with their decoded pixels, and damaged
+streams. Authors of companions test their decoders with them, without a network.
 """
 from __future__ import annotations
 
@@ -14,7 +13,7 @@ from guilink.picture import Pixels, decode, encode
 from guilink.screen import Screen
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
-EXAMPLE = bytes.fromhex("0300 0200 0100BC0A 01000000 03000FF0")  # 3 x 2 pixels, of the document
+EXAMPLE = bytes.fromhex("0300 0200 0100BC0A 01000000 03000FF0")  # the 3 x 2 pixels of docs/link-protocol.md
 
 FRAMES = {
     "control": (MessageType.CONTROL, b""), "button": (MessageType.BUTTON, b"\7"),
@@ -42,7 +41,7 @@ def pictures() -> dict[str, Pixels]:
 
 
 def streams() -> dict[str, tuple[bytes, list[tuple[int, bytes]]]]:
-    """Bytes, and the messages that a receiver finds."""
+    """For each stream, its bytes and the messages that a receiver must find in it."""
     image = (int(MessageType.IMAGE), EXAMPLE)
     good = frame(*image)
     wrong = bytearray(good)

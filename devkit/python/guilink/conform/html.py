@@ -1,4 +1,4 @@
-"""One self-contained page: each case, and for what went wrong the exchange as a picture."""
+"""Writes one self-contained page: all cases, and for those that failed a drawing of the exchange."""
 from __future__ import annotations
 
 import base64
@@ -14,8 +14,8 @@ from guilink.conform.report import VERDICTS, repeat_command
 from guilink.conform.rules import RULES
 from guilink.wire import HEADER, START, MessageType
 
-MOST_EVENTS = 60   # drawn of one exchange, from its end
-MOST_BYTES = 96    # shown of expected and actual
+MOST_EVENTS = 60   # the last events of an exchange are drawn
+MOST_BYTES = 96    # the first expected and actual bytes are shown
 ROW = 22           # pixels between two arrows
 
 STYLE = """
@@ -71,7 +71,7 @@ def _section(result: Result, arguments: Sequence[str]) -> str:
 
 
 def _side_by_side(expected: bytes, actual: bytes) -> tuple[str, str]:
-    """Both in hexadecimal, 16 bytes a line, differences marked."""
+    """Returns both in hexadecimal, 16 bytes per line, with marked differences."""
     def dump(data: bytes, other: bytes) -> str:
         cells = []
         for i, byte in enumerate(data[:MOST_BYTES]):
@@ -84,7 +84,7 @@ def _side_by_side(expected: bytes, actual: bytes) -> tuple[str, str]:
 
 
 def describe(data: bytes) -> str:
-    """The frames in a piece of a stream, in words."""
+    """Describes the frames in a piece of a stream."""
     words, position = [], 0
     while position < len(data):
         start = data.find(START, position)
@@ -106,7 +106,7 @@ def describe(data: bytes) -> str:
 
 
 def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
-    """Events that follow each other and say the same are one arrow."""
+    """Joins equal events in a row, because they share one arrow."""
     last: tuple[Event, str, int] | None = None
     for event in exchange:
         text = event.text or (describe(event.data) or "empty" if event.kind == "bytes" else event.kind)

@@ -1,7 +1,7 @@
-"""A capture file of an exchange, for Wireshark: the packets are made from the bytes that were recorded.
+"""Makes a capture file for Wireshark from the recorded bytes of an exchange.
 
-Addresses, ports, order and times are those of the exchange; sizes of segments, acknowledgements and
-sequence numbers are our own.
+Addresses, ports, order and times are those of the exchange. The sizes of segments, the acknowledgements and
+the sequence numbers are made up.
 """
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ UDP, TCP = 17, 6
 
 
 def capture(exchange: Exchange, wall: float = 0.0) -> bytes:
-    """`wall` is added to the times, to make them times of day."""
+    """Returns the file. Adds `wall` to the times, to make them times of day."""
     packets = [struct.pack("<IHHiIII", MAGIC, 2, 4, 0, 0, 0x40000, RAW_IPV4)]
     sent: dict[tuple[int, Address], int] = {}  # bytes, by connection and sender
     for event in exchange:

@@ -14,7 +14,7 @@ VERDICTS = (PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED)
 
 
 def repeat_command(result: Result, arguments: Sequence[str]) -> str:
-    """What runs just this case again."""
+    """The command that runs only this case again."""
     return shlex.join(["guilink", "conform", result.case.side, "-k", result.case.name, *arguments])
 
 
@@ -64,7 +64,7 @@ def write_json(path: str, run: Run, arguments: Sequence[str]) -> None:
 
 
 def write_junit(path: str, run: Run, arguments: Sequence[str]) -> None:
-    """Failures fail; what is untestable or expected is skipped; warnings pass, with their text."""
+    """In JUnit's terms, untestable and expected results are skipped, and warnings pass, with their text."""
     suite = ElementTree.Element("testsuite", name=f"guilink conform {run.side}", tests=str(len(run.results)),
                                 failures=str(run.count(FAILED)),
                                 skipped=str(run.count(UNTESTABLE) + run.count(EXPECTED)))

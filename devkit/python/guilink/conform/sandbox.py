@@ -1,7 +1,8 @@
-"""A private network for a companion under test: the kit's device here, the companion at the other end.
+"""A private network for a companion under test: two network namespaces and a cable between them, made with
+unshare(1), nsenter(1) and ip(8).
 
-Two network namespaces and a cable between them, made with unshare(1), nsenter(1) and ip(8). The kit
-runs itself again inside; nothing of it outlives the kit.
+The kit, with its scripted device, starts itself again in one namespace; the companion runs in the other. The
+network ends with the kit.
 """
 from __future__ import annotations
 
@@ -31,7 +32,7 @@ link set dev guilink1 up
 
 
 def enter(arguments: Sequence[str]) -> None:
-    """Returns inside a network namespace of our own; runs `python -m guilink` again if need be."""
+    """Returns only inside a new network namespace. Runs `python -m guilink` again there if necessary."""
     if os.environ.pop(INSIDE, None):
         return
     for tool in ("unshare", "nsenter", "setpriv", "ip"):
@@ -55,14 +56,14 @@ def _run_again(command: list[str]) -> NoReturn:
 
 
 class Cable:
-    """The companion's namespace, held open by a process, and the cable to it."""
+    """The companion's namespace, which a process holds open, and the cable (a veth pair) to it."""
 
     def __init__(self) -> None:
         self._holder = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--net", "sh", "-c", "echo; exec sleep infinity"],
             stdout=subprocess.PIPE)
         assert self._holder.stdout
-        self._holder.stdout.readline()  # the namespace is there
+        self._holder.stdout.readline()  # now the namespace exists
         self.within = ["nsenter", "--target", str(self._holder.pid), "--net", "--"]
         self._ip([], "link add dev guilink0 type veth peer name guilink1 netns "
                      f"{self._holder.pid}\n" + KIT_SIDE)
@@ -72,7 +73,7 @@ class Cable:
     def _ip(within: list[str], batch: str) -> None:
         done = subprocess.run([*within, "ip", "-batch", "-"], input=batch, capture_output=True, text=True)
         if done.returncode:
-            raise GuilinkError(f"cannot lay the private network: {done.stderr.strip()}")
+            raise GuilinkError(f"cannot set up the private network: {done.stderr.strip()}")
 
     def close(self) -> None:
         self._holder.kill()

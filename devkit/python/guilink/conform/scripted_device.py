@@ -1,4 +1,4 @@
-"""The scripted device that a companion meets: calls, connects, answers and shows what a case wants."""
+"""The device that the kit plays for a companion: broadcasts, connects, answers and sends what a case wants."""
 from __future__ import annotations
 
 import socket
@@ -13,16 +13,16 @@ if TYPE_CHECKING:
     from guilink.conform.companion_trial import Trial
 
 ANSWER = frame(MessageType.CONNECT_REQUEST)
-CALL_INTERVAL = 0.25   # s between two calls until one is answered
+CALL_INTERVAL = 0.25   # s between two broadcasts until one is answered
 REPEAT = 0.5           # s between two images
-REQUESTS_TO_PRESS = 3  # ConnectRequests, before the answer to a question that allows a press
+REQUESTS_TO_PRESS = 3  # ConnectRequests; an answer after them allows the companion to press
 
 
 class ScriptedDevice:
     def __init__(self, trial: Trial, address: str, identity: bytes = b"11111fw1.1"):
         self.identity, self.address = identity, address
         self.udp = UdpSocket(trial.stage, (address, 3153))
-        self._other_port = UdpSocket(trial.stage, (address, 3152))  # hears no broadcasts
+        self._other_port = UdpSocket(trial.stage, (address, 3152))  # bound to an address: no broadcasts
         self._trial, self._judged, self._next_call = trial, 0, 0.0
         self.calls = 0
 
@@ -33,7 +33,7 @@ class ScriptedDevice:
 
     @property
     def answers(self) -> int:
-        """How many have come; judges each."""
+        """The number of answers so far; judges the new ones."""
         for datagram in self._other_port.arrived:
             self._trial.stage.faults.append(Fault("DISC-4", "an answer to port 3152", ANSWER, datagram.data))
         self._other_port.arrived.clear()
@@ -49,7 +49,7 @@ class ScriptedDevice:
         return len(self.udp.arrived)
 
     def call_until_answered(self, patience: float | None = None) -> bool:
-        """A call now, and another whenever the last one was not answered for a moment."""
+        """Broadcasts, again and again, until the companion answers. Returns whether it did."""
         before, stage = self.answers, self._trial.stage
         limit = stage.patience if patience is None else patience
         for _ in range(max(1, round(limit / CALL_INTERVAL))):
@@ -61,7 +61,7 @@ class ScriptedDevice:
         return False
 
     def connect(self) -> Channel:
-        """Opens a connection, as after an answer."""
+        """Connects to the companion, as a device does after an answer."""
         try:
             connected = socket.create_connection((self._trial.companion, 8399), self._trial.stage.patience,
                                                  (self.address, 0))
@@ -82,13 +82,13 @@ class ScriptedDevice:
         return channel.send(frame(MessageType.IMAGE, payload))
 
     def repeat(self, channel: Channel, pixels: Pixels) -> None:
-        """The image now, and again twice a second."""
+        """Sends the image now, and then twice a second."""
         payload = encode(pixels)
         self._trial.stage.every(REPEAT, lambda: channel.ended or self.show_payload(channel, payload))
 
 
 class Watch:
-    """Answers a connection's questions, and sees what must not be said on it."""
+    """Answers the IdentityRequests on a connection, and notes messages that the companion must not send."""
 
     def __init__(self, device: ScriptedDevice, channel: Channel):
         self.answering = True

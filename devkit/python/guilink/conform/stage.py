@@ -1,4 +1,4 @@
-"""The kit's sockets, served by one loop: waits for conditions, never for a time to pass."""
+"""Serves the kit's sockets in one loop, which waits for conditions, never for a time to pass."""
 from __future__ import annotations
 
 import errno
@@ -14,14 +14,14 @@ from guilink.conform.exchange import KIT, SUBJECT, Address, Exchange
 from guilink.conform.strict import Fault, StrictReader
 from guilink.wire import FrameReader, Message, MessageType
 
-POLL = 0.02          # s between two looks at a condition that no socket reports
-CHUNK = 1 << 18      # bytes at a time
-IP_RECVERR = 11      # of Linux; Python does not name it
+POLL = 0.02          # s between two checks of a condition
+CHUNK = 1 << 18      # bytes per read
+IP_RECVERR = 11      # Linux's number; Python has no name for it
 RESET_ON_CLOSE = struct.pack("ii", 1, 0)
 
 
 class Arrived(NamedTuple):
-    """A message of the subject."""
+    """A message from the subject, the companion or device under test."""
 
     time: float
     message: Message
@@ -51,7 +51,7 @@ class Stage:
     def __init__(self, patience: float):
         self.patience = patience
         self.exchange = Exchange()
-        self.faults: list[Fault] = []  # what the subject did wrong at any time
+        self.faults: list[Fault] = []  # all faults of the subject that the sockets have noticed
         self._members: list[Member] = []
         self._ticks: list[tuple[float, Callable[[], object]]] = []
         self._due: list[float] = []
@@ -60,12 +60,12 @@ class Stage:
         self._members.append(member)
 
     def every(self, interval: float, action: Callable[[], object]) -> None:
-        """Repeats an action, from now to the end of the case, whenever the kit waits."""
+        """Repeats an action until the end of the case. It runs only while the kit waits."""
         self._ticks.append((interval, action))
         self._due.append(time.monotonic())
 
     def until(self, condition: Callable[[], object], within: float | None = None) -> bool:
-        """Serves the sockets until the condition holds; False if it does not in time."""
+        """Serves the sockets until the condition holds. Returns False if it does not in time."""
         end = time.monotonic() + (self.patience if within is None else within)
         while not condition():
             if time.monotonic() >= end:
@@ -91,7 +91,7 @@ class Stage:
 class UdpSocket:
     def __init__(self, stage: Stage, address: Address):
         self.arrived: list[Datagram] = []
-        self.refused = False  # a datagram of ours reached a closed port
+        self.refused = False  # a datagram that the kit sent reached a closed port
         self._stage, self._socket = stage, socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         for option in (socket.SO_BROADCAST, socket.SO_REUSEADDR):
             self._socket.setsockopt(socket.SOL_SOCKET, option, 1)
@@ -109,7 +109,7 @@ class UdpSocket:
         self._stage.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
         try:
             self._socket.sendto(data, target)
-        except OSError:  # an earlier datagram was refused; this one counts
+        except OSError:  # the error of an earlier datagram; send this one again
             self.refused = True
             self._socket.sendto(data, target)
 
@@ -133,7 +133,7 @@ class Channel:
 
     def __init__(self, stage: Stage, connected: socket.socket, by_companion: bool):
         self.arrived: list[Arrived] = []
-        self.ended = False      # by the subject
+        self.ended = False      # the subject has ended the connection
         self.on_message: Callable[[Message], None] = lambda message: None
         self.readable = True    # False: the kit does not read
         self.reader = StrictReader(by_companion)
@@ -181,11 +181,12 @@ class Channel:
             self.on_message(message)
 
     def send(self, data: bytes) -> bool:
-        """False if the subject has ended the connection, or does not read for the stage's patience."""
+        """Returns False if the subject has ended the connection, or reads nothing for the stage's patience."""
         return self.send_parts(data)
 
     def send_parts(self, *parts: bytes, between: Callable[[], object] = lambda: None) -> bool:
-        """Each part arrives on its own; what is sent meanwhile follows behind the last."""
+        """Sends each part when the one before was delivered. Data from a call of send meanwhile follows the
+        last part."""
         if self._sending:
             self._behind += b"".join(parts)
             return True
@@ -206,7 +207,7 @@ class Channel:
         return sent
 
     def delivered(self) -> bool:
-        """Whether the subject's system has all bytes."""
+        """Whether the subject's system has acknowledged all bytes."""
         left = fcntl.ioctl(self._socket, termios.TIOCOUTQ, bytes(4))
         return int.from_bytes(left, "little") == 0
 

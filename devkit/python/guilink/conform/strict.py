@@ -1,6 +1,6 @@
-"""Reads a stream and forgives nothing: each byte that breaks a rule of the frame format is a fault.
+"""Reads a stream strictly: every byte that breaks a rule of the frame format is a fault.
 
-The reader of the package forgives, as a companion must; this one judges.
+The package's own reader (guilink.wire) skips damage instead, as a companion must.
 """
 from __future__ import annotations
 
@@ -24,16 +24,16 @@ class Fault(NamedTuple):
 
 @dataclass
 class StrictReader:
-    """Of what a companion (or a device) sends on one connection."""
+    """Reads what a companion (or a device) sends on one connection."""
 
     by_companion: bool
     faults: list[Fault] = field(default_factory=list)
-    position: int = 0  # in the stream, of the buffer's first byte
+    position: int = 0  # of the buffer's first byte in the stream
     _buffer: bytearray = field(default_factory=bytearray)
 
     @property
     def torn(self) -> bool:
-        """Whether the last bytes are the beginning of a frame that was not sent in one piece."""
+        """Whether the data ends inside a header, or right after one: that frame was not sent in one piece."""
         return 0 < len(self._buffer) <= HEADER.size
 
     def feed(self, data: bytes) -> list[Message]:
@@ -50,7 +50,7 @@ class StrictReader:
         return messages
 
     def _next(self) -> tuple[int, Message | None] | None:
-        """Length of the next piece and its message; None if more bytes are needed."""
+        """Returns the length of the next frame, or of other bytes, and the message; None to wait for more."""
         buffer = self._buffer
         known = min(len(buffer), len(START))
         if buffer[:known] != START[:known]:

@@ -1,4 +1,4 @@
-"""The companion under test as a process: started, watched, started again if it has ended."""
+"""The process of the companion under test: starts it, watches it, and starts it again if it has ended."""
 from __future__ import annotations
 
 import os
@@ -8,8 +8,8 @@ import tempfile
 from pathlib import Path
 from typing import Sequence
 
-LAST_WORDS = 4000       # bytes of its output that a report shows
-ASKED_TO_END = 2.0      # s; then it is killed
+LAST_WORDS = 4000       # bytes; a report shows this much of the end of its output
+ASKED_TO_END = 2.0      # s between SIGTERM and SIGKILL
 
 
 class Subject:
@@ -17,10 +17,10 @@ class Subject:
         self._command = [*within, "setpriv", "--pdeathsig", "KILL", *command]
         self._process: subprocess.Popen[bytes] | None = None
         self._output = tempfile.TemporaryFile()
-        self.status: int | None = None  # of the end that it came to by itself
+        self.status: int | None = None  # exit status, if it ended by itself
 
     def ensure_running(self) -> bool:
-        """True if it had to be started."""
+        """Starts the companion if it does not run. Returns whether it was started."""
         if self.alive():
             return False
         self._output.seek(0)
@@ -52,7 +52,7 @@ class Subject:
         self._process, self.status = None, None
 
     def peak_memory(self) -> int:
-        """Bytes that it and its children have held at most, added up."""
+        """The peak memory of the process and its children, added up, in bytes."""
         return sum(map(_peak, _family(self._process.pid))) if self._process else 0
 
     def last_words(self) -> str:
@@ -65,7 +65,7 @@ def _family(pid: int) -> list[int]:
     try:
         children = [int(child) for task in Path(f"/proc/{pid}/task").iterdir()
                     for child in (task / "children").read_text().split()]
-    except OSError:  # it has just ended
+    except OSError:  # the process has just ended
         return []
     return [pid] + [member for child in children for member in _family(child)]
 
