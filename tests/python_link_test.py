@@ -64,7 +64,7 @@ def test_picture_of_the_document():
 
 @pytest.mark.parametrize("payload", [
     "", "0300", "0300 0200 01", "0300 0200 0100",                # cut off
-    "0000 0200", "FFFF FFFF" + "FFFF 0000" * 9, "0100 0000",     # no size, or an absurd one
+    "0000 0200", "FFFF FFFF" + "FFFF 0000" * 9, "0100 0000",     # no size, or an impossible one
     "0300 0200", "0300 0200 0400 0FF0", "0300 0200 0600 0FF0",   # runs too short or too long
     "0200 0100 FFFF 0000" + "FFFF 0000" * 65537 + "0200 0000",   # too long by more than 32 bits
 ])
@@ -133,14 +133,14 @@ def second_address():
 
 
 def test_links_shows_and_presses(link, device):
-    device.call(frame(MessageType.IDENTITY, device.identity) + b"!")  # no broadcast of a device
+    device.call(frame(MessageType.IDENTITY, device.identity) + b"!")  # not a device's broadcast
     device.link()
     with pytest.raises(LinkError, match="answered at 10.77.0.1"):
         link.wait_linked(time.monotonic())
     device.show(BLACK)
     assert link.wait_linked(soon()).firmware == "fw1.1"
     assert np.array_equal(picture.decode(link.pictures.newer(0, soon()).payload), BLACK)
-    device.expect(MessageType.CONTROL)  # keep-alives go on, requests to connect do not
+    device.expect(MessageType.CONTROL)  # keep-alives continue, ConnectRequests do not
     assert all(device.next().type != MessageType.CONNECT_REQUEST for _ in range(3))
 
 
@@ -167,7 +167,7 @@ def test_is_the_link_without_a_picture_after_the_third_request(link, device):
     assert requests == 3
     device.send(frame(MessageType.IDENTITY, device.identity))
     assert link.wait_linked(soon()).linked
-    device.expect(MessageType.CONNECT_REQUEST)  # there is no proof yet
+    device.expect(MessageType.CONNECT_REQUEST)  # the companion has no proof of a link yet
 
 
 def test_dead_connections_do_not_stand_in_the_way(link, device):
@@ -175,10 +175,10 @@ def test_dead_connections_do_not_stand_in_the_way(link, device):
     dead = [socket.create_connection(("10.77.0.1", 8399), LIMIT) for _ in range(9)]
     for connection in dead[:-1]:
         connection.close()
-    device.connect().expect(MessageType.CONNECT_REQUEST)  # after a second of the last one's silence
+    device.connect().expect(MessageType.CONNECT_REQUEST)  # once the previous connection was silent for 1 s
     device.show(BLACK)
     assert link.wait_linked(soon()).linked
-    assert socket.create_connection(("10.77.0.1", 8399), LIMIT).recv(1) == b""  # one link is enough
+    assert socket.create_connection(("10.77.0.1", 8399), LIMIT).recv(1) == b""  # closed: there is a link
 
 
 def test_takes_the_wanted_device_only(link, device, second_address):
@@ -189,7 +189,7 @@ def test_takes_the_wanted_device_only(link, device, second_address):
         device.show(BLACK)
         assert link.wait_linked(soon()).address == "10.77.0.1"
         assert {heard.identity for heard in link.devices()} == {"11111", "22222"}
-        # It comes back with another name, and stays the chosen one.
+        # The device returns with another identity, and stays chosen.
         device.disconnect()
         device.identity = b"33333fw2"
         other.call()
@@ -206,13 +206,13 @@ def test_takes_none_of_several_unless_one_is_chosen(device, second_address):
         with pytest.raises(SeveralDevices, match="22222 .fw1.1. at 10.77.0.2.*choose one"):
             link.wait_linked(soon())
         assert not device.answered(0) and not other.answered(0)
-        other.link()  # the first has gone silent
+        other.link()  # the first device is silent
 
 
 def test_follows_a_device_that_restarts_without_a_farewell(link, device):
     device.link().show(BLACK)
     assert link.pictures.newer(0, soon())
-    with device.tcp:  # still open
+    with device.tcp:  # the old connection is still open
         device.link().show(BLACK)
         assert link.pictures.newer(1, soon())
 
@@ -223,9 +223,9 @@ def test_a_press_waits_for_the_link_and_reports_its_loss(link, device):
     with ThreadPoolExecutor() as pool:
         pressed = pool.submit(link.press, 4, soon())
         device.link().show(BLACK)
-        assert device.expect(MessageType.BUTTON) == b"\4"  # and not the one that was given up
+        assert device.expect(MessageType.BUTTON) == b"\4"  # not button 1, whose press had timed out
         device.disconnect()
-        with pytest.raises(LinkError, match="come or not"):
+        with pytest.raises(LinkError, match="may or may not have arrived"):
             pressed.result()
 
 

@@ -1,7 +1,7 @@
 """Builds the package with the system's setuptools, so that pip needs no network on Debian.
 
-pip hides the system's packages from a build. Where Debian has setuptools and wheel they are shown to
-it again; elsewhere pip is asked to fetch them.
+pip hides the system's packages from a build. If Debian's setuptools and wheel are installed, this module
+lets the build use them; otherwise pip must fetch them.
 """
 import contextlib
 import shutil

@@ -6,7 +6,7 @@
         device.press("down")
         device.wait_for("menu.png", mask=[(30, 10, 200, 50)])
 
-docs/testing.md leads from nothing to the first passing test.
+docs/testing.md shows how to write a first test.
 """
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ __all__ = ["Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError"
            "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevices", "WaitTimeout",
            "connect", "devices"]
 
-LINK_TIMEOUT = 30.0     # s; a device looks for a companion once a second
+LINK_TIMEOUT = 30.0     # s; a device without a companion broadcasts about once a second
 PROGRESS_INTERVAL = 1.0  # s
 
 
@@ -43,13 +43,13 @@ def connect(device: str | None = None, *, viewer: str | None = None,
             labels: str | os.PathLike[str] | None = None,
             artifacts: str | os.PathLike[str] = "guilink-artifacts",
             progress: Progress | None = None) -> Device:
-    """Becomes the companion of a device, and returns when it takes button presses.
+    """Becomes the companion of a device, and returns when the device accepts button presses.
 
-    `device` is the identity or the address of the wanted one; without it the only one in sight is taken.
-    `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080: the script shares its link.
-    `timeout` is for each wait that has no time-out of its own, `labels` a file with the buttons' names as the
-    viewer reads it, `artifacts` where failed waits leave their pictures. `progress` is called about once a
-    second until there is a link. Throws LinkError.
+    `device` is the identity or the address of the wanted device; without it, links to the only device in
+    sight. `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080, whose link the script then
+    shares. `timeout` holds for each wait that has no time-out of its own. `labels` is a file with the names
+    of the buttons, in the viewer's format. `artifacts` is the folder in which failed waits save pictures.
+    `progress` is called about once a second until there is a link. Throws LinkError.
     """
     buttons = Buttons.load(labels) if labels else Buttons()
     link = _link(device, viewer)

@@ -7,14 +7,14 @@ from typing import Mapping
 
 COUNT = 16  # buttons on the link: 0 to 15
 
-# As the viewer's page labels them. What a button does is the device's affair.
+# The labels on the viewer's page. Each device decides what a button does.
 DEFAULTS = {"Up": 0, "Down": 1, "Left": 2, "Right": 3, "OK": 4, "Back": 5, "Menu": 6, "Power": 7,
             "Zoom in": 8, "Zoom out": 9, "Brighter": 10, "Darker": 11, "Palette": 12, "Hide": 13,
             "Size": 14, "Info": 15}
 
 
 class Buttons:
-    """Names to numbers and back; upper and lower case are the same."""
+    """Translates names to numbers and back. Ignores upper and lower case."""
 
     def __init__(self, labels: Mapping[str, int] = DEFAULTS):
         self._labels = dict(labels)
@@ -22,7 +22,7 @@ class Buttons:
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Buttons:
-        """From the viewer's file of labels."""
+        """Reads a file of labels in the viewer's format."""
         try:
             with open(path, encoding="utf-8") as file:
                 return cls({entry["label"]: int(entry["button"]) for entry in json.load(file)})

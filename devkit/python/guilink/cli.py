@@ -1,6 +1,6 @@
 """The command line: `guilink devices | snapshot | press | wait | record | shell | conform | doctor`.
 
-Exit status 0: done. 1: the device was not there, or did not show what was expected. 2: a wrong command.
+Exit status 0: done. 1: no device, or it did not show what was expected. 2: a mistake in the command.
 """
 from __future__ import annotations
 
@@ -56,15 +56,15 @@ def parser() -> argparse.ArgumentParser:
                         help="seconds to wait for a picture (default %(default)g)")
     linked.add_argument("--labels", metavar="FILE", help="names of the buttons, as for the viewer")
     linked.add_argument("--artifacts", metavar="FOLDER", default="guilink-artifacts",
-                        help="where a failed wait leaves its pictures (default %(default)s)")
+                        help="folder for the pictures of a failed wait (default %(default)s)")
     viewed = argparse.ArgumentParser(add_help=False)
-    viewed.add_argument("--region", metavar="X,Y,W,H", type=box, help="look only there")
+    viewed.add_argument("--region", metavar="X,Y,W,H", type=box, help="compare only this part of the screen")
     viewed.add_argument("--mask", metavar="X,Y,W,H", type=box, action="append", default=[],
-                        help="do not look there; may be repeated")
+                        help="ignore this part of the screen; may be repeated")
     viewed.add_argument("--tolerance", metavar="N", type=int, default=0,
-                        help="steps of 15 by which a channel may differ")
+                        help="difference of a channel that is ignored, 0 to 15")
 
-    whole = argparse.ArgumentParser(prog="guilink", description="Drives a device's GUI.")
+    whole = argparse.ArgumentParser(prog="guilink", description="Controls a device's GUI.")
     commands = whole.add_subparsers(required=True, metavar="COMMAND")
 
     def add(run: Any, name: str, text: str, *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
@@ -72,17 +72,17 @@ def parser() -> argparse.ArgumentParser:
         command.set_defaults(run=run)
         return command
 
-    add(list_devices, "devices", "List the devices that look for a companion.", common).add_argument(
+    add(list_devices, "devices", "List the devices that search for a companion.", common).add_argument(
         "--seconds", metavar="S", type=float, default=3.0, help="how long to listen (default 3)")
     add(snapshot, "snapshot", "Save what the device shows.", linked).add_argument("file", metavar="FILE.png")
     add(press, "press", "Press buttons, one after the other.", linked).add_argument(
         "buttons", metavar="BUTTON", nargs="+", help="a name, or a number from 0 to 15")
     wait = add(wait_for, "wait", "Wait until the screen shows a picture, or is still.", linked, viewed)
-    wait.add_argument("reference", metavar="FILE.png", nargs="?", help="without it: until it is still")
+    wait.add_argument("reference", metavar="FILE.png", nargs="?", help="without it: wait until the screen is still")
     film = add(record, "record", "Record a video, until Ctrl-C.", linked)
     film.add_argument("file", metavar="FILE.mp4", help="without ffmpeg: FILE.png or FILE.gif")
-    film.add_argument("--seconds", metavar="S", type=float, help="end by itself")
-    add(shell, "shell", "Python, with the device as `device`.", linked)
+    film.add_argument("--seconds", metavar="S", type=float, help="end after this many seconds")
+    add(shell, "shell", "Start Python, with the device as `device`.", linked)
     conform.add_parser(commands)
     doctor.add_parser(commands)
     return whole
@@ -105,7 +105,7 @@ def connect(options: argparse.Namespace) -> guilink.Device:
 
 @contextmanager
 def slow(text: str) -> Iterator[None]:
-    """Says what goes on if it takes longer than a second."""
+    """Prints `text` if the body of the `with` runs for more than a second."""
     timer = threading.Timer(1, progress, [text])
     timer.start()
     try:
@@ -121,7 +121,7 @@ def list_devices(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     now = time.monotonic()
     result = [{"identity": each.identity, "firmware": each.firmware, "address": each.address,
                "seconds_ago": round(now - each.heard, 1)} for each in heard]
-    return {"devices": result}, "\n".join(map(str, heard)) or "no device looks for a companion"
+    return {"devices": result}, "\n".join(map(str, heard)) or "no device searches for a companion"
 
 
 def snapshot(options: argparse.Namespace) -> tuple[dict[str, Any], str]:

@@ -1,7 +1,7 @@
-"""A companion: is found by a device, becomes its link, stays it, and finds it again.
+"""A companion: lets a device find it, becomes and stays its link, and links again after a loss.
 
-docs/link-protocol.md, Becoming the link and Staying linked. One thread does all of it; it also serves
-those who wait on other threads.
+See docs/link-protocol.md, Becoming the link and Staying linked. One thread does all of this. Other threads
+call the methods and wait for it.
 """
 from __future__ import annotations
 
@@ -19,46 +19,47 @@ from guilink.wire import Identity, Message, MessageType
 
 LINK_PORT = 8399        # TCP, where devices connect
 REQUEST_INTERVAL = 0.1  # s, until linked; a candidate has until the next broadcast, 1 s at most
-KEEP_ALIVE = 0.5        # s; after 2 s without one no new pictures come, after 3 s the link ends
-SILENCE = 3.0           # s without a byte, and the device is gone
-CANDIDATE_SILENCE = 1.0  # s; then the next connection has its turn
-GRACE = 1.0             # s after linking in which broadcasts of the device are old searches
+KEEP_ALIVE = 0.5        # s between keep-alives; 2 s without one stop new pictures, 3 s end the link
+SILENCE = 3.0           # s without a byte; then the device is gone
+CANDIDATE_SILENCE = 1.0  # s without a byte; then another connection may replace the candidate
+GRACE = 1.0             # s after linking; broadcasts of the device in this time come from older searches
 MAX_ANSWERED = 64       # addresses that may connect; the oldest is forgotten
-MAX_ACCEPTS = 16        # connections turned away at a time; a flood must not keep the link waiting
-ASK_EVERY = 5           # requests to connect from one question of a candidate to the next
+MAX_ACCEPTS = 16        # connections rejected at a time; a flood must not delay the link
+ASK_EVERY = 5           # ConnectRequests between two IdentityRequests of a candidate
 
 
 @dataclass(eq=False)
 class Order:
-    """A button or text on its way: waiting, then sent behind a question, then confirmed or lost."""
+    """A button or text: first waits, then is sent with a question (an IdentityRequest) after it, whose answer
+    confirms it. If the link ends before that, it may be lost."""
 
     kind: MessageType
     payload: bytes
-    question: int = 0     # its number on the connection; 0 while it waits for a link
-    number: int = 0       # of the last picture before the answer
+    question: int = 0     # number of its question on the connection; 0 while it waits for a link
+    number: int = 0       # number of the last picture before the answer
     done: bool = False
-    lost: bool = False    # the link ended in between
+    lost: bool = False    # the link ended before the answer
 
 
 class Companion:
-    """A link of one's own: implements `guilink.link.Link`.
+    """A link that belongs to this script alone. Implements `guilink.link.Link`.
 
-    `device` is the identity or the address of the wanted one; no other is answered. Without it the only
-    device in sight is taken: it is answered when it calls twice and no other does in between.
+    `device` is the identity or the address of the wanted device; the companion answers no other. Without it,
+    the companion answers a device that broadcasts twice while no other device does in between.
     """
 
     def __init__(self, device: str | None = None):
         self._device = device
-        self._changed = threading.Condition()  # guards all below
+        self._changed = threading.Condition()  # guards all members below
         self.pictures = Pictures(self._changed, lambda: self._failure)
         self._failure: Exception | None = None
         self._orders: deque[Order] = deque()
         self._status = LinkStatus()
         self._linked_to: LinkStatus | None = None  # the last device; stays chosen
-        self._rivals: tuple[HeardDevice, ...] = ()  # why none was chosen
+        self._rivals: tuple[HeardDevice, ...] = ()  # several devices, so none was chosen
         self._answered: dict[str, Identity] = {}   # address of each device that may connect
         self._stop = False
-        # The thread's alone.
+        # Only for the companion's thread.
         self._connection: Connection | None = None
         self._next_words = 0.0
         self._next_accept = 0.0
@@ -77,7 +78,7 @@ class Companion:
         self._thread = threading.Thread(target=self._run, name="guilink", daemon=True)
         self._thread.start()
 
-    # --- for any thread ----------------------------------------------------------------------------
+    # --- called from any thread --------------------------------------------------------------------
 
     def status(self) -> LinkStatus:
         with self._changed:
@@ -128,7 +129,7 @@ class Companion:
                 if order in self._orders:
                     self._orders.remove(order)
             if order.lost:
-                raise LinkError("the link ended before the device confirmed it, so it may have come or not")
+                raise LinkError("the link ended before the device confirmed it, so it may or may not have arrived")
             return order.number
 
     def _raise_failure(self) -> None:
@@ -152,16 +153,16 @@ class Companion:
     def _wake(self) -> None:
         try:
             self._wake_sender.send(b"\0")
-        except OSError:  # full, and so readable; or closed
+        except OSError:  # full, so the thread will wake anyway; or closed
             pass
 
-    # --- the thread --------------------------------------------------------------------------------
+    # --- on the companion's thread -----------------------------------------------------------------
 
     def _run(self) -> None:
         try:
             while not self._stop:
                 self._turn()
-        except Exception as error:  # a fault of this module; those who wait must not wait for ever
+        except Exception as error:  # a fault of this module: end the waits of other threads
             with self._changed:
                 self._failure = GuilinkError(f"the link's thread failed: {error!r}")
                 self._failure.__cause__ = error
@@ -176,12 +177,12 @@ class Companion:
                 self._changed.notify_all()
 
     def _turn(self) -> None:
-        """Takes what has arrived, then says what is due."""
+        """Waits, processes what has arrived, then sends what is due."""
         connection = self._connection
         with selectors.PollSelector() as selector:
             selector.register(self._wake_receiver, selectors.EVENT_READ)
             selector.register(self._discovery, selectors.EVENT_READ)
-            # While a candidate has its turn, others wait at the port.
+            # Do not accept another connection while a candidate may still become the link.
             idle = connection is None or connection.ready or self._is_silent(connection)
             if idle and time.monotonic() >= self._next_accept:
                 selector.register(self._listener, selectors.EVENT_READ)
@@ -210,10 +211,10 @@ class Companion:
         if not self._wants(call):
             return
         if (link := self._connection) and link.ready and link.address == call.device.address:
-            # Searches that began before the link go on for a moment.
+            # Searches that began before the link still broadcast for a moment.
             if time.monotonic() < (link.linked_since or 0) + GRACE:
                 return
-            link.ended = True  # the device has dropped it
+            link.ended = True  # the device searches again, so it has dropped the link
         elif link and link.ready:
             return
         self._answered.pop(call.device.address, None)
@@ -225,7 +226,7 @@ class Companion:
     def _wants(self, call: Call) -> bool:
         names = {call.device.identity, call.device.address}
         if self._linked_to and names & {self._linked_to.identity, self._linked_to.address}:
-            return True  # also with a new identity, or from a new address
+            return True  # the last device, even with a new identity or a new address
         if self._device or self._linked_to:
             return self._device in names
         self._rivals = (call.device, *call.between) if call.between else ()
@@ -234,13 +235,13 @@ class Companion:
         return call.again and not call.between
 
     def _accept(self) -> None:
-        """Takes the next connection; turns away strangers, and all while there is a link."""
+        """Accepts the next connection. Closes it if its host was not answered, or if there is a link already."""
         for _ in range(MAX_ACCEPTS):
             try:
                 connected, (address, _) = self._listener.accept()
             except BlockingIOError:
                 return
-            except OSError:  # no descriptor is left: wait instead of spinning
+            except OSError:  # out of descriptors: wait instead of spinning
                 self._next_accept = time.monotonic() + KEEP_ALIVE
                 return
             link = self._connection
@@ -308,7 +309,7 @@ class Companion:
         self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
 
     def _send_orders(self, connection: Connection) -> None:
-        """Each with a question behind it, whose answer shows that the device has handed it on."""
+        """Sends each order and a question after it, whose answer shows that the device handed the order on."""
         with self._changed:
             for order in self._orders:
                 if connection.ended or connection.wants_to_write:
@@ -319,7 +320,7 @@ class Companion:
                     order.question = connection.asked
 
     def _drop(self, connection: Connection) -> None:
-        """Ends it; what was on its way may be lost."""
+        """Closes the connection. Orders without an answer may be lost."""
         connection.close()
         self._connection = None
         with self._changed:

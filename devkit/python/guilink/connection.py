@@ -1,4 +1,4 @@
-"""One connection that a device has made: what it says, and what is said to it. Never blocks."""
+"""One connection from a device: receives and sends messages. Never blocks."""
 from __future__ import annotations
 
 import socket
@@ -6,26 +6,26 @@ import time
 
 from guilink.wire import FrameReader, Identity, Message, MessageType, frame, identity
 
-CHUNK = 1 << 18         # bytes at a time
-MAX_OUTGOING = 1 << 16  # bytes; a device that leaves so much unread is given up
-READY_REQUESTS = 3      # ConnectRequests; an answer to what follows them shows that one has counted
+CHUNK = 1 << 18         # bytes per read
+MAX_OUTGOING = 1 << 16  # bytes; a device that leaves more unread loses the connection
+READY_REQUESTS = 3      # ConnectRequests; the answer to a question after them shows that the device obeyed one
 
 
 class Connection:
-    """Counts what it asks and what is answered: the device answers IdentityRequests in order, each after
-    it has handled all that went before. An answer that got lost only delays what waits for it."""
+    """Counts questions (IdentityRequests) and answers. The device answers in order, each question after it has
+    handled everything that was sent before. A lost answer only delays confirmations."""
 
     def __init__(self, connected: socket.socket, address: str, identity: Identity):
         self.address = address
-        self.identity = identity  # as broadcast, or as answered since then
+        self.identity = identity  # from the broadcast, later from answers
         self.ended = False
         self.requests = 0        # ConnectRequests sent
         self.asked = 0           # IdentityRequests sent
-        self.answered = 0        # and answered
+        self.answered = 0        # IdentityRequests answered
         self.image_seen = False  # only the link carries images
         self.linked_since: float | None = None
-        self.received_at = time.monotonic()  # the last bytes, or the connection itself
-        self._ready_from: int | None = None  # number of the question that follows enough requests
+        self.received_at = time.monotonic()  # time of the last bytes, or of the connection itself
+        self._ready_from: int | None = None  # number of the first question after READY_REQUESTS
         self._socket = connected
         self._reader = FrameReader()
         self._outgoing = bytearray()
@@ -40,7 +40,7 @@ class Connection:
 
     @property
     def ready(self) -> bool:
-        """Buttons pressed from now on arrive."""
+        """Whether the connection is the link, so that buttons arrive."""
         return self.image_seen or (self._ready_from is not None and self.answered >= self._ready_from)
 
     @property
@@ -48,7 +48,8 @@ class Connection:
         return bool(self._outgoing)
 
     def receive(self) -> list[Message]:
-        # Without it the end of an image can wait 40 ms for an acknowledgement. The system forgets it.
+        # Without this option, the device may wait 40 ms for an acknowledgement before it sends the end of an
+        # image. Set it every time: the kernel resets it.
         if hasattr(socket, "TCP_QUICKACK"):
             self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
         try:
@@ -64,7 +65,7 @@ class Connection:
         return self._reader.feed(data)
 
     def note(self, message: Message) -> None:
-        """To be called with each message, in order."""
+        """Updates the counts. Call it with each message, in order."""
         if message.type == MessageType.IDENTITY:
             self.answered += 1
             self.identity = identity(message.payload) or self.identity

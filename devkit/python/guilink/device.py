@@ -1,4 +1,4 @@
-"""The device as a script sees it: press, look, wait, compare, record."""
+"""The interface for scripts: press buttons, look at the screen, wait, compare, record."""
 from __future__ import annotations
 
 import os
@@ -17,18 +17,18 @@ from guilink.picture import DamagedPicture
 from guilink.recording import Recording
 from guilink.screen import Box, Difference, Mask, Screen
 
-TIMEOUT = 10.0       # s that anything may take, unless said otherwise
-STILL = 0.5          # s without a change, and a screen is stable
-STILL_PICTURES = 3   # equal ones in a row that it takes at least, however slow they come
+TIMEOUT = 10.0       # s; default limit of every wait
+STILL = 0.5          # s without a change; then a screen is stable,
+STILL_PICTURES = 3   # if at least this many pictures in a row were equal
 HOLD_INTERVAL = 0.12  # s between the presses of a held button; the viewer's page repeats as fast
-UNDER_WAY = 4         # pictures behind a press that may have been drawn before: in the core, in the service's
-                      # slot, in its sender, and one to spare
+UNDER_WAY = 4         # pictures after a press that may have been drawn before it: one in the core, one in the
+                      # service's slot, one in its sender, and one to spare
 MAX_TEXT = 4096      # bytes; far more than a line of a log
-MAX_PRESSES = 10000  # that are remembered
+MAX_PRESSES = 10000  # remembered presses
 
 
 class WaitTimeout(GuilinkError, AssertionError):
-    """The screen did not become what was expected. `folder` holds what there is to see."""
+    """The screen did not become what was expected. `folder` holds the pictures and the message."""
 
     def __init__(self, message: str, folder: Path, difference: Difference | None):
         super().__init__(message)
@@ -36,18 +36,18 @@ class WaitTimeout(GuilinkError, AssertionError):
 
 
 class Device:
-    """A device under a script's hands. Close it, or use it in a `with`; one thread at a time.
+    """Controls a device for a script. Close it, or use it in a `with`; one thread at a time.
 
-    Whatever looks at the screen looks at a picture that came after the last press was handed on: the
-    device answers a question behind each press, and what came before that answer does not count. The
-    very next pictures may still have been drawn before: they count if they show something new.
+    All methods that look at the screen ignore pictures from before the last press: after each press the
+    device answers a question, and only pictures after that answer count. The first pictures after it may
+    still have been drawn before the press, so they count only if they show something new.
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
                  artifacts: str | os.PathLike[str] = "guilink-artifacts"):
-        self.timeout = timeout          # s, for all that has no time-out of its own
-        self.artifacts = Path(artifacts)  # where failed waits leave their folders,
-        self.test_name = "wait"         # named after this
+        self.timeout = timeout          # s; for all calls without a time-out of their own
+        self.artifacts = Path(artifacts)  # failed waits save their folders here,
+        self.test_name = "wait"         # with this name
         self.presses: deque[Press] = deque(maxlen=MAX_PRESSES)
         self.buttons = buttons or Buttons()
         self._link = link
@@ -72,7 +72,7 @@ class Device:
 
     @property
     def identity(self) -> str:
-        """Empty while there is no link."""
+        """The device's identity; empty while there is no link."""
         return self._link.status().identity
 
     @property
@@ -88,13 +88,13 @@ class Device:
         return self._link.status().linked
 
     def heard(self) -> list[HeardDevice]:
-        """All devices that have called since the link began, the last one first."""
+        """All devices that this script has received broadcasts from, the latest first."""
         return self._link.devices()
 
     # --- press -------------------------------------------------------------------------------------
 
     def press(self, button: str | int, timeout: float | None = None) -> None:
-        """Presses a button, by name or number. Returns once the device has handed it on."""
+        """Presses a button, by name or number. Returns when the device has handed the press on."""
         number = self.buttons.number(button)
         recent = self._link.pictures.recent()
         self._shown_at_press = recent[-1].payload if recent else None
@@ -103,9 +103,9 @@ class Device:
             self._after = self._link.press(number, self._end(timeout))
 
     def hold(self, button: str | int, seconds: float, interval: float = HOLD_INTERVAL) -> int:
-        """Presses again and again, as a button does that is held down; returns how often.
+        """Presses a button repeatedly, as if it were held down. Returns the number of presses.
 
-        The link knows no release: a held button is many presses."""
+        The link has no message for a release, so a held button is many presses."""
         start, count = time.monotonic(), 0
         while count == 0 or time.monotonic() < start + seconds:
             self.press(button)
@@ -117,7 +117,7 @@ class Device:
         """Sends a text, which the device writes to its log."""
         data = text.encode()
         if not 0 < len(data) <= MAX_TEXT:
-            raise ValueError(f"a text of {len(data)} bytes; 1 to {MAX_TEXT} are possible")
+            raise ValueError(f"the text has {len(data)} bytes; it must have 1 to {MAX_TEXT}")
         with self._logged(Press(time.monotonic(), f"text {text!r}"), f"send the text {text!r}"):
             self._after = self._link.send_text(data, self._end(timeout))
 
@@ -125,16 +125,16 @@ class Device:
 
     @property
     def screen(self) -> Screen:
-        """The newest picture; waits for one that came after the last press, and shows news if any come."""
+        """The newest picture from after the last press. Waits for it, and prefers one that shows a change."""
         return self._news(View(), self._end(None))
 
     def wait_for(self, what: Reference, *, region: Box | None = None, mask: Mask = (),
                  tolerance: int = 0, timeout: float | None = None, name: str | None = None) -> Screen:
         """Waits until the screen shows a reference (a Screen, or a file), or meets a condition.
 
-        Only `region` is looked at, without what `mask` covers; a channel may differ by `tolerance` of 15
-        steps. Returns the screen. Throws WaitTimeout, which says what was different. If the screen was as
-        expected before the last press, too, the first pictures behind that press do not count.
+        Compares only `region`, without the parts that `mask` covers. A channel may differ by up to `tolerance`,
+        0 to 15. Returns the screen. Throws WaitTimeout, which names the difference. If the screen was as
+        expected already before the last press, the first pictures after that press do not count.
         """
         __tracebackhide__ = True  # pytest then shows the script's line
         expectation = Expectation(what, View(region, mask, tolerance), name)
@@ -148,7 +148,7 @@ class Device:
             no_news &= met
             if met and (number > self._after + UNDER_WAY or not no_news):
                 return screen
-        if met:  # to the end
+        if met:  # until the time-out
             return screen
         self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
                    start, expectation, last)
@@ -156,16 +156,16 @@ class Device:
     def wait_stable(self, *, region: Box | None = None, mask: Mask = (), tolerance: int = 0,
                     still: float = STILL, pictures: int = STILL_PICTURES,
                     timeout: float | None = None) -> Screen:
-        """Waits until nothing has changed for `still` seconds and in `pictures` in a row; returns the screen.
+        """Waits until nothing has changed for `still` seconds and for `pictures` pictures in a row; returns the
+        screen.
 
-        A device that is busy may take longer than that to obey a press: where the outcome is known,
-        wait_for it."""
+        A busy device may need longer than that to obey a press. If you know the outcome, use wait_for."""
         __tracebackhide__ = True
         view = View(region, mask, tolerance)
         start, end = time.monotonic(), self._end(timeout)
-        first: Screen | None = None    # of the still ones,
-        last: Screen | None = None     # of all,
-        changed: Screen | None = None  # before the last change
+        first: Screen | None = None    # the first screen since the last change
+        last: Screen | None = None     # the last screen
+        changed: Screen | None = None  # the screen before the last change
         since, count = 0.0, 0
         for _, screen in self._screens(end):
             part, now = view.of(screen), time.monotonic()
@@ -183,11 +183,11 @@ class Device:
     def press_until(self, button: str | int, what: Reference, *, at_most: int = 20,
                     region: Box | None = None, mask: Mask = (), tolerance: int = 0,
                     timeout: float | None = None, name: str | None = None) -> Screen:
-        """Presses until the screen shows `what`: not at all if it does, `at_most` times otherwise.
+        """Presses until the screen shows `what`: not at all if it already does, and at most `at_most` times.
 
-        Presses again only after the last press has changed the region and the change is complete, so a slow
-        device is not overrun. What moves by itself must be outside the region, or masked. `timeout` is for
-        each press.
+        Presses again only when the last press has changed the region and the region is still again, so a
+        slow device gets no press too many. Put everything that moves by itself outside the region, or mask
+        it. `timeout` is for each press.
         """
         __tracebackhide__ = True
         expectation = Expectation(what, View(region, mask, tolerance), name)
@@ -200,7 +200,7 @@ class Device:
                 break
             self.press(button)
             end = self._end(timeout)
-            seen: list[Screen] = []  # alike, in a row
+            seen: list[Screen] = []  # the last screens, while they are equal
             for _, screen in self._screens(end):
                 part = view.of(screen)
                 if expectation.met_by(part):
@@ -218,11 +218,11 @@ class Device:
                    start, expectation, before)
 
     def record(self, path: str | os.PathLike[str]) -> Recording:
-        """Records until `stop()`, the end of a `with`, or of the link; presses are marked."""
+        """Records until `stop()`, the end of the `with`, or the end of the link. Marks presses."""
         self._recordings.append(Recording(self._link, path, self.presses, self._recordings.remove))
         return self._recordings[-1]
 
-    # --- inside ------------------------------------------------------------------------------------
+    # --- private -----------------------------------------------------------------------------------
 
     def _end(self, timeout: float | None) -> float:
         return time.monotonic() + (self.timeout if timeout is None else timeout)
@@ -240,8 +240,8 @@ class Device:
         press.confirmed = True
 
     def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
-        """Each newest screen that counts, with its number, until the end; at least one if one is there.
-        Equal pictures that follow each other are one object."""
+        """Yields the newest screen after the last press, again and again until the end, each with its number.
+        Yields at least one screen if there is one. Equal screens in a row are the same object."""
         number = self._after
         while picture := self._link.pictures.newer(number, end):
             number = picture.number
@@ -251,7 +251,7 @@ class Device:
                 return
 
     def _news(self, view: View, end: float) -> Screen:
-        """The first screen that counts and is not one of those that were under way at the last press."""
+        """Returns the first screen that was certainly drawn after the last press, or else the newest."""
         before, screen = self._screen_at_press(), None
         for number, screen in self._screens(end):
             if (before is None or number > self._after + UNDER_WAY
@@ -266,7 +266,7 @@ class Device:
             try:
                 self._decoded = payload, Screen.decode(payload)
             except DamagedPicture:
-                return None  # the next one comes soon
+                return None  # the next picture comes soon
         return self._decoded[1]
 
     def _pictures_since(self, start: float) -> str:
@@ -283,7 +283,7 @@ class Device:
 
     def _fail(self, headline: str, start: float, expectation: Expectation | None,
               last: Screen | None) -> NoReturn:
-        """Leaves the evidence and throws."""
+        """Saves the evidence and throws WaitTimeout."""
         __tracebackhide__ = True
         lines = [headline]
         difference = None

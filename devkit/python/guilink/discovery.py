@@ -1,6 +1,6 @@
-"""The companion's ear: which devices look for a companion, and the answer that makes one connect.
+"""Discovery: finds the devices that search for a companion, and sends the answer that makes one connect.
 
-docs/link-protocol.md, Being found.
+See docs/link-protocol.md, Being found.
 """
 from __future__ import annotations
 
@@ -12,34 +12,34 @@ from typing import NamedTuple
 from guilink.link import HeardDevice, LinkError
 from guilink.wire import MessageType, frame, identity_datagram
 
-DISCOVERY_PORT = 3152  # UDP, where devices look for companions
-MAX_AT_ONCE = 64       # datagrams; a flood must not keep the link waiting
-MAX_HEARD = 64         # devices that are remembered; forged ones must not fill the memory
-MAX_DATAGRAM = 2048    # bytes; an identity takes some dozens
-INTERVAL = 1.5         # s within which a device that looks for a companion broadcasts again
+DISCOVERY_PORT = 3152  # UDP; devices broadcast to it
+MAX_AT_ONCE = 64       # datagrams; a flood must not delay the link
+MAX_HEARD = 64         # remembered devices; forged ones must not fill the memory
+MAX_DATAGRAM = 2048    # bytes; an identity has some dozens
+INTERVAL = 1.5         # s; a searching device broadcasts again within this time
 ANSWER = frame(MessageType.CONNECT_REQUEST)
 
 Sender = tuple[str, int]
 
 
 class Call(NamedTuple):
-    """One broadcast."""
+    """One broadcast of a device."""
 
     device: HeardDevice
     sender: Sender
-    again: bool               # the device was heard before,
-    between: tuple[HeardDevice, ...]  # and these since then
+    again: bool               # the device has broadcast before
+    between: tuple[HeardDevice, ...]  # other devices that have broadcast since then
 
 
 class Discovery:
     """The socket on the discovery port. Never blocks."""
 
     def __init__(self) -> None:
-        self._heard: dict[tuple[str, str], HeardDevice] = {}  # identity and address; last heard last
+        self._heard: dict[tuple[str, str], HeardDevice] = {}  # by identity and address, the latest last
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.setblocking(False)
         try:
-            self._socket.bind(("", DISCOVERY_PORT))  # one bound to an address hears no broadcasts
+            self._socket.bind(("", DISCOVERY_PORT))  # bound to an address, it would receive no broadcasts
         except OSError as error:
             self._socket.close()
             raise LinkError(f"cannot listen for devices on UDP port {DISCOVERY_PORT}: {error.strerror}; "
@@ -52,7 +52,7 @@ class Discovery:
         self._socket.close()
 
     def devices(self) -> list[HeardDevice]:
-        """The last heard first."""
+        """The devices that have broadcast, the latest first."""
         return list(reversed(list(self._heard.values())))
 
     def receive(self) -> list[Call]:
@@ -63,7 +63,7 @@ class Discovery:
                 datagram, sender = self._socket.recvfrom(MAX_DATAGRAM)
             except BlockingIOError:
                 break
-            except OSError:  # an answer that could not be delivered
+            except OSError:  # reports an earlier answer that could not be delivered
                 continue
             if said := identity_datagram(datagram):
                 calls.append(self._note(HeardDevice(*said, sender[0], time.monotonic()), sender))
@@ -85,12 +85,12 @@ class Discovery:
         """Asks the device to connect."""
         try:
             self._socket.sendto(ANSWER, sender)
-        except OSError:  # the network is away; the next broadcast is answered
+        except OSError:  # no network; answer the next broadcast
             pass
 
 
 def devices(seconds: float = 2 * INTERVAL) -> list[HeardDevice]:
-    """The devices that look for a companion, heard within some seconds. Answers none of them."""
+    """Listens for `seconds` and returns the devices that search for a companion. Answers none of them."""
     end = time.monotonic() + seconds
     discovery = Discovery()
     try:

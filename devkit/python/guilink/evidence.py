@@ -1,4 +1,4 @@
-"""What a failed wait leaves behind: a folder with pictures, and the keys that led there."""
+"""The evidence of a failed wait: a folder with pictures, and the buttons pressed before."""
 from __future__ import annotations
 
 import time
@@ -12,7 +12,7 @@ from guilink.screen import Difference, Screen
 
 
 def new_folder(parent: Path, name: str) -> Path:
-    """parent/name-1, or the first number that is free."""
+    """Creates parent/name-1, or the first number that is free."""
     for number in range(1, 1 << 20):
         folder = parent / f"{name}-{number}"
         try:
@@ -26,7 +26,7 @@ def new_folder(parent: Path, name: str) -> Path:
 def write_evidence(folder: Path, message: str, expected: Screen | None, actual: Screen | None,
                    difference: Difference | None, pictures: Sequence[Picture],
                    presses: Sequence[Press]) -> None:
-    """expected.png, actual.png, difference.png, last-seconds.png (animated), keys.txt, message.txt."""
+    """Writes expected.png, actual.png, difference.png, last-seconds.png (animated), keys.txt, message.txt."""
     now = time.monotonic()
     if expected:
         expected.save(folder / "expected.png")

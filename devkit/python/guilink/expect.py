@@ -1,4 +1,4 @@
-"""What a script waits for: a reference picture or a condition, in a part of the screen."""
+"""Expectations of a script: a reference picture or a condition, for a part of the screen."""
 from __future__ import annotations
 
 import os
@@ -14,19 +14,20 @@ Reference = Union[Screen, str, "os.PathLike[str]", Predicate]
 
 
 class View:
-    """The part of a screen that counts: within `region`, outside `mask`, by more than `tolerance`.
+    """The part of a screen to compare: inside `region`, outside `mask`. Differences up to `tolerance` do not
+    count.
 
-    A mask is given in the coordinates of the screen, also where there is a region.
+    The coordinates of a mask are those of the whole screen, even with a region.
     """
 
     def __init__(self, region: Box | None = None, mask: Mask = (), tolerance: int = 0):
         if not 0 <= tolerance <= 15:
-            raise ValueError(f"a tolerance of {tolerance}: it is 0 to 15 steps of a channel")
+            raise ValueError(f"the tolerance is {tolerance}; it must be 0 to 15 steps of a channel")
         self.region, self.tolerance = region, tolerance
         self._mask = mask if isinstance(mask, np.ndarray) else list(mask)
 
     def of(self, screen: Screen) -> Screen:
-        """All of a screen that is too small for the region: it then differs by its size."""
+        """Cuts out the region. If the screen is too small for it, returns the whole screen, whose size differs."""
         if self.region is None:
             return screen
         x, y, width, height = self.region
@@ -34,7 +35,7 @@ class View:
         return screen.crop(self.region) if fits else screen
 
     def diff(self, one: Screen, other: Screen) -> Difference:
-        """Of two parts that `of` returned."""
+        """Compares two parts that `of` returned."""
         difference = one.diff(other, self._mask_of(one), self.tolerance)
         return replace(difference, origin=self.region[:2]) if self.region else difference
 
@@ -57,7 +58,7 @@ class View:
 
 
 class Expectation:
-    """A reference (a screen, or a file) or a condition, to be met by a view of the screen."""
+    """A reference (a screen, or a file) or a condition, which the view of a screen must meet."""
 
     def __init__(self, what: Reference, view: View, name: str | None = None):
         self.view = view
@@ -70,7 +71,7 @@ class Expectation:
             self.name = name or ("the reference" if isinstance(what, Screen) else os.fspath(what))
             reference = what if isinstance(what, Screen) else Screen.load(what)
             region = view.region
-            # A reference of the region's size is the region; a larger one is a screen that has it.
+            # A reference is either a picture of the region alone or a screen that contains the region.
             if region and (reference.width, reference.height) != region[2:]:
                 reference = reference.crop(region)
             self.reference = reference
@@ -81,5 +82,5 @@ class Expectation:
         return part == self.reference or not self.difference(part)
 
     def difference(self, part: Screen) -> Difference | None:
-        """None for a condition."""
+        """The difference from the reference; None if a condition is expected."""
         return self.view.diff(part, self.reference) if self.reference else None

@@ -1,6 +1,6 @@
-"""Pictures and presses over time, as something to look at: an animation, or a video.
+"""Renders pictures and presses over time as an animation or a video.
 
-Presses are marked in a bar below the screen. What is transparent shows black.
+A bar below the screen names the presses. Transparent pixels are black.
 """
 from __future__ import annotations
 
@@ -21,16 +21,16 @@ from guilink.screen import Screen
 
 VIDEO_FPS = 30
 ANIMATION_FPS = 10
-ANIMATION_SCALE = 2     # its pictures are smaller by this factor
-PRESS_SHOWN = 0.6       # s for which a press stays marked
-BAR = 40                # pixels below the screen
+ANIMATION_SCALE = 2     # an animation's pictures are smaller by this factor
+PRESS_SHOWN = 0.6       # s for which the bar names a press
+BAR = 40                # pixels; height of the bar below the screen
 ANIMATIONS = (".png", ".apng", ".gif")
 
 Progress = Callable[[str], None]
 
 
 class Shot(NamedTuple):
-    """A picture, from a moment on."""
+    """A picture, and when it appeared."""
 
     time: float  # time.monotonic()
     payload: bytes
@@ -49,14 +49,14 @@ class Press:
 
 
 class Film:
-    """Renders `shots` (oldest first) from `start` to `end`; both and the presses are time.monotonic()."""
+    """Renders `shots` (oldest first) from `start` to `end`. All times are time.monotonic()."""
 
     def __init__(self, shots: Iterable[Shot], presses: Sequence[Press], start: float, end: float):
         self._shots, self._presses, self._start, self._end = shots, presses, start, max(start, end)
         self._font = _font()
 
     def save(self, path: str | os.PathLike[str], progress: Progress | None = None) -> None:
-        """An animation for .png and .gif; everything else is a video, by ffmpeg."""
+        """Writes an animation to .png, .apng and .gif; ffmpeg writes a video to everything else."""
         if os.path.splitext(path)[1].lower() in ANIMATIONS:
             self._save_animation(path, progress)
         else:
@@ -74,7 +74,7 @@ class Film:
         if not pictures:
             raise GuilinkError(f"cannot write {os.fspath(path)}: no picture has arrived")
         if len(pictures) == 1:
-            pictures[0].save(path)  # of one picture Pillow makes no animation
+            pictures[0].save(path)  # Pillow makes no animation of one picture
         else:
             pictures[0].save(path, save_all=True, append_images=pictures[1:], duration=durations, loop=0)
 
@@ -91,7 +91,7 @@ class Film:
             try:
                 for image in itertools.chain((first,), images):
                     ffmpeg.stdin.write(image.tobytes())
-            except BrokenPipeError:  # it has complained
+            except BrokenPipeError:  # ffmpeg has failed; the error is raised below
                 pass
             ffmpeg.communicate()
             if ffmpeg.returncode:
@@ -100,7 +100,7 @@ class Film:
                                    + complaint.read().decode(errors="replace").strip())
 
     def _images(self, fps: int, scale: int, progress: Progress | None) -> Iterator[Image.Image]:
-        """One image a tick; the same object while nothing changes."""
+        """Yields one image per tick, the same object while nothing changes."""
         shots = iter(self._shots)
         following = next(shots, None)
         shown = image = screen = size = None
@@ -143,13 +143,13 @@ def can_save(path: str | os.PathLike[str]) -> bool:
 
 
 def _rgb(payload: bytes, scale: int) -> Image.Image | None:
-    """Over black; None if the picture is damaged."""
+    """Returns the picture over black, or None if it is damaged."""
     try:
         image = Screen.decode(payload).image().convert("RGBa")
     except DamagedPicture:
         return None
     image = image.reduce(scale) if scale > 1 else image
-    return Image.merge("RGB", image.split()[:3])  # premultiplied colours are those over black
+    return Image.merge("RGB", image.split()[:3])  # premultiplied colours are the colours over black
 
 
 def _font() -> ImageFont.ImageFont | ImageFont.FreeTypeFont:

@@ -1,4 +1,4 @@
-"""What every way to a device offers to the layers above, and the errors that they can meet."""
+"""The interface of every link to a device, and the errors that its methods throw."""
 from __future__ import annotations
 
 import threading
@@ -7,16 +7,16 @@ from collections import deque
 from dataclasses import dataclass, field
 from typing import Callable, NamedTuple, Protocol
 
-HISTORY = 5.0              # s of pictures that are kept, to show what came before a failure
-HISTORY_BYTES = 64 << 20   # of payload that they may hold; 1 MiB each is the most, 30 kB is common
+HISTORY = 5.0              # s; newer pictures are kept, to show what came before a failure
+HISTORY_BYTES = 64 << 20   # limit of their payloads together; one has at most 1 MiB, usually 30 kB
 
 
 class GuilinkError(Exception):
-    """Anything that goes wrong between a script and its device."""
+    """Any error between a script and its device."""
 
 
 class LinkError(GuilinkError):
-    """No device, or no link to it."""
+    """There is no device, or no link to it."""
 
 
 class SeveralDevices(LinkError):
@@ -25,7 +25,7 @@ class SeveralDevices(LinkError):
 
 @dataclass(frozen=True)
 class HeardDevice:
-    """A device that broadcasts, because it has no companion."""
+    """A device that has broadcast, and so was searching for a companion."""
 
     identity: str
     firmware: str
@@ -45,7 +45,7 @@ class LinkStatus:
 
 
 class Picture(NamedTuple):
-    """A picture as it came: encoded. Numbers count all pictures of a link's life, reconnects included."""
+    """A picture as received, still encoded. Numbers count all pictures, even across reconnects."""
 
     number: int
     time: float  # time.monotonic() of its arrival
@@ -56,10 +56,10 @@ Listener = Callable[[Picture], None]  # runs on the link's thread: must not bloc
 
 
 class Link(Protocol):
-    """A way to a device. Any thread may call; `deadline` is a time.monotonic().
+    """A link to a device. Any thread may call; `deadline` is a time.monotonic().
 
-    Device and everything above know no more than this, so that a companion of one's own and a share in
-    another's link can take each other's place.
+    Device and the layers above use only this interface. So a script works the same with its own link
+    (Companion) and with a shared one (Viewer).
     """
 
     pictures: Pictures
@@ -67,27 +67,27 @@ class Link(Protocol):
     def status(self) -> LinkStatus: ...
 
     def devices(self) -> list[HeardDevice]:
-        """All that were heard, the last one first."""
+        """All devices that have broadcast, the latest first."""
 
     def wait_linked(self, deadline: float) -> LinkStatus:
-        """Returns once buttons reach the device. Throws LinkError, which says why not."""
+        """Returns when buttons reach the device. Throws LinkError with the reason if they do not in time."""
 
     def press(self, button: int, deadline: float) -> int:
-        """Presses, and returns once the device has handed the press on: the number of the last picture
-        that came before. If the link is away, waits for it. Throws LinkError."""
+        """Presses a button. Waits for a link if there is none, and then until the device has handed the press
+        on. Returns the number of the last picture that came before that. Throws LinkError."""
 
     def send_text(self, text: bytes, deadline: float) -> int:
-        """Sends a line for the device's log; as press."""
+        """Sends a line for the device's log. Waits, returns and throws as press does."""
 
     def close(self) -> None: ...
 
 
 @dataclass
 class Pictures:
-    """The pictures of a link: the newest for those who wait, the last seconds for those who ask why."""
+    """The pictures of a link: the newest one for waits, and those of the last seconds for error reports."""
 
-    condition: threading.Condition  # the link's; guards all below, and is notified by each picture
-    failure: Callable[[], Exception | None] = lambda: None  # why no more will come
+    condition: threading.Condition  # the link's; guards all members, notified for each picture
+    failure: Callable[[], Exception | None] = lambda: None  # why no pictures will come any more
     _recent: deque[Picture] = field(default_factory=deque)
     _bytes: int = 0
     _number: int = 0
@@ -95,13 +95,13 @@ class Pictures:
 
     @property
     def number(self) -> int:
-        """Of the last one; 0 before the first."""
+        """The number of the last picture; 0 before the first."""
         return self._number
 
     def add(self, payload: bytes) -> None:
         with self.condition:
             if self._recent and self._recent[-1].payload == payload:
-                payload = self._recent[-1].payload  # a repeat costs no memory, and no decoding
+                payload = self._recent[-1].payload  # reuse it: a repeat costs no memory and no decoding
             else:
                 self._bytes += len(payload)
             self._number += 1
@@ -118,7 +118,7 @@ class Pictures:
             listener(picture)
 
     def newer(self, than: int, deadline: float) -> Picture | None:
-        """Waits for a picture with a number above `than`; returns the newest, None at the deadline."""
+        """Waits for a picture with a number above `than`. Returns the newest one, or None at the deadline."""
         with self.condition:
             while self._number <= than:
                 if failure := self.failure():
@@ -128,7 +128,7 @@ class Pictures:
             return self._recent[-1]
 
     def recent(self) -> list[Picture]:
-        """Those of the last seconds, oldest first."""
+        """The pictures of the last seconds, oldest first."""
         with self.condition:
             return list(self._recent)
 

@@ -1,6 +1,6 @@
-"""Pictures: the runs of an ImageMessage to a numpy array and back.
+"""Converts the runs of an ImageMessage to a numpy array, and back.
 
-The layout is docs/link-protocol.md, Pictures. An array is height x width words of 16 bits, ARGB 4:4:4:4.
+docs/link-protocol.md, Images, shows the layout. An array has height x width words of 16 bits, ARGB 4:4:4:4.
 """
 from __future__ import annotations
 
@@ -9,18 +9,18 @@ from numpy.typing import NDArray
 
 Pixels = NDArray[np.uint16]
 
-# Three times the largest screen. Runs of 1 MiB could describe 17 thousand million pixels.
+# Three times the largest screen. Without a limit, runs of 1 MiB could describe 17 thousand million pixels.
 MAX_PIXELS = 1 << 22
 RUN_MAX = 0xFFFF
 OPAQUE_MIN = 0x1000  # pixels below it are transparent
 
 
 class DamagedPicture(ValueError):
-    """A payload that is no complete picture."""
+    """A payload that is not a complete picture."""
 
 
 def decode(payload: bytes) -> Pixels:
-    """The pixels of an ImageMessage, read-only. The last one never travels: its neighbour is repeated."""
+    """The pixels of an ImageMessage, read-only. No device sends the last pixel: it repeats its neighbour."""
     if len(payload) < 4 or len(payload) % 4:
         raise DamagedPicture(f"a picture of {len(payload)} bytes is cut off")
     words = np.frombuffer(payload, "<u2")
@@ -33,11 +33,11 @@ def decode(payload: bytes) -> Pixels:
     described = int(ends[-1]) if ends.size else 0
     if described != count - 1:
         raise DamagedPicture(f"runs of {described} pixels in a picture of {width} x {height}, "
-                             f"which takes {count - 1}")
-    if not lengths.all():  # empty runs are harmless, but two changes cannot share a place below
+                             f"which needs {count - 1}")
+    if not lengths.all():  # drop empty runs: below, each run needs an index of its own
         ends, values = ends[lengths > 0], values[lengths > 0]
-    # Where a run begins stands how its pixel differs from the one before; summed up, each run fills
-    # itself. Three times as fast as np.repeat.
+    # Write only the difference (XOR) from the previous run, at the start of each run. Accumulated, these
+    # differences fill all runs. Three times as fast as np.repeat.
     pixels = np.zeros(count, np.uint16)
     if values.size:
         pixels[0] = values[0]
@@ -48,10 +48,10 @@ def decode(payload: bytes) -> Pixels:
 
 
 def encode(pixels: Pixels) -> bytes:
-    """The payload that a device makes of these pixels, with the losses of the link."""
+    """The payload that a device sends for these pixels: without the last one, and transparent ones as 0."""
     height, width = pixels.shape
     sent = pixels.reshape(-1)[:-1].astype(np.uint16)
-    sent[1:][sent[1:] < OPAQUE_MIN] = 0  # the first pixel travels raw
+    sent[1:][sent[1:] < OPAQUE_MIN] = 0  # the first pixel is sent unchanged
     changes = np.flatnonzero(sent[1:] != sent[:-1]) + 1
     starts = [0, *changes.tolist()] if sent.size else []
     words = [width, height]

@@ -1,4 +1,4 @@
-"""pytest: the fixtures `device` and `assert_screen`, and what a failure leaves in the report.
+"""For pytest: the fixtures `device` and `assert_screen`, and the folder of a failed wait in the report.
 
     def test_down(device, assert_screen):
         device.press("down")
@@ -16,8 +16,8 @@ import guilink
 from guilink.expect import Expectation, View
 
 REFERENCES = "screens"  # folder of the reference pictures, beside the test
-UPDATE_PICTURES = 10  # equal in a row, before one becomes the reference: a busy device draws late
-PROPERTY = "guilink-artifacts"  # of a failed test in JUnit's report
+UPDATE_PICTURES = 10  # equal pictures in a row make a new reference; many, because a busy device draws late
+PROPERTY = "guilink-artifacts"  # property of a failed test in the JUnit report
 UPDATED = pytest.StashKey[list[Path]]()
 
 
@@ -57,7 +57,7 @@ def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
 
 @pytest.fixture
 def device(guilink_device: guilink.Device, request: pytest.FixtureRequest) -> guilink.Device:
-    """The device. What a test leaves it in, the next one finds."""
+    """The device. Each test finds it in the state in which the previous one left it."""
     name = request.node.name
     guilink_device.test_name = "".join(c if c.isalnum() or c in "-_" else "-" for c in name)
     guilink_device.presses.clear()

@@ -1,4 +1,4 @@
-"""Keeps what the device shows, and writes it as a video when it ends."""
+"""Records the device's pictures, and writes a video at the end."""
 from __future__ import annotations
 
 import os
@@ -15,9 +15,9 @@ ENTRY = struct.Struct("<dI")  # time, length of the payload that follows
 
 
 class Recording:
-    """From now until `stop`, or the end of a `with`. Keeps each change as it came, in a temporary file.
+    """Records from now until `stop`, or the end of the `with`. Keeps each new picture in a temporary file.
 
-    A video takes ffmpeg. Where that is missing `path` becomes an animated PNG, and a warning says so.
+    A video needs ffmpeg. Without it, `path` becomes an animated PNG, with a warning.
     """
 
     def __init__(self, link: Link, path: str | os.PathLike[str], presses: Sequence[Press],
@@ -61,7 +61,7 @@ class Recording:
         self._last = picture.payload
         try:
             self._spool.write(ENTRY.pack(picture.time, len(picture.payload)) + picture.payload)
-        except OSError as error:  # the disk is full; stop reports it, the link goes on
+        except OSError as error:  # the disk is full; stop() raises the error, the link continues
             self._error = error
 
     def _shots(self) -> Iterator[Shot]:

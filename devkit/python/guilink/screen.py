@@ -1,4 +1,4 @@
-"""One picture of a device's screen, as a value: compare it, search it, cut it, save it."""
+"""One picture of a device's screen, as a value: compare it, search it, crop it, save it."""
 from __future__ import annotations
 
 import os
@@ -13,17 +13,17 @@ from PIL import Image
 from guilink.picture import Pixels, decode
 
 Box = tuple[int, int, int, int]  # x, y, width, height; in pixels from the top left
-Mask = Union[Iterable[Box], NDArray[np.bool_]]  # boxes, or an array that is True where to look away
+Mask = Union[Iterable[Box], NDArray[np.bool_]]  # boxes, or an array that is True for ignored pixels
 
-SHIFTS = {"alpha": 12, "red": 8, "green": 4, "blue": 0}  # of a channel's 4 bits in a pixel
-STEP = 17  # from 4 bits to 8: 15 becomes 255
+SHIFTS = {"alpha": 12, "red": 8, "green": 4, "blue": 0}  # position of a channel's 4 bits in a pixel
+STEP = 17  # factor from 4 bits to 8: 15 becomes 255
 
 
 class Screen:
-    """A picture, complete as the device sent it. Never changes.
+    """A complete picture from the device. It never changes.
 
-    `pixels` is the numpy array, height x width words, ARGB 4:4:4:4. Screens are equal if all their pixels
-    are. Alpha is straight, and what shows through transparent pixels is up to whoever shows them.
+    `pixels` is the numpy array, height x width words, ARGB 4:4:4:4, not premultiplied. Screens are equal if
+    all their pixels are equal.
     """
 
     def __init__(self, pixels: Pixels):
@@ -35,12 +35,12 @@ class Screen:
 
     @classmethod
     def decode(cls, payload: bytes) -> Screen:
-        """From the payload of an ImageMessage."""
+        """Decodes the payload of an ImageMessage."""
         return cls(decode(payload))
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Screen:
-        """From a file that `save` wrote, or any picture whose colours fit 4 bits a channel."""
+        """Reads a file that `save` wrote, or any picture whose colours fit into 4 bits per channel."""
         with Image.open(path) as image:
             rgba: NDArray[np.uint8] = np.asarray(image.convert("RGBA"))
         if (rgba % STEP).any():
@@ -59,15 +59,15 @@ class Screen:
 
     @cached_property
     def rgba(self) -> NDArray[np.uint8]:
-        """height x width x 4 bytes: red, green, blue, alpha, 0 to 255 each."""
+        """An array of height x width x 4 bytes: red, green, blue and alpha, each 0 to 255."""
         return np.take(_colours(), self.pixels).view(np.uint8).reshape(*self.pixels.shape, 4)
 
     def image(self) -> Image.Image:
-        """As a picture of Pillow, with alpha."""
+        """The screen as a Pillow image, with alpha."""
         return Image.fromarray(self.rgba, "RGBA")
 
     def save(self, path: str | os.PathLike[str]) -> None:
-        """Writes a file; PNG keeps every pixel as it is."""
+        """Writes a file. PNG keeps every pixel unchanged."""
         self.image().save(path)
 
     def crop(self, box: Box) -> Screen:
@@ -99,11 +99,11 @@ class Screen:
         return Difference(self, other, differs)
 
     def find(self, reference: Screen) -> Box | None:
-        """The first place, from the top left, where this screen shows exactly `reference`."""
+        """The first box, from the top left, in which this screen shows exactly `reference`; else None."""
         height, width = self.height - reference.height + 1, self.width - reference.width + 1
         if height <= 0 or width <= 0:
             return None
-        # The reference's rarest pixel leaves the fewest places.
+        # Search for the pixel of the reference that is rarest on the screen: it leaves the fewest places.
         values, counts = np.unique(self.pixels, return_counts=True)
         found = dict(zip(values.tolist(), counts.tolist()))
         probe = min(np.unique(reference.pixels).tolist(), key=lambda value: found.get(value, 0))
@@ -116,7 +116,8 @@ class Screen:
         return None
 
     def _edges_match(self, places: NDArray[np.intp], reference: Screen) -> NDArray[np.bool_]:
-        """Which places show the reference where its rows change colour: tells most others at once."""
+        """Returns, for each place, whether the screen equals the reference at some of its colour changes. This
+        quickly excludes most wrong places."""
         changes = np.argwhere(reference.pixels[:, 1:] != reference.pixels[:, :-1])
         match = np.ones(len(places), bool)
         for y, x in changes[::max(1, len(changes) // 16)].tolist():
@@ -127,7 +128,7 @@ class Screen:
 
 @cache
 def _colours() -> NDArray[np.uint32]:
-    """The four bytes of each pixel, as one word."""
+    """For each pixel value, its four RGBA bytes as one word."""
     pixels = np.arange(1 << 16)
     channels = [pixels >> SHIFTS[name] & 15 for name in ("red", "green", "blue", "alpha")]
     colours: NDArray[np.uint32] = (np.stack(channels, axis=-1) * STEP).astype(np.uint8).view(np.uint32)
@@ -135,7 +136,7 @@ def _colours() -> NDArray[np.uint32]:
 
 
 def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
-    """For each pixel, the largest difference of a channel, 0 to 15."""
+    """For each pixel, the difference of the channel that differs most, 0 to 15."""
     largest = np.zeros(one.pixels.shape, np.uint16)
     for shift in SHIFTS.values():
         a, b = one.pixels >> shift & 15, other.pixels >> shift & 15
@@ -145,24 +146,24 @@ def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
 
 @dataclass(frozen=True, eq=False)
 class Difference:
-    """How two screens differ; true if they do. As text it says where and by how much."""
+    """The difference of two screens; true if they differ. As text, it says where and by how much."""
 
     one: Screen
     other: Screen
     where: NDArray[np.bool_] | None  # True where they differ; None for screens of two sizes
-    origin: tuple[int, int] = (0, 0)  # of both, on the device's screen
+    origin: tuple[int, int] = (0, 0)  # where the compared region begins on the device's screen
 
     def __bool__(self) -> bool:
         return self.where is None or bool(self.where.any())
 
     @property
     def count(self) -> int:
-        """Of the pixels that differ."""
+        """How many pixels differ."""
         return self.one.pixels.size if self.where is None else int(np.count_nonzero(self.where))
 
     @property
     def box(self) -> Box | None:
-        """Around all pixels that differ, on the device's screen."""
+        """The box around all pixels that differ, in coordinates of the device's screen."""
         if self.where is None or not self:
             return None
         rows, columns = np.flatnonzero(self.where.any(axis=1)), np.flatnonzero(self.where.any(axis=0))
@@ -171,7 +172,7 @@ class Difference:
 
     @property
     def largest(self) -> int:
-        """Difference of a channel where they differ, in steps of 15."""
+        """The largest difference of a channel, 0 to 15."""
         return int(steps(self.one, self.other)[self.where].max()) if self.box else 0
 
     def __str__(self) -> str:

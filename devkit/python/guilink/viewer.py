@@ -1,6 +1,6 @@
-"""A share in the link of a running guilink-viewer: people watch its page while a script works.
+"""Shares the link of a running guilink-viewer, so that people watch its page while a script works.
 
-One thread keeps a WebSocket to the viewer, and comes back when the viewer does.
+One thread keeps a WebSocket to the viewer, and reconnects when the viewer has restarted.
 """
 from __future__ import annotations
 
@@ -19,31 +19,31 @@ from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictu
 from guilink.wire import MAX_PAYLOAD
 
 RECONNECT = 0.25  # s between attempts
-HANDSHAKE = 10.0  # s that one may take
+HANDSHAKE = 10.0  # s; limit of an attempt
 
 
 @dataclass(eq=False)
 class Order:
-    """A button or text on its way."""
+    """A button or text that the device has not confirmed yet."""
 
     message: dict[str, Any]
     sent: bool = False
-    number: int = 0   # of the last picture before the answer
+    number: int = 0   # number of the last picture before the answer
     done: bool = False
     why_not: str = ""
 
 
 class Viewer:
-    """Implements `guilink.link.Link`. `device` makes the viewer link to that one, if it has another."""
+    """Implements `guilink.link.Link`. With `device`, makes the viewer link to that device."""
 
     def __init__(self, url: str, device: str | None = None):
         parts = urlsplit(url if "://" in url else f"http://{url}")
         if parts.scheme != "http" or not parts.hostname:
-            raise ValueError(f"{url!r} is no URL of a viewer, such as http://127.0.0.1:8080")
+            raise ValueError(f"{url!r} is not the URL of a viewer, such as http://127.0.0.1:8080")
         self._url, self._device = f"ws://{parts.netloc}/link", device
-        self._names = {device}  # of the wanted device, also new ones
+        self._names = {device}  # all names of the wanted device, later ones included
         self._name = f"the viewer at http://{parts.netloc}"
-        self._changed = threading.Condition()  # guards all below
+        self._changed = threading.Condition()  # guards all members below
         self.pictures = Pictures(self._changed, lambda: self._failure)
         self._failure: Exception | None = None
         self._away = "has not answered yet"  # why there is no connection; empty if there is one
@@ -57,7 +57,7 @@ class Viewer:
         self._thread = threading.Thread(target=self._work, name="guilink", daemon=True)
         self._thread.start()
 
-    # --- for any thread ----------------------------------------------------------------------------
+    # --- called from any thread --------------------------------------------------------------------
 
     def status(self) -> LinkStatus:
         with self._changed:
@@ -128,7 +128,7 @@ class Viewer:
         return True
 
     def _wait(self, deadline: float) -> None:
-        """For a link."""
+        """Waits for a change, such as a new link. Throws at the deadline."""
         if self._changed.wait(max(0.0, deadline - time.monotonic())):
             return
         if self._away:
@@ -148,18 +148,18 @@ class Viewer:
                 if self._socket:
                     await self._socket.send(json.dumps(message))
             except WebSocketException:
-                pass  # the reader sees it, too
+                pass  # the reading coroutine sees the end, too
 
         self._loop.call_soon_threadsafe(lambda: self._loop.create_task(send()))
 
-    # --- the thread --------------------------------------------------------------------------------
+    # --- on the thread -----------------------------------------------------------------------------
 
     def _work(self) -> None:
         try:
             self._loop.run_until_complete(self._task)
         except asyncio.CancelledError:
             pass
-        except Exception as error:  # a fault of this module; those who wait must not wait for ever
+        except Exception as error:  # a fault of this module: end the waits of other threads
             with self._changed:
                 self._failure = GuilinkError(f"the link's thread failed: {error!r}")
                 self._failure.__cause__ = error
@@ -192,7 +192,7 @@ class Viewer:
                 if order.sent and not order.done:
                     order.done = True
                     order.why_not = ("the connection to the viewer ended before the device confirmed it, so "
-                                     "it may have come or not")
+                                     "it may or may not have arrived")
             self._changed.notify_all()
 
     def _take(self, message: str | bytes) -> None:
@@ -210,7 +210,7 @@ class Viewer:
             self._changed.notify_all()
 
     def _choose(self) -> None:
-        """Makes the viewer link to the wanted device as soon as that is in sight."""
+        """Makes the viewer link to the wanted device as soon as it is in sight."""
         if self._device and not self._is_linked() and self._state.get("wanted") != self._device:
             if any(self._device in (each.identity, each.address) for each in self.devices()):
                 self._send({"device": self._device})

@@ -1,6 +1,6 @@
-"""Frames, the only thing that travels on the link: how to build one, and how to find them in a stream.
+"""Builds the link's frames, and finds frames in a stream of bytes.
 
-The layout is docs/link-protocol.md, Frames.
+docs/link-protocol.md, Frames, shows the layout.
 """
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from typing import NamedTuple
 
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")
 HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, message type
-MAX_PAYLOAD = 0x100000  # bytes that a device sends; a length above it is damage
+MAX_PAYLOAD = 0x100000  # bytes; the most that a device sends, so a greater length means damage
 ID_SIZE = 5             # bytes; the rest of an identity is the firmware's version
 
 
@@ -26,7 +26,7 @@ class MessageType(IntEnum):
 
 
 class Message(NamedTuple):
-    type: int  # mostly a MessageType; unknown ones are for the caller to skip
+    type: int  # a MessageType, or an unknown type, which the caller must skip
     payload: bytes
 
 
@@ -41,7 +41,7 @@ def frame(kind: int, payload: bytes = b"") -> bytes:
 
 
 def identity(payload: bytes) -> Identity | None:
-    """What an IdentityMessage says; None if it is too short. Any bytes become text."""
+    """Decodes an IdentityMessage; None if it is too short. Accepts any bytes as text."""
     if len(payload) < ID_SIZE:
         return None
     return Identity(*(part.decode("utf-8", "backslashreplace")
@@ -49,7 +49,7 @@ def identity(payload: bytes) -> Identity | None:
 
 
 def identity_datagram(datagram: bytes) -> Identity | None:
-    """The identity in a broadcast, which is one IdentityMessage and nothing besides."""
+    """Decodes a broadcast, which must be exactly one IdentityMessage; else None."""
     match FrameReader().feed(datagram):
         case [Message(MessageType.IDENTITY, payload)] if len(payload) + HEADER.size == len(datagram):
             return identity(payload)
@@ -57,10 +57,10 @@ def identity_datagram(datagram: bytes) -> Identity | None:
 
 
 class FrameReader:
-    """Finds the frames in a stream that is cut anywhere, and survives damage.
+    """Finds the frames in a stream that arrives in arbitrary pieces and may be damaged.
 
-    Skips what is no frame. A frame with a wrong checksum is skipped by its announced length, so that no
-    byte is looked at twice. Holds one incomplete frame, 1 MiB, at most.
+    Skips bytes that belong to no frame. Skips the whole announced length of a frame with a wrong checksum,
+    so that it reads no byte twice. Holds at most one incomplete frame, 1 MiB.
     """
 
     def __init__(self) -> None:
@@ -71,7 +71,7 @@ class FrameReader:
         buffer = self._buffer
         buffer += data
         messages = []
-        position = 0  # of what has not been looked at
+        position = 0  # of the first byte that has not been parsed
         while (start := buffer.find(START, position)) >= 0:
             position = start
             if len(buffer) < position + HEADER.size:
