@@ -45,7 +45,7 @@ int register_program(uint32_t program, std::vector<IpcProc> procedures) {
     IpcProgInfo info = {static_cast<int32_t>(table.size()), table.data()};
     std::string name = "test";
     const int result = ambaipc_svc_register(program, 1, name.c_str(), &info, 1);
-    // The library must have copied what it needs.
+    // Overwrite the table and info: the library must have copied them.
     std::fill(table.begin(), table.end(), IpcProcEntry{nullptr, -1});
     info = {0, nullptr};
     name.assign(name.size(), 'x');
@@ -72,7 +72,7 @@ TEST(Ambaipc, RecordGoesThereAndBackByteForByte) {
     Record record = {9, 9, 0x1122334455667788, 9, 9};
     caller.call(1, {}, record);
     const std::array<unsigned char, 24> expected = {
-        1,    0,    0,    0,    2,    0,    0,    0,                              // words 0, 4
+        1,    0,    0,    0,    2,    0,    0,    0,  // words at offsets 0 and 4
         0x89, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 3, 0, 0, 0, 4, 0, 0, 0};  // 8, 16, 20
     EXPECT_EQ(std::memcmp(&record, expected.data(), sizeof(record)), 0);
 }
@@ -144,7 +144,7 @@ TEST(Ambaipc, UnregisteredProgramRefusesAndCanComeBack) {
     EXPECT_EQ(ambaipc_svc_unregister(PROGRAM, 1), -1) << "taken back already";
     EXPECT_THROW(call(caller, 0), std::runtime_error);
     EXPECT_EQ(calls, 1);
-    // The program's thread releases the name a little later.
+    // The program's thread releases the socket's name a little later.
     while (register_program(PROGRAM, {count}) != 0) std::this_thread::yield();
     call(caller, 0);
     EXPECT_EQ(calls, 2);

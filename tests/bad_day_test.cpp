@@ -38,7 +38,7 @@ TEST_F(BadDay, PeerTrickles) {
     const Socket peer = link();
     for (const unsigned char byte : frame(ControlMessage) + frame(IdentityRequest)) {
         peer.write({byte});
-        std::this_thread::sleep_for(10ms);  // so that each arrives alone
+        std::this_thread::sleep_for(10ms);  // so that each byte arrives alone
     }
     while (type_of(peer.read_frame()) != IdentityMessage) {
     }
@@ -86,7 +86,7 @@ TEST_F(BadDay, CandidateSpeaksBeforeItIsAccepted) {
     EXPECT_EQ(m_daemon->output().find("USER"), std::string::npos);
 }
 
-// Each presses a button of its own; the service obeys only the link's.
+// Each candidate presses another button; the service obeys only the link's.
 TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
     struct Candidate {
         Candidate(Socket&& from, uint8_t number)
@@ -109,7 +109,7 @@ TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
             const auto offered = [&] { return host.offered(); };
             if (wait_until(offered, 100ms)) offers.push_back(host.accept());
         }
-        if (offers.size() < 2) continue;  // the other answers were lost with older sweeps
+        if (offers.size() < 2) continue;  // a socket of an older sweep got the other answers
         uint8_t number = 0;
         for (Socket& offer : offers) candidates.emplace_back(std::move(offer), ++number);
         EXPECT_TRUE(wait_until([&] {
@@ -190,7 +190,8 @@ class FullPipe : public testing::TestWithParam<int> {
             while (write(m_pipe.writer.fd(), rest.data(), size) > 0) {
             }
         }
-        fcntl(m_pipe.writer.fd(), F_SETFL, 0);  // the service shares this file description
+        // Make it blocking again: the service shares this file description.
+        fcntl(m_pipe.writer.fd(), F_SETFL, 0);
     }
     std::string drain() const {
         fcntl(m_pipe.reader.fd(), F_SETFL, O_NONBLOCK);

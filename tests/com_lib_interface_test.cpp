@@ -63,7 +63,7 @@ class LinkedFacade : public testing::Test {
         throw_missing_event("no new image");
     }
 
-    static constexpr int REPEATS = 20;  // two a second; after these, the pushed frame is lost
+    static constexpr int REPEATS = 20;  // two come per second; then the pushed frame is lost
 
     LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
@@ -90,7 +90,7 @@ TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     m_link.write(frame(IdentityRequest));  // its answer follows the last keep-alive
     while (type_of(m_link.read_frame()) != IdentityMessage) {
     }
-    keep_sending(ButtonMessage);          // keeps the connection open, but is no keep-alive
+    keep_sending(ButtonMessage);          // keeps the connection open, but is not a keep-alive
     std::this_thread::sleep_for(2100ms);  // the limit under test: 2 s since the last keep-alive
     m_facade->push_frame(colour(0x9004, SMALL), SMALL);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(next_image().first_pixel, 0x8001);
@@ -104,8 +104,8 @@ TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     EXPECT_EQ(image.first_pixel, 0x9005);
 }
 
-// The first frame is more than the companion's window holds. Those behind it are small, but none
-// waits in the send buffer: the newest one replaces them all.
+// The first frame does not fit the companion's window. The later frames are small, but none of them
+// waits in the send buffer: the newest one replaces the others.
 TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
     const auto striped = colour(0, SMALL);
     for (uint64_t i = 0; i < SMALL; i += 2) {
@@ -122,7 +122,7 @@ TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
     for (uint16_t pixel = 0x9011; pixel <= 0x9018; ++pixel) {
         std::memcpy(plain.get(), &pixel, sizeof pixel);
         m_facade->push_frame(plain, SMALL);
-        std::this_thread::sleep_for(2ms);  // time to send it, if anything is wrong
+        std::this_thread::sleep_for(2ms);  // gives a wrong sender the time to send this frame
     }
     EXPECT_EQ(next_image_other_than(0x8001).first_pixel, 0x9001);
     EXPECT_EQ(next_image_other_than(0x9001).first_pixel, 0x9018);

@@ -14,7 +14,8 @@ namespace {
 
 using namespace guilink::test;
 
-// What a reader finds in a stream that comes in pieces of a size: type and payload as text.
+// Feeds a reader the stream in pieces of a size. Returns the type and payload of each frame, as
+// text.
 std::vector<std::string> read_in_pieces(const Bytes& stream, size_t size) {
     FrameReader reader;
     std::vector<std::string> found;
@@ -31,8 +32,8 @@ TEST(FrameReader, FindsFramesHoweverTheyAreDamagedOrSplit) {
     Bytes wrong_checksum = frame(DataMessage, bytes("wrong"));
     wrong_checksum.back() ^= 1;
     Bytes too_long = frame(DataMessage);
-    too_long[LENGTH_OFFSET + 2] = 0x10;  // 1 MiB and
-    too_long[LENGTH_OFFSET] = 1;         // one byte
+    too_long[LENGTH_OFFSET + 2] = 0x10;  // 1 MiB,
+    too_long[LENGTH_OFFSET] = 1;         // and one byte more
     const Bytes cut_start(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end() - 1);
     const Bytes stream = bytes("garbage") + frame(IdentityMessage, bytes("ABCDEfw")) +
                          wrong_checksum + frame(DataMessage, bytes("a")) + too_long + cut_start +
@@ -57,7 +58,7 @@ TEST(ImageDecoder, RefusesWhatIsNoCompleteImage) {
 
 const Bytes IDENTITY = frame(IdentityMessage, bytes("ABCDEfw2"));
 
-// A device in bare sockets, and what the companion has said of it.
+// A device in bare sockets, and a companion whose reports are recorded.
 class CompanionTest : public testing::Test {
   protected:
     static void search(const Socket& from, const Bytes& datagram) {
@@ -66,7 +67,7 @@ class CompanionTest : public testing::Test {
                reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
     }
 
-    // Broadcasts until it is known to be the only device, and connects to whoever answers.
+    // Broadcasts twice, which makes it the only device in sight, and connects to the companion.
     Socket connect(const char* address = "127.0.0.1") {
         m_search.emplace(SOCK_DGRAM, address, 3153);
         for (int i = 0; i < 2; ++i) search(*m_search, IDENTITY);
@@ -81,7 +82,7 @@ class CompanionTest : public testing::Test {
         return connection;
     }
 
-    // Reads up to the first frame of a type, and returns the types before it.
+    // Reads frames up to the first one of this type, and returns the types of those before it.
     static std::vector<int> read_until(const Socket& connection, uint16_t type) {
         std::vector<int> types;
         while (true) {
@@ -98,7 +99,7 @@ class CompanionTest : public testing::Test {
         }
     }
 
-    // Links: the companion requests the identity of a device, which answers.
+    // Answers the companion's identity request, and waits until the companion is linked.
     void identify(const Socket& connection) {
         read_until(connection, IdentityRequest);
         connection.write(IDENTITY);
@@ -113,7 +114,7 @@ class CompanionTest : public testing::Test {
         return m_status;
     }
 
-    std::optional<Socket> m_search;  // has broadcast last
+    std::optional<Socket> m_search;  // sent the last broadcast
     std::mutex m_mutex;
     LinkStatus m_status;
     std::vector<HeardDevice> m_devices;
@@ -135,7 +136,7 @@ TEST_F(CompanionTest, LinksAndKeepsAlive) {
     EXPECT_EQ(m_search->read_some(), frame(ConnectRequest));
     EXPECT_EQ(type_of(device.read_frame()), ConnectRequest);
     EXPECT_EQ(type_of(device.read_frame()), ControlMessage);
-    // The second request to connect comes before the first one for the identity.
+    // The companion sends two connect requests before the first identity request.
     EXPECT_THAT(read_until(device, IdentityRequest), testing::Contains(ConnectRequest));
     device.write(IDENTITY);
     EXPECT_TRUE(wait_until([this] { return status().linked; }));
@@ -159,7 +160,7 @@ TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
 
 TEST_F(CompanionTest, ReportsWhatBecomesOfAMessage) {
     std::mutex mutex;
-    std::string seen;  // P: an image
+    std::string seen;  // the events in order; P is an image
     const auto note = [&](char letter) {
         const std::lock_guard lock(mutex);
         seen += letter;
@@ -220,7 +221,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
     }
     EXPECT_TRUE(connect_from("127.0.0.2").ended());
 
-    Socket device = connect_from("127.0.0.1");  // stays the chosen one with another name
+    Socket device = connect_from("127.0.0.1");  // stays chosen, with another identity
     device.write(frame(IdentityMessage, bytes("33333fw9")));
     EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
     device.reset();
@@ -233,10 +234,10 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
 TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
     const Socket device = connect();
     identify(device);
-    const Chatter chatter(device, frame(DataMessage));  // it lives, it only does not read
+    const Chatter chatter(device, frame(DataMessage));  // alive, but does not read
 
     const auto text = [](size_t i) { return std::to_string(i) + std::string(4000, '.'); };
-    constexpr size_t TOO_MANY = 10'000;  // 40 MB: more than all buffers on the way
+    constexpr size_t TOO_MANY = 10'000;  // 40 MB: more than the socket buffers hold
     size_t queued = 0;
     for (int refused = 0; refused < 50 && queued < TOO_MANY; ++refused) {
         while (queued < TOO_MANY && m_companion.send_text(text(queued))) ++queued;
@@ -261,7 +262,7 @@ TEST_F(CompanionTest, AnswersNothingButAnIdentity) {
     }
     EXPECT_EQ(searches.back().read_some(), frame(ConnectRequest));
     searches.pop_back();
-    // They came first, and would have been answered first.
+    // The invalid datagrams came first, so their answers would have arrived by now.
     for (const Socket& search : searches) EXPECT_FALSE(search.readable(0ms));
 }
 
@@ -284,7 +285,7 @@ TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
         device.write(bytes("garbage") + frame(ImageMessage, bytes("x")) + frame(77));
         identify(device);
         if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
-        if (i != 1) device.reset();  // the second one only falls silent
+        if (i != 1) device.reset();  // the second device only falls silent
         EXPECT_TRUE(wait_until([this] { return !status().linked; }));
     }
 }

@@ -20,7 +20,7 @@ TEST(FrameMemory, NoAddressIsEverUsedTwice) {
             EXPECT_EQ(memory.address(buffer) % 4096, 0u);
             EXPECT_EQ(memory.pixels(buffer).size_bytes(), size);
             memory.pixels(buffer).back() = 1;
-            // One page more, because the service maps it, too.
+            // Check one page more than the size, because the service maps that page, too.
             for (uint64_t page = 0; page <= size; page += 4096) {
                 EXPECT_TRUE(pages.insert(memory.address(buffer) + page).second);
             }
@@ -69,7 +69,7 @@ TEST(Scenes, DifferAndMove) {
     }
 }
 
-// The service silently drops larger ones.
+// The service silently drops a scene that does not fit into a message.
 TEST(Scenes, FitIntoAMessage) {
     const Gui gui("11111");
     for (const uint16_t width : {uint16_t{1280}, uint16_t{1024}}) {

@@ -29,7 +29,7 @@ constexpr size_t EXHAUSTIVE = 12;  // pixels: 22 million images
 constexpr size_t STEP = 1;
 #else
 constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times as much,
-constexpr size_t STEP = 7;        // so the other exhaustive tests take every seventh image
+constexpr size_t STEP = 7;        // so the other exhaustive tests only try every seventh image
 #endif
 constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;
 
@@ -67,7 +67,7 @@ class Encoder : public ::testing::Test {
         use(m_sets.front());
     }
 
-    // Returns what differs from the reference or from the pixels; "" if nothing does.
+    // Returns what differs from the reference encoder or from the pixels; "" if nothing does.
     std::string_view wrong(const Words& pixels, uint16_t width, uint16_t height, bool in_python) {
         m_expected.assign(2, 0);
         const uint64_t bytes = encode_literally(pixels.data(), width, height, m_expected);
@@ -125,14 +125,15 @@ TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
     }
 }
 
-// Eight pixels and the next one decide what a vector of 8 compresses. Tries every such nine once at
-// each place of a block, the 32 pixels that are read together.
+// The result for a vector of 8 pixels depends on these and the next one. Tries all combinations of
+// nine pixels at each place of a block of 32 pixels, which are read together.
 TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     constexpr size_t COUNT = size_t{1} << 18;
     Words pixels(9, KINDS[0]);
     std::vector<bool> seen(COUNT);
     size_t window = 0;
-    while (!seen[window]) {  // a de Bruijn sequence: always the largest digit that is new
+    // A de Bruijn sequence: each step appends the largest digit that gives a new window.
+    while (!seen[window]) {
         seen[window] = true;
         size_t digit = 3;
         const auto next = [&] { return (window << 2 | digit) % COUNT; };
@@ -148,8 +149,8 @@ TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     }
 }
 
-// Runs about as long as a block, a chunk, the longest run and two of these, with up to two pixels
-// before and after.
+// Runs about as long as a block, a chunk, the longest run and twice the longest run, with up to two
+// pixels before and after.
 TEST_F(Encoder, EveryRunAroundTheLimits) {
     for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
         for (size_t i = 0; i < size_t{5} * 3 * 3 * 2; i += STEP) {
@@ -167,7 +168,8 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
     }
 }
 
-// Pixels of a single bit; images that end anywhere in a block, and after one and two chunks.
+// Images of random runs, of random bits and kinds. They end anywhere in a block, and after one and
+// two chunks.
 TEST_F(Encoder, RandomRuns) {
     std::mt19937 random(1);
     for (size_t count = 1; count < 9'000; count += 1 + count / 100) {

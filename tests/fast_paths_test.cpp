@@ -1,4 +1,4 @@
-// The fast checksum against the literal one, and allocations per frame.
+// The fast checksum against the reference checksum, and allocations per frame.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -12,11 +12,11 @@
 
 namespace {
 
-thread_local uint64_t allocations = 0;  // of this thread
+thread_local uint64_t allocations = 0;
 
 }
 
-// A sanitizer that keeps its own operators calls this.
+// A sanitizer with its own operator new calls this hook.
 extern "C" void __sanitizer_malloc_hook(const volatile void*, size_t);
 extern "C" void __sanitizer_malloc_hook(const volatile void*, size_t) {
     ++allocations;

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """Makes every call of the service fail once: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
 
-Plays a scripted day for the real service, once per case, each in a sandbox of its own. A case is
-KIND:SITE:OCCURRENCE:FAULT (see tests/faults/fail_once.cpp, the LIBRARY). The service must serve on, or
-end in a way that docs/reliability.md lists. Plays a sample, or with --all every site seen in three days
-without a fault. CASE plays that one and prints what the service logged.
+A day is a scripted scenario for the real service, in a sandbox of its own; each case is one day with one
+fault, KIND:SITE:OCCURRENCE:FAULT (see tests/faults/fail_once.cpp, the LIBRARY). The service must serve on,
+or end in a way that docs/reliability.md lists. Plays a sample of the cases; with --all, every site seen in
+three days without a fault; with CASE, only that case, and prints the service's log.
 """
 import collections
 import concurrent.futures
@@ -29,15 +29,15 @@ sys.path.append(ROOT + "/docs/examples")
 import minimal_companion as link  # noqa: E402  the path comes first
 
 JOBS = 16        # days at a time; they mostly wait
-OCCURRENCES = 3  # of a site that fail, one per day
-LIMIT = float(os.environ.get("GUILINK_FAULT_LIMIT", 60))  # s; whatever takes longer is a hang
-FRAMES = 17      # of each size, three times a day
+OCCURRENCES = 3  # calls of a site to fail, one per day
+LIMIT = float(os.environ.get("GUILINK_FAULT_LIMIT", 60))  # s; a longer wait is a hang
+FRAMES = 17      # frames of each size, three times a day
 SIZES = {2_457_600: (1280, 960), 1_572_864: (1024, 768)}
 GUI, QR, TEXT = 0x70000004, 0x70000005, 6
 PR_SET_CHILD_SUBREAPER = 36
 
-# What each kind of call can return in its use. zero: a timeout, or the end of a stream. short: ends
-# within a frame's header. crash, hang and garble prove that the test notices.
+# Faults besides errno values. zero: a time-out, or the end of a stream. short: the call ends within a frame's
+# header. crash, hang and garble prove that the test notices a fault.
 SPECIAL = {"zero": -1, "short": -2, "crash": -3, "hang": -4, "garble": -5}
 ALLOCATIONS = ["malloc", "calloc", "realloc", "aligned_alloc", "mmap"]
 FAULTS = {kind: faults.split() for kinds, faults in {
@@ -78,11 +78,11 @@ class Wrong(Exception):
 
 
 class Ended(Exception):
-    """The service has ended; how."""
+    """The service has ended; the text says how."""
 
 
 def drawing(size, number):
-    """Pixels, and the only payload that shows them whole: runs of 256; the last pixel is not sent."""
+    """Returns pixels in runs of 256, and the payload that the service must send for them."""
     colours = [0x1000 | colour << 8 | number % 256 for colour in range(8)]
     repeat = size // (len(colours) * 256 * 2)
     runs = b"".join(struct.pack("<HH", 256, colour) for colour in colours) * repeat
@@ -91,7 +91,7 @@ def drawing(size, number):
 
 
 class Day:
-    """Stands in for the core, the companion and the control service."""
+    """Plays the core, the companion and the control service."""
 
     def __init__(self, service):
         ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)  # a detached service stays our child
@@ -162,7 +162,7 @@ class Day:
             self.hang_up()
 
     def take(self, stream):
-        """Accepts nothing but whole frames, one after the other, and pictures as they were drawn."""
+        """Checks that the service sends only complete frames, and pictures as they were drawn."""
         while len(stream) >= link.HEADER.size:
             start, checksum, length, kind = link.HEADER.unpack_from(stream)
             payload = bytes(stream[link.HEADER.size:link.HEADER.size + length])
@@ -179,7 +179,8 @@ class Day:
             del stream[:link.HEADER.size + length]
 
     def take_press(self, datagram):
-        # The last one may come twice: our repetition, or a new one for which there was no memory.
+        # The previous press may come again: this test repeats presses, and without memory for a new press the
+        # service resends the last one.
         valid = {b'[{"msg_id":%d,"param":"On"}]' % (100 + press % 16): press
                  for press in (self.presses - 1, self.presses)}
         if datagram not in valid:
@@ -220,7 +221,7 @@ class Day:
         self.call(GUI, struct.pack("<QI", address, size))
 
     def serve(self):
-        """A press and a text arrive, then frames of both sizes; one too noisy is left out."""
+        """A press and a text must arrive, then frames of both sizes. Too noisy a frame must be left out."""
         self.links += 1
         self.presses += 1
         self.until(lambda: self.pressed == self.presses, "press",
@@ -228,7 +229,7 @@ class Day:
         text = b"%d " % self.links + b"x" * 200
         self.until(lambda: b"USER " + text in self.log, "text", lambda: self.say(TEXT, payload=text))
         for index, size in enumerate(SIZES):
-            # All frames have the size that was mapped last, so each size gets an address of its own.
+            # The service reads every frame with the size that it mapped last, so map a new address for each size.
             address = 0x1000000 * (2 * self.links + index)
             for _ in range(FRAMES):
                 self.push(address, size)
@@ -272,7 +273,7 @@ def play_day(service):
 # --- all days ----------------------------------------------------------------------------------------
 
 def run(case=None, **environment):
-    """Plays a day; returns its outcome, and of each site its kind, its calls and whether it failed."""
+    """Plays a day. Returns its outcome, and for each site its kind, its number of calls and if one failed."""
     with tempfile.NamedTemporaryFile() as table:
         table.truncate(4096 * 32)
         environment |= {**os.environ, "GUILINK_FAIL_ONCE": sys.argv[2], "GUILINK_FAULT_TABLE": table.name}
@@ -291,7 +292,7 @@ def run(case=None, **environment):
 
 
 def judge(case, day):
-    """What was wrong, if anything."""
+    """Returns what was wrong, or None."""
     kind, allowed = case.split(":")[0], {"serves on"}
     if kind in ALLOCATIONS + ["pthread_create", "bind"]:
         allowed.add("SIGABRT")
@@ -301,14 +302,14 @@ def judge(case, day):
         allowed.add("SIGSEGV")
     if kind in ALLOCATIONS and "alloc of mem for ComLibInterface\nstd::bad_alloc\n" in day["log"]:
         allowed.add("status 1")
-    # The sender of presses makes its socket once: without it, presses are lost until a restart.
+    # The sender of presses makes its socket only once. If that fails, presses are lost until a restart.
     if kind == "socket" and day["wrong"] == "hang: no press":
         return None
     return day["wrong"] or (None if day["end"] in allowed else day["end"])
 
 
 def play_case(case):
-    for _ in range(2):  # timing may lead past a site
+    for _ in range(2):  # with other timing, the service may not reach the site
         day, sites = run(case)
         if any(failed for _, _, failed in sites.values()):
             return case, day["end"], judge(case, day), day["log"]
@@ -316,7 +317,7 @@ def play_case(case):
 
 
 def unknown_calls():
-    """Calls of the service, and of its library, that never fail here although they may."""
+    """Calls of the service, and of its library, that may fail but for which no fault is listed here."""
     libraries = [sys.argv[1], os.path.dirname(sys.argv[2]) + "/libambaipc.so"]
     calls = subprocess.run(["nm", "-D", "--undefined-only", *libraries], stdout=subprocess.PIPE, text=True,
                            check=True).stdout
@@ -349,7 +350,7 @@ def main():
 
     ends = collections.defaultdict(collections.Counter)
     with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
-        # Faults that the test must notice; the hang with a short limit.
+        # Faults that the test must notice; the limit for the hang is short.
         proofs = [f"{kind}:{max(sites[kind], key=sites[kind].get)}:1:{fault}"
                   for kind, fault in (("poll", "crash"), ("sigaction", "hang"), ("send", "garble"))]
         noticed = pool.map(lambda proof: judge(proof, run(proof, GUILINK_FAULT_LIMIT="10")[0]), proofs)

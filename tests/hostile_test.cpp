@@ -1,5 +1,5 @@
-// Hosts attack the service all the time. A good companion must still be linked, and the service
-// must neither end nor grow. After the attack it must recover as on any bad day.
+// While hosts attack, the service must still link a good companion, and must neither end nor grow.
+// After the attack it must return to its level (see bad_day.h).
 #include "tests/support/bad_day.h"
 #include "tests/support/hostile_host.h"
 
@@ -12,7 +12,7 @@ std::chrono::milliseconds beside_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 10s : LIMIT;
 }
 
-// GUILINK_STORM_SECONDS prolongs the attack; one good companion after another then links.
+// GUILINK_STORM_SECONDS prolongs the attack; meanwhile one good companion after another links.
 std::chrono::seconds storm() {
     const char* const seconds = std::getenv("GUILINK_STORM_SECONDS");
     return std::chrono::seconds(seconds != nullptr ? std::stoi(seconds) : 0);
@@ -47,7 +47,7 @@ class HostileNeighbour : public BadDay {
         EXPECT_LE(threads, m_before.threads + MORE_THREADS);
     }
 
-    // The good companion's answer arrives after those of all others.
+    // The service must link the good companion although its answer arrives after all others.
     void keeps_out_no_late_one(const Manners& manners) {
         const HostileHosts hostile(manners);
         EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));
@@ -69,7 +69,7 @@ class HostileNeighbour : public BadDay {
 
 const Bytes REQUESTS = repeated(frame(ConnectRequest), 25'000);  // a MiB
 
-// The storm begins on connections that the service has given up.
+// The requests begin after 1.1 s, on connections that the service has given up by then.
 TEST_F(HostileNeighbour, StormsWithRequestsToConnect) {
     keeps_nobody_out({.words = REQUESTS, .words_after = 1100ms, .words_every = 0ms});
 }
@@ -125,7 +125,7 @@ TEST_F(HostileNeighbour, CutsNobodysRequestInHalves) {
         Socket bad = other.connection();
         bad.write({0x5A});
         bad.close();
-        std::this_thread::sleep_for(20ms);  // its byte and its end arrive between the halves
+        std::this_thread::sleep_for(20ms);  // the bad host's byte and end arrive first
         good.write({middle, request.end()});
         good.write(frame(ControlMessage));
         return good.readable(1s) && good.has_data();

@@ -24,7 +24,7 @@ URL = f"http://127.0.0.1:{PORT}"
 
 @pytest.fixture(scope="module")
 def far_host():
-    """Another host on the cable, at 10.77.0.2: a command that runs others there."""
+    """Makes another host on the cable, at 10.77.0.2. Returns the command prefix that runs a program there."""
     with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as holder:
         own = os.readlink("/proc/self/ns/net")
         until(lambda: os.readlink(f"/proc/{holder.pid}/ns/net") != own)
@@ -38,7 +38,7 @@ def far_host():
 
 @pytest.fixture(scope="module", autouse=True)
 def devices(far_host):
-    """11111 on this host, 22222 on the other; only buttons change their pictures."""
+    """Starts device 11111 on this host and 22222 on the other. Only buttons change their pictures."""
     start_service(BIN)
     subprocess.run([*far_host, BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
     cores = [subprocess.Popen([*where, BIN / "guilink-core", "--still", *identity], stderr=subprocess.DEVNULL)
@@ -112,7 +112,7 @@ def test_without_a_choice_it_asks(viewer):
     for identity, address in (("22222", "10.77.0.2"), ("11111", "10.77.0.1")):
         assert ask("POST", f"/device/{address}")[0] == 204
         assert linked_to(identity)["address"] == address
-    with guilink.connect("22222", viewer=URL) as device:  # it switches, for who asks for another
+    with guilink.connect("22222", viewer=URL) as device:  # the viewer switches to it
         assert device.address == "10.77.0.2"
 
 
@@ -123,7 +123,7 @@ def test_each_companion_keeps_its_device(viewer, far_host):
         until(lambda: all(state(host)["pictures"] > before + 5
                           for host, before in zip(("127.0.0.1", "10.77.0.2"), pictures)))
         assert [state()["identity"], state("10.77.0.2")["identity"]] == ["11111", "22222"]
-        with pytest.raises(guilink.LinkError, match="refuses this program"):  # the WebSocket is for this computer
+        with pytest.raises(guilink.LinkError, match="refuses this program"):  # the viewer refuses other hosts
             guilink.connect(viewer="http://10.77.0.2:8080", link_timeout=0.5)
 
 
@@ -146,7 +146,7 @@ def test_other_sites_see_and_press_nothing(viewer):
         answer = ask(method, path, body)
         assert (answer[0], answer[1][-1:]) == (status, b"\n"), (method, path)
     assert ask("GET", "/snapshot.png")[1] == before
-    assert ask("GET", "/", Sec_Fetch_Site="cross-site")[0] == 200  # a link to the page
+    assert ask("GET", "/", Sec_Fetch_Site="cross-site")[0] == 200  # another site may link to the page
     status, _, headers = ask("POST", "/press/1", b"", Origin=URL, Sec_Fetch_Site="same-origin")
     assert status == 204
     until(lambda: ask("GET", f"/snapshot.png?after={headers['Guilink-Picture']}")[1] != before)
@@ -164,7 +164,7 @@ def test_pictures_figures_and_orders(viewer):
         for name in ("black", "white"):
             over = Image.alpha_composite(Image.new("RGBA", pixels.size, name), pixels)
             got = Image.open(io.BytesIO(ask("GET", f"/snapshot.png?over={name}")[1])).convert("RGBA")
-            assert max(high for _, high in ImageChops.difference(got, over).getextrema()) <= 1  # rounding
+            assert max(high for _, high in ImageChops.difference(got, over).getextrema()) <= 1  # rounding errors
         for button in ("down", "up"):
             device.press(button)
         device.wait_for(shown)

@@ -20,7 +20,7 @@ struct Registration {
     uint32_t version;
     std::string name;
     int32_t count;
-    IpcProc procedure;  // the first one
+    IpcProc procedure;  // the program's first procedure
     int32_t word;
     int last;
     bool operator==(const Registration&) const = default;
@@ -34,7 +34,7 @@ bool cleared(const _AMBA_IPC_SVC_RESULT_s_& result) {
            result.word_20 == 0;
 }
 
-// Size in bytes of each mapping of physical memory.
+// Returns the size in bytes of each mapping of physical memory.
 std::vector<uint64_t> mappings() {
     std::vector<uint64_t> sizes;
     std::ifstream maps("/proc/self/maps");
@@ -56,7 +56,7 @@ extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const ch
     registrations.push_back(
         {program, version, name, info->count, entry.procedure, entry.word, last});
 
-    // The core calls at once, before the fetcher is complete: nothing is mapped.
+    // The core calls at once, before the fetcher is constructed: that must map nothing.
     if (program == IPC_PROG_GUI_BUF) {
         const GuiBufferArg early = {0x1000, 4096};
         _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
@@ -64,7 +64,7 @@ extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const ch
         EXPECT_TRUE(cleared(result));
         EXPECT_TRUE(mappings().empty());
     }
-    return -1;  // ignored
+    return -1;  // the service must ignore the failure
 }
 
 extern "C" int ambaipc_svc_unregister(uint32_t program, uint32_t version) {

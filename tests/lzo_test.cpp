@@ -29,7 +29,7 @@ TEST(Lzo, CompressesNothingFromANullPointer) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(LzoCompress(nullptr, 0, result.data(), &length), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "out of memory\n");
-    EXPECT_EQ(length, 3u);  // the end mark alone
+    EXPECT_EQ(length, 3u);  // only the end mark
 }
 
 }  // namespace

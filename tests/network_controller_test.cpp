@@ -50,7 +50,7 @@ class Worker : public NetworkController::NetworkWorker {
     }
 
     struct Seen {
-        std::string candidate;  // bytes of connections that are not the link
+        std::string candidate;  // bytes from connections that are not the link
         std::string link;
         int candidate_ends = 0;
         int link_ends = 0;
@@ -93,7 +93,7 @@ TEST_F(Controller, ShowsACandidateToTheWorkerAndItsAnswerToTheCandidate) {
         try {
             candidate.write(bytes("a"));
             answer = candidate.read_some(6);
-        } catch (const std::runtime_error&) {  // already given up; others follow
+        } catch (const std::runtime_error&) {  // the device has closed this one
         }
     }
     EXPECT_EQ(answer, bytes("answer"));
@@ -128,7 +128,7 @@ TEST_F(Controller, DropsTheOthersAndTheirEndsToo) {
         wait_until([&] { return !m_worker->seen().link.empty() || peer.readable(10ms); });
     }
     const Chatter chatter(peer, bytes("."));
-    EXPECT_TRUE(other.ended());  // being silent, it was given up and destroyed
+    EXPECT_TRUE(other.ended());  // it was silent, so the device has dropped it
     m_worker->send(bytes("still linked"));
     EXPECT_EQ(peer.read(12), bytes("still linked"));
     EXPECT_EQ(m_worker->seen().link_ends, 0);
@@ -152,7 +152,7 @@ TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {
     const Socket candidate =
         m_companion.link(bytes("t"), [&] { return !m_worker->seen().candidate.empty(); });
     EXPECT_TRUE(candidate.ended());
-    m_companion.hear();  // by now its unit is destroyed; a send to it is a use-after-free
+    m_companion.hear();  // by now the old unit is destroyed; a send to it would be a use-after-free
     m_worker->send(bytes("x"));
     link();
 }

@@ -18,7 +18,7 @@ using testing::ElementsAre;
 
 using Units = std::vector<std::unique_ptr<NetworkUnit>>;
 
-constexpr const char* INTERFACE = "10.77.0.1";  // the sandbox's
+constexpr const char* INTERFACE = "10.77.0.1";  // in the sandbox
 constexpr const char* MASK = "255.255.255.0";
 constexpr const char* THIS_HOST = "127.0.0.1";
 constexpr const char* SINGLE = "255.255.255.255";
@@ -123,7 +123,7 @@ TEST(NetworkUnit, BroadcastDiscovery) {
 TEST(NetworkUnitDeathTest, ForbiddenDiscoveriesEndTheProcess) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     const auto aborted = testing::KilledBySignal(SIGABRT);
-    // Not an address of ours: it cannot be bound.
+    // The address of another host cannot be bound.
     EXPECT_EXIT(unit("10.77.0.2", MASK, PAYLOAD)->ping({}), aborted, "");
     const auto twice = [] {
         const auto seeker = unit(INTERFACE, MASK, PAYLOAD);
@@ -133,12 +133,13 @@ TEST(NetworkUnitDeathTest, ForbiddenDiscoveriesEndTheProcess) {
     EXPECT_EXIT(twice(), aborted, "");
 }
 
-// All at once, so that each receives the others' replies, too. Every address in 127/8 replies.
+// Runs all sweeps at once, so that each receives the others' replies, too. Every address in 127/8
+// replies.
 TEST(NetworkUnit, EchoSweep) {
     const struct {
         const char* address;
         const char* mask;
-        std::string prefix;  // of the hosts found
+        std::string prefix;  // common to the addresses found
         int first;
         int last;
     } table[] = {
@@ -155,7 +156,7 @@ TEST(NetworkUnit, EchoSweep) {
         seekers.back()->ping(finders[i].callback());
     }
 
-    // Invalid replies from the very host that is asked.
+    // Invalid replies come from the host that is searched for.
     EXPECT_TRUE(wait_until([&] { return finders[4].count == 1; }));
     const Socket forger(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
     const sockaddr_in host = ipv4("127.6.2.3", 0);
@@ -165,7 +166,7 @@ TEST(NetworkUnit, EchoSweep) {
     reply[0] = ICMP_DEST_UNREACH;
     forger.write(reply);
     reply[0] = ICMP_ECHOREPLY;
-    reply[1] = 1;  // its only code is 0
+    reply[1] = 1;  // an invalid code: echo replies have code 0
     forger.write(reply);
     forger.write(Bytes(27));  // too short
     forger.write(Bytes(29));  // too long
@@ -189,7 +190,7 @@ TEST(NetworkUnit, EchoSweep) {
 TEST(NetworkUnit, NoSocketAvailable) {
     testing::internal::CaptureStderr();
     Finder finder;
-    std::thread([&] {  // the unit's threads inherit its lack of privileges
+    std::thread([&] {  // the unit's threads inherit that it has no privileges
         __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
         const __user_cap_data_struct none[2] = {};
         ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
@@ -201,7 +202,8 @@ TEST(NetworkUnit, NoSocketAvailable) {
     EXPECT_EQ(finder.count, 0u);
 
     Receiver receiver;
-    // Without descriptors, the sanitizer can only check types that it has checked before.
+    // Connect once before: without descriptors, the sanitizer can only check types that it has
+    // seen.
     unit(THIS_HOST, SINGLE)->tcp_connect(PORT, receiver.callback());
     const auto host = unit(THIS_HOST, SINGLE);
     rlimit limit;
@@ -300,10 +302,10 @@ TEST_F(Connection, WaitsUntilAllIsSentOrNothingIsForThreeSeconds) {
     const auto progress = [&] { return NetworkUnitV4::wait_until_sent(*socket); };
     using enum NetworkUnitV4::Progress;
     EXPECT_EQ(progress(), Sent);
-    const Bytes data(NetworkUnit::BUFFER_SIZE /
-                     4);  // more than the peer's window, but it fits here
+    // More than the peer's window, but it fits into the send buffer.
+    const Bytes data(NetworkUnit::BUFFER_SIZE / 4);
     while (progress() != Stalled) ASSERT_TRUE(send(data));
-    EXPECT_TRUE(send_at_once(PAYLOAD));  // the limit is that of the wait alone
+    EXPECT_TRUE(send_at_once(PAYLOAD));  // the low-water mark held only during the wait
 
     std::thread reader([&] { peer.read(data.size()); });
     EXPECT_TRUE(wait_until([&] { return progress() == Sent; }));

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages of the folder
-# PACKAGES in a throw-away Debian with network, devices and a systemd of its own. BASE is a folder for
-# the system underneath, created if it is missing or lacks a package, never changed. Needs root.
+# package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages in the folder
+# PACKAGES, in a throw-away Debian with network, devices and a systemd of its own. BASE is the folder of
+# a plain Debian below that; it is created if it is missing or lacks a package, and never changed. Needs
+# root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -82,13 +83,13 @@ wait_for() { # MESSAGE COMMAND...: repeats COMMAND until it succeeds, 60 s at mo
 inside() { nsenter --all --root --wd --target "$(pgrep --parent $launcher)" "$@"; }
 installs() { tar -C "${1%/*}" -c "${1##*/}" | inside tar -C /tmp -x && inside dpkg -i "/tmp/${1##*/}"; }
 main_pid() { inside systemctl show --property=MainPID --value guilinkd; }
-runs_anew() { # OLD PID: the service runs as another process
+runs_anew() { # OLD_PID: succeeds if the service runs as another process
     inside systemctl is-active guilinkd && [[ $(main_pid) != "$1" ]]
 }
 
 wait_for "systemd does not start" inside systemctl is-active multi-user.target
 
-# Installed: running, enabled, and systemd finds no fault in the unit.
+# After the installation the service runs and is enabled, and systemd finds no fault in the unit.
 inside systemctl is-enabled guilinkd 2>/dev/null && fail "guilinkd is enabled before it is installed"
 installs "$packages"/guilink-devkit_*.deb
 installs "$packages"/guilinkd_*.deb
@@ -98,7 +99,7 @@ complaints=$(inside systemd-analyze verify --man=no guilinkd.service 2>&1) || tr
 [[ ! $complaints ]] || fail "$complaints"
 [[ $(inside cat "/proc/$(main_pid)/comm") == guilinkd ]] || fail "the main process is not guilinkd"
 
-# In use, within the unit's restrictions.
+# The service works within the unit's restrictions.
 inside systemd-run --quiet --unit=core guilink-core
 inside guilink-viewer --snapshot /tmp/picture.png --press 1 --timeout 60
 inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "the press is not in the journal"
@@ -111,7 +112,7 @@ inside dpkg --purge python3-guilink
 inside test ! -e /usr/lib/python3/dist-packages/guilink || fail "left behind: the Python package"
 inside systemctl stop viewer
 
-# After an abnormal end it comes back.
+# systemd restarts the service after an abnormal end.
 for signal in ABRT HUP; do
     old=$(main_pid)
     inside kill -$signal "$old"
@@ -127,12 +128,12 @@ old=$(main_pid)
 installs "$scratch/guilinkd_newer.deb"
 runs_anew "$old" || fail "the upgrade left the old service running"
 
-# Stopped: ends with status 0.
+# When stopped, the service ends with status 0.
 inside systemctl stop guilinkd
 [[ $(inside systemctl show --property=Result,ExecMainStatus --value guilinkd) == $'success\n0' ]] ||
     fail "it does not stop with status 0"
 
-# Purged while running: leaves nothing behind.
+# Purged while the service runs, the package leaves nothing behind.
 inside systemctl start guilinkd
 inside dpkg --purge guilinkd
 wait_for "it runs on after its removal" [ ! "$(inside pgrep -x guilinkd)" ]

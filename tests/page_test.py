@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The viewer's page in a real browser, with the real service and the simulated core.
 
-Run as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS; the browser runs in there, too.
+Run it as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS. The browser runs in the sandbox, too.
 """
 import hashlib
 import os
@@ -36,9 +36,9 @@ BIN = pathlib.Path(sys.argv.pop(1)).resolve()
 ADDRESS = ("127.0.0.1", 8080)
 URL = "http://127.0.0.1:8080/"
 LIMIT = 240  # seconds, for anything that will happen
-START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # of a frame
+START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # start sequence of a frame
 
-# What the canvas shows, as ARGB 4:4:4:4: a canvas keeps colours premultiplied, which costs it their
+# Hashes the canvas's pixels as ARGB 4:4:4:4, because a canvas keeps premultiplied colours, which loses their
 # low bits.
 CANVAS_HASH = """
 const done = arguments[0], canvas = document.getElementById('canvas');
@@ -50,7 +50,7 @@ crypto.subtle.digest('SHA-256', pixels).then((hash) =>
   done([...new Uint8Array(hash)].map((byte) => byte.toString(16).padStart(2, '0')).join('')));
 """
 
-# Presses a button and measures until the canvas shows it; the rest of the picture stands still.
+# Presses a button and measures the time until the canvas changes; nothing else in the picture moves.
 PRESS_LATENCY = """
 const done = arguments[1], canvas = document.getElementById('canvas');
 const context = canvas.getContext('2d');
@@ -72,7 +72,7 @@ const check = () => {
 press();
 """
 
-# Whether the veil still covers the next picture.
+# Records whether the veil still covers the next picture.
 WATCH_VEIL = """
 delete window.veiled;
 new MutationObserver((_, observer) => { window.veiled = !veil.hidden; observer.disconnect(); })
@@ -81,7 +81,7 @@ new MutationObserver((_, observer) => { window.veiled = !veil.hidden; observer.d
 
 
 def arrived(dump):
-    """What arrives of the pixels that the core drew: the known losses of the link."""
+    """Returns the pixels that the core drew, after the known losses of the link."""
     pixels = numpy.fromfile(dump, "<u2")
     pixels[1:][pixels[1:] < 0x1000] = 0
     pixels[-1] = pixels[-2]
@@ -89,14 +89,14 @@ def arrived(dump):
 
 
 def shown(dump):
-    """Hash of what a page shows of them: where a canvas shows nothing it keeps no colour."""
+    """Returns the hash of these pixels on a page: a canvas keeps no colour where it is transparent."""
     pixels = arrived(dump)
     pixels[pixels < 0x1000] = 0
     return hashlib.sha256(pixels.tobytes()).hexdigest()
 
 
 def handshake(origin="http://127.0.0.1:8080"):
-    """Asks for the page's connection; returns the socket and the status line."""
+    """Requests the page's WebSocket. Returns the socket and the status line."""
     connection = socket.create_connection(ADDRESS, timeout=LIMIT)
     connection.sendall(b"GET /link HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nOrigin: %s\r\n"
                        b"Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
@@ -105,7 +105,7 @@ def handshake(origin="http://127.0.0.1:8080"):
 
 
 class Loop(unittest.TestCase):
-    """The service, and whatever a test starts beside it."""
+    """Runs the service, and the programs that a test starts beside it."""
 
     def setUp(self):
         self.processes = []
@@ -215,25 +215,25 @@ class Page(Loop):
             press()
             self.wait(lambda: self.hash() != before)
 
-        # Let go after Shift, "+" is another key by name.
+        # If Shift is released first, the "+" key has another name when it is released.
         self.assertEqual(self.browser.execute_script(
             "const key = (type, key) => dispatchEvent(new KeyboardEvent(type, {key, code: 'Equal'}));"
             "const down = () => document.querySelectorAll('#pad .down').length;"
             "key('keydown', '+'); const held = down(); key('keyup', '='); return [held, down()]"),
             [1, 0])
 
-        # What a slow machine took for a held button repeats; one still under way would undo the first
-        # press below within one frame, and nothing would be seen of both.
+        # Wait until no press repeats: a slow machine may have held one for too long. A late repeat would undo the
+        # first press below within one frame, so that the canvas would not change.
         self.wait(self.is_calm)
         times = [self.browser.execute_async_script(PRESS_LATENCY, i % 2) for i in range(30)]
         print(f"page_test: from a click to its pixels {statistics.median(times):.0f} ms at the median")
 
-        # Enter is OK, also just after a click on another button.
+        # Enter presses OK, even just after a click on another button.
         down.click()
         self.browser.switch_to.active_element.send_keys(Keys.ENTER)
         self.wait(lambda: "OK pressed" in self.text("log"))
 
-        # A phone held sideways shows screen and pad side by side, all of both.
+        # A phone held sideways shows screen and pad side by side, both completely.
         self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": 844, "height": 390, "deviceScaleFactor": 1, "mobile": True})
         screen, pad = (self.browser.find_element(By.ID, name).rect for name in ("screen", "pad"))

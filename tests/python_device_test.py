@@ -1,4 +1,4 @@
-"""The Python package's API: what a script may rely on, over a link whose pictures are scripted."""
+"""The API of the Python package for scripts, over a link with scripted pictures."""
 import json
 import re
 import threading
@@ -16,14 +16,14 @@ from guilink.recording import Recording
 
 
 def picture(x, size=(48, 64)):
-    """Black, with a white column at x that leaves the first row free."""
+    """Black pixels with a white column at x, below the first row."""
     pixels = np.full(size, 0xF000, np.uint16)
     pixels[1:, x] = 0xFFFF
     return pixels
 
 
 class ScriptedPictures(Pictures):
-    """Each wait gets the next picture of the script; behind its end no more come."""
+    """Each wait gets the next picture of the script; after its end, no more come."""
 
     script = ()
 
@@ -34,7 +34,7 @@ class ScriptedPictures(Pictures):
 
 
 class ScriptedLink:
-    """on_press returns the pictures that come before the device's answer, and those behind it."""
+    """on_press returns two lists: the pictures before the device's answer, and those after it."""
 
     def __init__(self):
         self.pictures = ScriptedPictures(threading.Condition())
@@ -89,7 +89,7 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
-    link.on_press = lambda _: ([], [picture(9)] * 3)  # a device that draws rarely: up to the time-out
+    link.on_press = lambda _: ([], [picture(9)] * 3)  # a device that draws rarely: counts at the time-out
     device.press("down")
     device.wait_for(TARGET)
 
@@ -157,14 +157,14 @@ def test_press_until_does_not_overrun_a_slow_device(link, device):
     assert link.pressed == [3, 3]
     link.pictures.script.clear()
     link.pictures.add(encode(picture(9)))
-    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3, 3]  # it is there already
+    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3, 3]  # the screen already shows it
 
     link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(5)])
     device.press("right")
     assert device.screen == guilink.Screen(picture(5))
     link.on_press = lambda _: ([], [picture(5)] * 3 + [picture(9)])
     device.press("right")
-    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no press too much
+    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no press too many
 
     link.on_press = lambda _: ([], [picture(len(link.pressed))] * 4)
     with pytest.raises(guilink.WaitTimeout, match="'Right', pressed 5 times, did not lead to the reference"):
@@ -210,13 +210,13 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
     with Image.open(path) as film:
         assert path.endswith("run.png") and film.size == (32, 24 + 40)
         bars = [np.asarray(shot.convert("RGB"))[-40:] for shot in ImageSequence.Iterator(film)]
-        assert any((bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any() for bar in bars)  # marked, and named
+        assert any((bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any() for bar in bars)  # the press is marked, and named
     assert recording.stop() == path
     with pytest.raises(guilink.GuilinkError, match="no picture has arrived"):
         Recording(ScriptedLink(), tmp_path / "nothing.gif", []).stop()
 
 
-# Each module imports only from itself and those before it.
+# Each module imports only from the modules before it.
 LAYERS = """wire picture screen link discovery connection companion viewer film evidence recording expect
             buttons device __init__ pytest_plugin conform cli __main__""".split()
 

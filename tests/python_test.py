@@ -1,5 +1,5 @@
 """The Python package against the real service and the simulated core: the examples of the docs, the command
-line, and a device that goes and comes back."""
+line, and a device that restarts."""
 import json
 import os
 import shutil
@@ -30,8 +30,8 @@ def loop():
 
 
 def run(*arguments, status=0, **options):
-    """The package as a program; returns what it writes."""
-    environment = os.environ | {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}  # an installed guilink stays out
+    """Runs a Python module as a program, and returns its output."""
+    environment = os.environ | {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}  # loads no installed guilink
     done = subprocess.run([sys.executable, "-m", *arguments], capture_output=True, text=True,
                           timeout=8 * LIMIT, env=environment, **options)
     assert done.returncode == status, done.stdout + done.stderr
@@ -49,11 +49,11 @@ def test_examples_pass_and_failures_are_reported(tmp_path):
     assert "there is no " in run(*tests, "test_menu.py", status=1, cwd=tmp_path)
     assert "second_row.png; look at it" in run(*tests, "--guilink-update", cwd=tmp_path)
     before = written()
-    run(*tests, "--guilink-update", "test_menu.py", cwd=tmp_path)  # unchanged pictures stay
+    run(*tests, "--guilink-update", "test_menu.py", cwd=tmp_path)  # must not write unchanged pictures
     assert "9 passed" in run(*tests, cwd=tmp_path)
     assert written() == before
 
-    shutil.copy(tmp_path / "screens/first_row.png", tmp_path / "screens/second_row.png")  # an ignored button
+    shutil.copy(tmp_path / "screens/first_row.png", tmp_path / "screens/second_row.png")  # as if a button was ignored
     said = run(*tests, "test_menu.py", "--guilink-timeout=0.5", "--junit-xml=report.xml", status=1,
                cwd=tmp_path)
     assert "did not become second_row.png within 0.5 s" in said and "device.press(\"down\")" in said
@@ -92,7 +92,7 @@ def test_wait_outlives_a_restart_and_ends_by_interrupt(tmp_path):
         shown = device.wait_stable(region=PANEL, mask=MOVING)
         end_service()
         with pytest.raises(guilink.LinkError, match="cannot send the text.*has not come back"):
-            while True:  # the link may live for a moment
+            while True:  # the link may last for a moment
                 device.text("still there?", timeout=0.2)
         start_service(BIN)
         device.wait_for(shown, region=PANEL, mask=MOVING)

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Pages that nobody can read surround the source, so a load outside of it ends the test.
+// Unreadable pages surround the source, so a load outside of it ends the test.
 TEST(ReadFrame, CopiesFromAnyByteToAnyByteAndReadsNothingElse) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     auto* const start = static_cast<unsigned char*>(

@@ -1,5 +1,5 @@
-"""Decodes the payloads of encoder_test.cpp, as the example companion of the docs does, and compares with
-the pixels that the first decoder saw."""
+"""Decodes the payloads of encoder_test.cpp with the example companion of the docs, and compares the pixels with
+those of the C++ decoder."""
 import array
 import os
 import struct

@@ -32,8 +32,8 @@ TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
 }
 
-// From the first registration on; before it the signal's default action is right. Frames arrive at
-// full speed, and a companion links whenever it can and presses.
+// Sends SIGTERM at any time after the first registration, which installs the handler. Frames arrive
+// at full speed, and a companion links whenever it can and presses.
 TEST(Service, TermEndsItWithStatus0UnderFullLoad) {
     const char* const asked = std::getenv("GUILINK_TERM_ROUNDS");
     const int rounds = asked != nullptr ? std::stoi(asked) : 5;

@@ -27,7 +27,7 @@ EVERY = 2       # s between samples
 BARE_TURN = 16  # s; long enough to contain quiet moments
 VIEWER_TURN = 5
 PAUSE = 1       # s between turns, without a companion
-SETTLED = 6     # s after which a link is quiet: by then the other candidates have ended (3 s)
+SETTLED = 6     # s; then a link is quiet: the other candidates have ended (after 3 s)
 STALL = 1.5     # s without reading, so that the device blocks in a send (it gives up after 3)
 LIMIT = 60      # s; generous, for slow machines
 MAY_GROW = 256  # KiB, between the second and the last tenth of the run
@@ -37,7 +37,7 @@ PLOTS = [("RssAnon, KiB", "#1f77b4"), ("threads", "#c0504d"), ("descriptors", "#
 
 
 class Companions:
-    """Connect and disconnect for ever. The bare one counts images and notes when the first arrived."""
+    """Companions that link in turn, for ever. The bare one counts images and notes when the first arrived."""
 
     def __init__(self):
         self.images, self.linked_since = 0, None
@@ -62,7 +62,7 @@ class Companions:
             try:
                 self.mirror(connection)
             except OSError:
-                continue  # the device had given it up: try the next
+                continue  # the device has closed it: try the next connection
             if self.linked_since:
                 break
         assert self.linked_since, "the bare companion has not become the link"
@@ -127,7 +127,7 @@ def values(samples, index, begin=0.0, end=1.0):
 
 
 def report(samples):
-    """Prints the table; returns a list of what has grown."""
+    """Prints the table. Returns a list of the values that have grown."""
     print(f"\n{'median / maximum':26}{'first tenth':>18}{'middle':>18}{'last tenth':>18}{'slope, 1/h':>14}")
     for index, (name, _) in enumerate(PLOTS, 1):
         parts = [values(samples, index, *part) for part in ((0, 0.1), (0.1, 0.9), (0.9, 1))]
@@ -139,7 +139,7 @@ def report(samples):
 
     before, after = (statistics.median(values(samples, 1, *part)) for part in ((0.1, 0.2), (0.9, 1)))
     wrong = [f"RssAnon went from {before} to {after} KiB"] if after > before + MAY_GROW else []
-    # Medians, because every second short-lived destroyer threads exist and may be in a sample.
+    # Compare medians, because a sample may contain short-lived threads.
     quiet = [sample for sample in samples if sample[-1]]
     for index in 2, 3:
         before, after = (statistics.median(values(quiet, index, *part)) for part in ((0, 0.2), (0.8, 1)))

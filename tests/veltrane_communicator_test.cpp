@@ -20,7 +20,7 @@ Bytes damaged(Bytes frame) {
     return frame;
 }
 
-// Records what the bytes that it is fed cause.
+// A communicator that records the messages and signals that its input causes.
 class Receiver : public VeltraneCommunicator {
   public:
     Receiver() : VeltraneCommunicator("11111", "fw1.1") {
@@ -188,7 +188,7 @@ TEST(VeltraneCommunicator, SignalMayEmptyItself) {
     EXPECT_EQ(calls, "called with all it holds");
 }
 
-// Runs as another connection, which does not report its end.
+// Runs action on another thread, as another connection, which does not report its end.
 void on_a_connection(const std::function<void()>& action) {
     std::thread(action).join();
 }
@@ -211,12 +211,12 @@ TEST(VeltraneCommunicator, EachConnectionKeepsItsOwnHalfFrame) {
 TEST(VeltraneCommunicator, ConnectionsKeepAMebibyteTogether) {
     Receiver receiver;
     receiver.feed(first(41, GOOD), false);
-    on_a_connection([&] {  // the largest of them, so it loses its bytes
+    on_a_connection([&] {  // keeps the most bytes, so it loses them
         receiver.feed(first(MAX_SIZE - 40, LARGE), false);
         receiver.feed(rest(MAX_SIZE - 40, LARGE), false);
     });
     on_a_connection([&] { receiver.feed(first(900'000, LARGE), false); });
-    on_a_connection([&] {  // the link: others lose theirs
+    on_a_connection([&] {  // the link, so the others lose their bytes
         receiver.feed(first(600'000, LARGE));
         receiver.feed(rest(600'000, LARGE));
     });
@@ -228,7 +228,7 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
     const LastThreadsEnd last_threads_end;
     RawCompanion companion;
     const auto communicator = std::make_shared<VeltraneCommunicator>("11111", "fw1.1");
-    std::atomic<int> buttons{0};  // delivered; only the link's are
+    std::atomic<int> buttons{0};  // delivered presses; only the link's count
     communicator->SetMessageHandler([&](uint16_t, const Bytes&) { ++buttons; });
     communicator->SendIdentity();  // dropped: there is no controller
     const auto controller = std::make_shared<NetworkController>(communicator);
@@ -251,8 +251,7 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
     communicator->SendImage(pixels.data(), 3, 0);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(link.read_frame(), image);
 
-    // One pixel more than fits, each a run of its own: nothing is sent, and nothing can be
-    // repeated.
+    // One run more than fits into a message: nothing is sent, and nothing can be repeated.
     std::vector<uint16_t> noise(262'145);
     for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<uint16_t>(0x8000 + i % 2);
     communicator->SendImage(noise.data(), 52'429, 5);

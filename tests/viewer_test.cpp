@@ -112,7 +112,7 @@ TEST(Labels, AreCheckedEntryByEntry) {
           {R"([{"button":1,"label":"A","kye":"x"}])", R"("kye")"},
           {R"([{"button":1,"label":"A","place":"on"}])", R"("place")"},
           {R"([{"button":1,"label":"A"},{"button":1,"label":"B"}])", "already"}}) {
-        const std::string text = json;  // clang 14 captures no binding
+        const std::string text = json;  // clang 14 cannot capture a structured binding
         EXPECT_THAT([&] { load(text); }, ThrowsMessage<std::runtime_error>(HasSubstr(why))) << text;
     }
     unlink(file.c_str());

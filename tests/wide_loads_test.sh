@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# wide_loads_test.sh OBJDUMP PROGRAM: inspects the code that the compiler has made of CopyWide. There
-# must be at least eight loads of 16 bytes, all vectors must be loaded by aligned loads, and nothing may
-# be left to memcpy.
+# wide_loads_test.sh OBJDUMP PROGRAM: inspects the compiled code of CopyWide. It must have at least eight
+# loads of 16 bytes, load all vectors with aligned loads, and not call memcpy.
 set -euo pipefail
 
 code=$("$1" --disassemble --no-show-raw-insn "$2" | sed -n '/<_Z8CopyWidePhPKhm[^>]*>:/,/^$/p')

@@ -14,7 +14,7 @@ ONE_RUN = frame(IMAGE, struct.pack("<4H", 3, 2, 5, 0xF00F))
 
 
 class Capture:
-    """Packets between device and companion, as pcap. Of each, the first `longest` bytes are captured."""
+    """Packets between device and companion, as pcap. Captures the first `longest` bytes of each packet."""
 
     def __init__(self):
         self.packets, self.sequence, self.longest = [], {}, 1 << 18
@@ -38,7 +38,7 @@ class Capture:
             self.sequence[source, port] = sequence + len(piece)
 
     def read(self, *options):
-        """What tshark writes."""
+        """Returns tshark's output for the capture."""
         pcap = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 1 << 18, 101) + b"".join(self.packets)
         done = subprocess.run(["tshark", "-r", "-", "-X", f"lua_script:{DISSECTOR}", "-o",
                                "tcp.reassemble_out_of_order:TRUE", *options], input=pcap, capture_output=True)
@@ -46,7 +46,7 @@ class Capture:
         return done.stdout.decode()
 
     def fields(self, *names):
-        """One list for each packet of ours: the values of each field, with commas between them."""
+        """Returns one list per packet of the link: the values of each field, separated by commas."""
         names = [part for name in names for part in ("-e", name)]
         return [line.split("\t") for line in
                 self.read("-Y", "guilink", "-T", "fields", *names).splitlines()]
@@ -54,7 +54,7 @@ class Capture:
 
 def test_ties_discovery_and_link_together():
     capture = Capture()
-    capture.segments(DEVICE, IS_DEVICE)  # of an unknown device
+    capture.segments(DEVICE, IS_DEVICE)  # from an unknown device
     capture.datagram(DEVICE, IS_DEVICE)
     capture.datagram(COMPANION, frame(CONNECT_REQUEST))
     capture.segments(COMPANION, frame(CONNECT_REQUEST) + frame(BUTTON, b"\7"))
@@ -136,7 +136,7 @@ def test_fields_cover_every_byte():
     tree = xml.etree.ElementTree.fromstring(capture.read("-T", "pdml"))
     covered = sorted((int(field.get("pos")), int(field.get("size"))) for field in tree.iter("field")
                      if field.get("name").startswith("guilink.") and field.get("size") != "0")
-    end = 40  # of the headers of IP and TCP
+    end = 40  # end of the IP and TCP headers
     for position, size in covered:
         assert position == end
         end += size

@@ -19,7 +19,7 @@ void become_standard_error(int descriptor) {
     unblock_standard_streams();
 }
 
-// Everything that was written and not yet read.
+// Reads everything that was written so far.
 std::string read_all(int reader) {
     fcntl(reader, F_SETFL, O_NONBLOCK);
     std::string text;

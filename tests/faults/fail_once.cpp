@@ -1,11 +1,10 @@
-// Preloaded into the service, makes one of its calls fail. tests/faults_test.py chooses which, and
-// how.
+// Preloaded into the service: makes one of its calls fail, which tests/faults_test.py chooses.
 //
-// A site is a kind of call and the chain of return addresses that leads to it. Unlike running
-// numbers, sites are few and the same in every run, whatever the threads do. GUILINK_FAULT_TABLE
-// names the file that lists the sites seen, GUILINK_FAULT the one to fail: SITE:OCCURRENCE:FAULT.
+// A site is a kind of call and the chain of return addresses that leads to it. Sites are few, and
+// the same in every run, however the threads are scheduled. GUILINK_FAULT_TABLE names the file that
+// lists the sites seen; GUILINK_FAULT names the call to fail: SITE:OCCURRENCE:FAULT.
 //
-// Hooks run in the handler of SIGTERM, too: they neither allocate nor lock.
+// The hooks neither allocate nor lock, because they also run in the handler of SIGTERM.
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
@@ -58,7 +57,7 @@ struct Chain {
     void mix(uint64_t value) { hash = (hash ^ value) * 0x100000001B3; }
 };
 
-// Hashes the offset within the module, because each run loads modules to other addresses.
+// Hashes offsets within modules, because each run loads the modules at other addresses.
 _Unwind_Reason_Code add_frame(_Unwind_Context* context, void* data) {
     auto& chain = *static_cast<Chain*>(data);
     const uint64_t address = _Unwind_GetIP(context);
@@ -121,8 +120,8 @@ using Call = long(long, long, long, long, long, long);
 
 }  // namespace
 
-// The architectures we build for pass up to six integers and pointers in registers, so one
-// signature fits every call.
+// Our two architectures pass up to six integers and pointers in registers, so one signature fits
+// every call.
 #define HOOK_AS(kind, name, failure)                                                \
     extern "C" Call hook_##name __asm__(#name);                                     \
     long hook_##name(long a, long b, long c, long d, long e, long f) {              \

@@ -1,4 +1,4 @@
-// Messages of other processes to the stand-in for the inter-core library, one per piece.
+// Messages of other processes to our stand-in for the vendor's IPC library, one per piece.
 #include "ipc/ambaipc.h"
 
 #include <unistd.h>
@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     for_each_piece(data, size, [](unsigned char, int, const Bytes& message) {
         if (message.empty()) return;  // looks like the end of the connection
         Answer answer;
-        // libFuzzer's clock interrupts system calls.
+        // Retry, because libFuzzer's timer interrupts system calls.
         const auto sent = TEMP_FAILURE_RETRY(send(caller, message.data(), message.size(), 0));
         require(sent == std::ssize(message), "a message is taken");
         const auto received = TEMP_FAILURE_RETRY(recv(caller, &answer, sizeof answer, 0));

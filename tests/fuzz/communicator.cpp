@@ -1,4 +1,5 @@
-// Bytes that connections send to the service: in pieces, from two callers, as candidate or link.
+// Bytes that connections send to the service: in pieces, from several connections, as candidate or
+// link.
 #include <thread>
 
 #include "protocol/veltrane_communicator.h"
@@ -29,7 +30,8 @@ using namespace guilink::fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static VeltraneCommunicator& communicator = *new VeltraneCommunicator("11111", "fw1.1");
-    // The main thread's connection lasts for the whole input; each other caller is a new one.
+    // The main thread's connection lasts for the whole input; each other thread is a new
+    // connection.
     Bytes main_stream;
     Bytes* stream = nullptr;  // of the connection that sends
     communicator.SetMessageHandler([&](uint16_t type, const Bytes& payload) {

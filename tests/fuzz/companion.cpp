@@ -26,7 +26,7 @@ using namespace guilink::fuzz;
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     Bytes stream;
     Bytes found;
-    size_t end = 0;  // of the frame found last, in the stream
+    size_t end = 0;  // where the last frame found ends in the stream
     const auto on_frame = [&](uint16_t type, std::span<const unsigned char> payload) {
         const Bytes said = frame(type, {payload.begin(), payload.end()});
         const void* const at =

@@ -1,4 +1,4 @@
-// Image payloads from a device: each decodes to a complete image or is refused.
+// Image payloads from a device: each decodes to a complete image, or the decoder throws.
 #include "devkit/companion/image_decoder.h"
 
 #include <stdexcept>

@@ -23,8 +23,8 @@ inline void require(bool condition, const char* what) {
     std::abort();
 }
 
-// An input consists of pieces. Each has a head of 4 bytes: one for the target, the number of
-// repeats, two for the length. The repeats let short inputs fill large buffers.
+// An input consists of pieces. Each has a head of 4 bytes: one whose meaning the target defines,
+// the number of repeats, and two for the length. The repeats let short inputs fill large buffers.
 inline Bytes piece(unsigned char how, unsigned char repeats, const Bytes& data) {
     const auto length = static_cast<uint16_t>(data.size());
     return Bytes{how, repeats, static_cast<unsigned char>(length),
@@ -47,7 +47,7 @@ void for_each_piece(const unsigned char* data, size_t size, const Take& take) {
 
 }  // namespace guilink::fuzz
 
-// Before the first input: writes the seeds into the corpus, which is the last argument.
+// Called before the first input: writes the seeds into the corpus folder, the last argument.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     int number = 0;
     for (const auto& seed : guilink::fuzz::seeds()) {

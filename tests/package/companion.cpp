@@ -3,7 +3,7 @@
 
 #include <array>
 
-// A picture of two pixels: width 2, height 1, a run of one.
+// Decodes a picture of two pixels: width 2, height 1, a run of one.
 int main() {
     constexpr std::array<unsigned char, 8> payload = {2, 0, 1, 0, 1, 0, 0x34, 0x12};
     guilink::Image image;

@@ -16,10 +16,10 @@ namespace guilink::test {
 #if defined(NDEBUG)
 constexpr size_t MEMORY_SLACK = 384;  // KiB
 #else
-constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep what is freed
+constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep freed memory
 #endif
 
-// GUILINK_QUIET in the environment: the machine is otherwise idle, so check the promised times.
+// With GUILINK_QUIET in the environment, which promises an idle machine, checks the promised times.
 inline std::chrono::milliseconds relink_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
 }
@@ -35,13 +35,14 @@ class BadDay : public testing::Test {
         Frames::draw_busy_pictures();
         GoodCompanion good(m_far);
         ASSERT_TRUE(wait_until([&] {
-            good.press(1);  // the sender of buttons makes its socket for the first one
+            good.press(1);  // the first press makes the service open a socket, which it keeps
             return m_daemon->output().find("BUTTON 1") != std::string::npos;
         }));
         ASSERT_TRUE(wait_until([&] { return settled(); }));
     }
 
-    // The service must link the good companion again, return to its level and end with status 0.
+    // The service must link the good companion again, return to its level (threads, descriptors,
+    // memory) and end with status 0.
     void TearDown() override {
         const auto end_of_trouble = std::chrono::steady_clock::now();
         ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();
@@ -65,7 +66,7 @@ class BadDay : public testing::Test {
 
     Socket link() { return m_peer.link(); }
 
-    // Requests the identity until it arrives; throws if it does not.
+    // Requests the identity until an answer arrives; throws if none does.
     static bool answers(const Socket& link) {
         const Chatter chatter(link, frame(IdentityRequest));
         while (type_of(link.read_frame()) != IdentityMessage) {

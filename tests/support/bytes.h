@@ -38,9 +38,9 @@ inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
     return BuildFrame(type, payload.data(), payload.size());
 }
 
-constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;  // that the service accepts
+constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;  // the largest for the service
 
-// A frame whose header announces another length.
+// Returns the frame with another length in its header.
 inline Bytes announcing(uint32_t length, Bytes frame) {
     std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
     return frame;

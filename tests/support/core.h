@@ -49,8 +49,8 @@ class Core {
     AmbaipcCaller m_qr{IPC_PROG_QR_BODY, IPC_SVC_VERSION};
 };
 
-// Announces three frames in turn until destroyed, with a pause after each; without one, as fast as
-// the service accepts them.
+// Announces three frames in turn until destroyed, with a pause after each; with a pause of 0, as
+// fast as the service accepts them.
 class Frames {
   public:
     explicit Frames(std::chrono::milliseconds pause = 0ms)
@@ -66,7 +66,7 @@ class Frames {
         m_thread.join();
     }
 
-    // Pictures of about 800 kB each, instead of empty ones that need a few bytes.
+    // Draws pictures that need about 800 kB each, instead of empty ones that need a few bytes.
     static void draw_busy_pictures() {
         std::fstream memory("/dev/mem", std::ios::in | std::ios::out | std::ios::binary);
         std::vector<uint16_t> pixels(200'000);

@@ -25,9 +25,9 @@ class Daemon {
   public:
     enum class Until { Detached, Started };
 
-    // Returns once the service has reached this state or has ended. GUILINK_SERVICE in the
-    // environment names another build of it, for instance an emulated one. change_streams runs just
-    // before exec.
+    // Starts the service, and returns when it has reached this state or has ended. GUILINK_SERVICE
+    // in the environment names another build of it, such as an emulated one. change_streams runs
+    // just before exec.
     explicit Daemon(
         Until until = Until::Started, const std::function<void()>& change_streams = [] {}) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);  // makes the detached service our child again
@@ -84,7 +84,7 @@ class Daemon {
         return status();
     }
 
-    // Its current use of resources.
+    // The service's use of resources.
     struct Level {
         size_t threads;
         size_t descriptors;
@@ -99,7 +99,7 @@ class Daemon {
         return {entries("task"), entries("fd"), memory};
     }
 
-    // Counts the threads whose name begins like this.
+    // Counts the threads whose names begin with name.
     size_t threads(std::string_view name) const {
         size_t count = 0;
         for (const auto& task : std::filesystem::directory_iterator(process() + "task")) {
@@ -110,7 +110,7 @@ class Daemon {
         return count;
     }
 
-    // The output so far.
+    // The service's output so far.
     std::string output() {
         const std::lock_guard lock(m_mutex);
         return m_output;
@@ -140,7 +140,8 @@ class Daemon {
     // Start-up creates the idle thread last.
     bool started() const { return threads("idle") == 1; }
 
-    // The last one: before it, an earlier service may have left its leak checker as a zombie.
+    // Returns the last child. Children before it may be zombies: the leak checkers of earlier
+    // services.
     static pid_t last_child() {
         const std::string own = std::to_string(getpid());
         std::ifstream children("/proc/self/task/" + own + "/children");

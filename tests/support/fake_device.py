@@ -1,4 +1,4 @@
-"""A device in bare sockets, for tests that need every byte in their own hands. Waits are generous."""
+"""A device in bare sockets, for tests that control every byte. Waits are generous."""
 import socket
 
 from guilink.picture import encode
@@ -30,7 +30,7 @@ class FakeDevice:
                         BROADCAST)
 
     def answered(self, within=LIMIT):
-        """Whether the companion answers, as the protocol says byte for byte."""
+        """Returns whether the companion answers with exactly the bytes of the protocol."""
         self.udp.settimeout(within)
         try:
             return self.udp.recv(100) == bytes.fromhex(
@@ -56,7 +56,7 @@ class FakeDevice:
             self.tcp.close()
 
     def link(self):
-        """Found, connected, and asked to be the link."""
+        """Lets the companion find it, connects, and waits for a ConnectRequest."""
         self.call_until_answered().connect().expect(MessageType.CONNECT_REQUEST)
         return self
 
@@ -69,7 +69,7 @@ class FakeDevice:
         return self.messages.pop(0)
 
     def expect(self, kind):
-        """The next message of this kind; skips others."""
+        """Waits for the next message of this kind and returns its payload. Skips others."""
         while (message := self.next()).type != kind:
             pass
         return message.payload

@@ -11,13 +11,13 @@
 
 namespace guilink::test {
 
-// How hostile hosts treat the connections that they get.
+// How hostile hosts behave on the connections that the service opens to them.
 struct Manners {
-    std::optional<Bytes> words = Bytes();         // sent again and again; nullopt: they refuse
-    std::chrono::milliseconds words_after = 0ms;  // on each connection
+    std::optional<Bytes> words = Bytes();         // sent repeatedly; nullopt: refuse connections
+    std::chrono::milliseconds words_after = 0ms;  // delay after accepting a connection
     std::chrono::milliseconds words_every = 10ms;
     size_t addresses = 1;
-    bool floods = true;  // answers a thousand times a second instead of once a broadcast
+    bool floods = true;  // answer a thousand times a second, not once per broadcast
 };
 
 class HostileHosts {
@@ -60,7 +60,7 @@ class HostileHosts {
         }
     }
 
-    // False once the connection is gone.
+    // Returns false if the connection has ended.
     bool speak(Held& held) const {
         if (Clock::now() < held.next_words) return true;
         held.next_words = Clock::now() + m_manners.words_every;

@@ -1,4 +1,4 @@
-// The reference checksum: a table lookup per byte. Tests compare results with it, benchmarks speed.
+// The reference checksum: a table lookup per byte. Tests compare its results, benchmarks its speed.
 #pragma once
 
 #include <array>

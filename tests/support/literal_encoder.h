@@ -1,5 +1,5 @@
 // The reference encoder: pixel by pixel, exactly as docs/link-protocol.md describes the payload.
-// Tests compare results with it, benchmarks speed.
+// Tests compare its results, benchmarks its speed.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // A companion in bare sockets, for tests that control every byte and misbehave. It answers
-// discovery only when asked to. Waits are generous and throw at their limit: a test that throws has
-// failed.
+// broadcasts only when the test calls answer(). Waits are generous and throw at their limit, which
+// fails the test.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@ namespace guilink::test {
 
 class RawCompanion {
   public:
-    // Answers and listens on this address; receives broadcasts on all.
+    // Answers and listens on this address; receives broadcasts on all addresses.
     explicit RawCompanion(const char* address = "0.0.0.0")
         : m_answerer(SOCK_DGRAM, address, 0),
           m_discovery(SOCK_DGRAM, "0.0.0.0", 3152),
@@ -49,7 +49,7 @@ class RawCompanion {
         return accept();
     }
 
-    // The next connection, which must come without a further answer.
+    // Accepts the next connection, which must come without a further answer.
     Socket accept() const {
         if (!m_listener.readable(LIMIT)) throw_missing_event("the device does not connect");
         return Socket(accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -61,9 +61,10 @@ class RawCompanion {
         return std::move(*connection);
     }
 
-    // Accepts connections and repeats request on each until one has become the link: linked, polled
-    // all the time, returns true, or the device sends something. The device gives up candidates
-    // that a sweep overtakes, so the first one is not always the link.
+    // Accepts connections and repeats request on each until one has become the link: until the
+    // device sends something on it, or linked, which is called repeatedly, returns true. The first
+    // connection does not always become the link, because the device drops candidates at its next
+    // sweep.
     Socket link(
         const Bytes& request = frame(ConnectRequest) + frame(ControlMessage),
         const std::function<bool()>& linked = [] { return false; }) {

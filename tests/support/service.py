@@ -1,4 +1,4 @@
-"""guilinkd, which detaches itself, so it is found by its name; the sandbox contains no other."""
+"""Starts and ends guilinkd. It detaches itself, so it is found by its name: a sandbox contains only one."""
 import os
 import select
 import signal
@@ -18,5 +18,5 @@ def end_service():
                 signal.pidfd_send_signal(service, signal.SIGTERM)
                 select.select([service], [], [])
                 os.close(service)
-        except (FileNotFoundError, ProcessLookupError):  # another one that has just gone
+        except (FileNotFoundError, ProcessLookupError):  # another process that has just ended
             pass

@@ -79,7 +79,7 @@ class Socket {
         }
     }
 
-    // Available bytes, at most size; empty at the end of the stream.
+    // Waits for bytes and returns those available, at most size; empty at the end of the stream.
     Bytes read_some(size_t size = 65536) const {
         if (!readable(LIMIT)) throw_missing_event("nothing to read");
         Bytes data(size);
@@ -98,7 +98,7 @@ class Socket {
         return data;
     }
 
-    // The next frame, header and payload.
+    // Reads the next frame, header and payload.
     Bytes read_frame() const {
         Bytes result = read(HEADER_SIZE);
         const Bytes payload = read(ReadHeader(result.data()).length);
@@ -106,7 +106,7 @@ class Socket {
         return result;
     }
 
-    // Bytes can be read, not only the end of the stream.
+    // Returns whether bytes are available; the end of the stream does not count.
     bool has_data() const {
         char byte;
         return recv(m_descriptor, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
@@ -121,7 +121,7 @@ class Socket {
         return count == 0 || errno != EAGAIN;
     }
 
-    // The connection has ended, with no bytes before its end.
+    // Waits, and returns whether the connection has ended without further bytes.
     bool ended() const { return read_some().empty(); }
 
   private:

@@ -14,10 +14,10 @@ namespace guilink::test {
 
 using namespace std::chrono_literals;
 
-constexpr auto LIMIT = 60s;  // for any event that must come, on a machine however slow
+constexpr auto LIMIT = 60s;  // for any event that must come, however slow the machine
 
-// Set if an event did not come because the machine was too busy: an end of the link that gets no
-// processor time for 3 s falls silent, and the link is lost. tests/support/run then tries again.
+// Set if an event did not come because the machine was too busy: if one end of the link gets no
+// processor time for 3 s, the other end drops the link. tests/support/run then tries again.
 inline std::atomic<bool> starved{false};
 
 inline void note_missing_event() {
@@ -62,7 +62,7 @@ class LastThreadsEnd {
         return std::distance(begin(tasks), end(tasks));
     }
 
-    // Starts a thread first: with it the thread sanitizer starts one of its own, which stays.
+    // Starts a thread first, because then the thread sanitizer starts a lasting thread of its own.
     static ptrdiff_t lasting() {
         std::thread([] {}).join();
         std::this_thread::sleep_for(10ms);

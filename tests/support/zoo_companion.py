@@ -1,4 +1,4 @@
-"""A small companion that is right, and wrong in exactly one way for each name below.
+"""A small companion that keeps all rules, or with one of the names below breaks exactly one of them.
 
     zoo_companion.py NAME PICTURE.png    NAME is a key of WRONG, or "right"
 """
@@ -41,7 +41,7 @@ CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, M
 
 
 class Reader(FrameReader):
-    """A receiver with the faults of the wrong ones."""
+    """A frame reader that also has the faults of the wrong companions."""
 
     def feed(self, data):
         buffer = self._buffer
@@ -74,7 +74,7 @@ class Reader(FrameReader):
 
 
 def picture(payload):
-    """The pixels of an image, or None."""
+    """Returns the pixels of an image, or None for a damaged one."""
     words = np.frombuffer(payload[:len(payload) // 4 * 4], "<u2")
     if wrong("dies of a damaged image"):
         decode(payload)
@@ -123,7 +123,7 @@ class Zoo:
             now = time.monotonic()
             sources = []
             if self.connection and not (self.linked and wrong("stops reading")):
-                sources.append(self.connection)  # first: it may have ended
+                sources.append(self.connection)  # before the listener: it may have ended
             sources.append(self.udp)
             if not self.connection or self.linked or now > self.heard + 1 and not wrong("waits for the silent"):
                 sources.append(self.tcp)

@@ -1,4 +1,4 @@
-"""A small device that is right, and wrong in exactly one way for each name below.
+"""A small device that keeps all rules, or with one of the names below breaks exactly one of them.
 
     zoo_device.py NAME COMMAND...    NAME is a key of WRONG, or "right"; ends with COMMAND
 """
@@ -31,12 +31,12 @@ ANSWER = frame(MessageType.CONNECT_REQUEST)
 
 
 def image(number):
-    """Four runs of the largest screen, with a transparent one; another one for each number."""
+    """Returns an image of the largest screen, with a transparent run; a different one for each number."""
     width, height = (640, 480) if wrong("640 x 480") else (1280, 960)
     rest = width * height - 1 + wrong("sends the last pixel")
     runs = [(1, 0xF000 | number & 0xFFF), (9, 0x0ABC if wrong("raw transparency") else 0)]
     runs += [(5, 0xF111), (5, 0xF111)] if wrong("short runs") else [(10, 0xF111)]
-    runs += [(1, 0xF333), (1, 0xF444)] * 5000  # as many bytes as a real one
+    runs += [(1, 0xF333), (1, 0xF444)] * 5000  # makes it as large as a real image
     rest -= 10020
     runs += [(0xFFFF, 0xF222)] * (rest // 0xFFFF) + [(rest % 0xFFFF, 0xF222)]
     words = [width, height] + [word for run in runs for word in run]
