@@ -19,7 +19,7 @@ CONTROL, BUTTON, IMAGE, IDENTITY, CONNECT, IDENTITY_REQUEST = range(6)
 MAX_PAYLOAD = 0x100000  # bytes; a length above it is damage
 KEEP_ALIVE = 0.5  # s; after 2 s without one the device sends no new images, after 3 s it drops us
 SILENCE = 3       # s; a device that is alive answers each keep-alive's IdentityRequest
-TURN = 1          # s without a byte before the first image; then the next connection has its turn
+TURN = 1          # s without a byte before the first image; then try the next connection
 MAX_PIXELS = 1 << 22  # no device has a larger screen
 
 
@@ -92,14 +92,14 @@ def connections(end):
 
 def messages(connection, end):
     """Keeps a connection alive and yields its messages; ends when the device has gone."""
-    connection.settimeout(SILENCE)  # for sends
+    connection.settimeout(SILENCE)  # limits each send
     buffer, heard, next_alive, patience = bytearray(), time.monotonic(), 0, TURN
     while (now := time.monotonic()) < min(end, heard + patience):
         if now >= next_alive:
             # On the link, ConnectRequests are ignored. The identity shows which device answers.
             connection.sendall(frame(CONNECT) + frame(CONTROL) + frame(IDENTITY_REQUEST))
             next_alive = now + KEEP_ALIVE
-        if message := next(messages_in(buffer), None):  # one at a time, so that keep-alives go on
+        if message := next(messages_in(buffer), None):  # one at a time, between keep-alives
             yield message
             patience = SILENCE if message[0] == IMAGE else patience
             heard = time.monotonic()
@@ -112,7 +112,7 @@ def messages(connection, end):
 
 
 def mirror(connection, options, end):
-    """Presses the button and saves a later image. False if the connection ends before that."""
+    """Presses the button and saves a later image. Returns False if the connection ends before that."""
     identity, images, size = None, 0, 0
     for kind, payload in messages(connection, end):
         if kind == IDENTITY and not identity:

@@ -1,12 +1,12 @@
-"""Walks every page of the simulated device's menu, and tries what can be changed there.
+"""Opens every page of the simulated device's menu, and changes each setting there.
 
-Begins with a device that has just started, and leaves it as it was.
+Needs a device that has just started, and restores all settings.
 """
 import pytest
 
 PANEL = (70, 150, 560, 740)      # x, y, width, height of the menu and its pages
-MOVING = [(100, 230, 500, 20),   # the line below the title runs to and fro,
-          (540, 260, 60, 330)]   # the arrow of the selected row sways
+MOVING = [(100, 230, 500, 20),   # the bar below the title moves by itself,
+          (540, 260, 60, 330)]   # and so does the arrow of the selected row
 TITLE = MOVING[:1]
 FRAMES = (330, 435, 280, 40)     # the page "About" counts frames
 PAGES = ["display", "image", "recordings", "about"]
@@ -14,7 +14,7 @@ PAGES = ["display", "image", "recordings", "about"]
 
 @pytest.fixture(autouse=True)
 def menu(device):
-    """Info and Back lead to the menu from everywhere."""
+    """Opens the menu: Info and then Back lead there from every page."""
     device.press("info")
     device.press("back")
 
