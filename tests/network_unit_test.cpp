@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <netinet/ip_icmp.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
@@ -295,7 +296,7 @@ TEST_F(Connection, SendFailsIfThePeerDoesNotReadAndAfterItsReset) {
     for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));  // without SIGPIPE
 }
 
-TEST_F(Connection, WaitsUntilAllIsSentOrNothingIsForThreeSeconds) {
+TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {
     Socket peer = connected();
     const Chatter chatter(peer, bytes("x"));
     const auto socket = m_unit->socket();
@@ -305,9 +306,21 @@ TEST_F(Connection, WaitsUntilAllIsSentOrNothingIsForThreeSeconds) {
     // More than the peer's window, but it fits into the send buffer.
     const Bytes data(NetworkUnit::BUFFER_SIZE / 4);
     while (progress() != Stalled) ASSERT_TRUE(send(data));
-    EXPECT_TRUE(send_at_once(PAYLOAD));  // the low-water mark held only during the wait
+    EXPECT_TRUE(send_at_once(data));  // the low-water mark held only during the wait
 
-    std::thread reader([&] { peer.read(data.size()); });
+    const auto waits = [&] {
+        int mark = 0;
+        socklen_t size = sizeof mark;
+        getsockopt(socket->descriptor(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &mark, &size);
+        return mark != 0;
+    };
+    std::thread reader([&] {
+        EXPECT_TRUE(wait_until(waits));
+        peer.read(data.size() / 2);
+    });
+    EXPECT_EQ(progress(), Sending);
+    reader.join();
+    reader = std::thread([&] { peer.read(data.size() * 3 / 2); });
     EXPECT_TRUE(wait_until([&] { return progress() == Sent; }));
     reader.join();
     m_unit->stop();

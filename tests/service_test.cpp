@@ -27,7 +27,7 @@ TEST(Service, DetachesAndKeepsItsStreams) {
 }
 
 TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
-    std::ofstream("/tmp/FL0/kel.ini") << "BODY_QR=AB\n";
+    std::ofstream("/tmp/FL0/kel.ini") << "X=1\nBODY_QR=AB\n";
     Daemon daemon;
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
 }
