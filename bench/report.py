@@ -79,7 +79,7 @@ def report_speed(runs):
     goal("literal / service, a menu frame", "frame-menu-1280/service", "frame-menu-1280/literal", 4)
     goal("bare loop / reassembly", "reassembly/communicator", "reassembly/bare-loop", 0.5)
     goal("bare loop with lock / reassembly", "reassembly/communicator", "reassembly/locked-loop", 0.5)
-    table(["ratio", "at least", "reached", ""], rows)
+    table(["ratio of times", "goal, at least", "reached", "goal met"], rows)
 
 
 def read_links(folder):
