@@ -1,0 +1,114 @@
+#!/usr/bin/env bash
+# arm64_package_test.sh PACKAGES BASE CORE: installs the arm64 packages of the folder PACKAGES in a
+# throw-away arm64 Debian and uses them there, under emulation, in the sandbox. BASE is a folder for the
+# system underneath, created if it is missing or lacks a package, never changed. CORE is this machine's
+# guilink-core, which must draw the same picture. Needs root.
+set -euo pipefail
+here=$(realpath "${BASH_SOURCE[0]%/*}")
+
+fail() {
+    echo "arm64_package_test: $1" >&2
+    exit 1
+}
+
+# --- in the sandbox, as root of a user namespace ---------------------------------------------------
+
+# Sets "inside" to run a command in the arm64 system ROOT. The emulator is registered only here: since
+# Linux 6.7, a user namespace has its own binfmt_misc. Before, the host's registration applies.
+enter() {  # ROOT
+    inside=(chroot "$1" /usr/bin/env -i container=lxc PATH=/usr/sbin:/usr/bin:/sbin:/bin)
+    mount --rbind /dev "$1/dev"
+    mount -t proc proc "$1/proc"
+    if mount -t binfmt_misc binfmt /proc/sys/fs/binfmt_misc 2>/dev/null; then
+        cat /usr/lib/binfmt.d/qemu-aarch64.conf >/proc/sys/fs/binfmt_misc/register
+    fi
+    "${inside[@]}" true || fail "this kernel does not run arm64 programs; if it is older than Linux 6.7, \
+register the emulator on the host: systemctl restart systemd-binfmt"
+}
+
+# The second stage of debootstrap runs the scripts of ROOT's packages.
+configure() {  # ROOT
+    enter "$1"
+    "${inside[@]}" /debootstrap/debootstrap --second-stage
+}
+
+# Installs and uses PACKAGES in ROOT.
+use() {  # ROOT PACKAGES CORE SCRATCH
+    local root=$1 scratch=$4
+    enter "$root"
+    cp "$2"/guilink*_arm64.deb "$root"
+    "${inside[@]}" sh -c 'dpkg -i /guilink*.deb'
+    [[ -L $root/etc/systemd/system/multi-user.target.wants/guilinkd.service ]] ||
+        fail "guilinkd is not enabled after its installation"
+
+    # The viewer shows what the core draws, the same as on this machine.
+    "$3" --still --frames 1 --dump "$scratch/expected"
+    "${inside[@]}" guilinkd
+    "${inside[@]}" guilink-core --still --dump /drawn &
+    local core=$! try snapshot=(guilink-viewer --timeout 300 --frames 1 --snapshot /picture.png --raw)
+    "${inside[@]}" "${snapshot[@]}" /menu
+    cmp "$scratch/expected" "$root/menu" || fail "the picture differs from this machine's"
+
+    # A press changes it.
+    "${inside[@]}" "${snapshot[@]}" /pressed --press 1
+    for ((try = 0; try < 20; ++try)); do
+        cmp -s "$root/menu" "$root/pressed" || break
+        "${inside[@]}" "${snapshot[@]}" /pressed
+    done
+    ((try < 20)) || fail "a press does not change the picture"
+    kill $core
+    wait $core
+    cmp "$root/drawn" "$root/pressed" || fail "the picture is not what the core has drawn"
+
+    # The measurements run; their figures mean nothing under emulation.
+    "${inside[@]}" guilink-bench --benchmark_min_time=0
+    "${inside[@]}" guilink-measure 0x10000000:2457600 | tee "$scratch/measured"
+    grep -q RssAnon "$scratch/measured" || fail "guilink-measure does not find the service"
+}
+
+if [[ ${1-} == --inside ]]; then
+    "${@:2}"
+    exit
+fi
+
+# --- outside ---------------------------------------------------------------------------------------
+
+packages=$(realpath "$1")
+base=$2
+core=$(realpath "$3")
+((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
+
+# Continues in a private mount namespace. The system is mounted here, because only newer kernels can mount
+# one like it in a user namespace.
+if [[ ${4-} != --private ]]; then
+    exec unshare --mount "$0" "$packages" "$base" "$core" --private
+fi
+scratch=$(mktemp -d)
+mount -t tmpfs throw-away "$scratch"
+mkdir "$scratch"/{changes,work,system}
+
+# Files of packages belong to several users, so the user namespace gets all of them.
+unshare --user sleep infinity &
+namespace=$!
+trap 'kill $namespace; wait $namespace 2>/dev/null || true
+      umount --recursive "$scratch"; rm -rf "$scratch"' EXIT
+until echo 0 0 65536 2>/dev/null >"/proc/$namespace/uid_map"; do
+    kill -0 $namespace || fail "cannot create a user namespace"
+    sleep 0.1
+done
+echo 0 0 65536 >"/proc/$namespace/gid_map"
+sandbox() { nsenter --user --target $namespace "$here/../scripts/sandbox" "$0" --inside "$@"; }
+
+needs=libcairo2,libpng16-16,libturbojpeg0,libhwy-dev,libbenchmark1debian,fonts-dejavu-core,procps
+if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
+    rm -rf "$base" "$base.new"
+    debootstrap --foreign --arch=arm64 --variant=minbase --include=$needs bookworm "$base.new" >&2
+    sandbox configure "$(realpath "$base.new")" >&2
+    echo $needs >"$base.new/needs"
+    mv "$base.new" "$base"
+fi
+base=$(realpath "$base")
+layers=lowerdir=$base,upperdir=$scratch/changes,workdir=$scratch/work
+mount -t overlay -o "$layers" guilink "$scratch/system"
+sandbox use "$scratch/system" "$packages" "$core" "$scratch"
+echo "all passed"
