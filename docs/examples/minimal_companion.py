@@ -20,6 +20,7 @@ MAX_PAYLOAD = 0x100000  # bytes; a length above it is damage
 KEEP_ALIVE = 0.5  # s; after 2 s without one the device sends no new images, after 3 s it drops us
 SILENCE = 3       # s; a device that is alive answers each keep-alive's IdentityRequest
 TURN = 1          # s without a byte before the first image; then try the next connection
+OLD_SEARCH = 1    # s after the first image in which a broadcast may belong to an earlier search
 MAX_PIXELS = 1 << 22  # no device has a larger screen
 
 
@@ -74,25 +75,31 @@ def save_png(name, width, height, rgba):
                    + chunk(b"IDAT", zlib.compress(rows)) + chunk(b"IEND", b""))
 
 
-def connections(end):
+def answer(discovery, only=None):
+    """Answers a device's broadcast, or only that of one address; True if it did."""
+    call, device = discovery.recvfrom(2048)
+    calls = any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call)))
+    if found := calls and only in (None, device[0]):
+        discovery.sendto(frame(CONNECT), device)
+    return found
+
+
+def connections(discovery, end):
     """Answers each device that searches for a companion; yields each connection it opens."""
-    discovery = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    discovery.bind(("", 3152))
     listener = socket.create_server(("", 8399))
     while time.monotonic() < end:
         ready = select.select([discovery, listener], [], [], KEEP_ALIVE)[0]
         if discovery in ready:
-            call, device = discovery.recvfrom(2048)
-            if any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call))):
-                discovery.sendto(frame(CONNECT), device)
+            answer(discovery)
         if listener in ready:
             with listener.accept()[0] as connection:
                 yield connection
 
 
-def messages(connection, end):
+def messages(connection, discovery, end):
     """Keeps a connection alive and yields its messages; ends when the device has gone."""
     connection.settimeout(SILENCE)  # limits each send
+    peer, linked = connection.getpeername()[0], None  # when the first image came
     buffer, heard, next_alive, patience = bytearray(), time.monotonic(), 0, TURN
     while (now := time.monotonic()) < min(end, heard + patience):
         if now >= next_alive:
@@ -101,20 +108,27 @@ def messages(connection, end):
             next_alive = now + KEEP_ALIVE
         if message := next(messages_in(buffer), None):  # one at a time, between keep-alives
             yield message
-            patience = SILENCE if message[0] == IMAGE else patience
             heard = time.monotonic()
-        elif select.select([connection], [], [], max(0, next_alive - time.monotonic()))[0]:
+            if message[0] == IMAGE and not linked:
+                patience, linked = SILENCE, heard
+            continue
+        ready = select.select([connection, discovery], [], [], max(0, next_alive - time.monotonic()))[0]
+        if connection in ready:
             data = connection.recv(1 << 20)
             if not data:
                 return
             heard = time.monotonic()
             buffer += data
+        if discovery in ready:  # while linked: an old search, another device, or ours has dropped the link
+            only = None if not linked else peer if now > linked + OLD_SEARCH else "nobody"
+            if answer(discovery, only) and linked:
+                return
 
 
-def mirror(connection, options, end):
+def mirror(connection, discovery, options, end):
     """Presses the button and saves a later image. Returns False if the connection ends before that."""
     identity, images, size = None, 0, 0
-    for kind, payload in messages(connection, end):
+    for kind, payload in messages(connection, discovery, end):
         if kind == IDENTITY and not identity:
             identity = payload.decode("latin-1")
             print(f"device {identity[:5]}, firmware {identity[5:]}")
@@ -143,9 +157,11 @@ def main():
     parser.add_argument("--timeout", metavar="S", type=float, default=30, help="total seconds")
     options = parser.parse_args()
     end = time.monotonic() + options.timeout
-    for connection in connections(end):
+    discovery = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    discovery.bind(("", 3152))
+    for connection in connections(discovery, end):
         try:
-            if mirror(connection, options, end):
+            if mirror(connection, discovery, options, end):
                 return 0
         except OSError as error:
             print(f"link lost: {error}", file=sys.stderr)
