@@ -18,7 +18,7 @@ WRONG = {  # what it does, and the rule that this breaks
     "listens on one address": "DISC-3", "listens nowhere": "DISC-3", "answers 41 bytes": "DISC-4",
     "answers 43 bytes": "DISC-4", "answers another type": "DISC-4", "answers port 3152": "DISC-4",
     "answers once": "DISC-5", "answers once a second": "DISC-5", "answers until connected": "DISC-5",
-    "answers noise": "DISC-6", "answers short identities": "DISC-6", "dies of an empty datagram": "LINK-10",
+    "answers no one as a candidate": "DISC-5", "answers noise": "DISC-6", "answers short identities": "DISC-6", "dies of an empty datagram": "LINK-10",
     "has no port": "DISC-7", "answers another device": "DISC-10", "reads 64 bytes": "DISC-11",
     "line feeds": "FRAME-1", "big endian": "FRAME-10", "a checksum of 1": "FRAME-2",
     "a text of 2 MiB": "FRAME-3", "a frame a read": "FRAME-4", "drops what begins wrong": "FRAME-5",
@@ -28,13 +28,15 @@ WRONG = {  # what it does, and the rule that this breaks
     "control first": "LINK-1", "asks once": "LINK-2", "asks until an identity": "LINK-2",
     "asks until a damaged image": "LINK-2", "one connection in its life": "LINK-3",
     "waits for the silent": "LINK-4", "keeps further connections": "LINK-5", "holds on": "LINK-6",
-    "leaves at any broadcast": "LINK-7", "one reader for all": "LINK-8", "knows identities only": "LINK-9",
+    "leaves in silence only": "LINK-6", "leaves at any broadcast": "LINK-7", "one reader for all": "LINK-8", "knows identities only": "LINK-9",
+    "a new identity is another device": "LINK-9",
     "dies of a reset": "LINK-10", "dies of a damaged image": "LINK-10", "falls silent": "TIME-1",
     "control every 4 s": "TIME-2", "control every 1.5 s": "TIME-3", "stops reading": "TIME-4",
+    "reads every 4 s": "TIME-4",
     "never asks": "TIME-5", "never leaves": "TIME-6", "column by column": "PICT-1", "short runs": "PICT-1",
     "last pixel black": "PICT-2", "blue is red": "PICT-3", "times 16": "PICT-3", "size of the first": "PICT-4",
-    "fills what is missing": "PICT-5", "believes sizes": "PICT-6", "presses early": "PRESS-1",
-    "texts early": "PRESS-1", "button 16": "PRESS-2", "two buttons": "PRESS-2",
+    "fills what is missing": "PICT-5", "decodes the newest only": "PICT-5", "believes sizes": "PICT-6", "presses early": "PRESS-1",
+    "texts early": "PRESS-1", "presses after two requests": "PRESS-1", "button 16": "PRESS-2", "two buttons": "PRESS-2",
 }
 CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, MessageType.CONTROL,
                                                   MessageType.IDENTITY_REQUEST))
@@ -110,7 +112,7 @@ class Zoo:
 
     def __init__(self, path):
         self.path, self.connection, self.device, self.others = path, None, None, []
-        self.reader, self.answered, self.once = Reader(), 0.0, False
+        self.reader, self.answered, self.once, self.deaf = Reader(), 0.0, False, 0.0
         if wrong("listens nowhere"):
             self.udp, _ = socket.socketpair(socket.AF_UNIX, socket.SOCK_DGRAM)
         else:
@@ -122,7 +124,7 @@ class Zoo:
         while True:
             now = time.monotonic()
             sources = []
-            if self.connection and not (self.linked and wrong("stops reading")):
+            if self.connection and now > self.deaf and not (self.linked and wrong("stops reading")):
                 sources.append(self.connection)  # before the listener: it may have ended
             sources.append(self.udp)
             if not self.connection or self.linked or now > self.heard + 1 and not wrong("waits for the silent"):
@@ -144,10 +146,14 @@ class Zoo:
         if not said and not (wrong("answers noise") or short):
             return
         if self.connection and self.linked and not wrong("answers another device"):
-            own = sender[0] == self.peer
+            own = sender[0] == self.peer and not wrong("leaves in silence only")
+            if said and said.id != self.called and wrong("a new identity is another device"):
+                own = False
             if not own or wrong("holds on") or now < self.linked + 1 and not wrong("leaves at any broadcast"):
                 return
             self.leave()
+        if self.connection and wrong("answers no one as a candidate"):
+            return
         if wrong("knows identities only") and said:
             self.device = self.device or said.id
             if said.id != self.device:
@@ -155,7 +161,7 @@ class Zoo:
         if (wrong("answers once") and self.answered or wrong("answers until connected") and self.once
                 or wrong("answers once a second") and now < self.answered + 1):
             return
-        self.answered = now
+        self.answered, self.called = now, said and said.id
         answer = {"answers 41 bytes": CONNECT[:41], "answers 43 bytes": CONNECT + b"\0",
                   "answers another type": ASK}.get(NAME, CONNECT)
         self.udp.sendto(answer, (sender[0], 3152) if wrong("answers port 3152") else sender)
@@ -173,7 +179,7 @@ class Zoo:
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         connected.settimeout(3)
         self.reader = self.reader if wrong("one reader for all") else Reader()
-        self.linked, self.quiet, self.pressed = 0.0, False, False
+        self.linked, self.quiet, self.pressed, self.deaf, self.requests = 0.0, False, False, 0.0, 0
         self.heard, self.next, self.next_control = time.monotonic(), 0.0, 0.0
 
     def leave(self):
@@ -194,13 +200,21 @@ class Zoo:
         self.heard = time.monotonic()
         damaged = wrong("asks until a damaged image") and b"\2\0\x40\0\x30\0" in data
         self.quiet |= bool(damaged)
-        for message in self.reader.feed(data):
+        messages = self.reader.feed(data)
+        newest = [each for each in messages if each.type == MessageType.IMAGE][-1:]
+        for message in messages:
             if message.type > 6 and wrong("leaves at unknown types"):
                 self.leave()
                 return
             self.quiet |= wrong("asks until an identity") and message.type == MessageType.IDENTITY
+            if message.type == MessageType.IDENTITY and self.requests == 2 and wrong("presses after two requests"):
+                self.connection.sendall(frame(1, b"\1"))
             if message.type == MessageType.IMAGE:
                 self.linked = self.linked or time.monotonic()
+                if wrong("reads every 4 s"):
+                    self.deaf = self.heard = time.monotonic() + 4
+                if wrong("decodes the newest only") and message is not newest[0]:
+                    continue
                 if (pixels := picture(message.payload)) is not None:
                     Screen(pixels).save(self.path + ".new.png")
                     os.replace(self.path + ".new.png", self.path)
@@ -211,6 +225,7 @@ class Zoo:
             return
         if now < self.next or wrong("falls silent") and self.linked:
             return
+        self.requests += 1
         first, self.next = self.next == 0, now + (0.5 if self.linked else 0.2)
         words = b"" if self.linked or self.quiet or wrong("asks once") and not first else CONNECT
         if first:

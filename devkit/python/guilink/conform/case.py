@@ -118,7 +118,6 @@ def run_once(case: Case, trial: Any, stage: Stage) -> Result:
         result.verdict, result.reason = UNTESTABLE, trial.gave_up()
     elif warned := judge.warnings + stage.faults:
         result.verdict, result.fault = WARNED, warned[0]
-    if result.fault:
-        result.kept.discard(result.fault.rule)
+    result.kept -= {each.rule for each in faults + judge.warnings + stage.faults}
     result.seconds = time.monotonic() - started
     return result

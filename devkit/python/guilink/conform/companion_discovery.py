@@ -11,12 +11,10 @@ SWEEPS = 4
 LARGEST = 1472  # bytes of a broadcast in one Ethernet frame
 
 
-@case("companion", "DISC-3", "DISC-4", "DISC-5", "DISC-7")
+@case("companion", "DISC-3", "DISC-4", "DISC-5", "DISC-7", "LINK-1")
 def answers_a_broadcast(trial: Trial) -> None:
-    """The device broadcasts; the companion answers, and accepts the connection."""
-    trial.find()
-    trial.device.connect()
-    trial.judge.kept.add("DISC-7")
+    """The device broadcasts; the companion answers, accepts the connection, and asks to be the link."""
+    trial.candidate()
 
 
 @case("companion", "DISC-5")
@@ -48,6 +46,18 @@ def answers_after_a_connection_was_given_up(trial: Trial) -> None:
     trial.find()
     trial.candidate(find=False).close()
     trial.find()
+
+
+@case("companion", "DISC-5")
+def answers_as_a_candidate(trial: Trial) -> None:
+    """The device broadcasts again while the companion has a connection that is not the link yet."""
+    channel = trial.candidate()
+    for _ in range(2):
+        before = trial.device.answers
+        trial.device.call()
+        answered = trial.stage.until(lambda: trial.device.answers > before or channel.ended)
+        trial.judge.require("DISC-5", answered, "a broadcast is not answered while a connection is open that has "
+                            "shown no image")
 
 
 @case("companion", "DISC-6", "LINK-10")
@@ -107,3 +117,10 @@ def device_returns_with_a_new_identity(trial: Trial) -> None:
     channel.close()
     trial.device.identity = b"33333fw1.1"
     trial.judge.require("LINK-9", trial.device.call_until_answered(), "the new identity is not answered")
+
+
+@case("companion", "LINK-9")
+def lost_device_has_a_new_identity(trial: Trial) -> None:
+    """The device restarts and broadcasts another identity from the same address; the link's end was lost."""
+    late = trial.answer_to_lost_device(trial.candidate(), b"44444fw1.1")
+    trial.judge.require("LINK-9", not late, f"the new identity from the same address {late}")

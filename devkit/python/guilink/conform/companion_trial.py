@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import io
 import subprocess
+import time
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Sequence
@@ -22,6 +23,10 @@ from guilink.wire import MessageType, frame
 
 START_PATIENCE = 20.0  # s, at least, for the first answer of a companion that was just started
 ABOUT_TO_END = 0.5     # s; a companion that ends so soon after a fault is the cause of that fault
+BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
+SECOND = 1.0           # s after the first image; broadcasts in this time come from older searches
+SILENCE = 3.0          # s without a byte, after which a companion closes the link
+LAST_LINES = 3         # of the output of a companion that has ended
 
 
 @dataclass
@@ -53,6 +58,7 @@ class Trial:
     def __init__(self, stage: Stage, subject: Subject, shown: Shown):
         self.stage, self.subject, self.shown, self.judge = stage, subject, shown, Judge()
         self._fresh = subject.ensure_running()
+        self._seen: Pixels | None = None  # what it has shown as it should
         if shown.file:
             shown.file.unlink(missing_ok=True)
         self.device = ScriptedDevice(self, sandbox.DEVICE)
@@ -67,9 +73,11 @@ class Trial:
 
     def died(self) -> list[Fault]:
         if self.subject_ended() and self.subject.status:
-            how = (f"signal {-self.subject.status}" if self.subject.status < 0
-                   else f"status {self.subject.status}")
-            return [Fault("LINK-10", f"the companion has ended with {how}")]
+            lines = " / ".join(self.subject.last_words().strip().splitlines()[-LAST_LINES:])
+            return [Fault("LINK-10", f"the companion has ended with {self.subject.end()}"
+                          + (f"; its last lines: {lines}" if lines else ""))]
+        if not self.subject_ended():
+            self.judge.kept.add("LINK-10")
         return []
 
     def gave_up(self) -> str:
@@ -87,14 +95,18 @@ class Trial:
         answered = self.device.call_until_answered(patience)
         self._fresh = False
         if answered:
+            self.subject.has_answered = True
             self.judge.kept |= {"DISC-3", "DISC-4", "DISC-5"}
             return
         if self.subject_ended():
+            if not self.subject.has_answered:
+                raise ValueError(f"cannot prove the companion: it ended with {self.subject.end()} before it answered "
+                                 f"anything; its last lines:\n{self.subject.last_words().strip() or '(none)'}")
             self.judge.blame("LINK-10", "the companion has ended")
         probe = UdpSocket(self.stage, (self.device.address, 0))
         probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))
         self.stage.until(lambda: probe.arrived or probe.refused)
-        self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed")
+        self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed (or bound to one address?)")
         if self.device.answers:  # a late answer: the companion was busy
             return
         self.judge.refuse("DISC-3", probe.arrived, "the companion receives no broadcasts, only what is sent to "
@@ -102,24 +114,48 @@ class Trial:
         self.judge.blame("DISC-5", f"none of {self.device.calls} broadcasts was answered")
 
     def candidate(self, find: bool = True) -> Channel:
-        """Opens a connection, and waits until the companion has sent a ConnectRequest on it."""
-        if find:
-            self.find()
-        channel = self.device.connect()
-        self.judge.kept.add("DISC-7")
-        self.greet(channel)
-        return channel
+        """Opens a connection, and waits until the companion has sent a ConnectRequest on it.
 
-    def greet(self, channel: Channel) -> None:
-        asked = self.stage.until(lambda: channel.count(MessageType.CONNECT_REQUEST) or channel.ended)
-        self.judge.require("LINK-1", asked and not channel.ended, "no ConnectRequest arrives on the connection"
+        A companion may not have read yet that its last link has ended, and closes this one. So the kit does
+        what a device does: it broadcasts again a second later.
+        """
+        end = time.monotonic() + self.stage.patience
+        while True:
+            if find:
+                self.find()
+            channel = self.device.connect()
+            self.judge.kept.add("DISC-7")
+            asked = self.stage.until(lambda: channel.count(MessageType.CONNECT_REQUEST) or channel.ended)
+            if not channel.ended or time.monotonic() > end or self.subject_ended():
+                break
+            self.stage.until(lambda: time.monotonic() > self.device.called + BROADCAST_INTERVAL)
+            find = True
+        rule = "LINK-3" if self.subject.greeted else "LINK-1"  # other connections were served
+        self.judge.require(rule, asked and not channel.ended, "no ConnectRequest arrives on the connection"
                            + (", and the companion closes it" if channel.ended else ""))
+        self.subject.greeted += 1
+        return channel
 
     def link(self, pixels: Pixels | None = None) -> Channel:
         """Opens a connection on which the device sends an image, and repeats it twice a second."""
         channel = self.candidate()
         self.device.repeat(channel, PLAIN if pixels is None else pixels)
         return channel
+
+    def answer_to_lost_device(self, channel: Channel, identity: bytes) -> str:
+        """The device shows images for a second, and without a word on the link it broadcasts this identity.
+        What is wrong with the companion's answer: after SILENCE the link ends in any case."""
+        began, showing = time.monotonic(), True
+        self.stage.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
+        self.stage.until(lambda: time.monotonic() > began + SECOND)
+        showing = watch_of(channel).answering = False
+        quiet, before = time.monotonic(), self.device.answers
+        self.device.identity = identity
+        self.stage.every(0.5, self.device.call)
+        if not self.stage.until(lambda: self.device.answers > before):
+            return "is not answered"
+        late = time.monotonic() > quiet + SILENCE
+        return f"is answered only after {SILENCE:.0f} s of silence have ended the link" if late else ""
 
     def picture(self, height: int = 8, width: int = 12) -> Pixels:
         """An opaque random picture, a new one for each call, so that it differs from all earlier ones."""
@@ -137,6 +173,7 @@ class Trial:
             raise Untestable("what the companion shows is unknown; use --picture")
         seen = self.stage.until(lambda: self.shows(pixels) or self.subject_ended())
         seen = seen and (not self.subject_ended() or self.shows(pixels))
+        self._seen = pixels if seen else self._seen
         if not seen and self._only_last_differs(pixels):
             rule = "PICT-2"
         self.judge.require(rule, seen, f"{what}: {'' if seen else self._difference(pixels)}")
@@ -162,6 +199,8 @@ class Trial:
         image = self.shown.read()
         if image is None:
             return "no picture is shown"
+        if self._seen is not None and self.shows(self._seen):
+            return "still the picture before it is shown"
         height, width = pixels.shape
         if image.shape[:2] != pixels.shape:
             return f"{image.shape[1]} x {image.shape[0]} pixels are shown, not {width} x {height}"
@@ -181,4 +220,4 @@ def shown_of(pixels: Pixels) -> Pixels:
 
 PLAIN = np.full((48, 64), 0xF123, np.uint16)
 
-__all__ = ["PLAIN", "Shown", "Trial", "shown_of", "watch_of"]
+__all__ = ["PLAIN", "SECOND", "Shown", "Trial", "shown_of", "watch_of"]

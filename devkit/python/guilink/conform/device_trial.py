@@ -5,6 +5,7 @@ import socket
 from dataclasses import dataclass
 
 from guilink.conform.case import Judge, Untestable
+from guilink.conform.rules import IN_EVERY_CASE
 from guilink.conform.scripted_device import ANSWER
 from guilink.conform.stage import Channel, Datagram, Stage, UdpSocket
 from guilink.conform.strict import Fault, StrictReader
@@ -88,6 +89,7 @@ class DeviceTrial:
             if self.wanted.address not in ("", datagram.sender[0]):
                 continue
             self.broadcasts.append(datagram)
+            self.judge.kept |= set(IN_EVERY_CASE["device"])  # unless the stage has a fault of it
             reader = StrictReader(by_companion=False)
             reader.feed(datagram.data)
             for fault in reader.faults:

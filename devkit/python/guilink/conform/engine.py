@@ -6,12 +6,14 @@ from typing import Callable, Protocol, Sequence
 
 from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Case, Result,
                                   run_once)
-from guilink.conform.rules import NO_CASE, RULES
+from guilink.conform.rules import NEEDS, NO_CASE, RULES
 from guilink.conform.stage import Stage
+from guilink.link import GuilinkError
 
 # While one of these rules is broken, no other rule can be judged.
 BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
 GIVE_UP = 2  # cases in a row that break one of them
+NOT_RUN = "no case was run"
 
 
 class Subject(Protocol):
@@ -57,18 +59,18 @@ class Run:
         if rule in NO_CASE:
             return UNTESTABLE, NO_CASE[rule]
         about = [result for result in self.results if rule in result.case.rules]
+        if not about:
+            return UNTESTABLE, NOT_RUN
         reason = next((f"{r.case.name}: {r.reason}" for r in about if r.reason), "")
-        return UNTESTABLE, reason or ("what it is about has not happened" if about else "no case was run")
-
-
-# Rules that a side keeps in every case that it passes, because the strict reader judges every byte.
-WATCHED = {"companion": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11"),
-           "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19", "DISC-2")}
+        return UNTESTABLE, NEEDS.get(rule) or reason or "what it is about has not happened"
 
 
 def select(side: str, names: Sequence[str], rules: Sequence[str], gentle: bool) -> list[Case]:
+    exact = {case.name for case in CASES[side]} & set(names)
+
     def wanted(case: Case) -> bool:
-        return ((not names or any(name in case.name for name in names))
+        named = case.name in exact or any(name in case.name for name in set(names) - exact)
+        return ((not names or named)
                 and (not rules or any(rule in case.rules for rule in rules)) and (case.gentle or not gentle))
 
     return [case for case in CASES[side] if wanted(case)]
@@ -82,12 +84,14 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
             last = next(result.fault for result in reversed(whole.results) if result.fault)
             result = Result(case, UNTESTABLE, reason=f"not run: {last.rule} is broken")
         else:
-            result = run_attempts(case, subject, options)
+            try:
+                result = run_attempts(case, subject, options)
+            except (ValueError, GuilinkError):
+                options.tell("error")
+                raise
             lost = lost + 1 if result.fault and result.fault.rule in BASIC else 0
         if result.identifier in options.baseline and result.verdict in (FAILED, WARNED):
             result.verdict = EXPECTED
-        if result.verdict == PASSED and result.kept:
-            result.kept |= set(WATCHED[side])
         whole.results.append(result)
         options.tell(line(result))
         if options.fail_fast and result.fault and result.verdict != EXPECTED:

@@ -7,8 +7,8 @@ from typing import Any, Sequence
 from xml.etree import ElementTree
 
 from guilink.conform.case import CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Result
-from guilink.conform.engine import Run
-from guilink.conform.rules import NO_CASE, RULES
+from guilink.conform.engine import NOT_RUN, Run
+from guilink.conform.rules import IN_EVERY_CASE, NO_CASE, RULES
 
 VERDICTS = (PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED)
 
@@ -20,8 +20,12 @@ def repeat_command(result: Result, arguments: Sequence[str]) -> str:
 
 def summary(run: Run) -> str:
     lines = ["", "by rule:"]
-    for rule, (verdict, reason) in run.rule_verdicts().items():
-        lines.append(f"  {rule:9} {RULES[rule].strength:6} {verdict:10} {reason}".rstrip())
+    verdicts, part = run.rule_verdicts(), len(run.results) < len(CASES[run.side])
+    for rule, (verdict, reason) in verdicts.items():
+        if not (part and (reason == NOT_RUN or rule in NO_CASE)):
+            lines.append(f"  {rule:9} {RULES[rule].strength:6} {verdict:10} {reason}".rstrip())
+    if part:
+        lines.append("  others: not run")
     lines += ["", ", ".join(f"{run.count(verdict)} {verdict}" for verdict in VERDICTS if run.count(verdict))]
     return "\n".join(lines)
 
@@ -30,11 +34,10 @@ def listing(side: str) -> str:
     """Every case with its rules, and every rule without a case."""
     lines = []
     for case in CASES[side]:
-        gentle = "" if case.gentle else "  (not with --gentle)"
+        gentle = "" if case.gentle or side == "companion" else "  (not with --gentle)"
         lines += [f"{case.name}  {' '.join(case.rules)}{gentle}", f"    {case.text.splitlines()[0]}"]
     judged = {rule for case in CASES[side] for rule in case.rules}
-    lines += ["", "in every case: FRAME-1 FRAME-2 FRAME-3 " + ("FRAME-10 DISC-4 LINK-1 LINK-10 PRESS-1 PRESS-2"
-              if side == "companion" else "FRAME-19 DISC-2"), ""]
+    lines += ["", "in every case: " + " ".join(IN_EVERY_CASE[side]), ""]
     for rule in RULES.values():
         if rule.binds(side) and rule.id not in judged and rule.id in NO_CASE:
             lines.append(f"without a case: {rule.id}: {NO_CASE[rule.id]}")

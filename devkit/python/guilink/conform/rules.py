@@ -92,6 +92,15 @@ NO_CASE = {
     "PICT-7": "both ways are allowed",
 }
 
+# Judged in every case, of all that the subject sends.
+IN_EVERY_CASE = {
+    "companion": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "DISC-4", "LINK-1", "LINK-10",
+                  "PRESS-1", "PRESS-2"),
+    "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19", "DISC-2"),
+}
+# What must have happened before a rule can be judged.
+NEEDS = {"PRESS-2": "the companion has pressed no button; docs/conformance.md shows how to make it press"}
+
 
 @dataclass(frozen=True)
 class Rule:

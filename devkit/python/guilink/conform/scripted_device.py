@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import socket
+import time
 from typing import TYPE_CHECKING
 
 from guilink.conform.stage import Channel, UdpSocket
@@ -13,6 +14,7 @@ if TYPE_CHECKING:
     from guilink.conform.companion_trial import Trial
 
 ANSWER = frame(MessageType.CONNECT_REQUEST)
+SEND_BUFFER = 1 << 20  # bytes, as a device requests
 CALL_INTERVAL = 0.25   # s between two broadcasts until one is answered
 REPEAT = 0.5           # s between two images
 REQUESTS_TO_PRESS = 3  # ConnectRequests; an answer after them allows the companion to press
@@ -23,11 +25,11 @@ class ScriptedDevice:
         self.identity, self.address = identity, address
         self.udp = UdpSocket(trial.stage, (address, 3153))
         self._other_port = UdpSocket(trial.stage, (address, 3152))  # bound to an address: no broadcasts
-        self._trial, self._judged, self._next_call = trial, 0, 0.0
-        self.calls = 0
+        self._trial, self._judged = trial, 0
+        self.calls, self.called = 0, 0.0
 
     def call(self, datagram: bytes | None = None, target: str | None = None) -> None:
-        self.calls += 1
+        self.calls, self.called = self.calls + 1, time.monotonic()
         data = frame(MessageType.IDENTITY, self.identity) if datagram is None else datagram
         self.udp.send(data, (target or self._trial.broadcast, 3152))
 
@@ -69,8 +71,9 @@ class ScriptedDevice:
             self._trial.stage.exchange.note(f"cannot connect to TCP port 8399: {error}")
             self._trial.judge.blame("DISC-7", f"TCP port 8399 does not accept: {error.strerror}")
             raise AssertionError("a must was broken") from error
+        connected.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, SEND_BUFFER)
         channel = Channel(self._trial.stage, connected, by_companion=True)
-        watch = Watch(self, channel)
+        watch = Watch(self, channel, self._trial.judge.kept)
         channel.on_message = watch.take
         channel.watch = watch  # type: ignore[attr-defined]
         return channel
@@ -90,14 +93,15 @@ class ScriptedDevice:
 class Watch:
     """Answers the IdentityRequests on a connection, and notes messages that the companion must not send."""
 
-    def __init__(self, device: ScriptedDevice, channel: Channel):
+    def __init__(self, device: ScriptedDevice, channel: Channel, kept: set[str]):
         self.answering = True
         self.may_press = False
-        self._device, self._channel = device, channel
+        self._device, self._channel, self._kept = device, channel, kept
         self._requests = 0
 
     def take(self, message: Message) -> None:
         stage, kind = self._channel.stage, message.type
+        self._kept |= {"FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "LINK-1"}  # or the stage has a fault
         if len(self._channel.arrived) == 1 and kind != MessageType.CONNECT_REQUEST:
             stage.faults.append(Fault("LINK-1", f"the first message has type {kind}", ANSWER,
                                       frame(kind, message.payload)))
@@ -107,9 +111,12 @@ class Watch:
             self._channel.send(frame(MessageType.IDENTITY, self._device.identity))
             self.may_press |= self._requests >= REQUESTS_TO_PRESS
         elif kind in (MessageType.BUTTON, MessageType.DATA):
+            self._kept |= {"PRESS-1", "PRESS-2"} if kind == MessageType.BUTTON else {"PRESS-1"}
             if not (self.may_press or self._channel.image_sent):
-                stage.faults.append(Fault("PRESS-1", f"a message of type {kind} before the first image",
-                                          b"", frame(kind, message.payload)))
+                stage.faults.append(Fault(
+                    "PRESS-1", f"a message of type {kind} before the first image, and before the answer to an "
+                    f"IdentityRequest that followed the third ConnectRequest; {self._requests} were sent",
+                    b"", frame(kind, message.payload)))
             if kind == MessageType.BUTTON and not (len(message.payload) == 1 and message.payload[0] < 16):
                 stage.faults.append(Fault("PRESS-2", "a ButtonMessage that is not one byte from 0 to 15",
                                           b"", frame(kind, message.payload)))

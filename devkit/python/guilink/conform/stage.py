@@ -141,6 +141,7 @@ class Channel:
         self._sent = FrameReader()
         self._sending, self._behind = False, bytearray()
         self.stage, self._socket, self._closed = stage, connected, False
+        self.stall = stage.patience  # s in which at least some bytes must be read
         connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.here: Address = connected.getsockname()
@@ -181,7 +182,7 @@ class Channel:
             self.on_message(message)
 
     def send(self, data: bytes) -> bool:
-        """Returns False if the subject has ended the connection, or reads nothing for the stage's patience."""
+        """Returns False if the subject has ended the connection, or reads nothing for `stall` seconds."""
         return self.send_parts(data)
 
     def send_parts(self, *parts: bytes, between: Callable[[], object] = lambda: None) -> bool:
@@ -208,8 +209,11 @@ class Channel:
 
     def delivered(self) -> bool:
         """Whether the subject's system has acknowledged all bytes."""
+        return self._left() == 0
+
+    def _left(self) -> int:
         left = fcntl.ioctl(self._socket, termios.TIOCOUTQ, bytes(4))
-        return int.from_bytes(left, "little") == 0
+        return int.from_bytes(left, "little")
 
     def _write(self, data: bytes) -> bool:
         if self._closed or self.ended:
@@ -218,11 +222,12 @@ class Channel:
             self._log(KIT, "bytes", data)
             self.image_sent |= any(each.type == MessageType.IMAGE for each in self._sent.feed(data))
         rest = memoryview(data)
-        end = time.monotonic() + self.stage.patience
+        end, before = time.monotonic() + self.stall, -1
         while rest and not self.ended and time.monotonic() < end:
+            if (left := self._left()) != before:  # something was read, or taken by our own buffer
+                end, before = time.monotonic() + self.stall, left
             try:
                 rest = rest[self._socket.send(rest):]
-                end = time.monotonic() + self.stage.patience
             except BlockingIOError:
                 readable = [self._socket] if self.readable else []
                 if select.select(readable, [self._socket], [], POLL)[0]:

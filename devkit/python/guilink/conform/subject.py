@@ -18,6 +18,8 @@ class Subject:
         self._process: subprocess.Popen[bytes] | None = None
         self._output = tempfile.TemporaryFile()
         self.status: int | None = None  # exit status, if it ended by itself
+        self.has_answered = False       # any broadcast, since the kit started
+        self.greeted = 0                # connections with a ConnectRequest from it, since its start
 
     def ensure_running(self) -> bool:
         """Starts the companion if it does not run. Returns whether it was started."""
@@ -25,7 +27,7 @@ class Subject:
             return False
         self._output.seek(0)
         self._output.truncate()
-        self.status = None
+        self.status, self.greeted = None, 0
         self._process = subprocess.Popen(self._command, stdin=subprocess.DEVNULL, stdout=self._output,
                                          stderr=subprocess.STDOUT, start_new_session=True)
         return True
@@ -54,6 +56,11 @@ class Subject:
     def peak_memory(self) -> int:
         """The peak memory of the process and its children, added up, in bytes."""
         return sum(map(_peak, _family(self._process.pid))) if self._process else 0
+
+    def end(self) -> str:
+        """How it came to its end, in words."""
+        number = self.status or 0
+        return f"signal {-number}" if number < 0 else f"status {number}"
 
     def last_words(self) -> str:
         size = self._output.seek(0, os.SEEK_END)
