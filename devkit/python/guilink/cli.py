@@ -7,6 +7,7 @@ from __future__ import annotations
 import argparse
 import code
 import json
+import os
 import sys
 import threading
 import time
@@ -23,6 +24,11 @@ def main(arguments: Sequence[str] | None = None) -> int:
     options = parser().parse_args(arguments)
     try:
         result, text = options.run(options)
+        status = 1 if result.get("devices") == [] else 0
+        return report(options, result, text, result.get("status", status))
+    except BrokenPipeError:  # `| head` has read enough
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # or the flush at exit fails, too
+        return 1
     except (ValueError, OSError) as error:  # a button, region or file that does not exist
         return report(options, {"error": str(error)}, f"guilink: {error}", 2)
     except guilink.GuilinkError as error:
@@ -31,15 +37,13 @@ def main(arguments: Sequence[str] | None = None) -> int:
         return report(options, result, f"guilink: {error}", 1)
     except KeyboardInterrupt:
         return report(options, {"error": "interrupted"}, "guilink: interrupted", 1)
-    status = 1 if result.get("devices") == [] else 0
-    return report(options, result, text, result.get("status", status))
 
 
 def report(options: argparse.Namespace, result: dict[str, Any], text: str, status: int) -> int:
     if options.json:
-        print(json.dumps(result))
+        print(json.dumps(result), flush=True)
     elif text:
-        print(text, file=sys.stderr if "error" in result else sys.stdout)
+        print(text, file=sys.stderr if "error" in result else sys.stdout, flush=True)
     return status
 
 

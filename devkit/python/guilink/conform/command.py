@@ -31,7 +31,7 @@ def add_parser(commands: Any) -> None:
     common = argparse.ArgumentParser(add_help=False)
     common.add_argument("--list", action="store_true", help="list the cases, and the rules without one")
     common.add_argument("-k", dest="names", metavar="NAME", action="append", default=[],
-                        help="only cases with NAME in their name; may be repeated")
+                        help="only the case NAME, or all with NAME in their names; may be repeated")
     common.add_argument("--rule", dest="rules", metavar="RULE", action="append", default=[], choices=list(RULES),
                         help="only cases that judge RULE; may be repeated")
     common.add_argument("--baseline", metavar="FILE", help="cases that are expected to fail: CASE RULE a line")

@@ -62,7 +62,8 @@ class Run:
         if not about:
             return UNTESTABLE, NOT_RUN
         reason = next((f"{r.case.name}: {r.reason}" for r in about if r.reason), "")
-        return UNTESTABLE, NEEDS.get(rule) or reason or "what it is about has not happened"
+        failed = next((f"{r.case.name} failed before it was judged" for r in about if r.verdict == FAILED), "")
+        return UNTESTABLE, reason or failed or NEEDS.get(rule, "what it is about has not happened")
 
 
 def select(side: str, names: Sequence[str], rules: Sequence[str], gentle: bool) -> list[Case]:

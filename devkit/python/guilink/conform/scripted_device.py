@@ -114,7 +114,7 @@ class Watch:
             self._kept |= {"PRESS-1", "PRESS-2"} if kind == MessageType.BUTTON else {"PRESS-1"}
             if not (self.may_press or self._channel.image_sent):
                 stage.faults.append(Fault(
-                    "PRESS-1", f"a message of type {kind} before the first image, and before the answer to an "
+                    "PRESS-1", f"a {'Button' if kind == MessageType.BUTTON else 'Data'}Message before the first image, and before the answer to an "
                     f"IdentityRequest that followed the third ConnectRequest; {self._requests} were sent",
                     b"", frame(kind, message.payload)))
             if kind == MessageType.BUTTON and not (len(message.payload) == 1 and message.payload[0] < 16):
