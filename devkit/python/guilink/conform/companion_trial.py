@@ -150,6 +150,7 @@ class Trial:
         self.stage.until(lambda: time.monotonic() > began + SECOND)
         showing = watch_of(channel).answering = False
         quiet, before = time.monotonic(), self.device.answers
+        self.device.show(channel, PLAIN)  # the last bytes: no companion's silence begins sooner
         self.device.identity = identity
         self.stage.every(0.5, self.device.call)
         if not self.stage.until(lambda: self.device.answers > before):
