@@ -87,6 +87,12 @@ def test_right_device_is_not_blamed():
     assert open_rules == {"PICT-12", "PRESS-5", "TIME-11"}
 
 
+def test_companion_that_does_not_start_is_an_error():
+    done = subprocess.run([sys.executable, "-m", "guilink", "conform", "companion", "--", "sh", "-c",
+                           "echo wrong option; exit 3"], stderr=subprocess.PIPE, text=True, check=False)
+    assert done.returncode == 2 and "status 3" in done.stderr and "wrong option" in done.stderr
+
+
 @pytest.mark.parametrize("command", [
     [PROGRAMS / "guilink-viewer"],
     [sys.executable, ROOT / "docs/examples/minimal_companion.py", "--frames", "0", "--follow", "--timeout", "3600"],
