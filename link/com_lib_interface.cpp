@@ -33,7 +33,7 @@ ComLibInterface::ComLibInterface(const std::string& id, const std::string& fw)
     try {
         m_sender_thread = std::thread(&ComLibInterface::_sender_loop, this);
     } catch (...) {
-        m_communicator->SetMessageHandler({});  // the handler holds this
+        m_communicator->SetMessageHandler({});  // the handler holds a pointer to this object
         throw;
     }
 }
@@ -41,7 +41,7 @@ ComLibInterface::ComLibInterface(const std::string& id, const std::string& fw)
 ComLibInterface::~ComLibInterface() {
     m_stop = true;
     m_sender_thread.join();
-    // Receive threads outlive the facade and may run the handler, which holds this.
+    // Receive threads outlive this object and may run the handler, which holds a pointer to it.
     m_communicator->SetMessageHandler({});
 }
 

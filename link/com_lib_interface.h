@@ -32,9 +32,9 @@ class ComLibInterface {
     ComLibInterface(const ComLibInterface&) = delete;
     ComLibInterface& operator=(const ComLibInterface&) = delete;
 
-    // Offers a frame of size bytes, at most FRAME_BUFFER_SIZE, which means 1280 x 960. Every
-    // smaller size means 1024 x 768; then 1,572,864 bytes are read, whatever size says. The call
-    // copies the bytes and does not wait for the network.
+    // Offers a frame. A size of FRAME_BUFFER_SIZE means 1280 x 960; a larger size is not allowed,
+    // but not checked. Any smaller size means 1024 x 768, and 1,572,864 bytes are read even if size
+    // is less. The call copies the bytes and does not wait for the network.
     void push_frame(std::shared_ptr<unsigned char> frame, uint64_t size);
 
   private:

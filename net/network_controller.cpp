@@ -87,9 +87,10 @@ struct NetworkController::State {
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
 
-// Returns whether a host may become a candidate now, and counts the turn. If all places are taken,
-// drops the candidate whose host had the most turns, if that is more than this host had; of several
-// such candidates, an unconnected one (answers can be spoofed), or else the one listed first.
+// Returns whether a host may become a candidate now; if so, counts the turn. If all places are
+// taken, it gets the place of a candidate whose host had more turns. The candidate with the most is
+// dropped; among equals, an unconnected one, because its answer may have been spoofed, otherwise
+// the first in the list.
 bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];

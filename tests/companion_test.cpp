@@ -221,7 +221,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
     }
     EXPECT_TRUE(connect_from("127.0.0.2").ended());
 
-    Socket device = connect_from("127.0.0.1");  // stays chosen, with another identity
+    Socket device = connect_from("127.0.0.1");  // it stays chosen, although its identity changes
     device.write(frame(IdentityMessage, bytes("33333fw9")));
     EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
     device.reset();

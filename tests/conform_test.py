@@ -131,7 +131,9 @@ CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, it
     (f"{FIREWALL.format('udp dport 3152 drop')}; {ZOO} right {DOCTOR}", "broadcasts arrive, and this computer drops"),
     (f"{FIREWALL.format('udp dport 3153 drop')}; {ZOO} right {DOCTOR}", "does not connect"),
     (f"{FIREWALL.format('tcp dport 8399 drop')}; {ZOO} right {DOCTOR}", "connections arrive, and this computer drops"),
-    (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {ZOO} right {DOCTOR}", "does not answer"),
+    (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {ZOO} right {DOCTOR}",
+     "no image for|does not answer"),  # depends on when the network dies
+    (f"{ZOO} 'answers once' {DOCTOR}", "does not answer"),
     (f'{ZOO} right {sys.executable} -c "{CLOCK}"', "the clock of this computer was set by 3600"),
     (f"{ZOO} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),
     (f"ip address add 10.99.0.1/32 dev lo; ZOO_HOST=10.99.0.1 {ZOO} right {DOCTOR}", "none of this computer's subnets"),
@@ -143,7 +145,8 @@ CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, it
 def test_doctor_names_the_fault(script, diagnosis):
     done = subprocess.run([ROOT / "scripts/sandbox", "bash", "-c", script], stdout=subprocess.PIPE, check=False)
     result = json.loads(done.stdout)
-    assert result["healthy"] is (diagnosis is None) and (diagnosis or "") in result["findings"][-1]["text"], result
+    assert result["healthy"] is (diagnosis is None), result
+    assert re.search(diagnosis or "", result["findings"][-1]["text"]), result
 
 
 def test_document_and_kit_have_the_same_rules():

@@ -14,7 +14,7 @@ enum class Fault {
     row,     // the first row is drawn one pixel too low
     colour,  // the first row is one step too blue
     late,    // the first frame after a button comes 300 ms late
-    lost,    // no frame after a button is announced
+    lost,    // once a button is pressed, no frame is announced any more
 };
 
 inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},

@@ -320,7 +320,7 @@ class Companion:
                     order.question = connection.asked
 
     def _drop(self, connection: Connection) -> None:
-        """Closes the connection. Orders without an answer may be lost."""
+        """Closes the connection. Marks the orders that were sent but not answered as lost."""
         connection.close()
         self._connection = None
         with self._changed:

@@ -137,7 +137,7 @@ def damaged_length(trial: Trial) -> None:
 
 @case("companion", "FRAME-9", gentle=False)
 def largest_image(trial: Trial) -> None:
-    """A payload of exactly 1,048,576 bytes, half a million runs."""
+    """A payload of exactly 1,048,576 bytes: 262,143 runs."""
     runs = MAX_PAYLOAD // 4 - 1
     pixels = np.where(np.arange(runs + 1) % 2, 0xF00F, 0xFF00).astype(np.uint16).reshape(512, 512)
     payload = encode(pixels)

@@ -60,7 +60,8 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, questions: int, r
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got > questions and not channel.ended, f"{what}: the device answers no more",
                         b"", data[:64])
-    # Surplus answers come right after. A slow device may send them too late, but a right one is never blamed.
+    # Surplus answers would follow at once. If a slow device sends them after AFTERMATH, they go unnoticed; a
+    # correct device is never blamed.
     trial.stage.until(lambda: channel.count(MessageType.IDENTITY) - before > questions + asked, AFTERMATH)
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got <= questions + asked, f"{what}: {got} answers to {questions + asked} "

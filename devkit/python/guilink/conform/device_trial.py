@@ -152,7 +152,8 @@ class DeviceTrial:
         self.stage.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
 
     def link(self, rule: str = "DISC-1") -> Channel:
-        """A connection that the device has made the link. Tries again if the device drops the candidate."""
+        """Returns a connection after the device has made it its link. If the device drops the connection first,
+        tries with a new one."""
         for _ in range(CONNECT_PATIENCE):
             channel = self.candidate(rule)
             self.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)

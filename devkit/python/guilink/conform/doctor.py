@@ -117,7 +117,7 @@ def examine(visit: Visit, stage: Stage) -> None:
     trial.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL)
     ask(visit, stage, channel, "requests", "right after it connected")
     see(visit, trial, channel)
-    ask(visit, stage, channel, "requests among images", "while it showed images")
+    ask(visit, stage, channel, "requests while images arrive", "while it showed images")
     if visit.options.press is not None:
         channel.send(frame(MessageType.BUTTON, bytes([visit.options.press])))
         ask(visit, stage, channel, f"button {visit.options.press}", "at a press")

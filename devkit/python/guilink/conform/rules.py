@@ -73,7 +73,7 @@ PICT-6 companion must The companion drops an image of 0 or more than 4,194,304 p
 PICT-7 companion may The companion may skip a run of length 0 or drop its image.
 PICT-8 device must The runs of an image describe width x height - 1 pixels.
 PICT-9 device must A pixel with alpha 0 is sent as 0, except the first pixel of an image.
-PICT-10 device must No run has length 0, and two neighbouring runs have one pixel value only if the first has length 65535.
+PICT-10 device must No run has length 0. Two neighbouring runs have the same pixel value only if the first has length 65535.
 PICT-11 device must An image has 1280 x 960 or 1024 x 768 pixels.
 PICT-12 device must The device does not send an image of more than 1,048,576 bytes, and stops repeating the one before.
 PRESS-1 companion must The companion sends no ButtonMessage or DataMessage before the first image, or before the answer to an IdentityRequest that followed its third ConnectRequest.
