@@ -157,8 +157,8 @@ def judge_keep_alives(trial: Trial, channel: Channel) -> None:
     gaps = [after - before for before, after in zip(times, [*times[1:], now])]
     trial.judge.require("TIME-2", max(gaps) <= MUST_GAP, f"{max(gaps):.1f} s without a ControlMessage")
     typical = float(np.median(gaps))
-    trial.judge.require("TIME-3", typical <= SHOULD_GAP, f"a ControlMessage every {typical:.1f} s, not every 0.5 s "
-                        f"(up to {SHOULD_GAP:.0f} s is tolerated)")
+    trial.judge.require("TIME-3", typical <= SHOULD_GAP, f"a ControlMessage every {typical:.1f} s, not "
+                        f"every 0.5 s (up to {SHOULD_GAP:.0f} s is tolerated)")
 
 
 @case("companion", "TIME-2", "TIME-4", gentle=False)

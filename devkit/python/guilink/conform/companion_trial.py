@@ -100,8 +100,9 @@ class Trial:
             return
         if self.subject_ended():
             if not self.subject.has_answered:
-                raise ValueError(f"cannot prove the companion: it ended with {self.subject.end()} before it answered "
-                                 f"anything; its last lines:\n{self.subject.last_words().strip() or '(none)'}")
+                raise ValueError(f"cannot prove the companion: it ended with {self.subject.end()} before it "
+                                 "answered anything; its last lines:\n"
+                                 + (self.subject.last_words().strip() or "(none)"))
             self.judge.blame("LINK-10", "the companion has ended")
         probe = UdpSocket(self.stage, (self.device.address, 0))
         probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))

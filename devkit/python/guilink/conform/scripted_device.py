@@ -101,7 +101,8 @@ class Watch:
 
     def take(self, message: Message) -> None:
         stage, kind = self._channel.stage, message.type
-        self._kept |= {"FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "LINK-1"}  # or the stage has a fault
+        # Where one of them is broken, the stage has a fault.
+        self._kept |= {"FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "LINK-1"}
         if len(self._channel.arrived) == 1 and kind != MessageType.CONNECT_REQUEST:
             stage.faults.append(Fault("LINK-1", f"the first message has type {kind}", ANSWER,
                                       frame(kind, message.payload)))
@@ -114,8 +115,9 @@ class Watch:
             self._kept |= {"PRESS-1", "PRESS-2"} if kind == MessageType.BUTTON else {"PRESS-1"}
             if not (self.may_press or self._channel.image_sent):
                 stage.faults.append(Fault(
-                    "PRESS-1", f"a {'Button' if kind == MessageType.BUTTON else 'Data'}Message before the first image, and before the answer to an "
-                    f"IdentityRequest that followed the third ConnectRequest; {self._requests} were sent",
+                    "PRESS-1", f"a {'Button' if kind == MessageType.BUTTON else 'Data'}Message before the first "
+                    "image, and before the answer to an IdentityRequest that followed the third ConnectRequest; "
+                    f"{self._requests} were sent",
                     b"", frame(kind, message.payload)))
             if kind == MessageType.BUTTON and not (len(message.payload) == 1 and message.payload[0] < 16):
                 stage.faults.append(Fault("PRESS-2", "a ButtonMessage that is not one byte from 0 to 15",
