@@ -6,7 +6,7 @@ import time
 import numpy as np
 
 from guilink.conform.case import case
-from guilink.conform.companion_trial import PLAIN, SECOND, Trial, watch_of
+from guilink.conform.companion_trial import PLAIN, SECOND, SILENCE, Trial, watch_of
 from guilink.conform.stage import Channel
 from guilink.picture import encode
 from guilink.wire import MessageType, frame
@@ -185,7 +185,7 @@ def device_falls_silent(trial: Trial) -> None:
     trial.device.show(channel, PLAIN)
     watch_of(channel).answering = False
     asked = channel.count(MessageType.IDENTITY_REQUEST)
-    closed = trial.stage.until(lambda: channel.ended, trial.stage.patience)
+    closed = trial.stage.until(lambda: channel.ended, SILENCE + trial.stage.patience)
     trial.judge.require("TIME-5", channel.count(MessageType.IDENTITY_REQUEST) > asked,
                         "no IdentityRequest, although nothing arrives")
     trial.judge.require("TIME-6", closed, "the link is kept although nothing arrives")

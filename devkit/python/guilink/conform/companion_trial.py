@@ -222,4 +222,4 @@ def shown_of(pixels: Pixels) -> Pixels:
 
 PLAIN = np.full((48, 64), 0xF123, np.uint16)
 
-__all__ = ["PLAIN", "SECOND", "Shown", "Trial", "shown_of", "watch_of"]
+__all__ = ["PLAIN", "SECOND", "SILENCE", "Shown", "Trial", "shown_of", "watch_of"]

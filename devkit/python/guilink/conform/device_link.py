@@ -13,6 +13,7 @@ ASK = frame(MessageType.IDENTITY_REQUEST)
 FLOOD = 40       # answers to one broadcast
 BUFFERS = 8 << 20  # bytes; about the size of both systems' socket buffers together
 PER_HOST = 8     # connections that a device may open to one host
+SILENCE = 3.0    # s, after which a device closes the link
 
 
 @case("device", "DISC-1", "DISC-2")
@@ -97,7 +98,8 @@ def companion_falls_silent(trial: DeviceTrial) -> None:
     """The companion sends nothing more; the device must close the link and search."""
     channel = trial.link()
     trial.speaking.clear()
-    trial.judge.require("TIME-9", trial.stage.until(lambda: channel.ended), "the link stays open")
+    closed = trial.stage.until(lambda: channel.ended, SILENCE + trial.stage.patience)
+    trial.judge.require("TIME-9", closed, "the link stays open")
     trial.broadcast("LINK-17", "no broadcast after the companion fell silent")
 
 
