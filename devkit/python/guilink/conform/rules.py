@@ -38,7 +38,7 @@ FRAME-19 device must The device sends only the types 2, 3 and 6.
 LINK-1 companion must A ConnectRequest is the first frame that the companion sends on a connection.
 LINK-2 companion must The companion repeats the ConnectRequest with each keep-alive until an ImageMessage has arrived.
 LINK-3 companion must When a connection ends, the companion uses the next one that waits, or answers the next broadcast.
-LINK-4 companion must When the device has sent nothing for a second before the first image, the companion uses the next connection that waits.
+LINK-4 companion must When nothing has arrived on a candidate for a second, the companion uses the next connection that waits.
 LINK-5 companion should Once linked, the companion closes every further connection.
 LINK-6 companion must When its device broadcasts later than a second after the first image, the companion closes the link and answers.
 LINK-7 companion must When its device broadcasts within a second after the first image, the companion keeps the link.
@@ -62,11 +62,11 @@ TIME-6 companion should When nothing has arrived for 3 s, the companion closes t
 TIME-7 device must When there is no new image for 500 ms, the device repeats the last one.
 TIME-8 device must When it has received no ControlMessage for 2 s, the device sends no new image and repeats the last one.
 TIME-9 device must When it has received nothing for 3 s, the device closes the link.
-TIME-10 device must When all buffers have been full for 3 s, the device closes the link.
+TIME-10 device must When full buffers have kept the device from sending anything for 3 s, it closes the link.
 TIME-11 device must The device keeps no backlog: an image that waits to be sent is replaced by the next one.
 PICT-1 companion must The companion draws the runs row by row from the top left; a run of 1 to 65535 pixels may cross rows.
 PICT-2 companion must The last pixel, which is not sent, equals the pixel before it, or is 0 in an image of one pixel.
-PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each from the top; times 17 makes 0 to 255.
+PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each, alpha in the highest bits; a value times 17 gives 0 to 255.
 PICT-4 companion must The companion shows images of 1280 x 960 and 1024 x 768 pixels, and the size may change between two images.
 PICT-5 companion must The companion drops an image whose runs do not describe width x height - 1 pixels, or whose payload is cut off.
 PICT-6 companion must The companion drops an image of 0 or more than 4,194,304 pixels, and reserves no memory for it.
@@ -75,10 +75,10 @@ PICT-8 device must The runs of an image describe width x height - 1 pixels.
 PICT-9 device must A pixel with alpha 0 is sent as 0, except the first pixel of an image.
 PICT-10 device must No run has length 0. Two neighbouring runs have the same pixel value only if the first has length 65535.
 PICT-11 device must An image has 1280 x 960 or 1024 x 768 pixels.
-PICT-12 device must The device does not send an image of more than 1,048,576 bytes, and stops repeating the one before.
-PRESS-1 companion must The companion sends no ButtonMessage or DataMessage before the first image, or before the answer to an IdentityRequest that followed its third ConnectRequest.
+PICT-12 device must The device does not send an image of more than 1,048,576 bytes, and stops repeating the image before it.
+PRESS-1 companion must The companion sends a ButtonMessage or DataMessage only after the first image, or after the answer to an IdentityRequest that followed its third ConnectRequest.
 PRESS-2 companion must A ButtonMessage holds one byte, 0 to 15.
-PRESS-3 device must Each ButtonMessage on the link is one press, passed on as message 100 + button.
+PRESS-3 device must For each ButtonMessage on the link, the device passes on one press, as the message with the number 100 + button.
 PRESS-4 device must A button above 15 repeats the last valid one, an empty ButtonMessage has no effect, and bytes after the first are ignored.
 PRESS-5 device must The device writes the text of a DataMessage to its log.
 """
