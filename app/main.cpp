@@ -12,12 +12,12 @@
 
 namespace {
 
-constexpr int MAPPED_FROM = 128 * 1024;  // bytes; malloc maps each larger buffer separately
+constexpr int MAPPED_FROM = 128 * 1024;  // bytes; malloc maps buffers of this size separately
 
 // Returns freed memory to the system at once, so that RSS does not creep over months.
 void return_freed_memory() {
-    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // fixed, or malloc would raise it and keep 13 MB
-    mallopt(M_ARENA_MAX, 1);                 // the arenas of ended threads would keep their memory
+    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // otherwise malloc raises it and keeps 13 MB
+    mallopt(M_ARENA_MAX, 1);                 // more arenas would keep the memory of ended threads
 }
 
 // If descriptors 0 to 2 are closed, the first sockets would get these numbers and receive our log

@@ -27,7 +27,7 @@ class CAPABILITY("mutex") Mutex {
     std::mutex m_mutex;
 };
 
-// Holds a mutex for a scope. A condition variable (std::condition_variable_any) may wait with it.
+// Holds a mutex for a scope. std::condition_variable_any can wait on this lock.
 class SCOPED_CAPABILITY Lock {
   public:
     explicit Lock(Mutex& mutex) ACQUIRE(mutex) : m_lock(mutex) {}

@@ -19,8 +19,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int ROOM = 0x100000;     // bytes; capacity of a pipe, which the system may refuse
-constexpr auto LINE_TIME = 100ms;  // the reader has this long for a line that needs several writes
+constexpr int ROOM = 0x100000;     // bytes; the pipe capacity to ask for; the system may refuse
+constexpr auto LINE_TIME = 100ms;  // limit for a line that needs several writes
 
 // Trivially destructible: threads go on logging while the process exits.
 struct Stream {
@@ -66,7 +66,8 @@ class Line {
 
   private:
     bool write() {
-        // Do not poll a socket: poll would report it as full far earlier than the write fails.
+        // Try the first write to a socket without poll, which reports a socket as full while it
+        // still accepts data.
         if (m_begun || !m_stream.is_socket) {
             using std::chrono::ceil, std::chrono::milliseconds;
             const auto left = ceil<milliseconds>(m_end - Clock::now()).count();
@@ -87,7 +88,7 @@ class Line {
     const int m_descriptor;
     Stream& m_stream;
     const Clock::time_point m_end = Clock::now() + LINE_TIME;
-    unsigned m_dropped_before;  // reported in front of this line
+    unsigned m_dropped_before;  // lines dropped before this one, which reports their number
     bool m_ends_a_cut_line = false;
     std::array<char, PIPE_BUF> m_buffer;
     size_t m_size = 0;

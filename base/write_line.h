@@ -12,8 +12,8 @@ void unblock_standard_streams();
 
 // Writes the pieces and a line end to STDOUT_FILENO or STDERR_FILENO. A line of up to PIPE_BUF
 // bytes (4096) is one write, so that lines of several threads never mix. A longer line needs
-// several writes and is cut off if the reader needs more than 100 ms for it. Allocates nothing;
-// ignores other failures.
+// several writes and is cut off if the reader needs more than 100 ms for it. Allocates nothing
+// and ignores write errors.
 void write_line(int stream, std::initializer_list<std::string_view> pieces) noexcept;
 
 inline void write_line(int stream, std::string_view text) noexcept {

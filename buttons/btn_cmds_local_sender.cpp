@@ -55,7 +55,7 @@ BtnCmdsLocalSender::~BtnCmdsLocalSender() {
 
 std::string BtnCmdsLocalSender::_serializeToJson(const ButtonCmdNetId& id) {
     const auto report = [](const std::exception& error) {
-        // Allocates nothing: the error may be that there is no memory.
+        // Must not allocate: the error may be std::bad_alloc.
         write_line(STDERR_FILENO,
                    {"Error: Method: BtnCmdsLocalSender::_serializeToJson, exception thrown: ",
                     error.what()});
