@@ -21,7 +21,7 @@ namespace {
 constexpr const char* SETTINGS_FILE = "/tmp/FL0/kel.ini";
 constexpr uint64_t PAGE_MASK = 0xFFFFF000;  // Deliberate: drops the address bits above 4 GiB.
 constexpr uint64_t OFFSET_MASK = 0xFFF;
-constexpr uint32_t EXTRA_PAGE = 4096;  // bytes; for a frame that does not start on a page
+constexpr uint32_t EXTRA_PAGE = 4096;  // bytes to map in addition; a frame may start within a page
 
 void clear(_AMBA_IPC_SVC_RESULT_s_* result) {
     result->word_0 = 0;
@@ -70,7 +70,7 @@ void IpcGuiFetcher::loadIdFromIni() {
 
 void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
                                       _AMBA_IPC_SVC_RESULT_s_* result) {
-    if (!m_published) {  // called between registration and the end of construction
+    if (!m_published) {  // the core has called before the fetcher is constructed
         clear(result);
         return;
     }
@@ -84,7 +84,7 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
         frame = cached->second;
     } else {
         mapPhysBuffer(fetcher, buffer);
-        // Runs only if cached_buffers has no memory for the buffer.
+        // Runs only if inserting into cached_buffers throws: a cached buffer is never released.
         // Deliberate: unmaps from the frame's first byte, with the size mapped last.
         const auto release = [&fetcher](unsigned char* start) {
             munmap(start, fetcher.m_mappedSize);
@@ -95,8 +95,8 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
 
     {
         const Lock lock(fetcher.m_comLibMutex);
-        // Deliberate: passes the size mapped last, not the announced one; all buffers have one
-        // size.
+        // Deliberate: passes the size mapped last, not the announced one; all buffers have the
+        // same size.
         if (fetcher.m_comLib != nullptr) fetcher.m_comLib->push_frame(frame, fetcher.m_mappedSize);
     }
     clear(result);
@@ -116,7 +116,8 @@ void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& bu
 }
 
 void IpcGuiFetcher::ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_*) {
-    const std::shared_ptr<IpcGuiFetcher> fetcher = getInstance();  // waits for its construction
+    const std::shared_ptr<IpcGuiFetcher> fetcher =
+        getInstance();  // waits if it is being constructed
     std::shared_ptr<ComLibInterface> facade;
     try {
         const std::string body = reinterpret_cast<const char*>(argument);

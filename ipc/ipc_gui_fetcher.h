@@ -2,8 +2,8 @@
 // address and size) and another one, rarely, for a new identity (the QR body). Frames go to the
 // current link facade; a new identity replaces the facade.
 //
-// Each buffer address is mapped once and stays mapped, so later frames at it cost no system call.
-// No static object is destroyed at exit: the core goes on calling.
+// Each buffer address is mapped once and stays mapped, so later frames at that address cost no
+// system call. No static object is destroyed at exit, because the core still calls then.
 #pragma once
 
 #include <atomic>
@@ -19,12 +19,12 @@ class ComLibInterface;
 
 constexpr uint32_t IPC_PROG_GUI_BUF = 0x70000004;
 constexpr uint32_t IPC_PROG_QR_BODY = 0x70000005;
-constexpr uint32_t IPC_SVC_VERSION = 1;  // of both programs
+constexpr uint32_t IPC_SVC_VERSION = 1;  // both programs have this version
 
 // The argument of a frame call, little-endian.
 struct GuiBufferArg {
-    uint64_t phys_addr;  // of the frame's first byte
-    uint32_t size;       // of the frame, in bytes
+    uint64_t phys_addr;  // address of the frame's first byte
+    uint32_t size;       // size of the frame in bytes
 };
 
 class IpcGuiFetcher {
@@ -37,12 +37,14 @@ class IpcGuiFetcher {
     IpcGuiFetcher(const IpcGuiFetcher&) = delete;
     IpcGuiFetcher& operator=(const IpcGuiFetcher&) = delete;
 
-    // The procedure for a frame; argument is a GuiBufferArg. Calls must not overlap. The core may
-    // reuse the frame's memory when it returns. A frame that cannot be mapped ends the process.
+    // The procedure for a frame; argument is a GuiBufferArg. Calls must not overlap. When a call
+    // returns, the core may reuse the frame's memory. A frame that cannot be mapped ends the
+    // process.
     static void ipcGuiBufReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
     // The procedure for an identity; argument is a zero-terminated text of five characters. Any
-    // other length ends the process. Returns when the old facade is destroyed. Leaves result as is.
+    // other length ends the process. Returns when the old facade is destroyed. Does not write to
+    // result.
     static void ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
   private:
@@ -63,6 +65,6 @@ class IpcGuiFetcher {
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
     static std::atomic<bool> m_published;  // m_guiFetcher is set and will not change
     static Mutex m_instanceMutex;          // held while the fetcher is constructed
-    // By physical address. Never shrinks: a display cycles through a few buffers.
+    // Mappings by physical address. Never shrinks, because a display cycles through a few buffers.
     static std::map<uint64_t, std::shared_ptr<unsigned char>>& cached_buffers;
 };

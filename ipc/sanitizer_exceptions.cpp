@@ -7,14 +7,14 @@ extern "C" const char* __lsan_default_suppressions() {
     return "leak:sg_svc_register\n";
 }
 
-// Accepted: the handler of SIGTERM calls exit, which is not async-signal-safe; and exit leaves
-// ended threads unjoined, because a network unit joins them only when it is destroyed.
+// Accepted: the SIGTERM handler calls exit, which is not async-signal-safe. Also accepted: threads
+// not joined at exit. A network unit joins its threads only when it is destroyed.
 extern "C" const char* __tsan_default_options();
 extern "C" const char* __tsan_default_options() {
     return "report_signal_unsafe=0:report_thread_leaks=0";
 }
 
-// Keeps the output free of everything but the service's own lines.
+// Without this, LeakSanitizer prints the suppressed leaks among the service's own lines.
 extern "C" const char* __lsan_default_options();
 extern "C" const char* __lsan_default_options() {
     return "print_suppressions=0";

@@ -20,7 +20,7 @@ int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, 
     sg_svc_info.count = count;
     sg_svc_info.procedures =
         static_cast<IpcProcEntry*>(std::malloc(static_cast<size_t>(count) * sizeof(IpcProcEntry)));
-    if (sg_svc_info.procedures == nullptr) return -1;  // like any other failed registration
+    if (sg_svc_info.procedures == nullptr) return -1;  // counts as a failed registration
     for (int32_t i = 0; i < count; ++i) sg_svc_info.procedures[i] = {procedures[i], 0};
 
     return ambaipc_svc_register(program, version, name, &sg_svc_info, 1);

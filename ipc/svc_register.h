@@ -16,7 +16,7 @@ int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, 
 // 0.
 void sg_svc_unregister(int signal_number, siginfo_t* information, void* context);
 
-// Version and program of the last registration.
+// The program registered last: its version, number and procedures.
 extern uint32_t sg_svc_vers;
 extern uint32_t sg_svc_prog;
 extern IpcProgInfo sg_svc_info;
