@@ -77,9 +77,9 @@ void ComLibInterface::_sender_loop() {
     pthread_setname_np(pthread_self(), "frame-sender");
     const Lock wait_lock(m_wait_mutex);
     while (!m_stop) {
-        // Choose a frame only when it can leave at once. Until then, newer frames replace it.
+        // Fetch a frame only when it can be sent at once. Until then, newer frames replace it.
         if (!m_controller->wait_until_sent()) continue;
-        // m_frame_ready also reports a frame whose notification came during SendImage.
+        // A notification during SendImage wakes nothing, but m_frame_ready still reports its frame.
         const auto ready = [this]() REQUIRES(m_frame_mutex) { return m_frame_ready; };
         Lock lock(m_frame_mutex);
         if (m_frame_cv.wait_for(lock, SENDER_WAIT, ready)) {

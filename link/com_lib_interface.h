@@ -50,8 +50,8 @@ class ComLibInterface {
     std::shared_ptr<VeltraneCommunicator> m_communicator;
     std::shared_ptr<NetworkController> m_controller;
 
-    uint32_t m_width GUARDED_BY(m_frame_mutex) = 0;   // of the frame in m_back
-    uint32_t m_height GUARDED_BY(m_frame_mutex) = 0;  // likewise
+    uint32_t m_width GUARDED_BY(m_frame_mutex) = 0;   // pixels; width of the frame in m_back
+    uint32_t m_height GUARDED_BY(m_frame_mutex) = 0;  // pixels; height of the frame in m_back
     std::vector<unsigned char> m_front;  // the frame being sent; only touched by the sender
     std::vector<unsigned char> m_back GUARDED_BY(m_frame_mutex);
     std::thread m_sender_thread;

@@ -8,7 +8,7 @@ namespace {
 using Vector [[gnu::vector_size(16), gnu::may_alias]] = unsigned char;
 using Word [[gnu::may_alias]] = uint64_t;
 
-constexpr size_t AT_ONCE = 8;  // vectors
+constexpr size_t AT_ONCE = 8;  // vectors loaded before the first one is stored
 
 // Without volatile, the compiler would turn the loops below into calls of memcpy.
 template <typename T>

@@ -6,14 +6,14 @@
 #include <cstddef>
 #include <cstring>
 
-// Aligns every load to its size, loads as widely as possible, eight vectors at a time, and reads
-// nothing outside the source.
+// Copies with aligned loads that are as wide as possible, eight vectors at a time. Reads nothing
+// outside the source.
 [[gnu::noinline]] void CopyWide(unsigned char* to, const unsigned char* from, size_t size);
 
 inline void ReadFrame(unsigned char* to, const unsigned char* frame, size_t size) {
 #if defined(__aarch64__)
     CopyWide(to, frame, size);
 #else
-    std::memcpy(to, frame, size);  // faster; other processors read any memory at any address
+    std::memcpy(to, frame, size);  // faster, and other processors allow unaligned loads
 #endif
 }
