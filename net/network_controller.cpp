@@ -22,11 +22,11 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr unsigned short PEER_PORT = LINK_PORT;
-constexpr auto SWEEP_INTERVAL = 1s;            // a candidate has about this long to be accepted
-constexpr size_t MAX_CANDIDATES = 32;          // each costs a socket and a thread
-constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;     // per sweep; bounds the connections to one host
-constexpr size_t MAX_HOSTS = 1024;             // that have turns; others wait for the next sweep
-constexpr unsigned SWEEPS_REMEMBERED = 60;     // then the turns of all hosts are forgotten
+constexpr auto SWEEP_INTERVAL = 1s;    // a candidate has about this much time to become the link
+constexpr size_t MAX_CANDIDATES = 32;  // each costs a socket and a thread
+constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;  // per sweep; limits how many connections one host gets
+constexpr size_t MAX_HOSTS = 1024;  // hosts whose turns are counted; others wait for the next sweep
+constexpr unsigned SWEEPS_REMEMBERED = 60;  // sweeps; after these, all counts of turns are cleared
 constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then another candidate is examined
 
 // How often a host has been a candidate.
@@ -35,8 +35,8 @@ struct Turns {
     unsigned in_sweep = 0;
 };
 
-// Part of a connection's callback: when the receive thread destroys it, the connection has ended.
-// The worker ignores reports of copies that other threads destroy.
+// Captured by a connection's callback. The receive thread destroys its copy when the connection has
+// ended. Other threads destroy copies, too, but the worker ignores these reports.
 struct ConnectionEnd {
     std::weak_ptr<NetworkController::NetworkWorker> worker;
 
@@ -56,11 +56,11 @@ struct NetworkController::State {
     std::atomic<bool> m_stop{false};
     Mutex m_mutex;  // never held while the worker is called or a unit is destroyed
 
-    Units m_candidates GUARDED_BY(m_mutex);       // peers found, each connecting or connected
-    Units m_seekers GUARDED_BY(m_mutex);          // interfaces of this sweep and earlier ones
-    Units m_current GUARDED_BY(m_mutex);          // the linked peer, or empty
-    Units m_dropped GUARDED_BY(m_mutex);          // connections that were given up and are stopping
-    size_t m_connecting GUARDED_BY(m_mutex) = 0;  // admitted, but not yet listed
+    Units m_candidates GUARDED_BY(m_mutex);  // peers found, each connecting or connected
+    Units m_seekers GUARDED_BY(m_mutex);     // interfaces searched in this sweep or an earlier one
+    Units m_current GUARDED_BY(m_mutex);     // the linked peer, or empty
+    Units m_dropped GUARDED_BY(m_mutex);     // connections that were given up and are stopping
+    size_t m_connecting GUARDED_BY(m_mutex) = 0;  // peers admitted, but not yet in m_candidates
     std::map<uint32_t, Turns> m_turns GUARDED_BY(m_mutex);
 
     // Candidates are examined one at a time, in the order of their tickets.
@@ -69,7 +69,7 @@ struct NetworkController::State {
     std::condition_variable_any m_next_examination;
     NetworkUnit* m_pending GUARDED_BY(m_mutex) = nullptr;  // the candidate being examined
 
-    std::weak_ptr<NetworkWorker> m_worker;  // constant
+    std::weak_ptr<NetworkWorker> m_worker;  // constant once set
 
     void drop(Units& from, Units::iterator unit) REQUIRES(m_mutex) {
         (*unit)->stop();
@@ -87,10 +87,9 @@ struct NetworkController::State {
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
 
-// Returns whether a host may become a candidate now; if so, counts the turn. If all places are
-// taken, it gets the place of a candidate whose host had more turns. The candidate with the most is
-// dropped; among equals, an unconnected one, because its answer may have been spoofed, otherwise
-// the first in the list.
+// Returns whether a host may become a candidate now, and if so, counts its turn. If all places are
+// taken, drops the candidate whose host had the most turns, but only if this host had fewer. Among
+// several with the most turns, prefers an unconnected one: its answer may have been spoofed.
 bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];
@@ -121,7 +120,7 @@ NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worke
 NetworkController::~NetworkController() {
     State& state = *m_state;
     // Once m_stop is set, only a running sweep adds units. The second _clear_all, after the join,
-    // stops those.
+    // stops the units that it has added.
     state.m_stop = true;
     _clear_all(m_state);
     {
@@ -226,8 +225,8 @@ void NetworkController::_data_receive(const SharedState& state, const unsigned c
     }
 }
 
-// Examines one candidate at a time, so that answers go to the right one, and in small portions, so
-// that no candidate waits long. Stops when the candidate is dropped or another one is linked.
+// Examines one candidate at a time, so that answers go to the right one. Examines small portions,
+// so that no candidate waits long. Stops when this candidate is dropped or another one is linked.
 void NetworkController::_examine(const SharedState& state, const unsigned char* data,
                                  uint64_t length, NetworkUnit* unit, NetworkWorker& worker) {
     // The destructor ends the examination even after an exception, because other candidates wait
@@ -318,8 +317,8 @@ void NetworkController::_clear_current(const SharedState& state, const NetworkUn
     if (!current.empty() && current.front().get() == unit) state->drop(current, current.begin());
 }
 
-// Drops all candidates. Seekers stay: their searches end by themselves. Their sockets share a port,
-// so until then any of them may receive an answer, even one to a newer broadcast.
+// Drops all candidates. Keeps the seekers: their searches end by themselves. Their sockets share a
+// port, so an old seeker may receive the answer to a newer broadcast.
 void NetworkController::_clear_all(const SharedState& state) {
     const Lock lock(state->m_mutex);
     while (!state->m_candidates.empty()) {

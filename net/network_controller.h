@@ -55,14 +55,14 @@ class NetworkController {
     NetworkController& operator=(const NetworkController&) = delete;
 
     // Sends to the linked peer. Without a link, sends to the candidate that is being examined; if
-    // there is none, drops the data. Blocks for at most 6 s, after an earlier send has ended, and
-    // drops a peer whose socket has not accepted the data by then. Drops a candidate at once if its
-    // socket has no room for all the data.
+    // there is none, drops the data. Waits for an earlier send to end, then blocks for at most
+    // 6 s. Drops the linked peer if its socket has not accepted all the data by then. Never blocks
+    // on a candidate: drops it if its socket has no room for all the data.
     void send(const unsigned char* data, uint64_t length);
 
-    // Waits until the linked peer's send buffer is nearly empty, because data in it cannot be
-    // replaced by newer data. Holds no lock while it waits, at most 3 s. After that, returns false
-    // if the connection is still sending, or drops the peer if nothing was sent.
+    // Waits until the send buffer of the link is nearly empty, because newer data cannot replace
+    // data in the buffer. Waits at most 3 s, without a lock. After 3 s, returns false if some of
+    // the data was sent; otherwise drops the peer.
     bool wait_until_sent();
 
   private:

@@ -65,10 +65,10 @@ class NetworkUnit {
     // to its end. Blocks while a send blocks.
     virtual void stop() = 0;
 
-    // The TCP connection has been established, and stop was not called.
+    // Returns whether the TCP connection is established and stop was not called.
     virtual bool connected() const = 0;
 
-    // No thread of the unit runs any more: destroying it does not block.
+    // Returns whether all threads of the unit have ended, so that destroying it does not block.
     virtual bool stopped() const = 0;
 
     // Like send, but never blocks: sends only what fits into the socket's send buffer.
@@ -77,7 +77,8 @@ class NetworkUnit {
     // IPv4 address in network byte order.
     virtual uint32_t address() const = 0;
 
-    // The TCP connection's socket, or null. It stays open for as long as it is shared.
+    // The TCP connection's socket, or null. It stays open until all copies of the pointer are
+    // gone.
     virtual std::shared_ptr<const NetSocket<>> socket() const = 0;
 
     NetworkUnit(const NetworkUnit&) = delete;
@@ -92,7 +93,7 @@ class NetworkUnit {
     std::thread _tcp_thread GUARDED_BY(_mutex);
 
     std::atomic<bool> _stop{false};               // set by the destructor; ends every loop
-    mutable std::atomic<bool> _ping_done{false};  // the discovery sender has finished its wait
+    mutable std::atomic<bool> _ping_done{false};  // the time for answers is over
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
     mutable std::atomic<bool> _connected{false};  // the last tcp_connect has succeeded
     mutable std::atomic<int> _running{0};         // running threads of discovery and connection

@@ -19,8 +19,8 @@
 namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer is gone
-constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send that finds no room for longer has failed
-constexpr int SYN_RETRANSMISSIONS = 3;    // of a connection attempt; SEND_TIMEOUT bounds it, too
+constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send fails if the socket has no room for longer
+constexpr int SYN_RETRANSMISSIONS = 3;    // of a connection attempt, which SEND_TIMEOUT limits, too
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
@@ -43,8 +43,8 @@ void set_low_water_mark(int fd, int bytes) {
     setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
 }
 
-// A separate mapping: a page costs memory only after the first write to it, and all memory returns
-// to the system when the connection ends.
+// Maps its memory separately: a page costs memory only after the first write to it, and all memory
+// returns to the system when the connection ends.
 class ReceiveBuffer {
   public:
     explicit ReceiveBuffer(size_t size)
@@ -139,7 +139,7 @@ bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
 
-// Accepts an unsent rest of less than a segment: TCP holds it back until earlier data is
+// Ignores an unsent rest of less than a segment: TCP holds it back until earlier data is
 // acknowledged. Resets the low-water mark after the wait, so that a send may fill the whole buffer
 // and a large frame on a slow link does not time out.
 NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket) {
@@ -189,8 +189,8 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
     if (unit == nullptr) return;
     pthread_setname_np(pthread_self(), "tcp-receive");
     try {
-        // A local copy: it may own what others wait for, so destroy it before the thread counts as
-        // ended.
+        // Destroy the callback before the thread counts as ended: other threads may wait until what
+        // it owns is destroyed.
         const DataReceivedCallback callback = std::move(on_data);
         unit->_tcp_receive(port, callback);
     } catch (...) {  // on_data is empty or has thrown: the thread ends without a message
@@ -210,13 +210,13 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     }
     _connected = true;
 
-    // Callbacks may send on the unit that they get.
+    // Not const, because callbacks may send on the unit that they get.
     auto* const unit = const_cast<NetworkUnitV4*>(this);
     const ReceiveBuffer buffer(BUFFER_SIZE);
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};
         const int ready = poll(&event, 1, POLL_TIMEOUT);
-        if (_stop || _tcp_stop) return;  // stopped here, so report no end of the connection
+        if (_stop || _tcp_stop) return;  // this side has stopped it: report no end
         if (ready <= 0) {
             write_line(STDERR_FILENO, "NetworkUnitV4: tcp receiver error or timeout");
             on_data(nullptr, 0, unit);

@@ -1,7 +1,7 @@
 // A network unit of the IPv4 family: discovery by ICMP echo sweep or by UDP broadcast, and the TCP
 // connection. Addresses and masks are 32-bit values in network byte order.
 //
-// No wait on a socket is longer than 3 s, so a unit that is asked to stop has stopped soon after.
+// No wait on a socket is longer than 3 s, so a unit stops soon after it was asked to.
 #pragma once
 
 #include <cstdint>

@@ -20,11 +20,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int POLL_TIMEOUT = 3000;        // ms; until a receiver looks at its flags again
+constexpr int POLL_TIMEOUT = 3000;        // ms; a receiver checks its flags at least this often
 constexpr timeval SEND_TIMEOUT = {3, 0};  // s; an unreachable host must not hold up the sweep
 constexpr auto ANSWER_WAIT = 3s;          // for answers after the last request
 constexpr auto REQUEST_PAUSE = 1ms;       // before each echo request, to spare the network
-constexpr uint32_t SWEEP_LIMIT = 256;     // addresses; of a larger subnet only the first ones
+constexpr uint32_t SWEEP_LIMIT = 256;     // addresses; the rest of a larger subnet is not searched
 constexpr size_t IP_HEADER_SIZE = 20;     // bytes; headers with options are not expected
 
 // Echo request: type 8, code 0, checksum, identifier 0, sequence number 0, 20 bytes of data.
@@ -60,7 +60,7 @@ void set_common_options(int fd) {
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
 }
 
-// True when a datagram is ready, false when it is time to look at the flags.
+// Returns true when a datagram is ready, false when the caller should check its flags.
 bool wait_for_datagram(int fd) {
     pollfd event = {fd, POLLIN, 0};
     const int ready = poll(&event, 1, POLL_TIMEOUT);
@@ -68,8 +68,8 @@ bool wait_for_datagram(int fd) {
     return ready > 0 && (event.revents & POLLIN) != 0;
 }
 
-// True when the next datagram fills the buffer exactly. MSG_TRUNC returns the real length: a longer
-// datagram must not pass for one of the right size.
+// Returns whether the next datagram fills the buffer exactly. MSG_TRUNC returns the real length: a
+// longer datagram must not pass for one of the right size.
 template <size_t Size>
 bool receive_exactly(int fd, std::array<unsigned char, Size>& buffer, sockaddr_in& sender) {
     socklen_t length = sizeof sender;
