@@ -1,6 +1,6 @@
-// Three implementations of one checksum: eight tables on any processor, carry-less multiplication
-// on x86-64 and CRC instructions on 64-bit Arm, the last two where the processor has them. All of
-// them update the same register, so one can continue where another has stopped.
+// Three implementations of one checksum: eight tables (any processor), carry-less multiplication
+// (x86-64) and CRC instructions (64-bit Arm). The last two run only if the processor has them. All
+// three update the same register, so one can continue where another has stopped.
 #include "protocol/crc32.h"
 
 #include <array>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr uint32_t POLYNOMIAL = 0xEDB88320;  // reflected
 
-// The remainder after one more zero bit: a multiplication by x.
+// Returns the remainder after one more zero bit, which is a multiplication by x.
 constexpr uint32_t shifted(uint32_t remainder) {
     return (remainder >> 1) ^ ((remainder & 1) != 0 ? POLYNOMIAL : 0);
 }
@@ -61,8 +61,8 @@ uint32_t update_by_tables(uint32_t value, const unsigned char* bytes, uint64_t l
 
 #if defined(__x86_64__)
 
-// x to the power of n modulo the polynomial, reflected, and shifted by one bit, as carry-less
-// multiplication of reflected numbers needs it.
+// Returns x to the power of n modulo the polynomial, reflected. Carry-less multiplication of
+// reflected numbers needs it shifted by one bit.
 constexpr long long power(int n) {
     uint32_t remainder = 0x80000000;
     for (; n > 0; --n) remainder = shifted(remainder);

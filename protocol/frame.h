@@ -26,8 +26,8 @@ inline constexpr size_t LENGTH_OFFSET = 36;
 inline constexpr size_t TYPE_OFFSET = 40;
 inline constexpr size_t HEADER_SIZE = 42;
 
-// Bytes. Deliberate: the builder accepts payloads of this size, a receiver frames of this size,
-// header included.
+// In bytes. Deliberate: BuildFrame applies this limit to the payload alone, a receiver to the whole
+// frame with its header.
 inline constexpr uint64_t MAX_SIZE = 0x100000;
 
 inline constexpr size_t ID_SIZE = 5;  // bytes of a device's identity
@@ -40,7 +40,7 @@ enum MessageType : uint16_t {
     IdentityMessage = 3,  // device to companion: 5-byte device id, then firmware version text
     ConnectRequest = 4,   // companion to device: make this connection the link
     IdentityRequest = 5,  // companion to device: answered by an IdentityMessage
-    DataMessage = 6,      // both: text
+    DataMessage = 6,      // both directions: text
 };
 
 struct FrameHeader {
@@ -49,7 +49,7 @@ struct FrameHeader {
     uint16_t type;
 };
 
-// Reads the header at frame, HEADER_SIZE bytes. Does not look at the start sequence.
+// Reads the header at frame, HEADER_SIZE bytes. Does not check the start sequence.
 inline FrameHeader ReadHeader(const unsigned char* frame) {
     FrameHeader header;
     std::memcpy(&header.checksum, frame + CHECKSUM_OFFSET, sizeof header.checksum);

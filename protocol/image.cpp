@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr uint32_t RUN_MAX = 65535;  // pixels; a length is one word
+constexpr uint32_t RUN_MAX = 65535;  // pixels; a run's length is one 16-bit word
 
 // Pixels per chunk. The chunk's lists of run ends and values fit into the L1 cache. A chunk is
 // shorter than RUN_MAX, so only the first run that ends in it can be too long.

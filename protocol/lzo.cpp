@@ -8,7 +8,7 @@
 namespace {
 
 bool initialised = false;
-// More than the algorithm's LZO1X_1_MEM_COMPRESS.
+// Larger than LZO1X_1_MEM_COMPRESS, which the algorithm needs.
 alignas(lzo_align_t) unsigned char work_area[1048576];
 
 }  // namespace

@@ -5,8 +5,8 @@
 
 #include <array>
 
-// Disables the sets with which this code is no faster than with the next smaller one, and scalable
-// vectors.
+// Disables scalable vectors, and each set with which this code is no faster than with a smaller
+// one.
 #define HWY_DISABLED_TARGETS \
     (HWY_SSSE3 | HWY_AVX3 | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128)
 #define HWY_WANT_AVX3_DL  // the AVX-512 that can compress 16-bit lanes
@@ -66,7 +66,7 @@ HWY_INLINE auto opaque(Tag tag, hn::Vec<Tag> pixels) {
     return hn::Ne(hn::And(pixels, hn::Set(tag, 0xFFFF - TRANSPARENT_MAX)), hn::Zero(tag));
 }
 
-// The lanes in which two pixels belong to different runs.
+// Returns the lanes in which two pixels belong to different runs.
 template <class Tag>
 HWY_INLINE auto differ(Tag tag, hn::Vec<Tag> pixels, hn::Vec<Tag> others) {
     return hn::And(hn::Ne(pixels, others), opaque(tag, hn::Or(pixels, others)));

@@ -8,12 +8,12 @@
 // Pixels up to this value have an alpha (the top four bits) of zero: transparent, they count as 0.
 inline constexpr uint16_t TRANSPARENT_MAX = 0x0FFF;
 
-// FindRunEnds may overwrite this many elements after those that it found: its widest vector.
+// FindRunEnds writes whole vectors, so it may overwrite up to this many elements after its results.
 inline constexpr size_t RUN_ENDS_SLACK = 32;
 
 // Compares count pairs of neighbours, from pixels[0] and pixels[1] to pixels[count - 1] and
-// pixels[count], and returns in how many of them a run ends. For each of these, in order, ends gets
-// the index of the second pixel (modulo 65536) and values the first pixel. ends and values must
-// have room for count + RUN_ENDS_SLACK elements and must not overlap other data. Nothing needs to
-// be aligned. Reentrant.
+// pixels[count], and returns the number of pairs in which a run ends. For each such pair, in order,
+// writes the index of its second pixel (modulo 65536) to ends and its first pixel to values. Both
+// must have room for count + RUN_ENDS_SLACK elements and must not overlap other data. Nothing needs
+// to be aligned. Reentrant.
 size_t FindRunEnds(const uint16_t* pixels, size_t count, uint16_t* ends, uint16_t* values);

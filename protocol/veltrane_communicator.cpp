@@ -11,14 +11,15 @@
 
 namespace {
 
-constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB, so that a typical screen encodes in place
+constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; a typical screen fits without reallocation
 
-// An image is encoded into its frame, after room for the header.
+// An image is encoded directly into its frame, behind the space for the header.
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
-// The calling thread's number; 0 until its first bytes. A thread receives for one connection only,
-// so its number identifies the connection. Unlike a thread's id, it is never reused.
+// The calling thread's number; 0 until the thread delivers its first bytes. A thread receives for
+// one connection only, so its number identifies the connection. Unlike a thread's id, it is never
+// reused.
 std::atomic<uint64_t> last_connection{0};
 thread_local uint64_t this_connection = 0;
 
@@ -32,7 +33,8 @@ std::vector<unsigned char> build_identity_frame(const std::string& id,
                       payload.size());
 }
 
-// Returns the first start sequence, or null. Tries the first bytes first: usually it is there.
+// Returns where the first start sequence is, or null. Looks at the beginning of data first, where
+// it usually is.
 const unsigned char* find_start(const unsigned char* data, uint64_t count) {
     const auto& start = STARTING_SEQUENCE;
     if (count < start.size()) return nullptr;
@@ -119,7 +121,7 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
     if (Crc32(frame + HEADER_SIZE, header.length) == header.checksum) {
         _dispatch(header.type, frame + HEADER_SIZE, header.length, signal, deliver_all);
     }
-    // Deliberate: the length of a damaged frame is trusted, so all that it announces is skipped.
+    // Deliberate: trusts the length in a damaged frame, and skips the whole frame.
     stream.begin += size;
     return stream.size() != 0;
 }
@@ -149,7 +151,7 @@ void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool
 }
 
 void VeltraneCommunicator::OnConnectionEnd() {
-    if (this_connection == 0) return;  // not a receive thread, but one that destroyed a copy
+    if (this_connection == 0) return;  // not a receive thread: it destroyed a copy of a callback
     const Lock lock(m_receive_mutex);
     m_receive_buffers.erase(this_connection);
 }

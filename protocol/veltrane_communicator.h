@@ -1,11 +1,12 @@
 // Turns the bytes of connections into messages, and messages into frames. Reassembles and checks
 // received bytes, passes messages to the message handler, and answers requests itself. Owns no
-// socket and no thread; sends through the controller, and sends nothing while there is none.
+// socket and no thread; sends through the controller, and sends nothing without a controller.
 //
 // Keeps each connection's incomplete frame separately. A damaged stream loses only its buffered
 // bytes: all of them are dropped if they contain no start sequence, if they announce a frame above
 // MAX_SIZE, or if they would be more than MAX_SIZE. All connections together keep at most MAX_SIZE
-// bytes; beyond that the connection that keeps the most loses its bytes, the link last.
+// bytes. If they exceed it, the connection that keeps the most loses its bytes; the link comes
+// last.
 #pragma once
 
 #include <cstdint>
@@ -56,11 +57,11 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     void _keep(uint64_t connection, const Stream& stream, bool is_link) REQUIRES(m_receive_mutex);
     void _send(const unsigned char* frame, uint64_t size);
 
-    Mutex m_receive_mutex;  // locked before the next two
+    Mutex m_receive_mutex;  // lock it before the two mutexes below
     // Incomplete frames, by connection; an entry is never empty.
     std::map<uint64_t, std::vector<unsigned char>> m_receive_buffers GUARDED_BY(m_receive_mutex);
 
-    Mutex m_handler_mutex;  // held for one call of the handler
+    Mutex m_handler_mutex;  // held while the handler runs
     MessageHandler m_message_handler GUARDED_BY(m_handler_mutex);
 
     Mutex m_controller_mutex;
