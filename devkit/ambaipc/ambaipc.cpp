@@ -33,14 +33,14 @@ using namespace std::chrono_literals;
 
 constexpr size_t MAX_PROGRAMS =
     32;  // different programs in the life of a process; the service has 2
-constexpr size_t MAX_CALLERS = 64;    // connections to a program; one more closes the oldest
+constexpr size_t MAX_CALLERS = 64;    // connections to a program; a further one closes the oldest
 constexpr size_t PADDING = 64;        // zero bytes after the argument: every text is terminated
 constexpr auto ACCEPT_RETRY = 100ms;  // when out of descriptors
 
 constexpr int FREE = -1;
 constexpr int LEAVING = -2;  // unregistered; its thread has not closed the listener yet
 
-// Once a program has used a slot, no other program gets it.
+// Once a program has used a slot, no other program gets that slot.
 struct Slot {
     uint64_t key = 0;                 // program and version; constant once set
     std::atomic<int> listener{FREE};  // the listening socket, FREE or LEAVING
@@ -80,8 +80,8 @@ class Program {
         m_polled.push_back({m_listener, POLLIN, 0});
         for (;;) {
             if (poll(m_polled.data(), m_polled.size(), -1) < 0) continue;  // interrupted
-            // Wait for the hang-up, not for LEAVING: only then does unregistering no longer use the
-            // descriptor.
+            // Wait for the hang-up, not for LEAVING: until the hang-up, unregistering still uses
+            // the descriptor.
             if (m_polled[0].revents & POLLHUP) break;
             for (size_t i = 1; i < m_polled.size(); ++i)
                 if (m_polled[i].revents && !answer_call(m_polled[i].fd)) drop(i);

@@ -13,7 +13,8 @@ namespace guilink {
 
 class AmbaipcCaller {
   public:
-    // Long, because a QR body makes the service stop its old link first, which lasts some seconds.
+    // Long, because the service stops its old link before it answers a QR body. That takes some
+    // seconds.
     static constexpr auto CALL_TIMEOUT = std::chrono::seconds(30);
 
     AmbaipcCaller(uint32_t program, uint32_t version);

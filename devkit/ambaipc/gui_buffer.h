@@ -12,7 +12,8 @@ inline constexpr uint32_t QR_BODY_PROGRAM = 0x70000005;  // argument: zero-termi
 inline constexpr uint32_t GUI_SERVICE_VERSION = 1;
 inline constexpr uint32_t ONLY_PROCEDURE = 0;  // each program has one procedure
 
-// A frame's physical address (offset 0) and its size in bytes (offset 8), little-endian.
+// Returns the argument of a frame call: the frame's physical address (offset 0) and its size in
+// bytes (offset 8), little-endian.
 inline std::array<unsigned char, 12> gui_buffer_argument(uint64_t address, uint32_t size) {
     std::array<unsigned char, 12> argument;
     for (size_t i = 0; i < 8; ++i) argument[i] = static_cast<unsigned char>(address >> (8 * i));
