@@ -21,9 +21,9 @@ namespace guilink {
 
 namespace {
 
-constexpr auto REQUEST_INTERVAL = 50ms;         // until linked; a candidate lives for about 1 s
-constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;  // then even a slow device has listed the connection
-constexpr auto KEEP_ALIVE_INTERVAL = 400ms;     // the device sends images for 2 s after each
+constexpr auto REQUEST_INTERVAL = 50ms;         // between connect requests, until linked
+constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;  // after these, even a slow device has listed us
+constexpr auto KEEP_ALIVE_INTERVAL = 400ms;     // without one for 2 s, no new images come
 constexpr auto SILENCE = 1s;           // a device silent for longer is asked for its identity
 constexpr auto TIMEOUT = 3s;           // a connection silent for longer is closed
 constexpr size_t MAX_CONNECTIONS = 8;  // a device opens about one a second and soon drops it
@@ -122,7 +122,8 @@ void Companion::wait() {
 
     eventfd_t ignored;
     if (events[0].revents != 0) eventfd_read(m_wake, &ignored);
-    // A device broadcasts before it connects, perhaps after the poll above.
+    // Read broadcasts before accepting: a device that connects has broadcast before, perhaps after
+    // the poll above.
     if (events[1].revents != 0 || events[2].revents != 0) receive_broadcasts();
     auto event = events.begin() + 3;
     for (Connection& connection : m_connections) {
@@ -235,7 +236,7 @@ void Companion::take_frame(Connection& from, uint16_t type,
     }
 }
 
-// The device has replaced its link when a newer connection delivers a message.
+// When a newer connection delivers a message, the device has made that one its link.
 void Companion::take_as_link(Connection& connection) {
     if (m_link == &connection) return;
     for (Connection& other : m_connections) {
@@ -262,7 +263,7 @@ void Companion::talk(Connection& connection) {
     }
     connection.send(ControlMessage);
     const bool ready = connection.answered > 0;
-    // Ask again for a confirmation that may have been lost.
+    // Ask again if the confirmation of a message may have been lost.
     const bool unconfirmed = &connection == m_link && !m_sent.empty();
     if (connection.requests > 1 && (!ready || unconfirmed || silence > SILENCE)) ask(connection);
     connection.next_words = now + (ready ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);

@@ -44,13 +44,13 @@ struct LinkStatus {
     std::string firmware;  // version text
 
     // Only meaningful while not linked.
-    std::string wanted;    // the chosen device, or the last one; empty for any
+    std::string wanted;    // the chosen or the last linked device; empty for any
     bool several = false;  // several devices are in sight, and none is chosen
 };
 
 // The outcome of a message.
 enum class Delivery {
-    confirmed,  // the device has handed it on
+    confirmed,  // the device has handed the message on
     unknown,    // sent, but the link ended before the device confirmed it
     refused,    // not sent: there is no link
 };
@@ -69,7 +69,7 @@ class Companion {
         std::function<void(const LinkStatus&)> status;  // on every change
         std::function<void(const Payload&)> image;      // each image, repeats included
         std::function<void(const std::string&)> text;   // a text from the device
-        // After broadcasts: the devices that sent them, the latest first.
+        // Called after each broadcast: all devices that have broadcast, the latest first.
         std::function<void(const std::vector<HeardDevice>&)> devices = {};
     };
 
@@ -134,7 +134,7 @@ class Companion {
 
     // Only for the companion's thread.
     std::string m_device;                 // identity or address of the chosen device; empty for any
-    LinkStatus m_last;                    // the last device; stays chosen
+    LinkStatus m_last;                    // the device linked last; stays chosen
     std::deque<uint32_t> m_answered;      // addresses that may connect
     std::deque<Sent> m_sent;              // sent on the link, not confirmed yet
     std::list<Connection> m_connections;  // oldest first
@@ -144,7 +144,7 @@ class Companion {
 
     Mutex m_waiting_mutex;
     std::deque<Message> m_waiting GUARDED_BY(m_waiting_mutex);
-    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);  // not processed yet
+    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);  // not applied yet
 
     std::atomic<bool> m_stop{false};
     std::thread m_thread;

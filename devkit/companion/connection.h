@@ -23,7 +23,7 @@ class Connection {
 
     int descriptor() const { return m_descriptor; }
     uint32_t address() const { return m_address; }  // IPv4, network byte order
-    bool ended() const { return m_ended; }          // to be closed
+    bool ended() const { return m_ended; }          // the companion must close it
     void end() { m_ended = true; }
     bool wants_to_write() const { return !m_outgoing.empty(); }
     Clock::time_point last_received() const { return m_last_received; }  // or time of construction
@@ -36,7 +36,7 @@ class Connection {
     unsigned requests = 0;    // connect requests sent
     uint64_t asked = 0;       // identity requests sent, all after the second connect request
     uint64_t answered = 0;    // identity requests answered; the device answers in order
-    bool image_seen = false;  // only the link carries images
+    bool image_seen = false;  // then it is the link: only the link carries images
     Clock::time_point next_words = {};  // when the next messages are due
 
   private:

@@ -28,7 +28,7 @@ class Discovery {
     struct Call {
         const HeardDevice& device;            // valid only during the call
         uint32_t address;                     // network byte order
-        std::optional<size_t> callers_since;  // other devices since this one's last broadcast;
+        std::optional<size_t> callers_since;  // number of other devices since its last broadcast;
                                               // empty for its first broadcast
     };
 

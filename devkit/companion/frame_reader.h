@@ -1,7 +1,7 @@
 // Finds the frames in a device's stream of bytes. Skips bytes before a start sequence, a header
-// that announces more than MAX_SIZE bytes, and a frame with a wrong checksum. It skips the whole
-// announced length of such a frame, so the work stays linear in the bytes received. Buffers at most
-// one incomplete frame, about 1 MiB.
+// that announces more than MAX_SIZE bytes, and a frame with a wrong checksum: the whole frame, so
+// that the work stays linear in the bytes received. Buffers at most one incomplete frame, about
+// 1 MiB.
 #pragma once
 
 #include <cstdint>
