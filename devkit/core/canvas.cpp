@@ -9,7 +9,7 @@ namespace {
 
 constexpr double UNITS = 1280;  // width of the screen, in drawing units
 
-// Converts a pixel from premultiplied 8:8:8:8 to 4:4:4:4 that is not premultiplied.
+// Converts a premultiplied ARGB 8:8:8:8 pixel to ARGB 4:4:4:4, not premultiplied.
 uint16_t to_4444(uint32_t argb) {
     const uint32_t alpha = argb >> 24;
     uint32_t red = argb >> 16 & 0xFF;

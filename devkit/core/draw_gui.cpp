@@ -9,7 +9,7 @@ namespace guilink {
 
 namespace {
 
-// All colours fit 4 bits a channel, so they arrive unchanged.
+// Returns a channel's value. All colours fit into 4 bits per channel, so they arrive unchanged.
 constexpr double step(int sixteenth) {
     return sixteenth / 15.0;
 }

@@ -16,8 +16,8 @@ class FrameMemory {
   public:
     static constexpr size_t BUFFERS = 3;  // the core draws into them in turn
 
-    // Buffers of size bytes each. Throws std::runtime_error when there is no simulated memory, or
-    // no address is left.
+    // Creates the buffers, of size bytes each. Throws std::runtime_error when there is no simulated
+    // memory, or no unused address in it.
     explicit FrameMemory(uint32_t size);
     ~FrameMemory();
     FrameMemory(const FrameMemory&) = delete;
@@ -31,7 +31,7 @@ class FrameMemory {
     const uint32_t m_size;
     const uint64_t m_stride;  // bytes from buffer to buffer; whole pages
     int m_file;
-    uint64_t m_address;  // of the first buffer
+    uint64_t m_address;  // physical address of the first buffer
     unsigned char* m_mapping;
 };
 

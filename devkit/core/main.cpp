@@ -28,7 +28,7 @@ constexpr int LATE = 300;                                // ms; delay of a frame
 
 volatile std::sig_atomic_t stopped = 0;
 
-// Whether each size is the large one.
+// Maps each size to whether it is the large one.
 const std::map<std::string, bool> SIZES = {{"1280x960", true}, {"1024x768", false}};
 const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
                                              {"overlay", Scene::overlay},
@@ -72,7 +72,7 @@ class Service {
         call(m_gui, gui_buffer_argument(address, size));
     }
 
-    // Retries until guilinkd accepts it.
+    // Retries until guilinkd accepts the text.
     void send_qr_body(const std::string& text) {
         const auto* const begin = reinterpret_cast<const unsigned char*>(text.c_str());
         while (!call(m_qr, {begin, text.size() + 1}) && !stopped) {
@@ -102,7 +102,7 @@ class Service {
     std::optional<Clock::time_point> m_away_since;
 };
 
-// Handles buttons until the next frame is due. Returns whether one was pressed.
+// Handles buttons until the next frame is due. Returns whether a button was pressed.
 bool take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large,
                         Fault fault) {
     bool pressed = false;
@@ -140,7 +140,7 @@ void run(const Options& options) {
     const auto start = Clock::now();
     auto due = start;
     std::span<uint16_t> pixels;
-    bool pressed = false;  // since the last frame; with Fault::lost, at any time
+    bool pressed = false;  // since the last frame, or with Fault::lost since the start
     for (uint64_t frame = 1; !stopped; ++frame) {
         if (screen->large != large) {
             screen.reset();
