@@ -8,7 +8,7 @@ namespace guilink {
 
 namespace {
 
-// The name in a Host header without its port, brackets included.
+// Returns the name in a Host header: without the port, but with the brackets of an IPv6 address.
 std::string_view host_name(std::string_view host) {
     const size_t end = host.starts_with('[') ? host.find(']') : host.rfind(':');
     if (end == std::string_view::npos) return host;

@@ -83,7 +83,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void answer(const Reply& reply) { answer(reply, {}); }
 
-    // picture is the number of the picture that the answer names.
+    // picture is a picture's number, for a header of the answer.
     void answer(const Reply& reply, std::optional<uint64_t> picture) {
         const Request& request = m_parser->get();
         m_timer.cancel();
@@ -152,8 +152,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
                 Hub::sentence(found) + std::string("\n")});
     }
 
-    // Sends this answer after PATIENCE, unless m_turn shows that another answer was sent. The timer
-    // keeps the session alive until then. Returns m_turn.
+    // Sends an error after PATIENCE, unless m_turn has changed: then another answer was sent. The
+    // timer keeps the session alive while it runs. Returns m_turn.
     uint64_t wait(unsigned status, const char* why) {
         m_timer.expires_after(PATIENCE);
         m_timer.async_wait(
@@ -172,7 +172,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     std::optional<http::request_parser<http::string_body>> m_parser;
     http::response<http::string_body> m_response;
     asio::steady_timer m_timer{m_hub.loop()};
-    uint64_t m_turn = 0;  // grows with each answer that wait() began to wait for
+    uint64_t m_turn = 0;  // grows with each answer to a request that had to wait
 };
 
 }  // namespace

@@ -25,7 +25,7 @@
 
 namespace guilink {
 
-constexpr auto PATIENCE = std::chrono::seconds(10);  // for a request, an answer or a pong
+constexpr auto PATIENCE = std::chrono::seconds(10);  // limit for a request, an answer or a pong
 
 // Small kernel buffers: a picture waits in the session instead, where a newer one replaces it.
 void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
@@ -74,11 +74,11 @@ class Hub {
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // Passes an order on. Calls outcome once, perhaps before this returns, unless owner is
+    // Passes an order on. Calls outcome once, perhaps before pass_on returns, unless owner is
     // destroyed first.
     void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
     void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
-    // Passes on an order whose outcome nothing waits for, such as that of a page.
+    // Passes on an order, such as a page's, for which nothing waits for the outcome.
     void pass_on(const Press& press) { m_handlers.press(press.button, 0); }
     void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
     void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);
@@ -116,7 +116,7 @@ class Hub {
     std::set<std::shared_ptr<Watcher>> m_watchers;
     LinkStatus m_status;
     std::vector<HeardDevice> m_devices;
-    Picture m_newest;  // of the current link
+    Picture m_newest;  // newest picture of the current link
     std::deque<Sample> m_samples;
     uint64_t m_last_order = 0;
     std::map<uint64_t, Order> m_orders;  // passed on, without outcome yet

@@ -35,7 +35,7 @@ Address parse(const std::string& where) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    in_addr strict;  // getaddrinfo alone would read 1 as 0.0.0.1
+    in_addr strict;  // inet_pton is strict: getaddrinfo alone would read 1 as 0.0.0.1
     if ((!v6 && inet_pton(AF_INET, host.c_str(), &strict) != 1) ||
         getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0)
         throw std::runtime_error("its address must be a number, such as 127.0.0.1 or [::1]");

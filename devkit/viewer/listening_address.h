@@ -9,7 +9,7 @@ namespace guilink {
 // 0: any free one). Returns its descriptor. Throws std::runtime_error when that fails.
 int open_listener(const std::string& where);
 
-// The URL under which a browser on this machine reaches a listening socket.
+// Returns the URL under which a browser on this machine reaches a listening socket.
 std::string url_of(int listener);
 
 }  // namespace guilink

@@ -16,7 +16,7 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr size_t MAX_ANSWERS = 1024;  // not yet read by their program
+constexpr size_t MAX_ANSWERS = 1024;  // answers that the program has not read yet
 
 // One message is being written at a time; at most one picture and one status wait.
 class PageSession : public Hub::Watcher, public std::enable_shared_from_this<PageSession> {

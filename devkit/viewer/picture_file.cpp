@@ -15,7 +15,7 @@ namespace {
 
 constexpr int JPEG_QUALITY = 90;  // of 100; thin lines stay clear
 
-// Bytes R, G, B, A.
+// Returns the bytes R, G, B and A of each pixel.
 std::vector<unsigned char> rgba_of(const Image& image, Backdrop backdrop) {
     std::vector<unsigned char> rgba;
     rgba.reserve(4 * image.pixels.size());

@@ -1,5 +1,5 @@
 // The newest picture as PNG and JPEG. Encodes each rendition on demand, at most once per picture,
-// on a separate thread. All who ask share the bytes.
+// on a separate thread. All callers share the bytes.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ namespace guilink {
 enum class Rendition { png, png_over_black, png_over_white, jpeg };
 constexpr size_t RENDITIONS = 4;
 
-// For the event loop's thread.
+// Use it only on the event loop's thread.
 class Renditions {
   public:
     using Bytes = std::shared_ptr<const std::string>;
@@ -32,7 +32,7 @@ class Renditions {
     // Sets the newest picture; one without payload means that there is no picture.
     void offer(const Picture& newest);
 
-    // Calls taken once, perhaps before this returns, with the rendition of the first picture whose
+    // Calls taken once, perhaps before get returns, with the rendition of the first picture whose
     // number is above `after`. Null bytes mean that the picture is damaged. Does not call taken
     // when owner is destroyed.
     void get(Rendition kind, uint64_t after, const std::weak_ptr<void>& owner, Taken taken);

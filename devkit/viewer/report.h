@@ -16,7 +16,7 @@ struct Report {
     LinkStatus status;
     std::vector<HeardDevice> devices;  // the one with the latest broadcast first
     Picture newest;
-    std::optional<std::chrono::duration<double>> age;  // of the newest picture
+    std::optional<std::chrono::duration<double>> age;  // time since the newest picture
     double pictures_per_second = 0;
     double bytes_per_second = 0;
     uint64_t skipped = 0;  // pictures that pages and programs were too slow for

@@ -15,7 +15,7 @@ namespace guilink {
 struct HttpRequest {
     std::string_view method;
     std::string_view target;
-    std::string_view host;  // three headers, each empty if missing
+    std::string_view host;  // Host header; this and the next two are empty if missing
     std::string_view origin;
     std::string_view fetch_site;  // Sec-Fetch-Site
     std::string_view body;

@@ -36,7 +36,7 @@ class Received {
         m_changed.notify_all();
     }
 
-    // Waits for count images and for the identity. From then on the companion sends presses without
+    // Waits for count images and for the identity. After these, the companion sends presses without
     // delay. Returns the number of images received.
     uint64_t wait_for_images(uint64_t count) {
         Lock lock(m_mutex);

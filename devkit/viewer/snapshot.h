@@ -14,7 +14,7 @@ struct SnapshotOptions {
     std::string raw_file;              // unchanged pixels to write; empty for none
     std::vector<uint8_t> presses;      // buttons, in order, after the first image
     unsigned frames = 60;              // images to wait for after the last press
-    std::chrono::seconds timeout{30};  // for everything
+    std::chrono::seconds timeout{30};  // for the whole snapshot
 };
 
 // Prints facts about the device and its link. Throws std::runtime_error on time-out, with what is

@@ -88,7 +88,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     std::array<char, 256> m_ignored;
     std::string m_head;           // being written, followed by m_picture
     Renditions::Bytes m_picture;  // being written
-    uint64_t m_number = 0;        // of the last picture written
+    uint64_t m_number = 0;        // number of the last picture written
 };
 
 }  // namespace

@@ -21,8 +21,8 @@ class Hub;
 
 // The server calls these on its own thread.
 struct PageHandlers {
-    // order is the number to call publish_delivery with, or 0 if no report is wanted. The handlers
-    // return false if they drop the message and so will not report it.
+    // order is the number to call publish_delivery with, or 0 if no report is wanted. A handler
+    // that returns false has dropped the message, and will not report it.
     std::function<bool(uint8_t button, uint64_t order)> press;
     std::function<bool(const std::string& text, uint64_t order)> text;
     std::function<void(const std::string& device)> choose;

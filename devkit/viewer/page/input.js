@@ -2,7 +2,7 @@
 // repeats it while the button is held. All buttons are released when the page loses the focus.
 
 const REPEAT = { first: 450, next: 120 }; // ms; before the first repeat, and between repeats
-// ms that a click without a pointer holds its button. Further clicks during this time are ignored.
+// ms for which a click without a pointer holds its button. Ignores further clicks during this time.
 const CLICK = 50;
 
 // labels: [{button, label, key, place}]. press(button, label) sends a press.

@@ -33,7 +33,7 @@ export function decode(payload, reuse = null) {
     pixels.fill(RGBA[words[i + 1]], position, end);
     position = end;
   }
-  // The device never sends the last pixel: it repeats its left neighbour.
+  // The device never sends the last pixel: copy its left neighbour.
   if (position !== count - 1) return null;
   pixels[position] = position > 0 ? pixels[position - 1] : 0;
   return image;
