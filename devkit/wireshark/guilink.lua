@@ -233,7 +233,8 @@ local function add_garbage(bytes, tree)
     branch:add_proto_expert_info(experts.garbage)
 end
 
--- Returns where the next start sequence begins, from a position on, or where one may begin at the end.
+-- Returns where the next start sequence begins at or after `from`, and true. Without one, returns where the
+-- data's end may begin one, and false.
 local function find_start(data, from)
     local at = data:find(START, from + 1, true)
     if at then return at - 1, true end
