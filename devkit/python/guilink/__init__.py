@@ -47,7 +47,7 @@ def connect(device: str | None = None, *, viewer: str | None = None,
 
     `device` is the identity or the address of the wanted device; without it, links to the only device in
     sight. `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080, whose link the script then
-    shares. `timeout` holds for each wait that has no time-out of its own. `labels` is a file with the names
+    shares. `timeout` limits each wait that has no time-out of its own. `labels` is a file with the names
     of the buttons, in the viewer's format. `artifacts` is the folder in which failed waits save pictures.
     `progress` is called about once a second until there is a link. Throws LinkError.
     """

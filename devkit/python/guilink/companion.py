@@ -18,11 +18,11 @@ from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictu
 from guilink.wire import Identity, Message, MessageType
 
 LINK_PORT = 8399        # TCP, where devices connect
-REQUEST_INTERVAL = 0.1  # s, until linked; a candidate has until the next broadcast, 1 s at most
-KEEP_ALIVE = 0.5        # s between keep-alives; 2 s without one stop new pictures, 3 s end the link
-SILENCE = 3.0           # s without a byte; then the device is gone
-CANDIDATE_SILENCE = 1.0  # s without a byte; then another connection may replace the candidate
-GRACE = 1.0             # s after linking; broadcasts of the device in this time come from older searches
+REQUEST_INTERVAL = 0.1  # s between ConnectRequests until linked; the device drops a candidate after 1 s at most
+KEEP_ALIVE = 0.5        # s; without a keep-alive, new pictures stop after 2 s, and the link ends after 3 s
+SILENCE = 3.0           # s without a byte, after which the device is gone
+CANDIDATE_SILENCE = 1.0  # s without a byte, after which another connection may replace the candidate
+GRACE = 1.0             # s after linking; until then, broadcasts of the device come from older searches
 MAX_ANSWERED = 64       # addresses that may connect; the oldest is forgotten
 MAX_ACCEPTS = 16        # connections rejected at a time; a flood must not delay the link
 ASK_EVERY = 5           # ConnectRequests between two IdentityRequests of a candidate
@@ -30,12 +30,12 @@ ASK_EVERY = 5           # ConnectRequests between two IdentityRequests of a cand
 
 @dataclass(eq=False)
 class Order:
-    """A button or text: first waits, then is sent with a question (an IdentityRequest) after it, whose answer
-    confirms it. If the link ends before that, it may be lost."""
+    """A button or text. It waits for a link, then is sent, followed by a question (an IdentityRequest). The
+    answer confirms the order. If the link ends before the answer, the order may be lost."""
 
     kind: MessageType
     payload: bytes
-    question: int = 0     # number of its question on the connection; 0 while it waits for a link
+    question: int = 0     # number of its question on the connection; 0 while the order waits for a link
     number: int = 0       # number of the last picture before the answer
     done: bool = False
     lost: bool = False    # the link ended before the answer
@@ -55,9 +55,9 @@ class Companion:
         self._failure: Exception | None = None
         self._orders: deque[Order] = deque()
         self._status = LinkStatus()
-        self._linked_to: LinkStatus | None = None  # the last device; stays chosen
-        self._rivals: tuple[HeardDevice, ...] = ()  # several devices, so none was chosen
-        self._answered: dict[str, Identity] = {}   # address of each device that may connect
+        self._linked_to: LinkStatus | None = None  # the device linked last; stays chosen
+        self._rivals: tuple[HeardDevice, ...] = ()  # if several are in sight and none was chosen
+        self._answered: dict[str, Identity] = {}   # the devices that may connect, by address
         self._stop = False
         # Only for the companion's thread.
         self._connection: Connection | None = None
@@ -153,7 +153,7 @@ class Companion:
     def _wake(self) -> None:
         try:
             self._wake_sender.send(b"\0")
-        except OSError:  # full, so the thread will wake anyway; or closed
+        except OSError:  # full, so the thread wakes anyway; or closed
             pass
 
     # --- on the companion's thread -----------------------------------------------------------------
@@ -309,7 +309,7 @@ class Companion:
         self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
 
     def _send_orders(self, connection: Connection) -> None:
-        """Sends each order and a question after it, whose answer shows that the device handed the order on."""
+        """Sends each order, then a question. The answer shows that the device has handed the order on."""
         with self._changed:
             for order in self._orders:
                 if connection.ended or connection.wants_to_write:

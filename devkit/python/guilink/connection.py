@@ -8,12 +8,12 @@ from guilink.wire import FrameReader, Identity, Message, MessageType, frame, ide
 
 CHUNK = 1 << 18         # bytes per read
 MAX_OUTGOING = 1 << 16  # bytes; a device that leaves more unread loses the connection
-READY_REQUESTS = 3      # ConnectRequests; the answer to a question after them shows that the device obeyed one
+READY_REQUESTS = 3      # ConnectRequests; when it answers a question after these, the device has obeyed one
 
 
 class Connection:
-    """Counts questions (IdentityRequests) and answers. The device answers in order, each question after it has
-    handled everything that was sent before. A lost answer only delays confirmations."""
+    """Counts questions (IdentityRequests) and answers. The device answers in order, and answers a question only
+    after it has handled everything sent before it. A lost answer only delays confirmations."""
 
     def __init__(self, connected: socket.socket, address: str, identity: Identity):
         self.address = address
@@ -22,7 +22,7 @@ class Connection:
         self.requests = 0        # ConnectRequests sent
         self.asked = 0           # IdentityRequests sent
         self.answered = 0        # IdentityRequests answered
-        self.image_seen = False  # only the link carries images
+        self.image_seen = False  # then it is the link: only the link carries images
         self.linked_since: float | None = None
         self.received_at = time.monotonic()  # time of the last bytes, or of the connection itself
         self._ready_from: int | None = None  # number of the first question after READY_REQUESTS

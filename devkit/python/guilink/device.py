@@ -18,8 +18,8 @@ from guilink.recording import Recording
 from guilink.screen import Box, Difference, Mask, Screen
 
 TIMEOUT = 10.0       # s; default limit of every wait
-STILL = 0.5          # s without a change; then a screen is stable,
-STILL_PICTURES = 3   # if at least this many pictures in a row were equal
+STILL = 0.5          # s without a change before a screen is stable
+STILL_PICTURES = 3   # equal pictures in a row that a stable screen needs, too
 HOLD_INTERVAL = 0.12  # s between the presses of a held button; the viewer's page repeats as fast
 UNDER_WAY = 4         # pictures after a press that may have been drawn before it: one in the core, one in the
                       # service's slot, one in its sender, and one to spare
@@ -39,15 +39,15 @@ class Device:
     """Controls a device for a script. Close it, or use it in a `with`; one thread at a time.
 
     All methods that look at the screen ignore pictures from before the last press: after each press the
-    device answers a question, and only pictures after that answer count. The first pictures after it may
-    still have been drawn before the press, so they count only if they show something new.
+    device answers a question, and only pictures after that answer count. The first of these may still
+    have been drawn before the press, so they count only if they show something new.
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
                  artifacts: str | os.PathLike[str] = "guilink-artifacts"):
         self.timeout = timeout          # s; for all calls without a time-out of their own
-        self.artifacts = Path(artifacts)  # failed waits save their folders here,
-        self.test_name = "wait"         # with this name
+        self.artifacts = Path(artifacts)  # each failed wait saves a folder here
+        self.test_name = "wait"         # name of these folders
         self.presses: deque[Press] = deque(maxlen=MAX_PRESSES)
         self.buttons = buttons or Buttons()
         self._link = link
@@ -132,7 +132,7 @@ class Device:
                  tolerance: int = 0, timeout: float | None = None, name: str | None = None) -> Screen:
         """Waits until the screen shows a reference (a Screen, or a file), or meets a condition.
 
-        Compares only `region`, without the parts that `mask` covers. A channel may differ by up to `tolerance`,
+        Compares only `region`, except the parts that `mask` covers. A channel may differ by up to `tolerance`,
         0 to 15. Returns the screen. Throws WaitTimeout, which names the difference. If the screen was as
         expected already before the last press, the first pictures after that press do not count.
         """
@@ -148,7 +148,7 @@ class Device:
             no_news &= met
             if met and (number > self._after + UNDER_WAY or not no_news):
                 return screen
-        if met:  # until the time-out
+        if met:  # and still met at the time-out
             return screen
         self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
                    start, expectation, last)
@@ -159,7 +159,7 @@ class Device:
         """Waits until nothing has changed for `still` seconds and for `pictures` pictures in a row; returns the
         screen.
 
-        A busy device may need longer than that to obey a press. If you know the outcome, use wait_for."""
+        A busy device may need longer than `still` to obey a press. If you know the outcome, use wait_for."""
         __tracebackhide__ = True
         view = View(region, mask, tolerance)
         start, end = time.monotonic(), self._end(timeout)
@@ -187,7 +187,7 @@ class Device:
 
         Presses again only when the last press has changed the region and the region is still again, so a
         slow device gets no press too many. Put everything that moves by itself outside the region, or mask
-        it. `timeout` is for each press.
+        it. `timeout` limits the wait after each press.
         """
         __tracebackhide__ = True
         expectation = Expectation(what, View(region, mask, tolerance), name)
@@ -240,8 +240,8 @@ class Device:
         press.confirmed = True
 
     def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
-        """Yields the newest screen after the last press, again and again until the end, each with its number.
-        Yields at least one screen if there is one. Equal screens in a row are the same object."""
+        """Yields the newest screen after the last press and its number, again and again until `end`. Yields at
+        least one screen if there is one. Equal screens in a row are the same object."""
         number = self._after
         while picture := self._link.pictures.newer(number, end):
             number = picture.number

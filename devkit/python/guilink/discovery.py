@@ -28,7 +28,7 @@ class Call(NamedTuple):
     device: HeardDevice
     sender: Sender
     again: bool               # the device has broadcast before
-    between: tuple[HeardDevice, ...]  # other devices that have broadcast since then
+    between: tuple[HeardDevice, ...]  # other devices that have broadcast since its last broadcast
 
 
 class Discovery:
@@ -56,7 +56,7 @@ class Discovery:
         return list(reversed(list(self._heard.values())))
 
     def receive(self) -> list[Call]:
-        """The broadcasts that have arrived; leaves a flood for the next call."""
+        """Returns the broadcasts that have arrived. Leaves the rest of a flood for the next call."""
         calls = []
         for _ in range(MAX_AT_ONCE):
             try:

@@ -12,7 +12,7 @@ from guilink.screen import Difference, Screen
 
 
 def new_folder(parent: Path, name: str) -> Path:
-    """Creates parent/name-1, or the first number that is free."""
+    """Creates and returns parent/name-1; if that exists, name-2, and so on."""
     for number in range(1, 1 << 20):
         folder = parent / f"{name}-{number}"
         try:

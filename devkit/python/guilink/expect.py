@@ -58,7 +58,7 @@ class View:
 
 
 class Expectation:
-    """A reference (a screen, or a file) or a condition, which the view of a screen must meet."""
+    """Expects the view of a screen to show a reference (a screen or a file), or to meet a condition."""
 
     def __init__(self, what: Reference, view: View, name: str | None = None):
         self.view = view
@@ -82,5 +82,5 @@ class Expectation:
         return part == self.reference or not self.difference(part)
 
     def difference(self, part: Screen) -> Difference | None:
-        """The difference from the reference; None if a condition is expected."""
+        """Returns the difference from the reference, or None if a condition is expected."""
         return self.view.diff(part, self.reference) if self.reference else None

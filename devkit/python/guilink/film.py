@@ -100,7 +100,7 @@ class Film:
                                    + complaint.read().decode(errors="replace").strip())
 
     def _images(self, fps: int, scale: int, progress: Progress | None) -> Iterator[Image.Image]:
-        """Yields one image per tick, the same object while nothing changes."""
+        """Yields one image per tick. While nothing changes, yields the same object."""
         shots = iter(self._shots)
         following = next(shots, None)
         shown = image = screen = size = None

@@ -8,7 +8,7 @@ from dataclasses import dataclass, field
 from typing import Callable, NamedTuple, Protocol
 
 HISTORY = 5.0              # s; newer pictures are kept, to show what came before a failure
-HISTORY_BYTES = 64 << 20   # limit of their payloads together; one has at most 1 MiB, usually 30 kB
+HISTORY_BYTES = 64 << 20   # limit for all kept payloads; a payload has at most 1 MiB, usually 30 kB
 
 
 class GuilinkError(Exception):
@@ -70,11 +70,11 @@ class Link(Protocol):
         """All devices that have broadcast, the latest first."""
 
     def wait_linked(self, deadline: float) -> LinkStatus:
-        """Returns when buttons reach the device. Throws LinkError with the reason if they do not in time."""
+        """Returns when buttons reach the device. Throws LinkError, with the reason, at the deadline."""
 
     def press(self, button: int, deadline: float) -> int:
-        """Presses a button. Waits for a link if there is none, and then until the device has handed the press
-        on. Returns the number of the last picture that came before that. Throws LinkError."""
+        """Presses a button. Waits for a link if there is none, and then until the device confirms the press.
+        Returns the number of the last picture before the confirmation. Throws LinkError."""
 
     def send_text(self, text: bytes, deadline: float) -> int:
         """Sends a line for the device's log. Waits, returns and throws as press does."""

@@ -20,7 +20,7 @@ class DamagedPicture(ValueError):
 
 
 def decode(payload: bytes) -> Pixels:
-    """The pixels of an ImageMessage, read-only. No device sends the last pixel: it repeats its neighbour."""
+    """Returns the pixels of an ImageMessage, read-only. The last pixel is never sent: copies its neighbour."""
     if len(payload) < 4 or len(payload) % 4:
         raise DamagedPicture(f"a picture of {len(payload)} bytes is cut off")
     words = np.frombuffer(payload, "<u2")
@@ -48,7 +48,7 @@ def decode(payload: bytes) -> Pixels:
 
 
 def encode(pixels: Pixels) -> bytes:
-    """The payload that a device sends for these pixels: without the last one, and transparent ones as 0."""
+    """Returns the payload that a device sends for these pixels: without the last; transparent ones are 0."""
     height, width = pixels.shape
     sent = pixels.reshape(-1)[:-1].astype(np.uint16)
     sent[1:][sent[1:] < OPAQUE_MIN] = 0  # the first pixel is sent unchanged

@@ -47,7 +47,7 @@ def pytest_configure(config: pytest.Config) -> None:
 
 @pytest.fixture(scope="session")
 def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
-    """The link that all tests share. Override it to connect in another way."""
+    """The link that all tests share. Override this fixture to connect in another way."""
     option = pytestconfig.getoption
     with guilink.connect(option("--guilink-device"), viewer=option("--guilink-viewer"),
                          timeout=option("--guilink-timeout"), labels=option("--guilink-labels"),
@@ -66,7 +66,7 @@ def device(guilink_device: guilink.Device, request: pytest.FixtureRequest) -> gu
 
 @pytest.fixture
 def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> AssertScreen:
-    """A function that compares the screen with a reference picture beside the test."""
+    """Returns a function that compares the screen with a reference picture beside the test."""
     folder = request.path.parent / REFERENCES
 
     def check(name: str, *, region: guilink.Box | None = None, mask: guilink.Mask = (),

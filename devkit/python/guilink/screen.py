@@ -63,7 +63,7 @@ class Screen:
         return np.take(_colours(), self.pixels).view(np.uint8).reshape(*self.pixels.shape, 4)
 
     def image(self) -> Image.Image:
-        """The screen as a Pillow image, with alpha."""
+        """Returns the screen as a Pillow image, with alpha."""
         return Image.fromarray(self.rgba, "RGBA")
 
     def save(self, path: str | os.PathLike[str]) -> None:
@@ -85,7 +85,7 @@ class Screen:
         return f"<Screen {self.width} x {self.height}>"
 
     def diff(self, other: Screen, mask: Mask = (), tolerance: int = 0) -> Difference:
-        """Where the screens differ by more than `tolerance` steps (of 15) in a channel, outside `mask`."""
+        """Returns where a channel differs by more than `tolerance` steps (of 15), outside `mask`."""
         if self.pixels.shape != other.pixels.shape:
             return Difference(self, other, None)
         differs = self.pixels != other.pixels
@@ -99,7 +99,7 @@ class Screen:
         return Difference(self, other, differs)
 
     def find(self, reference: Screen) -> Box | None:
-        """The first box, from the top left, in which this screen shows exactly `reference`; else None."""
+        """Returns the first box, from the top left, in which this screen shows exactly `reference`, or None."""
         height, width = self.height - reference.height + 1, self.width - reference.width + 1
         if height <= 0 or width <= 0:
             return None
@@ -116,8 +116,8 @@ class Screen:
         return None
 
     def _edges_match(self, places: NDArray[np.intp], reference: Screen) -> NDArray[np.bool_]:
-        """Returns, for each place, whether the screen equals the reference at some of its colour changes. This
-        quickly excludes most wrong places."""
+        """Returns, for each place, whether the screen equals the reference at a sample of the points where the
+        reference changes colour. Quickly excludes most wrong places."""
         changes = np.argwhere(reference.pixels[:, 1:] != reference.pixels[:, :-1])
         match = np.ones(len(places), bool)
         for y, x in changes[::max(1, len(changes) // 16)].tolist():
@@ -128,7 +128,7 @@ class Screen:
 
 @cache
 def _colours() -> NDArray[np.uint32]:
-    """For each pixel value, its four RGBA bytes as one word."""
+    """Returns, for each pixel value, its four RGBA bytes as one word."""
     pixels = np.arange(1 << 16)
     channels = [pixels >> SHIFTS[name] & 15 for name in ("red", "green", "blue", "alpha")]
     colours: NDArray[np.uint32] = (np.stack(channels, axis=-1) * STEP).astype(np.uint8).view(np.uint32)
@@ -136,7 +136,7 @@ def _colours() -> NDArray[np.uint32]:
 
 
 def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
-    """For each pixel, the difference of the channel that differs most, 0 to 15."""
+    """Returns, for each pixel, the difference of the channel that differs most, 0 to 15."""
     largest = np.zeros(one.pixels.shape, np.uint16)
     for shift in SHIFTS.values():
         a, b = one.pixels >> shift & 15, other.pixels >> shift & 15
@@ -189,7 +189,7 @@ class Difference:
                 f"by up to {self.largest} of 15 steps in {', '.join(channels)}")
 
     def image(self) -> Image.Image:
-        """The first screen in dim grey, with red where the other differs."""
+        """Returns the first screen in dim grey, with red where the other differs."""
         grey = self.one.image().convert("RGBa").convert("L").point(lambda level: level // 3)
         picture = np.asarray(grey.convert("RGB")).copy()
         if self.where is not None:

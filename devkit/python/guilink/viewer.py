@@ -1,4 +1,4 @@
-"""Shares the link of a running guilink-viewer, so that people watch its page while a script works.
+"""Shares the link of a running guilink-viewer, so that people can watch its page while a script works.
 
 One thread keeps a WebSocket to the viewer, and reconnects when the viewer has restarted.
 """
@@ -41,7 +41,7 @@ class Viewer:
         if parts.scheme != "http" or not parts.hostname:
             raise ValueError(f"{url!r} is not the URL of a viewer, such as http://127.0.0.1:8080")
         self._url, self._device = f"ws://{parts.netloc}/link", device
-        self._names = {device}  # all names of the wanted device, later ones included
+        self._names = {device}  # all identities and addresses that the wanted device has had
         self._name = f"the viewer at http://{parts.netloc}"
         self._changed = threading.Condition()  # guards all members below
         self.pictures = Pictures(self._changed, lambda: self._failure)
@@ -148,7 +148,7 @@ class Viewer:
                 if self._socket:
                     await self._socket.send(json.dumps(message))
             except WebSocketException:
-                pass  # the reading coroutine sees the end, too
+                pass  # the reading coroutine will see that the connection has ended
 
         self._loop.call_soon_threadsafe(lambda: self._loop.create_task(send()))
 

@@ -11,8 +11,8 @@ from typing import NamedTuple
 
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")
 HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, message type
-MAX_PAYLOAD = 0x100000  # bytes; the most that a device sends, so a greater length means damage
-ID_SIZE = 5             # bytes; the rest of an identity is the firmware's version
+MAX_PAYLOAD = 0x100000  # bytes; no device sends more, so a greater length means damage
+ID_SIZE = 5             # bytes of an identity; the firmware's version follows it
 
 
 class MessageType(IntEnum):
@@ -36,7 +36,7 @@ class Identity(NamedTuple):
 
 
 def frame(kind: int, payload: bytes = b"") -> bytes:
-    """The bytes of one message."""
+    """Returns the bytes of one message."""
     return HEADER.pack(START, zlib.crc32(payload), len(payload), kind) + payload
 
 
@@ -60,7 +60,7 @@ class FrameReader:
     """Finds the frames in a stream that arrives in arbitrary pieces and may be damaged.
 
     Skips bytes that belong to no frame. Skips the whole announced length of a frame with a wrong checksum,
-    so that it reads no byte twice. Holds at most one incomplete frame, 1 MiB.
+    to read no byte twice. Holds at most one incomplete frame, 1 MiB.
     """
 
     def __init__(self) -> None:
@@ -71,7 +71,7 @@ class FrameReader:
         buffer = self._buffer
         buffer += data
         messages = []
-        position = 0  # of the first byte that has not been parsed
+        position = 0  # index of the first byte that has not been parsed
         while (start := buffer.find(START, position)) >= 0:
             position = start
             if len(buffer) < position + HEADER.size:
