@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # arm64_package_test.sh PACKAGES BASE CORE: installs the arm64 packages of the folder PACKAGES in a
-# throw-away arm64 Debian and uses them there, under emulation, in the sandbox. BASE is a folder for the
-# system underneath, created if it is missing or lacks a package, never changed. CORE is this machine's
+# throw-away arm64 Debian and uses them there, under emulation, in the sandbox. BASE is the folder of
+# the system below it: created if it is missing or lacks a package, else unchanged. CORE is this machine's
 # guilink-core, which must draw the same picture. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
@@ -14,7 +14,7 @@ fail() {
 # --- in the sandbox, as root of a user namespace ---------------------------------------------------
 
 # Sets "inside" to run a command in the arm64 system ROOT. The emulator is registered only here: since
-# Linux 6.7, a user namespace has its own binfmt_misc. Before, the host's registration applies.
+# Linux 6.7, a user namespace has its own binfmt_misc. On older kernels, the host's applies.
 enter() {  # ROOT
     inside=(chroot "$1" /usr/bin/env -i container=lxc PATH=/usr/sbin:/usr/bin:/sbin:/bin)
     mount --rbind /dev "$1/dev"
@@ -41,7 +41,7 @@ use() {  # ROOT PACKAGES CORE SCRATCH
     [[ -L $root/etc/systemd/system/multi-user.target.wants/guilinkd.service ]] ||
         fail "guilinkd is not enabled after its installation"
 
-    # The viewer shows what the core draws, the same as on this machine.
+    # The viewer must show the same picture as this machine's core draws.
     "$3" --still --frames 1 --dump "$scratch/expected"
     "${inside[@]}" guilinkd
     "${inside[@]}" guilink-core --still --dump /drawn &
@@ -49,7 +49,7 @@ use() {  # ROOT PACKAGES CORE SCRATCH
     "${inside[@]}" "${snapshot[@]}" /menu
     cmp "$scratch/expected" "$root/menu" || fail "the picture differs from this machine's"
 
-    # A press changes it.
+    # A press must change the picture.
     "${inside[@]}" "${snapshot[@]}" /pressed --press 1
     for ((try = 0; try < 20; ++try)); do
         cmp -s "$root/menu" "$root/pressed" || break
@@ -60,7 +60,7 @@ use() {  # ROOT PACKAGES CORE SCRATCH
     wait $core
     cmp "$root/drawn" "$root/pressed" || fail "the picture is not what the core has drawn"
 
-    # The measurements run; their figures mean nothing under emulation.
+    # The measurements must run. Their figures mean nothing under emulation.
     "${inside[@]}" guilink-bench --benchmark_min_time=0
     "${inside[@]}" guilink-measure 0x10000000:2457600 | tee "$scratch/measured"
     grep -q RssAnon "$scratch/measured" || fail "guilink-measure does not find the service"
@@ -78,8 +78,8 @@ base=$2
 core=$(realpath "$3")
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-# Continues in a private mount namespace. The system is mounted here, because only newer kernels can mount
-# one like it in a user namespace.
+# Continues in a private mount namespace. Mounts the system here, because older kernels cannot mount it in a
+# user namespace.
 if [[ ${4-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" "$core" --private
 fi

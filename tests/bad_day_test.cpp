@@ -86,7 +86,7 @@ TEST_F(BadDay, CandidateSpeaksBeforeItIsAccepted) {
     EXPECT_EQ(m_daemon->output().find("USER"), std::string::npos);
 }
 
-// Each candidate presses another button; the service obeys only the link's.
+// Each candidate presses a different button. The service must obey only the link's.
 TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
     struct Candidate {
         Candidate(Socket&& from, uint8_t number)
@@ -109,7 +109,7 @@ TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
             const auto offered = [&] { return host.offered(); };
             if (wait_until(offered, 100ms)) offers.push_back(host.accept());
         }
-        if (offers.size() < 2) continue;  // a socket of an older sweep got the other answers
+        if (offers.size() < 2) continue;  // older sweeps received the other answers
         uint8_t number = 0;
         for (Socket& offer : offers) candidates.emplace_back(std::move(offer), ++number);
         EXPECT_TRUE(wait_until([&] {
@@ -125,7 +125,7 @@ TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
     const GoodCompanion good(m_far);
     ASSERT_TRUE(good.linked_within(LIMIT));
     for (const char* const address : {"10.77.0.1", "10.77.0.9"}) {
-        // Only while linked: if an address vanishes before a search binds it, the service aborts.
+        // Change it only while linked: if a search cannot bind its address, the service aborts.
         EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
         run("ip address flush dev guilink0");
         run("ip address add " + std::string(address) + "/24 broadcast + dev guilink0");

@@ -54,7 +54,7 @@ class LinkedFacade : public testing::Test {
         return {words[0], words[1], words[3]};
     }
 
-    // Skips repeats of the last image; throws if no other arrives.
+    // Skips repeats of the last image; throws if no other image arrives.
     Image next_image_other_than(uint16_t pixel) {
         for (int i = 0; i < REPEATS; ++i) {
             const Image image = next_image();
@@ -63,7 +63,8 @@ class LinkedFacade : public testing::Test {
         throw_missing_event("no new image");
     }
 
-    static constexpr int REPEATS = 20;  // two come per second; then the pushed frame is lost
+    static constexpr int REPEATS =
+        20;  // images; two come per second. After these, the frame is lost.
 
     LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
@@ -78,7 +79,7 @@ TEST_F(LinkedFacade, SizeDecidesTheResolution) {
     EXPECT_EQ(image.width, 1280);
     EXPECT_EQ(image.height, 960);
 
-    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // still read in full
+    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // the whole frame is read all the same
     image = next_image_other_than(0x9002);
     EXPECT_EQ(image.width, 1024);
     EXPECT_EQ(image.height, 768);
@@ -87,7 +88,7 @@ TEST_F(LinkedFacade, SizeDecidesTheResolution) {
 
 TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     m_chatter.reset();
-    m_link.write(frame(IdentityRequest));  // its answer follows the last keep-alive
+    m_link.write(frame(IdentityRequest));  // the answer proves that the last keep-alive has arrived
     while (type_of(m_link.read_frame()) != IdentityMessage) {
     }
     keep_sending(ButtonMessage);          // keeps the connection open, but is not a keep-alive
@@ -122,7 +123,7 @@ TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
     for (uint16_t pixel = 0x9011; pixel <= 0x9018; ++pixel) {
         std::memcpy(plain.get(), &pixel, sizeof pixel);
         m_facade->push_frame(plain, SMALL);
-        std::this_thread::sleep_for(2ms);  // gives a wrong sender the time to send this frame
+        std::this_thread::sleep_for(2ms);  // gives a faulty sender the time to send this frame
     }
     EXPECT_EQ(next_image_other_than(0x8001).first_pixel, 0x9001);
     EXPECT_EQ(next_image_other_than(0x9001).first_pixel, 0x9018);

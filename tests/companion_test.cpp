@@ -14,8 +14,8 @@ namespace {
 
 using namespace guilink::test;
 
-// Feeds a reader the stream in pieces of a size. Returns the type and payload of each frame, as
-// text.
+// Feeds the stream to a reader in pieces of size bytes. Returns the type and payload of each frame,
+// as text.
 std::vector<std::string> read_in_pieces(const Bytes& stream, size_t size) {
     FrameReader reader;
     std::vector<std::string> found;
@@ -114,7 +114,7 @@ class CompanionTest : public testing::Test {
         return m_status;
     }
 
-    std::optional<Socket> m_search;  // sent the last broadcast
+    std::optional<Socket> m_search;  // socket that sent the last broadcast
     std::mutex m_mutex;
     LinkStatus m_status;
     std::vector<HeardDevice> m_devices;
@@ -160,7 +160,7 @@ TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
 
 TEST_F(CompanionTest, ReportsWhatBecomesOfAMessage) {
     std::mutex mutex;
-    std::string seen;  // the events in order; P is an image
+    std::string seen;  // one letter per event, in order; P is an image
     const auto note = [&](char letter) {
         const std::lock_guard lock(mutex);
         seen += letter;
@@ -234,7 +234,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
 TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
     const Socket device = connect();
     identify(device);
-    const Chatter chatter(device, frame(DataMessage));  // alive, but does not read
+    const Chatter chatter(device, frame(DataMessage));  // alive, although it does not read
 
     const auto text = [](size_t i) { return std::to_string(i) + std::string(4000, '.'); };
     constexpr size_t TOO_MANY = 10'000;  // 40 MB: more than the socket buffers hold

@@ -18,7 +18,7 @@ from guilink.conform.rules import RULES
 ROOT = Path(__file__).parent.parent
 SUPPORT = ROOT / "tests/support"
 PROGRAMS = Path(os.environ.get("GUILINK_BIN", ROOT / "build/release/bin"))
-# Quick tries first. On a busy machine the kit may blame another rule, but not in each try.
+# On a busy machine the kit may blame another rule, but not in every try. Quick tries come first.
 TRIES = (["--attempts", "1", "--patience", "3"], ["--attempts", "2"], ["--attempts", "3", "--patience", "20"])
 
 
@@ -101,7 +101,7 @@ def test_our_companions_pass(command, tmp_path):
     picture = tmp_path / "shown.png"
     shows = ["--picture", picture] if "--follow" in command else []
     verdicts = conform("companion", "--json", *shows, "--", *command, *shows[1:])
-    assert blamed(verdicts) <= {"LINK-5"}, verdicts  # only a should: both let a second connection wait
+    assert blamed(verdicts) <= {"LINK-5"}, verdicts  # LINK-5 is a should; both let a second connection wait
     assert verdicts["counts"]["failed"] == 0 and verdicts["counts"]["passed"] >= 20, verdicts
 
 

@@ -1,5 +1,5 @@
-// The encoder, exhaustively: with each set of vector instructions it writes the reference's words,
-// and both decoders turn these into the pixels that a companion shows.
+// The encoder, exhaustively: each set of vector instructions must write the same words as the
+// reference encoder, and both decoders must decode them to the pixels that a companion shows.
 #include <gtest/gtest.h>
 #if defined(__x86_64__)
 #include <hwy/targets.h>
@@ -28,8 +28,8 @@ constexpr uint16_t KINDS[] = {0, 0x0FFF, 0x1000, 0xFFFF};  // transparent up to 
 constexpr size_t EXHAUSTIVE = 12;  // pixels: 22 million images
 constexpr size_t STEP = 1;
 #else
-constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times as much,
-constexpr size_t STEP = 7;        // so the other exhaustive tests only try every seventh image
+constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times more
+constexpr size_t STEP = 7;        // the other exhaustive tests try every seventh image
 #endif
 constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;
 
@@ -125,8 +125,8 @@ TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
     }
 }
 
-// The result for a vector of 8 pixels depends on these and the next one. Tries all combinations of
-// nine pixels at each place of a block of 32 pixels, which are read together.
+// The result for a vector depends on its 8 pixels and the next one. Tries all combinations of these
+// nine pixels at each place of a block: 32 pixels that the encoder reads together.
 TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     constexpr size_t COUNT = size_t{1} << 18;
     Words pixels(9, KINDS[0]);
@@ -149,8 +149,8 @@ TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     }
 }
 
-// Runs about as long as a block, a chunk, the longest run and twice the longest run, with up to two
-// pixels before and after.
+// Tries runs about as long as a block, a chunk, the longest run and twice the longest run, with up
+// to two pixels before and after.
 TEST_F(Encoder, EveryRunAroundTheLimits) {
     for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
         for (size_t i = 0; i < size_t{5} * 3 * 3 * 2; i += STEP) {
@@ -160,7 +160,7 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
             pixels.shrink_to_fit();
             size_t height = 1;
             while (pixels.size() % height != 0 || pixels.size() / height > 65535) ++height;
-            if (height > 65535) continue;  // no image has a prime number of pixels above that
+            if (height > 65535) continue;  // a prime number of pixels fits no image
             const auto width = static_cast<uint16_t>(pixels.size() / height);
             const auto rows = static_cast<uint16_t>(height);
             ASSERT_EQ(wrong(pixels, width, rows, true), "") << limit << "," << i;
@@ -168,8 +168,8 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
     }
 }
 
-// Images of random runs, of random bits and kinds. They end anywhere in a block, and after one and
-// two chunks.
+// Tries random runs: each repeats a pixel with one random bit, or a random one of KINDS. The images
+// end anywhere in a block, and are up to two chunks and a bit long.
 TEST_F(Encoder, RandomRuns) {
     std::mt19937 random(1);
     for (size_t count = 1; count < 9'000; count += 1 + count / 100) {

@@ -221,7 +221,7 @@ class Day:
         self.call(GUI, struct.pack("<QI", address, size))
 
     def serve(self):
-        """A press and a text must arrive, then frames of both sizes. Too noisy a frame must be left out."""
+        """A press and a text must arrive, then frames of both sizes. Too noisy a frame must not be sent."""
         self.links += 1
         self.presses += 1
         self.until(lambda: self.pressed == self.presses, "press",
@@ -273,7 +273,7 @@ def play_day(service):
 # --- all days ----------------------------------------------------------------------------------------
 
 def run(case=None, **environment):
-    """Plays a day. Returns its outcome, and for each site its kind, its number of calls and if one failed."""
+    """Plays a day. Returns its outcome, and for each site: its kind, number of calls, whether one failed."""
     with tempfile.NamedTemporaryFile() as table:
         table.truncate(4096 * 32)
         environment |= {**os.environ, "GUILINK_FAIL_ONCE": sys.argv[2], "GUILINK_FAULT_TABLE": table.name}
@@ -292,7 +292,7 @@ def run(case=None, **environment):
 
 
 def judge(case, day):
-    """Returns what was wrong, or None."""
+    """Returns what the service did wrong, or None."""
     kind, allowed = case.split(":")[0], {"serves on"}
     if kind in ALLOCATIONS + ["pthread_create", "bind"]:
         allowed.add("SIGABRT")
@@ -317,7 +317,7 @@ def play_case(case):
 
 
 def unknown_calls():
-    """Calls of the service, and of its library, that may fail but for which no fault is listed here."""
+    """Returns the calls of the service and its library that may fail, but have no fault in FAULTS."""
     libraries = [sys.argv[1], os.path.dirname(sys.argv[2]) + "/libambaipc.so"]
     calls = subprocess.run(["nm", "-D", "--undefined-only", *libraries], stdout=subprocess.PIPE, text=True,
                            check=True).stdout

@@ -112,7 +112,7 @@ def test_without_a_choice_it_asks(viewer):
     for identity, address in (("22222", "10.77.0.2"), ("11111", "10.77.0.1")):
         assert ask("POST", f"/device/{address}")[0] == 204
         assert linked_to(identity)["address"] == address
-    with guilink.connect("22222", viewer=URL) as device:  # the viewer switches to it
+    with guilink.connect("22222", viewer=URL) as device:  # the viewer switches to this device
         assert device.address == "10.77.0.2"
 
 

@@ -32,7 +32,7 @@ TEST(EncodeImage, WritesExactlyTheseWords) {
         {1000, 70, flat, {1000, 70, 65535, 0x8001, 4464, 0x8001}},
     };
     for (const auto& row : table) {
-        Words words(2);  // so that it has to grow
+        Words words(2);  // too small, so that EncodeImage must enlarge it
         const uint64_t length = EncodeImage(row.pixels.data(), row.width, row.height, words);
         ASSERT_LE(length, words.size() * 2);
         words.resize(length / 2);

@@ -56,7 +56,7 @@ extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const ch
     registrations.push_back(
         {program, version, name, info->count, entry.procedure, entry.word, last});
 
-    // The core calls at once, before the fetcher is constructed: that must map nothing.
+    // The core calls at once, before the fetcher is constructed. This call must map nothing.
     if (program == IPC_PROG_GUI_BUF) {
         const GuiBufferArg early = {0x1000, 4096};
         _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
@@ -140,7 +140,7 @@ TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // announced large, handed over small
     EXPECT_TRUE(shows(0x130000000, LARGE, 1280, 0x9003));
     EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // announced small, handed over large
-    push(0x30000000, LARGE);  // a separate entry, although the memory is that of 0x130000000
+    push(0x30000000, LARGE);  // mapped again, although it is the memory of 0x130000000
     EXPECT_THAT(mappings(), testing::UnorderedElementsAre(LARGE + 4096, SMALL + 4096, LARGE + 4096,
                                                           LARGE + 4096));
 }

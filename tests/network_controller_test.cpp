@@ -93,7 +93,7 @@ TEST_F(Controller, ShowsACandidateToTheWorkerAndItsAnswerToTheCandidate) {
         try {
             candidate.write(bytes("a"));
             answer = candidate.read_some(6);
-        } catch (const std::runtime_error&) {  // the device has closed this one
+        } catch (const std::runtime_error&) {  // the device has closed this candidate
         }
     }
     EXPECT_EQ(answer, bytes("answer"));
@@ -145,7 +145,7 @@ TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
     peer.write(bytes("t"));  // the exception ends the receive thread
     EXPECT_TRUE(peer.ended());
     link();
-    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the worker does not see the link's end
+    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the worker did not see the link end
 }
 
 TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {

@@ -32,7 +32,7 @@ std::unique_ptr<NetworkUnit> unit(const char* address, const char* mask,
     return std::make_unique<NetworkUnitV4>(inet_addr(address), inet_addr(mask), payload);
 }
 
-// The lines that the units log.
+// Returns the lines that the units log.
 std::multiset<std::string> hosts(const Units& units) {
     std::multiset<std::string> lines;
     for (const auto& one : units) {
@@ -185,13 +185,13 @@ TEST(NetworkUnit, EchoSweep) {
     const auto everywhere = unit(THIS_HOST, "0.0.0.0");
     everywhere->ping(finder.callback());
     everywhere->join();
-    EXPECT_EQ(finder.count, 0u);  // there is no host to ask
+    EXPECT_EQ(finder.count, 0u);  // its subnet has no host to search for
 }
 
 TEST(NetworkUnit, NoSocketAvailable) {
     testing::internal::CaptureStderr();
     Finder finder;
-    std::thread([&] {  // the unit's threads inherit that it has no privileges
+    std::thread([&] {  // without privileges, which the unit's threads inherit
         __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
         const __user_cap_data_struct none[2] = {};
         ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
@@ -306,7 +306,7 @@ TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {
     // More than the peer's window, but it fits into the send buffer.
     const Bytes data(NetworkUnit::BUFFER_SIZE / 4);
     while (progress() != Stalled) ASSERT_TRUE(send(data));
-    EXPECT_TRUE(send_at_once(data));  // the low-water mark held only during the wait
+    EXPECT_TRUE(send_at_once(data));  // the low-water mark applied only during the wait
 
     const auto waits = [&] {
         int mark = 0;

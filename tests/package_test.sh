@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages in the folder
 # PACKAGES, in a throw-away Debian with network, devices and a systemd of its own. BASE is the folder of
-# a plain Debian below that; it is created if it is missing or lacks a package, and never changed. Needs
-# root.
+# a plain Debian below it: created if it is missing or lacks a package, else unchanged. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -133,7 +132,7 @@ inside systemctl stop guilinkd
 [[ $(inside systemctl show --property=Result,ExecMainStatus --value guilinkd) == $'success\n0' ]] ||
     fail "it does not stop with status 0"
 
-# Purged while the service runs, the package leaves nothing behind.
+# If the package is purged while the service runs, nothing is left.
 inside systemctl start guilinkd
 inside dpkg --purge guilinkd
 wait_for "it runs on after its removal" [ ! "$(inside pgrep -x guilinkd)" ]

@@ -35,7 +35,7 @@ if not webdriver or not shutil.which("chromedriver"):
 BIN = pathlib.Path(sys.argv.pop(1)).resolve()
 ADDRESS = ("127.0.0.1", 8080)
 URL = "http://127.0.0.1:8080/"
-LIMIT = 240  # seconds, for anything that will happen
+LIMIT = 240  # s; for any event that must come, however slow the machine
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # start sequence of a frame
 
 # Hashes the canvas's pixels as ARGB 4:4:4:4, because a canvas keeps premultiplied colours, which loses their
@@ -89,7 +89,7 @@ def arrived(dump):
 
 
 def shown(dump):
-    """Returns the hash of these pixels on a page: a canvas keeps no colour where it is transparent."""
+    """Returns the hash of these pixels on a page. A canvas keeps no colour in transparent pixels."""
     pixels = arrived(dump)
     pixels[pixels < 0x1000] = 0
     return hashlib.sha256(pixels.tobytes()).hexdigest()

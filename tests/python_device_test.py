@@ -16,14 +16,14 @@ from guilink.recording import Recording
 
 
 def picture(x, size=(48, 64)):
-    """Black pixels with a white column at x, below the first row."""
+    """Returns black pixels with a white column at x, below the first row."""
     pixels = np.full(size, 0xF000, np.uint16)
     pixels[1:, x] = 0xFFFF
     return pixels
 
 
 class ScriptedPictures(Pictures):
-    """Each wait gets the next picture of the script; after its end, no more come."""
+    """Pictures from a script: each wait returns the next one, until the script ends."""
 
     script = ()
 
@@ -89,7 +89,7 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
-    link.on_press = lambda _: ([], [picture(9)] * 3)  # a device that draws rarely: counts at the time-out
+    link.on_press = lambda _: ([], [picture(9)] * 3)  # a device that draws rarely: they count at the time-out
     device.press("down")
     device.wait_for(TARGET)
 
@@ -164,7 +164,7 @@ def test_press_until_does_not_overrun_a_slow_device(link, device):
     assert device.screen == guilink.Screen(picture(5))
     link.on_press = lambda _: ([], [picture(5)] * 3 + [picture(9)])
     device.press("right")
-    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no press too many
+    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no superfluous press
 
     link.on_press = lambda _: ([], [picture(len(link.pressed))] * 4)
     with pytest.raises(guilink.WaitTimeout, match="'Right', pressed 5 times, did not lead to the reference"):

@@ -175,7 +175,7 @@ def test_dead_connections_do_not_stand_in_the_way(link, device):
     dead = [socket.create_connection(("10.77.0.1", 8399), LIMIT) for _ in range(9)]
     for connection in dead[:-1]:
         connection.close()
-    device.connect().expect(MessageType.CONNECT_REQUEST)  # once the previous connection was silent for 1 s
+    device.connect().expect(MessageType.CONNECT_REQUEST)  # sent when the previous connection was silent for 1 s
     device.show(BLACK)
     assert link.wait_linked(soon()).linked
     assert socket.create_connection(("10.77.0.1", 8399), LIMIT).recv(1) == b""  # closed: there is a link

@@ -27,7 +27,7 @@ EVERY = 2       # s between samples
 BARE_TURN = 16  # s; long enough to contain quiet moments
 VIEWER_TURN = 5
 PAUSE = 1       # s between turns, without a companion
-SETTLED = 6     # s; then a link is quiet: the other candidates have ended (after 3 s)
+SETTLED = 6     # s after linking; then the link is quiet: the other candidates have ended (after 3 s)
 STALL = 1.5     # s without reading, so that the device blocks in a send (it gives up after 3)
 LIMIT = 60      # s; generous, for slow machines
 MAY_GROW = 256  # KiB, between the second and the last tenth of the run
@@ -37,7 +37,7 @@ PLOTS = [("RssAnon, KiB", "#1f77b4"), ("threads", "#c0504d"), ("descriptors", "#
 
 
 class Companions:
-    """Companions that link in turn, for ever. The bare one counts images and notes when the first arrived."""
+    """Companions that link in turn, for ever. The bare one counts images and notes the time of the first."""
 
     def __init__(self):
         self.images, self.linked_since = 0, None

@@ -188,7 +188,7 @@ TEST(VeltraneCommunicator, SignalMayEmptyItself) {
     EXPECT_EQ(calls, "called with all it holds");
 }
 
-// Runs action on another thread, as another connection, which does not report its end.
+// Runs action on another thread, as another connection. Does not report the connection's end.
 void on_a_connection(const std::function<void()>& action) {
     std::thread(action).join();
 }

@@ -1,4 +1,4 @@
-// Preloaded into the service: makes one of its calls fail, which tests/faults_test.py chooses.
+// Preloaded into the service: makes one of its calls fail. tests/faults_test.py chooses the call.
 //
 // A site is a kind of call and the chain of return addresses that leads to it. Sites are few, and
 // the same in every run, however the threads are scheduled. GUILINK_FAULT_TABLE names the file that
@@ -32,7 +32,7 @@ void* __libc_memalign(size_t, size_t);
 
 namespace {
 
-// What a call can do besides failing with an errno.
+// Faults other than an errno value.
 enum Fault { NO_FAULT = 0, ZERO = -1, SHORT = -2, CRASH = -3, HANG = -4, GARBLE = -5 };
 constexpr long SHORT_LENGTH = 7;  // bytes; within a frame's header
 
@@ -139,7 +139,7 @@ using Call = long(long, long, long, long, long, long);
 
 HOOK(accept4)
 HOOK(bind)
-HOOK_AS("close", close, (real(a, b, c, d, e, f), errno = fault, -1))  // closes all the same
+HOOK_AS("close", close, (real(a, b, c, d, e, f), errno = fault, -1))  // fails, but closes
 HOOK(connect)
 HOOK(daemon)
 HOOK(dup2)

@@ -1,4 +1,4 @@
-// Messages of other processes to our stand-in for the vendor's IPC library, one per piece.
+// Messages from other processes to our stand-in for the vendor's IPC library, one per piece.
 #include "ipc/ambaipc.h"
 
 #include <unistd.h>

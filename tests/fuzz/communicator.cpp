@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     // The main thread's connection lasts for the whole input; each other thread is a new
     // connection.
     Bytes main_stream;
-    Bytes* stream = nullptr;  // of the connection that sends
+    Bytes* stream = nullptr;  // bytes of the connection that is sending
     communicator.SetMessageHandler([&](uint16_t type, const Bytes& payload) {
         const Bytes said = frame(type, payload);
         require(memmem(stream->data(), stream->size(), said.data(), said.size()) != nullptr,

@@ -8,7 +8,7 @@ namespace guilink::fuzz {
 
 std::vector<Bytes> seeds() {
     const Bytes identity = frame(IdentityMessage, bytes("11111fw1.1"));
-    const auto middle = identity.begin() + 16;  // of its start sequence
+    const auto middle = identity.begin() + 16;  // in the middle of its start sequence
     return {
         piece(0, 0, Bytes(40) + Bytes(identity.begin(), middle)) +
             piece(0, 0, {middle, identity.end()}),
@@ -26,7 +26,7 @@ using namespace guilink::fuzz;
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     Bytes stream;
     Bytes found;
-    size_t end = 0;  // where the last frame found ends in the stream
+    size_t end = 0;  // end of the last frame found, as an index into the stream
     const auto on_frame = [&](uint16_t type, std::span<const unsigned char> payload) {
         const Bytes said = frame(type, {payload.begin(), payload.end()});
         const void* const at =

@@ -23,8 +23,9 @@ inline void require(bool condition, const char* what) {
     std::abort();
 }
 
-// An input consists of pieces. Each has a head of 4 bytes: one whose meaning the target defines,
-// the number of repeats, and two for the length. The repeats let short inputs fill large buffers.
+// An input consists of pieces. Each begins with 4 bytes: one whose meaning the target defines, one
+// for the number of repeats, and two for the length. The repeats let short inputs fill large
+// buffers.
 inline Bytes piece(unsigned char how, unsigned char repeats, const Bytes& data) {
     const auto length = static_cast<uint16_t>(data.size());
     return Bytes{how, repeats, static_cast<unsigned char>(length),

@@ -1,4 +1,4 @@
-// Messages of a browser to the viewer.
+// Messages from a browser to the viewer.
 #include "devkit/viewer/page_message.h"
 
 #include "tests/fuzz/fuzz.h"

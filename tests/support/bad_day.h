@@ -1,4 +1,4 @@
-// A fixture for faults: the test causes one, and the fixture checks that the service recovers.
+// A fixture for faults: the test causes a fault, and the fixture checks that the service recovers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ constexpr size_t MEMORY_SLACK = 384;  // KiB
 constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep freed memory
 #endif
 
-// With GUILINK_QUIET in the environment, which promises an idle machine, checks the promised times.
+// Returns the promised limit if GUILINK_QUIET says that the machine is idle, else a generous one.
 inline std::chrono::milliseconds relink_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
 }
@@ -74,7 +74,7 @@ class BadDay : public testing::Test {
         return true;
     }
 
-    // The service is linked, no thread of a search is left, and two samples are equal.
+    // Returns whether the service is linked, no search thread is left, and two samples are equal.
     bool settled() {
         const Daemon::Level last = std::exchange(m_before, m_daemon->level());
         return m_daemon->threads("ping-") == 0 && m_daemon->threads("tcp-receive") == 1 &&

@@ -14,7 +14,7 @@
 namespace guilink::test {
 
 constexpr uint64_t FRAME_MEMORY = 0x10000000;  // physical address of the first of three frames
-constexpr uint64_t FRAME_STEP = 0x1000000;     // bytes between them
+constexpr uint64_t FRAME_STEP = 0x1000000;     // bytes from one frame to the next
 constexpr uint32_t FRAME_SIZE = 1'572'864;     // bytes, 1024 x 768
 
 // Each call returns whether the service accepted it.

@@ -25,9 +25,9 @@ class Daemon {
   public:
     enum class Until { Detached, Started };
 
-    // Starts the service, and returns when it has reached this state or has ended. GUILINK_SERVICE
-    // in the environment names another build of it, such as an emulated one. change_streams runs
-    // just before exec.
+    // Starts the service, and returns when it has reached that state or has ended.
+    // GUILINK_SERVICE in the environment names another build of it, such as an emulated one.
+    // change_streams runs just before exec.
     explicit Daemon(
         Until until = Until::Started, const std::function<void()>& change_streams = [] {}) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);  // makes the detached service our child again
@@ -145,7 +145,7 @@ class Daemon {
     static pid_t last_child() {
         const std::string own = std::to_string(getpid());
         std::ifstream children("/proc/self/task/" + own + "/children");
-        pid_t last = -1;  // if it has already ended; waitpid(-1) gets its status
+        pid_t last = -1;  // no child: it has ended, and waitpid(-1) gets its status
         for (pid_t child; children >> child;) last = child;
         return last;
     }

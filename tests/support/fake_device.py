@@ -4,7 +4,7 @@ import socket
 from guilink.picture import encode
 from guilink.wire import FrameReader, MessageType, frame
 
-LIMIT = 30  # s; for anything that will happen, however slow the machine
+LIMIT = 30  # s; for any event that must come, however slow the machine
 BROADCAST = ("10.77.0.255", 3152)
 
 

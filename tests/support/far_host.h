@@ -34,7 +34,7 @@ class FarHost {
         setns(m_near, CLONE_NEWNET);
     }
 
-    // Runs action, whose new sockets then belong to that host.
+    // Runs action on this host: sockets that action creates belong to it.
     template <typename Action>
     auto inside(const Action& action) const {
         setns(m_far, CLONE_NEWNET);
@@ -62,7 +62,7 @@ class GoodCompanion {
                   Companion::Handlers{count, [this](const auto&) { ++m_images; }, {}});
           })) {}
 
-    // Received on the current link.
+    // Returns the number of images received on the current link.
     int images() const { return m_images; }
     bool linked_within(std::chrono::milliseconds limit) const {
         return wait_until([this] { return images() > 0; }, limit);

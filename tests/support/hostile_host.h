@@ -13,7 +13,7 @@ namespace guilink::test {
 
 // How hostile hosts behave on the connections that the service opens to them.
 struct Manners {
-    std::optional<Bytes> words = Bytes();         // sent repeatedly; nullopt: refuse connections
+    std::optional<Bytes> words = Bytes();  // bytes to send repeatedly; nullopt: refuse connections
     std::chrono::milliseconds words_after = 0ms;  // delay after accepting a connection
     std::chrono::milliseconds words_every = 10ms;
     size_t addresses = 1;

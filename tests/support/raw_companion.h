@@ -36,7 +36,7 @@ class RawCompanion {
                reinterpret_cast<const sockaddr*>(&m_device), sizeof m_device);
     }
 
-    // Answers broadcasts until the device connects; nullopt if it has not within limit.
+    // Answers broadcasts until the device connects; returns nullopt at the limit.
     std::optional<Socket> connection_within(std::chrono::milliseconds limit) {
         const auto connects = [this] {
             if (asked()) {
@@ -61,10 +61,9 @@ class RawCompanion {
         return std::move(*connection);
     }
 
-    // Accepts connections and repeats request on each until one has become the link: until the
-    // device sends something on it, or linked, which is called repeatedly, returns true. The first
-    // connection does not always become the link, because the device drops candidates at its next
-    // sweep.
+    // Accepts connections and repeats request on each. Returns the link: the connection on which
+    // the device sends something, or during which linked() returns true. The first connection does
+    // not always become the link, because the device drops candidates at its next sweep.
     Socket link(
         const Bytes& request = frame(ConnectRequest) + frame(ControlMessage),
         const std::function<bool()>& linked = [] { return false; }) {

@@ -16,12 +16,12 @@ using namespace std::chrono_literals;
 
 constexpr auto LIMIT = 60s;  // for any event that must come, however slow the machine
 
-// Set if an event did not come because the machine was too busy: if one end of the link gets no
-// processor time for 3 s, the other end drops the link. tests/support/run then tries again.
+// Set if an event did not come because the machine was too busy. (An end of the link that gets no
+// processor time for 3 s loses the link.) tests/support/run then tries again.
 inline std::atomic<bool> starved{false};
 
 inline void note_missing_event() {
-    std::chrono::nanoseconds without_processor{0};  // of all threads that were ready to run
+    std::chrono::nanoseconds without_processor{0};  // total for threads that were ready to run
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream file(task.path() / "schedstat");
         int64_t running, waiting;
@@ -62,7 +62,7 @@ class LastThreadsEnd {
         return std::distance(begin(tasks), end(tasks));
     }
 
-    // Starts a thread first, because then the thread sanitizer starts a lasting thread of its own.
+    // Starts a thread first: it makes the thread sanitizer start a lasting thread of its own.
     static ptrdiff_t lasting() {
         std::thread([] {}).join();
         std::this_thread::sleep_for(10ms);
