@@ -63,8 +63,7 @@ class LinkedFacade : public testing::Test {
         throw_missing_event("no new image");
     }
 
-    static constexpr int REPEATS =
-        20;  // images; two come per second. After these, the frame is lost.
+    static constexpr int REPEATS = 20;  // of the last image, two per second; then the frame is lost
 
     LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;

@@ -169,7 +169,7 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
 }
 
 // Tries random runs: each repeats a pixel with one random bit, or a random one of KINDS. The images
-// end anywhere in a block, and are up to two chunks and a bit long.
+// have up to 9,000 pixels: more than two chunks. They end anywhere in a block.
 TEST_F(Encoder, RandomRuns) {
     std::mt19937 random(1);
     for (size_t count = 1; count < 9'000; count += 1 + count / 100) {
