@@ -5,8 +5,8 @@ with status 1 if a figure is more than 2 % higher."""
 import subprocess
 import sys
 
-KNOWN_LENGTH = 10_000_000  # instructions of the loop, as in bench/mark.h
-LOOP_SETUP = 16  # further instructions before and after that loop, at most
+KNOWN_LENGTH = 10_000_000  # instructions of the loop that checks the plugin; as in bench/mark.h
+LOOP_SETUP = 16  # at most this many instructions set the loop up
 TOLERANCE = 1.02
 WAYS = ["encode", "literal encode", "checksum", "table checksum", "copy"]
 

@@ -1,6 +1,6 @@
 // A plugin for qemu's user mode: writes to standard error how many instructions the program has
-// executed between each two marks, one count per line. Debian has no package of the plugin
-// interface's header, so this file declares what it uses of the interface, version 1.
+// executed between each two marks, one count per line. Debian does not package the header of the
+// plugin interface, so this file declares the parts that it uses (version 1 of the interface).
 #include <cstdint>
 #include <cstdio>
 

@@ -39,8 +39,8 @@ void add(const Picture& picture, const std::string& name, Way way) {
         });
 }
 
-// Measures way(pixels) with cold caches: reads another copy each time. All copies together are
-// three times as large as the last-level cache.
+// Measures way(pixels) with cold caches: each call reads another copy of the pixels. All
+// copies together are three times as large as the last-level cache.
 template <class Way>
 void add_cold(const Picture& picture, const std::string& name, Way way) {
     const auto cache = static_cast<size_t>(std::max(sysconf(_SC_LEVEL3_CACHE_SIZE), 8L << 20));

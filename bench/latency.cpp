@@ -32,7 +32,7 @@ using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr auto LIMIT = 30s;                      // time-out of every wait
 constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // between frames, at 60 frames a second
-constexpr int ROUNDS = 200;                      // of single frames, and of buttons
+constexpr int ROUNDS = 200;                      // number of measured single frames, and of presses
 constexpr double SECONDS = 5;                    // default length of a measurement
 
 // Something did not arrive in time. The link ends if the machine stalls this process for 2 s.
@@ -83,7 +83,7 @@ class Report {
           m_time(
               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
     }
-    Clock::duration time() const { return m_time; }  // of each measurement
+    Clock::duration time() const { return m_time; }  // duration of each measurement
     void figure(const std::string& subject, const std::string& name, double value) const {
         std::cout << m_link << '\t' << subject << '\t' << name << '\t' << value << '\n';
     }
@@ -105,7 +105,8 @@ double since(Clock::time_point start, Clock::time_point end) {
     return Milliseconds(end - start).count();
 }
 
-// Measures how long a datagram waits in the network's queue, which also carries the link's bytes.
+// Measures how long a datagram waits in the network's queue. The link's bytes wait in this queue,
+// too.
 class Queue {
   public:
     Queue() {
@@ -242,7 +243,7 @@ void buttons(Companion& companion, ControlService& control, const Report& report
     report.spread("button", "sent on", times);
 }
 
-// As many runs of one pixel as a message can hold: 1 MiB.
+// Returns a picture with as many runs of one pixel as fit into a message (1 MiB).
 Picture largest(Picture blank) {
     constexpr size_t RUNS =
         (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // minus some runs for the rest of the picture

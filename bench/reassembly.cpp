@@ -11,7 +11,7 @@ namespace guilink {
 
 namespace {
 
-// The largest chunk that can arrive, 1 MiB, filled with the smallest frames: keep-alives.
+// Returns the largest chunk that can arrive (1 MiB), full of the smallest frames: keep-alives.
 std::vector<unsigned char> many_frames() {
     const std::vector<unsigned char> one = BuildFrame(ControlMessage, nullptr, 0);
     std::vector<unsigned char> all;

@@ -39,7 +39,7 @@ def report_speed(runs):
         return min(run[name] for run in runs)
 
     def best(ours, theirs):
-        """The best ratio of theirs to ours in any run."""
+        """Returns the best ratio of theirs to ours in any run."""
         return max(run[theirs] / run[ours] for run in runs)
 
     for size in SIZES:
@@ -98,7 +98,7 @@ def read_links(folder):
 
 def report_links(links):
     def cell(figures, *names):
-        """The best run's figures: a busy machine only makes figures worse."""
+        """Returns the best run's figures, because a busy machine only makes figures worse."""
         found = [min(figures[name]) for name in names if name in figures]
         return " / ".join(f"{value:.{0 if value >= 100 else 1}f}" for value in found) or "none"
 

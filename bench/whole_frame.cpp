@@ -1,5 +1,5 @@
 // Measures the service's processor time for one frame: copy, encode, checksum, frame, and send over
-// loopback to a receiver that reads. Also measures the same with the reference encoder and
+// loopback to a receiver that reads. Then measures all this with the reference encoder and
 // checksum.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
