@@ -4,8 +4,8 @@
 
 extern "C" int __llvm_profile_write_file();
 
-// The link options name this symbol; otherwise the linker would not take this file from its
-// library.
+// The link options name this symbol; otherwise the linker would leave this file out of the
+// program.
 extern "C" [[gnu::constructor]] void keep_coverage() {
     for (const int fatal : {SIGABRT, SIGBUS, SIGSEGV}) {
         std::signal(fatal, [](int signal) {
