@@ -236,7 +236,7 @@ void Companion::take_frame(Connection& from, uint16_t type,
     }
 }
 
-// When a newer connection delivers a message, the device has made that one its link.
+// When a newer connection delivers a message, the device has made that connection its link.
 void Companion::take_as_link(Connection& connection) {
     if (m_link == &connection) return;
     for (Connection& other : m_connections) {

@@ -10,11 +10,11 @@
 // sight: one that broadcasts twice while no other device does in between. A device that was linked
 // stays chosen, even with a new identity or a new address.
 //
-// Buttons and texts wait until the device is certain to deliver them. The device drops whatever
-// arrives in one chunk with a connect request; so the companion waits for the answer to an identity
-// request that it sent after the second connect request. The device also ignores connect requests
-// that arrive before it has listed the connection; so the companion also waits for an image, or for
-// two more connect requests, because the device may draw nothing.
+// Buttons and texts wait until the device is certain to deliver them, because the device
+// - drops whatever arrives in one chunk with a connect request: the companion waits for the answer
+//   to an identity request that it sent after the second connect request;
+// - ignores connect requests that arrive before it has listed the connection: the companion also
+//   waits for an image, or sends two more connect requests, because the device may draw nothing.
 #pragma once
 
 #include <atomic>
@@ -39,7 +39,7 @@ namespace guilink {
 
 struct LinkStatus {
     bool linked = false;
-    std::string address;   // of the device, dotted
+    std::string address;   // the device's IPv4 address, dotted
     std::string identity;  // 5 characters, may be any bytes
     std::string firmware;  // version text
 
