@@ -28,7 +28,7 @@ class Canvas {
 
     uint16_t width() const { return m_width; }
     uint16_t height() const { return m_height; }
-    cairo_t* context() const { return m_context.get(); }  // for other shapes
+    cairo_t* context() const { return m_context.get(); }  // to draw shapes that Canvas lacks
 
     void clear();  // to transparent
     void fill(const Box& box, double radius, const Colour& colour);

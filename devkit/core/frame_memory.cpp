@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* MEMORY = "/dev/mem";
 constexpr uint64_t PAGE = 4096;
-constexpr uint64_t FIRST_ADDRESS = 0x10000000;  // as on the device: above Linux's memory
+constexpr uint64_t FIRST_ADDRESS = 0x10000000;  // above Linux's memory, as on the device
 
 [[noreturn]] void fail(const std::string& why) {
     throw std::runtime_error("cannot make frame buffers in /dev/mem: " + why);

@@ -32,7 +32,7 @@ class Gui {
     };
     struct State {
         std::string identity;
-        std::vector<Page> pages;  // by PageName
+        std::vector<Page> pages;  // indexed by PageName
         PageName page_name = PageName::menu;
         bool powered = true;
         bool page_open = true;

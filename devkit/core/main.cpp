@@ -23,7 +23,7 @@ namespace {
 using namespace guilink;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // while calls fail
+constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // between calls that fail
 constexpr int LATE = 300;                                // ms; delay of a frame with Fault::late
 
 volatile std::sig_atomic_t stopped = 0;
