@@ -6,7 +6,7 @@
 namespace guilink {
 
 struct Asset {
-    std::string_view path;  // of the URL
+    std::string_view path;  // the URL's path
     std::string_view type;  // HTTP Content-Type
     std::string_view content;
 };

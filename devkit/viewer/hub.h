@@ -78,7 +78,7 @@ class Hub {
     // destroyed first.
     void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
     void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
-    // Passes on an order, such as a page's, for which nothing waits for the outcome.
+    // Passes on an order whose outcome is not reported, such as an order from a page.
     void pass_on(const Press& press) { m_handlers.press(press.button, 0); }
     void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
     void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);

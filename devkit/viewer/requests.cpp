@@ -10,7 +10,7 @@ namespace guilink {
 
 namespace {
 
-constexpr unsigned BUTTONS = 16;  // of a device
+constexpr unsigned BUTTONS = 16;  // number of a device's buttons
 
 std::optional<uint64_t> number(std::string_view text) {
     uint64_t value = 0;
