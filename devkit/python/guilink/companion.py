@@ -56,7 +56,7 @@ class Companion:
         self._orders: deque[Order] = deque()
         self._status = LinkStatus()
         self._linked_to: LinkStatus | None = None  # the device linked last; stays chosen
-        self._rivals: tuple[HeardDevice, ...] = ()  # if several are in sight and none was chosen
+        self._rivals: tuple[HeardDevice, ...] = ()  # devices in sight, if several and none was chosen
         self._answered: dict[str, Identity] = {}   # the devices that may connect, by address
         self._stop = False
         # Only for the companion's thread.
@@ -226,7 +226,7 @@ class Companion:
     def _wants(self, call: Call) -> bool:
         names = {call.device.identity, call.device.address}
         if self._linked_to and names & {self._linked_to.identity, self._linked_to.address}:
-            return True  # the last device, even with a new identity or a new address
+            return True  # the device linked last, even with a new identity or address
         if self._device or self._linked_to:
             return self._device in names
         self._rivals = (call.device, *call.between) if call.between else ()

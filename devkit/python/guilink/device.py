@@ -240,8 +240,8 @@ class Device:
         press.confirmed = True
 
     def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
-        """Yields the newest screen after the last press and its number, again and again until `end`. Yields at
-        least one screen if there is one. Equal screens in a row are the same object."""
+        """Yields the newest screen after the last press, with its number, again and again until `end`. Yields
+        at least one screen if there is one. Equal screens in a row are the same object."""
         number = self._after
         while picture := self._link.pictures.newer(number, end):
             number = picture.number
