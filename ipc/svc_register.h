@@ -1,5 +1,5 @@
-// Registers programs with the vendor's IPC library. On SIGTERM, unregisters the last one and ends
-// the process.
+// Registers programs with the vendor's IPC library. On SIGTERM, unregisters the program
+// registered last and ends the process.
 #pragma once
 
 #include <csignal>

@@ -22,7 +22,7 @@ namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; a receiver checks its flags at least this often
 constexpr timeval SEND_TIMEOUT = {3, 0};  // s; an unreachable host must not hold up the sweep
-constexpr auto ANSWER_WAIT = 3s;          // for answers after the last request
+constexpr auto ANSWER_WAIT = 3s;          // wait for answers, after the last request
 constexpr auto REQUEST_PAUSE = 1ms;       // before each echo request, to spare the network
 constexpr uint32_t SWEEP_LIMIT = 256;     // addresses; the rest of a larger subnet is not searched
 constexpr size_t IP_HEADER_SIZE = 20;     // bytes; headers with options are not expected

@@ -45,7 +45,7 @@ enum MessageType : uint16_t {
 
 struct FrameHeader {
     uint32_t checksum;
-    uint32_t length;  // of the payload, in bytes
+    uint32_t length;  // payload length in bytes
     uint16_t type;
 };
 
