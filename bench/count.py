@@ -6,7 +6,7 @@ import subprocess
 import sys
 
 KNOWN_LENGTH = 10_000_000  # instructions of the loop that checks the plugin; as in bench/mark.h
-LOOP_SETUP = 16  # at most this many instructions set the loop up
+LOOP_SETUP = 16  # limit for the instructions just before and after the loop
 TOLERANCE = 1.02
 WAYS = ["encode", "literal encode", "checksum", "table checksum", "copy"]
 

@@ -63,7 +63,7 @@ class LinkedFacade : public testing::Test {
         throw_missing_event("no new image");
     }
 
-    static constexpr int REPEATS = 20;  // of the last image, two per second; then the frame is lost
+    static constexpr int REPEATS = 20;  // the most to skip; after these, the frame is lost
 
     LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
@@ -139,7 +139,7 @@ TEST_F(LinkedFacade, MessagesAreHandled) {
     m_link.write(frame(ButtonMessage, {15}));
     EXPECT_EQ(control_service.read_some(), bytes(R"([{"msg_id":105,"param":"On"}])"));
     EXPECT_EQ(control_service.read_some(), bytes(R"([{"msg_id":115,"param":"On"}])"));
-    m_facade.reset();  // the last line is written before this returns
+    m_facade.reset();  // the last line is written before reset returns
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "BUTTON 5\nUSER hello\nUSER \nBUTTON 15\n");
 }
 

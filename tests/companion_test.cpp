@@ -234,7 +234,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
 TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
     const Socket device = connect();
     identify(device);
-    const Chatter chatter(device, frame(DataMessage));  // alive, although it does not read
+    const Chatter chatter(device, frame(DataMessage));  // keeps the link alive without reading
 
     const auto text = [](size_t i) { return std::to_string(i) + std::string(4000, '.'); };
     constexpr size_t TOO_MANY = 10'000;  // 40 MB: more than the socket buffers hold

@@ -70,7 +70,7 @@ class Controller : public testing::Test {
   protected:
     Controller() { m_worker->SetController(m_controller); }
 
-    // A new link proves that the last one has ended.
+    // Links again, which proves that the previous link has ended.
     Socket link() {
         const size_t before = m_worker->seen().link.size();
         return m_companion.link(bytes("c"),

@@ -89,7 +89,7 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
-    link.on_press = lambda _: ([], [picture(9)] * 3)  # a device that draws rarely: they count at the time-out
+    link.on_press = lambda _: ([], [picture(9)] * 3)  # rare pictures count only at the time-out
     device.press("down")
     device.wait_for(TARGET)
 
