@@ -72,8 +72,8 @@ bool Discovery::receive(const std::function<bool(const Call&)>& wanted) {
     return called;
 }
 
-// Moves the device to the front of m_devices. Returns how many devices were before it, because
-// they have broadcast since its last broadcast. Returns nothing for a new device.
+// Moves the device to the front of m_devices. Returns how many devices were before it, that is,
+// have broadcast since its last broadcast. Returns nothing for a new device.
 std::optional<size_t> Discovery::note(HeardDevice device) {
     const auto known = std::ranges::find_if(m_devices, [&](const HeardDevice& other) {
         return other.identity == device.identity && other.address == device.address;

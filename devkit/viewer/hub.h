@@ -92,7 +92,7 @@ class Hub {
     // them.
     size_t visitors = 0;
     size_t streams = 0;
-    uint64_t skipped_pictures = 0;  // pictures that pages and programs were too slow for
+    uint64_t skipped_pictures = 0;  // not sent, because a page or program was too slow
 
   private:
     struct Order {

@@ -158,7 +158,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     Companion::Payload m_written;  // being written
     std::string m_text;            // being written
     uint64_t m_last = 0;           // number of the last picture written or dropped
-    uint64_t m_skipped = 0;        // pictures that the page or program was too slow for
+    uint64_t m_skipped = 0;        // pictures not sent, because the page or program was too slow
     uint64_t m_skipped_reported = 0;
 };
 

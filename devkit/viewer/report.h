@@ -19,7 +19,7 @@ struct Report {
     std::optional<std::chrono::duration<double>> age;  // time since the newest picture
     double pictures_per_second = 0;
     double bytes_per_second = 0;
-    uint64_t skipped = 0;  // pictures that pages and programs were too slow for
+    uint64_t skipped = 0;  // pictures not sent, because a page or program was too slow
     size_t pages = 0;
     size_t programs = 0;
     size_t streams = 0;

@@ -39,7 +39,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     }
 
   private:
-    // Reads until the reader disconnects, and ignores what it sends. The pending read keeps the
+    // Waits until the reader disconnects, and ignores what it sends. The pending read keeps the
     // session alive.
     void watch_for_the_end() {
         m_socket.async_read_some(asio::buffer(m_ignored),
