@@ -7,8 +7,8 @@
 
 #include <stdexcept>
 
-// The template parameters are the socket primitives, each with its signature, then the address type
-// and the integer types of domain, type and protocol. The service only uses NetSocket<>.
+// Template parameters: the socket primitives, each preceded by its signature; the address type; the
+// integer types of domain, type and protocol. The service only uses NetSocket<>.
 template <typename CreateSignature = int(int, int, int), CreateSignature* Create = ::socket,
           typename CloseSignature = int(int), CloseSignature* Close = ::close,
           typename ConnectSignature = int(int, const sockaddr*, unsigned int),

@@ -127,7 +127,7 @@ bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
     if (_socket == nullptr) return false;
     pollfd event = {_socket->descriptor(), POLLOUT, 0};
     if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
-    // MSG_NOSIGNAL: a connection that the peer has reset fails like any other, without SIGPIPE.
+    // MSG_NOSIGNAL: if the peer has reset the connection, send only fails, without SIGPIPE.
     const ssize_t sent = ::send(event.fd, data, length, MSG_NOSIGNAL);
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
@@ -146,7 +146,7 @@ NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket
     const int fd = socket.descriptor();
     const int before = unsent(fd);
     if (before == 0) return Progress::Sent;
-    // poll returns when less than half of the mark is unsent.
+    // Two segments: poll returns when less than half of the low-water mark is unsent.
     set_low_water_mark(fd, 2 * segment_size(fd));
     pollfd event = {fd, POLLOUT, 0};
     const int ready = poll(&event, 1, POLL_TIMEOUT);

@@ -20,8 +20,9 @@
 
 namespace {
 
-// Byte indices for a shuffle of eight 16-bit lanes. Row i moves the lanes whose bits are set in i
-// to the front. Highway (hwy) has such tables, but GCC 12 copies them to the stack for every use.
+// Returns byte indices for a shuffle of eight 16-bit lanes. Row i moves the lanes whose bits are
+// set in i to the front. Highway (hwy) has such tables, but GCC 12 copies them to the stack for
+// every use.
 constexpr auto make_compress_table() {
     std::array<std::array<uint16_t, 8>, 256> table{};
     for (unsigned bits = 0; bits < table.size(); ++bits) {
