@@ -52,7 +52,7 @@ class Discovery:
         self._socket.close()
 
     def devices(self) -> list[HeardDevice]:
-        """The devices that have broadcast, the latest first."""
+        """Returns the devices that have broadcast, the latest first."""
         return list(reversed(list(self._heard.values())))
 
     def receive(self) -> list[Call]:

@@ -67,7 +67,7 @@ class Link(Protocol):
     def status(self) -> LinkStatus: ...
 
     def devices(self) -> list[HeardDevice]:
-        """All devices that have broadcast, the latest first."""
+        """Returns all devices that have broadcast, the latest first."""
 
     def wait_linked(self, deadline: float) -> LinkStatus:
         """Returns when buttons reach the device. Throws LinkError, with the reason, at the deadline."""
@@ -128,7 +128,7 @@ class Pictures:
             return self._recent[-1]
 
     def recent(self) -> list[Picture]:
-        """The pictures of the last seconds, oldest first."""
+        """Returns the pictures of the last seconds, oldest first."""
         with self.condition:
             return list(self._recent)
 

@@ -41,7 +41,7 @@ def frame(kind: int, payload: bytes = b"") -> bytes:
 
 
 def identity(payload: bytes) -> Identity | None:
-    """Decodes an IdentityMessage; None if it is too short. Accepts any bytes as text."""
+    """Decodes an IdentityMessage. Returns None if it is too short. Accepts any bytes as text."""
     if len(payload) < ID_SIZE:
         return None
     return Identity(*(part.decode("utf-8", "backslashreplace")
@@ -49,7 +49,7 @@ def identity(payload: bytes) -> Identity | None:
 
 
 def identity_datagram(datagram: bytes) -> Identity | None:
-    """Decodes a broadcast, which must be exactly one IdentityMessage; else None."""
+    """Decodes a broadcast. Returns None if it is not exactly one IdentityMessage."""
     match FrameReader().feed(datagram):
         case [Message(MessageType.IDENTITY, payload)] if len(payload) + HEADER.size == len(datagram):
             return identity(payload)
