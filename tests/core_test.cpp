@@ -54,7 +54,7 @@ TEST(Gui, EveryButtonCanBeSeen) {
     for (uint8_t button = 0; button < BUTTON_COUNT; ++button) {
         Gui gui("11111");
         const auto before = drawn(gui);
-        EXPECT_EQ(before, drawn(gui));  // nothing moves by itself at one moment
+        EXPECT_EQ(before, drawn(gui));  // equal moments give equal pictures
         gui.press(static_cast<Button>(button));
         EXPECT_NE(before, drawn(gui)) << int{button};
     }

@@ -60,7 +60,7 @@ class Encoder : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_NE(m_python, nullptr);
-        std::signal(SIGPIPE, SIG_IGN);  // pclose reports a failed decoder instead
+        std::signal(SIGPIPE, SIG_IGN);  // pclose reports a decoder that has failed
     }
     void TearDown() override {
         ASSERT_EQ(pclose(m_python), 0);

@@ -1,4 +1,4 @@
-// The fast checksum against the reference checksum, and allocations per frame.
+// Compares the fast checksum with the reference checksum, and counts allocations per frame.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

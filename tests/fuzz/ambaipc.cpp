@@ -9,7 +9,7 @@
 namespace guilink::fuzz {
 
 constexpr uint32_t PROGRAM = 0x70000004;
-Bytes last_argument;  // written by the program's thread, read after its answer
+Bytes last_argument;  // written by the program's thread; read after the answer
 
 void take(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_*) {
     const auto* const text = reinterpret_cast<const char*>(argument);
