@@ -221,7 +221,7 @@ class Day:
         self.call(GUI, struct.pack("<QI", address, size))
 
     def serve(self):
-        """A press and a text must arrive, then frames of both sizes. Too noisy a frame must not be sent."""
+        """A press and a text must arrive, then frames of both sizes, but no frame that is too noisy."""
         self.links += 1
         self.presses += 1
         self.until(lambda: self.pressed == self.presses, "press",

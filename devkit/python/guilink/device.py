@@ -88,7 +88,7 @@ class Device:
         return self._link.status().linked
 
     def heard(self) -> list[HeardDevice]:
-        """All devices that this script has received broadcasts from, the latest first."""
+        """Returns all devices from which this script has received broadcasts, the latest first."""
         return self._link.devices()
 
     # --- press -------------------------------------------------------------------------------------
