@@ -28,7 +28,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.append(ROOT + "/docs/examples")
 import minimal_companion as link  # noqa: E402  the path comes first
 
-JOBS = 16        # days at a time; they mostly wait
+JOBS = 16        # days (scenarios) played in parallel; they mostly wait
 OCCURRENCES = 3  # calls of a site to fail, one per day
 LIMIT = float(os.environ.get("GUILINK_FAULT_LIMIT", 60))  # s; a longer wait is a hang
 FRAMES = 17      # frames of each size, three times a day
@@ -273,7 +273,8 @@ def play_day(service):
 # --- all days ----------------------------------------------------------------------------------------
 
 def run(case=None, **environment):
-    """Plays a day. Returns its outcome, and for each site: its kind, number of calls, whether one failed."""
+    """Plays a day (the scenario). Returns its outcome, and for each site (a kind of call and the stack that leads
+    to it): the kind, the number of calls, and whether one was made to fail."""
     with tempfile.NamedTemporaryFile() as table:
         table.truncate(4096 * 32)
         environment |= {**os.environ, "GUILINK_FAIL_ONCE": sys.argv[2], "GUILINK_FAULT_TABLE": table.name}

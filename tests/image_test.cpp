@@ -25,7 +25,7 @@ TEST(EncodeImage, WritesExactlyTheseWords) {
         {3, 1, {0x0ABC, 0x0005, 0x0007}, {3, 1, 1, 0x0ABC, 1, 0}},
         {3, 1, {5, 5, 5}, {3, 1, 1, 5, 1, 0}},
         {4, 1, {0, 5, 7, 9}, {4, 1, 3, 0}},
-        // The boundary of the mask.
+        // 0x0FFF is the largest transparent pixel, so it is sent as 0. 0x1000 is sent unchanged.
         {5, 1, {0xFFFF, 0x0FFF, 0, 0x1000, 0}, {5, 1, 1, 0xFFFF, 2, 0, 1, 0x1000}},
         // The longest run, and more.
         {32768, 2, flat, {32768, 2, 65535, 0x8001}},

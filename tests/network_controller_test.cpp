@@ -142,7 +142,7 @@ TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
         EXPECT_TRUE(silent.ended());
     }
     const Socket peer = link();
-    peer.write(bytes("t"));  // the exception ends the receive thread
+    peer.write(bytes("t"));  // at a 't' the worker throws, which ends the receive thread
     EXPECT_TRUE(peer.ended());
     link();
     EXPECT_EQ(m_worker->seen().link_ends, 0);  // the worker did not see the link end

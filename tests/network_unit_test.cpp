@@ -203,8 +203,8 @@ TEST(NetworkUnit, NoSocketAvailable) {
     EXPECT_EQ(finder.count, 0u);
 
     Receiver receiver;
-    // Connect once before: without descriptors, the sanitizer can only check types that it has
-    // seen.
+    // Connect once before the limit below forbids new descriptors: the sanitizer needs one to check
+    // an object of a type that it has not seen yet.
     unit(THIS_HOST, SINGLE)->tcp_connect(PORT, receiver.callback());
     const auto host = unit(THIS_HOST, SINGLE);
     rlimit limit;

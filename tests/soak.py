@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """soak MINUTES: runs service and core while companions connect and disconnect; watches the service.
 
-A bare companion and the viewer take turns as the link. The bare companion first closes its link
-properly, then resets it in the middle of an image. The viewer is ended by SIGTERM, then by SIGKILL.
+A bare companion and the viewer take turns as the link. The bare companion ends its links in turn
+by closing them properly and by resetting them in the middle of an image; the viewer is ended in turn by
+SIGTERM and by SIGKILL.
 Writes samples to build/soak/soak.tsv and a chart to build/soak/soak.svg. Fails if the service dies,
 grows, or does not end with status 0 on SIGTERM."""
 import ctypes

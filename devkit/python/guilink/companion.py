@@ -25,7 +25,7 @@ CANDIDATE_SILENCE = 1.0  # s without a byte, after which another connection may 
 GRACE = 1.0             # s after linking; until then, broadcasts of the device come from older searches
 MAX_ANSWERED = 64       # addresses that may connect; the oldest is forgotten
 MAX_ACCEPTS = 16        # connections rejected at a time; a flood must not delay the link
-ASK_EVERY = 5           # ConnectRequests between two IdentityRequests of a candidate
+ASK_EVERY = 5           # ConnectRequests sent per IdentityRequest, before the connection is the link
 
 
 @dataclass(eq=False)

@@ -15,7 +15,8 @@ export function makeDevices(root, choose) {
     const age = performance.now() - received;
     const others = (status?.devices ?? []).filter(({ address, seconds_ago: ago }) =>
       ago * 1000 + age < IN_SIGHT && !(linked && address === status.address));
-    // No choice if only one device is in sight: the viewer is about to link to it.
+    // No choice while the viewer is about to link by itself: it has no link, waits for no particular device,
+    // and does not see several.
     const choice = others.length > 0 && (linked || status.wanted !== '' || status.state === 'several');
     root.hidden = !choice;
     const entries = choice ? [...(linked ? [{ ...status, linked }] : []), ...others] : [];
