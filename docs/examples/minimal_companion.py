@@ -76,7 +76,7 @@ def save_png(name, width, height, rgba):
 
 
 def answer(discovery, only=None):
-    """Answers a device's broadcast, or only that of one address; True if it did."""
+    """Answers a device's broadcast, if `only` is not another address. Returns whether it answered."""
     call, device = discovery.recvfrom(2048)
     calls = any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call)))
     if found := calls and only in (None, device[0]):
@@ -119,7 +119,9 @@ def messages(connection, discovery, end):
                 return
             heard = time.monotonic()
             buffer += data
-        if discovery in ready:  # while linked: an old search, another device, or ours has dropped the link
+        if discovery in ready:
+            # Linked, answer nothing at first: a search may be older than the link. Later, answer only our
+            # device: it has dropped the link.
             only = None if not linked else peer if now > linked + OLD_SEARCH else "nobody"
             if answer(discovery, only) and linked:
                 return
