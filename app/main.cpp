@@ -16,7 +16,7 @@ constexpr int MAPPED_FROM = 128 * 1024;  // bytes; malloc maps buffers of this s
 
 // Returns freed memory to the system at once, so that RSS does not creep over months.
 void return_freed_memory() {
-    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // otherwise malloc raises it and keeps 13 MB
+    mallopt(M_MMAP_THRESHOLD, MAPPED_FROM);  // otherwise malloc raises this limit and keeps 13 MB
     mallopt(M_ARENA_MAX, 1);                 // more arenas would keep the memory of ended threads
 }
 

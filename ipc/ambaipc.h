@@ -1,7 +1,7 @@
 // The part of the vendor's inter-core IPC library (libambaipc) that we use: two calls and their
-// records. A service registers programs. The other core calls a program's procedures; the library
-// runs them on its own threads, never two of one program at once. The layouts are the library's and
-// are asserted below.
+// records. A service registers programs. The other core calls a program's procedures. The library
+// runs the procedures on its own threads, never two of one program at once. The library defines the
+// layouts of the records; assertions below check them.
 #pragma once
 
 #include <cstddef>
@@ -30,11 +30,11 @@ struct IpcProcEntry {
 
 struct IpcProgInfo {
     int32_t count;             // number of procedures
-    IpcProcEntry* procedures;  // count entries, contiguous
+    IpcProcEntry* procedures;  // array of `count` entries
 };
 
-// Makes a program callable under a service name. The library copies name and info during the call.
-// The last argument is always 1. Returns 0 on success.
+// Makes a program callable under a service name. The library copies `name` and `info` during the
+// call. `last` is always 1. Returns 0 on success.
 int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, IpcProgInfo* info,
                          int last);
 

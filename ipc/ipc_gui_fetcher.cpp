@@ -70,7 +70,7 @@ void IpcGuiFetcher::loadIdFromIni() {
 
 void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
                                       _AMBA_IPC_SVC_RESULT_s_* result) {
-    if (!m_published) {  // the core has called before the fetcher is constructed
+    if (!m_published) {  // the core calls before the fetcher is constructed
         clear(result);
         return;
     }
@@ -85,7 +85,8 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
     } else {
         mapPhysBuffer(fetcher, buffer);
         // Runs only if inserting into cached_buffers throws: a cached buffer is never released.
-        // Deliberate: unmaps from the frame's first byte, with the size mapped last.
+        // Deliberate: munmap gets the address of the frame, which may lie within a page, and the
+        // frame size of the latest mapping.
         const auto release = [&fetcher](unsigned char* start) {
             munmap(start, fetcher.m_mappedSize);
         };
@@ -95,14 +96,15 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
 
     {
         const Lock lock(fetcher.m_comLibMutex);
-        // Deliberate: passes the size mapped last, not the announced one; all buffers have the
-        // same size.
+        // Deliberate: passes the frame size of the latest mapping, not the announced size, because
+        // all buffers have the same size.
         if (fetcher.m_comLib != nullptr) fetcher.m_comLib->push_frame(frame, fetcher.m_mappedSize);
     }
     clear(result);
 }
 
-// Deliberate: checks no result. If mmap fails, reading the frame ends the process by a signal.
+// Deliberate: checks no result. If mmap fails, reading the frame raises a signal that ends the
+// process.
 void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer) {
     const uint64_t page = buffer.phys_addr & PAGE_MASK;
     const uint64_t offset = buffer.phys_addr & OFFSET_MASK;

@@ -1,6 +1,6 @@
 // Receives the GUI from the real-time core, which calls one procedure for each frame (physical
 // address and size) and another one, rarely, for a new identity (the QR body). Frames go to the
-// current link facade; a new identity replaces the facade.
+// current link facade (ComLibInterface); a new identity replaces the facade.
 //
 // Each buffer address is mapped once and stays mapped, so later frames at that address cost no
 // system call. No static object is destroyed at exit, because the core still calls then.
@@ -37,14 +37,14 @@ class IpcGuiFetcher {
     IpcGuiFetcher(const IpcGuiFetcher&) = delete;
     IpcGuiFetcher& operator=(const IpcGuiFetcher&) = delete;
 
-    // The procedure for a frame; argument is a GuiBufferArg. Calls must not overlap. When a call
+    // The procedure for a frame; `argument` is a GuiBufferArg. Calls must not overlap. When a call
     // returns, the core may reuse the frame's memory. A frame that cannot be mapped ends the
     // process.
     static void ipcGuiBufReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
-    // The procedure for an identity; argument is a zero-terminated text of five characters. Any
-    // other length ends the process. Returns when the old facade is destroyed. Does not write to
-    // result.
+    // The procedure for a new identity; `argument` is a zero-terminated text of five characters.
+    // Any other length ends the process. Replaces the ComLibInterface, and returns when the old one
+    // is destroyed. Does not write to `result`.
     static void ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
   private:

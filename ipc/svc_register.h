@@ -1,5 +1,5 @@
-// Registers programs with the vendor's IPC library. On SIGTERM, unregisters the program
-// registered last and ends the process.
+// Registers programs with the vendor's IPC library. On SIGTERM, unregisters only the most recently
+// registered program and ends the process.
 #pragma once
 
 #include <csignal>
@@ -7,16 +7,16 @@
 
 #include "ipc/ambaipc.h"
 
-// Registers a program of count procedures, which must stay callable as long as the process runs,
-// and installs the handler of SIGTERM. Returns the library's result.
+// Registers a program that has `count` procedures, and installs the handler of SIGTERM. The
+// procedures must stay callable as long as the process runs. Returns the library's result.
 int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, uint32_t version,
                     const char* name);
 
-// Handler of SIGTERM. Deliberate: unregisters only the program registered last. Exits with status
-// 0.
+// Handler of SIGTERM. Deliberate: unregisters only the most recently registered program. Exits with
+// status 0.
 void sg_svc_unregister(int signal_number, siginfo_t* information, void* context);
 
-// The program registered last: its version, number and procedures.
+// Version, number and procedures of the most recently registered program.
 extern uint32_t sg_svc_vers;
 extern uint32_t sg_svc_prog;
 extern IpcProgInfo sg_svc_info;

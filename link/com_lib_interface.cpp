@@ -66,7 +66,7 @@ void ComLibInterface::push_frame(std::shared_ptr<unsigned char> frame, uint64_t 
 
     const Lock lock(m_frame_mutex);
     _set_resolution(size);
-    // Deliberate: does not clamp size, and reads any smaller frame as a whole 1024 x 768 one. The
+    // Deliberate: does not clamp `size`, and reads any smaller frame as a whole 1024 x 768 one. The
     // core is trusted.
     ReadFrame(m_back.data(), frame.get(), size >= FRAME_BUFFER_SIZE ? size : SMALL_FRAME_SIZE);
     m_frame_cv.notify_all();

@@ -24,8 +24,8 @@ class ComLibInterface {
     // Bytes of a 1280 x 960 frame of 16-bit pixels, the largest that is accepted.
     static constexpr uint64_t FRAME_BUFFER_SIZE = 2'457'600;
 
-    // Starts to search for a companion. id is the device's identity and must have exactly 5 bytes,
-    // or std::runtime_error is thrown; fw is its firmware version text.
+    // Starts to search for a companion. `id` is the device's identity and must have exactly 5
+    // bytes, or std::runtime_error is thrown; `fw` is the device's firmware version text.
     ComLibInterface(const std::string& id, const std::string& fw);
     // Drops the link. Needs up to about 1.5 s, more while a send blocks.
     ~ComLibInterface();
@@ -33,8 +33,8 @@ class ComLibInterface {
     ComLibInterface& operator=(const ComLibInterface&) = delete;
 
     // Offers a frame. A size of FRAME_BUFFER_SIZE means 1280 x 960; a larger size is not allowed,
-    // but not checked. Any smaller size means 1024 x 768, and 1,572,864 bytes are read even if size
-    // is less. The call copies the bytes and does not wait for the network.
+    // but not checked. Any smaller size means 1024 x 768, and 1,572,864 bytes are read even if
+    // `size` is less. The call copies the bytes and does not wait for the network.
     void push_frame(std::shared_ptr<unsigned char> frame, uint64_t size);
 
   private:

@@ -1,6 +1,6 @@
-// Copies a frame out of the core's memory. On 64-bit Arm, Linux may map it as device memory, where
-// an unaligned load ends the process by a signal, and loads are neither merged nor prefetched.
-// memcpy may use unaligned loads.
+// Copies a frame out of the core's memory. On 64-bit Arm, Linux may map this memory as device
+// memory, where an unaligned load raises a signal that ends the process, and where loads are
+// neither merged nor prefetched. memcpy may use unaligned loads.
 #pragma once
 
 #include <cstddef>

@@ -7,8 +7,8 @@
 
 #include <stdexcept>
 
-// Template parameters: the socket primitives, each preceded by its signature; the address type; the
-// integer types of domain, type and protocol. The service only uses NetSocket<>.
+// Template parameters: the system's socket functions, each preceded by its signature; the address
+// type; the integer types of domain, type and protocol. The service only uses NetSocket<>.
 template <typename CreateSignature = int(int, int, int), CreateSignature* Create = ::socket,
           typename CloseSignature = int(int), CloseSignature* Close = ::close,
           typename ConnectSignature = int(int, const sockaddr*, unsigned int),
@@ -31,7 +31,7 @@ class NetSocket {
     NetSocket& operator=(const NetSocket&) = delete;
 
     int descriptor() const { return _descriptor; }
-    int invalid() const { return _invalid; }  // what the primitives return on failure
+    int invalid() const { return _invalid; }  // return value of a failed socket function
 
   private:
     int _descriptor;

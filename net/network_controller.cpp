@@ -27,7 +27,7 @@ constexpr size_t MAX_CANDIDATES = 32;  // each costs a socket and a thread
 constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;  // per sweep; limits how many connections one host gets
 constexpr size_t MAX_HOSTS = 1024;  // hosts whose turns are counted; others wait for the next sweep
 constexpr unsigned SWEEPS_REMEMBERED = 60;  // sweeps; after these, all counts of turns are cleared
-constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then another candidate is examined
+constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then it is the next candidate's turn
 
 // How often a host has been a candidate.
 struct Turns {
@@ -35,8 +35,9 @@ struct Turns {
     unsigned in_sweep = 0;
 };
 
-// Captured by a connection's callback. The receive thread destroys its copy when the connection has
-// ended. Other threads destroy copies, too, but the worker ignores these reports.
+// Reports to the worker, on destruction, that the calling thread's connection has ended. Each
+// connection's callback captures a ConnectionEnd, so the receive thread destroys its copy at the
+// end of the connection. Other threads destroy copies, too, but the worker ignores their reports.
 struct ConnectionEnd {
     std::weak_ptr<NetworkController::NetworkWorker> worker;
 
@@ -198,8 +199,8 @@ void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<Ne
 
 void NetworkController::_data_receive(const SharedState& state, const unsigned char* data,
                                       uint64_t length, NetworkUnit* unit) {
-    // An exception ends the receive thread. Drop the link then, because no thread reads it any
-    // more.
+    // An exception ends the receive thread. Drop the link in this case, because no other thread
+    // would read its bytes.
     struct Guard {
         const SharedState& state;
         const NetworkUnit* unit;
@@ -269,7 +270,7 @@ void NetworkController::_set_current(const SharedState& state, const NetworkUnit
         const Lock lock(state->m_mutex);
         auto& candidates = state->m_candidates;
         const auto node = State::find(candidates, unit);
-        // Not listed yet, or given up: the connect request has no effect.
+        // The candidate is not in the list yet, or was dropped: its connect request has no effect.
         if (node == candidates.end() || !unit->connected()) return;
         auto& current = state->m_current;
         if (!current.empty()) state->drop(current, current.begin());

@@ -1,13 +1,13 @@
 // Keeps the device linked to exactly one peer. While it is not linked, a discovery sweep runs about
-// once a second on every interface. Every host that answers becomes a candidate: the controller
-// opens a TCP connection to it and hands its bytes to the worker (the link protocol). When the
-// worker accepts a candidate, that unit becomes the current one, and all others are dropped. A
-// failed send or the end of the connection drops the current unit and the data being sent; then the
-// search begins again.
+// once a second on every interface. Every host that answers becomes a candidate: a network unit
+// opens a TCP connection to the host, and the controller passes the received bytes to the worker
+// (the link protocol). When the worker accepts a candidate, the candidate's unit becomes the
+// current one, and all other units are dropped. A failed send or the end of the connection drops
+// the current unit and the data being sent; then the search begins again.
 //
 // A dropped unit is stopped at once, but destroyed only when its threads have ended, so that
-// nothing waits for it and no thread joins itself. Its callbacks may run after the controller's
-// end: they share the state below and never touch the controller.
+// nothing waits for the unit and no thread joins itself. A unit's callbacks may run after the
+// controller's end, so they use only the State below, of which they share the ownership.
 #pragma once
 
 #include <cstdint>
@@ -25,30 +25,31 @@ class NetworkController {
     class NetworkWorker {
       public:
         // Receives bytes of the calling thread's connection, valid only during the call. The worker
-        // calls signal, if it is not empty, to make that connection the link. With deliver_all
+        // calls `signal`, if it is not empty, to make that connection the link. If `deliver_all` is
         // false, only keep-alives reach the message handler. A length of 0 means that a candidate's
         // connection has ended. Called from several threads.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
         // Keeps a weak pointer to the controller, through which the worker sends.
         virtual void SetController(const std::shared_ptr<NetworkController>& controller) = 0;
-        // Installs the handler of the peer's messages: type and payload.
+        // Installs the handler of the peer's messages, which gets their type and payload.
         virtual void SetMessageHandler(
             const std::function<void(uint16_t, std::vector<unsigned char>)>& handler) = 0;
         virtual void SendIdentity() = 0;
         virtual void SendData(const unsigned char* data, uint64_t length) = 0;
         virtual void SendImage(const uint16_t* pixels, uint16_t width, uint16_t height) = 0;
-        // The datagram that discovery broadcasts.
+        // Returns the datagram that discovery broadcasts.
         virtual std::vector<unsigned char> GetIdentityFrame() = 0;
         virtual ~NetworkWorker() = default;
-        // The calling thread's connection has ended: nothing more will come from this thread.
+        // The calling thread's connection has ended: this thread will deliver no more bytes.
         virtual void OnConnectionEnd() {}
     };
 
     // Starts to search at once. Keeps a weak pointer to the worker, which must outlive the
     // controller.
     explicit NetworkController(const std::shared_ptr<NetworkWorker>& worker);
-    // Drops all units. Waits up to 1 s for the search thread, and for a send that is in progress.
+    // Drops all units. First waits for a send that is in progress (see send), then up to 1 s for
+    // the search thread.
     virtual ~NetworkController();
 
     NetworkController(const NetworkController&) = delete;

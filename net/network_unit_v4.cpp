@@ -19,8 +19,8 @@
 namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer is gone
-constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send fails if the socket has no room for longer
-constexpr int SYN_RETRANSMISSIONS = 3;    // of a connection attempt, which SEND_TIMEOUT limits, too
+constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send that waits longer for buffer space fails
+constexpr int SYN_RETRANSMISSIONS = 3;    // per connection attempt; SEND_TIMEOUT limits it, too
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
@@ -216,7 +216,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};
         const int ready = poll(&event, 1, POLL_TIMEOUT);
-        if (_stop || _tcp_stop) return;  // this side has stopped it: report no end
+        if (_stop || _tcp_stop) return;  // ended by this side: report no end
         if (ready <= 0) {
             write_line(STDERR_FILENO, "NetworkUnitV4: tcp receiver error or timeout");
             on_data(nullptr, 0, unit);

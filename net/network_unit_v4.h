@@ -1,7 +1,7 @@
 // A network unit of the IPv4 family: discovery by ICMP echo sweep or by UDP broadcast, and the TCP
 // connection. Addresses and masks are 32-bit values in network byte order.
 //
-// No wait on a socket is longer than 3 s, so a unit stops soon after it was asked to.
+// No wait on a socket is longer than 3 s, so a unit ends soon after a call of stop.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,8 @@ class NetworkUnitV4 : public NetworkUnit {
                   const std::vector<unsigned char>& ping_packet);
     ~NetworkUnitV4() override;
 
-    // Calls on_found with a unit for each local IPv4 interface except 127.0.0.1, on this thread.
+    // Calls on_found, on the calling thread, with a unit for each IPv4 address of a local
+    // interface, except 127.0.0.1.
     static void enumerate_interfaces(const UnitFoundCallback& on_found,
                                      const std::vector<unsigned char>& ping_packet);
 
@@ -36,7 +37,7 @@ class NetworkUnitV4 : public NetworkUnit {
     enum class Progress { Sent, Sending, Stalled };
     static Progress wait_until_sent(const NetSocket<>& socket);
 
-    // Thread entries; they return at once when unit is null.
+    // Entry functions of threads. They return at once if `unit` is null.
     static void _ping_send_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found);
     static void _ping_receive_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found,
                                        const NetSocket<>& socket);

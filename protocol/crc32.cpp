@@ -1,6 +1,6 @@
 // Three implementations of one checksum: eight tables (any processor), carry-less multiplication
-// (x86-64) and CRC instructions (64-bit Arm). The last two run only if the processor has them. All
-// three update the same register, so one can continue where another has stopped.
+// (x86-64) and CRC instructions (64-bit Arm). The last two run only if the processor has the
+// instructions. All three update the same CRC value, so one can continue where another has stopped.
 #include "protocol/crc32.h"
 
 #include <array>
@@ -61,17 +61,18 @@ uint32_t update_by_tables(uint32_t value, const unsigned char* bytes, uint64_t l
 
 #if defined(__x86_64__)
 
-// Returns x to the power of n modulo the polynomial, reflected. Carry-less multiplication of
-// reflected numbers needs it shifted by one bit.
+// Returns x to the power of n modulo the polynomial, reflected. The result is shifted by one bit,
+// as carry-less multiplication of reflected numbers requires.
 constexpr long long power(int n) {
     uint32_t remainder = 0x80000000;
     for (; n > 0; --n) remainder = shifted(remainder);
     return static_cast<long long>(remainder) << 1;
 }
 
-// Moves a value BITS bits towards the end of the data; the remainder of all data stays the same.
+// Folding: returns the value that, BITS bits further on in the data, has the same effect on the CRC
+// as `value` has here.
 template <int BITS>
-__attribute__((target("pclmul"))) inline __m128i moved(__m128i value) {
+__attribute__((target("pclmul"))) inline __m128i folded(__m128i value) {
     constexpr long long LOW = power(BITS + 32);
     constexpr long long HIGH = power(BITS - 32);
     const __m128i factors = _mm_set_epi64x(HIGH, LOW);
@@ -94,15 +95,15 @@ __attribute__((target("pclmul"))) uint32_t update_by_multiplying(uint32_t value,
     lanes[0] = _mm_xor_si128(lanes[0], _mm_cvtsi32_si128(static_cast<int>(value)));
     for (bytes += 64, length -= 64; length >= 64; bytes += 64, length -= 64) {
         for (size_t i = 0; i < 4; ++i) {
-            lanes[i] = _mm_xor_si128(moved<512>(lanes[i]), load128(bytes + 16 * i));
+            lanes[i] = _mm_xor_si128(folded<512>(lanes[i]), load128(bytes + 16 * i));
         }
     }
     __m128i sum = lanes[0];
-    for (size_t i = 1; i < 4; ++i) sum = _mm_xor_si128(moved<128>(sum), lanes[i]);
+    for (size_t i = 1; i < 4; ++i) sum = _mm_xor_si128(folded<128>(sum), lanes[i]);
     for (; length >= 16; bytes += 16, length -= 16) {
-        sum = _mm_xor_si128(moved<128>(sum), load128(bytes));
+        sum = _mm_xor_si128(folded<128>(sum), load128(bytes));
     }
-    // These 16 bytes have the same remainder as all the data before.
+    // These 16 bytes have the same CRC remainder as all the bytes folded into them.
     std::array<unsigned char, 16> rest;
     std::memcpy(rest.data(), &sum, sizeof sum);
     return update_by_tables(update_by_tables(0, rest.data(), rest.size()), bytes, length);

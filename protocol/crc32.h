@@ -3,5 +3,6 @@
 
 #include <cstdint>
 
-// Returns the checksum of length bytes, or 0 if length is 0; bytes may then be null. Reentrant.
+// Returns the checksum of the `length` bytes at `bytes`. If `length` is 0, returns 0, and `bytes`
+// may be null. Reentrant.
 uint32_t Crc32(const unsigned char* bytes, uint64_t length);

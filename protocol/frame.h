@@ -26,8 +26,8 @@ inline constexpr size_t LENGTH_OFFSET = 36;
 inline constexpr size_t TYPE_OFFSET = 40;
 inline constexpr size_t HEADER_SIZE = 42;
 
-// In bytes. Deliberate: BuildFrame applies this limit to the payload alone, a receiver to the whole
-// frame with its header.
+// In bytes. Deliberate: BuildFrame applies this limit to the payload alone, but
+// VeltraneCommunicator applies it to the whole received frame, header included.
 inline constexpr uint64_t MAX_SIZE = 0x100000;
 
 inline constexpr size_t ID_SIZE = 5;  // bytes of a device's identity
@@ -49,7 +49,7 @@ struct FrameHeader {
     uint16_t type;
 };
 
-// Reads the header at frame, HEADER_SIZE bytes. Does not check the start sequence.
+// Reads the HEADER_SIZE bytes at `frame`. Does not check the start sequence.
 inline FrameHeader ReadHeader(const unsigned char* frame) {
     FrameHeader header;
     std::memcpy(&header.checksum, frame + CHECKSUM_OFFSET, sizeof header.checksum);
@@ -58,11 +58,11 @@ inline FrameHeader ReadHeader(const unsigned char* frame) {
     return header;
 }
 
-// Returns the complete frame around a copy of length payload bytes, or an empty vector when length
-// exceeds MAX_SIZE. payload may be null only when length is 0.
+// Returns a complete frame, whose payload is a copy of the `length` bytes at `payload`. Returns an
+// empty vector if `length` exceeds MAX_SIZE. `payload` may be null only if `length` is 0.
 std::vector<unsigned char> BuildFrame(uint16_t type, const unsigned char* payload, uint64_t length);
 
-// Completes, in place, a frame whose payload of length bytes already lies at frame + HEADER_SIZE:
-// writes the header before it. Returns the size of the frame, or 0, with nothing written, when
-// length exceeds MAX_SIZE.
+// Completes a frame in place: writes the header for the payload, whose `length` bytes are already
+// at frame + HEADER_SIZE. Returns the size of the frame. If `length` exceeds MAX_SIZE, writes
+// nothing and returns 0.
 uint64_t FinishFrame(unsigned char* frame, uint16_t type, uint64_t length);

@@ -15,8 +15,8 @@
 #include <cstdint>
 #include <vector>
 
-// Encodes width x height pixels into words, starting at words[at]. words must hold at least at + 2
-// words and is doubled when it is full. Returns the payload length in bytes (twice the number of
-// words written). Throws std::bad_alloc when words cannot grow. Reentrant.
+// Encodes width x height pixels into `words`, starting at words[at]. `words` must have at least
+// at + 2 elements, and is doubled when it is full. Returns the payload length in bytes (twice the
+// number of words written). Throws std::bad_alloc when `words` cannot grow. Reentrant.
 uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
                      std::vector<uint16_t>& words, size_t at = 0);

@@ -21,7 +21,7 @@
 namespace {
 
 // Returns byte indices for a shuffle of eight 16-bit lanes. Row i moves the lanes whose bits are
-// set in i to the front. Highway (hwy) has such tables, but GCC 12 copies them to the stack for
+// set in `i` to the front. Highway (hwy) has such tables, but GCC 12 copies them to the stack for
 // every use.
 constexpr auto make_compress_table() {
     std::array<std::array<uint16_t, 8>, 256> table{};
@@ -89,7 +89,7 @@ HWY_INLINE auto value_at(Tag tag, const uint16_t* pixels) {
     return hn::IfThenElseZero(opaque(tag, pixel), pixel);
 }
 
-// Handles all whole blocks, and sets done to the number of their pixels.
+// Handles all whole blocks, and sets `done` to the number of their pixels.
 size_t find_in_vectors(const uint16_t* HWY_RESTRICT pixels, size_t count,
                        uint16_t* HWY_RESTRICT ends, uint16_t* HWY_RESTRICT values, size_t& done) {
     size_t found = 0;

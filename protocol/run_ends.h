@@ -11,9 +11,9 @@ inline constexpr uint16_t TRANSPARENT_MAX = 0x0FFF;
 // FindRunEnds writes whole vectors, so it may overwrite up to this many elements after its results.
 inline constexpr size_t RUN_ENDS_SLACK = 32;
 
-// Compares count pairs of neighbours, from pixels[0] and pixels[1] to pixels[count - 1] and
+// Compares `count` pairs of neighbours, from pixels[0] and pixels[1] to pixels[count - 1] and
 // pixels[count], and returns the number of pairs in which a run ends. For each such pair, in order,
-// writes the index of its second pixel (modulo 65536) to ends and its first pixel to values. Both
-// must have room for count + RUN_ENDS_SLACK elements and must not overlap other data. Nothing needs
-// to be aligned. Reentrant.
+// writes the index of its second pixel (modulo 65536) to `ends` and its first pixel to `values`.
+// `ends` and `values` must have room for count + RUN_ENDS_SLACK elements and must not overlap other
+// data. Nothing needs to be aligned. Reentrant.
 size_t FindRunEnds(const uint16_t* pixels, size_t count, uint16_t* ends, uint16_t* values);

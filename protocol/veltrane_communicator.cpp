@@ -17,11 +17,10 @@ constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; a typical screen fits withou
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
-// The calling thread's number; 0 until the thread delivers its first bytes. A thread receives for
-// one connection only, so its number identifies the connection. Unlike a thread's id, it is never
-// reused.
-std::atomic<uint64_t> last_connection{0};
-thread_local uint64_t this_connection = 0;
+// Numbers of connections. A thread receives for one connection only, so each thread that receives
+// has its own number. Unlike a thread's id, such a number is never reused.
+std::atomic<uint64_t> last_connection{0};   // the last number assigned
+thread_local uint64_t this_connection = 0;  // 0 until the thread delivers its first bytes
 
 std::vector<unsigned char> build_identity_frame(const std::string& id,
                                                 const std::string& firmware) {
@@ -33,8 +32,8 @@ std::vector<unsigned char> build_identity_frame(const std::string& id,
                       payload.size());
 }
 
-// Returns where the first start sequence is, or null. Looks at the beginning of data first, where
-// it usually is.
+// Returns the position of the first start sequence, or null. Checks the beginning of `data` first,
+// because `data` usually begins with a start sequence.
 const unsigned char* find_start(const unsigned char* data, uint64_t count) {
     const auto& start = STARTING_SEQUENCE;
     if (count < start.size()) return nullptr;
@@ -78,7 +77,7 @@ void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t co
         return;
     }
 
-    // Read the frames in place, unless data completes an earlier frame.
+    // Read the frames in place, unless `data` continues an incomplete frame.
     Stream stream = {data, data + count};
     if (is_kept) {
         std::vector<unsigned char>& buffer = kept->second;
@@ -151,7 +150,7 @@ void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool
 }
 
 void VeltraneCommunicator::OnConnectionEnd() {
-    if (this_connection == 0) return;  // not a receive thread: it destroyed a copy of a callback
+    if (this_connection == 0) return;  // this thread has delivered no bytes, so none are kept
     const Lock lock(m_receive_mutex);
     m_receive_buffers.erase(this_connection);
 }

@@ -5,8 +5,8 @@
 // Keeps each connection's incomplete frame separately. A damaged stream loses only its buffered
 // bytes: all of them are dropped if they contain no start sequence, if they announce a frame above
 // MAX_SIZE, or if they would be more than MAX_SIZE. All connections together keep at most MAX_SIZE
-// bytes. If they exceed it, the connection that keeps the most loses its bytes; the link comes
-// last.
+// bytes. Above this limit, the connection that keeps the most bytes loses them; the link loses its
+// bytes only if no other connection keeps any.
 #pragma once
 
 #include <cstdint>
@@ -26,25 +26,27 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
 
     using MessageHandler = std::function<void(uint16_t type, std::vector<unsigned char> payload)>;
 
-    // device_id must have exactly 5 bytes, or std::runtime_error is thrown; firmware is any
+    // `device_id` must have exactly 5 bytes, or std::runtime_error is thrown; `firmware` may be any
     // text.
     VeltraneCommunicator(const std::string& device_id, const std::string& firmware);
 
     // Calls are serialised. A thread receives for one connection: an incomplete frame at the end of
-    // data waits for the next call from the same thread. A count of 0 changes nothing. An exception
-    // from handler or signal goes to the caller; the frame that caused it stays buffered.
+    // `data` waits for the next call from the same thread. A `count` of 0 changes nothing. An
+    // exception from the message handler or from `signal` goes to the caller; the frame that caused
+    // the exception stays buffered.
     void OnDataReceived(const unsigned char* data, uint64_t count,
                         const std::function<void()>& signal, bool deliver_all) override;
     void OnConnectionEnd() override;
     void SetController(const std::shared_ptr<NetworkController>& controller) override;
-    // When this returns, the previous handler is not running and will not be called again. Must not
-    // be called by the handler.
+    // When SetMessageHandler returns, the previous handler is not running and will not be called
+    // again. The handler must not call SetMessageHandler.
     void SetMessageHandler(const MessageHandler& handler) override;
     void SendIdentity() override;
-    // Sends a DataMessage; does nothing without data or when count is 0.
+    // Sends a DataMessage. Does nothing if `data` is null or `count` is 0.
     void SendData(const unsigned char* data, uint64_t count) override;
-    // Encodes and sends width x height pixels. Without pixels, or with a width or height of 0, the
-    // last image frame is sent again, if there is one. One thread at a time.
+    // Encodes and sends width x height pixels. If `pixels` is null, or the width or height is 0,
+    // sends the last image frame again, if there is one. Only one thread at a time may call
+    // SendImage.
     void SendImage(const uint16_t* pixels, uint16_t width, uint16_t height) override;
     std::vector<unsigned char> GetIdentityFrame() override;
 
