@@ -1,6 +1,6 @@
-// The other core's side of a call: calls the procedures of one program over one connection, which
-// it opens at the first call and reopens when it is lost. A call that the service may have received
-// is never repeated. Not thread-safe.
+// The caller's side of our IPC library, for the real-time core: calls the procedures of one program
+// over one connection. Opens the connection at the first call, and reopens a lost one. Never
+// repeats a call that the service may have received. Not thread-safe.
 #pragma once
 
 #include <chrono>
@@ -13,8 +13,8 @@ namespace guilink {
 
 class AmbaipcCaller {
   public:
-    // Long, because the service stops its old link before it answers a QR body. That takes some
-    // seconds.
+    // Long, because a call can give the service a new identity (a QR body). Such a call returns
+    // only after the service has stopped its old link, which takes some seconds.
     static constexpr auto CALL_TIMEOUT = std::chrono::seconds(30);
 
     AmbaipcCaller(uint32_t program, uint32_t version);
@@ -32,7 +32,7 @@ class AmbaipcCaller {
   private:
     void connect();
     void disconnect();
-    // Both throw std::runtime_error with the program and the reason.
+    // fail and fail_by_errno throw std::runtime_error, which names the program and the reason.
     [[noreturn]] void fail(const char* reason) const;
     [[noreturn]] void fail_by_errno() const;
 

@@ -21,14 +21,16 @@ namespace guilink {
 
 namespace {
 
-constexpr auto REQUEST_INTERVAL = 50ms;         // between connect requests, until linked
-constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;  // after these, even a slow device has listed us
-constexpr auto KEEP_ALIVE_INTERVAL = 400ms;     // without one for 2 s, no new images come
+constexpr auto REQUEST_INTERVAL = 50ms;  // between connect requests, until linked
+// Number of connect requests after which the companion relies on the link even without an image.
+constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;
+// The device sends no new images after 2 s without a keep-alive.
+constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
 constexpr auto SILENCE = 1s;           // a device silent for longer is asked for its identity
 constexpr auto TIMEOUT = 3s;           // a connection silent for longer is closed
 constexpr size_t MAX_CONNECTIONS = 8;  // a device opens about one a second and soon drops it
-constexpr size_t MAX_WAITING = 256;    // messages queued
-constexpr size_t MAX_ANSWERED = 64;    // addresses that may connect
+constexpr size_t MAX_WAITING = 256;    // queued messages
+constexpr size_t MAX_ANSWERED = 64;    // remembered addresses, from which devices may connect
 
 int listen_for_devices(const NetSocket<>& listener) {
     const int on = 1;
@@ -122,8 +124,8 @@ void Companion::wait() {
 
     eventfd_t ignored;
     if (events[0].revents != 0) eventfd_read(m_wake, &ignored);
-    // Read broadcasts before accepting: a device that connects has broadcast before, perhaps after
-    // the poll above.
+    // Read broadcasts before accepting a connection: the device has broadcast before it connected,
+    // but perhaps after the poll above.
     if (events[1].revents != 0 || events[2].revents != 0) receive_broadcasts();
     auto event = events.begin() + 3;
     for (Connection& connection : m_connections) {
@@ -304,8 +306,8 @@ void Companion::refuse_waiting() {
     for (const DeliveryHandler& delivered : refused) delivered(Delivery::refused);
 }
 
-void Companion::end_sent(uint64_t last_question, Delivery delivery) {
-    while (!m_sent.empty() && m_sent.front().question <= last_question) {
+void Companion::end_sent(uint64_t last_identity_request, Delivery delivery) {
+    while (!m_sent.empty() && m_sent.front().identity_request <= last_identity_request) {
         const DeliveryHandler delivered = std::move(m_sent.front().delivered);
         m_sent.pop_front();
         delivered(delivery);

@@ -11,10 +11,11 @@
 // stays chosen, even with a new identity or a new address.
 //
 // Buttons and texts wait until the device is certain to deliver them, because the device
-// - drops whatever arrives in one chunk with a connect request: the companion waits for the answer
-//   to an identity request that it sent after the second connect request;
-// - ignores connect requests that arrive before it has listed the connection: the companion also
-//   waits for an image, or sends two more connect requests, because the device may draw nothing.
+// - drops whatever arrives in one chunk with a connect request. So the companion waits for the
+//   answer to an identity request that it sent after the second connect request.
+// - ignores a connect request that arrives before the connection is in the device's list of
+//   candidates. So the companion also waits for an image, which only a link carries. A device that
+//   draws nothing sends no image; in that case the companion sends two more connect requests.
 #pragma once
 
 #include <atomic>
@@ -50,7 +51,7 @@ struct LinkStatus {
 
 // The outcome of a message.
 enum class Delivery {
-    confirmed,  // the device has handed the message on
+    confirmed,  // the device has processed the message
     unknown,    // sent, but the link ended before the device confirmed it
     refused,    // not sent: there is no link
 };
@@ -73,8 +74,9 @@ class Companion {
         std::function<void(const std::vector<HeardDevice>&)> devices = {};
     };
 
-    // Starts to listen. device is the identity or the address of the wanted device; empty chooses
-    // the only one in sight. Throws std::runtime_error when it cannot listen on a port.
+    // Starts to listen. `device` is the identity or the address of the wanted device; if it is
+    // empty, the companion chooses the only device in sight. Throws std::runtime_error when it
+    // cannot listen on a port.
     explicit Companion(Handlers handlers, std::string device = {});
     // Drops the link. Waits only for a running handler.
     ~Companion();
@@ -83,9 +85,9 @@ class Companion {
 
     static constexpr size_t MAX_TEXT = 4096;  // bytes of one text
 
-    // press and send_text queue a message until a link delivers it. Messages stay in order. Call
-    // them from any thread. They return false, and drop the message, when the queue is full or the
-    // text is too long.
+    // press and send_text queue a message until a link delivers it. Messages stay in order. Any
+    // thread may call these functions. They return false, and drop the message, when the queue is
+    // full or the text is too long.
     //
     // A message with a delivery handler does not wait for a link. The handler is called once,
     // unless the companion is destroyed first. It runs after the handlers of all images that
@@ -93,8 +95,8 @@ class Companion {
     bool press(uint8_t button, DeliveryHandler delivered = {});
     bool send_text(const std::string& text, DeliveryHandler delivered = {});
 
-    // Links only to this device from now on, and drops the link to any other. Call it from any
-    // thread.
+    // Links only to this device from now on, and drops the link to any other. Any thread may call
+    // this function.
     void choose(std::string device);
 
   private:
@@ -105,7 +107,7 @@ class Companion {
         DeliveryHandler delivered;  // may be empty
     };
     struct Sent {
-        uint64_t question;  // number of the identity request that was sent after the message
+        uint64_t identity_request;  // number of the one that was sent after the message
         DeliveryHandler delivered;
     };
 
@@ -122,7 +124,7 @@ class Companion {
     static void ask(Connection& connection);
     void send_waiting();
     void refuse_waiting();
-    void end_sent(uint64_t last_question, Delivery delivery);
+    void end_sent(uint64_t last_identity_request, Delivery delivery);
     void drop_ended();
     LinkStatus unlinked() const;
     void report();

@@ -23,10 +23,11 @@ class Connection {
 
     int descriptor() const { return m_descriptor; }
     uint32_t address() const { return m_address; }  // IPv4, network byte order
-    bool ended() const { return m_ended; }          // the companion must close it
+    bool ended() const { return m_ended; }          // if so, the companion must close it
     void end() { m_ended = true; }
     bool wants_to_write() const { return !m_outgoing.empty(); }
-    Clock::time_point last_received() const { return m_last_received; }  // or time of construction
+    // Returns the time of construction until the first bytes have arrived.
+    Clock::time_point last_received() const { return m_last_received; }
 
     void receive(const FrameReader::FrameCallback& on_frame);
     void send(uint16_t type, std::span<const unsigned char> payload = {});
@@ -36,7 +37,7 @@ class Connection {
     unsigned requests = 0;    // connect requests sent
     uint64_t asked = 0;       // identity requests sent, all after the second connect request
     uint64_t answered = 0;    // identity requests answered; the device answers in order
-    bool image_seen = false;  // then it is the link: only the link carries images
+    bool image_seen = false;  // if true, this connection is the link: only the link carries images
     Clock::time_point next_words = {};  // when the next messages are due
 
   private:

@@ -26,10 +26,11 @@ struct HeardDevice {
 class Discovery {
   public:
     struct Call {
-        const HeardDevice& device;            // valid only during the call
-        uint32_t address;                     // network byte order
-        std::optional<size_t> callers_since;  // number of other devices since its last broadcast;
-                                              // empty for its first broadcast
+        const HeardDevice& device;  // valid only during the call
+        uint32_t address;           // network byte order
+        // Number of other devices that have broadcast since this device's last broadcast; empty for
+        // its first broadcast.
+        std::optional<size_t> callers_since;
     };
 
     // Throws std::runtime_error when it cannot bind the port.
@@ -37,8 +38,9 @@ class Discovery {
 
     int descriptor() const { return m_socket.descriptor(); }  // readable: broadcasts have arrived
 
-    // Reads the broadcasts that have arrived and answers those for which wanted returns true. Never
-    // blocks; reads a limited number per call. Returns whether there was a broadcast of a device.
+    // Reads the broadcasts that have arrived and answers those for which `wanted` returns true.
+    // Never blocks; reads a limited number per call. Returns whether there was a broadcast of a
+    // device.
     bool receive(const std::function<bool(const Call&)>& wanted);
 
     // The devices that have broadcast, the latest first.

@@ -14,7 +14,7 @@ void FrameReader::feed(std::span<const unsigned char> bytes, const FrameCallback
     m_begin = 0;
 }
 
-// Returns whether another frame may follow.
+// Parses or skips one frame. Returns false when the next frame needs more bytes.
 bool FrameReader::parse(const FrameCallback& on_frame) {
     const auto rest = std::span<const unsigned char>(m_buffer).subspan(m_begin);
     if (rest.size() < STARTING_SEQUENCE.size()) return false;

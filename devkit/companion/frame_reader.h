@@ -1,7 +1,9 @@
-// Finds the frames in a device's stream of bytes. Skips bytes before a start sequence, a header
-// that announces more than MAX_SIZE bytes, and a frame with a wrong checksum: the whole frame, so
-// that the work stays linear in the bytes received. Buffers at most one incomplete frame, about
-// 1 MiB.
+// Finds the frames in a device's stream of bytes. Skips
+// - bytes that belong to no frame,
+// - headers that announce more than MAX_SIZE bytes,
+// - frames with a wrong checksum, payload included, so that the work stays linear in the number of
+//   bytes received.
+// Buffers at most one incomplete frame, about 1 MiB.
 #pragma once
 
 #include <cstdint>

@@ -15,9 +15,10 @@ struct Image {
     std::vector<uint16_t> pixels;  // ARGB 4:4:4:4, row by row
 };
 
-// Decodes into image and reuses its memory. The device never sends the last pixel; the decoder
-// copies its left neighbour, or writes 0 in an image of one pixel. Throws std::runtime_error when
-// the payload is not a complete image; the contents of image are then undefined.
+// Decodes into `image` and reuses its memory. The device never sends the last pixel; the decoder
+// copies the pixel's left neighbour, or writes 0 in an image of one pixel. Throws
+// std::runtime_error when the payload is not a complete image; the contents of `image` are then
+// undefined.
 void decode_image(std::span<const unsigned char> payload, Image& image);
 
 }  // namespace guilink

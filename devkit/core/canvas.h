@@ -23,7 +23,7 @@ enum class Align { left, centre, right };
 
 class Canvas {
   public:
-    // width and height are in pixels; all drawing is in units of a 1280 x 960 screen.
+    // `width` and `height` are in pixels; all drawing is in units of a 1280 x 960 screen.
     Canvas(uint16_t width, uint16_t height);
 
     uint16_t width() const { return m_width; }
@@ -35,7 +35,7 @@ class Canvas {
     void outline(const Box& box, double radius, double thickness, const Colour& colour);
     void line(double x1, double y1, double x2, double y2, double thickness, const Colour& colour);
     void disc(double x, double y, double radius, const Colour& colour);
-    // y is the baseline.
+    // `y` is the text's baseline.
     void text(double x, double y, double size, const std::string& text, const Colour& colour,
               Align align = Align::left, bool bold = false);
 

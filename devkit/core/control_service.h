@@ -25,7 +25,7 @@ class ControlService {
     NetSocket<> m_socket;
 };
 
-// Returns the button, or nothing when text is not a valid command.
+// Returns the button, or nothing when `text` is not a valid command.
 std::optional<Button> parse_command(std::string_view text);
 
 }  // namespace guilink

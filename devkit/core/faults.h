@@ -23,7 +23,7 @@ inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},
                                                     {"late", Fault::late},
                                                     {"lost", Fault::lost}};
 
-// Draws the fault into the pixels of a screen that is width pixels wide.
+// Draws the fault into the pixels of a screen; `width` is the screen's width in pixels.
 void spoil(Fault fault, std::span<uint16_t> pixels, size_t width);
 
 }  // namespace guilink

@@ -33,7 +33,7 @@ int open_memory() {
     return file;
 }
 
-// Reserves length bytes of unused addresses and returns the first.
+// Reserves `length` bytes of unused addresses and returns the first address.
 uint64_t take_addresses(int file, uint64_t length) {
     flock(file, LOCK_EX);
     uint64_t used = 0;

@@ -16,8 +16,8 @@ class FrameMemory {
   public:
     static constexpr size_t BUFFERS = 3;  // the core draws into them in turn
 
-    // Creates the buffers, of size bytes each. Throws std::runtime_error when there is no simulated
-    // memory, or no unused address in it.
+    // Creates the buffers, each of `size` bytes. Throws std::runtime_error when there is no
+    // simulated memory, or no unused address in it.
     explicit FrameMemory(uint32_t size);
     ~FrameMemory();
     FrameMemory(const FrameMemory&) = delete;

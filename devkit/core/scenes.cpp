@@ -47,7 +47,7 @@ void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& momen
             });
         case Scene::noise: {
             std::minstd_rand random(static_cast<uint32_t>(moment.frame + 1));
-            // Runs of five pixels: shorter runs would make the larger screen exceed a message.
+            // Runs of five pixels: a 1280 x 960 image of shorter runs would not fit into a message.
             uint32_t value = 0;
             return paint(canvas, pixels, [&](uint32_t x, uint32_t) {
                 if (x % 5 == 0) value = static_cast<uint32_t>(random());

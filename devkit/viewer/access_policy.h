@@ -9,13 +9,14 @@
 
 namespace guilink {
 
-// host is a Host header: an address or a name, with or without a port.
+// `host` is a Host header: an address or a name, with or without a port.
 bool host_allowed(std::string_view host);
 
-// origin is an Origin header, or empty if there is none.
+// `origin` is an Origin header, or empty if there is none.
 bool from_our_page(std::string_view host, std::string_view origin);
 
-// fetch_site is a Sec-Fetch-Site header, or empty. Programs send neither Origin nor Sec-Fetch-Site.
+// `fetch_site` is a Sec-Fetch-Site header, or empty. Programs send neither Origin nor
+// Sec-Fetch-Site.
 bool from_another_site(std::string_view host, std::string_view origin, std::string_view fetch_site);
 
 }  // namespace guilink

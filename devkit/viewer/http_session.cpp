@@ -1,6 +1,6 @@
 #include "devkit/viewer/http_session.h"
 
-#include "devkit/viewer/hub.h"  // before Beast, for its <utility>
+#include "devkit/viewer/hub.h"  // before Boost, which needs the <utility> that hub.h includes
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -83,7 +83,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void answer(const Reply& reply) { answer(reply, {}); }
 
-    // picture is a picture's number, for a header of the answer.
+    // `picture` is the value of the answer's header Guilink-Picture: the number of a picture.
     void answer(const Reply& reply, std::optional<uint64_t> picture) {
         const Request& request = m_parser->get();
         m_timer.cancel();

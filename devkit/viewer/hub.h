@@ -25,7 +25,7 @@
 
 namespace guilink {
 
-constexpr auto PATIENCE = std::chrono::seconds(10);  // limit for a request, an answer or a pong
+constexpr auto PATIENCE = std::chrono::seconds(10);  // time limit of a request, an answer or a pong
 
 // Small kernel buffers: a picture waits in the session instead, where a newer one replaces it.
 void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
@@ -52,8 +52,8 @@ class Hub {
         virtual void offer_picture(const Picture& picture) = 0;
         bool is_program = false;
     };
-    // why_not: why an order (a press or a text) failed; empty if the device confirmed it. picture:
-    // number of the last picture before the device handed the order on.
+    // `why_not` says why an order (a press or a text) failed, and is empty if the device confirmed
+    // the order. `picture` is the number of the last picture that arrived before the confirmation.
     using Outcome =
         std::function<void(const std::optional<std::string>& why_not, uint64_t picture)>;
 
@@ -74,8 +74,8 @@ class Hub {
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // Passes an order on. Calls outcome once, perhaps before pass_on returns, unless owner is
-    // destroyed first.
+    // Passes an order on to the device. Calls `outcome` once, perhaps before pass_on returns. Does
+    // not call `outcome` if `owner` is destroyed first.
     void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
     void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
     // Passes on an order whose outcome is not reported, such as an order from a page.
@@ -119,7 +119,7 @@ class Hub {
     Picture m_newest;  // newest picture of the current link
     std::deque<Sample> m_samples;
     uint64_t m_last_order = 0;
-    std::map<uint64_t, Order> m_orders;  // passed on, without outcome yet
+    std::map<uint64_t, Order> m_orders;  // by number; passed on, but not confirmed yet
     Renditions m_renditions{m_loop};
 };
 

@@ -14,8 +14,8 @@ struct Options {
     bool list = false;         // list the devices instead of serving the page
 };
 
-// Reads the command line into options. If it asks for help or has a mistake, prints the text and
-// returns the exit status.
+// Reads the command line into `options`. If the command line asks for help or has a mistake, prints
+// the help or the error and returns the exit status.
 std::optional<int> parse_options(int argc, const char* const* argv, Options& options);
 
 }  // namespace guilink

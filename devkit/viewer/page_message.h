@@ -30,7 +30,7 @@ struct PageMessage {
 
 constexpr size_t MAX_PAGE_MESSAGE = 32768;  // bytes; the longest text, each byte escaped
 
-// Returns nothing if json is not a valid message.
+// Returns nothing if `json` is not a valid message.
 std::optional<PageMessage> parse_page_message(std::string_view json);
 
 }  // namespace guilink

@@ -1,6 +1,6 @@
 #include "devkit/viewer/page_session.h"
 
-#include "devkit/viewer/hub.h"  // before Beast, for its <utility>
+#include "devkit/viewer/hub.h"  // before Boost, which needs the <utility> that hub.h includes
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
@@ -16,9 +16,10 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr size_t MAX_ANSWERS = 1024;  // answers that the program has not read yet
+constexpr size_t MAX_ANSWERS = 1024;  // queued answers to a client that does not read
 
-// One message is being written at a time; at most one picture and one status wait.
+// The session of one client: a page or a program. Writes one message at a time. Meanwhile, keeps
+// all answers, but only the newest picture and status.
 class PageSession : public Hub::Watcher, public std::enable_shared_from_this<PageSession> {
   public:
     PageSession(Hub& hub, tcp::socket socket) : m_hub(hub), m_stream(std::move(socket)) {}
@@ -154,7 +155,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     bool m_writing = false;
     std::deque<std::string> m_answers;  // waiting to be written
     bool m_status_waits = false;
-    Picture m_picture;             // waiting, unless its payload is null
+    Picture m_picture;             // waiting to be written, unless its payload is null
     Companion::Payload m_written;  // being written
     std::string m_text;            // being written
     uint64_t m_last = 0;           // number of the last picture written or dropped

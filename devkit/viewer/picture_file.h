@@ -9,7 +9,7 @@ namespace guilink {
 
 enum class Backdrop { none, black, white };  // what transparent pixels are drawn over
 
-// Both return the bytes of a file, and throw std::runtime_error on failure.
+// encode_png and encode_jpeg return the bytes of a file. They throw std::runtime_error on failure.
 std::string encode_png(const Image& image, Backdrop backdrop = Backdrop::none);
 std::string encode_jpeg(const Image& image);  // over black
 

@@ -83,7 +83,7 @@ void Renditions::hand_out(Slot& slot) {
         if (waiter->after < slot.picture.number) served.splice(served.end(), slot.waiters, waiter);
         waiter = next;
     }
-    const Bytes bytes = slot.bytes;  // a copy: taken may call get, which may replace slot.bytes
+    const Bytes bytes = slot.bytes;  // a copy: `taken` may call get, which may replace slot.bytes
     const uint64_t number = slot.picture.number;
     for (const Waiter& waiter : served) {
         if (const auto owner = waiter.owner.lock()) waiter.taken(bytes, number);

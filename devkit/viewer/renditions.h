@@ -32,9 +32,9 @@ class Renditions {
     // Sets the newest picture; one without payload means that there is no picture.
     void offer(const Picture& newest);
 
-    // Calls taken once, perhaps before get returns, with the rendition of the first picture whose
-    // number is above `after`. Null bytes mean that the picture is damaged. Does not call taken
-    // when owner is destroyed.
+    // Calls `taken` once, perhaps before get returns, with the rendition of the first picture whose
+    // number is above `after`. Null bytes mean that the picture is damaged. Does not call `taken`
+    // if `owner` is destroyed first.
     void get(Rendition kind, uint64_t after, const std::weak_ptr<void>& owner, Taken taken);
 
   private:
@@ -44,7 +44,7 @@ class Renditions {
         Taken taken;
     };
     struct Slot {
-        Picture picture;  // the picture that bytes show
+        Picture picture;  // the picture from which `bytes` was encoded
         Bytes bytes;
         bool encoding = false;
         std::list<Waiter> waiters;

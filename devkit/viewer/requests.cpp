@@ -95,7 +95,7 @@ Asked read_request(const HttpRequest& request, const std::string& labels) {
     const std::string_view path = request.target.substr(0, mark);
     const std::string_view query =
         mark == std::string_view::npos ? "" : request.target.substr(mark + 1);
-    // Another site may link to the page, because its files contain nothing from the device.
+    // Other sites may link to the page's files, because these contain nothing from the device.
     if (find_asset(path) == nullptr &&
         from_another_site(request.host, request.origin, request.fetch_site))
         return Reply{403, "text/plain", "Only this server's own page and programs may do this.\n"};

@@ -36,8 +36,8 @@ class Received {
         m_changed.notify_all();
     }
 
-    // Waits for count images and for the identity. After these, the companion sends presses without
-    // delay. Returns the number of images received.
+    // Waits for `count` images and for the identity. After these, the companion sends presses
+    // without delay. Returns the number of images received.
     uint64_t wait_for_images(uint64_t count) {
         Lock lock(m_mutex);
         if (!m_changed.wait_until(lock, m_deadline, [&]() REQUIRES(m_mutex) {

@@ -1,6 +1,6 @@
 #include "devkit/viewer/stream_session.h"
 
-#include "devkit/viewer/hub.h"  // before Boost, for its <utility>
+#include "devkit/viewer/hub.h"  // before Boost, which needs the <utility> that hub.h includes
 
 #include <array>
 #include <boost/asio/buffer.hpp>

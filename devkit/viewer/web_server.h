@@ -21,7 +21,7 @@ class Hub;
 
 // The server calls these on its own thread.
 struct PageHandlers {
-    // order is the number to call publish_delivery with, or 0 if no report is wanted. A handler
+    // `order` is the number to pass to publish_delivery, or 0 if no report is wanted. A handler
     // that returns false has dropped the message, and will not report it.
     std::function<bool(uint8_t button, uint64_t order)> press;
     std::function<bool(const std::string& text, uint64_t order)> text;
@@ -30,7 +30,7 @@ struct PageHandlers {
 
 class WebServer {
   public:
-    // Takes ownership of a listening socket. labels is JSON, as load_labels returns it.
+    // Takes ownership of a listening socket. `labels` is JSON, as load_labels returns it.
     WebServer(int listener, std::string labels, PageHandlers handlers);
     // Closes all connections without delay.
     ~WebServer();

@@ -2,7 +2,7 @@
 -- itself (TCP 8399). docs/link-protocol.md describes the format and names the rules.
 
 local HEADER = 42        -- bytes: start sequence, checksum, length, type
-local MAX_PAYLOAD = 0x100000  -- bytes; a longer payload is damage
+local MAX_PAYLOAD = 0x100000  -- bytes; a header that announces more is damaged
 local ID_SIZE = 5        -- bytes of an identity; the rest is the firmware's version
 local DEVICE_PORT, COMPANION_PORT, LINK_PORT = 3153, 3152, 8399
 local START = ("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17"):gsub("..", function(hex)
@@ -46,7 +46,7 @@ local fields = {
 }
 guilink.fields = fields
 
--- Expert information; the text begins with the rule that is broken.
+-- Expert information; the text begins with the name of the broken rule.
 local function broken(name, text, severity)
     return ProtoExpert.new("guilink.broken." .. name, text, expert.group.PROTOCOL, severity or expert.severity.ERROR)
 end
@@ -90,7 +90,7 @@ local function crc32(data)
     return bit.bnot(crc) % 0x100000000
 end
 
--- Filled in the first pass over the capture.
+-- These tables are filled in the first pass over the capture.
 local broadcasts  -- address of a device -> its last broadcast: frame number, identity
 local answers     -- device and companion -> number of the frame with the last answer
 local found       -- number of a frame -> the last broadcast and answer before it
@@ -233,8 +233,8 @@ local function add_garbage(bytes, tree)
     branch:add_proto_expert_info(experts.garbage)
 end
 
--- Returns where the next start sequence begins at or after `from`, and true. Without one, returns where the
--- data's end may begin one, and false.
+-- Returns the position of the first start sequence at or after `from`, and true. If there is no start sequence,
+-- returns the position of an incomplete one at the end of the data, or the end of the data, and false.
 local function find_start(data, from)
     local at = data:find(START, from + 1, true)
     if at then return at - 1, true end
@@ -244,7 +244,8 @@ local function find_start(data, from)
     return #data, false
 end
 
--- Dissects the link: a stream of frames, which segments cut anywhere. Marks bytes that belong to no frame.
+-- Dissects the link, a stream of frames. A TCP segment may end in the middle of a frame. Marks bytes that
+-- belong to no frame.
 local function dissect_stream(tvb, pinfo, tree)
     local from_device = pinfo.dst_port == LINK_PORT
     pinfo.cols.protocol = "Guilink"

@@ -1,9 +1,10 @@
 // The list of devices in the network. Shown only if there is a choice.
 
-const IN_SIGHT = 5000; // ms since a device's last broadcast; it broadcasts about once a second
+// ms; a device that has not broadcast for longer leaves the list. A device broadcasts about once a second.
+const IN_SIGHT = 5000;
 
-// choose(address) links to the device with this address. Returns a function that shows a status of
-// the viewer; without an argument, it updates the list as time passes.
+// choose(address) links to the device with this address. Returns a function update(status), which shows the
+// devices in the viewer's status. update() only removes the devices whose last broadcast is too old.
 export function makeDevices(root, choose) {
   let status = null;
   let received = 0;
@@ -15,8 +16,8 @@ export function makeDevices(root, choose) {
     const age = performance.now() - received;
     const others = (status?.devices ?? []).filter(({ address, seconds_ago: ago }) =>
       ago * 1000 + age < IN_SIGHT && !(linked && address === status.address));
-    // No choice while the viewer is about to link by itself: it has no link, waits for no particular device,
-    // and does not see several.
+    // Offer no choice while the viewer is about to link by itself: the viewer has no link, waits for no
+    // particular device, and does not see several.
     const choice = others.length > 0 && (linked || status.wanted !== '' || status.state === 'several');
     root.hidden = !choice;
     const entries = choice ? [...(linked ? [{ ...status, linked }] : []), ...others] : [];

@@ -2,7 +2,8 @@
 // repeats it while the button is held. All buttons are released when the page loses the focus.
 
 const REPEAT = { first: 450, next: 120 }; // ms; before the first repeat, and between repeats
-// ms for which a click without a pointer holds its button. Ignores further clicks during this time.
+// ms that a button stays down after a click from the keyboard or from assistive technology. Further clicks
+// during this time are ignored.
 const CLICK = 50;
 
 // labels: [{button, label, key, place}]. press(button, label) sends a press.
@@ -76,7 +77,7 @@ export function makeButtons(pad, labels, press) {
     if (keys.has(code)) up(keys.get(code));
     keys.delete(code);
   });
-  // Takes the focus away from a clicked button, or Enter would click it again.
+  // Take the focus away from a clicked button: otherwise Enter would click it again.
   addEventListener('click', ({ detail, target }) => { if (detail > 0) target.closest('button')?.blur(); });
   addEventListener('blur', () => [...held.keys()].forEach(up));
 }

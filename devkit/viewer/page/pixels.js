@@ -3,7 +3,7 @@
 
 const MOST_PIXELS = 1280 * 960; // the largest screen; a larger image is damaged
 
-// From a pixel value to the bytes R, G, B, A in memory order.
+// Maps a pixel value to the bytes R, G, B, A in memory order.
 const RGBA = new Uint32Array(65536);
 {
   const bytes = new DataView(RGBA.buffer);
@@ -16,7 +16,8 @@ const RGBA = new Uint32Array(65536);
   }
 }
 
-// Decodes into reuse if its size fits. Returns an ImageData, or null for a damaged payload.
+// Returns the image as an ImageData, or null for a damaged payload. Overwrites and returns `reuse` if that
+// ImageData has the right size.
 export function decode(payload, reuse = null) {
   if (payload.byteLength < 4 || payload.byteLength % 4 !== 0) return null;
   const words = new Uint16Array(payload);

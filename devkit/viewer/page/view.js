@@ -17,8 +17,8 @@ let newest = null;
 let image = null;
 let drawing = false;
 let lastImageTime = null;
-let shown = 0; // images drawn and bytes received since the figures were last updated
-let received = 0;
+let shown = 0; // images drawn since the figures were last updated
+let received = 0; // bytes received since then
 
 function draw() {
   drawing = false;
@@ -97,7 +97,7 @@ setInterval(() => {
     : age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 
-// Adds a line to the events. Counts a repeated line, as from a held button, instead.
+// Adds a line to the events. If the line repeats the last one (as from a held button), only counts it.
 function note(text) {
   const last = $('log').firstChild;
   if (last?.lastChild.textContent === text) {
