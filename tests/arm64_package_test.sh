@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # arm64_package_test.sh PACKAGES BASE CORE: installs the arm64 packages of the folder PACKAGES in a
-# throw-away arm64 Debian and uses them there, under emulation, in the sandbox. BASE is the folder of
-# the system below it: created if it is missing or lacks a package, else unchanged. CORE is this machine's
-# guilink-core, which must draw the same picture. Needs root.
+# throw-away arm64 Debian and uses them there, under emulation, in the sandbox. BASE is the folder of a plain
+# arm64 Debian, the lower layer of the throw-away one. The test creates BASE if it is missing or lacks a
+# package, and otherwise does not change it. CORE is this machine's guilink-core, which must draw the same
+# picture. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -13,8 +14,8 @@ fail() {
 
 # --- in the sandbox, as root of a user namespace ---------------------------------------------------
 
-# Sets "inside" to run a command in the arm64 system ROOT. The emulator is registered only here: since
-# Linux 6.7, a user namespace has its own binfmt_misc. On older kernels, the host's applies.
+# Sets the array "inside", a prefix that runs a command in the arm64 system ROOT. Registers the emulator only
+# in this user namespace, which has its own binfmt_misc since Linux 6.7. On older kernels, the host's applies.
 enter() {  # ROOT
     inside=(chroot "$1" /usr/bin/env -i container=lxc PATH=/usr/sbin:/usr/bin:/sbin:/bin)
     mount --rbind /dev "$1/dev"
@@ -71,15 +72,15 @@ if [[ ${1-} == --inside ]]; then
     exit
 fi
 
-# --- outside ---------------------------------------------------------------------------------------
+# --- outside the sandbox ---------------------------------------------------------------------------
 
 packages=$(realpath "$1")
 base=$2
 core=$(realpath "$3")
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-# Continues in a private mount namespace. Mounts the system here, because older kernels cannot mount it in a
-# user namespace.
+# Continues in a private mount namespace. The overlay is mounted outside the sandbox, because older kernels
+# cannot mount one in a user namespace.
 if [[ ${4-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" "$core" --private
 fi
@@ -87,7 +88,7 @@ scratch=$(mktemp -d)
 mount -t tmpfs throw-away "$scratch"
 mkdir "$scratch"/{changes,work,system}
 
-# Files of packages belong to several users, so the user namespace gets all of them.
+# The packages' files belong to several users, so map all user and group ids into the user namespace.
 unshare --user sleep infinity &
 namespace=$!
 trap 'kill $namespace; wait $namespace 2>/dev/null || true

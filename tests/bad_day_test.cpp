@@ -1,4 +1,4 @@
-// The service with misbehaving companions and failing networks.
+// Tests the service with misbehaving companions and failing networks.
 #include <array>
 #include <list>
 #include <random>
@@ -86,7 +86,7 @@ TEST_F(BadDay, CandidateSpeaksBeforeItIsAccepted) {
     EXPECT_EQ(m_daemon->output().find("USER"), std::string::npos);
 }
 
-// Each candidate presses a different button. The service must obey only the link's.
+// Each candidate presses a different button. The service must obey only the presses on the link.
 TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
     struct Candidate {
         Candidate(Socket&& from, uint8_t number)
@@ -125,7 +125,8 @@ TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
     const GoodCompanion good(m_far);
     ASSERT_TRUE(good.linked_within(LIMIT));
     for (const char* const address : {"10.77.0.1", "10.77.0.9"}) {
-        // Change it only while linked: if a search cannot bind its address, the service aborts.
+        // Change the interface's address only while linked: without a link, the service searches,
+        // and aborts if it cannot bind to the old address.
         EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
         run("ip address flush dev guilink0");
         run("ip address add " + std::string(address) + "/24 broadcast + dev guilink0");
@@ -190,7 +191,7 @@ class FullPipe : public testing::TestWithParam<int> {
             while (write(m_pipe.writer.fd(), rest.data(), size) > 0) {
             }
         }
-        // Make it blocking again: the service shares this file description.
+        // Make the pipe blocking again: the service shares this file description.
         fcntl(m_pipe.writer.fd(), F_SETFL, 0);
     }
     std::string drain() const {

@@ -63,7 +63,7 @@ class LinkedFacade : public testing::Test {
         throw_missing_event("no new image");
     }
 
-    static constexpr int REPEATS = 20;  // the most to skip; after these, the frame is lost
+    static constexpr int REPEATS = 20;  // repeats to skip before a new frame counts as lost
 
     LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
@@ -78,7 +78,7 @@ TEST_F(LinkedFacade, SizeDecidesTheResolution) {
     EXPECT_EQ(image.width, 1280);
     EXPECT_EQ(image.height, 960);
 
-    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // the whole frame is read all the same
+    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // still reads the whole frame
     image = next_image_other_than(0x9002);
     EXPECT_EQ(image.width, 1024);
     EXPECT_EQ(image.height, 768);

@@ -1,4 +1,4 @@
-// The companion's library, against bytes of all kinds and a device in bare sockets.
+// Tests the companion's library with bytes of all kinds, and with a device made of bare sockets.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,8 +14,8 @@ namespace {
 
 using namespace guilink::test;
 
-// Feeds the stream to a reader in pieces of size bytes. Returns the type and payload of each frame,
-// as text.
+// Feeds the stream to a reader in pieces of `size` bytes. Returns the type and payload of each
+// frame, as text.
 std::vector<std::string> read_in_pieces(const Bytes& stream, size_t size) {
     FrameReader reader;
     std::vector<std::string> found;
@@ -58,7 +58,7 @@ TEST(ImageDecoder, RefusesWhatIsNoCompleteImage) {
 
 const Bytes IDENTITY = frame(IdentityMessage, bytes("ABCDEfw2"));
 
-// A device in bare sockets, and a companion whose reports are recorded.
+// A device made of bare sockets, and a companion whose reports are recorded.
 class CompanionTest : public testing::Test {
   protected:
     static void search(const Socket& from, const Bytes& datagram) {
@@ -67,7 +67,8 @@ class CompanionTest : public testing::Test {
                reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
     }
 
-    // Broadcasts twice, which makes it the only device in sight, and connects to the companion.
+    // Acts as a device: broadcasts twice, so that the companion takes it for the only device in
+    // sight, and connects to the companion.
     Socket connect(const char* address = "127.0.0.1") {
         m_search.emplace(SOCK_DGRAM, address, 3153);
         for (int i = 0; i < 2; ++i) search(*m_search, IDENTITY);
@@ -221,7 +222,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
     }
     EXPECT_TRUE(connect_from("127.0.0.2").ended());
 
-    Socket device = connect_from("127.0.0.1");  // it stays chosen, although its identity changes
+    Socket device = connect_from("127.0.0.1");  // stays chosen, although its identity changes
     device.write(frame(IdentityMessage, bytes("33333fw9")));
     EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
     device.reset();

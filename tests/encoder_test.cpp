@@ -1,5 +1,6 @@
-// The encoder, exhaustively: each set of vector instructions must write the same words as the
-// reference encoder, and both decoders must decode them to the pixels that a companion shows.
+// Tests the encoder exhaustively: each set of vector instructions must write the same words as the
+// reference encoder, and both decoders must decode these words to the pixels that a companion
+// shows.
 #include <gtest/gtest.h>
 #if defined(__x86_64__)
 #include <hwy/targets.h>
@@ -29,7 +30,7 @@ constexpr size_t EXHAUSTIVE = 12;  // pixels: 22 million images
 constexpr size_t STEP = 1;
 #else
 constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times more
-constexpr size_t STEP = 7;        // the other exhaustive tests try every seventh image
+constexpr size_t STEP = 7;        // tests that use STEP try only every seventh of their images
 #endif
 constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;
 
@@ -125,8 +126,8 @@ TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
     }
 }
 
-// The result for a vector depends on its 8 pixels and the next one. Tries all combinations of these
-// nine pixels at each place of a block: 32 pixels that the encoder reads together.
+// The encoder reads blocks of 32 pixels. Its result for 8 pixels depends only on them and on the
+// next pixel. Tries all combinations of these nine pixels at each place in a block.
 TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     constexpr size_t COUNT = size_t{1} << 18;
     Words pixels(9, KINDS[0]);

@@ -10,7 +10,7 @@ require() {  # FILE PROPERTY PATTERN READELF'S OPTIONS
 }
 
 for file in "$1"/{guilinkd,guilink-core,guilink-viewer} "$2"/libambaipc.so; do
-    # The vendor's library may replace the stand-in.
+    # Only guilinkd must exist: a build may lack the devkit, or use the vendor's libambaipc.so.
     [[ -f $file || $file == */guilinkd ]] || continue
     echo "looking at ${file##*/}"
     require "$file" "position independence" 'Type: +DYN' --file-header

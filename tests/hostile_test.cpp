@@ -1,5 +1,6 @@
-// While hosts attack, the service must still link a good companion, and must neither end nor grow.
-// After the attack it must return to its level (see bad_day.h).
+// While hosts attack, the service must not exit, must still link a good companion, and may start
+// only a limited number of threads. After the attack, its use of threads, descriptors and memory
+// must return to the values from before (see bad_day.h).
 #include "tests/support/bad_day.h"
 #include "tests/support/hostile_host.h"
 

@@ -49,7 +49,7 @@ std::vector<uint64_t> mappings() {
 
 }  // namespace
 
-// Replaces the vendor's library.
+// These two functions replace the vendor's library.
 extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name,
                                     IpcProgInfo* info, int last) {
     const IpcProcEntry& entry = info->procedures[0];
@@ -103,7 +103,8 @@ TEST(IpcGuiFetcherDeathTest, TermUnregistersTheLastProgramAndExits) {
         testing::ExitedWithCode(0), "^unregistered 1879048197 1\n$");
 }
 
-// Frames from three addresses, as a companion receives them.
+// Pushes frames and checks the images that a companion receives. The latest mapping determines the
+// size of an image, not the announced size.
 TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     constexpr uint32_t LARGE = 2'457'600;
     constexpr uint32_t SMALL = 1'572'864;
@@ -137,10 +138,10 @@ TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     };
     EXPECT_TRUE(shows(0x10000000, LARGE, 1280, 0x9001));
     EXPECT_TRUE(shows(0x20000124, SMALL, 1024, 0x9002));
-    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // announced large, handed over small
+    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // the latest mapping is small
     EXPECT_TRUE(shows(0x130000000, LARGE, 1280, 0x9003));
-    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // announced small, handed over large
-    push(0x30000000, LARGE);  // mapped again, although it is the memory of 0x130000000
+    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // the latest mapping is large
+    push(0x30000000, LARGE);  // mapped again, although the memory is that of 0x130000000
     EXPECT_THAT(mappings(), testing::UnorderedElementsAre(LARGE + 4096, SMALL + 4096, LARGE + 4096,
                                                           LARGE + 4096));
 }

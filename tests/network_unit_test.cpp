@@ -157,7 +157,8 @@ TEST(NetworkUnit, EchoSweep) {
         seekers.back()->ping(finders[i].callback());
     }
 
-    // Invalid replies come from the host that is searched for.
+    // Send invalid replies from the host that the last sweep searches for. The sweep must ignore
+    // these replies.
     EXPECT_TRUE(wait_until([&] { return finders[4].count == 1; }));
     const Socket forger(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
     const sockaddr_in host = ipv4("127.6.2.3", 0);
@@ -191,7 +192,7 @@ TEST(NetworkUnit, EchoSweep) {
 TEST(NetworkUnit, NoSocketAvailable) {
     testing::internal::CaptureStderr();
     Finder finder;
-    std::thread([&] {  // without privileges, which the unit's threads inherit
+    std::thread([&] {  // drops its capabilities, so that the unit's threads have none
         __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
         const __user_cap_data_struct none[2] = {};
         ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
@@ -303,7 +304,7 @@ TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {
     const auto progress = [&] { return NetworkUnitV4::wait_until_sent(*socket); };
     using enum NetworkUnitV4::Progress;
     EXPECT_EQ(progress(), Sent);
-    // More than the peer's window, but it fits into the send buffer.
+    // The data exceeds the peer's window, but fits into the send buffer.
     const Bytes data(NetworkUnit::BUFFER_SIZE / 4);
     while (progress() != Stalled) ASSERT_TRUE(send(data));
     EXPECT_TRUE(send_at_once(data));  // the low-water mark applied only during the wait
@@ -324,7 +325,7 @@ TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {
     EXPECT_TRUE(wait_until([&] { return progress() == Sent; }));
     reader.join();
     m_unit->stop();
-    EXPECT_EQ(progress(), Sent);  // closed: nothing to wait for
+    EXPECT_EQ(progress(), Sent);  // does not wait on a stopped connection
 }
 
 TEST_F(Connection, StopEndsItAtOnceAndQuietly) {

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages in the folder
 # PACKAGES, in a throw-away Debian with network, devices and a systemd of its own. BASE is the folder of
-# a plain Debian below it: created if it is missing or lacks a package, else unchanged. Needs root.
+# a plain Debian, the lower layer of the throw-away one. The test creates BASE if it is missing or lacks a
+# package, and otherwise does not change it. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 

@@ -154,7 +154,7 @@ TEST(VeltraneCommunicator, TypesAndDelivery) {
 
     receiver.SetMessageHandler({});
     const Bytes all = frame(ConnectRequest) + frame(DataMessage) + frame(ControlMessage);
-    receiver.OnDataReceived(all.data(), all.size(), {}, true);  // neither signal nor handler
+    receiver.OnDataReceived(all.data(), all.size(), {}, true);  // signal and handler are empty
     EXPECT_THAT(receiver.events(), IsEmpty());
 }
 
@@ -188,7 +188,7 @@ TEST(VeltraneCommunicator, SignalMayEmptyItself) {
     EXPECT_EQ(calls, "called with all it holds");
 }
 
-// Runs action on another thread, as another connection. Does not report the connection's end.
+// Runs `action` on another thread, as another connection. Does not report the connection's end.
 void on_a_connection(const std::function<void()>& action) {
     std::thread(action).join();
 }
@@ -211,12 +211,15 @@ TEST(VeltraneCommunicator, EachConnectionKeepsItsOwnHalfFrame) {
 TEST(VeltraneCommunicator, ConnectionsKeepAMebibyteTogether) {
     Receiver receiver;
     receiver.feed(first(41, GOOD), false);
-    on_a_connection([&] {  // keeps the most bytes, so it loses them
+    on_a_connection([&] {
+        // The total exceeds MAX_SIZE. This connection keeps the most bytes, so it loses them.
         receiver.feed(first(MAX_SIZE - 40, LARGE), false);
         receiver.feed(rest(MAX_SIZE - 40, LARGE), false);
     });
     on_a_connection([&] { receiver.feed(first(900'000, LARGE), false); });
-    on_a_connection([&] {  // the link, so the others lose their bytes
+    on_a_connection([&] {
+        // The total exceeds MAX_SIZE again. This connection is the link, so the other one loses its
+        // 900,000 bytes.
         receiver.feed(first(600'000, LARGE));
         receiver.feed(rest(600'000, LARGE));
     });
@@ -228,7 +231,7 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
     const LastThreadsEnd last_threads_end;
     RawCompanion companion;
     const auto communicator = std::make_shared<VeltraneCommunicator>("11111", "fw1.1");
-    std::atomic<int> buttons{0};  // delivered presses; only the link's count
+    std::atomic<int> buttons{0};  // presses that arrived on the link
     communicator->SetMessageHandler([&](uint16_t, const Bytes&) { ++buttons; });
     communicator->SendIdentity();  // dropped: there is no controller
     const auto controller = std::make_shared<NetworkController>(communicator);
@@ -237,7 +240,7 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
         companion.link(frame(ConnectRequest) + frame(ButtonMessage), [&] { return buttons > 0; });
     const Chatter chatter(link, frame(ControlMessage));
 
-    communicator->SendImage(nullptr, 0, 0);  // nothing to repeat
+    communicator->SendImage(nullptr, 0, 0);  // sends nothing: there is no last image
     communicator->SendIdentity();
     EXPECT_EQ(link.read_frame(), frame(IdentityMessage, bytes("11111fw1.1")));
     link.write(frame(IdentityRequest));

@@ -1,4 +1,5 @@
-// Messages from other processes to our stand-in for the vendor's IPC library, one per piece.
+// Sends messages, as another process, to our stand-in for the vendor's IPC library. Each piece of
+// the fuzzer's input is one message.
 #include "ipc/ambaipc.h"
 
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// Bytes that connections send to the service: in pieces, from several connections, as candidate or
-// link.
+// Delivers bytes to the service's communicator, in pieces, from several connections. Each piece
+// comes from a candidate or from the link.
 #include <thread>
 
 #include "protocol/veltrane_communicator.h"
@@ -30,8 +30,8 @@ using namespace guilink::fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static VeltraneCommunicator& communicator = *new VeltraneCommunicator("11111", "fw1.1");
-    // The main thread's connection lasts for the whole input; each other thread is a new
-    // connection.
+    // The main thread delivers the bytes of one connection, which lasts for the whole input. Every
+    // other thread delivers one piece from a new connection.
     Bytes main_stream;
     Bytes* stream = nullptr;  // bytes of the connection that is sending
     communicator.SetMessageHandler([&](uint16_t type, const Bytes& payload) {

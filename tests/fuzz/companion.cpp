@@ -1,4 +1,4 @@
-// Bytes that a device sends to a companion, in pieces.
+// Delivers bytes to the companion's frame reader, in pieces, as from a device.
 #include <utility>
 
 #include "devkit/companion/frame_reader.h"

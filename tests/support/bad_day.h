@@ -30,7 +30,8 @@ inline double seconds_since(std::chrono::steady_clock::time_point start) {
 
 class BadDay : public testing::Test {
   protected:
-    // Links the good companion and records the service's level once it is stable.
+    // Links the good companion, waits until the service's use of resources is stable, and records
+    // it in m_before.
     void SetUp() override {
         Frames::draw_busy_pictures();
         GoodCompanion good(m_far);
@@ -41,8 +42,8 @@ class BadDay : public testing::Test {
         ASSERT_TRUE(wait_until([&] { return settled(); }));
     }
 
-    // The service must link the good companion again, return to its level (threads, descriptors,
-    // memory) and end with status 0.
+    // The service must link the good companion again, return to the recorded use of threads,
+    // descriptors and memory, and end with status 0.
     void TearDown() override {
         const auto end_of_trouble = std::chrono::steady_clock::now();
         ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();

@@ -38,7 +38,7 @@ inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
     return BuildFrame(type, payload.data(), payload.size());
 }
 
-constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;  // the largest for the service
+constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;  // the largest the service accepts
 
 // Returns the frame with another length in its header.
 inline Bytes announcing(uint32_t length, Bytes frame) {

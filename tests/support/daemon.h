@@ -25,9 +25,9 @@ class Daemon {
   public:
     enum class Until { Detached, Started };
 
-    // Starts the service, and returns when it has reached that state or has ended.
-    // GUILINK_SERVICE in the environment names another build of it, such as an emulated one.
-    // change_streams runs just before exec.
+    // Starts the service, and returns when it has reached the state `until` or has ended.
+    // GUILINK_SERVICE in the environment names another build of the service, such as an emulated
+    // one. change_streams runs just before exec.
     explicit Daemon(
         Until until = Until::Started, const std::function<void()>& change_streams = [] {}) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);  // makes the detached service our child again
@@ -99,7 +99,7 @@ class Daemon {
         return {entries("task"), entries("fd"), memory};
     }
 
-    // Counts the threads whose names begin with name.
+    // Counts the threads whose names begin with `name`.
     size_t threads(std::string_view name) const {
         size_t count = 0;
         for (const auto& task : std::filesystem::directory_iterator(process() + "task")) {
@@ -140,12 +140,12 @@ class Daemon {
     // Start-up creates the idle thread last.
     bool started() const { return threads("idle") == 1; }
 
-    // Returns the last child. Children before it may be zombies: the leak checkers of earlier
-    // services.
+    // Returns the youngest child, which is the service. Older children may be zombies that
+    // LeakSanitizer left behind when earlier services ended.
     static pid_t last_child() {
         const std::string own = std::to_string(getpid());
         std::ifstream children("/proc/self/task/" + own + "/children");
-        pid_t last = -1;  // no child: it has ended, and waitpid(-1) gets its status
+        pid_t last = -1;  // none listed: the service has ended; waitpid(-1) gets its status
         for (pid_t child; children >> child;) last = child;
         return last;
     }

@@ -34,7 +34,7 @@ class FarHost {
         setns(m_near, CLONE_NEWNET);
     }
 
-    // Runs action on this host: sockets that action creates belong to it.
+    // Runs `action` on this host: sockets that `action` creates belong to the host.
     template <typename Action>
     auto inside(const Action& action) const {
         setns(m_far, CLONE_NEWNET);

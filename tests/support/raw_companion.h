@@ -1,4 +1,4 @@
-// A companion in bare sockets, for tests that control every byte and misbehave. It answers
+// A companion made of bare sockets, for tests that control every byte and misbehave. It answers
 // broadcasts only when the test calls answer(). Waits are generous and throw at their limit, which
 // fails the test.
 #pragma once
@@ -49,7 +49,8 @@ class RawCompanion {
         return accept();
     }
 
-    // Accepts the next connection, which must come without a further answer.
+    // Accepts the connection that the device opens. Sends no more answers to the device's
+    // broadcasts.
     Socket accept() const {
         if (!m_listener.readable(LIMIT)) throw_missing_event("the device does not connect");
         return Socket(accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));

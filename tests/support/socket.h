@@ -79,7 +79,8 @@ class Socket {
         }
     }
 
-    // Waits for bytes and returns those available, at most size; empty at the end of the stream.
+    // Waits for bytes and returns the available ones, at most `size`; none at the end of the
+    // stream.
     Bytes read_some(size_t size = 65536) const {
         if (!readable(LIMIT)) throw_missing_event("nothing to read");
         Bytes data(size);

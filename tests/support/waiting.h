@@ -16,8 +16,8 @@ using namespace std::chrono_literals;
 
 constexpr auto LIMIT = 60s;  // for any event that must come, however slow the machine
 
-// Set if an event did not come because the machine was too busy. (An end of the link that gets no
-// processor time for 3 s loses the link.) tests/support/run then tries again.
+// Set if an event did not come because the machine was too busy. (If the service or the companion
+// gets no processor time for 3 s, the link ends.) tests/support/run then runs the test again.
 inline std::atomic<bool> starved{false};
 
 inline void note_missing_event() {
@@ -48,8 +48,8 @@ inline bool wait_until(const std::function<bool()>& condition,
     return true;
 }
 
-// Declare first. Its destructor waits until the number of threads is back where it was, so that
-// nothing of a test still runs when its process ends.
+// Declare this object before all others. Its destructor waits until the number of threads is back
+// where it was, so that nothing of a test still runs when the test's process ends.
 class LastThreadsEnd {
   public:
     ~LastThreadsEnd() {
@@ -62,7 +62,8 @@ class LastThreadsEnd {
         return std::distance(begin(tasks), end(tasks));
     }
 
-    // Starts a thread first: it makes the thread sanitizer start a lasting thread of its own.
+    // Starts a thread first, because the first thread of a process makes the thread sanitizer start
+    // another thread, which does not end.
     static ptrdiff_t lasting() {
         std::thread([] {}).join();
         std::this_thread::sleep_for(10ms);
