@@ -1,6 +1,7 @@
-// A plugin for qemu's user mode: writes to standard error how many instructions the program has
-// executed between each two marks, one count per line. Debian does not package the header of the
-// plugin interface, so this file declares the parts that it uses (version 1 of the interface).
+// A plugin for qemu's user mode that counts instructions. Marks come in pairs: for each pair, the
+// plugin writes to standard error how many instructions the program has executed between the two
+// marks, one count per line. Debian does not package the header of the plugin interface (version
+// 1), so this file declares the parts that it uses.
 #include <cstdint>
 #include <cstdio>
 
@@ -28,7 +29,7 @@ int qemu_plugin_install(qemu_plugin_id_t id, const void* info, int argc, char** 
 
 namespace {
 
-uint64_t executed = 0;  // the program has one thread
+uint64_t executed = 0;  // not atomic, because the program has one thread
 uint64_t at_first_mark = 0;
 bool between_marks = false;
 

@@ -24,14 +24,14 @@ std::string title(const Picture& picture, const std::string& name) {
            std::to_string(picture.height) + "/" + name;
 }
 
-// Measures way(pixels), with the pixels in the caches.
-template <class Way>
-void add(const Picture& picture, const std::string& name, Way way) {
+// Measures code(pixels), with the pixels in the caches.
+template <class Code>
+void add(const Picture& picture, const std::string& name, Code code) {
     benchmark::RegisterBenchmark(
-        title(picture, name).c_str(), [&picture, way](benchmark::State& state) {
+        title(picture, name).c_str(), [&picture, code](benchmark::State& state) {
             uint64_t result = 0;
             for ([[maybe_unused]] auto round : state) {
-                benchmark::DoNotOptimize(result = way(picture.pixels));
+                benchmark::DoNotOptimize(result = code(picture.pixels));
                 benchmark::ClobberMemory();
             }
             state.counters["result"] = static_cast<double>(result);
@@ -39,17 +39,17 @@ void add(const Picture& picture, const std::string& name, Way way) {
         });
 }
 
-// Measures way(pixels) with cold caches: each call reads another copy of the pixels. All
-// copies together are three times as large as the last-level cache.
-template <class Way>
-void add_cold(const Picture& picture, const std::string& name, Way way) {
+// Measures code(pixels) with cold caches: each call reads another copy of the pixels. All copies
+// together are three times as large as the last-level cache.
+template <class Code>
+void add_cold(const Picture& picture, const std::string& name, Code code) {
     const auto cache = static_cast<size_t>(std::max(sysconf(_SC_LEVEL3_CACHE_SIZE), 8L << 20));
     benchmark::RegisterBenchmark(
         title(picture, name).c_str(), [=, &picture](benchmark::State& state) {
             const std::vector<Words> copies(3 * cache / picture.size() + 1, picture.pixels);
             size_t next = 0;
             for ([[maybe_unused]] auto round : state) {
-                benchmark::DoNotOptimize(way(copies[next++ % copies.size()]));
+                benchmark::DoNotOptimize(code(copies[next++ % copies.size()]));
                 benchmark::ClobberMemory();
             }
         });

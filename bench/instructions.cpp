@@ -1,6 +1,6 @@
-// guilink-instructions: for each measure, runs the code once to warm up and once between two marks,
-// and prints "NAME<tab>PIXELS" lines in the order of the marks. A mark is a system call that does
-// not exist; bench/count_plugin.cpp counts the instructions between two of them.
+// guilink-instructions: for each measure, runs the code once to warm up and once between a pair of
+// marks, and prints "NAME<tab>PIXELS" lines in the order of the pairs. A mark is a system call that
+// does not exist; bench/count_plugin.cpp counts the instructions between the marks of each pair.
 #include <unistd.h>
 
 #include <cstring>

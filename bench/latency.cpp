@@ -87,7 +87,7 @@ class Report {
     void figure(const std::string& subject, const std::string& name, double value) const {
         std::cout << m_link << '\t' << subject << '\t' << name << '\t' << value << '\n';
     }
-    // Prints the spread of values, which are milliseconds.
+    // Prints the median and the 99th percentile of `values`, which are milliseconds.
     void spread(const std::string& subject, const std::string& name,
                 std::vector<double> values) const {
         if (values.empty()) return;
@@ -246,7 +246,7 @@ void buttons(Companion& companion, ControlService& control, const Report& report
 // Returns a picture with as many runs of one pixel as fit into a message (1 MiB).
 Picture largest(Picture blank) {
     constexpr size_t RUNS =
-        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // minus some runs for the rest of the picture
+        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // leaves some runs for the blank rest of the picture
     for (size_t i = 0; i < RUNS; ++i) blank.pixels[i] = i % 2 == 0 ? 0xF123 : 0xFABC;
     blank.name = "largest";
     return blank;
@@ -266,7 +266,8 @@ int run(int argc, char** argv) {
                          .text = {}});
     Device device;
     std::vector<Picture> pictures = draw_pictures(1280, 960);
-    pictures.back() = largest(pictures.front());  // replaces noise, which exceeds a message
+    // Replace the last picture, noise: its encoding is too large for a message.
+    pictures.back() = largest(pictures.front());
     link_up(device, watch, pictures.front());
     for (Picture& picture : pictures) {
         if (argc > 3 && picture.name != argv[3]) continue;

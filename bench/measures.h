@@ -1,5 +1,5 @@
-// The measurements of guilink-bench. A benchmark's name is PICTURE/SIZE/WAY or SUBJECT/WAY; the
-// ways of one subject are compared within one run.
+// The measurements of guilink-bench. A benchmark's name is PICTURE/SIZE/VARIANT or SUBJECT/VARIANT.
+// One run measures all variants of a subject, so that they can be compared.
 #pragma once
 
 #include <vector>

@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Copy = void (*)(unsigned char* to, const unsigned char* from, size_t size);
 
-constexpr auto TIME = 1s;  // measuring time for each way to copy
+constexpr auto TIME = 1s;  // measuring time of each copy function
 
 void copy_plainly(unsigned char* to, const unsigned char* from, size_t size) {
     std::memcpy(to, from, size);
@@ -49,7 +49,8 @@ void measure(const char* name, Copy copy, const unsigned char* from, size_t size
     std::fflush(stdout);
 }
 
-// Runs in a child process, because plain loads of device memory can end it by a signal.
+// Runs in a child process, because a plain load from device memory can raise a signal that kills
+// the process.
 void measure_plain_reads(const unsigned char* from, size_t size) {
     const pid_t child = fork();
     if (child == 0) {

@@ -1,7 +1,7 @@
-// Preloaded into guilink-latency on slow links. It gives the link's socket what most devices have:
-// cubic congestion control, and the send buffer of systems before Linux 6.17. With GUILINK_BEFORE
-// in the environment, this library hides all unsent bytes, so that the service never waits until
-// they are sent. Measurements compare the service with and without that wait.
+// A library that is preloaded into guilink-latency on slow links. Gives the link's socket the same
+// options as on most devices: cubic congestion control, and the send buffer of Linux before 6.17.
+// With GUILINK_BEFORE in the environment, also hides all unsent bytes, so that the service never
+// waits until they are sent. Measurements compare the service with and without that wait.
 #include <dlfcn.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr int SEND_BUFFER = 212'992;  // bytes; the largest that those systems grant
+constexpr int SEND_BUFFER = 212'992;  // bytes; the default maximum before Linux 6.17
 
 template <typename Function>
 Function* original(Function*, const char* name) {
