@@ -1,4 +1,5 @@
-// Part of each program of the coverage build. Writes the counters when a fatal signal ends it.
+// Part of each program of the coverage build. Writes the counters when a fatal signal ends the
+// program.
 #include <csignal>
 #include <initializer_list>
 
