@@ -33,7 +33,7 @@ PROGRESS_INTERVAL = 1.0  # s
 def _link(device: str | None, viewer: str | None) -> Link:
     if not viewer:
         return Companion(device)
-    from guilink.viewer import Viewer  # only this needs websockets
+    from guilink.viewer import Viewer  # only Viewer needs websockets
 
     return Viewer(viewer, device)
 

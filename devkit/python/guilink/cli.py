@@ -1,6 +1,6 @@
 """The command line: `guilink devices | snapshot | press | wait | record | shell | conform | doctor`.
 
-Exit status 0: done. 1: no device, or it did not show what was expected. 2: a mistake in the command.
+Exit status 0: done. 1: no device, or the device did not show what was expected. 2: a mistake in the command.
 """
 from __future__ import annotations
 

@@ -1,7 +1,7 @@
 """A companion: lets a device find it, becomes and stays its link, and links again after a loss.
 
 See docs/link-protocol.md, Becoming the link and Staying linked. One thread does all of this. Other threads
-call the methods and wait for it.
+call the methods, and wait for that thread.
 """
 from __future__ import annotations
 
@@ -20,22 +20,22 @@ from guilink.wire import Identity, Message, MessageType
 LINK_PORT = 8399        # TCP, where devices connect
 REQUEST_INTERVAL = 0.1  # s between ConnectRequests until linked; the device drops a candidate after 1 s at most
 KEEP_ALIVE = 0.5        # s; without a keep-alive, new pictures stop after 2 s, and the link ends after 3 s
-SILENCE = 3.0           # s without a byte, after which the device is gone
+SILENCE = 3.0           # s without a byte, after which the companion ends the connection
 CANDIDATE_SILENCE = 1.0  # s without a byte, after which another connection may replace the candidate
-GRACE = 1.0             # s after linking; until then, broadcasts of the device come from older searches
-MAX_ANSWERED = 64       # addresses that may connect; the oldest is forgotten
+GRACE = 1.0             # s; for this long after linking, the device's broadcasts may come from older searches
+MAX_ANSWERED = 64       # addresses that may connect; when there are more, the oldest is forgotten
 MAX_ACCEPTS = 16        # connections rejected at a time; a flood must not delay the link
 ASK_EVERY = 5           # ConnectRequests sent per IdentityRequest, before the connection is the link
 
 
 @dataclass(eq=False)
 class Order:
-    """A button or text. It waits for a link, then is sent, followed by a question (an IdentityRequest). The
-    answer confirms the order. If the link ends before the answer, the order may be lost."""
+    """A button or text. It waits for a link, and is then sent, followed by an IdentityRequest. The answer to that
+    request confirms the order. If the link ends before the answer, the order may be lost."""
 
     kind: MessageType
     payload: bytes
-    question: int = 0     # number of its question on the connection; 0 while the order waits for a link
+    request: int = 0      # number of the IdentityRequest sent after the order; 0 while the order waits for a link
     number: int = 0       # number of the last picture before the answer
     done: bool = False
     lost: bool = False    # the link ended before the answer
@@ -44,8 +44,8 @@ class Order:
 class Companion:
     """A link that belongs to this script alone. Implements `guilink.link.Link`.
 
-    `device` is the identity or the address of the wanted device; the companion answers no other. Without it,
-    the companion answers a device that broadcasts twice while no other device does in between.
+    `device` is the identity or the address of the wanted device; the companion answers no other. Without
+    `device`, the companion answers a device that broadcasts twice, with no broadcast of another device in between.
     """
 
     def __init__(self, device: str | None = None):
@@ -55,11 +55,11 @@ class Companion:
         self._failure: Exception | None = None
         self._orders: deque[Order] = deque()
         self._status = LinkStatus()
-        self._linked_to: LinkStatus | None = None  # the device linked last; stays chosen
-        self._rivals: tuple[HeardDevice, ...] = ()  # devices in sight, if several and none was chosen
+        self._linked_to: LinkStatus | None = None  # the device linked last; the companion stays with it
+        self._rivals: tuple[HeardDevice, ...] = ()  # the devices in sight, if there are several and none was chosen
         self._answered: dict[str, Identity] = {}   # the devices that may connect, by address
         self._stop = False
-        # Only for the companion's thread.
+        # Used only by the companion's thread.
         self._connection: Connection | None = None
         self._next_words = 0.0
         self._next_accept = 0.0
@@ -122,7 +122,7 @@ class Companion:
             try:
                 while not (order.done or order.lost):
                     if not self._changed.wait(max(0.0, deadline - time.monotonic())):
-                        raise LinkError("the device has not confirmed it" if order.question
+                        raise LinkError("the device has not confirmed it" if order.request
                                         else self._why_not())
                     self._raise_failure()
             finally:
@@ -153,7 +153,7 @@ class Companion:
     def _wake(self) -> None:
         try:
             self._wake_sender.send(b"\0")
-        except OSError:  # full, so the thread wakes anyway; or closed
+        except OSError:  # the socket is full, so the thread wakes anyway; or it is closed
             pass
 
     # --- on the companion's thread -----------------------------------------------------------------
@@ -235,7 +235,7 @@ class Companion:
         return call.again and not call.between
 
     def _accept(self) -> None:
-        """Accepts the next connection. Closes it if its host was not answered, or if there is a link already."""
+        """Accepts the next connection from a host that was answered. Closes all others; while linked, closes all."""
         for _ in range(MAX_ACCEPTS):
             try:
                 connected, (address, _) = self._listener.accept()
@@ -279,7 +279,7 @@ class Companion:
     def _confirm(self, connection: Connection) -> None:
         with self._changed:
             for order in self._orders:
-                if order.question and order.question <= connection.answered and not order.done:
+                if order.request and order.request <= connection.answered and not order.done:
                     order.done, order.number = True, self.pictures.number
             self._changed.notify_all()
 
@@ -301,7 +301,7 @@ class Companion:
             connection.send(MessageType.CONNECT_REQUEST)
         connection.send(MessageType.CONTROL)
         with self._changed:
-            unconfirmed = any(order.question and not order.done for order in self._orders)
+            unconfirmed = any(order.request and not order.done for order in self._orders)
         quiet = now > connection.received_at + KEEP_ALIVE
         due = connection.requests % ASK_EVERY == READY_REQUESTS
         if (quiet or unconfirmed) if connection.ready else due:
@@ -309,22 +309,22 @@ class Companion:
         self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
 
     def _send_orders(self, connection: Connection) -> None:
-        """Sends each order, then a question. The answer shows that the device has handed the order on."""
+        """Sends each order, then an IdentityRequest, whose answer shows that the device has handled the order."""
         with self._changed:
             for order in self._orders:
                 if connection.ended or connection.wants_to_write:
                     return
-                if not order.question:
+                if not order.request:
                     connection.send(order.kind, order.payload)
                     connection.send(MessageType.IDENTITY_REQUEST)
-                    order.question = connection.asked
+                    order.request = connection.asked
 
     def _drop(self, connection: Connection) -> None:
-        """Closes the connection. Marks the orders that were sent but not answered as lost."""
+        """Closes the connection. Marks the orders that were sent but not confirmed as lost."""
         connection.close()
         self._connection = None
         with self._changed:
             for order in self._orders:
-                order.lost = bool(order.question) and not order.done
+                order.lost = bool(order.request) and not order.done
             self._status = LinkStatus()
             self._changed.notify_all()

@@ -7,13 +7,13 @@ import time
 from guilink.wire import FrameReader, Identity, Message, MessageType, frame, identity
 
 CHUNK = 1 << 18         # bytes per read
-MAX_OUTGOING = 1 << 16  # bytes; a device that leaves more unread loses the connection
-READY_REQUESTS = 3      # ConnectRequests; when it answers a question after these, the device has obeyed one
+MAX_OUTGOING = 1 << 16  # bytes; if a device leaves more than this unread, the connection ends
+READY_REQUESTS = 3      # ConnectRequests; the answer to an IdentityRequest sent after these proves that one was obeyed
 
 
 class Connection:
-    """Counts questions (IdentityRequests) and answers. The device answers in order, and answers a question only
-    after it has handled everything sent before it. A lost answer only delays confirmations."""
+    """Counts IdentityRequests and their answers. The device handles all messages in order, so an answer proves that
+    it has handled everything sent before the IdentityRequest. A lost answer only delays confirmations."""
 
     def __init__(self, connected: socket.socket, address: str, identity: Identity):
         self.address = address
@@ -22,10 +22,10 @@ class Connection:
         self.requests = 0        # ConnectRequests sent
         self.asked = 0           # IdentityRequests sent
         self.answered = 0        # IdentityRequests answered
-        self.image_seen = False  # then it is the link: only the link carries images
+        self.image_seen = False  # if true, this connection is the link: only the link carries images
         self.linked_since: float | None = None
-        self.received_at = time.monotonic()  # time of the last bytes, or of the connection itself
-        self._ready_from: int | None = None  # number of the first question after READY_REQUESTS
+        self.received_at = time.monotonic()  # when the last bytes arrived, or else when the connection began
+        self._ready_from: int | None = None  # number of the IdentityRequest whose answer makes the connection ready
         self._socket = connected
         self._reader = FrameReader()
         self._outgoing = bytearray()
@@ -40,7 +40,7 @@ class Connection:
 
     @property
     def ready(self) -> bool:
-        """Whether the connection is the link, so that buttons arrive."""
+        """Whether the connection is the link, so that the device accepts buttons."""
         return self.image_seen or (self._ready_from is not None and self.answered >= self._ready_from)
 
     @property

@@ -19,11 +19,11 @@ from guilink.screen import Box, Difference, Mask, Screen
 
 TIMEOUT = 10.0       # s; default limit of every wait
 STILL = 0.5          # s without a change before a screen is stable
-STILL_PICTURES = 3   # equal pictures in a row that a stable screen needs, too
+STILL_PICTURES = 3   # a stable screen also needs this many equal pictures in a row
 HOLD_INTERVAL = 0.12  # s between the presses of a held button; the viewer's page repeats as fast
-UNDER_WAY = 4         # pictures after a press that may have been drawn before it: one in the core, one in the
-                      # service's slot, one in its sender, and one to spare
-MAX_TEXT = 4096      # bytes; far more than a line of a log
+UNDER_WAY = 4         # pictures that may arrive after a press although they were drawn before it: one in the core,
+                      # one in the service's slot, one in the service's sender, and one to spare
+MAX_TEXT = 4096      # bytes of one text; as in the viewer
 MAX_PRESSES = 10000  # remembered presses
 
 
@@ -36,11 +36,11 @@ class WaitTimeout(GuilinkError, AssertionError):
 
 
 class Device:
-    """Controls a device for a script. Close it, or use it in a `with`; one thread at a time.
+    """Controls a device for a script. Close it, or use it in a `with`. Use it in one thread at a time.
 
     All methods that look at the screen ignore pictures from before the last press: after each press the
-    device answers a question, and only pictures after that answer count. The first of these may still
-    have been drawn before the press, so they count only if they show something new.
+    device answers an IdentityRequest, and only pictures after the answer count. The first UNDER_WAY pictures
+    after the answer may have been drawn before the press, so they count only if they show something new.
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
@@ -94,7 +94,7 @@ class Device:
     # --- press -------------------------------------------------------------------------------------
 
     def press(self, button: str | int, timeout: float | None = None) -> None:
-        """Presses a button, by name or number. Returns when the device has handed the press on."""
+        """Presses a button, by name or number. Returns when the device has handled the press."""
         number = self.buttons.number(button)
         recent = self._link.pictures.recent()
         self._shown_at_press = recent[-1].payload if recent else None
@@ -125,7 +125,7 @@ class Device:
 
     @property
     def screen(self) -> Screen:
-        """The newest picture from after the last press. Waits for it, and prefers one that shows a change."""
+        """The first picture that was certainly drawn after the last press; at the time-out, the newest picture."""
         return self._news(View(), self._end(None))
 
     def wait_for(self, what: Reference, *, region: Box | None = None, mask: Mask = (),
@@ -148,7 +148,7 @@ class Device:
             no_news &= met
             if met and (number > self._after + UNDER_WAY or not no_news):
                 return screen
-        if met:  # and still met at the time-out
+        if met:  # by the last screen before the time-out
             return screen
         self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
                    start, expectation, last)
@@ -185,9 +185,9 @@ class Device:
                     timeout: float | None = None, name: str | None = None) -> Screen:
         """Presses until the screen shows `what`: not at all if it already does, and at most `at_most` times.
 
-        Presses again only when the last press has changed the region and the region is still again, so a
-        slow device gets no press too many. Put everything that moves by itself outside the region, or mask
-        it. `timeout` limits the wait after each press.
+        Presses again only when the last press has changed the region and the region has stopped changing, so
+        a slow device gets no superfluous press. Put everything that moves by itself outside the region, or
+        mask it. `timeout` limits the wait after each press.
         """
         __tracebackhide__ = True
         expectation = Expectation(what, View(region, mask, tolerance), name)
@@ -200,7 +200,7 @@ class Device:
                 break
             self.press(button)
             end = self._end(timeout)
-            seen: list[Screen] = []  # the last screens, while they are equal
+            seen: list[Screen] = []  # equal screens in a row; each change empties the list
             for _, screen in self._screens(end):
                 part = view.of(screen)
                 if expectation.met_by(part):
@@ -251,7 +251,7 @@ class Device:
                 return
 
     def _news(self, view: View, end: float) -> Screen:
-        """Returns the first screen that was certainly drawn after the last press, or else the newest."""
+        """Returns the first screen that was certainly drawn after the last press; at `end`, the newest screen."""
         before, screen = self._screen_at_press(), None
         for number, screen in self._screens(end):
             if (before is None or number > self._after + UNDER_WAY

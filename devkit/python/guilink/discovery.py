@@ -13,9 +13,9 @@ from guilink.link import HeardDevice, LinkError
 from guilink.wire import MessageType, frame, identity_datagram
 
 DISCOVERY_PORT = 3152  # UDP; devices broadcast to it
-MAX_AT_ONCE = 64       # datagrams; a flood must not delay the link
-MAX_HEARD = 64         # remembered devices; forged ones must not fill the memory
-MAX_DATAGRAM = 2048    # bytes; an identity has some dozens
+MAX_AT_ONCE = 64       # datagrams read at a time; a flood must not delay the link
+MAX_HEARD = 64         # remembered devices; forged broadcasts must not fill the memory
+MAX_DATAGRAM = 2048    # bytes; an IdentityMessage usually has a few dozen
 INTERVAL = 1.5         # s; a searching device broadcasts again within this time
 ANSWER = frame(MessageType.CONNECT_REQUEST)
 
@@ -39,7 +39,7 @@ class Discovery:
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.setblocking(False)
         try:
-            self._socket.bind(("", DISCOVERY_PORT))  # bound to an address, it would receive no broadcasts
+            self._socket.bind(("", DISCOVERY_PORT))  # a socket bound to an address receives no broadcasts
         except OSError as error:
             self._socket.close()
             raise LinkError(f"cannot listen for devices on UDP port {DISCOVERY_PORT}: {error.strerror}; "
@@ -63,7 +63,7 @@ class Discovery:
                 datagram, sender = self._socket.recvfrom(MAX_DATAGRAM)
             except BlockingIOError:
                 break
-            except OSError:  # reports an earlier answer that could not be delivered
+            except OSError:  # an earlier answer could not be delivered
                 continue
             if said := identity_datagram(datagram):
                 calls.append(self._note(HeardDevice(*said, sender[0], time.monotonic()), sender))
@@ -90,7 +90,7 @@ class Discovery:
 
 
 def devices(seconds: float = 2 * INTERVAL) -> list[HeardDevice]:
-    """Listens for `seconds` and returns the devices that search for a companion. Answers none of them."""
+    """Listens for `seconds` and returns the devices that search for a companion. Does not answer them."""
     end = time.monotonic() + seconds
     discovery = Discovery()
     try:

@@ -27,7 +27,8 @@ class View:
         self._mask = mask if isinstance(mask, np.ndarray) else list(mask)
 
     def of(self, screen: Screen) -> Screen:
-        """Cuts out the region. If the screen is too small for it, returns the whole screen, whose size differs."""
+        """Cuts out the region. If the screen is too small for the region, returns the whole screen: its size differs
+        from that of a reference, so a comparison fails."""
         if self.region is None:
             return screen
         x, y, width, height = self.region

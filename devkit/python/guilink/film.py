@@ -42,7 +42,7 @@ class Press:
 
     time: float  # time.monotonic()
     name: str
-    confirmed: bool = False  # the device has handed it on
+    confirmed: bool = False  # the device has handled the press or text
 
     def __str__(self) -> str:
         return self.name if self.confirmed else f"{self.name} (not confirmed)"
@@ -56,7 +56,7 @@ class Film:
         self._font = _font()
 
     def save(self, path: str | os.PathLike[str], progress: Progress | None = None) -> None:
-        """Writes an animation to .png, .apng and .gif; ffmpeg writes a video to everything else."""
+        """Writes an animation if `path` ends in .png, .apng or .gif; otherwise, ffmpeg writes a video."""
         if os.path.splitext(path)[1].lower() in ANIMATIONS:
             self._save_animation(path, progress)
         else:

@@ -7,7 +7,7 @@ from collections import deque
 from dataclasses import dataclass, field
 from typing import Callable, NamedTuple, Protocol
 
-HISTORY = 5.0              # s; newer pictures are kept, to show what came before a failure
+HISTORY = 5.0              # s for which pictures are kept, to show what came before a failure
 HISTORY_BYTES = 64 << 20   # limit for all kept payloads; a payload has at most 1 MiB, usually 30 kB
 
 
@@ -52,13 +52,13 @@ class Picture(NamedTuple):
     payload: bytes
 
 
-Listener = Callable[[Picture], None]  # runs on the link's thread: must not block, nor throw
+Listener = Callable[[Picture], None]  # runs on the link's thread: must neither block nor throw
 
 
 class Link(Protocol):
     """A link to a device. Any thread may call; `deadline` is a time.monotonic().
 
-    Device and the layers above use only this interface. So a script works the same with its own link
+    Device and the layers above use only this interface, so that a script works the same with its own link
     (Companion) and with a shared one (Viewer).
     """
 
@@ -70,7 +70,7 @@ class Link(Protocol):
         """Returns all devices that have broadcast, the latest first."""
 
     def wait_linked(self, deadline: float) -> LinkStatus:
-        """Returns when buttons reach the device. Throws LinkError, with the reason, at the deadline."""
+        """Waits until there is a link that accepts buttons. Throws LinkError, with the reason, at the deadline."""
 
     def press(self, button: int, deadline: float) -> int:
         """Presses a button. Waits for a link if there is none, and then until the device confirms the press.
@@ -84,10 +84,10 @@ class Link(Protocol):
 
 @dataclass
 class Pictures:
-    """The pictures of a link: the newest one for waits, and those of the last seconds for error reports."""
+    """The pictures of a link: the newest one, for waits, and those of the last HISTORY seconds, for error reports."""
 
-    condition: threading.Condition  # the link's; guards all members, notified for each picture
-    failure: Callable[[], Exception | None] = lambda: None  # why no pictures will come any more
+    condition: threading.Condition  # the link's condition: guards all members, notified for each picture
+    failure: Callable[[], Exception | None] = lambda: None  # returns why no more pictures will come, or None
     _recent: deque[Picture] = field(default_factory=deque)
     _bytes: int = 0
     _number: int = 0
@@ -128,7 +128,7 @@ class Pictures:
             return self._recent[-1]
 
     def recent(self) -> list[Picture]:
-        """Returns the pictures of the last seconds, oldest first."""
+        """Returns the pictures of the last HISTORY seconds, oldest first."""
         with self.condition:
             return list(self._recent)
 

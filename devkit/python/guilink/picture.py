@@ -9,10 +9,10 @@ from numpy.typing import NDArray
 
 Pixels = NDArray[np.uint16]
 
-# Three times the largest screen. Without a limit, runs of 1 MiB could describe 17 thousand million pixels.
+# Three times the largest screen. Without a limit, the runs in a payload of 1 MiB could describe 17 billion pixels.
 MAX_PIXELS = 1 << 22
 RUN_MAX = 0xFFFF
-OPAQUE_MIN = 0x1000  # pixels below it are transparent
+OPAQUE_MIN = 0x1000  # the lowest pixel value that is not completely transparent
 
 
 class DamagedPicture(ValueError):
@@ -20,7 +20,7 @@ class DamagedPicture(ValueError):
 
 
 def decode(payload: bytes) -> Pixels:
-    """Returns the pixels of an ImageMessage, read-only. The last pixel is never sent: copies its neighbour."""
+    """Returns the pixels of an ImageMessage, read-only. The last pixel, never sent, equals its neighbour."""
     if len(payload) < 4 or len(payload) % 4:
         raise DamagedPicture(f"a picture of {len(payload)} bytes is cut off")
     words = np.frombuffer(payload, "<u2")
@@ -48,7 +48,7 @@ def decode(payload: bytes) -> Pixels:
 
 
 def encode(pixels: Pixels) -> bytes:
-    """Returns the payload that a device sends for these pixels: without the last; transparent ones are 0."""
+    """Returns the payload that a device sends: without the last pixel, and with transparent pixels as 0."""
     height, width = pixels.shape
     sent = pixels.reshape(-1)[:-1].astype(np.uint16)
     sent[1:][sent[1:] < OPAQUE_MIN] = 0  # the first pixel is sent unchanged

@@ -1,4 +1,5 @@
-"""For pytest: the fixtures `device` and `assert_screen`, and the folder of a failed wait in the report.
+"""For pytest: the fixtures `device` and `assert_screen`. The report of a failed test names the folder that holds the
+pictures of the failed wait.
 
     def test_down(device, assert_screen):
         device.press("down")
@@ -10,13 +11,13 @@ from pathlib import Path
 from typing import Iterator, Protocol
 
 import pytest
-from _pytest.terminal import TerminalReporter  # no public name yet
+from _pytest.terminal import TerminalReporter  # this class has no public name yet
 
 import guilink
 from guilink.expect import Expectation, View
 
 REFERENCES = "screens"  # folder of the reference pictures, beside the test
-UPDATE_PICTURES = 10  # equal pictures in a row make a new reference; many, because a busy device draws late
+UPDATE_PICTURES = 10  # equal pictures in a row that make a new reference; many, because a busy device draws late
 PROPERTY = "guilink-artifacts"  # property of a failed test in the JUnit report
 UPDATED = pytest.StashKey[list[Path]]()
 

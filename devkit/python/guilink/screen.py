@@ -103,7 +103,7 @@ class Screen:
         height, width = self.height - reference.height + 1, self.width - reference.width + 1
         if height <= 0 or width <= 0:
             return None
-        # Search for the pixel of the reference that is rarest on the screen: it leaves the fewest places.
+        # Search for the reference's pixel value that is rarest on the screen: it leaves the fewest places to compare.
         values, counts = np.unique(self.pixels, return_counts=True)
         found = dict(zip(values.tolist(), counts.tolist()))
         probe = min(np.unique(reference.pixels).tolist(), key=lambda value: found.get(value, 0))
@@ -150,7 +150,7 @@ class Difference:
 
     one: Screen
     other: Screen
-    where: NDArray[np.bool_] | None  # True where they differ; None for screens of two sizes
+    where: NDArray[np.bool_] | None  # True where the screens differ; None if their sizes differ
     origin: tuple[int, int] = (0, 0)  # where the compared region begins on the device's screen
 
     def __bool__(self) -> bool:

@@ -19,7 +19,7 @@ from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictu
 from guilink.wire import MAX_PAYLOAD
 
 RECONNECT = 0.25  # s between attempts
-HANDSHAKE = 10.0  # s; limit of an attempt
+HANDSHAKE = 10.0  # s; limit for an attempt
 
 
 @dataclass(eq=False)
@@ -152,7 +152,7 @@ class Viewer:
 
         self._loop.call_soon_threadsafe(lambda: self._loop.create_task(send()))
 
-    # --- on the thread -----------------------------------------------------------------------------
+    # --- on the link's thread ----------------------------------------------------------------------
 
     def _work(self) -> None:
         try:

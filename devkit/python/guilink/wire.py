@@ -12,7 +12,7 @@ from typing import NamedTuple
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")
 HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, message type
 MAX_PAYLOAD = 0x100000  # bytes; no device sends more, so a greater length means damage
-ID_SIZE = 5             # bytes of an identity; the firmware's version follows it
+ID_SIZE = 5             # bytes; in an IdentityMessage, the firmware's version follows the identity
 
 
 class MessageType(IntEnum):
@@ -41,7 +41,7 @@ def frame(kind: int, payload: bytes = b"") -> bytes:
 
 
 def identity(payload: bytes) -> Identity | None:
-    """Decodes an IdentityMessage. Returns None if it is too short. Accepts any bytes as text."""
+    """Decodes an IdentityMessage. Returns None if the payload is too short. Accepts any bytes as text."""
     if len(payload) < ID_SIZE:
         return None
     return Identity(*(part.decode("utf-8", "backslashreplace")
@@ -49,7 +49,7 @@ def identity(payload: bytes) -> Identity | None:
 
 
 def identity_datagram(datagram: bytes) -> Identity | None:
-    """Decodes a broadcast. Returns None if it is not exactly one IdentityMessage."""
+    """Decodes a broadcast. Returns None if the datagram is not exactly one IdentityMessage."""
     match FrameReader().feed(datagram):
         case [Message(MessageType.IDENTITY, payload)] if len(payload) + HEADER.size == len(datagram):
             return identity(payload)
@@ -60,7 +60,7 @@ class FrameReader:
     """Finds the frames in a stream that arrives in arbitrary pieces and may be damaged.
 
     Skips bytes that belong to no frame. Skips the whole announced length of a frame with a wrong checksum,
-    to read no byte twice. Holds at most one incomplete frame, 1 MiB.
+    to read no byte twice. Keeps at most one incomplete frame: 1 MiB.
     """
 
     def __init__(self) -> None:
