@@ -31,7 +31,7 @@ class Case:
     name: str
     side: str                     # of the subject: companion or device
     rules: tuple[str, ...]
-    play: Callable[[Any], None]   # gets the side's Trial
+    play: Callable[[Any], None]   # called with a Trial or a DeviceTrial
     gentle: bool = True           # harmless for a real device
 
     @property
@@ -63,14 +63,14 @@ class Judge:
 
     def require(self, rule: str, holds: object, text: str, expected: bytes = b"",
                 actual: bytes = b"") -> None:
-        """Notes the rule as kept or broken. If it is broken, `text` says what was seen."""
+        """Notes the rule as kept or broken. If the rule is broken, `text` says what was seen."""
         if holds:
             self.kept.add(rule)
         else:
             self.blame(rule, text, expected, actual)
 
     def refuse(self, rule: str, broken: object, text: str, actual: bytes = b"") -> None:
-        """Like `require`, but does not note the rule as kept if it is not broken."""
+        """Notes the rule if it is broken. Unlike `require`, never notes it as kept."""
         if broken:
             self.blame(rule, text, b"", actual)
 
@@ -85,8 +85,8 @@ class Judge:
 class Result:
     case: Case
     verdict: str
-    fault: Fault | None = None  # for failed and warned
-    reason: str = ""            # for untestable
+    fault: Fault | None = None  # if the verdict is failed, warned or expected
+    reason: str = ""            # if the verdict is untestable
     kept: set[str] = field(default_factory=set)
     exchange: Exchange = field(default_factory=Exchange)
     seconds: float = 0.0

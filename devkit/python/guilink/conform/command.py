@@ -8,7 +8,7 @@ import sys
 from pathlib import Path
 from typing import Any, Sequence
 
-from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  the cases
+from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  registers the cases
                              companion_pictures, device_link, device_stream, sandbox)
 from guilink.conform.case import FAILED, Result
 from guilink.conform.companion_trial import Shown, Trial
@@ -130,7 +130,7 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
 
 
 def repeated(options: argparse.Namespace) -> list[str]:
-    """The arguments that the command for a single case needs, too."""
+    """Returns the arguments of this run that the command to repeat a single case needs, too."""
     words: list[str] = []
     for name in ("picture", "picture_from", "identity"):
         if value := getattr(options, name, None):

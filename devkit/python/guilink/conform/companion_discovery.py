@@ -8,7 +8,7 @@ from guilink.conform.stage import UdpSocket
 from guilink.wire import HEADER, START, MessageType, frame
 
 SWEEPS = 4
-LARGEST = 1472  # bytes of a broadcast in one Ethernet frame
+LARGEST = 1472  # bytes; the largest broadcast that fits into one Ethernet frame
 
 
 @case("companion", "DISC-3", "DISC-4", "DISC-5", "DISC-7", "LINK-1")
@@ -121,6 +121,6 @@ def device_returns_with_a_new_identity(trial: Trial) -> None:
 
 @case("companion", "LINK-9")
 def lost_device_has_a_new_identity(trial: Trial) -> None:
-    """The device restarts and broadcasts another identity from the same address; the link's end was lost."""
+    """The device restarts without closing the link, and broadcasts another identity from the same address."""
     late = trial.answer_to_lost_device(trial.candidate(), b"44444fw1.1")
     trial.judge.require("LINK-9", not late, f"the new identity from the same address {late}")

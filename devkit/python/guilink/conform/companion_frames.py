@@ -1,4 +1,4 @@
-"""Cases for a companion: a stream whose frames are split, joined or damaged. They judge by what it shows."""
+"""Cases for a companion: split, joined and damaged frames. The picture that the companion shows decides the verdict."""
 from __future__ import annotations
 
 from typing import Callable
@@ -19,7 +19,7 @@ def image(pixels: Pixels) -> bytes:
 
 
 def shows_after(trial: Trial, rule: str, what: str, send: Callable[[Channel, bytes], object]) -> None:
-    """Links, and sends an image in some way: the companion must show it."""
+    """Sends an image by means of `send`; the companion must show the image."""
     channel, wanted = trial.candidate(), trial.picture()
     send(channel, image(wanted))
     trial.judge.refuse(rule, channel.ended, f"the companion closes the link: {what}")
@@ -75,7 +75,7 @@ def bytes_without_a_frame(trial: Trial) -> None:
 
 @case("companion", "FRAME-6")
 def wrong_checksum(trial: Trial) -> None:
-    """A frame with a wrong checksum, then a good one; the first is not shown."""
+    """A frame with a wrong checksum, then a good one; the companion must show only the good one."""
     damaged = bytearray(image(PLAIN))
     damaged[HEADER.size - 10] ^= 1  # in the checksum
 
@@ -108,7 +108,7 @@ def absurd_length(trial: Trial) -> None:
 def unknown_types(trial: Trial) -> None:
     """Frames of unknown types, and of types that only companions send."""
     others = [frame(kind, b"x" * kind) for kind in (0, 1, 4, 5, 7, 99, 255)]
-    largest = frame(0xFFFF, image(PLAIN) * 3)  # its payload contains frames, which are not to be read
+    largest = frame(0xFFFF, image(PLAIN) * 3)  # its payload contains frames, which the companion must not read
 
     first = trial.picture()
 

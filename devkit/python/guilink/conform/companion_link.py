@@ -14,7 +14,7 @@ from guilink.wire import MessageType, frame
 DEAD = 9               # connections that the device closes before the companion accepts them
 REPEATS = 3            # further ConnectRequests, which show that the companion repeats them
 KEEP_ALIVES = 5
-MUST_GAP = 2.0         # s between two ControlMessages
+MUST_GAP = 2.0         # s; longest time between two ControlMessages
 SHOULD_GAP = 1.0       # s; twice the recommended time
 LOAD = 120             # images in the flood
 STALL = 3.0            # s of full buffers, after which a device closes the link
@@ -49,7 +49,7 @@ def damaged_image_is_no_link(trial: Trial) -> None:
 
 @case("companion", "PRESS-1", "PRESS-2")
 def presses_nothing_early(trial: Trial) -> None:
-    """The device first sends no answers and no image, then an image; the companion must not press earlier."""
+    """The device holds back its answers and its image, then sends them; the companion must not press before that."""
     channel = trial.candidate()
     watch_of(channel).answering = False
     trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= 2, SECOND)
@@ -78,7 +78,7 @@ def uses_the_live_one_of_ten(trial: Trial) -> None:
 
 @case("companion", "LINK-4")
 def leaves_silent_connections(trial: Trial) -> None:
-    """Two connections on which nothing arrives, and then a third one."""
+    """Two connections on which nothing arrives, and a third one, which the companion must use."""
     trial.candidate().close()  # so the companion has no link any more
     trial.find()
     channels = [trial.device.connect() for _ in range(3)]
@@ -91,7 +91,7 @@ def leaves_silent_connections(trial: Trial) -> None:
 
 @case("companion", "LINK-5")
 def closes_further_connections(trial: Trial) -> None:
-    """A second connection while the first one is the link; the device drops what arrives on it."""
+    """A second connection while the first one is the link; the companion should close the second."""
     channel = trial.link()
     trial.keep_alives(channel)
     second = trial.device.connect()
@@ -103,7 +103,7 @@ def closes_further_connections(trial: Trial) -> None:
 
 @case("companion", "LINK-6")
 def device_has_dropped_the_link(trial: Trial) -> None:
-    """The device sends no more images on the link and broadcasts: it has dropped the link."""
+    """The device falls silent on the link and broadcasts again, because it has dropped the link."""
     channel = trial.candidate()
     late = trial.answer_to_lost_device(channel, trial.device.identity)
     trial.judge.require("LINK-6", not late, f"the link's device broadcasts, and {late}")
@@ -123,7 +123,7 @@ def late_broadcast_of_an_old_search(trial: Trial) -> None:
 
 @case("companion", "LINK-3", "LINK-10")
 def link_ends_in_every_way(trial: Trial) -> None:
-    """The stream ends, or is reset: before any message, between images, inside a frame."""
+    """The device closes or resets the connection: before any message, between images, or inside a frame."""
     inside = frame(MessageType.IMAGE, encode(PLAIN))[:50]
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link()

@@ -98,19 +98,18 @@ NO_SCREEN = {
 
 @case("companion", "PICT-5", "LINK-10")
 def damaged_images(trial: Trial) -> None:
-    """Payloads that are not images. The companion keeps the last good image, and shows the next good one,
-    although damaged ones follow it."""
+    """Payloads that are not images, between good images; the companion must show only the good ones."""
     must_drop(trial, "PICT-5", DAMAGED)
 
 
 @case("companion", "PICT-6", "LINK-10", gentle=False)
 def images_of_no_screen(trial: Trial) -> None:
-    """Sizes that no device has, up to runs for 4 thousand million pixels."""
+    """Images of sizes that no device has, up to 65535 x 65535 pixels; the companion must drop them."""
     must_drop(trial, "PICT-6", NO_SCREEN)
 
 
 def must_drop(trial: Trial, rule: str, payloads: dict[str, bytes]) -> None:
-    """Sends the payloads between two good images; the companion must drop them."""
+    """Sends the payloads between and after two good images; the companion must drop the payloads."""
     channel = trial.candidate()
     good, last = trial.picture(), trial.picture()
     trial.device.show(channel, good)

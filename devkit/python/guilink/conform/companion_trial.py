@@ -21,12 +21,12 @@ from guilink.picture import Pixels
 from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
-START_PATIENCE = 20.0  # s, at least, for the first answer of a companion that was just started
-ABOUT_TO_END = 0.5     # s; a companion that ends so soon after a fault is the cause of that fault
+START_PATIENCE = 20.0  # s; minimum time limit for the first answer of a companion that was just started
+ABOUT_TO_END = 0.5     # s; if the companion ends this soon after a fault, its end is the cause of the fault
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
-SECOND = 1.0           # s after the first image; broadcasts in this time come from older searches
+SECOND = 1.0           # s; for this long after the first image, broadcasts may come from older searches (LINK-7)
 SILENCE = 3.0          # s without a byte, after which a companion closes the link
-LAST_LINES = 3         # of the output of a companion that has ended
+LAST_LINES = 3         # lines of output that are quoted from a companion that has ended
 
 
 @dataclass
@@ -40,13 +40,13 @@ class Shown:
         return bool(self.file or self.command)
 
     def read(self) -> np.ndarray | None:  # type: ignore[type-arg]
-        """The picture as RGB or RGBA bytes; None if there is no picture yet."""
+        """Returns the picture as RGB or RGBA bytes, or None if there is no picture yet."""
         try:
             data = (self.file.read_bytes() if self.file else
                     subprocess.run(self.command, stdout=subprocess.PIPE, check=False).stdout)
             image = Image.open(io.BytesIO(data))
             return np.asarray(image if image.mode in ("RGB", "RGBA") else image.convert("RGBA"))
-        except (OSError, ValueError, SyntaxError):  # not there yet, or half written
+        except (OSError, ValueError, SyntaxError):  # the picture does not exist yet, or is half written
             return None
 
 
@@ -58,7 +58,7 @@ class Trial:
     def __init__(self, stage: Stage, subject: Subject, shown: Shown):
         self.stage, self.subject, self.shown, self.judge = stage, subject, shown, Judge()
         self._fresh = subject.ensure_running()
-        self._seen: Pixels | None = None  # what it has shown as it should
+        self._seen: Pixels | None = None  # the last picture that the companion was seen to show correctly
         if shown.file:
             shown.file.unlink(missing_ok=True)
         self.device = ScriptedDevice(self, sandbox.DEVICE)
@@ -90,7 +90,7 @@ class Trial:
     # --- for cases -----------------------------------------------------------------------------------
 
     def find(self) -> None:
-        """Broadcasts until the companion answers. If it never does, blames the rule that is broken."""
+        """Broadcasts until the companion answers. If it never does, finds out which rule it breaks."""
         patience = max(START_PATIENCE, self.stage.patience) if self._fresh else self.stage.patience
         answered = self.device.call_until_answered(patience)
         self._fresh = False
@@ -117,8 +117,8 @@ class Trial:
     def candidate(self, find: bool = True) -> Channel:
         """Opens a connection, and waits until the companion has sent a ConnectRequest on it.
 
-        A companion may not have read yet that its last link has ended, and closes this one. So the kit does
-        what a device does: it broadcasts again a second later.
+        A companion that has not noticed the end of its last link yet closes the new connection. In this case the
+        kit does what a device does: it broadcasts again a second later.
         """
         end = time.monotonic() + self.stage.patience
         while True:
@@ -131,7 +131,7 @@ class Trial:
                 break
             self.stage.until(lambda: time.monotonic() > self.device.called + BROADCAST_INTERVAL)
             find = True
-        rule = "LINK-3" if self.subject.greeted else "LINK-1"  # other connections were served
+        rule = "LINK-3" if self.subject.greeted else "LINK-1"  # LINK-3 if earlier connections were served
         self.judge.require(rule, asked and not channel.ended, "no ConnectRequest arrives on the connection"
                            + (", and the companion closes it" if channel.ended else ""))
         self.subject.greeted += 1
@@ -144,14 +144,15 @@ class Trial:
         return channel
 
     def answer_to_lost_device(self, channel: Channel, identity: bytes) -> str:
-        """The device shows images for a second, and without a word on the link it broadcasts this identity.
-        What is wrong with the companion's answer: after SILENCE the link ends in any case."""
+        """The device shows images for a second, then falls silent on the link and broadcasts `identity`. Returns
+        what is wrong with the companion's answer, or an empty text. An answer after SILENCE is too late, because
+        then the silence alone has ended the link."""
         began, showing = time.monotonic(), True
         self.stage.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
         self.stage.until(lambda: time.monotonic() > began + SECOND)
         showing = watch_of(channel).answering = False
         quiet, before = time.monotonic(), self.device.answers
-        self.device.show(channel, PLAIN)  # the last bytes: no companion's silence begins sooner
+        self.device.show(channel, PLAIN)  # the device's last bytes: its silence begins here, so not before `quiet`
         self.device.identity = identity
         self.stage.every(0.5, self.device.call)
         if not self.stage.until(lambda: self.device.answers > before):
@@ -160,7 +161,7 @@ class Trial:
         return f"is answered only after {SILENCE:.0f} s of silence have ended the link" if late else ""
 
     def picture(self, height: int = 8, width: int = 12) -> Pixels:
-        """An opaque random picture, a new one for each call, so that it differs from all earlier ones."""
+        """Returns a random opaque picture, which differs from the pictures of all earlier calls."""
         drawn = np.random.default_rng().integers(0xF000, 0xFFFF, (height, width), np.uint16, endpoint=True)
         return shown_of(drawn)
 
@@ -214,7 +215,7 @@ class Trial:
 
 
 def shown_of(pixels: Pixels) -> Pixels:
-    """Opaque pixels as a companion shows them: the last pixel, which is not sent, equals its neighbour."""
+    """Returns opaque pixels as a companion shows them: the last pixel, which is not sent, equals its neighbour."""
     seen = pixels.copy().reshape(-1)
     seen[-1] = seen[-2]
     return seen.reshape(pixels.shape)

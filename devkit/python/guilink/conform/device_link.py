@@ -69,7 +69,7 @@ def closes_a_silent_candidate(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-12", "LINK-14", "DISC-12", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")
 def first_request_wins(trial: DeviceTrial) -> None:
-    """Two connections; the second one sends the first ConnectRequest, and must become the link."""
+    """Two connections; the first ConnectRequest is sent on the second one, which must become the link."""
     both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)
     trial.judge.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
     first, link = trial.channels[-2:]
@@ -105,7 +105,7 @@ def companion_falls_silent(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-17")
 def link_ends_in_every_way(trial: DeviceTrial) -> None:
-    """The companion closes the link, resets it, or ends it inside a frame; the device must find it again."""
+    """The companion closes the link, or resets it, also inside a frame; the device must search again."""
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link("DISC-1" if way == "close" else "LINK-17")
         if "inside" in way:

@@ -1,4 +1,4 @@
-"""Cases for a device: the frames that it reads, the images that it sends, and the presses that it hands on."""
+"""Cases for a device: the frames that it reads, the images that it sends, and the presses that it passes on."""
 from __future__ import annotations
 
 import time
@@ -12,13 +12,13 @@ from guilink.conform.stage import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
 GATE = 4.0   # s without a ControlMessage; the device must stop new images after half of this
-AFTERMATH = 0.3  # s
+AFTERMATH = 0.3  # s to wait for surplus answers
 SIZES = {(1280, 960), (1024, 768)}
 
 
 @case("device", "FRAME-13", gentle=False)
 def frames_cut_and_joined(trial: DeviceTrial) -> None:
-    """Requests byte by byte, split at many places, and many in one piece."""
+    """IdentityRequests byte by byte, split at many places, and many in one piece."""
     channel = silent_link(trial)
     expected = channel.count(MessageType.IDENTITY) + 1
     channel.send_parts(*(bytes([byte]) for byte in ASK))
@@ -35,36 +35,36 @@ def frames_cut_and_joined(trial: DeviceTrial) -> None:
 
 
 def silent_link(trial: DeviceTrial) -> Channel:
-    """A link without automatic keep-alives: the case itself must keep it alive."""
+    """Returns a link without automatic keep-alives: the case must send them."""
     channel = trial.link()
     trial.speaking.clear()
     channel.send(frame(MessageType.CONTROL))
     trial.ask(channel, "LINK-14", "an IdentityRequest on the link is not answered")
-    # The device answers in order, so it has answered all earlier questions (IdentityRequests) by now.
+    # The device answers in order, so it has answered all earlier IdentityRequests by now.
     return channel
 
 
-def answers(trial: DeviceTrial, channel: Channel, data: bytes, questions: int, rule: str, what: str) -> None:
-    """Sends data in which the device must find exactly `questions` IdentityRequests, then asks once more.
-    Surplus answers would come before the answer to that."""
+def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, rule: str, what: str) -> None:
+    """Sends data in which the device must find exactly `requests` IdentityRequests, then one more IdentityRequest.
+    Surplus answers would arrive before the answer to the last one."""
     before = channel.count(MessageType.IDENTITY)
     channel.send(data)
     trial.stage.until(lambda: channel.ended or channel.delivered())
-    if questions:
-        trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= before + questions)
+    if requests:
+        trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= before + requests)
     asked = 0
-    while asked < 5 and channel.count(MessageType.IDENTITY) <= before + questions and not channel.ended:
+    while asked < 5 and channel.count(MessageType.IDENTITY) <= before + requests and not channel.ended:
         channel.send(ASK)
         asked += 1
-        trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before + questions, 1)
+        trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before + requests, 1)
     got = channel.count(MessageType.IDENTITY) - before
-    trial.judge.require(rule, got > questions and not channel.ended, f"{what}: the device answers no more",
+    trial.judge.require(rule, got > requests and not channel.ended, f"{what}: the device answers no more",
                         b"", data[:64])
-    # Surplus answers would follow at once. If a slow device sends them after AFTERMATH, they go unnoticed; a
+    # Surplus answers would follow at once. If a slow device sends them after AFTERMATH, they go unnoticed, but a
     # correct device is never blamed.
-    trial.stage.until(lambda: channel.count(MessageType.IDENTITY) - before > questions + asked, AFTERMATH)
+    trial.stage.until(lambda: channel.count(MessageType.IDENTITY) - before > requests + asked, AFTERMATH)
     got = channel.count(MessageType.IDENTITY) - before
-    trial.judge.require(rule, got <= questions + asked, f"{what}: {got} answers to {questions + asked} "
+    trial.judge.require(rule, got <= requests + asked, f"{what}: {got} answers to {requests + asked} "
                         "questions", b"", data[:64])
 
 
@@ -157,7 +157,7 @@ def presses_buttons(trial: DeviceTrial) -> None:
 
 def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payload: bytes,
           expected: list[int]) -> None:
-    """Presses, waits for the answer to a question after the press, and checks what the device has handed on."""
+    """Sends a press and an IdentityRequest, waits for the answer, and checks which presses the device passed on."""
     before = len(port.arrived)
     trial.ask(channel, rule, "no answer behind a press", frame(MessageType.BUTTON, payload))
     trial.stage.until(lambda: len(port.arrived) >= before + len(expected))
@@ -169,7 +169,7 @@ def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payl
 
 @case("device", "LINK-15", gentle=False)
 def candidate_cannot_press(trial: DeviceTrial) -> None:
-    """A press before the ConnectRequest, and one in the same chunk; the device must drop both."""
+    """One press before the ConnectRequest and one after it, all in one piece; the device must drop both presses."""
     trial.broadcast()
     port = trial.control_port()
     channel = trial.candidate()

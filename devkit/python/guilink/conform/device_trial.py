@@ -12,8 +12,8 @@ from guilink.conform.strict import Fault, StrictReader
 from guilink.link import GuilinkError
 from guilink.wire import Identity, MessageType, frame, identity_datagram
 
-KEEP_ALIVE = 0.4       # s
-CONNECT_PATIENCE = 3   # answered broadcasts; a device that has not connected by then fails
+KEEP_ALIVE = 0.4       # s between keep-alives
+CONNECT_PATIENCE = 3   # answered broadcasts; a device that has not connected after these fails
 CONTROL_PORT = ("127.0.0.1", 3426)
 
 
@@ -89,7 +89,7 @@ class DeviceTrial:
             if self.wanted.address not in ("", datagram.sender[0]):
                 continue
             self.broadcasts.append(datagram)
-            self.judge.kept |= set(IN_EVERY_CASE["device"])  # unless the stage has a fault of it
+            self.judge.kept |= set(IN_EVERY_CASE["device"])  # unless the stage records faults against these
             reader = StrictReader(by_companion=False)
             reader.feed(datagram.data)
             for fault in reader.faults:
@@ -106,11 +106,11 @@ class DeviceTrial:
         return len(self.broadcasts)
 
     def heard_all(self) -> list[Datagram]:
-        """The broadcasts of all devices."""
+        """Returns the broadcasts of all devices."""
         return [each for each in self._ear.arrived if identity_datagram(each.data)]
 
     def refused_at(self, address: str) -> bool:
-        """Returns whether the host exists and its discovery port is closed: a device that does not search."""
+        """Returns whether the host exists and its discovery port is closed, as on a device that is not searching."""
         probe = UdpSocket(self.stage, ("", 0))
         try:
             probe.send(b"", (address, 3153))
@@ -119,7 +119,7 @@ class DeviceTrial:
         return self.stage.until(lambda: probe.refused, 1.0)
 
     def broadcast(self, rule: str = "DISC-1", text: str = "no broadcast is received") -> Datagram:
-        """Waits for the next broadcast. Blames `rule` if there is none."""
+        """Waits for the next broadcast. If there is none, `rule` counts as broken."""
         before = self.hear()
         self.judge.require(rule, self.stage.until(lambda: self.hear() > before), text)
         return self.broadcasts[-1]
@@ -131,7 +131,7 @@ class DeviceTrial:
     # --- connections ---------------------------------------------------------------------------------
 
     def candidate(self, rule: str = "DISC-1") -> Channel:
-        """A new connection of the device, on which the kit has sent nothing yet."""
+        """Answers broadcasts until the device connects. Returns the connection, on which nothing was sent yet."""
         before = len(self.channels)
         for _ in range(CONNECT_PATIENCE):
             called = self.broadcast(rule, "the device does not broadcast" if rule == "DISC-1" else
@@ -181,7 +181,7 @@ class DeviceTrial:
         return channel.payloads(MessageType.IMAGE)[-1]
 
     def control_port(self) -> UdpSocket:
-        """Opens the port to which a device on this machine hands on presses."""
+        """Opens the port to which a device on this machine passes presses on."""
         if self.wanted.address:
             try:
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind((self.wanted.address, 0))

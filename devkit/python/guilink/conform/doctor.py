@@ -1,5 +1,5 @@
 """`guilink doctor`: finds out why there is no picture. Checks one thing after the other, from this computer's
-ports to a press, and names cause and cure of the first fault."""
+network to a button press, and names the cause and the cure of the first fault."""
 from __future__ import annotations
 
 import argparse
@@ -46,7 +46,7 @@ class Visit:
 
 
 class Sniffer:
-    """Sees packets that a firewall may drop. Needs root; otherwise sees nothing, and `allowed` is False."""
+    """Sees packets even if a firewall drops them. Needs root; otherwise sees nothing, and `allowed` is False."""
 
     def __init__(self) -> None:
         self.seen: set[tuple[str, int]] = set()  # protocol and destination port
@@ -124,7 +124,7 @@ def examine(visit: Visit, stage: Stage) -> None:
 
 
 def ask(visit: Visit, stage: Stage, channel: Any, step: str, when: str) -> None:
-    """What was sent before has been read when the answer comes."""
+    """Sends an IdentityRequest. Its answer proves that the device has read everything that was sent before."""
     before, began = channel.count(MessageType.IDENTITY), time.monotonic()
     channel.send(frame(MessageType.IDENTITY_REQUEST))
     stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before)

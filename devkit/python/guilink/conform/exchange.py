@@ -12,7 +12,7 @@ SUBJECT = "subject"  # the companion or device under test
 
 @dataclass(frozen=True)
 class Event:
-    """Bytes that were sent; or that a connection was `opened`, `ended` or `reset`; or a `note` of the kit."""
+    """One event: `bytes` were sent; a connection was `opened`, `ended` or `reset`; or the kit left a `note`."""
 
     time: float       # time.monotonic()
     speaker: str      # KIT or SUBJECT

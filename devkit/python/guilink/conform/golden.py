@@ -31,7 +31,7 @@ streams/NAME.bin    a stream; NAME.json lists the messages in it: type, payload 
 
 
 def pictures() -> dict[str, Pixels]:
-    opaque, clear = np.arange(0xF000, 0x10000), np.arange(0, 0x10000, 0x111)  # all colours, all alphas
+    opaque, clear = np.arange(0xF000, 0x10000), np.arange(0, 0x10000, 0x111)  # all colours, all values of alpha
     colours = np.concatenate([opaque, clear[:240]]).astype(np.uint16).reshape(-1, 16)
     stripes = np.full((48, 64), 0xF123, np.uint16)
     stripes[24:, ::2] = 0x8F00
@@ -41,7 +41,7 @@ def pictures() -> dict[str, Pixels]:
 
 
 def streams() -> dict[str, tuple[bytes, list[tuple[int, bytes]]]]:
-    """For each stream, its bytes and the messages that a receiver must find in it."""
+    """Returns, for each stream, its bytes and the messages that a receiver must find in it."""
     image = (int(MessageType.IMAGE), EXAMPLE)
     good = frame(*image)
     wrong = bytearray(good)

@@ -1,4 +1,4 @@
-"""Writes one self-contained page: all cases, and for those that failed a drawing of the exchange."""
+"""Writes one self-contained page: all cases and, for each case with a fault, a drawing of the exchange."""
 from __future__ import annotations
 
 import base64
@@ -14,8 +14,8 @@ from guilink.conform.report import VERDICTS, repeat_command
 from guilink.conform.rules import RULES
 from guilink.wire import HEADER, START, MessageType
 
-MOST_EVENTS = 60   # the last events of an exchange are drawn
-MOST_BYTES = 96    # the first expected and actual bytes are shown
+MOST_EVENTS = 60   # events that are drawn: the last ones of an exchange
+MOST_BYTES = 96    # expected and actual bytes that are shown: the first ones
 ROW = 22           # pixels between two arrows
 
 STYLE = """
@@ -71,7 +71,7 @@ def _section(result: Result, arguments: Sequence[str]) -> str:
 
 
 def _side_by_side(expected: bytes, actual: bytes) -> tuple[str, str]:
-    """Returns both in hexadecimal, 16 bytes per line, with marked differences."""
+    """Returns expected and actual bytes in hexadecimal, 16 per line, with the differences marked."""
     def dump(data: bytes, other: bytes) -> str:
         cells = []
         for i, byte in enumerate(data[:MOST_BYTES]):
@@ -106,7 +106,7 @@ def describe(data: bytes) -> str:
 
 
 def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
-    """Joins equal events in a row, because they share one arrow."""
+    """Joins equal events in a row, which share one arrow. Yields event, label and number of events."""
     last: tuple[Event, str, int] | None = None
     for event in exchange:
         text = event.text or (describe(event.data) or "empty" if event.kind == "bytes" else event.kind)

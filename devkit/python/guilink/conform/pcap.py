@@ -18,9 +18,9 @@ UDP, TCP = 17, 6
 
 
 def capture(exchange: Exchange, wall: float = 0.0) -> bytes:
-    """Returns the file. Adds `wall` to the times, to make them times of day."""
+    """Returns the bytes of the file. Adds `wall` to all times, to make them times of day."""
     packets = [struct.pack("<IHHiIII", MAGIC, 2, 4, 0, 0, 0x40000, RAW_IPV4)]
-    sent: dict[tuple[int, Address], int] = {}  # bytes, by connection and sender
+    sent: dict[tuple[int, Address], int] = {}  # number of bytes, by connection and sender
     for event in exchange:
         for packet in _packets(event, sent):
             seconds = event.time + wall

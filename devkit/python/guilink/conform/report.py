@@ -14,7 +14,7 @@ VERDICTS = (PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED)
 
 
 def repeat_command(result: Result, arguments: Sequence[str]) -> str:
-    """The command that runs only this case again."""
+    """Returns the command that runs only this case again."""
     return shlex.join(["guilink", "conform", result.case.side, "-k", result.case.name, *arguments])
 
 
@@ -31,7 +31,7 @@ def summary(run: Run) -> str:
 
 
 def listing(side: str) -> str:
-    """Every case with its rules, and every rule without a case."""
+    """Returns a text: every case with its rules, and every rule without a case."""
     lines = []
     for case in CASES[side]:
         gentle = "" if case.gentle or side == "companion" else "  (not with --gentle)"
@@ -67,7 +67,8 @@ def write_json(path: str, run: Run, arguments: Sequence[str]) -> None:
 
 
 def write_junit(path: str, run: Run, arguments: Sequence[str]) -> None:
-    """In JUnit's terms, untestable and expected results are skipped, and warnings pass, with their text."""
+    """In the JUnit report, untestable cases and expected failures count as skipped. Warnings count as passed, and
+    keep their text."""
     suite = ElementTree.Element("testsuite", name=f"guilink conform {run.side}", tests=str(len(run.results)),
                                 failures=str(run.count(FAILED)),
                                 skipped=str(run.count(UNTESTABLE) + run.count(EXPECTED)))

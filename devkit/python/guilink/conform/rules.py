@@ -92,20 +92,20 @@ NO_CASE = {
     "PICT-7": "both ways are allowed",
 }
 
-# Judged in every case, of all that the subject sends.
+# Rules that are judged in every case, on everything that the subject sends.
 IN_EVERY_CASE = {
     "companion": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "DISC-4", "LINK-1", "LINK-10",
                   "PRESS-1", "PRESS-2"),
     "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19", "DISC-2"),
 }
-# What must have happened before a rule can be judged.
+# Why a rule was not judged although its cases ran.
 NEEDS = {"PRESS-2": "the companion has pressed no button; docs/conformance.md shows how to make it press"}
 
 
 @dataclass(frozen=True)
 class Rule:
     id: str
-    side: str      # companion, device or both: who must keep it
+    side: str      # who must keep the rule: companion, device or both
     strength: str  # must, should or may
     text: str
 

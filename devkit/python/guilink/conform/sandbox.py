@@ -18,7 +18,7 @@ DEVICE = "10.77.0.1"
 OTHER_DEVICE = "10.77.0.2"
 COMPANION = "10.77.0.100"
 BROADCAST = "10.77.0.255"
-INSIDE = "GUILINK_PRIVATE_NETWORK"  # set once the kit runs inside
+INSIDE = "GUILINK_PRIVATE_NETWORK"  # environment variable; set once the kit runs in its private network
 
 KIT_SIDE = f"""link set dev lo up
 address add {DEVICE}/24 broadcast {BROADCAST} dev guilink0

@@ -14,17 +14,17 @@ if TYPE_CHECKING:
     from guilink.conform.companion_trial import Trial
 
 ANSWER = frame(MessageType.CONNECT_REQUEST)
-SEND_BUFFER = 1 << 20  # bytes, as a device requests
+SEND_BUFFER = 1 << 20  # bytes; SO_SNDBUF, as a device sets it
 CALL_INTERVAL = 0.25   # s between two broadcasts until one is answered
 REPEAT = 0.5           # s between two images
-REQUESTS_TO_PRESS = 3  # ConnectRequests; an answer after them allows the companion to press
+REQUESTS_TO_PRESS = 3  # ConnectRequests; after these, the answer to an IdentityRequest permits presses
 
 
 class ScriptedDevice:
     def __init__(self, trial: Trial, address: str, identity: bytes = b"11111fw1.1"):
         self.identity, self.address = identity, address
         self.udp = UdpSocket(trial.stage, (address, 3153))
-        self._other_port = UdpSocket(trial.stage, (address, 3152))  # bound to an address: no broadcasts
+        self._other_port = UdpSocket(trial.stage, (address, 3152))  # bound to an address, so it receives no broadcasts
         self._trial, self._judged = trial, 0
         self.calls, self.called = 0, 0.0
 
@@ -35,7 +35,7 @@ class ScriptedDevice:
 
     @property
     def answers(self) -> int:
-        """The number of answers so far; judges the new ones."""
+        """The number of answers so far. Reading it also judges the answers that are new."""
         for datagram in self._other_port.arrived:
             self._trial.stage.faults.append(Fault("DISC-4", "an answer to port 3152", ANSWER, datagram.data))
         self._other_port.arrived.clear()
@@ -101,7 +101,7 @@ class Watch:
 
     def take(self, message: Message) -> None:
         stage, kind = self._channel.stage, message.type
-        # Where one of them is broken, the stage has a fault.
+        # These rules count as kept, unless the stage records a fault against them.
         self._kept |= {"FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "LINK-1"}
         if len(self._channel.arrived) == 1 and kind != MessageType.CONNECT_REQUEST:
             stage.faults.append(Fault("LINK-1", f"the first message has type {kind}", ANSWER,

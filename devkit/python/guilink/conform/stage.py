@@ -60,12 +60,12 @@ class Stage:
         self._members.append(member)
 
     def every(self, interval: float, action: Callable[[], object]) -> None:
-        """Repeats an action until the end of the case. It runs only while the kit waits."""
+        """Repeats an action until the end of the case. The action runs only while the kit waits."""
         self._ticks.append((interval, action))
         self._due.append(time.monotonic())
 
     def until(self, condition: Callable[[], object], within: float | None = None) -> bool:
-        """Serves the sockets until the condition holds. Returns False if it does not in time."""
+        """Serves the sockets until the condition holds. Returns False if the time is up first."""
         end = time.monotonic() + (self.patience if within is None else within)
         while not condition():
             if time.monotonic() >= end:
@@ -109,7 +109,7 @@ class UdpSocket:
         self._stage.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
         try:
             self._socket.sendto(data, target)
-        except OSError:  # the error of an earlier datagram; send this one again
+        except OSError:  # this error belongs to an earlier datagram; send the new one again
             self.refused = True
             self._socket.sendto(data, target)
 
@@ -141,7 +141,7 @@ class Channel:
         self._sent = FrameReader()
         self._sending, self._behind = False, bytearray()
         self.stage, self._socket, self._closed = stage, connected, False
-        self.stall = stage.patience  # s in which at least some bytes must be read
+        self.stall = stage.patience  # s; if the subject reads nothing for this long, `send` fails
         connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.here: Address = connected.getsockname()
@@ -186,8 +186,8 @@ class Channel:
         return self.send_parts(data)
 
     def send_parts(self, *parts: bytes, between: Callable[[], object] = lambda: None) -> bool:
-        """Sends each part when the one before was delivered. Data from a call of send meanwhile follows the
-        last part."""
+        """Sends each part when the previous one was delivered. Data passed to `send` in the meantime goes out
+        after the last part."""
         if self._sending:
             self._behind += b"".join(parts)
             return True
@@ -224,7 +224,7 @@ class Channel:
         rest = memoryview(data)
         end, before = time.monotonic() + self.stall, -1
         while rest and not self.ended and time.monotonic() < end:
-            if (left := self._left()) != before:  # something was read, or taken by our own buffer
+            if (left := self._left()) != before:  # the subject has read bytes, or our own buffer has accepted some
                 end, before = time.monotonic() + self.stall, left
             try:
                 rest = rest[self._socket.send(rest):]

@@ -28,7 +28,7 @@ class StrictReader:
 
     by_companion: bool
     faults: list[Fault] = field(default_factory=list)
-    position: int = 0  # of the buffer's first byte in the stream
+    position: int = 0  # position in the stream at which the buffer begins
     _buffer: bytearray = field(default_factory=bytearray)
 
     @property
@@ -50,7 +50,8 @@ class StrictReader:
         return messages
 
     def _next(self) -> tuple[int, Message | None] | None:
-        """Returns the length of the next frame, or of other bytes, and the message; None to wait for more."""
+        """Returns the length of the next frame and its message. For bytes that are no valid frame, returns their
+        length and None. Returns None if more bytes must arrive first."""
         buffer = self._buffer
         known = min(len(buffer), len(START))
         if buffer[:known] != START[:known]:

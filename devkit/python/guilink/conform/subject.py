@@ -8,7 +8,7 @@ import tempfile
 from pathlib import Path
 from typing import Sequence
 
-LAST_WORDS = 4000       # bytes; a report shows this much of the end of its output
+LAST_WORDS = 4000       # bytes; a report shows this much of the end of the companion's output
 ASKED_TO_END = 2.0      # s between SIGTERM and SIGKILL
 
 
@@ -17,9 +17,9 @@ class Subject:
         self._command = [*within, "setpriv", "--pdeathsig", "KILL", *command]
         self._process: subprocess.Popen[bytes] | None = None
         self._output = tempfile.TemporaryFile()
-        self.status: int | None = None  # exit status, if it ended by itself
-        self.has_answered = False       # any broadcast, since the kit started
-        self.greeted = 0                # connections with a ConnectRequest from it, since its start
+        self.status: int | None = None  # exit status, if the companion ended by itself
+        self.has_answered = False       # whether it has answered any broadcast since the kit started
+        self.greeted = 0                # connections on which it has sent a ConnectRequest since it started
 
     def ensure_running(self) -> bool:
         """Starts the companion if it does not run. Returns whether it was started."""
@@ -58,7 +58,7 @@ class Subject:
         return sum(map(_peak, _family(self._process.pid))) if self._process else 0
 
     def end(self) -> str:
-        """How it came to its end, in words."""
+        """Returns how the companion ended, in words."""
         number = self.status or 0
         return f"signal {-number}" if number < 0 else f"status {number}"
 
