@@ -18,9 +18,9 @@ HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, m
 CONTROL, BUTTON, IMAGE, IDENTITY, CONNECT, IDENTITY_REQUEST = range(6)
 MAX_PAYLOAD = 0x100000  # bytes; a length above it is damage
 KEEP_ALIVE = 0.5  # s; after 2 s without one the device sends no new images, after 3 s it drops us
-SILENCE = 3       # s; a device that is alive answers each keep-alive's IdentityRequest
-TURN = 1          # s without a byte before the first image; then try the next connection
-OLD_SEARCH = 1    # s after the first image in which a broadcast may belong to an earlier search
+SILENCE = 3       # s without a byte, after which the link is lost: a live device answers every IdentityRequest
+TURN = 1          # s without a byte, after which we give up a connection that has shown no image yet
+OLD_SEARCH = 1    # s; for this long after the first image, a broadcast may belong to an earlier search
 MAX_PIXELS = 1 << 22  # no device has a larger screen
 
 
@@ -76,7 +76,7 @@ def save_png(name, width, height, rgba):
 
 
 def answer(discovery, only=None):
-    """Answers a device's broadcast, if `only` is not another address. Returns whether it answered."""
+    """Answers a broadcast; with `only`, just one from this address. Returns whether it answered."""
     call, device = discovery.recvfrom(2048)
     calls = any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call)))
     if found := calls and only in (None, device[0]):
@@ -99,14 +99,14 @@ def connections(discovery, end):
 def messages(connection, discovery, end):
     """Keeps a connection alive and yields its messages; ends when the device has gone."""
     connection.settimeout(SILENCE)  # limits each send
-    peer, linked = connection.getpeername()[0], None  # when the first image came
+    peer, linked = connection.getpeername()[0], None  # `linked` will be the time of the first image
     buffer, heard, next_alive, patience = bytearray(), time.monotonic(), 0, TURN
     while (now := time.monotonic()) < min(end, heard + patience):
         if now >= next_alive:
-            # On the link, ConnectRequests are ignored. The identity shows which device answers.
+            # On the link, the device ignores ConnectRequests. Its IdentityMessage shows which device it is.
             connection.sendall(frame(CONNECT) + frame(CONTROL) + frame(IDENTITY_REQUEST))
             next_alive = now + KEEP_ALIVE
-        if message := next(messages_in(buffer), None):  # one at a time, between keep-alives
+        if message := next(messages_in(buffer), None):  # one at a time, so that keep-alives go out in between
             yield message
             heard = time.monotonic()
             if message[0] == IMAGE and not linked:
@@ -120,8 +120,8 @@ def messages(connection, discovery, end):
             heard = time.monotonic()
             buffer += data
         if discovery in ready:
-            # Linked, answer nothing at first: a search may be older than the link. Later, answer only our
-            # device: it has dropped the link.
+            # For OLD_SEARCH after linking, answer no broadcast: its search may be older than the link. Later,
+            # answer only our device: if it broadcasts, it has dropped the link.
             only = None if not linked else peer if now > linked + OLD_SEARCH else "nobody"
             if answer(discovery, only) and linked:
                 return

@@ -8,7 +8,7 @@ PANEL = (70, 150, 560, 740)      # x, y, width, height of the menu and its pages
 MOVING = [(100, 230, 500, 20),   # the bar below the title moves by itself,
           (540, 260, 60, 330)]   # and so does the arrow of the selected row
 TITLE = MOVING[:1]
-FRAMES = (330, 435, 280, 40)     # the page "About" counts frames
+FRAMES = (330, 435, 280, 40)     # the frame counter on the page "About"
 PAGES = ["display", "image", "recordings", "about"]
 
 
