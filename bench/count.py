@@ -1,6 +1,6 @@
 """count.py RECORD [--record] -- COMMAND...: runs guilink-instructions under the counting plugin, prints a
-table of instructions per pixel, and compares it with the file RECORD, or writes it there (--record). Exits
-with status 1 if a figure is more than 2 % higher."""
+table of instructions per pixel, and compares the figures with the file RECORD, or writes them there (--record).
+Exits with status 1 if a figure is more than 2 % higher than the recorded one."""
 
 import subprocess
 import sys
