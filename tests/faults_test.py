@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """Makes every call of the service fail once: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
 
-A day is a scripted scenario for the real service, in a sandbox of its own; each case is one day with one
-fault, KIND:SITE:OCCURRENCE:FAULT (see tests/faults/fail_once.cpp, the LIBRARY). The service must serve on,
-or end in a way that docs/reliability.md lists. Plays a sample of the cases; with --all, every site seen in
-three days without a fault; with CASE, only that case, and prints the service's log.
+Each case runs a scripted scenario with the real service, in a sandbox of its own, with one fault:
+KIND:SITE:OCCURRENCE:FAULT (see tests/faults/fail_once.cpp, the LIBRARY). The service must continue to work, or end in
+a way that docs/reliability.md lists. Runs a sample of the cases; with --all, the cases of every call site that was
+reached in three runs without a fault; with CASE, only that case, and prints the service's log.
 """
 import collections
 import concurrent.futures
@@ -28,10 +28,10 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.append(ROOT + "/docs/examples")
 import minimal_companion as link  # noqa: E402  the path comes first
 
-JOBS = 16        # days (scenarios) played in parallel; they mostly wait
-OCCURRENCES = 3  # calls of a site to fail, one per day
+JOBS = 16        # scenarios run in parallel; they mostly wait
+OCCURRENCES = 3  # calls from each site that are made to fail, each in a scenario of its own
 LIMIT = float(os.environ.get("GUILINK_FAULT_LIMIT", 60))  # s; a longer wait is a hang
-FRAMES = 17      # frames of each size, three times a day
+FRAMES = 17      # frames of each size, sent three times in each scenario
 SIZES = {2_457_600: (1280, 960), 1_572_864: (1024, 768)}
 GUI, QR, TEXT = 0x70000004, 0x70000005, 6
 PR_SET_CHILD_SUBREAPER = 36
@@ -71,7 +71,7 @@ CANNOT_FAIL = (r"_\w*|mem\w+|str\w+|inet_\w+|free\w*|exit|mallopt|"
                r"pthread_(mutex_\w+|cond_\w+|attr_\w+|self|setname_np)")
 
 
-# --- one day, in a sandbox ---------------------------------------------------------------------------
+# --- one scenario, in a sandbox ----------------------------------------------------------------------
 
 class Wrong(Exception):
     """The service did what it must never do."""
@@ -90,7 +90,7 @@ def drawing(size, number):
             struct.pack("<HH", *SIZES[size]) + runs[:-4] + struct.pack("<HH", 255, colours[-1]))
 
 
-class Day:
+class Scenario:
     """Plays the core, the companion and the control service."""
 
     def __init__(self, service):
@@ -199,7 +199,7 @@ class Day:
             self.step()
 
     def call(self, program, argument):
-        """Calls a procedure of the service; False if it does not answer."""
+        """Calls a procedure of the service. Returns False if the procedure does not answer."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as core:
             try:
                 core.connect(f"\0ambaipc/{program:08x}/1")
@@ -221,7 +221,7 @@ class Day:
         self.call(GUI, struct.pack("<QI", address, size))
 
     def serve(self):
-        """A press and a text must arrive, then frames of both sizes, but no frame that is too noisy."""
+        """A press, a text and frames of both sizes must arrive. A frame whose encoding is too large must not."""
         self.links += 1
         self.presses += 1
         self.until(lambda: self.pressed == self.presses, "press",
@@ -256,25 +256,25 @@ class Day:
                 raise Wrong(f"SIGTERM: {end}") from end
 
 
-def play_day(service):
-    day = Day(service)
+def play_scenario(service):
+    scenario = Scenario(service)
     end, wrong = "serves on", None
     try:
-        day.play()
-        if day.fed != {GUI, QR}:
+        scenario.play()
+        if scenario.fed != {GUI, QR}:
             end = "serves on unfed"
     except Ended as how:
         end = str(how)
     except Wrong as what:
         wrong = str(what)
-    print(json.dumps({"end": end, "wrong": wrong, "log": day.log.decode("latin-1")}))
+    print(json.dumps({"end": end, "wrong": wrong, "log": scenario.log.decode("latin-1")}))
 
 
-# --- all days ----------------------------------------------------------------------------------------
+# --- all scenarios -----------------------------------------------------------------------------------
 
 def run(case=None, **environment):
-    """Plays a day (the scenario). Returns its outcome, and for each site (a kind of call and the stack that leads
-    to it): the kind, the number of calls, and whether one was made to fail."""
+    """Runs the scenario. Returns its outcome, and for each site (a kind of call and the stack that leads to the
+    call): the kind, the number of calls, and whether one was made to fail."""
     with tempfile.NamedTemporaryFile() as table:
         table.truncate(4096 * 32)
         environment |= {**os.environ, "GUILINK_FAIL_ONCE": sys.argv[2], "GUILINK_FAULT_TABLE": table.name}
@@ -282,7 +282,7 @@ def run(case=None, **environment):
             _, site, occurrence, fault = case.split(":")
             number = SPECIAL[fault] if fault in SPECIAL else getattr(errno, fault)
             environment["GUILINK_FAULT"] = f"{site}:{occurrence}:{number}"
-        done = subprocess.run([ROOT + "/scripts/sandbox", sys.executable, __file__, "--day", sys.argv[1]],
+        done = subprocess.run([ROOT + "/scripts/sandbox", sys.executable, __file__, "--scenario", sys.argv[1]],
                               env=environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         sites = {f"{site:016x}": (kind.rstrip(b"\0").decode(), calls, failed)
                  for site, calls, failed, kind in struct.iter_unpack("<QII16s", table.read()) if site}
@@ -292,29 +292,29 @@ def run(case=None, **environment):
         return {"end": "", "wrong": "the day broke", "log": done.stdout}, sites
 
 
-def judge(case, day):
+def judge(case, outcome):
     """Returns what the service did wrong, or None."""
     kind, allowed = case.split(":")[0], {"serves on"}
     if kind in ALLOCATIONS + ["pthread_create", "bind"]:
         allowed.add("SIGABRT")
     if kind in ALLOCATIONS + ["bind", "listen", "pthread_create", "socket"]:
-        allowed.add("serves on unfed")  # a program could not be registered
+        allowed.add("serves on unfed")  # works, but could not register a procedure that the core calls
     if kind.endswith("/dev/mem"):
         allowed.add("SIGSEGV")
-    if kind in ALLOCATIONS and "alloc of mem for ComLibInterface\nstd::bad_alloc\n" in day["log"]:
+    if kind in ALLOCATIONS and "alloc of mem for ComLibInterface\nstd::bad_alloc\n" in outcome["log"]:
         allowed.add("status 1")
     # The sender of presses makes its socket only once. If that fails, presses are lost until a restart.
-    if kind == "socket" and day["wrong"] == "hang: no press":
+    if kind == "socket" and outcome["wrong"] == "hang: no press":
         return None
-    return day["wrong"] or (None if day["end"] in allowed else day["end"])
+    return outcome["wrong"] or (None if outcome["end"] in allowed else outcome["end"])
 
 
 def play_case(case):
-    for _ in range(2):  # with other timing, the service may not reach the site
-        day, sites = run(case)
+    for _ in range(2):  # try twice: timing decides whether the service reaches the site of the fault
+        outcome, sites = run(case)
         if any(failed for _, _, failed in sites.values()):
-            return case, day["end"], judge(case, day), day["log"]
-    return case, "not reached", day["wrong"], day["log"]
+            return case, outcome["end"], judge(case, outcome), outcome["log"]
+    return case, "not reached", outcome["wrong"], outcome["log"]
 
 
 def unknown_calls():
@@ -327,8 +327,8 @@ def unknown_calls():
 
 
 def main():
-    if sys.argv[1] == "--day":
-        return play_day(sys.argv[2])
+    if sys.argv[1] == "--scenario":
+        return play_scenario(sys.argv[2])
     everything = sys.argv[3:] == ["--all"]
     if sys.argv[3:] and not everything:
         case, end, wrong, log = play_case(sys.argv[3])
@@ -338,9 +338,9 @@ def main():
     failed = [f"{call} never fails" for call in unknown_calls()]
     sites = collections.defaultdict(dict)
     for _ in range(3 if everything else 1):
-        day, seen = run()
-        if day["wrong"] or day["end"] != "serves on":
-            return f"without a fault: {day}"
+        outcome, seen = run()
+        if outcome["wrong"] or outcome["end"] != "serves on":
+            return f"without a fault: {outcome}"
         for site, (kind, calls, _) in seen.items():
             sites[kind][site] = min(calls, sites[kind].get(site, calls))
     cases = [f"{kind}:{site}:{occurrence}:{fault}"
