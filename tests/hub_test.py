@@ -38,7 +38,7 @@ def far_host():
 
 @pytest.fixture(scope="module", autouse=True)
 def devices(far_host):
-    """Starts device 11111 on this host and 22222 on the other. Only buttons change their pictures."""
+    """Starts device 11111 on this host and 22222 on the other. Only button presses change the devices' pictures."""
     start_service(BIN)
     subprocess.run([*far_host, BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
     cores = [subprocess.Popen([*where, BIN / "guilink-core", "--still", *identity], stderr=subprocess.DEVNULL)
@@ -213,7 +213,7 @@ def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
             devices[0].wait(LIMIT)
             frozen = device.wait_stable()
             devices[0] = subprocess.Popen([BIN / "guilink-core", *options], stderr=subprocess.DEVNULL)
-            device.wait_for(lambda screen: screen != frozen)  # its clock moves
+            device.wait_for(lambda screen: screen != frozen)  # the new core shows a clock, which moves
             return device.wait_stable(pictures=20, **look)
 
         def moved_from(screen):

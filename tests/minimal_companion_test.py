@@ -1,7 +1,7 @@
 """The example companion of the docs against the real service: tests/minimal_companion_test.py GUILINKD
 
 Plays the rest of the device: draws into /dev/mem, announces frames, and receives presses as the control
-service. Run it in a sandbox, which ends everything that it starts.
+service. Run this test in a sandbox, which ends everything that the test starts.
 """
 import pathlib
 import socket
@@ -18,7 +18,7 @@ LIMIT = 60  # s; for any event that must come, however slow the machine
 
 
 def drawn(count):
-    """Returns pixels: a run above 65535, short runs, transparency, and a last pixel that gets lost."""
+    """Returns pixels: a run above 65535, short runs, transparency, and a last pixel that is not sent."""
     pixels = [0xFF00] * 70000 + [0xF0F0, 0x800F] * 500 + [0x0ABC] * 1000
     return numpy.array(pixels + [0xF123] * (count - 1 - len(pixels)) + [0xFFFF], "<u2")
 
@@ -55,7 +55,7 @@ def see(core, address, width, height):
                 pass
         output = companion.stdout.read()
         assert companion.returncode == 0, output
-        Image.open(picture.name).verify()  # checks the checksums
+        Image.open(picture.name).verify()  # checks the file's checksums
         shown = numpy.asarray(Image.open(picture.name))
     assert numpy.array_equal(shown, expected(pixels).reshape(height, width, 4))
     # The example may have tried several connections before one became the link.

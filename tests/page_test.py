@@ -38,7 +38,7 @@ URL = "http://127.0.0.1:8080/"
 LIMIT = 240  # s; for any event that must come, however slow the machine
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # start sequence of a frame
 
-# Hashes the canvas's pixels as ARGB 4:4:4:4, because a canvas keeps premultiplied colours, which loses their
+# Hashes the canvas's pixels as ARGB 4:4:4:4, because a canvas keeps premultiplied colours, which lose their
 # low bits.
 CANVAS_HASH = """
 const done = arguments[0], canvas = document.getElementById('canvas');
@@ -81,7 +81,7 @@ new MutationObserver((_, observer) => { window.veiled = !veil.hidden; observer.d
 
 
 def arrived(dump):
-    """Returns the pixels that the core drew, after the known losses of the link."""
+    """Returns the pixels that arrive over the link if the core draws those in the file `dump`."""
     pixels = numpy.fromfile(dump, "<u2")
     pixels[1:][pixels[1:] < 0x1000] = 0
     pixels[-1] = pixels[-2]
@@ -89,7 +89,7 @@ def arrived(dump):
 
 
 def shown(dump):
-    """Returns the hash of these pixels on a page. A canvas keeps no colour in transparent pixels."""
+    """Returns the hash of the canvas that shows the file `dump`. A canvas keeps no colour in transparent pixels."""
     pixels = arrived(dump)
     pixels[pixels < 0x1000] = 0
     return hashlib.sha256(pixels.tobytes()).hexdigest()
@@ -215,7 +215,7 @@ class Page(Loop):
             press()
             self.wait(lambda: self.hash() != before)
 
-        # If Shift is released first, the "+" key has another name when it is released.
+        # If Shift is released before the "+" key, the browser names that key "=" when it is released.
         self.assertEqual(self.browser.execute_script(
             "const key = (type, key) => dispatchEvent(new KeyboardEvent(type, {key, code: 'Equal'}));"
             "const down = () => document.querySelectorAll('#pad .down').length;"
@@ -245,7 +245,7 @@ class Page(Loop):
 
     def test_stalled_page_slows_nobody(self):
         self.start("guilink-core")
-        stalled = [handshake()[0] for _ in range(3)]  # never read
+        stalled = [handshake()[0] for _ in range(3)]  # they never read what the viewer sends
         self.browser.switch_to.new_window("window")
         self.browser.get(URL)
         for window in self.browser.window_handles:
@@ -286,7 +286,7 @@ class Page(Loop):
             listed()
             other.settimeout(LIMIT)
             self.assertEqual(other.recv(100), START + bytes(8) + b"\4\0")
-            self.wait(lambda: len(listed()) == 6)  # the first one searches again
+            self.wait(lambda: len(listed()) == 6)  # the first device has lost its link and searches again
             self.browser.find_element(By.CSS_SELECTOR, "#devices button").click()
             self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")
 

@@ -89,7 +89,7 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
-    link.on_press = lambda _: ([], [picture(9)] * 3)  # rare pictures count only at the time-out
+    link.on_press = lambda _: ([], [picture(9)] * 3)  # may predate the press, so they count only at the time-out
     device.press("down")
     device.wait_for(TARGET)
 
@@ -157,7 +157,7 @@ def test_press_until_does_not_overrun_a_slow_device(link, device):
     assert link.pressed == [3, 3]
     link.pictures.script.clear()
     link.pictures.add(encode(picture(9)))
-    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3, 3]  # the screen already shows it
+    assert device.press_until("right", TARGET) == TARGET and link.pressed == [3, 3]  # already shows the target
 
     link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(5)])
     device.press("right")
@@ -210,7 +210,7 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
     with Image.open(path) as film:
         assert path.endswith("run.png") and film.size == (32, 24 + 40)
         bars = [np.asarray(shot.convert("RGB"))[-40:] for shot in ImageSequence.Iterator(film)]
-        assert any((bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any() for bar in bars)  # the press is marked, and named
+        assert any((bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any() for bar in bars)  # a bar names the press
     assert recording.stop() == path
     with pytest.raises(guilink.GuilinkError, match="no picture has arrived"):
         Recording(ScriptedLink(), tmp_path / "nothing.gif", []).stop()

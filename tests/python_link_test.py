@@ -64,9 +64,9 @@ def test_picture_of_the_document():
 
 @pytest.mark.parametrize("payload", [
     "", "0300", "0300 0200 01", "0300 0200 0100",                # cut off
-    "0000 0200", "FFFF FFFF" + "FFFF 0000" * 9, "0100 0000",     # no size, or an impossible one
-    "0300 0200", "0300 0200 0400 0FF0", "0300 0200 0600 0FF0",   # runs too short or too long
-    "0200 0100 FFFF 0000" + "FFFF 0000" * 65537 + "0200 0000",   # too long by more than 32 bits
+    "0000 0200", "FFFF FFFF" + "FFFF 0000" * 9, "0100 0000",     # a size of 0, or an impossible size
+    "0300 0200", "0300 0200 0400 0FF0", "0300 0200 0600 0FF0",   # no runs, or too few or too many pixels
+    "0200 0100 FFFF 0000" + "FFFF 0000" * 65537 + "0200 0000",   # a sum of runs that exceeds 32 bits
 ])
 def test_damaged_pictures_are_refused(payload):
     with pytest.raises(picture.DamagedPicture):
@@ -167,7 +167,7 @@ def test_is_the_link_without_a_picture_after_the_third_request(link, device):
     assert requests == 3
     device.send(frame(MessageType.IDENTITY, device.identity))
     assert link.wait_linked(soon()).linked
-    device.expect(MessageType.CONNECT_REQUEST)  # the companion has no proof of a link yet
+    device.expect(MessageType.CONNECT_REQUEST)  # the companion repeats it until the first image
 
 
 def test_dead_connections_do_not_stand_in_the_way(link, device):
@@ -175,10 +175,10 @@ def test_dead_connections_do_not_stand_in_the_way(link, device):
     dead = [socket.create_connection(("10.77.0.1", 8399), LIMIT) for _ in range(9)]
     for connection in dead[:-1]:
         connection.close()
-    device.connect().expect(MessageType.CONNECT_REQUEST)  # sent when the previous connection was silent for 1 s
+    device.connect().expect(MessageType.CONNECT_REQUEST)  # sent after the previous one was silent for 1 s
     device.show(BLACK)
     assert link.wait_linked(soon()).linked
-    assert socket.create_connection(("10.77.0.1", 8399), LIMIT).recv(1) == b""  # closed: there is a link
+    assert socket.create_connection(("10.77.0.1", 8399), LIMIT).recv(1) == b""  # closed, because a link already exists
 
 
 def test_takes_the_wanted_device_only(link, device, second_address):
@@ -206,7 +206,7 @@ def test_takes_none_of_several_unless_one_is_chosen(device, second_address):
         with pytest.raises(SeveralDevices, match="22222 .fw1.1. at 10.77.0.2.*choose one"):
             link.wait_linked(soon())
         assert not device.answered(0) and not other.answered(0)
-        other.link()  # the first device is silent
+        other.link()  # only this device still broadcasts
 
 
 def test_follows_a_device_that_restarts_without_a_farewell(link, device):

@@ -31,7 +31,7 @@ def loop():
 
 def run(*arguments, status=0, **options):
     """Runs a Python module as a program, and returns its output."""
-    environment = os.environ | {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}  # loads no installed guilink
+    environment = os.environ | {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}  # pytest must not load an installed guilink
     done = subprocess.run([sys.executable, "-m", *arguments], capture_output=True, text=True,
                           timeout=8 * LIMIT, env=environment, **options)
     assert done.returncode == status, done.stdout + done.stderr

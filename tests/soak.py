@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""soak MINUTES: runs service and core while companions connect and disconnect; watches the service.
+"""tests/soak.py MINUTES: runs service and core while companions connect and disconnect; watches the service.
 
-A bare companion and the viewer take turns as the link. The bare companion ends its links in turn
-by closing them properly and by resetting them in the middle of an image; the viewer is ended in turn by
-SIGTERM and by SIGKILL.
+A bare companion (docs/examples/minimal_companion.py) and the viewer take turns. The bare companion alternately
+closes its link properly and resets it in the middle of an image; the viewer is ended by SIGTERM and by SIGKILL
+alternately.
 Writes samples to build/soak/soak.tsv and a chart to build/soak/soak.svg. Fails if the service dies,
 grows, or does not end with status 0 on SIGTERM."""
 import ctypes
@@ -28,17 +28,17 @@ EVERY = 2       # s between samples
 BARE_TURN = 16  # s; long enough to contain quiet moments
 VIEWER_TURN = 5
 PAUSE = 1       # s between turns, without a companion
-SETTLED = 6     # s after linking; then the link is quiet: the other candidates have ended (after 3 s)
+SETTLED = 6     # s after linking; from then on the link is quiet: other candidates have ended after 3 s
 STALL = 1.5     # s without reading, so that the device blocks in a send (it gives up after 3)
-LIMIT = 60      # s; generous, for slow machines
-MAY_GROW = 256  # KiB, between the second and the last tenth of the run
+LIMIT = 60      # s; for any event that must come, however slow the machine
+MAY_GROW = 256  # KiB by which RssAnon may grow between the second and the last tenth of the run
 SUBREAPER = 36  # prctl: makes the detached service our child again
 PLOTS = [("RssAnon, KiB", "#1f77b4"), ("threads", "#c0504d"), ("descriptors", "#e0a030"),
          ("frames/s, bare companion", "#4a8f5a")]
 
 
 class Companions:
-    """Companions that link in turn, for ever. The bare one counts images and notes the time of the first."""
+    """Lets the bare companion and the viewer link in turn, for ever. Counts the bare companion's images."""
 
     def __init__(self):
         self.images, self.linked_since = 0, None
@@ -87,7 +87,7 @@ class Companions:
 
 
 def soak(seconds, table):
-    """Returns [[seconds, a value for each column or None, quiet]] and a list of failures."""
+    """Returns samples, [seconds, one value (or None) for each of PLOTS, whether the link is quiet], and failures."""
     ctypes.CDLL(None).prctl(SUBREAPER, 1)
     with open(OUT / "guilinkd.log", "w", encoding="utf-8") as log:
         subprocess.run(BIN / "guilinkd", stdout=log, stderr=log, check=True)

@@ -46,7 +46,7 @@ class Capture:
         return done.stdout.decode()
 
     def fields(self, *names):
-        """Returns one list per packet of the link: the values of each field, separated by commas."""
+        """Returns one list per packet of the link, with one string per field; commas separate a field's values."""
         names = [part for name in names for part in ("-e", name)]
         return [line.split("\t") for line in
                 self.read("-Y", "guilink", "-T", "fields", *names).splitlines()]
@@ -54,7 +54,7 @@ class Capture:
 
 def test_ties_discovery_and_link_together():
     capture = Capture()
-    capture.segments(DEVICE, IS_DEVICE)  # from an unknown device
+    capture.segments(DEVICE, IS_DEVICE)  # its broadcast has not come yet, so the device is unknown
     capture.datagram(DEVICE, IS_DEVICE)
     capture.datagram(COMPANION, frame(CONNECT_REQUEST))
     capture.segments(COMPANION, frame(CONNECT_REQUEST) + frame(BUTTON, b"\7"))
@@ -88,7 +88,7 @@ def test_shows_what_a_capture_has_cut_off():
         capture.datagram(DEVICE, ONE_RUN)
         capture.segments(DEVICE, ONE_RUN, port=20000 + capture.longest)
     seen = capture.fields("_ws.col.Info", "guilink.length")
-    assert len(seen) == 49 + 37  # in the first segments, the headers are cut, too
+    assert len(seen) == 49 + 37  # datagrams and segments; the first 12 segments are cut before their payload
     assert all(info == "cut off" for info, _ in seen)
     assert seen[-2:] == [["cut off", "8"], ["cut off", ""]]
 

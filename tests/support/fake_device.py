@@ -1,4 +1,4 @@
-"""A device in bare sockets, for tests that control every byte. Waits are generous."""
+"""A device in bare sockets, for tests that control every byte. Its waits have a generous limit."""
 import socket
 
 from guilink.picture import encode
@@ -56,7 +56,7 @@ class FakeDevice:
             self.tcp.close()
 
     def link(self):
-        """Lets the companion find it, connects, and waits for a ConnectRequest."""
+        """Lets the companion find this device, connects, and waits for a ConnectRequest."""
         self.call_until_answered().connect().expect(MessageType.CONNECT_REQUEST)
         return self
 

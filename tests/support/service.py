@@ -1,4 +1,4 @@
-"""Starts and ends guilinkd. It detaches itself, so it is found by its name: a sandbox contains only one."""
+"""Starts and ends guilinkd. The service detaches itself, so it is found by name; a sandbox contains only one."""
 import os
 import select
 import signal

@@ -1,4 +1,4 @@
-"""A small companion that keeps all rules, or with one of the names below breaks exactly one of them.
+"""A small companion that keeps all rules or, started with a name from WRONG, breaks exactly one of them.
 
     zoo_companion.py NAME PICTURE.png    NAME is a key of WRONG, or "right"
 """
@@ -129,7 +129,7 @@ class Zoo:
             now = time.monotonic()
             sources = []
             if self.connection and now > self.deaf and not (self.linked and wrong("stops reading")):
-                sources.append(self.connection)  # before the listener: it may have ended
+                sources.append(self.connection)  # handled before the listener, as this connection may have ended
             sources.append(self.udp)
             if not self.connection or self.linked or now > self.heard + 1 and not wrong("waits for the silent"):
                 sources.append(self.tcp)

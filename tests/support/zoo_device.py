@@ -1,6 +1,6 @@
-"""A small device that keeps all rules, or with one of the names below breaks exactly one of them.
+"""A small device that keeps all rules or, started with a name from WRONG, breaks exactly one of them.
 
-    zoo_device.py NAME COMMAND...    NAME is a key of WRONG, or "right"; ends with COMMAND
+    zoo_device.py NAME COMMAND...    NAME is a key of WRONG, or "right"; runs COMMAND, and exits when COMMAND does
 """
 import os
 import select
@@ -36,7 +36,7 @@ def image(number):
     rest = width * height - 1 + wrong("sends the last pixel")
     runs = [(1, 0xF000 | number & 0xFFF), (9, 0x0ABC if wrong("raw transparency") else 0)]
     runs += [(5, 0xF111), (5, 0xF111)] if wrong("short runs") else [(10, 0xF111)]
-    runs += [(1, 0xF333), (1, 0xF444)] * 5000  # makes it as large as a real image
+    runs += [(1, 0xF333), (1, 0xF444)] * 5000  # makes the image as large as a real one
     rest -= 10020
     runs += [(0xFFFF, 0xF222)] * (rest // 0xFFFF) + [(rest % 0xFFFF, 0xF222)]
     words = [width, height] + [word for run in runs for word in run]
