@@ -55,7 +55,7 @@ LINK-17 device must After the link has ended, however it ended, the device broad
 LINK-18 device must The device sends images on the link only.
 TIME-1 companion must On the link, the companion sends something at least every 3 s.
 TIME-2 companion must On the link, the companion sends a ControlMessage at least every 2 s.
-TIME-3 companion should On the link, the companion sends a ControlMessage every 500 ms.
+TIME-3 companion should On the link, the companion sends a ControlMessage every 500 ms, so that a late one does not break TIME-2.
 TIME-4 companion must The companion reads all the time.
 TIME-5 companion should When nothing arrives from the device, the companion sends an IdentityRequest with each keep-alive.
 TIME-6 companion should When nothing has arrived for 3 s, the companion closes the link.
@@ -69,14 +69,14 @@ PICT-2 companion must The last pixel, which is not sent, equals the pixel before
 PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each, alpha in the highest bits; a value times 17 gives 0 to 255.
 PICT-4 companion must The companion shows images of 1280 x 960 and 1024 x 768 pixels, and the size may change between two images.
 PICT-5 companion must The companion drops an image whose runs do not describe width x height - 1 pixels, or whose payload is cut off.
-PICT-6 companion must The companion drops an image of 0 or more than 4,194,304 pixels, and reserves no memory for it.
+PICT-6 companion must The companion drops an image that has no pixels or more than 4,194,304, and reserves no memory for it.
 PICT-7 companion may The companion may skip a run of length 0 or drop its image.
 PICT-8 device must The runs of an image describe width x height - 1 pixels.
 PICT-9 device must A pixel with alpha 0 is sent as 0, except the first pixel of an image.
 PICT-10 device must No run has length 0. Two neighbouring runs have the same pixel value only if the first has length 65535.
 PICT-11 device must An image has 1280 x 960 or 1024 x 768 pixels.
 PICT-12 device must The device does not send an image of more than 1,048,576 bytes, and stops repeating the image before it.
-PRESS-1 companion must The companion sends a ButtonMessage or DataMessage only after the first image, or after the answer to an IdentityRequest that followed its third ConnectRequest.
+PRESS-1 companion must The companion sends a ButtonMessage or DataMessage only after one of two events: the first image has arrived, or the device has answered an IdentityRequest that the companion sent after its third ConnectRequest.
 PRESS-2 companion must A ButtonMessage holds one byte, 0 to 15.
 PRESS-3 device must For each ButtonMessage on the link, the device passes on one press, as the message with the number 100 + button.
 PRESS-4 device must A button above 15 repeats the last valid one, an empty ButtonMessage has no effect, and bytes after the first are ignored.
