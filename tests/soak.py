@@ -58,10 +58,12 @@ class Companions:
         assert status == (0 if how == signal.SIGTERM else -how), f"the viewer ended with {status}"
 
     def visit(self, how):
-        connections = bare.connections(time.monotonic() + LIMIT)
+        discovery = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        discovery.bind(("", 3152))
+        connections = bare.connections(discovery, time.monotonic() + LIMIT)
         for connection in connections:
             try:
-                self.mirror(connection)
+                self.mirror(connection, discovery)
             except OSError:
                 continue  # the device has closed it: try the next connection
             if self.linked_since:
@@ -76,9 +78,10 @@ class Companions:
             while connection.recv(1 << 20):
                 pass
         connections.close()
+        discovery.close()
 
-    def mirror(self, connection):
-        for kind, _ in bare.messages(connection, time.monotonic() + BARE_TURN):
+    def mirror(self, connection, discovery):
+        for kind, _ in bare.messages(connection, discovery, time.monotonic() + BARE_TURN):
             if kind == bare.IMAGE:
                 self.linked_since = self.linked_since or time.monotonic()
                 self.images += 1
