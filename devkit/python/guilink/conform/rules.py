@@ -9,16 +9,16 @@ DISC-2 device must A broadcast is one datagram that holds one IdentityMessage, f
 DISC-3 companion must The companion receives on UDP port 3152 of all addresses.
 DISC-4 companion must The answer is one ConnectRequest frame of exactly 42 bytes, sent to the address and port that the broadcast came from.
 DISC-5 companion must Until it is linked, the companion answers every broadcast of its device.
-DISC-6 companion should The companion answers only a complete IdentityMessage with a right checksum and a payload of at least 5 bytes.
+DISC-6 companion should The companion answers only a complete IdentityMessage with a correct checksum and a payload of at least 5 bytes.
 DISC-7 companion must The companion listens on TCP port 8399 before it answers.
-DISC-8 device must The device connects to TCP port 8399 of the address that an answer came from, whatever its source port.
+DISC-8 device must The device connects to TCP port 8399 of the address that an answer came from, whatever the answer's source port.
 DISC-9 device must The device ignores every datagram that is not exactly the 42 bytes of the answer.
 DISC-10 companion should While linked, the companion does not answer another device.
 DISC-11 companion should The companion accepts broadcasts of up to 1472 bytes.
 DISC-12 device must While it has a companion, the device does not broadcast.
 FRAME-1 both must Every message is one frame, and nothing travels between frames.
 FRAME-2 both must The checksum is the CRC-32 of the payload.
-FRAME-3 both must A payload has at most 1,048,534 bytes to the device, and 1,048,576 bytes to the companion.
+FRAME-3 both must A payload sent to the device has at most 1,048,534 bytes, and one sent to the companion at most 1,048,576.
 FRAME-4 companion must The companion reads frames however TCP splits or joins them.
 FRAME-5 companion must The companion drops bytes that belong to no frame, and finds the frame after them.
 FRAME-6 companion must The companion ignores a frame with a wrong checksum, and continues to receive.
@@ -37,12 +37,12 @@ FRAME-18 device must The device skips frames of the types 2, 3 and above 6.
 FRAME-19 device must The device sends only the types 2, 3 and 6.
 LINK-1 companion must A ConnectRequest is the first frame that the companion sends on a connection.
 LINK-2 companion must The companion repeats the ConnectRequest with each keep-alive until an ImageMessage has arrived.
-LINK-3 companion must When a connection ends, the companion uses the next one that waits, or answers the next broadcast.
+LINK-3 companion must When a connection ends, the companion uses the next connection that waits, or answers the next broadcast.
 LINK-4 companion must When nothing has arrived on a candidate for a second, the companion uses the next connection that waits.
 LINK-5 companion should Once linked, the companion closes every further connection.
-LINK-6 companion must When its device broadcasts later than a second after the first image, the companion closes the link and answers.
-LINK-7 companion must When its device broadcasts within a second after the first image, the companion keeps the link.
-LINK-8 companion must Bytes of one connection never become part of a frame of another.
+LINK-6 companion must When its device broadcasts more than a second after the link's first image, the companion closes the link and answers the broadcast.
+LINK-7 companion must When its device broadcasts within a second after the link's first image, the companion keeps the link.
+LINK-8 companion must Bytes of one connection never become part of a frame of another connection.
 LINK-9 companion should The companion recognises its device by its address or its identity, because either may change.
 LINK-10 companion must The companion survives everything that it receives.
 LINK-11 companion should To end a link, the companion shuts down its sending side, reads to the end of the stream, and closes.
@@ -50,7 +50,7 @@ LINK-12 device must The first candidate that delivers a ConnectRequest becomes t
 LINK-13 device must The device closes a candidate that has sent no ConnectRequest by the next broadcast.
 LINK-14 device must The device answers each IdentityRequest, of a candidate or of the link, in order.
 LINK-15 device must From a candidate, the device obeys only ControlMessage, ConnectRequest and IdentityRequest.
-LINK-16 device must The device opens at most 8 connections to one host for each broadcast, and 32 in all.
+LINK-16 device must For each broadcast, the device opens at most 8 connections to one host. It has at most 32 candidates at a time.
 LINK-17 device must After the link has ended, however it ended, the device broadcasts again.
 LINK-18 device must The device sends images on the link only.
 TIME-1 companion must On the link, the companion sends something at least every 3 s.
@@ -62,7 +62,7 @@ TIME-6 companion should When nothing has arrived for 3 s, the companion closes t
 TIME-7 device must When there is no new image for 500 ms, the device repeats the last one.
 TIME-8 device must When it has received no ControlMessage for 2 s, the device sends no new image and repeats the last one.
 TIME-9 device must When it has received nothing for 3 s, the device closes the link.
-TIME-10 device must When full buffers have kept the device from sending anything for 3 s, it closes the link.
+TIME-10 device must When full buffers have kept the device from sending anything for 3 s, the device closes the link.
 TIME-11 device must The device keeps no backlog: an image that waits to be sent is replaced by the next one.
 PICT-1 companion must The companion draws the runs row by row from the top left; a run of 1 to 65535 pixels may cross rows.
 PICT-2 companion must The last pixel, which is not sent, equals the pixel before it, or is 0 in an image of one pixel.
@@ -75,7 +75,7 @@ PICT-8 device must The runs of an image describe width x height - 1 pixels.
 PICT-9 device must A pixel with alpha 0 is sent as 0, except the first pixel of an image.
 PICT-10 device must No run has length 0. Two neighbouring runs have the same pixel value only if the first has length 65535.
 PICT-11 device must An image has 1280 x 960 or 1024 x 768 pixels.
-PICT-12 device must The device does not send an image of more than 1,048,576 bytes, and stops repeating the image before it.
+PICT-12 device must When the payload of an image would exceed 1,048,576 bytes, the device neither sends this image nor repeats the previous one.
 PRESS-1 companion must The companion sends a ButtonMessage or DataMessage only after one of two events: the first image has arrived, or the device has answered an IdentityRequest that the companion sent after its third ConnectRequest.
 PRESS-2 companion must A ButtonMessage holds one byte, 0 to 15.
 PRESS-3 device must For each ButtonMessage on the link, the device passes on one press, as the message with the number 100 + button.
