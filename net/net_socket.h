@@ -1,5 +1,5 @@
-// Owns one socket descriptor for its whole life: the constructor creates it or throws, the
-// destructor closes it. For everything else, use the system's calls on the descriptor.
+// Owns one socket descriptor: the constructor creates the descriptor or throws, and the destructor
+// closes it. For everything else, use the system's calls on the descriptor.
 #pragma once
 
 #include <sys/socket.h>
@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 // Template parameters: the system's socket functions, each preceded by its signature; the address
-// type; the integer types of domain, type and protocol. The service only uses NetSocket<>.
+// type; the integer types of domain, type and protocol. The service uses only NetSocket<>.
 template <typename CreateSignature = int(int, int, int), CreateSignature* Create = ::socket,
           typename CloseSignature = int(int), CloseSignature* Close = ::close,
           typename ConnectSignature = int(int, const sockaddr*, unsigned int),

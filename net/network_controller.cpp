@@ -88,9 +88,9 @@ struct NetworkController::State {
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
 
-// Returns whether a host may become a candidate now, and if so, counts its turn. If all places are
-// taken, drops the candidate whose host had the most turns, but only if this host had fewer. Among
-// several with the most turns, prefers an unconnected one: its answer may have been spoofed.
+// Returns whether `host` may become a candidate now, and if so, counts its turn. If all places are
+// taken, drops a candidate of the host that had the most turns, but only if `host` had fewer. Among
+// equals, drops an unconnected candidate first: its host's answer may have been spoofed.
 bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];
@@ -120,8 +120,8 @@ NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worke
 
 NetworkController::~NetworkController() {
     State& state = *m_state;
-    // Once m_stop is set, only a running sweep adds units. The second _clear_all, after the join,
-    // stops the units that it has added.
+    // Once m_stop is set, only a sweep that is already running can add units. The second
+    // _clear_all, after the join, stops these units.
     state.m_stop = true;
     _clear_all(m_state);
     {

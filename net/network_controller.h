@@ -1,13 +1,13 @@
-// Keeps the device linked to exactly one peer. While it is not linked, a discovery sweep runs about
-// once a second on every interface. Every host that answers becomes a candidate: a network unit
-// opens a TCP connection to the host, and the controller passes the received bytes to the worker
-// (the link protocol). When the worker accepts a candidate, the candidate's unit becomes the
-// current one, and all other units are dropped. A failed send or the end of the connection drops
-// the current unit and the data being sent; then the search begins again.
+// Keeps the device linked to exactly one peer. While the device is not linked, a discovery sweep
+// begins about once a second on every interface. Every host that answers becomes a candidate: a
+// network unit opens a TCP connection to the host, and the controller passes the received bytes to
+// the worker (the link protocol). When the worker accepts a candidate, the candidate's unit becomes
+// the current unit, and all other candidates are dropped. A failed send or the end of the
+// connection drops the current unit and the data being sent; then the search begins again.
 //
 // A dropped unit is stopped at once, but destroyed only when its threads have ended, so that
 // nothing waits for the unit and no thread joins itself. A unit's callbacks may run after the
-// controller's end, so they use only the State below, of which they share the ownership.
+// controller is destroyed, so they use only the State below, whose ownership they share.
 #pragma once
 
 #include <cstdint>
@@ -20,19 +20,20 @@ class NetworkUnit;
 
 class NetworkController {
   public:
-    // The link protocol, as the controller sees it. (Do not confuse it with m_worker_thread, on
-    // which the controller searches.)
+    // The link protocol, as the controller sees it. m_worker_thread does not belong to the worker:
+    // the controller searches on that thread.
     class NetworkWorker {
       public:
-        // Receives bytes of the calling thread's connection, valid only during the call. The worker
-        // calls `signal`, if it is not empty, to make that connection the link. If `deliver_all` is
-        // false, only keep-alives reach the message handler. A length of 0 means that a candidate's
-        // connection has ended. Called from several threads.
+        // Receives bytes of the calling thread's connection. The bytes are valid only during the
+        // call. The worker calls `signal`, unless `signal` is empty, to make that connection the
+        // link. If `deliver_all` is false, only keep-alives reach the message handler. A length of
+        // 0 means that a candidate's connection has ended. Called from several threads.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
-        // Keeps a weak pointer to the controller, through which the worker sends.
+        // Sets the controller through which the worker sends. The worker keeps a weak pointer.
         virtual void SetController(const std::shared_ptr<NetworkController>& controller) = 0;
-        // Installs the handler of the peer's messages, which gets their type and payload.
+        // Installs the handler that is called with the type and the payload of each message from
+        // the peer.
         virtual void SetMessageHandler(
             const std::function<void(uint16_t, std::vector<unsigned char>)>& handler) = 0;
         virtual void SendIdentity() = 0;
@@ -41,29 +42,31 @@ class NetworkController {
         // Returns the datagram that discovery broadcasts.
         virtual std::vector<unsigned char> GetIdentityFrame() = 0;
         virtual ~NetworkWorker() = default;
-        // The calling thread's connection has ended: this thread will deliver no more bytes.
+        // Called when the calling thread's connection has ended: this thread will deliver no more
+        // bytes.
         virtual void OnConnectionEnd() {}
     };
 
-    // Starts to search at once. Keeps a weak pointer to the worker, which must outlive the
+    // Starts to search at once. Keeps a weak pointer to the worker. The worker must outlive the
     // controller.
     explicit NetworkController(const std::shared_ptr<NetworkWorker>& worker);
-    // Drops all units. First waits for a send that is in progress (see send), then up to 1 s for
-    // the search thread.
+    // Drops all units. Waits for a send that is in progress (see send), and then up to 1 s for the
+    // search thread.
     virtual ~NetworkController();
 
     NetworkController(const NetworkController&) = delete;
     NetworkController& operator=(const NetworkController&) = delete;
 
-    // Sends to the linked peer. Without a link, sends to the candidate that is being examined; if
-    // there is none, drops the data. Waits for an earlier send to end, then blocks for at most
-    // 6 s. Drops the linked peer if its socket has not accepted all the data by then. Never blocks
-    // on a candidate: drops it if its socket has no room for all the data.
+    // Sends to the linked peer. Without a link, sends to the candidate that is being examined, or
+    // drops the data if no candidate is being examined. Waits for an earlier send to end, then
+    // blocks for at most 6 s. Drops the linked peer if its socket has not accepted all the data by
+    // then. Never blocks on a candidate: drops a candidate whose socket has no room for all the
+    // data.
     void send(const unsigned char* data, uint64_t length);
 
     // Waits until the send buffer of the link is nearly empty, because newer data cannot replace
-    // data in the buffer. Waits at most 3 s, without a lock. After 3 s, returns false if some of
-    // the data was sent; otherwise drops the peer.
+    // data in the buffer. Waits at most 3 s, and holds no lock meanwhile. After 3 s, returns false
+    // if some of the data was sent, and otherwise drops the peer. In all other cases, returns true.
     bool wait_until_sent();
 
   private:

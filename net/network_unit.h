@@ -1,9 +1,9 @@
-// One IPv4 endpoint of the link. It is either a local interface, whose subnet is searched for
-// peers, or a peer that was found, to which a TCP connection is opened. The controller uses this
-// interface; NetworkUnitV4 implements it.
+// One IPv4 endpoint of the link. It is either a local network interface, whose subnet is searched
+// for peers, or a peer that was found, to which a TCP connection is opened. The controller uses
+// this abstract class; NetworkUnitV4 implements it.
 //
-// A unit owns its threads. They never lock its mutex, so a callback that runs on one of them may
-// call send of the same unit; it must not call tcp_connect or join.
+// A unit owns its threads. These threads never lock the unit's mutex, so a callback that runs on
+// such a thread may call send of the same unit. The callback must not call tcp_connect or join.
 #pragma once
 
 #include <array>
@@ -18,12 +18,12 @@
 
 class NetworkUnit;
 
-// Receives a unit that was found. To keep the unit, the callee moves it out of the pointer; else it
-// is destroyed right after the call.
+// Receives a unit that was found. To keep the unit, the callee moves the pointer; otherwise the
+// unit is destroyed right after the call.
 using UnitFoundCallback = std::function<void(std::unique_ptr<NetworkUnit>&&)>;
 
-// Receives bytes of a unit's connection, valid only during the call. A null pointer with length 0
-// means that the connection has ended.
+// Receives bytes of a unit's connection. The bytes are valid only during the call. A null pointer
+// with length 0 means that the connection has ended.
 using DataReceivedCallback =
     std::function<void(const unsigned char* data, unsigned long length, NetworkUnit* unit)>;
 
@@ -40,8 +40,8 @@ class NetworkUnit {
         0xB9, 0xD0, 0x5F, 0x17, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04, 0x00};
 
     // Ends an earlier connection, then opens the TCP connection to the unit's address and starts to
-    // receive, in the background. Logs failures to standard error. A refused connection is not
-    // logged; send() returns false.
+    // receive, in the background. Logs to standard error if the system provides no socket or no
+    // thread; does not log if the connection fails. In both cases, send() returns false.
     virtual void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) = 0;
 
     // Sends on the TCP connection. Returns true only if the system accepted all the data in one
@@ -49,7 +49,7 @@ class NetworkUnit {
     virtual bool send(const unsigned char* data, unsigned long length) = 0;
 
     // Starts a discovery of about 3 s in the background. Passes each peer found to on_found, on a
-    // thread of this unit. Call join before a second discovery, or the process ends.
+    // thread of this unit. Call join before a second discovery; otherwise the process ends.
     virtual void ping(const UnitFoundCallback& on_found) = 0;
 
     // Waits for the unit's threads to end by themselves.
@@ -58,14 +58,15 @@ class NetworkUnit {
     // Writes "Host: ADDRESS(MASK)" to standard output.
     virtual void print_host() const = 0;
 
-    // Stops the unit's threads and waits for them, up to some seconds while a discovery runs.
+    // Stops the unit's threads and waits until they have ended. A running discovery may take some
+    // seconds to end.
     virtual ~NetworkUnit() = default;
 
-    // Ends the connection without waiting for its thread. Sends fail from now on. A discovery runs
-    // to its end. Blocks while a send blocks.
+    // Ends the connection, so that later sends fail. Waits for a send that is in progress, but not
+    // for the thread of the connection. Does not stop a discovery.
     virtual void stop() = 0;
 
-    // Returns whether the TCP connection is established and stop was not called.
+    // Returns whether the TCP connection has been established, and stop has not been called since.
     virtual bool connected() const = 0;
 
     // Returns whether all threads of the unit have ended, so that destroying it does not block.
@@ -77,8 +78,8 @@ class NetworkUnit {
     // IPv4 address in network byte order.
     virtual uint32_t address() const = 0;
 
-    // The TCP connection's socket, or null. It stays open until all copies of the pointer are
-    // gone.
+    // The TCP connection's socket, or null. The socket stays open until all copies of the pointer
+    // are gone.
     virtual std::shared_ptr<const NetSocket<>> socket() const = 0;
 
     NetworkUnit(const NetworkUnit&) = delete;
@@ -93,8 +94,8 @@ class NetworkUnit {
     std::thread _tcp_thread GUARDED_BY(_mutex);
 
     std::atomic<bool> _stop{false};               // set by the destructor; ends every loop
-    mutable std::atomic<bool> _ping_done{false};  // the time for answers is over
+    mutable std::atomic<bool> _ping_done{false};  // discovery waits for no more answers
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
     mutable std::atomic<bool> _connected{false};  // the last tcp_connect has succeeded
-    mutable std::atomic<int> _running{0};         // running threads of discovery and connection
+    mutable std::atomic<int> _running{0};         // number of running threads
 };

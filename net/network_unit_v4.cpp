@@ -189,8 +189,8 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
     if (unit == nullptr) return;
     pthread_setname_np(pthread_self(), "tcp-receive");
     try {
-        // Destroy the callback before the thread counts as ended: other threads may wait until what
-        // it owns is destroyed.
+        // Destroy the callback before the thread counts as ended: when stopped() returns true, this
+        // thread must no longer own any of the callback's objects.
         const DataReceivedCallback callback = std::move(on_data);
         unit->_tcp_receive(port, callback);
     } catch (...) {  // on_data is empty or has thrown: the thread ends without a message

@@ -11,7 +11,7 @@
 
 class NetworkUnitV4 : public NetworkUnit {
   public:
-    // An empty ping_packet selects discovery by ICMP sweep; any other is broadcast by UDP.
+    // An empty ping_packet selects discovery by ICMP sweep; any other packet is broadcast by UDP.
     NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
                   const std::vector<unsigned char>& ping_packet);
     ~NetworkUnitV4() override;
@@ -33,7 +33,8 @@ class NetworkUnitV4 : public NetworkUnit {
     uint32_t address() const override { return _address; }
     std::shared_ptr<const NetSocket<>> socket() const override;
 
-    // Waits, for 3 s at most, until less than a segment of the buffered data is unsent.
+    // Waits until less than a segment of the buffered data is unsent, and returns Sent. After 3 s,
+    // returns Sending if some of the data was sent meanwhile, and Stalled if none was.
     enum class Progress { Sent, Sending, Stalled };
     static Progress wait_until_sent(const NetSocket<>& socket);
 
@@ -55,7 +56,7 @@ class NetworkUnitV4 : public NetworkUnit {
     const uint32_t _address;
     const uint32_t _mask;
 
-    // The TCP connection's socket; null until the first tcp_connect. The receiver uses it without
-    // the mutex, so it is replaced only while the receiver does not run.
+    // The TCP connection's socket; null until the first tcp_connect. The receiver uses the socket
+    // without the mutex, so tcp_connect replaces the socket only while no receiver runs.
     std::shared_ptr<NetSocket<>> _socket;
 };

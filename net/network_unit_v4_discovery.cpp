@@ -87,7 +87,7 @@ void report(const UnitFoundCallback& on_found, uint32_t address) {
 void NetworkUnitV4::ping(const UnitFoundCallback& on_found) {
     const Lock lock(_mutex);
     _ping_done = false;
-    ++_running;  // if no thread can be started, the process ends
+    ++_running;  // never undone: if no thread can be started, the process ends
     _ping_thread = std::thread(_ping_send_launcher, this, on_found);
 }
 

@@ -7,8 +7,8 @@
 //       40     2  message type
 //       42        payload
 //
-// Frames follow each other in the stream with nothing between them. The header has no version and
-// no checksum of its own.
+// Frames follow each other in the stream with nothing between them. The header has no version, and
+// no checksum covers the header.
 #pragma once
 
 #include <array>
@@ -32,7 +32,7 @@ inline constexpr uint64_t MAX_SIZE = 0x100000;
 
 inline constexpr size_t ID_SIZE = 5;  // bytes of a device's identity
 
-// Only the numbers travel on the wire.
+// The values of the type field.
 enum MessageType : uint16_t {
     ControlMessage = 0,   // companion to device: keep-alive
     ButtonMessage = 1,    // companion to device: first byte is the button

@@ -7,8 +7,9 @@
 //   word 4, 5  second run, and so on, row by row
 //
 // Pixels are 16-bit ARGB 4:4:4:4. A pixel whose top four bits are zero is transparent, whatever its
-// colour, and is sent as 0, so that neighbours with different colours form one run. Every companion
-// expects two exceptions: the first pixel is sent unchanged, and the last pixel is not sent.
+// colour, and is sent as 0, so that transparent neighbours of different colours form one run. Every
+// companion expects two exceptions: the first pixel is sent unchanged, and the last pixel is not
+// sent.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +17,7 @@
 #include <vector>
 
 // Encodes width x height pixels into `words`, starting at words[at]. `words` must have at least
-// at + 2 elements, and is doubled when it is full. Returns the payload length in bytes (twice the
-// number of words written). Throws std::bad_alloc when `words` cannot grow. Reentrant.
+// at + 2 elements, and grows to twice its size when it is full. Returns the payload length in bytes
+// (twice the number of words written). Throws std::bad_alloc when `words` cannot grow. Reentrant.
 uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
                      std::vector<uint16_t>& words, size_t at = 0);

@@ -5,8 +5,8 @@
 
 #include <array>
 
-// Disables the scalable-vector instruction sets, and every other instruction set that does not make
-// this code faster than a smaller set does.
+// Disables the sets of scalable vectors (SVE), and each set with which this code is no faster than
+// with a smaller set.
 #define HWY_DISABLED_TARGETS \
     (HWY_SSSE3 | HWY_AVX3 | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128)
 #define HWY_WANT_AVX3_DL  // the AVX-512 that can compress 16-bit lanes

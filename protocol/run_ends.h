@@ -1,19 +1,20 @@
-// Finds where the runs of a row of pixels end. This part of the encoder reads every pixel, so it
-// uses the widest vectors that the processor has.
+// Finds the ends of the runs in an array of pixels. This part of the encoder reads every pixel, so
+// it uses the widest vectors that the processor has.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-// Pixels up to this value have an alpha (the top four bits) of zero: transparent, they count as 0.
+// Pixels up to this value are transparent (their alpha, the top four bits, is zero) and count as 0.
 inline constexpr uint16_t TRANSPARENT_MAX = 0x0FFF;
 
 // FindRunEnds writes whole vectors, so it may overwrite up to this many elements after its results.
 inline constexpr size_t RUN_ENDS_SLACK = 32;
 
 // Compares `count` pairs of neighbours, from pixels[0] and pixels[1] to pixels[count - 1] and
-// pixels[count], and returns the number of pairs in which a run ends. For each such pair, in order,
-// writes the index of its second pixel (modulo 65536) to `ends` and its first pixel to `values`.
+// pixels[count], and returns the number of pairs between whose pixels a run ends. For each such
+// pair, in order, writes the second pixel's index (modulo 65536) to `ends` and the first pixel's
+// value to `values`.
 // `ends` and `values` must have room for count + RUN_ENDS_SLACK elements and must not overlap other
 // data. Nothing needs to be aligned. Reentrant.
 size_t FindRunEnds(const uint16_t* pixels, size_t count, uint16_t* ends, uint16_t* values);

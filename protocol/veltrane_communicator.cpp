@@ -17,8 +17,8 @@ constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; a typical screen fits withou
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
-// Numbers of connections. A thread receives for one connection only, so each thread that receives
-// has its own number. Unlike a thread's id, such a number is never reused.
+// Each connection is identified by a number. A thread receives for one connection only, so the
+// number is thread-local. Unlike a thread's id, such a number is never reused.
 std::atomic<uint64_t> last_connection{0};   // the last number assigned
 thread_local uint64_t this_connection = 0;  // 0 until the thread delivers its first bytes
 
@@ -125,7 +125,7 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
     return stream.size() != 0;
 }
 
-// Keeps an incomplete frame, which the connection's next bytes may complete.
+// Keeps an incomplete frame, because the connection's next bytes may complete this frame.
 void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool is_link) {
     const auto kept = m_receive_buffers.find(connection);
     if (stream.size() == 0) {
@@ -150,7 +150,7 @@ void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool
 }
 
 void VeltraneCommunicator::OnConnectionEnd() {
-    if (this_connection == 0) return;  // this thread has delivered no bytes, so none are kept
+    if (this_connection == 0) return;  // this thread has delivered no bytes, so there is no buffer
     const Lock lock(m_receive_mutex);
     m_receive_buffers.erase(this_connection);
 }

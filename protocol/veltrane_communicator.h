@@ -1,10 +1,10 @@
 // Turns the bytes of connections into messages, and messages into frames. Reassembles and checks
-// received bytes, passes messages to the message handler, and answers requests itself. Owns no
-// socket and no thread; sends through the controller, and sends nothing without a controller.
+// received bytes, passes messages to the message handler, and answers IdentityRequests itself. Owns
+// no socket and no thread; sends through the controller, and sends nothing without a controller.
 //
-// Keeps each connection's incomplete frame separately. A damaged stream loses only its buffered
-// bytes: all of them are dropped if they contain no start sequence, if they announce a frame above
-// MAX_SIZE, or if they would be more than MAX_SIZE. All connections together keep at most MAX_SIZE
+// Keeps each connection's incomplete frame separately. Drops a connection's kept and newly received
+// bytes if they contain no start sequence, if they announce a frame above MAX_SIZE, or if they are
+// more than MAX_SIZE; later frames are not affected. All connections together keep at most MAX_SIZE
 // bytes. Above this limit, the connection that keeps the most bytes loses them; the link loses its
 // bytes only if no other connection keeps any.
 #pragma once
@@ -60,7 +60,7 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     void _send(const unsigned char* frame, uint64_t size);
 
     Mutex m_receive_mutex;  // lock it before the two mutexes below
-    // Incomplete frames, by connection; an entry is never empty.
+    // Incomplete frames, by the connection's number; no entry is empty.
     std::map<uint64_t, std::vector<unsigned char>> m_receive_buffers GUARDED_BY(m_receive_mutex);
 
     Mutex m_handler_mutex;  // held while the handler runs
@@ -73,8 +73,8 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     const std::string m_firmware;
     const std::vector<unsigned char> m_identity_frame;
 
-    // Only for the sending thread. The two vectors swap with every image, so that nothing is copied
-    // or allocated.
+    // Only the sending thread uses these members. The two vectors swap with every image, so that
+    // nothing is copied or allocated.
     std::vector<uint16_t> m_image_frame;       // the next image is encoded here
     std::vector<uint16_t> m_last_image_frame;  // the image to repeat
     uint64_t m_last_image_size = 0;            // bytes; 0 if there is no last image
