@@ -1,6 +1,6 @@
 // Sends the companion's button presses to the device's control service. Each press is one UDP
-// datagram to 127.0.0.1 port 3426 that holds one line of JSON, [{"msg_id":100,"param":"On"}]. There
-// is no answer, and no error if nothing listens.
+// datagram to 127.0.0.1 port 3426 that holds one line of JSON, [{"msg_id":100,"param":"On"}]. The
+// control service does not answer, and no error is reported if nothing listens on the port.
 //
 // Deliberate: an unknown button resends the last command.
 #pragma once

@@ -84,9 +84,9 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
         frame = cached->second;
     } else {
         mapPhysBuffer(fetcher, buffer);
-        // Runs only if inserting into cached_buffers throws: a cached buffer is never released.
-        // Deliberate: munmap gets the address of the frame, which may lie within a page, and the
-        // frame size of the latest mapping.
+        // `release` runs only if inserting into cached_buffers throws: a cached buffer is never
+        // released. Deliberate: munmap gets the frame's address, which may not be page-aligned, and
+        // the frame size of the latest mapping.
         const auto release = [&fetcher](unsigned char* start) {
             munmap(start, fetcher.m_mappedSize);
         };
@@ -119,7 +119,7 @@ void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& bu
 
 void IpcGuiFetcher::ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_*) {
     const std::shared_ptr<IpcGuiFetcher> fetcher =
-        getInstance();  // waits if it is being constructed
+        getInstance();  // waits if the fetcher is being constructed
     std::shared_ptr<ComLibInterface> facade;
     try {
         const std::string body = reinterpret_cast<const char*>(argument);

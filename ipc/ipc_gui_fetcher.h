@@ -3,7 +3,7 @@
 // current link facade (ComLibInterface); a new identity replaces the facade.
 //
 // Each buffer address is mapped once and stays mapped, so later frames at that address cost no
-// system call. No static object is destroyed at exit, because the core still calls then.
+// system call. No static object is destroyed at exit, because the core may call during the exit.
 #pragma once
 
 #include <atomic>
@@ -43,8 +43,8 @@ class IpcGuiFetcher {
     static void ipcGuiBufReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
     // The procedure for a new identity; `argument` is a zero-terminated text of five characters.
-    // Any other length ends the process. Replaces the ComLibInterface, and returns when the old one
-    // is destroyed. Does not write to `result`.
+    // Any other length ends the process. Replaces the ComLibInterface, and returns when the old
+    // ComLibInterface is destroyed. Does not write to `result`.
     static void ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
   private:
@@ -63,8 +63,9 @@ class IpcGuiFetcher {
     static std::string& ID;        // identity of the first facade; a QR body does not change it
     static const std::string& fw;  // firmware version text
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
-    static std::atomic<bool> m_published;  // m_guiFetcher is set and will not change
+    static std::atomic<bool> m_published;  // if true, m_guiFetcher is set and will not change
     static Mutex m_instanceMutex;          // held while the fetcher is constructed
-    // Mappings by physical address. Never shrinks, because a display cycles through a few buffers.
+    // Mappings by physical address. No mapping is removed, because a display cycles through only a
+    // few buffers.
     static std::map<uint64_t, std::shared_ptr<unsigned char>>& cached_buffers;
 };

@@ -5,6 +5,6 @@
 #include <optional>
 #include <string>
 
-// Finds the first line that begins with BODY_QR= and returns the five characters after that, or
-// fewer if the line is shorter. Returns nothing if there is no such line.
+// Finds the first line that begins with BODY_QR= and returns the five characters after the equals
+// sign, or fewer if the line is shorter. Returns nothing if no line begins with BODY_QR=.
 std::optional<std::string> read_identity(std::istream& settings);

@@ -79,7 +79,8 @@ void ComLibInterface::_sender_loop() {
     while (!m_stop) {
         // Fetch a frame only when it can be sent at once. Until then, newer frames replace it.
         if (!m_controller->wait_until_sent()) continue;
-        // A notification during SendImage wakes nothing, but m_frame_ready still reports its frame.
+        // A notification during SendImage is lost, but m_frame_ready stays set, so the next wait
+        // returns at once.
         const auto ready = [this]() REQUIRES(m_frame_mutex) { return m_frame_ready; };
         Lock lock(m_frame_mutex);
         if (m_frame_cv.wait_for(lock, SENDER_WAIT, ready)) {

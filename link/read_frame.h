@@ -14,6 +14,6 @@ inline void ReadFrame(unsigned char* to, const unsigned char* frame, size_t size
 #if defined(__aarch64__)
     CopyWide(to, frame, size);
 #else
-    std::memcpy(to, frame, size);  // faster, and other processors allow unaligned loads
+    std::memcpy(to, frame, size);  // faster than CopyWide; unaligned loads are allowed here
 #endif
 }
