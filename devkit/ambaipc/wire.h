@@ -1,7 +1,7 @@
 // The protocol between the two sides of our IPC library: one message per call and one per answer,
 // over an abstract Unix socket of type SOCK_SEQPACKET, one socket per program. The socket's name
-// belongs to the network namespace; no other namespace can reach it. Both sides run on one machine,
-// so integers are in its byte order.
+// belongs to the network namespace; no other namespace can reach the socket. Both sides run on one
+// machine, so integers are in the byte order of that machine.
 //
 //   call    record (24 bytes), procedure number, 4 bytes of 0, argument (0 to MAX_ARGUMENT bytes)
 //   answer  record (24 bytes), status, 4 bytes of 0
@@ -50,7 +50,8 @@ struct ProgramAddress {
 
     ProgramAddress(uint32_t program, uint32_t version) {
         address.sun_family = AF_UNIX;
-        // A leading zero byte makes the name abstract. Its length delimits it, not a final zero.
+        // A leading zero byte makes the name abstract. The end of an abstract name is given by
+        // `length`, not by a terminating zero.
         const int name = std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1,
                                        "ambaipc/%08x/%u", program, version);
         length =

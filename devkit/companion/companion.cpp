@@ -28,7 +28,7 @@ constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;
 constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
 constexpr auto SILENCE = 1s;           // a device silent for longer is asked for its identity
 constexpr auto TIMEOUT = 3s;           // a connection silent for longer is closed
-constexpr size_t MAX_CONNECTIONS = 8;  // a device opens about one a second and soon drops it
+constexpr size_t MAX_CONNECTIONS = 8;  // a device opens about one per second, and soon drops it
 constexpr size_t MAX_WAITING = 256;    // queued messages
 constexpr size_t MAX_ANSWERED = 64;    // remembered addresses, from which devices may connect
 
@@ -238,7 +238,8 @@ void Companion::take_frame(Connection& from, uint16_t type,
     }
 }
 
-// When a newer connection delivers a message, the device has made that connection its link.
+// Called when a connection delivers a message. This connection becomes the link, and all others
+// end, also an earlier link: a device that uses a newer connection has dropped the earlier link.
 void Companion::take_as_link(Connection& connection) {
     if (m_link == &connection) return;
     for (Connection& other : m_connections) {
@@ -276,7 +277,7 @@ void Companion::ask(Connection& connection) {
     ++connection.asked;
 }
 
-// Stops when the socket is full; the rest stays queued.
+// Sends queued messages until the socket is full; the others stay queued.
 void Companion::send_waiting() {
     if (m_link == nullptr || m_link->ended()) return refuse_waiting();
     if (m_link->answered == 0) return;

@@ -1,21 +1,21 @@
 // A companion without a user interface: links to one device, receives its images and presses its
 // buttons.
 //
-// The device searches and connects; the companion answers and waits. It asks each connection to
-// become the link. The newest connection with a valid message from the device is the link; while
-// there is one, other devices are refused. Only the link carries images. Images are not stored: a
-// handler must keep what it needs.
+// The device searches and connects; the companion answers and waits. On each connection, the
+// companion asks the device to make that connection the link. The newest connection with a valid
+// message from the device is the link; while there is a link, other devices are refused. Only the
+// link carries images. Images are not stored: a handler must keep what it needs.
 //
 // The companion answers only the chosen device. If none was chosen, it answers the only device in
-// sight: one that broadcasts twice while no other device does in between. A device that was linked
-// stays chosen, even with a new identity or a new address.
+// sight: a device that broadcasts twice, with no broadcast of another device in between. A device
+// that was linked stays chosen, even with a new identity or a new address.
 //
 // Buttons and texts wait until the device is certain to deliver them, because the device
-// - drops whatever arrives in one chunk with a connect request. So the companion waits for the
-//   answer to an identity request that it sent after the second connect request.
+// - drops whatever arrives in one chunk with a connect request. So the companion sends a second
+//   connect request and then an identity request, and waits for the answer.
 // - ignores a connect request that arrives before the connection is in the device's list of
 //   candidates. So the companion also waits for an image, which only a link carries. A device that
-//   draws nothing sends no image; in that case the companion sends two more connect requests.
+//   draws nothing sends no image; then the companion waits until it has sent four connect requests.
 #pragma once
 
 #include <atomic>
@@ -45,7 +45,7 @@ struct LinkStatus {
     std::string firmware;  // version text
 
     // Only meaningful while not linked.
-    std::string wanted;    // the chosen or the last linked device; empty for any
+    std::string wanted;    // the chosen or the last linked device; empty for any device
     bool several = false;  // several devices are in sight, and none is chosen
 };
 
@@ -58,7 +58,7 @@ enum class Delivery {
 
 class Companion {
   public:
-    // The payload of an ImageMessage as received: decode_image decodes it.
+    // The payload of an ImageMessage as received; decode_image decodes this payload.
     using Payload = std::shared_ptr<const std::vector<unsigned char>>;
 
     // All handlers run on the companion's own thread, one at a time. They must not block for long,
@@ -67,9 +67,9 @@ class Companion {
 
     // Each handler may be empty.
     struct Handlers {
-        std::function<void(const LinkStatus&)> status;  // on every change
-        std::function<void(const Payload&)> image;      // each image, repeats included
-        std::function<void(const std::string&)> text;   // a text from the device
+        std::function<void(const LinkStatus&)> status;  // every change of the status
+        std::function<void(const Payload&)> image;      // every image, repeated images included
+        std::function<void(const std::string&)> text;   // every text from the device
         // Called after each broadcast: all devices that have broadcast, the latest first.
         std::function<void(const std::vector<HeardDevice>&)> devices = {};
     };
@@ -85,18 +85,19 @@ class Companion {
 
     static constexpr size_t MAX_TEXT = 4096;  // bytes of one text
 
-    // press and send_text queue a message until a link delivers it. Messages stay in order. Any
-    // thread may call these functions. They return false, and drop the message, when the queue is
-    // full or the text is too long.
+    // press and send_text queue a message. Messages stay in order. Any thread may call these
+    // functions. They return false, and drop the message, when the queue is full or the text is too
+    // long.
     //
-    // A message with a delivery handler does not wait for a link. The handler is called once,
-    // unless the companion is destroyed first. It runs after the handlers of all images that
-    // arrived before the confirmation.
+    // If `delivered` is empty, the message waits in the queue until there is a link. Otherwise the
+    // message is refused when there is no link, and the companion calls `delivered` once with the
+    // outcome, unless the companion is destroyed first. If the device confirms the message,
+    // `delivered` runs after the handlers of all images that arrived before the confirmation.
     bool press(uint8_t button, DeliveryHandler delivered = {});
     bool send_text(const std::string& text, DeliveryHandler delivered = {});
 
-    // Links only to this device from now on, and drops the link to any other. Any thread may call
-    // this function.
+    // Links only to this device from now on, and drops the link to any other device. Any thread may
+    // call this function.
     void choose(std::string device);
 
   private:
@@ -107,7 +108,7 @@ class Companion {
         DeliveryHandler delivered;  // may be empty
     };
     struct Sent {
-        uint64_t identity_request;  // number of the one that was sent after the message
+        uint64_t identity_request;  // number of the request that was sent after the message
         DeliveryHandler delivered;
     };
 
@@ -135,8 +136,8 @@ class Companion {
     const int m_wake;  // eventfd: readable when a message is queued or m_stop is set
 
     // Only for the companion's thread.
-    std::string m_device;                 // identity or address of the chosen device; empty for any
-    LinkStatus m_last;                    // the device linked last; stays chosen
+    std::string m_device;                 // identity or address of the chosen device, or empty
+    LinkStatus m_last;                    // the device that was linked last; stays chosen
     std::deque<uint32_t> m_answered;      // addresses that may connect
     std::deque<Sent> m_sent;              // sent on the link, not confirmed yet
     std::list<Connection> m_connections;  // oldest first
@@ -146,7 +147,7 @@ class Companion {
 
     Mutex m_waiting_mutex;
     std::deque<Message> m_waiting GUARDED_BY(m_waiting_mutex);
-    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);  // not applied yet
+    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);  // a choice not applied yet
 
     std::atomic<bool> m_stop{false};
     std::thread m_thread;

@@ -39,8 +39,9 @@ Connection::~Connection() {
 void Connection::receive(const FrameReader::FrameCallback& on_frame) {
     std::array<unsigned char, 65536> chunk;
     const ssize_t count = recv(m_descriptor, chunk.data(), chunk.size(), 0);
-    // The device sends the end of an image only after the rest is acknowledged, and delayed
-    // acknowledgements take up to 40 ms. Set it every time: the kernel resets this option.
+    // Acknowledge at once: the device sends the last part of an image only after the earlier parts
+    // are acknowledged, and a delayed acknowledgement takes up to 40 ms. Set TCP_QUICKACK after
+    // each read, because the kernel resets this option.
     switch_on(m_descriptor, TCP_QUICKACK);
     if (count > 0) {
         m_last_received = Clock::now();

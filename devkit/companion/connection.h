@@ -23,10 +23,11 @@ class Connection {
 
     int descriptor() const { return m_descriptor; }
     uint32_t address() const { return m_address; }  // IPv4, network byte order
-    bool ended() const { return m_ended; }          // if so, the companion must close it
+    bool ended() const { return m_ended; }  // if true, the companion must destroy this connection
     void end() { m_ended = true; }
     bool wants_to_write() const { return !m_outgoing.empty(); }
-    // Returns the time of construction until the first bytes have arrived.
+    // Returns when the last bytes arrived; if none have arrived yet, when the connection was
+    // constructed.
     Clock::time_point last_received() const { return m_last_received; }
 
     void receive(const FrameReader::FrameCallback& on_frame);

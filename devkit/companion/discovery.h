@@ -20,7 +20,7 @@ struct HeardDevice {
     std::string identity;                         // 5 characters, may be any bytes
     std::string firmware;                         // version text
     std::string address;                          // dotted
-    std::chrono::steady_clock::time_point heard;  // its last broadcast
+    std::chrono::steady_clock::time_point heard;  // time of the last broadcast
 };
 
 class Discovery {
@@ -28,19 +28,20 @@ class Discovery {
     struct Call {
         const HeardDevice& device;  // valid only during the call
         uint32_t address;           // network byte order
-        // Number of other devices that have broadcast since this device's last broadcast; empty for
-        // its first broadcast.
+        // Number of other devices that have broadcast since this device's previous broadcast; empty
+        // if there was no previous broadcast.
         std::optional<size_t> callers_since;
     };
 
     // Throws std::runtime_error when it cannot bind the port.
     Discovery();
 
-    int descriptor() const { return m_socket.descriptor(); }  // readable: broadcasts have arrived
+    // The descriptor is readable when a broadcast has arrived.
+    int descriptor() const { return m_socket.descriptor(); }
 
     // Reads the broadcasts that have arrived and answers those for which `wanted` returns true.
-    // Never blocks; reads a limited number per call. Returns whether there was a broadcast of a
-    // device.
+    // Never blocks; reads a limited number of datagrams per call. Returns whether a device's
+    // broadcast was among them.
     bool receive(const std::function<bool(const Call&)>& wanted);
 
     // The devices that have broadcast, the latest first.

@@ -16,9 +16,8 @@ struct Image {
 };
 
 // Decodes into `image` and reuses its memory. The device never sends the last pixel; the decoder
-// copies the pixel's left neighbour, or writes 0 in an image of one pixel. Throws
-// std::runtime_error when the payload is not a complete image; the contents of `image` are then
-// undefined.
+// copies the preceding pixel, or writes 0 in an image of one pixel. Throws std::runtime_error when
+// the payload is not a complete image; the contents of `image` are then undefined.
 void decode_image(std::span<const unsigned char> payload, Image& image);
 
 }  // namespace guilink

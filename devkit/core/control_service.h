@@ -15,10 +15,11 @@ class ControlService {
     // Throws std::runtime_error when it cannot bind the port.
     ControlService();
 
-    int descriptor() const { return m_socket.descriptor(); }  // readable: a command has arrived
+    // The descriptor is readable when a command has arrived.
+    int descriptor() const { return m_socket.descriptor(); }
 
-    // Returns the next button, or nothing when no valid command has arrived. Reports any other
-    // datagram on standard error. Never blocks.
+    // Returns the next button, or nothing when no valid command has arrived. Reports invalid
+    // datagrams on standard error. Never blocks.
     std::optional<Button> next();
 
   private:

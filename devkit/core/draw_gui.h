@@ -1,5 +1,5 @@
-// How the simulated GUI looks: a head-up display over a live picture (transparent here), and a page
-// over it.
+// Draws the simulated GUI: a head-up display over a live picture (transparent here), and an open
+// page over the head-up display.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Faults for the simulated core. With them, a test of a GUI can prove that it finds faults.
+// Faults of the simulated core. With these faults, a test of a GUI can prove that it finds faults.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@ namespace guilink {
 enum class Fault {
     none,
     ignore,  // the button Down does nothing
-    row,     // the first row is drawn one pixel too low
-    colour,  // the first row is one step too blue
+    row,     // the menu's first row is drawn one pixel too low
+    colour,  // the menu's first row is one step too blue
     late,    // the first frame after a button comes 300 ms late
     lost,    // once a button is pressed, no frame is announced any more
 };

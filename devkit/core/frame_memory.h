@@ -1,9 +1,9 @@
 // The simulated core's frame buffers, in simulated physical memory: the regular file that the
 // sandbox puts at /dev/mem.
 //
-// The service maps an address once and never changes the size of the mapping. So every set of
-// buffers gets addresses that no core has used before. The file's first 8 bytes hold the first
-// unused address. Destroying a set frees its memory, but not its addresses.
+// The service maps an address once and never changes the size of the mapping. So every FrameMemory
+// gets addresses that no core has used before. The file's first 8 bytes hold the first unused
+// address. Destroying a FrameMemory frees the memory of its buffers, but not their addresses.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ namespace guilink {
 
 class FrameMemory {
   public:
-    static constexpr size_t BUFFERS = 3;  // the core draws into them in turn
+    static constexpr size_t BUFFERS = 3;  // the core draws into the buffers in turn
 
     // Creates the buffers, each of `size` bytes. Throws std::runtime_error when there is no
     // simulated memory, or no unused address in it.
@@ -29,7 +29,7 @@ class FrameMemory {
 
   private:
     const uint32_t m_size;
-    const uint64_t m_stride;  // bytes from buffer to buffer; whole pages
+    const uint64_t m_stride;  // bytes from one buffer to the next; a multiple of the page size
     int m_file;
     uint64_t m_address;  // physical address of the first buffer
     unsigned char* m_mapping;

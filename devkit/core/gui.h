@@ -1,5 +1,6 @@
-// The simulated device's GUI: a menu with pages of settings, a list and a page about the device,
-// and what the buttons do to them. Every button changes something visible. draw_gui.h draws it.
+// The state of the simulated device's GUI, and how the buttons change this state. The GUI is a menu
+// of pages: settings, a list, and information about the device. Every button changes something
+// visible. draw_gui.h draws the GUI.
 #pragma once
 
 #include <optional>

@@ -14,7 +14,7 @@ enum class Scene { menu, overlay, gradient, noise, sweep };
 //   menu      the GUI
 //   overlay   a sparse head-up display
 //   gradient  every colour, in broad steps
-//   noise     random colours, almost too many for a message
+//   noise     random colours, whose encoding almost fills a message
 //   sweep     a bar that moves one pixel per frame
 void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& moment,
                 std::span<uint16_t> pixels);
