@@ -83,7 +83,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void answer(const Reply& reply) { answer(reply, {}); }
 
-    // `picture` is the value of the answer's header Guilink-Picture: the number of a picture.
+    // `picture` is the number of a picture, for the header Guilink-Picture of the response.
     void answer(const Reply& reply, std::optional<uint64_t> picture) {
         const Request& request = m_parser->get();
         m_timer.cancel();
@@ -152,8 +152,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
                 Hub::sentence(found) + std::string("\n")});
     }
 
-    // Sends an error after PATIENCE, unless m_turn has changed: then another answer was sent. The
-    // timer keeps the session alive while it runs. Returns m_turn.
+    // Starts a wait for the device. After PATIENCE, sends an error, unless m_turn has changed:
+    // then another answer has ended this wait. The running timer keeps the session alive. Returns
+    // m_turn.
     uint64_t wait(unsigned status, const char* why) {
         m_timer.expires_after(PATIENCE);
         m_timer.async_wait(
@@ -172,7 +173,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     std::optional<http::request_parser<http::string_body>> m_parser;
     http::response<http::string_body> m_response;
     asio::steady_timer m_timer{m_hub.loop()};
-    uint64_t m_turn = 0;  // grows with each answer to a request that had to wait
+    uint64_t m_turn = 0;  // number of waits (see wait) that an answer has ended
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
-// One HTTP connection: answers requests for pages, pictures and figures, and passes on orders
-// (presses and texts) to the device.
+// One HTTP connection: answers requests for the page's files, pictures, state and metrics, and
+// passes orders (presses and texts) on to the device.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>

@@ -1,5 +1,5 @@
-// All connections of pages and programs share the hub: it holds the device's state and newest
-// picture, and passes orders on to the device. Use it only on the event loop's thread.
+// All connections of pages and programs share the hub. The hub holds the device's state and newest
+// picture, and passes orders on to the device. Use the hub only on the event loop's thread.
 #pragma once
 
 #include <utility>  // Boost.Asio 1.74 uses std::exchange without including it
@@ -27,7 +27,8 @@ namespace guilink {
 
 constexpr auto PATIENCE = std::chrono::seconds(10);  // time limit of a request, an answer or a pong
 
-// Small kernel buffers: a picture waits in the session instead, where a newer one replaces it.
+// Makes the kernel's buffers for the socket small, so that pictures wait in the session instead,
+// where a newer picture replaces an older one.
 void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
 
 // Counts sessions while they exist.
@@ -74,8 +75,8 @@ class Hub {
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // Passes an order on to the device. Calls `outcome` once, perhaps before pass_on returns. Does
-    // not call `outcome` if `owner` is destroyed first.
+    // Passes an order on to the device. Calls `outcome` once, possibly before `pass_on` returns.
+    // Does not call `outcome` if `owner` is destroyed first.
     void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
     void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
     // Passes on an order whose outcome is not reported, such as an order from a page.
@@ -83,13 +84,14 @@ class Hub {
     void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
     void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);
 
-    // Links to the device if exactly one matches. Returns how many match.
+    // Links to the device that matches `choice`, if exactly one does. Returns how many devices
+    // match.
     enum class Found { one, none, several };
     Found choose(const Choice& choice);
     static const char* sentence(Found found);
 
-    // Counters. Declared before the event loop, whose destructor may destroy sessions that use
-    // them.
+    // Counters. They are declared before the event loop, because the loop's destructor may destroy
+    // sessions that use the counters.
     size_t visitors = 0;
     size_t streams = 0;
     uint64_t skipped_pictures = 0;  // not sent, because a page or program was too slow
@@ -119,7 +121,7 @@ class Hub {
     Picture m_newest;  // newest picture of the current link
     std::deque<Sample> m_samples;
     uint64_t m_last_order = 0;
-    std::map<uint64_t, Order> m_orders;  // by number; passed on, but not confirmed yet
+    std::map<uint64_t, Order> m_orders;  // orders by number, passed on but not confirmed yet
     Renditions m_renditions{m_loop};
 };
 

@@ -6,7 +6,7 @@
 namespace guilink {
 
 // Opens a listening TCP socket on an address and port, such as "127.0.0.1:8080" or "[::1]:0" (port
-// 0: any free one). Returns its descriptor. Throws std::runtime_error when that fails.
+// 0 means any free port). Returns the socket's descriptor. Throws std::runtime_error on failure.
 int open_listener(const std::string& where);
 
 // Returns the URL under which a browser on this machine reaches a listening socket.

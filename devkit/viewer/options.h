@@ -10,8 +10,8 @@ namespace guilink {
 
 struct Options {
     ServeOptions page;
-    SnapshotOptions snapshot;  // with a file name: take a snapshot instead of serving the page
-    bool list = false;         // list the devices instead of serving the page
+    SnapshotOptions snapshot;  // with a file name: takes a snapshot instead of serving the page
+    bool list = false;         // lists the devices instead of serving the page
 };
 
 // Reads the command line into `options`. If the command line asks for help or has a mistake, prints

@@ -11,7 +11,7 @@
 namespace guilink {
 
 struct Press {
-    uint8_t button;  // a device knows 0 to 15; testers may send others
+    uint8_t button;  // a device knows the numbers 0 to 15; testers may send other numbers
 };
 
 struct Text {
@@ -28,7 +28,7 @@ struct PageMessage {
     std::optional<uint64_t> id;
 };
 
-constexpr size_t MAX_PAGE_MESSAGE = 32768;  // bytes; the longest text, each byte escaped
+constexpr size_t MAX_PAGE_MESSAGE = 32768;  // bytes; room for the longest text with escaped bytes
 
 // Returns nothing if `json` is not a valid message.
 std::optional<PageMessage> parse_page_message(std::string_view json);

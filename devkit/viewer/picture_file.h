@@ -1,4 +1,4 @@
-// Encodes images for people and programs, and writes them to files.
+// Encodes images as PNG or JPEG. Writes images to files, as PNG or as raw pixels.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ enum class Backdrop { none, black, white };  // what transparent pixels are draw
 std::string encode_png(const Image& image, Backdrop backdrop = Backdrop::none);
 std::string encode_jpeg(const Image& image);  // over black
 
-// Writes a PNG, transparency included. Throws std::runtime_error on failure.
+// Writes a PNG file with transparency. Throws std::runtime_error on failure.
 void write_png(const std::string& file, const Image& image);
 
 // Writes the unchanged pixels: 16-bit ARGB 4:4:4:4, little-endian, row by row. Throws

@@ -18,7 +18,7 @@ namespace guilink {
 enum class Rendition { png, png_over_black, png_over_white, jpeg };
 constexpr size_t RENDITIONS = 4;
 
-// Use it only on the event loop's thread.
+// Use this class only on the event loop's thread.
 class Renditions {
   public:
     using Bytes = std::shared_ptr<const std::string>;
@@ -29,12 +29,12 @@ class Renditions {
     Renditions(const Renditions&) = delete;
     Renditions& operator=(const Renditions&) = delete;
 
-    // Sets the newest picture; one without payload means that there is no picture.
+    // Sets the newest picture. A picture without payload means that there is no picture.
     void offer(const Picture& newest);
 
-    // Calls `taken` once, perhaps before get returns, with the rendition of the first picture whose
-    // number is above `after`. Null bytes mean that the picture is damaged. Does not call `taken`
-    // if `owner` is destroyed first.
+    // Calls `taken` once, possibly before `get` returns, with the rendition of the first picture
+    // whose number is above `after`. Null bytes mean that the picture is damaged. Does not call
+    // `taken` if `owner` is destroyed first.
     void get(Rendition kind, uint64_t after, const std::weak_ptr<void>& owner, Taken taken);
 
   private:

@@ -14,7 +14,7 @@ namespace guilink {
 
 struct Report {
     LinkStatus status;
-    std::vector<HeardDevice> devices;  // the one with the latest broadcast first
+    std::vector<HeardDevice> devices;  // the device with the latest broadcast comes first
     Picture newest;
     std::optional<std::chrono::duration<double>> age;  // time since the newest picture
     double pictures_per_second = 0;

@@ -1,4 +1,4 @@
-// Parses an HTTP request, and decides whether it is allowed.
+// Parses HTTP requests, and decides which requests are allowed.
 #pragma once
 
 #include <cstdint>
@@ -15,9 +15,9 @@ namespace guilink {
 struct HttpRequest {
     std::string_view method;
     std::string_view target;
-    std::string_view host;  // Host header; this and the next two are empty if missing
-    std::string_view origin;
-    std::string_view fetch_site;  // Sec-Fetch-Site
+    std::string_view host;        // Host header, or empty if there is none
+    std::string_view origin;      // Origin header, or empty if there is none
+    std::string_view fetch_site;  // Sec-Fetch-Site header, or empty if there is none
     std::string_view body;
 };
 
@@ -26,12 +26,12 @@ struct Reply {
     unsigned status = 200;
     std::string_view type = "text/plain";
     std::string body;
-    std::string_view allow = {};  // methods, for status 405
+    std::string_view allow = {};  // the methods that are allowed, for status 405
 };
 
 struct Snapshot {
     Rendition kind = Rendition::png;
-    std::optional<uint64_t> after;  // wait for a picture with a number above this one
+    std::optional<uint64_t> after;  // if set: wait for a picture with a number above `after`
 };
 struct Stream {};
 struct State {};

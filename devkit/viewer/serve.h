@@ -8,8 +8,8 @@ namespace guilink {
 
 struct ServeOptions {
     std::string listen = "127.0.0.1:8080";
-    std::string labels_file;           // empty for the defaults
-    std::string device;                // identity or address; empty for the only one in sight
+    std::string labels_file;           // empty for the default labels
+    std::string device;                // identity or address; empty: the only device in sight
     std::vector<std::string> command;  // see serve
 };
 

@@ -9,16 +9,16 @@
 namespace guilink {
 
 struct SnapshotOptions {
-    std::string file;                  // PNG to write
-    std::string device;                // identity or address; empty for the only one in sight
-    std::string raw_file;              // unchanged pixels to write; empty for none
+    std::string file;                  // PNG file to write
+    std::string device;                // identity or address; empty: the only device in sight
+    std::string raw_file;              // file for the unchanged pixels; empty: do not write them
     std::vector<uint8_t> presses;      // buttons, in order, after the first image
     unsigned frames = 60;              // images to wait for after the last press
     std::chrono::seconds timeout{30};  // for the whole snapshot
 };
 
-// Prints facts about the device and its link. Throws std::runtime_error on time-out, with what is
-// missing, or when a file cannot be written.
+// Takes the snapshot, and prints facts about the device and its link. Throws std::runtime_error if
+// a file cannot be written, or if the time is up; the error's text then says what is missing.
 void take_snapshot(const SnapshotOptions& options);
 
 }  // namespace guilink

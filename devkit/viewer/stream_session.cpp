@@ -39,8 +39,8 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     }
 
   private:
-    // Waits until the reader disconnects, and ignores what it sends. The pending read keeps the
-    // session alive.
+    // Waits until the client disconnects, and ignores all bytes from the client. The pending read
+    // keeps the session alive.
     void watch_for_the_end() {
         m_socket.async_read_some(asio::buffer(m_ignored),
                                  [self = shared_from_this()](error_code error, size_t) {
@@ -53,7 +53,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
         std::array<asio::const_buffer, 3> buffers = {asio::buffer(m_head)};
         if (picture != nullptr) buffers[1] = asio::buffer(*picture);
         if (picture != nullptr) buffers[2] = asio::buffer(std::string_view(END_OF_PART));
-        // A reader that accepts no data for this long is gone.
+        // A client that accepts no data for this time is gone.
         m_limit.expires_after(PATIENCE);
         m_limit.async_wait([self = weak_from_this()](error_code error) {
             if (const auto session = self.lock(); session != nullptr && !error) session->close();

@@ -1,5 +1,5 @@
-// A reader of /stream.mjpg: gets the pictures as parts of one endless answer. A slow reader skips
-// pictures.
+// Serves one client of /stream.mjpg: sends the pictures as parts of one endless HTTP response. A
+// slow client misses pictures.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>

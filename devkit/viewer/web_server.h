@@ -19,10 +19,10 @@ namespace guilink {
 
 class Hub;
 
-// The server calls these on its own thread.
+// The server calls these handlers on its own thread.
 struct PageHandlers {
     // `order` is the number to pass to publish_delivery, or 0 if no report is wanted. A handler
-    // that returns false has dropped the message, and will not report it.
+    // that returns false has dropped the order, and will not report its delivery.
     std::function<bool(uint8_t button, uint64_t order)> press;
     std::function<bool(const std::string& text, uint64_t order)> text;
     std::function<void(const std::string& device)> choose;
@@ -37,7 +37,8 @@ class WebServer {
     WebServer(const WebServer&) = delete;
     WebServer& operator=(const WebServer&) = delete;
 
-    // Call these from one thread, which need not be the server's. They return at once.
+    // Call these functions from one thread, which may be another thread than the server's. They
+    // return at once.
     void publish_picture(const Companion::Payload& payload);
     void publish_status(const LinkStatus& status);
     void publish_devices(const std::vector<HeardDevice>& devices);
@@ -50,7 +51,7 @@ class WebServer {
         Picture picture;  // without payload: no picture
         std::optional<LinkStatus> status;
         std::optional<std::vector<HeardDevice>> devices;
-        bool posted = false;  // the event loop will fetch it
+        bool posted = false;  // the event loop has been asked to fetch the data
     };
 
     void post() REQUIRES(m_published_mutex);

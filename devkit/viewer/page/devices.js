@@ -1,10 +1,11 @@
-// The list of devices in the network. Shown only if there is a choice.
+// The list of devices in the network. The list is shown only if there is a choice.
 
 // ms; a device that has not broadcast for longer leaves the list. A device broadcasts about once a second.
 const IN_SIGHT = 5000;
 
 // choose(address) links to the device with this address. Returns a function update(status), which shows the
-// devices in the viewer's status. update() only removes the devices whose last broadcast is too old.
+// devices in the viewer's status. Called without a status, this function only removes the devices whose last
+// broadcast is too old.
 export function makeDevices(root, choose) {
   let status = null;
   let received = 0;

@@ -1,4 +1,4 @@
-// The page: shows the screen and the figures, and handles the controls.
+// The page: shows the device's screen and statistics of the link, and handles the controls.
 import { connect } from './bytes.js';
 import { makeDevices } from './devices.js';
 import { decode } from './pixels.js';
@@ -17,8 +17,8 @@ let newest = null;
 let image = null;
 let drawing = false;
 let lastImageTime = null;
-let shown = 0; // images drawn since the figures were last updated
-let received = 0; // bytes received since then
+let shown = 0; // images drawn since the last update of the statistics
+let received = 0; // bytes received since the last update of the statistics
 
 function draw() {
   drawing = false;
