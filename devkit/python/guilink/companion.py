@@ -24,7 +24,7 @@ SILENCE = 3.0           # s without a byte, after which the companion ends the c
 CANDIDATE_SILENCE = 1.0  # s without a byte, after which another connection may replace the candidate
 GRACE = 1.0             # s; for this long after linking, the device's broadcasts may come from older searches
 MAX_ANSWERED = 64       # addresses that may connect; when there are more, the oldest is forgotten
-MAX_ACCEPTS = 16        # connections rejected at a time; a flood must not delay the link
+MAX_ACCEPTS = 16        # connections accepted or refused per turn of the loop; a flood must not delay the link
 ASK_EVERY = 5           # ConnectRequests sent per IdentityRequest, before the connection is the link
 
 

@@ -8,7 +8,7 @@ from guilink.wire import FrameReader, Identity, Message, MessageType, frame, ide
 
 CHUNK = 1 << 18         # bytes per read
 MAX_OUTGOING = 1 << 16  # bytes; if a device leaves more than this unread, the connection ends
-READY_REQUESTS = 3      # ConnectRequests; the answer to an IdentityRequest sent after these proves that one was obeyed
+READY_REQUESTS = 3      # ConnectRequests; the answer to a later IdentityRequest proves that the device has obeyed one
 
 
 class Connection:
@@ -48,8 +48,8 @@ class Connection:
         return bool(self._outgoing)
 
     def receive(self) -> list[Message]:
-        # Without this option, the device may wait 40 ms for an acknowledgement before it sends the end of an
-        # image. Set it every time: the kernel resets it.
+        # Without TCP_QUICKACK, the device may wait 40 ms for an acknowledgement before it sends the end of an image.
+        # Set TCP_QUICKACK before each read, because the kernel resets this option.
         if hasattr(socket, "TCP_QUICKACK"):
             self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
         try:

@@ -38,9 +38,9 @@ class WaitTimeout(GuilinkError, AssertionError):
 class Device:
     """Controls a device for a script. Close it, or use it in a `with`. Use it in one thread at a time.
 
-    All methods that look at the screen ignore pictures from before the last press: after each press the
-    device answers an IdentityRequest, and only pictures after the answer count. The first UNDER_WAY pictures
-    after the answer may have been drawn before the press, so they count only if they show something new.
+    All methods that look at the screen ignore pictures from before the last press: after each press, the link
+    sends an IdentityRequest, and only pictures that arrive after the device's answer count. The first UNDER_WAY
+    of these pictures may have been drawn before the press, so they count only if they show something new.
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
@@ -240,8 +240,9 @@ class Device:
         press.confirmed = True
 
     def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
-        """Yields the newest screen after the last press, with its number, again and again until `end`. Yields
-        at least one screen if there is one. Equal screens in a row are the same object."""
+        """Yields each new screen after the last press, with its number, until `end`. Skips screens while the caller
+        is busy. If `end` has already passed, yields only the newest screen. Equal consecutive pictures give the same
+        Screen object."""
         number = self._after
         while picture := self._link.pictures.newer(number, end):
             number = picture.number

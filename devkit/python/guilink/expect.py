@@ -83,5 +83,5 @@ class Expectation:
         return part == self.reference or not self.difference(part)
 
     def difference(self, part: Screen) -> Difference | None:
-        """Returns the difference from the reference, or None if a condition is expected."""
+        """Returns the difference from the reference; None if this is a condition, which has no reference."""
         return self.view.diff(part, self.reference) if self.reference else None

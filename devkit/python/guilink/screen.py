@@ -85,7 +85,7 @@ class Screen:
         return f"<Screen {self.width} x {self.height}>"
 
     def diff(self, other: Screen, mask: Mask = (), tolerance: int = 0) -> Difference:
-        """Returns where a channel differs by more than `tolerance` steps (of 15), outside `mask`."""
+        """Returns where, outside `mask`, a channel (0 to 15) differs by more than `tolerance`."""
         if self.pixels.shape != other.pixels.shape:
             return Difference(self, other, None)
         differs = self.pixels != other.pixels

@@ -130,7 +130,7 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
 
 
 def repeated(options: argparse.Namespace) -> list[str]:
-    """Returns the arguments of this run that the command to repeat a single case needs, too."""
+    """Returns those arguments of this run that are also needed to repeat a single case."""
     words: list[str] = []
     for name in ("picture", "picture_from", "identity"):
         if value := getattr(options, name, None):

@@ -19,7 +19,7 @@ def answers_a_broadcast(trial: Trial) -> None:
 
 @case("companion", "DISC-5")
 def answers_every_broadcast(trial: Trial) -> None:
-    """Several searches in a row, each answered before the next begins."""
+    """The device searches several times in a row; the companion must answer each broadcast."""
     trial.find()
     for sweep in range(SWEEPS):
         before = trial.device.answers
@@ -30,7 +30,7 @@ def answers_every_broadcast(trial: Trial) -> None:
 
 @case("companion", "DISC-5")
 def answers_overlapping_searches(trial: Trial) -> None:
-    """Several searches broadcast at once."""
+    """Several searches of the device broadcast at once; the companion must answer each broadcast."""
     trial.find()
     before = trial.device.answers
     for _ in range(SWEEPS):
@@ -62,7 +62,7 @@ def answers_as_a_candidate(trial: Trial) -> None:
 
 @case("companion", "DISC-6", "LINK-10")
 def ignores_strange_datagrams(trial: Trial) -> None:
-    """Datagrams that no device broadcasts, each from another port, then a real broadcast."""
+    """Strange datagrams arrive, each from a different port, then a broadcast; only the broadcast may be answered."""
     identity = frame(MessageType.IDENTITY, trial.device.identity)
     wrong_checksum = bytearray(identity)
     wrong_checksum[-1] ^= 1
@@ -86,7 +86,7 @@ def ignores_strange_datagrams(trial: Trial) -> None:
 
 @case("companion", "DISC-11")
 def accepts_a_long_version(trial: Trial) -> None:
-    """The largest broadcast that fits into one Ethernet frame."""
+    """The device sends the largest broadcast that fits into one Ethernet frame; the companion must answer."""
     trial.find()
     trial.device.identity = b"11111" + b"v" * (LARGEST - HEADER.size - 5)
     before = trial.device.answers

@@ -35,7 +35,7 @@ def repeats_its_request(trial: Trial) -> None:
 
 @case("companion", "LINK-2")
 def damaged_image_is_no_link(trial: Trial) -> None:
-    """An image with a wrong checksum; the companion must not stop its ConnectRequests."""
+    """The device sends an image with a wrong checksum; the companion must not stop its ConnectRequests."""
     channel = trial.candidate()
     damaged = bytearray(frame(MessageType.IMAGE, encode(PLAIN)))
     damaged[-1] ^= 1
@@ -78,7 +78,7 @@ def uses_the_live_one_of_ten(trial: Trial) -> None:
 
 @case("companion", "LINK-4")
 def leaves_silent_connections(trial: Trial) -> None:
-    """Two connections on which nothing arrives, and a third one, which the companion must use."""
+    """The device opens three connections and is silent on two; the companion must use the third one."""
     trial.candidate().close()  # so the companion has no link any more
     trial.find()
     channels = [trial.device.connect() for _ in range(3)]
@@ -91,7 +91,7 @@ def leaves_silent_connections(trial: Trial) -> None:
 
 @case("companion", "LINK-5")
 def closes_further_connections(trial: Trial) -> None:
-    """A second connection while the first one is the link; the companion should close the second."""
+    """The device opens a second connection while the first one is the link; the companion should close the second."""
     channel = trial.link()
     trial.keep_alives(channel)
     second = trial.device.connect()
@@ -113,7 +113,7 @@ def device_has_dropped_the_link(trial: Trial) -> None:
 
 @case("companion", "LINK-7")
 def late_broadcast_of_an_old_search(trial: Trial) -> None:
-    """Broadcasts right after the first image, from searches that began before it; the link continues."""
+    """Right after the first image, earlier searches of the device still broadcast; the link must continue."""
     channel = trial.link()
     trial.stage.serve()
     for _ in range(2):
@@ -163,7 +163,7 @@ def judge_keep_alives(trial: Trial, channel: Channel) -> None:
 
 @case("companion", "TIME-2", "TIME-4", gentle=False)
 def reads_and_speaks_under_load(trial: Trial) -> None:
-    """Different images as fast as the companion reads them; its keep-alives must not stop."""
+    """The device sends images as fast as the companion reads them; the companion's keep-alives must not stop."""
     channel = trial.link()
     trial.keep_alives(channel, 1)
     channel.stall = STALL
@@ -193,7 +193,7 @@ def device_falls_silent(trial: Trial) -> None:
 
 @case("companion", "LINK-3", "LINK-10", gentle=False)
 def a_long_life_in_seconds(trial: Trial) -> None:
-    """Twelve links one after the other, each with some images."""
+    """The device links twelve times in a row, with some images on each link."""
     for i in range(12):
         channel = trial.candidate()
         for _ in range(20):

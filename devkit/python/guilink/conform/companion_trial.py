@@ -22,7 +22,7 @@ from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
 START_PATIENCE = 20.0  # s; minimum time limit for the first answer of a companion that was just started
-ABOUT_TO_END = 0.5     # s; if the companion ends this soon after a fault, its end is the cause of the fault
+ABOUT_TO_END = 0.5     # s; if the companion exits within this time after a fault, the exit counts as the fault's cause
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
 SECOND = 1.0           # s; for this long after the first image, broadcasts may come from older searches (LINK-7)
 SILENCE = 3.0          # s without a byte, after which a companion closes the link
@@ -152,7 +152,7 @@ class Trial:
         self.stage.until(lambda: time.monotonic() > began + SECOND)
         showing = watch_of(channel).answering = False
         quiet, before = time.monotonic(), self.device.answers
-        self.device.show(channel, PLAIN)  # the device's last bytes: its silence begins here, so not before `quiet`
+        self.device.show(channel, PLAIN)  # the last bytes from the device, which is silent from now on
         self.device.identity = identity
         self.stage.every(0.5, self.device.call)
         if not self.stage.until(lambda: self.device.answers > before):

@@ -11,7 +11,7 @@ from guilink.wire import MessageType, frame
 REQUEST = frame(MessageType.CONNECT_REQUEST)
 ASK = frame(MessageType.IDENTITY_REQUEST)
 FLOOD = 40       # answers to one broadcast
-BUFFERS = 8 << 20  # bytes; about the size of both systems' socket buffers together
+BUFFERS = 8 << 20  # bytes; about the size of the device's and this computer's socket buffers together
 PER_HOST = 8     # connections that a device may open to one host
 SILENCE = 3.0    # s, after which a device closes the link
 
@@ -31,7 +31,7 @@ def connects_to_who_answers(trial: DeviceTrial) -> None:
 
 @case("device", "DISC-9", gentle=False)
 def ignores_strange_answers(trial: DeviceTrial) -> None:
-    """Datagrams that are almost an answer; the device must not connect."""
+    """The companion sends datagrams that are almost an answer; the device must not connect."""
     strange = [ANSWER[:-1], ANSWER + b"\0", bytes([ANSWER[0] ^ 1]) + ANSWER[1:], ANSWER[:-1] + b"\1",
                b"", ANSWER[:40] + b"\5\0", ANSWER[:36] + b"\1" + ANSWER[37:], ANSWER * 2]
     called = trial.broadcast()
@@ -69,7 +69,7 @@ def closes_a_silent_candidate(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-12", "LINK-14", "DISC-12", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")
 def first_request_wins(trial: DeviceTrial) -> None:
-    """Two connections; the first ConnectRequest is sent on the second one, which must become the link."""
+    """The companion has two connections and sends a ConnectRequest on the second, which must become the link."""
     both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)
     trial.judge.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
     first, link = trial.channels[-2:]
@@ -105,7 +105,7 @@ def companion_falls_silent(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-17")
 def link_ends_in_every_way(trial: DeviceTrial) -> None:
-    """The companion closes the link, or resets it, also inside a frame; the device must search again."""
+    """The companion closes the link, resets it, or resets it inside a frame; the device must search again."""
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link("DISC-1" if way == "close" else "LINK-17")
         if "inside" in way:

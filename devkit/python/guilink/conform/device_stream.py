@@ -11,14 +11,14 @@ from guilink.conform.device_trial import DeviceTrial
 from guilink.conform.stage import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
-GATE = 4.0   # s without a ControlMessage; the device must stop new images after half of this
+GATE = 4.0   # s without a ControlMessage; the device must stop new images after half of this time
 AFTERMATH = 0.3  # s to wait for surplus answers
 SIZES = {(1280, 960), (1024, 768)}
 
 
 @case("device", "FRAME-13", gentle=False)
 def frames_cut_and_joined(trial: DeviceTrial) -> None:
-    """IdentityRequests byte by byte, split at many places, and many in one piece."""
+    """IdentityRequests arrive byte by byte, split at many places, and many in one piece; each must be answered."""
     channel = silent_link(trial)
     expected = channel.count(MessageType.IDENTITY) + 1
     channel.send_parts(*(bytes([byte]) for byte in ASK))
@@ -45,8 +45,8 @@ def silent_link(trial: DeviceTrial) -> Channel:
 
 
 def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, rule: str, what: str) -> None:
-    """Sends data in which the device must find exactly `requests` IdentityRequests, then one more IdentityRequest.
-    Surplus answers would arrive before the answer to the last one."""
+    """Sends data in which the device must find exactly `requests` IdentityRequests. Afterwards sends a separate
+    IdentityRequest: if the device finds too many in the data, the surplus answers arrive before the answer to it."""
     before = channel.count(MessageType.IDENTITY)
     channel.send(data)
     trial.stage.until(lambda: channel.ended or channel.delivered())
@@ -60,7 +60,7 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, ru
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got > requests and not channel.ended, f"{what}: the device answers no more",
                         b"", data[:64])
-    # Surplus answers would follow at once. If a slow device sends them after AFTERMATH, they go unnoticed, but a
+    # Surplus answers would arrive within AFTERMATH. Those of a slow device may arrive later and go unnoticed, but a
     # correct device is never blamed.
     trial.stage.until(lambda: channel.count(MessageType.IDENTITY) - before > requests + asked, AFTERMATH)
     got = channel.count(MessageType.IDENTITY) - before
@@ -70,7 +70,7 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, ru
 
 @case("device", "FRAME-14", "FRAME-15", "FRAME-18", gentle=False)
 def damaged_frames(trial: DeviceTrial) -> None:
-    """Bytes before a start sequence, wrong checksums and unknown types, each followed by an IdentityRequest."""
+    """Stray bytes, wrong checksums and unknown types arrive; the device must answer the IdentityRequest after each."""
     wrong = bytearray(frame(MessageType.DATA, ASK + b"."))
     wrong[32] ^= 1
     channel = silent_link(trial)
@@ -83,7 +83,7 @@ def damaged_frames(trial: DeviceTrial) -> None:
 
 @case("device", "FRAME-16", "FRAME-17", gentle=False)
 def too_long_frames(trial: DeviceTrial) -> None:
-    """Lengths that no frame may have, and more bytes than the device's buffer holds."""
+    """The companion sends lengths that no frame may have, and more bytes than the device's buffer holds."""
     channel = silent_link(trial)
     for length in (MAX_PAYLOAD - HEADER.size + 1, 0x7FFFFFFF, 0xFFFFFFFF):
         header = HEADER.pack(START, 0, length, MessageType.DATA)
@@ -141,7 +141,7 @@ def gate_closes(trial: DeviceTrial) -> None:
 
 @case("device", "PRESS-3", "PRESS-4", gentle=False)
 def presses_buttons(trial: DeviceTrial) -> None:
-    """Each button once; then button numbers that do not exist, and payloads of the wrong size."""
+    """The companion presses each button once, then numbers without a button, and sends payloads of the wrong size."""
     trial.hear()
     trial.broadcast()
     port = trial.control_port()
@@ -169,7 +169,7 @@ def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payl
 
 @case("device", "LINK-15", gentle=False)
 def candidate_cannot_press(trial: DeviceTrial) -> None:
-    """One press before the ConnectRequest and one after it, all in one piece; the device must drop both presses."""
+    """A candidate sends a press, a ConnectRequest and a press in one piece; the device must drop both presses."""
     trial.broadcast()
     port = trial.control_port()
     channel = trial.candidate()

@@ -13,7 +13,7 @@ from guilink.link import GuilinkError
 from guilink.wire import Identity, MessageType, frame, identity_datagram
 
 KEEP_ALIVE = 0.4       # s between keep-alives
-CONNECT_PATIENCE = 3   # answered broadcasts; a device that has not connected after these fails
+CONNECT_PATIENCE = 3   # number of answers to broadcasts, after which a device that has not connected fails the case
 CONTROL_PORT = ("127.0.0.1", 3426)
 
 
@@ -89,7 +89,7 @@ class DeviceTrial:
             if self.wanted.address not in ("", datagram.sender[0]):
                 continue
             self.broadcasts.append(datagram)
-            self.judge.kept |= set(IN_EVERY_CASE["device"])  # unless the stage records faults against these
+            self.judge.kept |= set(IN_EVERY_CASE["device"])  # a fault that the stage records overrides this
             reader = StrictReader(by_companion=False)
             reader.feed(datagram.data)
             for fault in reader.faults:
@@ -181,7 +181,7 @@ class DeviceTrial:
         return channel.payloads(MessageType.IMAGE)[-1]
 
     def control_port(self) -> UdpSocket:
-        """Opens the port to which a device on this machine passes presses on."""
+        """Opens UDP port 3426, to which a device on this machine forwards presses."""
         if self.wanted.address:
             try:
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind((self.wanted.address, 0))

@@ -14,8 +14,8 @@ from guilink.conform.report import VERDICTS, repeat_command
 from guilink.conform.rules import RULES
 from guilink.wire import HEADER, START, MessageType
 
-MOST_EVENTS = 60   # events that are drawn: the last ones of an exchange
-MOST_BYTES = 96    # expected and actual bytes that are shown: the first ones
+MOST_EVENTS = 60   # number of events drawn; earlier events of an exchange are left out
+MOST_BYTES = 96    # number of expected bytes shown, and of actual bytes; later bytes are left out
 ROW = 22           # pixels between two arrows
 
 STYLE = """
@@ -106,7 +106,8 @@ def describe(data: bytes) -> str:
 
 
 def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
-    """Joins equal events in a row, which share one arrow. Yields event, label and number of events."""
+    """Joins consecutive equal events, for which the drawing shows one arrow. Yields the first event, its label and the
+    number of events."""
     last: tuple[Event, str, int] | None = None
     for event in exchange:
         text = event.text or (describe(event.data) or "empty" if event.kind == "bytes" else event.kind)

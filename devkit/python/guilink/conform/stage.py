@@ -51,7 +51,7 @@ class Stage:
     def __init__(self, patience: float):
         self.patience = patience
         self.exchange = Exchange()
-        self.faults: list[Fault] = []  # all faults of the subject that the sockets have noticed
+        self.faults: list[Fault] = []  # faults found in the bytes that the subject has sent
         self._members: list[Member] = []
         self._ticks: list[tuple[float, Callable[[], object]]] = []
         self._due: list[float] = []
