@@ -35,7 +35,8 @@ constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // between frames, at 60 frames
 constexpr int ROUNDS = 200;                      // number of measured single frames, and of presses
 constexpr double SECONDS = 5;                    // default length of a measurement
 
-// Something did not arrive in time. The link ends if the machine stalls this process for 2 s.
+// Thrown when a frame, a link or a button does not arrive in time. A busy machine may be the cause:
+// the link ends if the machine stalls this process for 2 s.
 struct Missing : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

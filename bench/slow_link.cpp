@@ -1,7 +1,8 @@
 // A library that is preloaded into guilink-latency on slow links. Gives the link's socket the same
 // options as on most devices: cubic congestion control, and the send buffer of Linux before 6.17.
-// With GUILINK_BEFORE in the environment, also hides all unsent bytes, so that the service never
-// waits until they are sent. Measurements compare the service with and without that wait.
+// With GUILINK_BEFORE in the environment, ioctl also reports to the service that no bytes are
+// unsent, so that wait_until_sent returns at once. Measurements compare the service with and
+// without this wait.
 #include <dlfcn.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
