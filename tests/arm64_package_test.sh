@@ -15,7 +15,8 @@ fail() {
 # --- in the sandbox, as root of a user namespace ---------------------------------------------------
 
 # Sets the array "inside", a prefix that runs a command in the arm64 system ROOT. Registers the emulator only
-# in this user namespace, which has its own binfmt_misc since Linux 6.7. On older kernels, the host's applies.
+# in this user namespace, which has its own binfmt_misc since Linux 6.7. On older kernels, the emulator that
+# the host has registered runs the programs.
 enter() {  # ROOT
     inside=(chroot "$1" /usr/bin/env -i container=lxc PATH=/usr/sbin:/usr/bin:/sbin:/bin)
     mount --rbind /dev "$1/dev"

@@ -109,7 +109,7 @@ TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
             const auto offered = [&] { return host.offered(); };
             if (wait_until(offered, 100ms)) offers.push_back(host.accept());
         }
-        if (offers.size() < 2) continue;  // an older sweep received the other answers
+        if (offers.size() < 2) continue;  // an older sweep has received most of the answers
         uint8_t number = 0;
         for (Socket& offer : offers) candidates.emplace_back(std::move(offer), ++number);
         EXPECT_TRUE(wait_until([&] {

@@ -78,7 +78,7 @@ TEST_F(LinkedFacade, SizeDecidesTheResolution) {
     EXPECT_EQ(image.width, 1280);
     EXPECT_EQ(image.height, 960);
 
-    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // still reads the whole frame
+    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // reads SMALL bytes all the same
     image = next_image_other_than(0x9002);
     EXPECT_EQ(image.width, 1024);
     EXPECT_EQ(image.height, 768);
@@ -104,8 +104,8 @@ TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     EXPECT_EQ(image.first_pixel, 0x9005);
 }
 
-// The first frame does not fit the companion's window. The later frames are small, but none of them
-// waits in the send buffer: the newest one replaces the others.
+// The first frame does not fit into the companion's TCP receive window. The later frames are small,
+// but must not wait in the send buffer: the newest of them replaces the others.
 TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
     const auto striped = colour(0, SMALL);
     for (uint64_t i = 0; i < SMALL; i += 2) {

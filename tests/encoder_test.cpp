@@ -30,7 +30,7 @@ constexpr size_t EXHAUSTIVE = 12;  // pixels: 22 million images
 constexpr size_t STEP = 1;
 #else
 constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times more
-constexpr size_t STEP = 7;        // tests that use STEP try only every seventh of their images
+constexpr size_t STEP = 7;        // the tests that use STEP try every seventh of their images
 #endif
 constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;
 
@@ -68,7 +68,8 @@ class Encoder : public ::testing::Test {
         use(m_sets.front());
     }
 
-    // Returns what differs from the reference encoder or from the pixels; "" if nothing does.
+    // Encodes the pixels with each instruction set, and decodes the result. Returns the name of the
+    // first result that differs from the reference encoder's or from the pixels; "" if none does.
     std::string_view wrong(const Words& pixels, uint16_t width, uint16_t height, bool in_python) {
         m_expected.assign(2, 0);
         const uint64_t bytes = encode_literally(pixels.data(), width, height, m_expected);
@@ -126,8 +127,8 @@ TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
     }
 }
 
-// The encoder reads blocks of 32 pixels. Its result for 8 pixels depends only on them and on the
-// next pixel. Tries all combinations of these nine pixels at each place in a block.
+// The encoder reads blocks of 32 pixels. Its result for 8 pixels depends only on these pixels and
+// on the next one. Tries all combinations of such nine pixels at each place in a block.
 TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     constexpr size_t COUNT = size_t{1} << 18;
     Words pixels(9, KINDS[0]);
@@ -161,7 +162,7 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
             pixels.shrink_to_fit();
             size_t height = 1;
             while (pixels.size() % height != 0 || pixels.size() / height > 65535) ++height;
-            if (height > 65535) continue;  // a prime number of pixels fits no image
+            if (height > 65535) continue;  // no image has this number of pixels, a large prime
             const auto width = static_cast<uint16_t>(pixels.size() / height);
             const auto rows = static_cast<uint16_t>(height);
             ASSERT_EQ(wrong(pixels, width, rows, true), "") << limit << "," << i;
@@ -169,8 +170,9 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
     }
 }
 
-// Tries random runs: each repeats a pixel with one random bit, or a random one of KINDS. The images
-// have up to 9,000 pixels: more than two chunks. They end anywhere in a block.
+// Tries random runs. Each run repeats one pixel value: either a value with a single bit set, or an
+// element of KINDS. The images have up to 9,000 pixels, which are more than two chunks. The last
+// block of an image may be incomplete.
 TEST_F(Encoder, RandomRuns) {
     std::mt19937 random(1);
     for (size_t count = 1; count < 9'000; count += 1 + count / 100) {

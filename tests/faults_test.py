@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Makes every call of the service fail once: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
+"""Makes system and library calls of the service fail: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
 
-Each case runs a scripted scenario with the real service, in a sandbox of its own, with one fault:
+Each case runs a scripted scenario with the real service, in a sandbox of its own, and makes one call fail:
 KIND:SITE:OCCURRENCE:FAULT (see tests/faults/fail_once.cpp, the LIBRARY). The service must continue to work, or end in
-a way that docs/reliability.md lists. Runs a sample of the cases; with --all, the cases of every call site that was
-reached in three runs without a fault; with CASE, only that case, and prints the service's log.
+a way that docs/reliability.md lists. By default, runs a sample of the cases. With --all, runs the cases of every call
+site that was reached in three runs without a fault. With CASE, runs only that case, and prints the service's log.
 """
 import collections
 import concurrent.futures
@@ -179,8 +179,8 @@ class Scenario:
             del stream[:link.HEADER.size + length]
 
     def take_press(self, datagram):
-        # The previous press may come again: this test repeats presses, and without memory for a new press the
-        # service resends the last one.
+        # The previous press may arrive again, for two reasons: this test repeats each press until it arrives, and
+        # the service resends the last press if it cannot allocate memory for a new one.
         valid = {b'[{"msg_id":%d,"param":"On"}]' % (100 + press % 16): press
                  for press in (self.presses - 1, self.presses)}
         if datagram not in valid:

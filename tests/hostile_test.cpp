@@ -19,7 +19,8 @@ std::chrono::seconds storm() {
     return std::chrono::seconds(seconds != nullptr ? std::stoi(seconds) : 0);
 }
 
-// One hostile host may cause four searches of two threads each, and the connections of two sweeps.
+// While one hostile host attacks, there may be four searches, with two threads each, and the
+// connections of two sweeps: eight per sweep, with one thread each.
 constexpr size_t MORE_THREADS = 4 * 2 + 2 * 8;
 
 class HostileNeighbour : public BadDay {
@@ -126,7 +127,7 @@ TEST_F(HostileNeighbour, CutsNobodysRequestInHalves) {
         Socket bad = other.connection();
         bad.write({0x5A});
         bad.close();
-        std::this_thread::sleep_for(20ms);  // the bad host's byte and end arrive first
+        std::this_thread::sleep_for(20ms);  // so that the bad host's byte and FIN arrive first
         good.write({middle, request.end()});
         good.write(frame(ControlMessage));
         return good.readable(1s) && good.has_data();

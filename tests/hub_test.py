@@ -24,7 +24,7 @@ URL = f"http://127.0.0.1:{PORT}"
 
 @pytest.fixture(scope="module")
 def far_host():
-    """Makes another host on the cable, at 10.77.0.2. Returns the command prefix that runs a program there."""
+    """Adds a second host, 10.77.0.2, to the network. Returns the command prefix that runs a program on this host."""
     with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as holder:
         own = os.readlink("/proc/self/ns/net")
         until(lambda: os.readlink(f"/proc/{holder.pid}/ns/net") != own)
@@ -38,7 +38,7 @@ def far_host():
 
 @pytest.fixture(scope="module", autouse=True)
 def devices(far_host):
-    """Starts device 11111 on this host and 22222 on the other. Only button presses change the devices' pictures."""
+    """Starts device 11111 on this host, and 22222 on far_host. Only presses change the devices' pictures."""
     start_service(BIN)
     subprocess.run([*far_host, BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
     cores = [subprocess.Popen([*where, BIN / "guilink-core", "--still", *identity], stderr=subprocess.DEVNULL)

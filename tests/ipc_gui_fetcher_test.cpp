@@ -138,10 +138,11 @@ TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     };
     EXPECT_TRUE(shows(0x10000000, LARGE, 1280, 0x9001));
     EXPECT_TRUE(shows(0x20000124, SMALL, 1024, 0x9002));
-    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // the latest mapping is small
+    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // not 1280: the latest mapping is small
     EXPECT_TRUE(shows(0x130000000, LARGE, 1280, 0x9003));
-    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // the latest mapping is large
-    push(0x30000000, LARGE);  // mapped again, although the memory is that of 0x130000000
+    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // not 1024: the latest mapping is large
+    // Without its bits above 4 GiB, 0x130000000 is 0x30000000. The same memory is mapped twice.
+    push(0x30000000, LARGE);
     EXPECT_THAT(mappings(), testing::UnorderedElementsAre(LARGE + 4096, SMALL + 4096, LARGE + 4096,
                                                           LARGE + 4096));
 }

@@ -186,7 +186,7 @@ TEST(NetworkUnit, EchoSweep) {
     const auto everywhere = unit(THIS_HOST, "0.0.0.0");
     everywhere->ping(finder.callback());
     everywhere->join();
-    EXPECT_EQ(finder.count, 0u);  // its subnet has no host to search for
+    EXPECT_EQ(finder.count, 0u);  // a mask of 0.0.0.0 leaves no host to search for
 }
 
 TEST(NetworkUnit, NoSocketAvailable) {
@@ -204,8 +204,8 @@ TEST(NetworkUnit, NoSocketAvailable) {
     EXPECT_EQ(finder.count, 0u);
 
     Receiver receiver;
-    // Connect once before the limit below forbids new descriptors: the sanitizer needs one to check
-    // an object of a type that it has not seen yet.
+    // The limit below forbids new descriptors, but the sanitizer opens a descriptor when it first
+    // checks an object of a type. So connect once before.
     unit(THIS_HOST, SINGLE)->tcp_connect(PORT, receiver.callback());
     const auto host = unit(THIS_HOST, SINGLE);
     rlimit limit;
@@ -304,10 +304,10 @@ TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {
     const auto progress = [&] { return NetworkUnitV4::wait_until_sent(*socket); };
     using enum NetworkUnitV4::Progress;
     EXPECT_EQ(progress(), Sent);
-    // The data exceeds the peer's window, but fits into the send buffer.
+    // The data exceeds the peer's receive window, but fits into the send buffer.
     const Bytes data(NetworkUnit::BUFFER_SIZE / 4);
     while (progress() != Stalled) ASSERT_TRUE(send(data));
-    EXPECT_TRUE(send_at_once(data));  // the low-water mark applied only during the wait
+    EXPECT_TRUE(send_at_once(data));  // wait_until_sent has reset the low-water mark
 
     const auto waits = [&] {
         int mark = 0;

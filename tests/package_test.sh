@@ -53,7 +53,8 @@ if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
 fi
 base=$(realpath "$base")
 
-# Continues in a private mount namespace, with a control group that is removed last.
+# Continues in a private mount namespace. Runs the throw-away system in a control group of its own, which the
+# cleanup can remove only when all processes of the system have ended.
 if [[ ${3-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" --private
 fi

@@ -89,7 +89,8 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
-    link.on_press = lambda _: ([], [picture(9)] * 3)  # may predate the press, so they count only at the time-out
+    # These pictures may have been drawn before the press, so wait_for accepts them only when its time is up.
+    link.on_press = lambda _: ([], [picture(9)] * 3)
     device.press("down")
     device.wait_for(TARGET)
 

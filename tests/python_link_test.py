@@ -167,7 +167,7 @@ def test_is_the_link_without_a_picture_after_the_third_request(link, device):
     assert requests == 3
     device.send(frame(MessageType.IDENTITY, device.identity))
     assert link.wait_linked(soon()).linked
-    device.expect(MessageType.CONNECT_REQUEST)  # the companion repeats it until the first image
+    device.expect(MessageType.CONNECT_REQUEST)  # the companion repeats this request until the first image
 
 
 def test_dead_connections_do_not_stand_in_the_way(link, device):
@@ -175,7 +175,7 @@ def test_dead_connections_do_not_stand_in_the_way(link, device):
     dead = [socket.create_connection(("10.77.0.1", 8399), LIMIT) for _ in range(9)]
     for connection in dead[:-1]:
         connection.close()
-    device.connect().expect(MessageType.CONNECT_REQUEST)  # sent after the previous one was silent for 1 s
+    device.connect().expect(MessageType.CONNECT_REQUEST)  # sent when dead[-1] has been silent for 1 s
     device.show(BLACK)
     assert link.wait_linked(soon()).linked
     assert socket.create_connection(("10.77.0.1", 8399), LIMIT).recv(1) == b""  # closed, because a link already exists
@@ -206,7 +206,7 @@ def test_takes_none_of_several_unless_one_is_chosen(device, second_address):
         with pytest.raises(SeveralDevices, match="22222 .fw1.1. at 10.77.0.2.*choose one"):
             link.wait_linked(soon())
         assert not device.answered(0) and not other.answered(0)
-        other.link()  # only this device still broadcasts
+        other.link()  # `device` no longer broadcasts, so the companion links to `other`
 
 
 def test_follows_a_device_that_restarts_without_a_farewell(link, device):

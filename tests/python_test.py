@@ -92,7 +92,7 @@ def test_wait_outlives_a_restart_and_ends_by_interrupt(tmp_path):
         shown = device.wait_stable(region=PANEL, mask=MOVING)
         end_service()
         with pytest.raises(guilink.LinkError, match="cannot send the text.*has not come back"):
-            while True:  # the link may last for a moment
+            while True:  # the link may outlive the service for a moment
                 device.text("still there?", timeout=0.2)
         start_service(BIN)
         device.wait_for(shown, region=PANEL, mask=MOVING)

@@ -1,4 +1,4 @@
-// The service from outside: its binary, its sockets, its signals.
+// Tests the service from outside: its binary, its sockets, its signals.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -32,8 +32,9 @@ TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
 }
 
-// Sends SIGTERM at any time after the first registration, which installs the handler. Frames arrive
-// at full speed, and a companion links whenever it can and presses.
+// Sends SIGTERM at a random time after the first registration, which installs the handler.
+// Meanwhile, frames arrive at full speed, and a companion links whenever it can and presses a
+// button.
 TEST(Service, TermEndsItWithStatus0UnderFullLoad) {
     const char* const asked = std::getenv("GUILINK_TERM_ROUNDS");
     const int rounds = asked != nullptr ? std::stoi(asked) : 5;

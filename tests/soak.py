@@ -2,8 +2,8 @@
 """tests/soak.py MINUTES: runs service and core while companions connect and disconnect; watches the service.
 
 A bare companion (docs/examples/minimal_companion.py) and the viewer take turns. The bare companion alternately
-closes its link properly and resets it in the middle of an image; the viewer is ended by SIGTERM and by SIGKILL
-alternately.
+closes its link properly and resets it in the middle of an image; the viewer is alternately ended by SIGTERM and by
+SIGKILL.
 Writes samples to build/soak/soak.tsv and a chart to build/soak/soak.svg. Fails if the service dies,
 grows, or does not end with status 0 on SIGTERM."""
 import ctypes
@@ -25,10 +25,10 @@ sys.dont_write_bytecode = True
 import minimal_companion as bare  # noqa: E402
 
 EVERY = 2       # s between samples
-BARE_TURN = 16  # s; long enough to contain quiet moments
-VIEWER_TURN = 5
+BARE_TURN = 16  # s; longer than SETTLED, so that some samples are taken while the link is quiet
+VIEWER_TURN = 5  # s
 PAUSE = 1       # s between turns, without a companion
-SETTLED = 6     # s after linking; from then on the link is quiet: other candidates have ended after 3 s
+SETTLED = 6     # s from linking until the link counts as quiet; the remaining candidates end after 3 s
 STALL = 1.5     # s without reading, so that the device blocks in a send (it gives up after 3)
 LIMIT = 60      # s; for any event that must come, however slow the machine
 MAY_GROW = 256  # KiB by which RssAnon may grow between the second and the last tenth of the run
@@ -65,7 +65,7 @@ class Companions:
             try:
                 self.mirror(connection, discovery)
             except OSError:
-                continue  # the device has closed it: try the next connection
+                continue  # the device has closed this connection: try the next one
             if self.linked_since:
                 break
         assert self.linked_since, "the bare companion has not become the link"
@@ -90,7 +90,8 @@ class Companions:
 
 
 def soak(seconds, table):
-    """Returns samples, [seconds, one value (or None) for each of PLOTS, whether the link is quiet], and failures."""
+    """Returns a list of samples and a list of failures. Each sample is a list: the time in seconds, a value (or None)
+    for each of PLOTS, and whether the link is quiet."""
     ctypes.CDLL(None).prctl(SUBREAPER, 1)
     with open(OUT / "guilinkd.log", "w", encoding="utf-8") as log:
         subprocess.run(BIN / "guilinkd", stdout=log, stderr=log, check=True)
@@ -153,7 +154,7 @@ def report(samples):
 
 
 def draw(samples, path):
-    """Draws four plots over time; dots are quiet moments."""
+    """Draws each of PLOTS over time. A dot marks a sample that was taken while the link was quiet."""
     left, width, height, pitch, longest = 60, 780, 105, 155, samples[-1][0]
     parts = [f'<text x="{left + width}" y="24" text-anchor="end" fill="#667">dots: quiet moments</text>']
     for index, (name, colour) in enumerate(PLOTS, 1):

@@ -20,7 +20,7 @@ Bytes damaged(Bytes frame) {
     return frame;
 }
 
-// A communicator that records the messages and signals that its input causes.
+// A communicator that records each message, each signal and each request to send the identity.
 class Receiver : public VeltraneCommunicator {
   public:
     Receiver() : VeltraneCommunicator("11111", "fw1.1") {
@@ -212,14 +212,15 @@ TEST(VeltraneCommunicator, ConnectionsKeepAMebibyteTogether) {
     Receiver receiver;
     receiver.feed(first(41, GOOD), false);
     on_a_connection([&] {
-        // The total exceeds MAX_SIZE. This connection keeps the most bytes, so it loses them.
+        // The total exceeds MAX_SIZE. This connection has the most kept bytes, so these bytes are
+        // dropped.
         receiver.feed(first(MAX_SIZE - 40, LARGE), false);
         receiver.feed(rest(MAX_SIZE - 40, LARGE), false);
     });
     on_a_connection([&] { receiver.feed(first(900'000, LARGE), false); });
     on_a_connection([&] {
-        // The total exceeds MAX_SIZE again. This connection is the link, so the other one loses its
-        // 900,000 bytes.
+        // The total exceeds MAX_SIZE again. This connection is the link, so the 900,000 bytes of
+        // the connection above are dropped.
         receiver.feed(first(600'000, LARGE));
         receiver.feed(rest(600'000, LARGE));
     });

@@ -1,4 +1,5 @@
-// Log lines to a reader that pauses; bad_day_test.cpp tests the whole service with one.
+// Tests write_line with a reader that pauses. bad_day_test.cpp tests the whole service with such a
+// reader.
 #include "base/write_line.h"
 
 #include <fcntl.h>
@@ -31,7 +32,7 @@ std::string read_all(int reader) {
     return text;
 }
 
-// systemd's journal is a socket.
+// Under systemd, standard error is a socket to the journal.
 TEST(WriteLine, DropsWholeLinesOnAFullSocket) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);

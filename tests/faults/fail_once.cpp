@@ -1,4 +1,5 @@
-// Preloaded into the service: makes one of its calls fail. tests/faults_test.py chooses the call.
+// A library that is preloaded into the service. Makes one of the service's system or library calls
+// fail; tests/faults_test.py chooses the call.
 //
 // A site is a kind of call and the chain of return addresses that leads to it. Sites are few, and
 // the same in every run, however the threads are scheduled. GUILINK_FAULT_TABLE names the file that

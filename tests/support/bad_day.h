@@ -31,7 +31,7 @@ inline double seconds_since(std::chrono::steady_clock::time_point start) {
 class BadDay : public testing::Test {
   protected:
     // Links the good companion, waits until the service's use of resources is stable, and records
-    // it in m_before.
+    // this use in m_before.
     void SetUp() override {
         Frames::draw_busy_pictures();
         GoodCompanion good(m_far);
@@ -67,7 +67,7 @@ class BadDay : public testing::Test {
 
     Socket link() { return m_peer.link(); }
 
-    // Requests the identity until an answer arrives; throws if none does.
+    // Requests the identity until an answer arrives; throws if no answer arrives in time.
     static bool answers(const Socket& link) {
         const Chatter chatter(link, frame(IdentityRequest));
         while (type_of(link.read_frame()) != IdentityMessage) {
@@ -75,7 +75,8 @@ class BadDay : public testing::Test {
         return true;
     }
 
-    // Returns whether the service is linked, no search thread is left, and two samples are equal.
+    // Returns whether the service is linked, no search thread is left, and the numbers of threads
+    // and descriptors are the same as at the last call.
     bool settled() {
         const Daemon::Level last = std::exchange(m_before, m_daemon->level());
         return m_daemon->threads("ping-") == 0 && m_daemon->threads("tcp-receive") == 1 &&

@@ -19,7 +19,7 @@ inline void run(const std::string& command) {
     if (std::system(command.c_str()) != 0) throw std::runtime_error(command + " has failed");
 }
 
-// A host in a network namespace of its own, at the other end of the device's cable.
+// A host in a network namespace of its own. A veth pair connects it to the device's namespace.
 class FarHost {
   public:
     FarHost() : m_near(open_namespace()) {

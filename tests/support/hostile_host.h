@@ -35,7 +35,7 @@ class HostileHosts {
         m_thread.join();
     }
 
-    int sweeps() const { return m_sweeps; }  // broadcasts that the first host has received
+    int sweeps() const { return m_sweeps; }  // broadcasts that m_hosts.front() has received
 
   private:
     using Clock = std::chrono::steady_clock;

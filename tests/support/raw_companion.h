@@ -1,6 +1,6 @@
-// A companion made of bare sockets, for tests that control every byte and misbehave. It answers
-// broadcasts only when the test calls answer(). Waits are generous and throw at their limit, which
-// fails the test.
+// A companion made of bare sockets, for tests that must control every byte, or need a companion
+// that misbehaves. It answers broadcasts only when the test calls answer(). Waits have a generous
+// limit, at which they throw and so fail the test.
 #pragma once
 
 #include <optional>
@@ -49,8 +49,8 @@ class RawCompanion {
         return accept();
     }
 
-    // Accepts the connection that the device opens. Sends no more answers to the device's
-    // broadcasts.
+    // Waits for the device to connect, and accepts the connection. Unlike connection(), does not
+    // answer broadcasts meanwhile.
     Socket accept() const {
         if (!m_listener.readable(LIMIT)) throw_missing_event("the device does not connect");
         return Socket(accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -62,9 +62,10 @@ class RawCompanion {
         return std::move(*connection);
     }
 
-    // Accepts connections and repeats request on each. Returns the link: the connection on which
-    // the device sends something, or during which linked() returns true. The first connection does
-    // not always become the link, because the device drops candidates at its next sweep.
+    // Accepts connections and sends `request` again and again on each. Returns the link: the
+    // connection on which the device sends something, or during which `linked` returns true. The
+    // first connection does not always become the link, because the device drops candidates at its
+    // next sweep.
     Socket link(
         const Bytes& request = frame(ConnectRequest) + frame(ControlMessage),
         const std::function<bool()>& linked = [] { return false; }) {

@@ -1,4 +1,5 @@
-"""Starts and ends guilinkd. The service detaches itself, so it is found by name; a sandbox contains only one."""
+"""Starts and ends guilinkd. The service detaches itself, so end_service finds its process by name; each sandbox
+contains only one service."""
 import os
 import select
 import signal
@@ -18,5 +19,5 @@ def end_service():
                 signal.pidfd_send_signal(service, signal.SIGTERM)
                 select.select([service], [], [])
                 os.close(service)
-        except (FileNotFoundError, ProcessLookupError):  # another process that has just ended
+        except (FileNotFoundError, ProcessLookupError):  # this process has ended since the glob
             pass
