@@ -26,8 +26,8 @@ __all__ = ["Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError"
            "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevices", "WaitTimeout",
            "connect", "devices"]
 
-LINK_TIMEOUT = 30.0     # s; a device without a companion broadcasts about once a second
-PROGRESS_INTERVAL = 1.0  # s
+LINK_TIMEOUT = 30.0     # s; default limit for getting a link. A searching device broadcasts about once a second.
+PROGRESS_INTERVAL = 1.0  # s between two calls of `progress`
 
 
 def _link(device: str | None, viewer: str | None) -> Link:
@@ -43,13 +43,14 @@ def connect(device: str | None = None, *, viewer: str | None = None,
             labels: str | os.PathLike[str] | None = None,
             artifacts: str | os.PathLike[str] = "guilink-artifacts",
             progress: Progress | None = None) -> Device:
-    """Becomes the companion of a device, and returns when the device accepts button presses.
+    """Links this script to a device. Returns when the device accepts button presses.
 
-    `device` is the identity or the address of the wanted device; without it, links to the only device in
-    sight. `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080, whose link the script then
-    shares. `timeout` limits each wait that has no time-out of its own. `labels` is a file with the names
-    of the buttons, in the viewer's format. `artifacts` is the folder in which failed waits save pictures.
-    `progress` is called about once a second until there is a link. Throws LinkError.
+    `device` is the identity or the address of the wanted device. Without it, the script links to the only device
+    in sight. `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080; the script then shares the
+    viewer's link. `timeout` limits each wait that has no time-out of its own. `labels` is a file with the names of
+    the buttons, in the viewer's format. `artifacts` is the folder for the pictures that are saved when a wait
+    fails. `progress` is called about once a second until there is a link. If there is no link after `link_timeout`
+    seconds, throws LinkError.
     """
     buttons = Buttons.load(labels) if labels else Buttons()
     link = _link(device, viewer)

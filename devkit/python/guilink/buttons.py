@@ -5,7 +5,7 @@ import json
 import os
 from typing import Mapping
 
-COUNT = 16  # buttons on the link: 0 to 15
+COUNT = 16  # number of buttons in the link protocol: 0 to 15
 
 # The labels on the viewer's page. Each device decides what a button does.
 DEFAULTS = {"Up": 0, "Down": 1, "Left": 2, "Right": 3, "OK": 4, "Back": 5, "Menu": 6, "Power": 7,
@@ -14,7 +14,7 @@ DEFAULTS = {"Up": 0, "Down": 1, "Left": 2, "Right": 3, "OK": 4, "Back": 5, "Menu
 
 
 class Buttons:
-    """Translates names to numbers and back. Ignores upper and lower case."""
+    """Translates button names to numbers and back. Names are case-insensitive."""
 
     def __init__(self, labels: Mapping[str, int] = DEFAULTS):
         self._labels = dict(labels)
@@ -22,7 +22,7 @@ class Buttons:
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Buttons:
-        """Reads a file of labels in the viewer's format."""
+        """Reads a file with button names, in the format of the viewer's file."""
         try:
             with open(path, encoding="utf-8") as file:
                 return cls({entry["label"]: int(entry["button"]) for entry in json.load(file)})

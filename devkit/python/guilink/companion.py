@@ -1,7 +1,7 @@
-"""A companion: lets a device find it, becomes and stays its link, and links again after a loss.
+"""A companion: lets a device find it, gets a link to the device, keeps the link alive, and links again after a loss.
 
-See docs/link-protocol.md, Becoming the link and Staying linked. One thread does all of this. Other threads
-call the methods, and wait for that thread.
+See "Becoming the link" and "Staying linked" in docs/link-protocol.md. A companion does all of this on a thread of
+its own. Any other thread may call its methods.
 """
 from __future__ import annotations
 
@@ -17,47 +17,48 @@ from guilink.discovery import Call, Discovery
 from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices
 from guilink.wire import Identity, Message, MessageType
 
-LINK_PORT = 8399        # TCP, where devices connect
-REQUEST_INTERVAL = 0.1  # s between ConnectRequests until linked; the device drops a candidate after 1 s at most
-KEEP_ALIVE = 0.5        # s; without a keep-alive, new pictures stop after 2 s, and the link ends after 3 s
+LINK_PORT = 8399        # TCP; devices connect to this port
+REQUEST_INTERVAL = 0.1  # s between ConnectRequests until linked; without one, a device closes the connection after 1 s
+KEEP_ALIVE = 0.5        # s between keep-alives; without them, new pictures stop after 2 s, and the link ends after 3 s
 SILENCE = 3.0           # s without a byte, after which the companion ends the connection
-CANDIDATE_SILENCE = 1.0  # s without a byte, after which another connection may replace the candidate
-GRACE = 1.0             # s; for this long after linking, the device's broadcasts may come from older searches
+CANDIDATE_SILENCE = 1.0  # s without a byte, after which a connection that is not the link may be replaced by a new one
+GRACE = 1.0             # s; for this long after linking, a broadcast may come from a search that began before the link
 MAX_ANSWERED = 64       # addresses that may connect; when there are more, the oldest is forgotten
-MAX_ACCEPTS = 16        # connections accepted or refused per turn of the loop; a flood must not delay the link
-ASK_EVERY = 5           # ConnectRequests sent per IdentityRequest, before the connection is the link
+MAX_ACCEPTS = 16        # connections accepted or refused per call of `_accept`; a flood must not delay the link
+ASK_EVERY = 5           # until linked, the companion sends one IdentityRequest per this many ConnectRequests
 
 
 @dataclass(eq=False)
 class Order:
-    """A button or text. It waits for a link, and is then sent, followed by an IdentityRequest. The answer to that
-    request confirms the order. If the link ends before the answer, the order may be lost."""
+    """A button press or a text for the device. It waits for a link. The companion then sends it and an
+    IdentityRequest. The answer to that request confirms the order. If the link ends before the answer, the order
+    may be lost."""
 
     kind: MessageType
     payload: bytes
     request: int = 0      # number of the IdentityRequest sent after the order; 0 while the order waits for a link
-    number: int = 0       # number of the last picture before the answer
+    number: int = 0       # number of the last picture that arrived before the answer
     done: bool = False
     lost: bool = False    # the link ended before the answer
 
 
 class Companion:
-    """A link that belongs to this script alone. Implements `guilink.link.Link`.
+    """Implements `guilink.link.Link` with a link that only the calling program uses.
 
-    `device` is the identity or the address of the wanted device; the companion answers no other. Without
-    `device`, the companion answers a device that broadcasts twice, with no broadcast of another device in between.
+    `device` is the identity or the address of the wanted device; the companion then answers no other device. Without
+    `device`, the companion answers the first device that broadcasts twice while no other device broadcasts.
     """
 
     def __init__(self, device: str | None = None):
         self._device = device
-        self._changed = threading.Condition()  # guards all members below
+        self._changed = threading.Condition()  # guards the members from here to `_stop`
         self.pictures = Pictures(self._changed, lambda: self._failure)
         self._failure: Exception | None = None
         self._orders: deque[Order] = deque()
         self._status = LinkStatus()
-        self._linked_to: LinkStatus | None = None  # the device linked last; the companion stays with it
-        self._rivals: tuple[HeardDevice, ...] = ()  # the devices in sight, if there are several and none was chosen
-        self._answered: dict[str, Identity] = {}   # the devices that may connect, by address
+        self._linked_to: LinkStatus | None = None  # the device of the last link; after a loss, wait for it
+        self._rivals: tuple[HeardDevice, ...] = ()  # the devices in sight, if the caller must choose one
+        self._answered: dict[str, Identity] = {}   # the answered devices, which may connect; by address
         self._stop = False
         # Used only by the companion's thread.
         self._connection: Connection | None = None
@@ -153,7 +154,7 @@ class Companion:
     def _wake(self) -> None:
         try:
             self._wake_sender.send(b"\0")
-        except OSError:  # the socket is full, so the thread wakes anyway; or it is closed
+        except OSError:  # the socket is full, so the thread will wake anyway, or the socket is closed
             pass
 
     # --- on the companion's thread -----------------------------------------------------------------
@@ -162,7 +163,7 @@ class Companion:
         try:
             while not self._stop:
                 self._turn()
-        except Exception as error:  # a fault of this module: end the waits of other threads
+        except Exception as error:  # a bug in this module; the waits of other threads must end
             with self._changed:
                 self._failure = GuilinkError(f"the link's thread failed: {error!r}")
                 self._failure.__cause__ = error
@@ -177,7 +178,7 @@ class Companion:
                 self._changed.notify_all()
 
     def _turn(self) -> None:
-        """Waits, processes what has arrived, then sends what is due."""
+        """Waits for data or for the next time to send, handles the data that has arrived, then sends what is due."""
         connection = self._connection
         with selectors.PollSelector() as selector:
             selector.register(self._wake_receiver, selectors.EVENT_READ)
@@ -211,7 +212,7 @@ class Companion:
         if not self._wants(call):
             return
         if (link := self._connection) and link.ready and link.address == call.device.address:
-            # Searches that began before the link still broadcast for a moment.
+            # For a moment, broadcasts still come from searches that began before the link.
             if time.monotonic() < (link.linked_since or 0) + GRACE:
                 return
             link.ended = True  # the device searches again, so it has dropped the link
@@ -226,7 +227,7 @@ class Companion:
     def _wants(self, call: Call) -> bool:
         names = {call.device.identity, call.device.address}
         if self._linked_to and names & {self._linked_to.identity, self._linked_to.address}:
-            return True  # the device linked last, even with a new identity or address
+            return True  # the device of the last link; its identity or its address may have changed since
         if self._device or self._linked_to:
             return self._device in names
         self._rivals = (call.device, *call.between) if call.between else ()
@@ -235,7 +236,8 @@ class Companion:
         return call.again and not call.between
 
     def _accept(self) -> None:
-        """Accepts the next connection from a host that was answered. Closes all others; while linked, closes all."""
+        """Accepts the next connection that comes from an answered host. Closes each connection that comes from another
+        host. While linked, closes every new connection."""
         for _ in range(MAX_ACCEPTS):
             try:
                 connected, (address, _) = self._listener.accept()
@@ -309,7 +311,8 @@ class Companion:
         self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
 
     def _send_orders(self, connection: Connection) -> None:
-        """Sends each order, then an IdentityRequest, whose answer shows that the device has handled the order."""
+        """Sends each order that was not sent yet, followed by an IdentityRequest. The answer to this request will show
+        that the device has handled the order."""
         with self._changed:
             for order in self._orders:
                 if connection.ended or connection.wants_to_write:
@@ -320,7 +323,7 @@ class Companion:
                     order.request = connection.asked
 
     def _drop(self, connection: Connection) -> None:
-        """Closes the connection. Marks the orders that were sent but not confirmed as lost."""
+        """Closes the connection. If an order was sent but not confirmed, marks it as lost."""
         connection.close()
         self._connection = None
         with self._changed:

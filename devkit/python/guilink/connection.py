@@ -7,17 +7,17 @@ import time
 from guilink.wire import FrameReader, Identity, Message, MessageType, frame, identity
 
 CHUNK = 1 << 18         # bytes per read
-MAX_OUTGOING = 1 << 16  # bytes; if a device leaves more than this unread, the connection ends
-READY_REQUESTS = 3      # ConnectRequests; the answer to a later IdentityRequest proves that the device has obeyed one
+MAX_OUTGOING = 1 << 16  # bytes; if more than this waits to be sent, the device does not read, and the connection ends
+READY_REQUESTS = 3      # ConnectRequests; once an IdentityRequest sent after these is answered, `ready` is true
 
 
 class Connection:
     """Counts IdentityRequests and their answers. The device handles all messages in order, so an answer proves that
-    it has handled everything sent before the IdentityRequest. A lost answer only delays confirmations."""
+    the device has handled everything sent before the IdentityRequest. If an answer is lost, the next one confirms."""
 
     def __init__(self, connected: socket.socket, address: str, identity: Identity):
         self.address = address
-        self.identity = identity  # from the broadcast, later from answers
+        self.identity = identity  # first from the broadcast, later from the answers to IdentityRequests
         self.ended = False
         self.requests = 0        # ConnectRequests sent
         self.asked = 0           # IdentityRequests sent
@@ -40,7 +40,7 @@ class Connection:
 
     @property
     def ready(self) -> bool:
-        """Whether the connection is the link, so that the device accepts buttons."""
+        """Whether the connection is known to be the link, on which the device accepts buttons."""
         return self.image_seen or (self._ready_from is not None and self.answered >= self._ready_from)
 
     @property

@@ -20,15 +20,15 @@ from guilink.screen import Box, Difference, Mask, Screen
 TIMEOUT = 10.0       # s; default limit of every wait
 STILL = 0.5          # s without a change before a screen is stable
 STILL_PICTURES = 3   # a stable screen also needs this many equal pictures in a row
-HOLD_INTERVAL = 0.12  # s between the presses of a held button; the viewer's page repeats as fast
-UNDER_WAY = 4         # pictures that may arrive after a press although they were drawn before it: one in the core,
-                      # one in the service's slot, one in the service's sender, and one to spare
-MAX_TEXT = 4096      # bytes of one text; as in the viewer
-MAX_PRESSES = 10000  # remembered presses
+HOLD_INTERVAL = 0.12  # s between the presses of a held button, as on the viewer's page
+UNDER_WAY = 4         # pictures that may arrive after a press although they were drawn before it. The device's core,
+                      # the service's frame slot and the service's sender hold one each. The fourth is a margin.
+MAX_TEXT = 4096      # bytes; longest text, as in the viewer
+MAX_PRESSES = 10000  # presses that are remembered; further ones replace the oldest
 
 
 class WaitTimeout(GuilinkError, AssertionError):
-    """The screen did not become what was expected. `folder` holds the pictures and the message."""
+    """The screen has not become in time what the script expects. `folder` holds the pictures and the message."""
 
     def __init__(self, message: str, folder: Path, difference: Difference | None):
         super().__init__(message)
@@ -38,20 +38,21 @@ class WaitTimeout(GuilinkError, AssertionError):
 class Device:
     """Controls a device for a script. Close it, or use it in a `with`. Use it in one thread at a time.
 
-    All methods that look at the screen ignore pictures from before the last press: after each press, the link
-    sends an IdentityRequest, and only pictures that arrive after the device's answer count. The first UNDER_WAY
-    of these pictures may have been drawn before the press, so they count only if they show something new.
+    All methods that look at the screen ignore pictures from before the last press. For this purpose, the link sends
+    an IdentityRequest after each press, and the methods ignore all pictures that arrive before the answer. The first
+    UNDER_WAY pictures after the answer may have been drawn before the press, too. The methods use these only if they
+    differ from the screen at the press.
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
                  artifacts: str | os.PathLike[str] = "guilink-artifacts"):
         self.timeout = timeout          # s; for all calls without a time-out of their own
-        self.artifacts = Path(artifacts)  # each failed wait saves a folder here
-        self.test_name = "wait"         # name of these folders
+        self.artifacts = Path(artifacts)  # each failed wait creates a folder in this one
+        self.test_name = "wait"         # how the names of these folders begin: wait-1, wait-2
         self.presses: deque[Press] = deque(maxlen=MAX_PRESSES)
         self.buttons = buttons or Buttons()
         self._link = link
-        self._after = 0                 # number of the last picture that does not count
+        self._after = 0                 # number of the last picture before the last press was confirmed
         self._decoded: tuple[bytes, Screen] | None = None
         self._shown_at_press: bytes | None = None
         self._recordings: list[Recording] = []
@@ -125,7 +126,7 @@ class Device:
 
     @property
     def screen(self) -> Screen:
-        """The first picture that was certainly drawn after the last press; at the time-out, the newest picture."""
+        """The first screen that was certainly drawn after the last press. At the time-out: the newest screen."""
         return self._news(View(), self._end(None))
 
     def wait_for(self, what: Reference, *, region: Box | None = None, mask: Mask = (),
@@ -134,7 +135,7 @@ class Device:
 
         Compares only `region`, except the parts that `mask` covers. A channel may differ by up to `tolerance`,
         0 to 15. Returns the screen. Throws WaitTimeout, which names the difference. If the screen was as
-        expected already before the last press, the first pictures after that press do not count.
+        expected already before the last press, ignores the first UNDER_WAY pictures after that press.
         """
         __tracebackhide__ = True  # pytest then shows the script's line
         expectation = Expectation(what, View(region, mask, tolerance), name)
@@ -159,7 +160,8 @@ class Device:
         """Waits until nothing has changed for `still` seconds and for `pictures` pictures in a row; returns the
         screen.
 
-        A busy device may need longer than `still` to obey a press. If you know the outcome, use wait_for."""
+        If you know what the screen will show, use wait_for instead, because a busy device may take longer than
+        `still` to react to a press."""
         __tracebackhide__ = True
         view = View(region, mask, tolerance)
         start, end = time.monotonic(), self._end(timeout)
@@ -183,7 +185,8 @@ class Device:
     def press_until(self, button: str | int, what: Reference, *, at_most: int = 20,
                     region: Box | None = None, mask: Mask = (), tolerance: int = 0,
                     timeout: float | None = None, name: str | None = None) -> Screen:
-        """Presses until the screen shows `what`: not at all if it already does, and at most `at_most` times.
+        """Presses a button until the screen shows `what`, at most `at_most` times. If the screen already shows
+        `what`, does not press.
 
         Presses again only when the last press has changed the region and the region has stopped changing, so
         a slow device gets no superfluous press. Put everything that moves by itself outside the region, or
@@ -218,7 +221,7 @@ class Device:
                    start, expectation, before)
 
     def record(self, path: str | os.PathLike[str]) -> Recording:
-        """Records until `stop()`, the end of the `with`, or the end of the link. Marks presses."""
+        """Records pictures and presses until `stop()`, the end of the `with`, or `close()` of the device."""
         self._recordings.append(Recording(self._link, path, self.presses, self._recordings.remove))
         return self._recordings[-1]
 
@@ -240,9 +243,9 @@ class Device:
         press.confirmed = True
 
     def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
-        """Yields each new screen after the last press, with its number, until `end`. Skips screens while the caller
-        is busy. If `end` has already passed, yields only the newest screen. Equal consecutive pictures give the same
-        Screen object."""
+        """Yields each new screen after the last press, with its number, until `end`. While the caller is busy, skips
+        all screens but the newest. If `end` has already passed, yields only the newest screen. Equal consecutive
+        pictures give the same Screen object."""
         number = self._after
         while picture := self._link.pictures.newer(number, end):
             number = picture.number
@@ -252,7 +255,8 @@ class Device:
                 return
 
     def _news(self, view: View, end: float) -> Screen:
-        """Returns the first screen that was certainly drawn after the last press; at `end`, the newest screen."""
+        """Returns the first screen that was certainly drawn after the last press. If there is none by `end`, returns
+        the newest screen."""
         before, screen = self._screen_at_press(), None
         for number, screen in self._screens(end):
             if (before is None or number > self._after + UNDER_WAY
@@ -267,7 +271,7 @@ class Device:
             try:
                 self._decoded = payload, Screen.decode(payload)
             except DamagedPicture:
-                return None  # the next picture comes soon
+                return None  # skip it, because the next picture comes soon
         return self._decoded[1]
 
     def _pictures_since(self, start: float) -> str:

@@ -1,6 +1,6 @@
 """Discovery: finds the devices that search for a companion, and sends the answer that makes one connect.
 
-See docs/link-protocol.md, Being found.
+See "Being found" in docs/link-protocol.md.
 """
 from __future__ import annotations
 
@@ -12,9 +12,9 @@ from typing import NamedTuple
 from guilink.link import HeardDevice, LinkError
 from guilink.wire import MessageType, frame, identity_datagram
 
-DISCOVERY_PORT = 3152  # UDP; devices broadcast to it
+DISCOVERY_PORT = 3152  # UDP; devices send their broadcasts to this port
 MAX_AT_ONCE = 64       # datagrams read at a time; a flood must not delay the link
-MAX_HEARD = 64         # remembered devices; forged broadcasts must not fill the memory
+MAX_HEARD = 64         # devices that are remembered; forged broadcasts must not fill the memory
 MAX_DATAGRAM = 2048    # bytes; an IdentityMessage usually has a few dozen
 INTERVAL = 1.5         # s; a searching device broadcasts again within this time
 ANSWER = frame(MessageType.CONNECT_REQUEST)
@@ -28,14 +28,14 @@ class Call(NamedTuple):
     device: HeardDevice
     sender: Sender
     again: bool               # the device has broadcast before
-    between: tuple[HeardDevice, ...]  # other devices that have broadcast since its last broadcast
+    between: tuple[HeardDevice, ...]  # other devices that have broadcast since this device last did
 
 
 class Discovery:
     """The socket on the discovery port. Never blocks."""
 
     def __init__(self) -> None:
-        self._heard: dict[tuple[str, str], HeardDevice] = {}  # by identity and address, the latest last
+        self._heard: dict[tuple[str, str], HeardDevice] = {}  # by identity and address; ordered by last broadcast
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.setblocking(False)
         try:
@@ -63,7 +63,7 @@ class Discovery:
                 datagram, sender = self._socket.recvfrom(MAX_DATAGRAM)
             except BlockingIOError:
                 break
-            except OSError:  # an earlier answer could not be delivered
+            except OSError:  # the error belongs to an earlier answer, which was not delivered
                 continue
             if said := identity_datagram(datagram):
                 calls.append(self._note(HeardDevice(*said, sender[0], time.monotonic()), sender))
@@ -85,7 +85,7 @@ class Discovery:
         """Asks the device to connect."""
         try:
             self._socket.sendto(ANSWER, sender)
-        except OSError:  # no network; answer the next broadcast
+        except OSError:  # there is no network; answer the next broadcast
             pass
 
 

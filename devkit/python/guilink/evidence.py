@@ -1,4 +1,4 @@
-"""The evidence of a failed wait: a folder with pictures, and the buttons pressed before."""
+"""Saves the evidence of a failed wait: a folder with pictures and a list of the buttons pressed so far."""
 from __future__ import annotations
 
 import time

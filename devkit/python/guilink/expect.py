@@ -1,4 +1,4 @@
-"""Expectations of a script: a reference picture or a condition, for a part of the screen."""
+"""What a script expects of the screen: a part of it shows a reference picture, or meets a condition."""
 from __future__ import annotations
 
 import os
@@ -27,8 +27,8 @@ class View:
         self._mask = mask if isinstance(mask, np.ndarray) else list(mask)
 
     def of(self, screen: Screen) -> Screen:
-        """Cuts out the region. If the screen is too small for the region, returns the whole screen: its size differs
-        from that of a reference, so a comparison fails."""
+        """Returns the part of the screen inside the region. If the region does not fit into the screen, returns the
+        whole screen. Its size differs from the size of a reference, so a comparison fails."""
         if self.region is None:
             return screen
         x, y, width, height = self.region
@@ -36,7 +36,7 @@ class View:
         return screen.crop(self.region) if fits else screen
 
     def diff(self, one: Screen, other: Screen) -> Difference:
-        """Compares two parts that `of` returned."""
+        """Compares two screens that `self.of()` has returned."""
         difference = one.diff(other, self._mask_of(one), self.tolerance)
         return replace(difference, origin=self.region[:2]) if self.region else difference
 
@@ -59,7 +59,7 @@ class View:
 
 
 class Expectation:
-    """Expects the view of a screen to show a reference (a screen or a file), or to meet a condition."""
+    """Expects that the viewed part of a screen shows a reference (a screen or a file), or meets a condition."""
 
     def __init__(self, what: Reference, view: View, name: str | None = None):
         self.view = view
@@ -83,5 +83,5 @@ class Expectation:
         return part == self.reference or not self.difference(part)
 
     def difference(self, part: Screen) -> Difference | None:
-        """Returns the difference from the reference; None if this is a condition, which has no reference."""
+        """Returns how `part` differs from the reference. Returns None if a condition is expected, not a reference."""
         return self.view.diff(part, self.reference) if self.reference else None

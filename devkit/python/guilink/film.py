@@ -74,7 +74,7 @@ class Film:
         if not pictures:
             raise GuilinkError(f"cannot write {os.fspath(path)}: no picture has arrived")
         if len(pictures) == 1:
-            pictures[0].save(path)  # Pillow makes no animation of one picture
+            pictures[0].save(path)  # Pillow cannot write an animation of one picture
         else:
             pictures[0].save(path, save_all=True, append_images=pictures[1:], duration=durations, loop=0)
 
@@ -100,7 +100,7 @@ class Film:
                                    + complaint.read().decode(errors="replace").strip())
 
     def _images(self, fps: int, scale: int, progress: Progress | None) -> Iterator[Image.Image]:
-        """Yields one image per tick. While nothing changes, yields the same object."""
+        """Yields `fps` images per second. While nothing changes, yields the same object again."""
         shots = iter(self._shots)
         following = next(shots, None)
         shown = image = screen = size = None
@@ -143,13 +143,14 @@ def can_save(path: str | os.PathLike[str]) -> bool:
 
 
 def _rgb(payload: bytes, scale: int) -> Image.Image | None:
-    """Returns the picture over black, or None if it is damaged."""
+    """Returns the picture on a black background, or None if the picture is damaged."""
     try:
         image = Screen.decode(payload).image().convert("RGBa")
     except DamagedPicture:
         return None
     image = image.reduce(scale) if scale > 1 else image
-    return Image.merge("RGB", image.split()[:3])  # premultiplied colours are the colours over black
+    # The colours of an "RGBa" image are multiplied by alpha. Without alpha, they look as on a black background.
+    return Image.merge("RGB", image.split()[:3])
 
 
 def _font() -> ImageFont.ImageFont | ImageFont.FreeTypeFont:

@@ -56,10 +56,10 @@ Listener = Callable[[Picture], None]  # runs on the link's thread: must neither 
 
 
 class Link(Protocol):
-    """A link to a device. Any thread may call; `deadline` is a time.monotonic().
+    """A link to a device. Any thread may call the methods. `deadline` is a value of time.monotonic().
 
-    Device and the layers above use only this interface, so that a script works the same with its own link
-    (Companion) and with a shared one (Viewer).
+    `guilink.device.Device` uses a link only through this interface. So a script works the same whether it has a
+    link of its own (Companion) or shares one (Viewer).
     """
 
     pictures: Pictures
@@ -77,7 +77,7 @@ class Link(Protocol):
         Returns the number of the last picture before the confirmation. Throws LinkError."""
 
     def send_text(self, text: bytes, deadline: float) -> int:
-        """Sends a line for the device's log. Waits, returns and throws as press does."""
+        """Sends a line for the device's log. Waits, returns and throws like `press`."""
 
     def close(self) -> None: ...
 
@@ -101,7 +101,7 @@ class Pictures:
     def add(self, payload: bytes) -> None:
         with self.condition:
             if self._recent and self._recent[-1].payload == payload:
-                payload = self._recent[-1].payload  # reuse it: a repeat costs no memory and no decoding
+                payload = self._recent[-1].payload  # share the bytes, so that a repeat costs no memory and no decoding
             else:
                 self._bytes += len(payload)
             self._number += 1

@@ -1,6 +1,6 @@
 """Converts the runs of an ImageMessage to a numpy array, and back.
 
-docs/link-protocol.md, Images, shows the layout. An array has height x width words of 16 bits, ARGB 4:4:4:4.
+"Images" in docs/link-protocol.md shows the layout. An array has height x width words of 16 bits, ARGB 4:4:4:4.
 """
 from __future__ import annotations
 
@@ -20,7 +20,8 @@ class DamagedPicture(ValueError):
 
 
 def decode(payload: bytes) -> Pixels:
-    """Returns the pixels of an ImageMessage, read-only. The last pixel, never sent, equals its neighbour."""
+    """Returns the pixels of an ImageMessage as a read-only array. The message lacks the last pixel, which gets the
+    value of the pixel before it."""
     if len(payload) < 4 or len(payload) % 4:
         raise DamagedPicture(f"a picture of {len(payload)} bytes is cut off")
     words = np.frombuffer(payload, "<u2")
@@ -34,10 +35,10 @@ def decode(payload: bytes) -> Pixels:
     if described != count - 1:
         raise DamagedPicture(f"runs of {described} pixels in a picture of {width} x {height}, "
                              f"which needs {count - 1}")
-    if not lengths.all():  # drop empty runs: below, each run needs an index of its own
+    if not lengths.all():  # drop empty runs, because below each run needs a start index of its own
         ends, values = ends[lengths > 0], values[lengths > 0]
     # Write only the difference (XOR) from the previous run, at the start of each run. Accumulated, these
-    # differences fill all runs. Three times as fast as np.repeat.
+    # differences fill all runs. This is three times as fast as np.repeat.
     pixels = np.zeros(count, np.uint16)
     if values.size:
         pixels[0] = values[0]
@@ -51,7 +52,7 @@ def encode(pixels: Pixels) -> bytes:
     """Returns the payload that a device sends: without the last pixel, and with transparent pixels as 0."""
     height, width = pixels.shape
     sent = pixels.reshape(-1)[:-1].astype(np.uint16)
-    sent[1:][sent[1:] < OPAQUE_MIN] = 0  # the first pixel is sent unchanged
+    sent[1:][sent[1:] < OPAQUE_MIN] = 0  # a device sends the first pixel unchanged
     changes = np.flatnonzero(sent[1:] != sent[:-1]) + 1
     starts = [0, *changes.tolist()] if sent.size else []
     words = [width, height]

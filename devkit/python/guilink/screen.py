@@ -85,7 +85,7 @@ class Screen:
         return f"<Screen {self.width} x {self.height}>"
 
     def diff(self, other: Screen, mask: Mask = (), tolerance: int = 0) -> Difference:
-        """Returns where, outside `mask`, a channel (0 to 15) differs by more than `tolerance`."""
+        """Returns where the screens differ: outside `mask`, and in some channel by more than `tolerance` (0 to 15)."""
         if self.pixels.shape != other.pixels.shape:
             return Difference(self, other, None)
         differs = self.pixels != other.pixels
@@ -103,7 +103,8 @@ class Screen:
         height, width = self.height - reference.height + 1, self.width - reference.width + 1
         if height <= 0 or width <= 0:
             return None
-        # Search for the reference's pixel value that is rarest on the screen: it leaves the fewest places to compare.
+        # Of the pixel values in the reference, take the one that is rarest on the screen. The reference can lie only
+        # where the screen has this value, so few places remain to be compared.
         values, counts = np.unique(self.pixels, return_counts=True)
         found = dict(zip(values.tolist(), counts.tolist()))
         probe = min(np.unique(reference.pixels).tolist(), key=lambda value: found.get(value, 0))
@@ -116,8 +117,8 @@ class Screen:
         return None
 
     def _edges_match(self, places: NDArray[np.intp], reference: Screen) -> NDArray[np.bool_]:
-        """Returns, for each place, whether the screen equals the reference at a sample of the points where the
-        reference changes colour. Quickly excludes most wrong places."""
+        """Returns a flag for each of `places`: false if the screen does not show the reference there. Compares only
+        some pixels, at points where the reference changes colour. This quickly excludes most wrong places."""
         changes = np.argwhere(reference.pixels[:, 1:] != reference.pixels[:, :-1])
         match = np.ones(len(places), bool)
         for y, x in changes[::max(1, len(changes) // 16)].tolist():
@@ -189,7 +190,7 @@ class Difference:
                 f"by up to {self.largest} of 15 steps in {', '.join(channels)}")
 
     def image(self) -> Image.Image:
-        """Returns the first screen in dim grey, with red where the other differs."""
+        """Returns the first screen in dim grey, with the pixels that differ in red."""
         grey = self.one.image().convert("RGBa").convert("L").point(lambda level: level // 3)
         picture = np.asarray(grey.convert("RGB")).copy()
         if self.where is not None:

@@ -18,8 +18,8 @@ from websockets.exceptions import InvalidHandshake, WebSocketException
 from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices
 from guilink.wire import MAX_PAYLOAD
 
-RECONNECT = 0.25  # s between attempts
-HANDSHAKE = 10.0  # s; limit for an attempt
+RECONNECT = 0.25  # s between two attempts to connect
+HANDSHAKE = 10.0  # s; limit for each attempt to connect
 
 
 @dataclass(eq=False)
@@ -28,13 +28,13 @@ class Order:
 
     message: dict[str, Any]
     sent: bool = False
-    number: int = 0   # number of the last picture before the answer
+    number: int = 0   # number of the last picture that arrived before the answer
     done: bool = False
     why_not: str = ""
 
 
 class Viewer:
-    """Implements `guilink.link.Link`. With `device`, makes the viewer link to that device."""
+    """Implements `guilink.link.Link` through a running viewer. If `device` is given, makes the viewer link to it."""
 
     def __init__(self, url: str, device: str | None = None):
         parts = urlsplit(url if "://" in url else f"http://{url}")
@@ -159,7 +159,7 @@ class Viewer:
             self._loop.run_until_complete(self._task)
         except asyncio.CancelledError:
             pass
-        except Exception as error:  # a fault of this module: end the waits of other threads
+        except Exception as error:  # a bug in this module; the waits of other threads must end
             with self._changed:
                 self._failure = GuilinkError(f"the link's thread failed: {error!r}")
                 self._failure.__cause__ = error
