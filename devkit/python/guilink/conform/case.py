@@ -1,5 +1,5 @@
-"""Cases and their verdicts. A case names the rules that it judges; its function plays the other end of the
-link against the subject, which is the companion or device under test."""
+"""Test cases and their verdicts. A case names the rules that it checks. Its function plays the other end of the link
+for the subject, which is the companion or device under test."""
 from __future__ import annotations
 
 import time
@@ -23,16 +23,16 @@ class Broken(Exception):
 
 
 class Untestable(Exception):
-    """The case cannot judge its rules."""
+    """The case cannot find out whether the subject keeps the rules."""
 
 
 @dataclass(frozen=True)
 class Case:
     name: str
-    side: str                     # of the subject: companion or device
+    side: str                     # what the case tests: "companion" or "device"
     rules: tuple[str, ...]
     play: Callable[[Any], None]   # called with a Trial or a DeviceTrial
-    gentle: bool = True           # harmless for a real device
+    gentle: bool = True           # whether the case is harmless for a real device
 
     @property
     def text(self) -> str:
@@ -70,7 +70,7 @@ class Judge:
             self.blame(rule, text, expected, actual)
 
     def refuse(self, rule: str, broken: object, text: str, actual: bytes = b"") -> None:
-        """Notes the rule if it is broken. Unlike `require`, never notes it as kept."""
+        """Notes the rule as broken if `broken` is true. Otherwise, unlike `require`, notes nothing."""
         if broken:
             self.blame(rule, text, b"", actual)
 
@@ -95,12 +95,12 @@ class Result:
 
     @property
     def identifier(self) -> str:
-        """The result's line in a baseline."""
+        """The line that stands for this result in a baseline, which is a file of expected faults."""
         return f"{self.case.name} {self.fault.rule if self.fault else ''}".strip()
 
 
 def run_once(case: Case, trial: Any, stage: Stage) -> Result:
-    """Plays a case once and judges."""
+    """Runs a case once, and determines the verdict."""
     started, judge = time.monotonic(), trial.judge
     result = Result(case, PASSED, kept=judge.kept, exchange=stage.exchange)
     broken: list[Fault] = []
@@ -110,7 +110,8 @@ def run_once(case: Case, trial: Any, stage: Stage) -> Result:
         broken = [error.fault]
     except Untestable as error:
         result.verdict, result.reason = UNTESTABLE, str(error)
-    # Report the end of the subject and its faults first: they may be the cause of what `play` found.
+    # If the subject has crashed or sent faulty bytes, report this first, because it may have caused the fault that
+    # `case.play` found.
     faults = trial.died() + [f for f in stage.faults if RULES[f.rule].strength == "must"] + broken
     if faults and not (broken and trial.gave_up()):
         result.verdict, result.fault = FAILED, faults[0]

@@ -1,4 +1,4 @@
-"""Cases for a companion: being found."""
+"""Test cases: how a companion answers the broadcasts of devices."""
 from __future__ import annotations
 
 from guilink.conform.case import case
@@ -7,41 +7,41 @@ from guilink.conform.scripted_device import ANSWER
 from guilink.conform.stage import UdpSocket
 from guilink.wire import HEADER, START, MessageType, frame
 
-SWEEPS = 4
+BROADCASTS = 4
 LARGEST = 1472  # bytes; the largest broadcast that fits into one Ethernet frame
 
 
 @case("companion", "DISC-3", "DISC-4", "DISC-5", "DISC-7", "LINK-1")
 def answers_a_broadcast(trial: Trial) -> None:
-    """The device broadcasts; the companion answers, accepts the connection, and asks to be the link."""
+    """The device broadcasts; the companion must answer, accept the connection, and send a ConnectRequest."""
     trial.candidate()
 
 
 @case("companion", "DISC-5")
 def answers_every_broadcast(trial: Trial) -> None:
-    """The device searches several times in a row; the companion must answer each broadcast."""
+    """The device broadcasts several times in a row; the companion must answer each broadcast."""
     trial.find()
-    for sweep in range(SWEEPS):
+    for number in range(BROADCASTS):
         before = trial.device.answers
         trial.device.call()
         trial.judge.require("DISC-5", trial.stage.until(lambda: trial.device.answers > before),
-                            f"broadcast {sweep + 2} is not answered")
+                            f"broadcast {number + 2} is not answered")
 
 
 @case("companion", "DISC-5")
 def answers_overlapping_searches(trial: Trial) -> None:
-    """Several searches of the device broadcast at once; the companion must answer each broadcast."""
+    """The device sends several broadcasts at once; the companion must answer each of them."""
     trial.find()
     before = trial.device.answers
-    for _ in range(SWEEPS):
+    for _ in range(BROADCASTS):
         trial.device.call()
-    trial.judge.require("DISC-5", trial.stage.until(lambda: trial.device.answers >= before + SWEEPS),
-                        f"{SWEEPS} broadcasts at once, {trial.device.answers - before} answers")
+    trial.judge.require("DISC-5", trial.stage.until(lambda: trial.device.answers >= before + BROADCASTS),
+                        f"{BROADCASTS} broadcasts at once, {trial.device.answers - before} answers")
 
 
 @case("companion", "DISC-5")
 def answers_after_a_connection_was_given_up(trial: Trial) -> None:
-    """The device closes a connection and broadcasts again."""
+    """The device closes a connection and broadcasts again; the companion must answer."""
     trial.candidate().close()
     trial.find()
     trial.candidate(find=False).close()
@@ -50,7 +50,7 @@ def answers_after_a_connection_was_given_up(trial: Trial) -> None:
 
 @case("companion", "DISC-5")
 def answers_as_a_candidate(trial: Trial) -> None:
-    """The device broadcasts again while the companion has a connection that is not the link yet."""
+    """The device broadcasts again before the connection is the link; the companion must answer."""
     channel = trial.candidate()
     for _ in range(2):
         before = trial.device.answers
@@ -62,7 +62,7 @@ def answers_as_a_candidate(trial: Trial) -> None:
 
 @case("companion", "DISC-6", "LINK-10")
 def ignores_strange_datagrams(trial: Trial) -> None:
-    """Strange datagrams arrive, each from a different port, then a broadcast; only the broadcast may be answered."""
+    """The device sends strange datagrams and a broadcast; the companion must answer only the broadcast."""
     identity = frame(MessageType.IDENTITY, trial.device.identity)
     wrong_checksum = bytearray(identity)
     wrong_checksum[-1] ^= 1
@@ -86,7 +86,7 @@ def ignores_strange_datagrams(trial: Trial) -> None:
 
 @case("companion", "DISC-11")
 def accepts_a_long_version(trial: Trial) -> None:
-    """The device sends the largest broadcast that fits into one Ethernet frame; the companion must answer."""
+    """The device sends the largest broadcast that fits an Ethernet frame; the companion must answer."""
     trial.find()
     trial.device.identity = b"11111" + b"v" * (LARGEST - HEADER.size - 5)
     before = trial.device.answers
@@ -98,7 +98,7 @@ def accepts_a_long_version(trial: Trial) -> None:
 
 @case("companion", "DISC-10")
 def second_device_calls_while_linked(trial: Trial) -> None:
-    """Another device broadcasts while the companion is linked; the link continues."""
+    """Another device broadcasts while the companion is linked; the companion must stay linked."""
     channel = trial.link()
     linked = trial.keep_alives(channel)
     other = trial.other_device()
@@ -111,7 +111,7 @@ def second_device_calls_while_linked(trial: Trial) -> None:
 
 @case("companion", "LINK-9")
 def device_returns_with_a_new_identity(trial: Trial) -> None:
-    """The device closes the link and broadcasts another identity from the same address."""
+    """The device closes the link and broadcasts a new identity; the companion must answer."""
     channel = trial.link()
     trial.keep_alives(channel)
     channel.close()
@@ -121,6 +121,6 @@ def device_returns_with_a_new_identity(trial: Trial) -> None:
 
 @case("companion", "LINK-9")
 def lost_device_has_a_new_identity(trial: Trial) -> None:
-    """The device restarts without closing the link, and broadcasts another identity from the same address."""
+    """The device falls silent, then broadcasts a new identity; the companion must answer."""
     late = trial.answer_to_lost_device(trial.candidate(), b"44444fw1.1")
     trial.judge.require("LINK-9", not late, f"the new identity from the same address {late}")

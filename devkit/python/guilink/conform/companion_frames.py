@@ -1,4 +1,4 @@
-"""Cases for a companion: split, joined and damaged frames. The picture that the companion shows decides the verdict."""
+"""Test cases: a companion receives split, joined and damaged frames. What it then shows decides the verdict."""
 from __future__ import annotations
 
 from typing import Callable
@@ -19,7 +19,7 @@ def image(pixels: Pixels) -> bytes:
 
 
 def shows_after(trial: Trial, rule: str, what: str, send: Callable[[Channel, bytes], object]) -> None:
-    """Sends an image by means of `send`; the companion must show the image."""
+    """Calls `send`, which sends an image among other bytes. The companion must then show this image."""
     channel, wanted = trial.candidate(), trial.picture()
     send(channel, image(wanted))
     trial.judge.refuse(rule, channel.ended, f"the companion closes the link: {what}")
@@ -29,7 +29,7 @@ def shows_after(trial: Trial, rule: str, what: str, send: Callable[[Channel, byt
 
 @case("companion", "FRAME-4")
 def frame_byte_by_byte(trial: Trial) -> None:
-    """An identity, then an image, byte by byte."""
+    """The device sends an identity and an image byte by byte; the companion must show the image."""
     identity = frame(MessageType.IDENTITY, trial.device.identity)
     shows_after(trial, "FRAME-4", "every byte on its own",
                 lambda channel, data: channel.send_parts(*(bytes([b]) for b in identity + data)))
@@ -37,7 +37,7 @@ def frame_byte_by_byte(trial: Trial) -> None:
 
 @case("companion", "FRAME-4")
 def frames_cut_at_every_place(trial: Trial) -> None:
-    """The same image many times, each time split at another byte; then another image."""
+    """The device sends images, each split at another byte; the companion must show the image after them."""
     channel, first, wanted = trial.candidate(), image(PLAIN), trial.picture()
     for cut in range(1, len(first)):
         channel.send_parts(first[:cut], first[cut:])
@@ -48,7 +48,7 @@ def frames_cut_at_every_place(trial: Trial) -> None:
 
 @case("companion", "FRAME-4")
 def frames_in_one_piece(trial: Trial) -> None:
-    """An identity, a text and images, all in one write."""
+    """The device sends an identity, a text and images at once; the companion must show the last image."""
     identity = frame(MessageType.IDENTITY, trial.device.identity)
     shows_after(trial, "FRAME-4", "several frames at once", lambda channel, data: channel.send(
         identity + frame(MessageType.DATA, b"text") + image(PLAIN) + data))
@@ -56,10 +56,10 @@ def frames_in_one_piece(trial: Trial) -> None:
 
 @case("companion", "FRAME-5")
 def bytes_between_frames(trial: Trial) -> None:
-    """Bytes that belong to no frame, among them the beginning of a start sequence."""
+    """The device sends stray bytes, then an image; the companion must show the image."""
     def send(channel: Channel, data: bytes) -> None:
         watch_of(channel).answering = False
-        trial.keep_alives(channel, 1)  # the companion has read everything, so the damage arrives alone
+        trial.keep_alives(channel, 1)  # wait until the companion has read all, so that the stray bytes arrive alone
         channel.send(GARBAGE + image(PLAIN) + START[:20] + GARBAGE + START[:31] + data)
 
     shows_after(trial, "FRAME-5", "bytes before the frame", send)
@@ -67,7 +67,7 @@ def bytes_between_frames(trial: Trial) -> None:
 
 @case("companion", "FRAME-5")
 def bytes_without_a_frame(trial: Trial) -> None:
-    """Many bytes that belong to no frame; the start sequence after them arrives in two pieces."""
+    """The device sends 5000 stray bytes, then an image in two pieces; the companion must show the image."""
     shows_after(trial, "FRAME-5", "a start sequence in two pieces behind other bytes",
                 lambda channel, data: channel.send_parts(bytes(5000) + data[:10], data[10:],
                                                          between=lambda: trial.keep_alives(channel, 1)))
@@ -77,7 +77,7 @@ def bytes_without_a_frame(trial: Trial) -> None:
 def wrong_checksum(trial: Trial) -> None:
     """A frame with a wrong checksum, then a good one; the companion must show only the good one."""
     damaged = bytearray(image(PLAIN))
-    damaged[HEADER.size - 10] ^= 1  # in the checksum
+    damaged[HEADER.size - 10] ^= 1  # changes the checksum
 
     first = trial.picture()
 
@@ -94,7 +94,7 @@ def wrong_checksum(trial: Trial) -> None:
 
 @case("companion", "FRAME-7")
 def absurd_length(trial: Trial) -> None:
-    """Headers that announce more than a payload may have; a good frame follows each."""
+    """The device sends headers with too large a length; the companion must show the image after them."""
     def send(channel: Channel, data: bytes) -> None:
         for length in (0xFFFFFFFF, 0x80000000, MAX_PAYLOAD + 1):
             channel.send(HEADER.pack(START, 0, length, MessageType.IMAGE))
@@ -106,7 +106,7 @@ def absurd_length(trial: Trial) -> None:
 
 @case("companion", "FRAME-8")
 def unknown_types(trial: Trial) -> None:
-    """Frames of unknown types, and of types that only companions send."""
+    """The device sends frames of types that a companion does not use; the companion must skip them."""
     others = [frame(kind, b"x" * kind) for kind in (0, 1, 4, 5, 7, 99, 255)]
     largest = frame(0xFFFF, image(PLAIN) * 3)  # its payload contains frames, which the companion must not read
 
@@ -125,7 +125,7 @@ def unknown_types(trial: Trial) -> None:
 
 @case("companion", "FRAME-12", gentle=False)
 def damaged_length(trial: Trial) -> None:
-    """A wrong but possible length: the companion skips that many bytes, at most 1 MiB, and continues."""
+    """The device sends a wrong but possible length; after at most 1 MiB the companion must show an image."""
     wanted = trial.picture()
     channel = trial.candidate()
     channel.send(HEADER.pack(START, 1, MAX_PAYLOAD, MessageType.IMAGE))
@@ -137,7 +137,7 @@ def damaged_length(trial: Trial) -> None:
 
 @case("companion", "FRAME-9", gentle=False)
 def largest_image(trial: Trial) -> None:
-    """A payload of exactly 1,048,576 bytes: 262,143 runs."""
+    """The device sends an image with the largest payload, 1,048,576 bytes; the companion must show it."""
     runs = MAX_PAYLOAD // 4 - 1
     pixels = np.where(np.arange(runs + 1) % 2, 0xF00F, 0xFF00).astype(np.uint16).reshape(512, 512)
     payload = encode(pixels)
@@ -149,7 +149,7 @@ def largest_image(trial: Trial) -> None:
 
 @case("companion", "LINK-8")
 def half_a_frame_on_the_last_connection(trial: Trial) -> None:
-    """A connection ends inside a frame; the next one begins with an image."""
+    """A connection ends inside a frame, and the next begins with an image, which the companion must show."""
     channel = trial.link()
     channel.send(HEADER.pack(START, 1, MAX_PAYLOAD // 2, MessageType.IMAGE) + bytes(100))
     trial.keep_alives(channel, 1)

@@ -1,4 +1,4 @@
-"""Cases for a companion: becoming the link, keeping it, and finding it again."""
+"""Test cases: how a companion gets a link, keeps it, and gets a new link after a loss."""
 from __future__ import annotations
 
 import time
@@ -11,18 +11,18 @@ from guilink.conform.stage import Channel
 from guilink.picture import encode
 from guilink.wire import MessageType, frame
 
-DEAD = 9               # connections that the device closes before the companion accepts them
-REPEATS = 3            # further ConnectRequests, which show that the companion repeats them
-KEEP_ALIVES = 5
-MUST_GAP = 2.0         # s; longest time between two ControlMessages
-SHOULD_GAP = 1.0       # s; twice the recommended time
-LOAD = 120             # images in the flood
-STALL = 3.0            # s of full buffers, after which a device closes the link
+DEAD = 9               # number of connections that the device closes before the companion accepts them
+REPEATS = 3            # number of further ConnectRequests that the companion must send
+KEEP_ALIVES = 5        # number of ControlMessages to wait for
+MUST_GAP = 2.0         # s; longest permitted time between two ControlMessages
+SHOULD_GAP = 1.0       # s between two ControlMessages; the kit warns above this. 0.5 s is recommended.
+LOAD = 120             # number of images that the device sends without a pause
+STALL = 3.0            # s; a device closes the link after its send buffer has been full for this long
 
 
 @case("companion", "LINK-1", "LINK-2")
 def repeats_its_request(trial: Trial) -> None:
-    """No image comes, only answers to identity requests; the companion must repeat its ConnectRequest."""
+    """The device sends its identity, but no image; the companion must repeat its ConnectRequest."""
     channel = trial.candidate()
     for _ in range(2):
         channel.send(frame(MessageType.IDENTITY, trial.device.identity))
@@ -35,7 +35,7 @@ def repeats_its_request(trial: Trial) -> None:
 
 @case("companion", "LINK-2")
 def damaged_image_is_no_link(trial: Trial) -> None:
-    """The device sends an image with a wrong checksum; the companion must not stop its ConnectRequests."""
+    """The device sends an image with a wrong checksum; the companion must repeat its ConnectRequest."""
     channel = trial.candidate()
     damaged = bytearray(frame(MessageType.IMAGE, encode(PLAIN)))
     damaged[-1] ^= 1
@@ -49,7 +49,7 @@ def damaged_image_is_no_link(trial: Trial) -> None:
 
 @case("companion", "PRESS-1", "PRESS-2")
 def presses_nothing_early(trial: Trial) -> None:
-    """The device holds back its answers and its image, then sends them; the companion must not press before that."""
+    """The device holds back its answers and images; until they arrive, the companion must not press."""
     channel = trial.candidate()
     watch_of(channel).answering = False
     trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= 2, SECOND)
@@ -63,8 +63,8 @@ def presses_nothing_early(trial: Trial) -> None:
 
 @case("companion", "LINK-3")
 def uses_the_live_one_of_ten(trial: Trial) -> None:
-    """Ten connections wait to be accepted; the device has closed nine of them."""
-    trial.candidate().close()  # so the companion has no link any more
+    """The device opens ten connections and closes nine; the companion must use the tenth."""
+    trial.candidate().close()  # now the companion has no open connection
     trial.find()
     waiting = [trial.device.connect() for _ in range(DEAD + 1)]
     for dead in waiting[:DEAD]:
@@ -78,8 +78,8 @@ def uses_the_live_one_of_ten(trial: Trial) -> None:
 
 @case("companion", "LINK-4")
 def leaves_silent_connections(trial: Trial) -> None:
-    """The device opens three connections and is silent on two; the companion must use the third one."""
-    trial.candidate().close()  # so the companion has no link any more
+    """The device opens three connections and is silent on two; the companion must use the third."""
+    trial.candidate().close()  # now the companion has no open connection
     trial.find()
     channels = [trial.device.connect() for _ in range(3)]
     for channel in channels[:2]:
@@ -91,7 +91,7 @@ def leaves_silent_connections(trial: Trial) -> None:
 
 @case("companion", "LINK-5")
 def closes_further_connections(trial: Trial) -> None:
-    """The device opens a second connection while the first one is the link; the companion should close the second."""
+    """The linked device opens a second connection; the companion should close this second connection."""
     channel = trial.link()
     trial.keep_alives(channel)
     second = trial.device.connect()
@@ -103,7 +103,7 @@ def closes_further_connections(trial: Trial) -> None:
 
 @case("companion", "LINK-6")
 def device_has_dropped_the_link(trial: Trial) -> None:
-    """The device falls silent on the link and broadcasts again, because it has dropped the link."""
+    """The device drops the link silently and broadcasts; the companion must close the link and answer."""
     channel = trial.candidate()
     late = trial.answer_to_lost_device(channel, trial.device.identity)
     trial.judge.require("LINK-6", not late, f"the link's device broadcasts, and {late}")
@@ -113,7 +113,7 @@ def device_has_dropped_the_link(trial: Trial) -> None:
 
 @case("companion", "LINK-7")
 def late_broadcast_of_an_old_search(trial: Trial) -> None:
-    """Right after the first image, earlier searches of the device still broadcast; the link must continue."""
+    """The device broadcasts right after its first image; the companion must keep the link."""
     channel = trial.link()
     trial.stage.serve()
     for _ in range(2):
@@ -123,7 +123,7 @@ def late_broadcast_of_an_old_search(trial: Trial) -> None:
 
 @case("companion", "LINK-3", "LINK-10")
 def link_ends_in_every_way(trial: Trial) -> None:
-    """The device closes or resets the connection: before any message, between images, or inside a frame."""
+    """The device closes or resets a connection, even inside a frame; the companion must answer again."""
     inside = frame(MessageType.IMAGE, encode(PLAIN))[:50]
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link()
@@ -140,7 +140,7 @@ def link_ends_in_every_way(trial: Trial) -> None:
 
 @case("companion", "TIME-1", "TIME-2", "TIME-3", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11")
 def keeps_the_link_alive(trial: Trial) -> None:
-    """The device repeats its image; the companion keeps the link alive."""
+    """The device repeats its image; the companion must send keep-alives in time."""
     channel = trial.link()
     trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= KEEP_ALIVES,
                       trial.stage.patience)
@@ -163,7 +163,7 @@ def judge_keep_alives(trial: Trial, channel: Channel) -> None:
 
 @case("companion", "TIME-2", "TIME-4", gentle=False)
 def reads_and_speaks_under_load(trial: Trial) -> None:
-    """The device sends images as fast as the companion reads them; the companion's keep-alives must not stop."""
+    """The device sends images without a pause; the companion must read all and send its keep-alives."""
     channel = trial.link()
     trial.keep_alives(channel, 1)
     channel.stall = STALL
@@ -180,7 +180,7 @@ def reads_and_speaks_under_load(trial: Trial) -> None:
 
 @case("companion", "TIME-5", "TIME-6")
 def device_falls_silent(trial: Trial) -> None:
-    """The device sends one image and nothing more, as if its network were lost."""
+    """The device sends one image and nothing more; the companion should close the link after 3 s."""
     channel = trial.candidate()
     trial.device.show(channel, PLAIN)
     watch_of(channel).answering = False
@@ -193,7 +193,7 @@ def device_falls_silent(trial: Trial) -> None:
 
 @case("companion", "LINK-3", "LINK-10", gentle=False)
 def a_long_life_in_seconds(trial: Trial) -> None:
-    """The device links twelve times in a row, with some images on each link."""
+    """The device links twelve times and drops each link; the companion must link once more."""
     for i in range(12):
         channel = trial.candidate()
         for _ in range(20):

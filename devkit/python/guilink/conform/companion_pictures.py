@@ -1,4 +1,4 @@
-"""Cases for a companion: images, and payloads that are not images."""
+"""Test cases: a companion shows images, and drops payloads that are not images."""
 from __future__ import annotations
 
 import struct
@@ -10,7 +10,7 @@ from guilink.conform.companion_trial import Trial, shown_of
 from guilink.picture import Pixels, encode
 from guilink.wire import MessageType, frame
 
-MEMORY = 1 << 29  # bytes that a companion may reserve for a picture
+MEMORY = 1 << 29  # bytes of memory that a companion may use for a picture
 LARGE, SMALL = (960, 1280), (768, 1024)
 
 
@@ -26,34 +26,34 @@ def show(trial: Trial, rule: str, pixels: Pixels, what: str, payload: bytes | No
 
 @case("companion", "PICT-1")
 def documented_image(trial: Trial) -> None:
-    """The 3 x 2 pixels of docs/link-protocol.md: with a transparent pixel, and a run into the next row."""
+    """The device sends the image of 3 x 2 pixels in docs/link-protocol.md; the companion must show it."""
     wanted = np.array([[0xF0BC, 0, 0xF00F], [0xF00F] * 3], np.uint16)
     show(trial, "PICT-1", wanted, "the image of 3 x 2 pixels")
 
 
 @case("companion", "PICT-2")
 def last_pixel(trial: Trial) -> None:
-    """The last run has one pixel; the companion must repeat it for the last pixel, which is not sent."""
+    """The device omits the last pixel of an image; the companion must repeat the pixel before it."""
     wanted = np.array([[0xF111, 0xF222], [0xF333, 0xF333]], np.uint16)
     show(trial, "PICT-2", wanted, "an image of 2 x 2 pixels", words(2, 2, 1, 0xF111, 1, 0xF222, 1, 0xF333))
 
 
 @case("companion", "PICT-2", "LINK-10")
 def single_pixel(trial: Trial) -> None:
-    """An image of one pixel has no run."""
+    """The device sends an image of one pixel, which has no run; the companion must show it."""
     show(trial, "PICT-2", np.zeros((1, 1), np.uint16), "an image of one pixel", words(1, 1))
 
 
 @case("companion", "PICT-3")
 def every_opaque_colour(trial: Trial) -> None:
-    """All 4096 opaque pixel values, one run each."""
+    """The device sends an image with all 4096 opaque colours; the companion must show it exactly."""
     pixels = shown_of(np.arange(0xF000, 0x10000, dtype=np.uint32).astype(np.uint16).reshape(64, 64))
     show(trial, "PICT-3", pixels, "all opaque colours")
 
 
 @case("companion", "PICT-3")
 def every_transparency(trial: Trial) -> None:
-    """All values of alpha, with some colours."""
+    """The device sends an image with all alpha values but 0; the companion must show it exactly."""
     values = [alpha << 12 | colour for alpha in range(1, 16) for colour in (0xF00, 0x0F0, 0x00F, 0x123)]
     wanted = shown_of(np.array(values, np.uint16).reshape(6, 10))
     show(trial, "PICT-3", wanted, "all values of alpha")
@@ -61,7 +61,7 @@ def every_transparency(trial: Trial) -> None:
 
 @case("companion", "PICT-1")
 def longest_runs(trial: Trial) -> None:
-    """Runs of 65535 pixels over many rows, and of one pixel."""
+    """The device sends an image with runs of 65535 pixels; the companion must show it exactly."""
     pixels = np.full(LARGE, 0xF123, np.uint16)
     pixels[500, 7] = 0xFABC
     show(trial, "PICT-1", pixels, "runs of 65535 pixels")
@@ -69,7 +69,7 @@ def longest_runs(trial: Trial) -> None:
 
 @case("companion", "PICT-4")
 def size_changes(trial: Trial) -> None:
-    """Images whose size changes: small, large, small."""
+    """The device sends a small, a large and a small image; the companion must show each."""
     channel = trial.candidate()
     for size, colour in ((SMALL, 0xF00F), (LARGE, 0xF0F0), (SMALL, 0xFF00)):
         wanted = np.full(size, colour, np.uint16)
@@ -98,18 +98,19 @@ NO_SCREEN = {
 
 @case("companion", "PICT-5", "LINK-10")
 def damaged_images(trial: Trial) -> None:
-    """Payloads that are not images, between good images; the companion must show only the good ones."""
+    """The device sends damaged images between good ones; the companion must show only the good ones."""
     must_drop(trial, "PICT-5", DAMAGED)
 
 
 @case("companion", "PICT-6", "LINK-10", gentle=False)
 def images_of_no_screen(trial: Trial) -> None:
-    """Images of sizes that no device has, up to 65535 x 65535 pixels; the companion must drop them."""
+    """The device sends images of impossible sizes, up to 65535 x 65535; the companion must drop them."""
     must_drop(trial, "PICT-6", NO_SCREEN)
 
 
 def must_drop(trial: Trial, rule: str, payloads: dict[str, bytes]) -> None:
-    """Sends the payloads between and after two good images; the companion must drop the payloads."""
+    """Sends a good image, all the payloads, another good image, and all the payloads again. The companion must show
+    the good images only."""
     channel = trial.candidate()
     good, last = trial.picture(), trial.picture()
     trial.device.show(channel, good)

@@ -1,4 +1,4 @@
-"""The tools of a case against a companion: the scripted device, the companion's process, and its picture."""
+"""What the test cases for companions use: a scripted device, the companion's process, and the picture it shows."""
 from __future__ import annotations
 
 import io
@@ -21,17 +21,17 @@ from guilink.picture import Pixels
 from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
-START_PATIENCE = 20.0  # s; minimum time limit for the first answer of a companion that was just started
-ABOUT_TO_END = 0.5     # s; if the companion exits within this time after a fault, the exit counts as the fault's cause
+START_PATIENCE = 20.0  # s; a companion that was just started gets at least this long for its first answer
+ABOUT_TO_END = 0.5     # s; a companion that exits this soon after a fault was already ending, which explains the fault
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
-SECOND = 1.0           # s; for this long after the first image, broadcasts may come from older searches (LINK-7)
+SECOND = 1.0           # s; for this long after the first image, a broadcast may come from an earlier search (LINK-7)
 SILENCE = 3.0          # s without a byte, after which a companion closes the link
-LAST_LINES = 3         # lines of output that are quoted from a companion that has ended
+LAST_LINES = 3         # number of lines; if the companion has ended, the report quotes the end of its output
 
 
 @dataclass
 class Shown:
-    """The source of the companion's picture: a file that it writes, or a command that prints it."""
+    """Where the kit finds the picture that the companion shows: in a file, or in the output of a command."""
 
     file: Path | None = None
     command: Sequence[str] = ()
@@ -51,14 +51,14 @@ class Shown:
 
 
 class Trial:
-    """One attempt at one case."""
+    """One attempt to run one case."""
 
     broadcast, companion = sandbox.BROADCAST, sandbox.COMPANION
 
     def __init__(self, stage: Stage, subject: Subject, shown: Shown):
         self.stage, self.subject, self.shown, self.judge = stage, subject, shown, Judge()
         self._fresh = subject.ensure_running()
-        self._seen: Pixels | None = None  # the last picture that the companion was seen to show correctly
+        self._seen: Pixels | None = None  # the last picture that the companion has shown correctly
         if shown.file:
             shown.file.unlink(missing_ok=True)
         self.device = ScriptedDevice(self, sandbox.DEVICE)
@@ -66,7 +66,7 @@ class Trial:
     def other_device(self) -> ScriptedDevice:
         return ScriptedDevice(self, sandbox.OTHER_DEVICE, b"22222fw1.1")
 
-    # --- for the engine ------------------------------------------------------------------------------
+    # --- used by case.run_once -----------------------------------------------------------------------
 
     def subject_ended(self) -> bool:
         return not self.subject.alive()
@@ -81,16 +81,16 @@ class Trial:
         return []
 
     def gave_up(self) -> str:
-        """Returns why a broken rule is not the companion's fault, or an empty text if it is."""
+        """If the companion is not to blame for a broken rule, returns the reason. Otherwise returns an empty string."""
         self.stage.until(self.subject_ended, ABOUT_TO_END)
         if self.subject_ended() and self.subject.status == 0:
             return "the companion has ended by itself in the middle of the case"
         return ""
 
-    # --- for cases -----------------------------------------------------------------------------------
+    # --- used by the test cases ----------------------------------------------------------------------
 
     def find(self) -> None:
-        """Broadcasts until the companion answers. If it never does, finds out which rule it breaks."""
+        """Broadcasts until the companion answers. If it never answers, finds out which rule it breaks."""
         patience = max(START_PATIENCE, self.stage.patience) if self._fresh else self.stage.patience
         answered = self.device.call_until_answered(patience)
         self._fresh = False
@@ -108,7 +108,7 @@ class Trial:
         probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))
         self.stage.until(lambda: probe.arrived or probe.refused)
         self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed (or bound to one address?)")
-        if self.device.answers:  # a late answer: the companion was busy
+        if self.device.answers:  # the answer came late, because the companion was busy
             return
         self.judge.refuse("DISC-3", probe.arrived, "the companion receives no broadcasts, only what is sent to "
                           "its address")
@@ -117,8 +117,8 @@ class Trial:
     def candidate(self, find: bool = True) -> Channel:
         """Opens a connection, and waits until the companion has sent a ConnectRequest on it.
 
-        A companion that has not noticed the end of its last link yet closes the new connection. In this case the
-        kit does what a device does: it broadcasts again a second later.
+        As long as the companion has not noticed the end of its last link, it closes each new connection. In this case
+        the kit broadcasts again a second later, as a device does.
         """
         end = time.monotonic() + self.stage.patience
         while True:
@@ -131,22 +131,22 @@ class Trial:
                 break
             self.stage.until(lambda: time.monotonic() > self.device.called + BROADCAST_INTERVAL)
             find = True
-        rule = "LINK-3" if self.subject.greeted else "LINK-1"  # LINK-3 if earlier connections were served
+        rule = "LINK-3" if self.subject.greeted else "LINK-1"  # LINK-3 if the companion has used earlier connections
         self.judge.require(rule, asked and not channel.ended, "no ConnectRequest arrives on the connection"
                            + (", and the companion closes it" if channel.ended else ""))
         self.subject.greeted += 1
         return channel
 
     def link(self, pixels: Pixels | None = None) -> Channel:
-        """Opens a connection on which the device sends an image, and repeats it twice a second."""
+        """Opens a connection, sends an image on it, and repeats the image twice a second."""
         channel = self.candidate()
         self.device.repeat(channel, PLAIN if pixels is None else pixels)
         return channel
 
     def answer_to_lost_device(self, channel: Channel, identity: bytes) -> str:
-        """The device shows images for a second, then falls silent on the link and broadcasts `identity`. Returns
-        what is wrong with the companion's answer, or an empty text. An answer after SILENCE is too late, because
-        then the silence alone has ended the link."""
+        """Shows images for a second, then falls silent on the link and broadcasts `identity`. Returns what is wrong
+        with the companion's answer, or an empty string. The answer must come within SILENCE. A later answer proves
+        nothing, because the companion closes a link that has been silent for so long anyway."""
         began, showing = time.monotonic(), True
         self.stage.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
         self.stage.until(lambda: time.monotonic() > began + SECOND)
@@ -166,7 +166,7 @@ class Trial:
         return shown_of(drawn)
 
     def keep_alives(self, channel: Channel, more: int = 3) -> bool:
-        """Waits for `more` ControlMessages. By then the companion has handled what was sent before."""
+        """Waits for `more` ControlMessages, after which the companion has handled everything that was sent before."""
         before = channel.count(MessageType.CONTROL)
         return self.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
                                 self.stage.patience + more) and not channel.ended
@@ -215,7 +215,8 @@ class Trial:
 
 
 def shown_of(pixels: Pixels) -> Pixels:
-    """Returns opaque pixels as a companion shows them: the last pixel, which is not sent, equals its neighbour."""
+    """Returns the picture that a companion shows for opaque `pixels`. The device does not send the last pixel, so the
+    companion repeats the pixel before it."""
     seen = pixels.copy().reshape(-1)
     seen[-1] = seen[-2]
     return seen.reshape(pixels.shape)

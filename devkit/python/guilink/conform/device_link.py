@@ -1,4 +1,4 @@
-"""Cases for a device: searching, linking, losing the companion and finding it again."""
+"""Test cases: how a device searches, links, loses its companion, and finds a companion again."""
 from __future__ import annotations
 
 import time
@@ -10,15 +10,15 @@ from guilink.wire import MessageType, frame
 
 REQUEST = frame(MessageType.CONNECT_REQUEST)
 ASK = frame(MessageType.IDENTITY_REQUEST)
-FLOOD = 40       # answers to one broadcast
+FLOOD = 40       # number of answers to one broadcast
 BUFFERS = 8 << 20  # bytes; about the size of the device's and this computer's socket buffers together
-PER_HOST = 8     # connections that a device may open to one host
-SILENCE = 3.0    # s, after which a device closes the link
+PER_HOST = 8     # number of connections that a device may open to one host
+SILENCE = 3.0    # s without a byte, after which a device closes the link
 
 
 @case("device", "DISC-1", "DISC-2")
 def broadcasts(trial: DeviceTrial) -> None:
-    """The device broadcasts again and again while it has no companion."""
+    """The device has no companion, so it must broadcast again and again."""
     for _ in range(3):
         trial.broadcast()
 
@@ -45,7 +45,7 @@ def ignores_strange_answers(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-14", "LINK-18")
 def answers_a_candidate(trial: DeviceTrial) -> None:
-    """A candidate sends IdentityRequests; the device answers each once, and sends no image."""
+    """The companion sends IdentityRequests before it is linked; the device must answer, without images."""
     channel = trial.candidate()
     channel.send(ASK * 3)
     answered = trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 3)
@@ -60,7 +60,7 @@ def answers_a_candidate(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-13")
 def closes_a_silent_candidate(trial: DeviceTrial) -> None:
-    """A candidate sends nothing; the device must close the connection."""
+    """The companion sends nothing on a new connection; the device must close the connection."""
     channel = trial.candidate()
     trial.judge.require("LINK-13", trial.stage.until(lambda: channel.ended),
                         "a connection without a ConnectRequest stays open")
@@ -69,7 +69,7 @@ def closes_a_silent_candidate(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-12", "LINK-14", "DISC-12", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")
 def first_request_wins(trial: DeviceTrial) -> None:
-    """The companion has two connections and sends a ConnectRequest on the second, which must become the link."""
+    """The companion sends a ConnectRequest on one of two connections; the device must make it the link."""
     both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)
     trial.judge.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
     first, link = trial.channels[-2:]
@@ -105,7 +105,7 @@ def companion_falls_silent(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-17")
 def link_ends_in_every_way(trial: DeviceTrial) -> None:
-    """The companion closes the link, resets it, or resets it inside a frame; the device must search again."""
+    """The companion closes or resets the link, even inside a frame; the device must search again."""
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link("DISC-1" if way == "close" else "LINK-17")
         if "inside" in way:
@@ -117,7 +117,7 @@ def link_ends_in_every_way(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-16", gentle=False)
 def flood_of_answers(trial: DeviceTrial) -> None:
-    """The companion answers one broadcast many times."""
+    """The companion answers one broadcast many times; the device must open at most 8 connections."""
     called = trial.broadcast()
     for _ in range(FLOOD):
         trial.answer(called)
@@ -130,7 +130,7 @@ def flood_of_answers(trial: DeviceTrial) -> None:
 
 @case("device", "TIME-10", gentle=False)
 def companion_does_not_read(trial: DeviceTrial) -> None:
-    """The companion keeps the link alive, but does not read."""
+    """The companion sends keep-alives, but does not read; the device must search again."""
     channel = trial.link()
     trial.image(channel)
     began, before = time.monotonic(), sum(map(len, channel.payloads(MessageType.IMAGE)))

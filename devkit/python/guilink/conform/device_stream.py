@@ -1,4 +1,4 @@
-"""Cases for a device: the frames that it reads, the images that it sends, and the presses that it passes on."""
+"""Test cases: the frames that a device reads, the images that it sends, and the presses that it passes on."""
 from __future__ import annotations
 
 import time
@@ -11,14 +11,14 @@ from guilink.conform.device_trial import DeviceTrial
 from guilink.conform.stage import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
-GATE = 4.0   # s without a ControlMessage; the device must stop new images after half of this time
+GATE = 4.0   # s for which the kit sends no ControlMessage; the device must stop sending new images after 2 s
 AFTERMATH = 0.3  # s to wait for surplus answers
 SIZES = {(1280, 960), (1024, 768)}
 
 
 @case("device", "FRAME-13", gentle=False)
 def frames_cut_and_joined(trial: DeviceTrial) -> None:
-    """IdentityRequests arrive byte by byte, split at many places, and many in one piece; each must be answered."""
+    """The companion sends split and joined IdentityRequests; the device must answer each one."""
     channel = silent_link(trial)
     expected = channel.count(MessageType.IDENTITY) + 1
     channel.send_parts(*(bytes([byte]) for byte in ASK))
@@ -35,7 +35,7 @@ def frames_cut_and_joined(trial: DeviceTrial) -> None:
 
 
 def silent_link(trial: DeviceTrial) -> Channel:
-    """Returns a link without automatic keep-alives: the case must send them."""
+    """Returns a link on which the kit sends no keep-alives by itself. The case must send them."""
     channel = trial.link()
     trial.speaking.clear()
     channel.send(frame(MessageType.CONTROL))
@@ -45,8 +45,8 @@ def silent_link(trial: DeviceTrial) -> Channel:
 
 
 def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, rule: str, what: str) -> None:
-    """Sends data in which the device must find exactly `requests` IdentityRequests. Afterwards sends a separate
-    IdentityRequest: if the device finds too many in the data, the surplus answers arrive before the answer to it."""
+    """Sends data in which the device must find exactly `requests` IdentityRequests. Afterwards sends further
+    IdentityRequests until one is answered. Fails the rule if more answers than requests arrive."""
     before = channel.count(MessageType.IDENTITY)
     channel.send(data)
     trial.stage.until(lambda: channel.ended or channel.delivered())
@@ -70,7 +70,7 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, ru
 
 @case("device", "FRAME-14", "FRAME-15", "FRAME-18", gentle=False)
 def damaged_frames(trial: DeviceTrial) -> None:
-    """Stray bytes, wrong checksums and unknown types arrive; the device must answer the IdentityRequest after each."""
+    """The companion sends bad frames; the device must answer the IdentityRequest after each of them."""
     wrong = bytearray(frame(MessageType.DATA, ASK + b"."))
     wrong[32] ^= 1
     channel = silent_link(trial)
@@ -83,7 +83,7 @@ def damaged_frames(trial: DeviceTrial) -> None:
 
 @case("device", "FRAME-16", "FRAME-17", gentle=False)
 def too_long_frames(trial: DeviceTrial) -> None:
-    """The companion sends lengths that no frame may have, and more bytes than the device's buffer holds."""
+    """The companion sends impossible lengths and too many bytes; the device must still answer requests."""
     channel = silent_link(trial)
     for length in (MAX_PAYLOAD - HEADER.size + 1, 0x7FFFFFFF, 0xFFFFFFFF):
         header = HEADER.pack(START, 0, length, MessageType.DATA)
@@ -94,7 +94,7 @@ def too_long_frames(trial: DeviceTrial) -> None:
 
 @case("device", "TIME-7", "PICT-8", "PICT-9", "PICT-10", "PICT-11", "LINK-18")
 def shows_and_repeats(trial: DeviceTrial) -> None:
-    """Images must arrive on the link, and repeat."""
+    """The device must send images on the link, and repeat the last image if there is no new one."""
     channel = trial.link()
     trial.image(channel, 4)
     for payload in channel.payloads(MessageType.IMAGE)[:50]:
@@ -120,7 +120,7 @@ def judge_image(trial: DeviceTrial, payload: bytes) -> None:
 
 @case("device", "TIME-8")
 def gate_closes(trial: DeviceTrial) -> None:
-    """Without ControlMessages the device must only repeat its image; with them it must send new images again."""
+    """The companion stops its ControlMessages for a while; meanwhile the device must send no new image."""
     channel = trial.link()
     trial.image(channel, 3)
     trial.stage.until(lambda: len(set(channel.payloads(MessageType.IMAGE))) > 1)
@@ -141,7 +141,7 @@ def gate_closes(trial: DeviceTrial) -> None:
 
 @case("device", "PRESS-3", "PRESS-4", gentle=False)
 def presses_buttons(trial: DeviceTrial) -> None:
-    """The companion presses each button once, then numbers without a button, and sends payloads of the wrong size."""
+    """The companion sends valid and invalid presses; the device must pass on the right presses for each."""
     trial.hear()
     trial.broadcast()
     port = trial.control_port()
@@ -169,7 +169,7 @@ def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payl
 
 @case("device", "LINK-15", gentle=False)
 def candidate_cannot_press(trial: DeviceTrial) -> None:
-    """A candidate sends a press, a ConnectRequest and a press in one piece; the device must drop both presses."""
+    """Before it is linked, the companion sends presses; the device must drop them."""
     trial.broadcast()
     port = trial.control_port()
     channel = trial.candidate()

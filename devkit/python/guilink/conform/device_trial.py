@@ -1,4 +1,4 @@
-"""The tools of a case against a device: here the kit is the companion, and sends only what a case wants."""
+"""What the test cases for devices use. Here the kit is the companion, and sends only what a case tells it to send."""
 from __future__ import annotations
 
 import socket
@@ -13,7 +13,7 @@ from guilink.link import GuilinkError
 from guilink.wire import Identity, MessageType, frame, identity_datagram
 
 KEEP_ALIVE = 0.4       # s between keep-alives
-CONNECT_PATIENCE = 3   # number of answers to broadcasts, after which a device that has not connected fails the case
+CONNECT_PATIENCE = 3   # number of broadcasts to answer; if the device has not connected by then, the case fails
 CONTROL_PORT = ("127.0.0.1", 3426)
 
 
@@ -27,7 +27,7 @@ class Wanted:
 
 
 class Listener:
-    """The port to which the device connects."""
+    """The TCP port to which the device connects."""
 
     def __init__(self, trial: DeviceTrial):
         self.readable, self._trial = True, trial
@@ -56,13 +56,13 @@ class Listener:
 
 
 class DeviceTrial:
-    """One attempt at one case."""
+    """One attempt to run one case."""
 
     def __init__(self, stage: Stage, wanted: Wanted):
         self.stage, self.wanted, self.judge = stage, wanted, Judge()
         self.channels: list[Channel] = []  # connections that the device has opened
         self.broadcasts: list[Datagram] = []
-        self.speaking: set[int] = set()    # numbers of the channels that are kept alive
+        self.speaking: set[int] = set()    # numbers of the channels on which the kit sends keep-alives
         self._read = 0
         try:
             self._ear = UdpSocket(stage, ("", 3152))
@@ -80,7 +80,7 @@ class DeviceTrial:
     # --- discovery -----------------------------------------------------------------------------------
 
     def hear(self) -> int:
-        """Returns the number of broadcasts from the device so far, and judges the new ones."""
+        """Checks the broadcasts that have arrived since the last call. Returns the number of all broadcasts so far."""
         for datagram in self._ear.arrived[self._read:]:
             self._read += 1
             said = identity_datagram(datagram.data)
@@ -89,7 +89,8 @@ class DeviceTrial:
             if self.wanted.address not in ("", datagram.sender[0]):
                 continue
             self.broadcasts.append(datagram)
-            self.judge.kept |= set(IN_EVERY_CASE["device"])  # a fault that the stage records overrides this
+            # These rules count as kept, unless the stage records a fault against them.
+            self.judge.kept |= set(IN_EVERY_CASE["device"])
             reader = StrictReader(by_companion=False)
             reader.feed(datagram.data)
             for fault in reader.faults:
@@ -114,7 +115,7 @@ class DeviceTrial:
         probe = UdpSocket(self.stage, ("", 0))
         try:
             probe.send(b"", (address, 3153))
-        except OSError:  # not an address
+        except OSError:  # the argument is not an address
             return False
         return self.stage.until(lambda: probe.refused, 1.0)
 
@@ -125,7 +126,7 @@ class DeviceTrial:
         return self.broadcasts[-1]
 
     def answer(self, broadcast: Datagram, data: bytes = ANSWER) -> None:
-        """Answers from a new port, because the source port must not matter."""
+        """Answers from a new port, because the device must accept an answer from any port."""
         UdpSocket(self.stage, ("", 0)).send(data, broadcast.sender)
 
     # --- connections ---------------------------------------------------------------------------------
@@ -146,14 +147,14 @@ class DeviceTrial:
         raise AssertionError("a must was broken")
 
     def speak(self, channel: Channel, *kinds: int) -> None:
-        """Keeps a connection alive from now on, with messages of these types."""
+        """From now on, sends messages of these types every KEEP_ALIVE seconds, to keep the connection alive."""
         self.speaking.add(channel.number)
         words = b"".join(map(frame, kinds))
         self.stage.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
 
     def link(self, rule: str = "DISC-1") -> Channel:
-        """Returns a connection after the device has made it its link. If the device drops the connection first,
-        tries with a new one."""
+        """Waits until the device accepts a connection as the link, and returns this connection. If the device closes a
+        connection first, waits for the next one."""
         for _ in range(CONNECT_PATIENCE):
             channel = self.candidate(rule)
             self.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)

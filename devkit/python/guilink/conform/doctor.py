@@ -19,10 +19,10 @@ from guilink.link import GuilinkError
 from guilink.picture import DamagedPicture, decode
 from guilink.wire import MessageType, frame
 
-BROADCASTS = 4.0     # s to listen; a device broadcasts once a second
-IMAGES = 3.0         # s to count images
-SLOW = 1.0           # s; a slower answer is a fault: a healthy network needs milliseconds
-JUMP = 0.5           # s by which the clock may change during the checks
+BROADCASTS = 4.0     # s to wait for a broadcast; a device broadcasts once a second
+IMAGES = 3.0         # s during which images are counted
+SLOW = 1.0           # s; a slower answer counts as a fault, because a healthy network needs milliseconds
+JUMP = 0.5           # s; if the system clock and the monotonic clock drift apart by more, someone has set the clock
 ETH_IPV4 = 0x0800
 
 

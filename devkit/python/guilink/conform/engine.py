@@ -12,7 +12,7 @@ from guilink.link import GuilinkError
 
 # While one of these rules is broken, no other rule can be judged.
 BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
-GIVE_UP = 2  # cases in a row that break one of these rules; the kit then runs no further case
+GIVE_UP = 2  # number of cases in a row that break a BASIC rule; the kit then runs no further case
 NOT_RUN = "no case was run"
 
 
@@ -46,7 +46,7 @@ class Run:
         return sum(result.verdict == verdict for result in self.results)
 
     def rule_verdicts(self) -> dict[str, tuple[str, str]]:
-        """Returns verdict and reason for each rule that binds the side."""
+        """Returns the verdict and the reason for each rule that applies to the companion or device under test."""
         return {rule.id: self._verdict_of(rule.id) for rule in RULES.values() if rule.binds(self.side)}
 
     def _verdict_of(self, rule: str) -> tuple[str, str]:
@@ -101,7 +101,7 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
 
 
 def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
-    """Repeats a case that fails: on a busy machine, the subject or the kit may only have been too slow."""
+    """Repeats a case that fails, because on a busy machine the subject or the kit may only have been too slow."""
     for attempt in range(1, options.attempts + 1):
         stage = Stage(options.patience)
         try:

@@ -14,8 +14,8 @@ from guilink.conform.report import VERDICTS, repeat_command
 from guilink.conform.rules import RULES
 from guilink.wire import HEADER, START, MessageType
 
-MOST_EVENTS = 60   # number of events drawn; earlier events of an exchange are left out
-MOST_BYTES = 96    # number of expected bytes shown, and of actual bytes; later bytes are left out
+MOST_EVENTS = 60   # number of events in a drawing; earlier events of an exchange are left out
+MOST_BYTES = 96    # bytes; of the expected and of the actual data, the page shows at most this many each
 ROW = 22           # pixels between two arrows
 
 STYLE = """

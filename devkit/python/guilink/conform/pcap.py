@@ -13,14 +13,14 @@ from guilink.conform.exchange import Address, Event, Exchange
 
 MAGIC, RAW_IPV4 = 0xA1B2C3D4, 228
 FIN, SYN, RST, PSH, ACK = 1, 2, 4, 8, 16
-SEGMENT = 1460  # bytes
+SEGMENT = 1460  # bytes of data in a TCP segment
 UDP, TCP = 17, 6
 
 
 def capture(exchange: Exchange, wall: float = 0.0) -> bytes:
-    """Returns the bytes of the file. Adds `wall` to all times, to make them times of day."""
+    """Returns the content of the capture file. Adds `wall` to all times, to turn them into times of day."""
     packets = [struct.pack("<IHHiIII", MAGIC, 2, 4, 0, 0, 0x40000, RAW_IPV4)]
-    sent: dict[tuple[int, Address], int] = {}  # number of bytes, by connection and sender
+    sent: dict[tuple[int, Address], int] = {}  # number of bytes sent, by connection and sender
     for event in exchange:
         for packet in _packets(event, sent):
             seconds = event.time + wall

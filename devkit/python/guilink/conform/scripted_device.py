@@ -1,4 +1,4 @@
-"""The device that the kit plays for a companion: broadcasts, connects, answers and sends what a case wants."""
+"""The device that the kit plays for the companion under test: broadcasts, connects, answers, and shows images."""
 from __future__ import annotations
 
 import socket
@@ -14,10 +14,10 @@ if TYPE_CHECKING:
     from guilink.conform.companion_trial import Trial
 
 ANSWER = frame(MessageType.CONNECT_REQUEST)
-SEND_BUFFER = 1 << 20  # bytes; SO_SNDBUF, as a device sets it
-CALL_INTERVAL = 0.25   # s between two broadcasts until one is answered
-REPEAT = 0.5           # s between two images
-REQUESTS_TO_PRESS = 3  # ConnectRequests; after these, the answer to an IdentityRequest permits presses
+SEND_BUFFER = 1 << 20  # bytes; the device sets the same SO_SNDBUF
+CALL_INTERVAL = 0.25   # s between two broadcasts, until the companion answers
+REPEAT = 0.5           # s after which an image is sent again
+REQUESTS_TO_PRESS = 3  # ConnectRequests; once an IdentityRequest sent after these is answered, the companion may press
 
 
 class ScriptedDevice:
@@ -35,7 +35,7 @@ class ScriptedDevice:
 
     @property
     def answers(self) -> int:
-        """The number of answers so far. Reading it also judges the answers that are new."""
+        """The number of answers so far. Reading this property also checks the new answers."""
         for datagram in self._other_port.arrived:
             self._trial.stage.faults.append(Fault("DISC-4", "an answer to port 3152", ANSWER, datagram.data))
         self._other_port.arrived.clear()
@@ -51,7 +51,7 @@ class ScriptedDevice:
         return len(self.udp.arrived)
 
     def call_until_answered(self, patience: float | None = None) -> bool:
-        """Broadcasts, again and again, until the companion answers. Returns whether it did."""
+        """Broadcasts repeatedly until the companion answers. Returns whether it has answered."""
         before, stage = self.answers, self._trial.stage
         limit = stage.patience if patience is None else patience
         for _ in range(max(1, round(limit / CALL_INTERVAL))):

@@ -15,13 +15,13 @@ from guilink.conform.strict import Fault, StrictReader
 from guilink.wire import FrameReader, Message, MessageType
 
 POLL = 0.02          # s between two checks of a condition
-CHUNK = 1 << 18      # bytes per read
+CHUNK = 1 << 18      # bytes; limit of one read
 IP_RECVERR = 11      # Linux's number; Python has no name for it
-RESET_ON_CLOSE = struct.pack("ii", 1, 0)
+RESET_ON_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() then resets the connection
 
 
 class Arrived(NamedTuple):
-    """A message from the subject, the companion or device under test."""
+    """A message that the companion or device under test has sent."""
 
     time: float
     message: Message
@@ -34,7 +34,7 @@ class Datagram(NamedTuple):
 
 
 class Member(Protocol):
-    """A socket of the stage."""
+    """A socket that `Stage.serve` waits for and reads from."""
 
     readable: bool
 
@@ -46,7 +46,7 @@ class Member(Protocol):
 
 
 class Stage:
-    """One case's sockets. `patience` bounds each wait for something that must happen."""
+    """The sockets of one case. `patience` (s) limits each wait for something that must happen."""
 
     def __init__(self, patience: float):
         self.patience = patience
@@ -109,7 +109,7 @@ class UdpSocket:
         self._stage.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
         try:
             self._socket.sendto(data, target)
-        except OSError:  # this error belongs to an earlier datagram; send the new one again
+        except OSError:  # the error belongs to an earlier datagram, so send this one again
             self.refused = True
             self._socket.sendto(data, target)
 
@@ -135,7 +135,7 @@ class Channel:
         self.arrived: list[Arrived] = []
         self.ended = False      # the subject has ended the connection
         self.on_message: Callable[[Message], None] = lambda message: None
-        self.readable = True    # False: the kit does not read
+        self.readable = True    # if false, the kit does not read
         self.reader = StrictReader(by_companion)
         self.image_sent = False  # the kit has sent a whole image
         self._sent = FrameReader()
@@ -186,7 +186,7 @@ class Channel:
         return self.send_parts(data)
 
     def send_parts(self, *parts: bytes, between: Callable[[], object] = lambda: None) -> bool:
-        """Sends each part when the previous one was delivered. Data passed to `send` in the meantime goes out
+        """Sends each part after the previous one was delivered. Sends data that is passed to `send` in the meantime
         after the last part."""
         if self._sending:
             self._behind += b"".join(parts)
@@ -224,7 +224,7 @@ class Channel:
         rest = memoryview(data)
         end, before = time.monotonic() + self.stall, -1
         while rest and not self.ended and time.monotonic() < end:
-            if (left := self._left()) != before:  # the subject has read bytes, or our own buffer has accepted some
+            if (left := self._left()) != before:  # the subject or our own socket buffer has accepted bytes
                 end, before = time.monotonic() + self.stall, left
             try:
                 rest = rest[self._socket.send(rest):]

@@ -33,7 +33,7 @@ class StrictReader:
 
     @property
     def torn(self) -> bool:
-        """Whether the data ends inside a header, or right after one: that frame was not sent in one piece."""
+        """Whether the data ends inside a header or right after one. If so, its sender has split the last frame."""
         return 0 < len(self._buffer) <= HEADER.size
 
     def feed(self, data: bytes) -> list[Message]:
