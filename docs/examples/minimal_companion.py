@@ -16,11 +16,11 @@ import zlib
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")
 HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, message type
 CONTROL, BUTTON, IMAGE, IDENTITY, CONNECT, IDENTITY_REQUEST = range(6)
-MAX_PAYLOAD = 0x100000  # bytes; a length above it is damage
-KEEP_ALIVE = 0.5  # s; after 2 s without one the device sends no new images, after 3 s it drops us
-SILENCE = 3       # s without a byte, after which the link is lost: a live device answers every IdentityRequest
+MAX_PAYLOAD = 0x100000  # bytes; a header that announces more is damaged
+KEEP_ALIVE = 0.5  # s between keep-alives; without them, the device stops new images after 2 s and drops us after 3 s
+SILENCE = 3       # s without a byte, after which the link is lost, because a live device answers IdentityRequests
 TURN = 1          # s without a byte, after which we give up a connection that has shown no image yet
-OLD_SEARCH = 1    # s; for this long after the first image, a broadcast may belong to an earlier search
+OLD_SEARCH = 1    # s; for this long after the first image, a broadcast may come from a search that began earlier
 MAX_PIXELS = 1 << 22  # no device has a larger screen
 
 
@@ -44,7 +44,7 @@ def messages_in(buffer):
             yield kind, payload
         else:
             del buffer[:1]  # damaged: continue at the next start sequence
-    del buffer[:-(len(START) - 1)]  # a start sequence may begin in the rest
+    del buffer[:-(len(START) - 1)]  # keep the last bytes, because a start sequence may begin there
 
 
 def decode(payload):
@@ -57,10 +57,10 @@ def decode(payload):
         return None
     rgba = bytearray()
     pixel = bytes(4)
-    for length, value in zip(runs[0::2], runs[1::2]):  # 16 bits: alpha, red, green, blue
+    for length, value in zip(runs[0::2], runs[1::2]):  # a value has 4 bits each of alpha, red, green and blue
         pixel = bytes((value >> shift & 15) * 17 for shift in (8, 4, 0, 12))
         rgba += pixel * length
-    return width, height, rgba + pixel  # the last pixel is not sent: repeat its neighbour
+    return width, height, rgba + pixel  # the last pixel is never sent; it equals the one before it
 
 
 def save_png(name, width, height, rgba):
@@ -76,7 +76,7 @@ def save_png(name, width, height, rgba):
 
 
 def answer(discovery, only=None):
-    """Answers a broadcast; with `only`, just one from this address. Returns whether it answered."""
+    """Reads a broadcast. If `only` is None or the sender's address, answers it. Returns whether it was answered."""
     call, device = discovery.recvfrom(2048)
     calls = any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call)))
     if found := calls and only in (None, device[0]):
@@ -85,7 +85,7 @@ def answer(discovery, only=None):
 
 
 def connections(discovery, end):
-    """Answers each device that searches for a companion; yields each connection it opens."""
+    """Answers each device that searches for a companion; yields each connection that a device opens."""
     listener = socket.create_server(("", 8399))
     while time.monotonic() < end:
         ready = select.select([discovery, listener], [], [], KEEP_ALIVE)[0]
@@ -98,12 +98,12 @@ def connections(discovery, end):
 
 def messages(connection, discovery, end):
     """Keeps a connection alive and yields its messages; ends when the device has gone."""
-    connection.settimeout(SILENCE)  # limits each send
+    connection.settimeout(SILENCE)  # a send may take no longer
     peer, linked = connection.getpeername()[0], None  # `linked` will be the time of the first image
     buffer, heard, next_alive, patience = bytearray(), time.monotonic(), 0, TURN
     while (now := time.monotonic()) < min(end, heard + patience):
         if now >= next_alive:
-            # On the link, the device ignores ConnectRequests. Its IdentityMessage shows which device it is.
+            # Always send all three frames. On the link, the device ignores the ConnectRequest.
             connection.sendall(frame(CONNECT) + frame(CONTROL) + frame(IDENTITY_REQUEST))
             next_alive = now + KEEP_ALIVE
         if message := next(messages_in(buffer), None):  # one at a time, so that keep-alives go out in between
@@ -120,15 +120,15 @@ def messages(connection, discovery, end):
             heard = time.monotonic()
             buffer += data
         if discovery in ready:
-            # For OLD_SEARCH after linking, answer no broadcast: its search may be older than the link. Later,
-            # answer only our device: if it broadcasts, it has dropped the link.
+            # Right after linking, answer no broadcast, because it may come from a search that began before the link.
+            # Later, answer only our device. If it broadcasts, it has dropped the link.
             only = None if not linked else peer if now > linked + OLD_SEARCH else "nobody"
             if answer(discovery, only) and linked:
                 return
 
 
 def mirror(connection, discovery, options, end):
-    """Presses the button and saves a later image. Returns False if the connection ends before that."""
+    """Presses a button, waits for `frames` images, then saves one. Returns False if the connection ends first."""
     identity, images, size = None, 0, 0
     for kind, payload in messages(connection, discovery, end):
         if kind == IDENTITY and not identity:
