@@ -19,7 +19,8 @@ constexpr size_t MEMORY_SLACK = 384;  // KiB
 constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep freed memory
 #endif
 
-// Returns the promised limit if GUILINK_QUIET says that the machine is idle, else a generous one.
+// Returns how long a new link may take: 5 s, as docs/reliability.md promises, if GUILINK_QUIET says
+// that the machine is idle; otherwise a generous limit.
 inline std::chrono::milliseconds relink_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
 }
@@ -42,8 +43,8 @@ class BadDay : public testing::Test {
         ASSERT_TRUE(wait_until([&] { return settled(); }));
     }
 
-    // The service must link the good companion again, return to the recorded use of threads,
-    // descriptors and memory, and end with status 0.
+    // The service must link the good companion again, return to the use of threads, descriptors and
+    // memory that SetUp has recorded in m_before, and end with status 0.
     void TearDown() override {
         const auto end_of_trouble = std::chrono::steady_clock::now();
         ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();

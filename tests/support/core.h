@@ -1,4 +1,4 @@
-// The real-time core, as far as the service sees it.
+// Plays the real-time core of the device: draws frames and calls the service.
 #pragma once
 
 #include <atomic>
@@ -15,7 +15,7 @@ namespace guilink::test {
 
 constexpr uint64_t FRAME_MEMORY = 0x10000000;  // physical address of the first of three frames
 constexpr uint64_t FRAME_STEP = 0x1000000;     // bytes from one frame to the next
-constexpr uint32_t FRAME_SIZE = 1'572'864;     // bytes, 1024 x 768
+constexpr uint32_t FRAME_SIZE = 1'572'864;     // bytes; 1024 x 768 pixels of 2 bytes
 
 // Each call returns whether the service accepted it.
 class Core {
@@ -49,8 +49,8 @@ class Core {
     AmbaipcCaller m_qr{IPC_PROG_QR_BODY, IPC_SVC_VERSION};
 };
 
-// Announces three frames in turn until destroyed, with a pause after each; with a pause of 0, as
-// fast as the service accepts them.
+// Announces three frames in turn until it is destroyed, with a pause after each frame. If the pause
+// is 0, announces frames as fast as the service accepts them.
 class Frames {
   public:
     explicit Frames(std::chrono::milliseconds pause = 0ms)
@@ -66,7 +66,7 @@ class Frames {
         m_thread.join();
     }
 
-    // Draws pictures that need about 800 kB each, instead of empty ones that need a few bytes.
+    // Draws pictures whose encodings have about 800 kB each. An empty picture has only a few bytes.
     static void draw_busy_pictures() {
         std::fstream memory("/dev/mem", std::ios::in | std::ios::out | std::ios::binary);
         std::vector<uint16_t> pixels(200'000);

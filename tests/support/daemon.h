@@ -84,7 +84,7 @@ class Daemon {
         return status();
     }
 
-    // The service's use of resources.
+    // How much of each resource the service uses.
     struct Level {
         size_t threads;
         size_t descriptors;
@@ -137,15 +137,16 @@ class Daemon {
         return static_cast<size_t>(std::distance(begin(all), end(all)));
     }
 
-    // Start-up creates the idle thread last.
+    // When the service starts, it creates the idle thread last.
     bool started() const { return threads("idle") == 1; }
 
     // Returns the youngest child, which is the service. Older children may be zombies that
-    // LeakSanitizer left behind when earlier services ended.
+    // LeakSanitizer left behind when earlier services ended. Returns -1 if no child is listed,
+    // because the service has ended; waitpid(-1) then gets its status.
     static pid_t last_child() {
         const std::string own = std::to_string(getpid());
         std::ifstream children("/proc/self/task/" + own + "/children");
-        pid_t last = -1;  // none listed: the service has ended; waitpid(-1) gets its status
+        pid_t last = -1;
         for (pid_t child; children >> child;) last = child;
         return last;
     }

@@ -1,10 +1,10 @@
-"""A device in bare sockets, for tests that control every byte. Its waits have a generous limit."""
+"""A device that is simulated with plain sockets, for tests that control every byte."""
 import socket
 
 from guilink.picture import encode
 from guilink.wire import FrameReader, MessageType, frame
 
-LIMIT = 30  # s; for any event that must come, however slow the machine
+LIMIT = 30  # s; how long each wait may take, even on a slow machine
 BROADCAST = ("10.77.0.255", 3152)
 
 
@@ -30,7 +30,7 @@ class FakeDevice:
                         BROADCAST)
 
     def answered(self, within=LIMIT):
-        """Returns whether the companion answers with exactly the bytes of the protocol."""
+        """Returns whether the companion answers the broadcast with exactly one frame: a ConnectRequest."""
         self.udp.settimeout(within)
         try:
             return self.udp.recv(100) == bytes.fromhex(
@@ -69,7 +69,7 @@ class FakeDevice:
         return self.messages.pop(0)
 
     def expect(self, kind):
-        """Waits for the next message of this kind and returns its payload. Skips others."""
+        """Waits for the next message of this kind and returns its payload. Skips other messages."""
         while (message := self.next()).type != kind:
             pass
         return message.payload

@@ -1,5 +1,5 @@
 // The reference encoder: pixel by pixel, exactly as docs/link-protocol.md describes the payload.
-// Tests compare its results, benchmarks its speed.
+// Tests and benchmarks compare EncodeImage with it.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
-// A companion made of bare sockets, for tests that must control every byte, or need a companion
-// that misbehaves. It answers broadcasts only when the test calls answer(). Waits have a generous
-// limit, at which they throw and so fail the test.
+// A companion that is simulated with plain sockets, for tests that must control every byte, or need
+// a companion that misbehaves. It answers broadcasts only when the test calls answer(). Waits have
+// a generous limit, at which they throw and so fail the test.
 #pragma once
 
 #include <optional>
@@ -64,8 +64,8 @@ class RawCompanion {
 
     // Accepts connections and sends `request` again and again on each. Returns the link: the
     // connection on which the device sends something, or during which `linked` returns true. The
-    // first connection does not always become the link, because the device drops candidates at its
-    // next sweep.
+    // first connection does not always become the link, because the device drops all other
+    // connections when it searches the next time.
     Socket link(
         const Bytes& request = frame(ConnectRequest) + frame(ControlMessage),
         const std::function<bool()>& linked = [] { return false; }) {

@@ -19,5 +19,5 @@ def end_service():
                 signal.pidfd_send_signal(service, signal.SIGTERM)
                 select.select([service], [], [])
                 os.close(service)
-        except (FileNotFoundError, ProcessLookupError):  # this process has ended since the glob
+        except (FileNotFoundError, ProcessLookupError):  # the process has ended since glob listed it
             pass

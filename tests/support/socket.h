@@ -1,4 +1,4 @@
-// Bare sockets with blocking reads and writes of whole buffers and frames.
+// Plain sockets with blocking reads and writes of whole buffers and frames.
 #pragma once
 
 #include <arpa/inet.h>

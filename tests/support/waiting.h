@@ -14,14 +14,16 @@ namespace guilink::test {
 
 using namespace std::chrono_literals;
 
-constexpr auto LIMIT = 60s;  // for any event that must come, however slow the machine
+constexpr auto LIMIT = 60s;  // how long each wait may take, even on a slow machine
 
-// Set if an event did not come because the machine was too busy. (If the service or the companion
-// gets no processor time for 3 s, the link ends.) tests/support/run then runs the test again.
+// Set if an event did not come because the machine was too busy. For example, the link ends if the
+// service or the companion gets no processor time for 3 s. If this flag is set when the test fails,
+// tests/support/run runs the test again.
 inline std::atomic<bool> starved{false};
 
 inline void note_missing_event() {
-    std::chrono::nanoseconds without_processor{0};  // total for threads that were ready to run
+    // Sum over all threads of the time in which a thread was ready to run but had no processor.
+    std::chrono::nanoseconds without_processor{0};
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream file(task.path() / "schedstat");
         int64_t running, waiting;
@@ -48,8 +50,8 @@ inline bool wait_until(const std::function<bool()>& condition,
     return true;
 }
 
-// Declare this object before all others. Its destructor waits until the number of threads is back
-// where it was, so that nothing of a test still runs when the test's process ends.
+// Declare this object first in a test. Its destructor waits until there are no more threads than
+// when it was constructed, so that no thread of the test still runs when the test's process ends.
 class LastThreadsEnd {
   public:
     ~LastThreadsEnd() {

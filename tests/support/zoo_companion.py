@@ -14,7 +14,7 @@ from guilink.picture import DamagedPicture, decode
 from guilink.screen import Screen
 from guilink.wire import HEADER, START, FrameReader, Message, MessageType, frame, identity_datagram
 
-WRONG = {  # what it does, and the rule that this breaks
+WRONG = {  # key: what the companion does wrong; value: the rule that this breaks
     "listens on one address": "DISC-3", "listens nowhere": "DISC-3", "answers 41 bytes": "DISC-4",
     "answers 43 bytes": "DISC-4", "answers another type": "DISC-4", "answers port 3152": "DISC-4",
     "answers once": "DISC-5", "answers once a second": "DISC-5", "answers until connected": "DISC-5",
@@ -47,7 +47,7 @@ CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, M
 
 
 class Reader(FrameReader):
-    """A frame reader that also has the faults of the wrong companions."""
+    """A frame reader that has the fault NAME, if NAME is a fault in reading frames."""
 
     def feed(self, data):
         buffer = self._buffer
@@ -129,7 +129,8 @@ class Zoo:
             now = time.monotonic()
             sources = []
             if self.connection and now > self.deaf and not (self.linked and wrong("stops reading")):
-                sources.append(self.connection)  # handled before the listener, as this connection may have ended
+                # Comes before self.tcp: if this connection has ended, a new one must not be treated as a second one.
+                sources.append(self.connection)
             sources.append(self.udp)
             if not self.connection or self.linked or now > self.heard + 1 and not wrong("waits for the silent"):
                 sources.append(self.tcp)

@@ -13,7 +13,7 @@ import zlib
 
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
-WRONG = {  # what it does, and the rule that this breaks
+WRONG = {  # key: what the device does wrong; value: the rule that this breaks
     "calls twice": "DISC-1", "calls from another port": "DISC-2", "cuts its call": "DISC-2",
     "connects only to the asking port": "DISC-8", "compares 40 bytes": "DISC-9", "calls while linked": "DISC-12",
     "line feeds": "FRAME-1", "a checksum of 1": "FRAME-2", "a frame a read": "FRAME-13",
@@ -31,7 +31,7 @@ ANSWER = frame(MessageType.CONNECT_REQUEST)
 
 
 def image(number):
-    """Returns an image of the largest screen, with a transparent run; a different one for each number."""
+    """Returns an image for the largest screen, with a transparent run. Each number gives a different image."""
     width, height = (640, 480) if wrong("640 x 480") else (1280, 960)
     rest = width * height - 1 + wrong("sends the last pixel")
     runs = [(1, 0xF000 | number & 0xFFF), (9, 0x0ABC if wrong("raw transparency") else 0)]
