@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # arm64_package_test.sh PACKAGES BASE CORE: installs the arm64 packages of the folder PACKAGES in a
 # throw-away arm64 Debian and uses them there, under emulation, in the sandbox. BASE is the folder of a plain
-# arm64 Debian, the lower layer of the throw-away one. The test creates BASE if it is missing or lacks a
-# package, and otherwise does not change it. CORE is this machine's guilink-core, which must draw the same
-# picture. Needs root.
+# arm64 Debian; the throw-away system is an overlay on BASE. The test creates BASE if it is missing or lacks a
+# package, and otherwise does not change it. CORE is a guilink-core that was built for the machine that runs
+# this test; the arm64 packages must produce the same picture as CORE. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -28,7 +28,7 @@ enter() {  # ROOT
 register the emulator on the host: systemctl restart systemd-binfmt"
 }
 
-# The second stage of debootstrap runs the scripts of ROOT's packages.
+# Runs the second stage of debootstrap, which runs the installation scripts of the packages in ROOT.
 configure() {  # ROOT
     enter "$1"
     "${inside[@]}" /debootstrap/debootstrap --second-stage
@@ -43,7 +43,7 @@ use() {  # ROOT PACKAGES CORE SCRATCH
     [[ -L $root/etc/systemd/system/multi-user.target.wants/guilinkd.service ]] ||
         fail "guilinkd is not enabled after its installation"
 
-    # The viewer must show the same picture as this machine's core draws.
+    # The arm64 viewer must show the same picture that CORE draws.
     "$3" --still --frames 1 --dump "$scratch/expected"
     "${inside[@]}" guilinkd
     "${inside[@]}" guilink-core --still --dump /drawn &
@@ -80,8 +80,8 @@ base=$2
 core=$(realpath "$3")
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-# Continues in a private mount namespace. The overlay is mounted outside the sandbox, because older kernels
-# cannot mount one in a user namespace.
+# Runs the rest of this script in a private mount namespace. Mounts the overlay outside the sandbox, because
+# older kernels cannot mount an overlay in a user namespace.
 if [[ ${4-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" "$core" --private
 fi

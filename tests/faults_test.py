@@ -1,10 +1,11 @@
 #!/usr/bin/python3
-"""Makes system and library calls of the service fail: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
+"""Makes system and library calls of the service fail. Usage: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
 
-Each case runs a scripted scenario with the real service, in a sandbox of its own, and makes one call fail:
-KIND:SITE:OCCURRENCE:FAULT (see tests/faults/fail_once.cpp, the LIBRARY). The service must continue to work, or end in
-a way that docs/reliability.md lists. By default, runs a sample of the cases. With --all, runs the cases of every call
-site that was reached in three runs without a fault. With CASE, runs only that case, and prints the service's log.
+Each case runs a scripted scenario with the real service, in a sandbox of its own, and makes one call fail. A CASE has
+the form KIND:SITE:OCCURRENCE:FAULT; see tests/faults/fail_once.cpp, the source of LIBRARY. The service must continue
+to work, or end in a way that docs/reliability.md lists. By default, runs a sample of the cases. With --all, runs the
+cases of every call site that was reached in three runs without a fault. With CASE, runs only that case, and prints the
+service's log.
 """
 import collections
 import concurrent.futures
@@ -29,15 +30,15 @@ sys.path.append(ROOT + "/docs/examples")
 import minimal_companion as link  # noqa: E402  the path comes first
 
 JOBS = 16        # scenarios run in parallel; they mostly wait
-OCCURRENCES = 3  # calls from each site that are made to fail, each in a scenario of its own
-LIMIT = float(os.environ.get("GUILINK_FAULT_LIMIT", 60))  # s; a longer wait is a hang
-FRAMES = 17      # frames of each size, sent three times in each scenario
+OCCURRENCES = 3  # calls; with --all, each of a site's first three calls fails in a scenario of its own
+LIMIT = float(os.environ.get("GUILINK_FAULT_LIMIT", 60))  # s; a longer wait counts as a hang
+FRAMES = 17      # frames of each size in one call of serve(), which each scenario calls three times
 SIZES = {2_457_600: (1280, 960), 1_572_864: (1024, 768)}
 GUI, QR, TEXT = 0x70000004, 0x70000005, 6
 PR_SET_CHILD_SUBREAPER = 36
 
-# Faults besides errno values. zero: a time-out, or the end of a stream. short: the call ends within a frame's
-# header. crash, hang and garble prove that the test notices a fault.
+# Faults that are not errno values. zero: the call returns 0, as at a time-out or at the end of a stream. short: the
+# call transfers only a part of a frame's header. crash, hang and garble prove that the test notices a fault.
 SPECIAL = {"zero": -1, "short": -2, "crash": -3, "hang": -4, "garble": -5}
 ALLOCATIONS = ["malloc", "calloc", "realloc", "aligned_alloc", "mmap"]
 FAULTS = {kind: faults.split() for kinds, faults in {
@@ -94,7 +95,7 @@ class Scenario:
     """Plays the core, the companion and the control service."""
 
     def __init__(self, service):
-        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)  # a detached service stays our child
+        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)  # makes the detached service our child again
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         self.identities, self.connection, self.stream, self.next_alive = [b"FIRST", b"11111"], None, None, 0
         self.links = self.presses = self.pressed = self.frames = self.shown = 0
@@ -113,7 +114,7 @@ class Scenario:
         os.close(end)
 
     def step(self):
-        """Reacts to one event, or waits for a moment."""
+        """Handles the sockets that are ready, or waits 20 ms for one. Raises Ended if the service has ended."""
         sockets = [self.output, self.discovery, self.control, self.connection or self.listener]
         for ready in select.select(sockets, [], [], 0.02)[0]:
             if ready == self.output:
@@ -162,7 +163,8 @@ class Scenario:
             self.hang_up()
 
     def take(self, stream):
-        """Checks that the service sends only complete frames, and pictures as they were drawn."""
+        """Removes the complete frames from the stream. Raises Wrong if a frame is damaged, or if it carries anything
+        other than a picture that was drawn or the device's identity."""
         while len(stream) >= link.HEADER.size:
             start, checksum, length, kind = link.HEADER.unpack_from(stream)
             payload = bytes(stream[link.HEADER.size:link.HEADER.size + length])
@@ -188,7 +190,7 @@ class Scenario:
         self.pressed = valid[datagram]
 
     def until(self, done, what, again=lambda: None):
-        """Repeats an action, as a person or the core would, until it has an effect."""
+        """Calls `again` five times a second, as a person or the core would, until `done` returns true."""
         end, next_try = time.monotonic() + LIMIT, 0
         while not done():
             if time.monotonic() > end:
@@ -221,7 +223,8 @@ class Scenario:
         self.call(GUI, struct.pack("<QI", address, size))
 
     def serve(self):
-        """A press, a text and frames of both sizes must arrive. A frame whose encoding is too large must not."""
+        """Checks that the service delivers a press, a text, and frames of both sizes. Pushes a frame whose encoding is
+        too large, which the service must not send."""
         self.links += 1
         self.presses += 1
         self.until(lambda: self.pressed == self.presses, "press",
@@ -229,7 +232,8 @@ class Scenario:
         text = b"%d " % self.links + b"x" * 200
         self.until(lambda: b"USER " + text in self.log, "text", lambda: self.say(TEXT, payload=text))
         for index, size in enumerate(SIZES):
-            # The service reads every frame with the size that it mapped last, so map a new address for each size.
+            # The service assumes that every frame has the size that it mapped last. It maps each new address once, so
+            # use a new address for each size.
             address = 0x1000000 * (2 * self.links + index)
             for _ in range(FRAMES):
                 self.push(address, size)
@@ -273,8 +277,9 @@ def play_scenario(service):
 # --- all scenarios -----------------------------------------------------------------------------------
 
 def run(case=None, **environment):
-    """Runs the scenario. Returns its outcome, and for each site (a kind of call and the stack that leads to the
-    call): the kind, the number of calls, and whether one was made to fail."""
+    """Runs the scenario. Without a case, no call fails. Returns the outcome and a table of sites. A site is a kind of
+    call and the stack that leads to the call. Its entry holds the kind, the number of calls, and whether one of these
+    calls was made to fail."""
     with tempfile.NamedTemporaryFile() as table:
         table.truncate(4096 * 32)
         environment |= {**os.environ, "GUILINK_FAIL_ONCE": sys.argv[2], "GUILINK_FAULT_TABLE": table.name}
@@ -298,19 +303,20 @@ def judge(case, outcome):
     if kind in ALLOCATIONS + ["pthread_create", "bind"]:
         allowed.add("SIGABRT")
     if kind in ALLOCATIONS + ["bind", "listen", "pthread_create", "socket"]:
-        allowed.add("serves on unfed")  # works, but could not register a procedure that the core calls
+        allowed.add("serves on unfed")  # the service works, but could not register a procedure for the core
     if kind.endswith("/dev/mem"):
         allowed.add("SIGSEGV")
     if kind in ALLOCATIONS and "alloc of mem for ComLibInterface\nstd::bad_alloc\n" in outcome["log"]:
         allowed.add("status 1")
-    # The sender of presses makes its socket only once. If that fails, presses are lost until a restart.
+    # The service creates its socket for button commands only once. If this fails, the service drops all presses until
+    # it is restarted.
     if kind == "socket" and outcome["wrong"] == "hang: no press":
         return None
     return outcome["wrong"] or (None if outcome["end"] in allowed else outcome["end"])
 
 
 def play_case(case):
-    for _ in range(2):  # try twice: timing decides whether the service reaches the site of the fault
+    for _ in range(2):  # twice, because timing decides whether the service reaches the call that must fail
         outcome, sites = run(case)
         if any(failed for _, _, failed in sites.values()):
             return case, outcome["end"], judge(case, outcome), outcome["log"]
@@ -318,7 +324,7 @@ def play_case(case):
 
 
 def unknown_calls():
-    """Returns the calls of the service and its library that may fail, but have no fault in FAULTS."""
+    """Returns the libc functions that guilinkd and libambaipc.so call, that may fail, and that FAULTS does not list."""
     libraries = [sys.argv[1], os.path.dirname(sys.argv[2]) + "/libambaipc.so"]
     calls = subprocess.run(["nm", "-D", "--undefined-only", *libraries], stdout=subprocess.PIPE, text=True,
                            check=True).stdout
@@ -351,7 +357,7 @@ def main():
 
     ends = collections.defaultdict(collections.Counter)
     with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
-        # Faults that the test must notice; the limit for the hang is short.
+        # The test must notice these three faults: they prove that it can fail. A limit of 10 s shortens the hang.
         proofs = [f"{kind}:{max(sites[kind], key=sites[kind].get)}:1:{fault}"
                   for kind, fault in (("poll", "crash"), ("sigaction", "hang"), ("send", "garble"))]
         noticed = pool.map(lambda proof: judge(proof, run(proof, GUILINK_FAULT_LIMIT="10")[0]), proofs)

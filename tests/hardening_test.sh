@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# hardening_test.sh BIN LIB: checks the hardening of the programs and libraries that ship.
+# hardening_test.sh BIN LIB: checks the hardening of the programs and libraries in our packages.
 set -euo pipefail
 
 failed=0
@@ -10,7 +10,8 @@ require() {  # FILE PROPERTY PATTERN READELF'S OPTIONS
 }
 
 for file in "$1"/{guilinkd,guilink-core,guilink-viewer} "$2"/libambaipc.so; do
-    # Only guilinkd must exist: a build may lack the devkit, or use the vendor's libambaipc.so.
+    # Skip a missing file, unless it is guilinkd: a build may lack the devkit, or use the vendor's
+    # libambaipc.so.
     [[ -f $file || $file == */guilinkd ]] || continue
     echo "looking at ${file##*/}"
     require "$file" "position independence" 'Type: +DYN' --file-header

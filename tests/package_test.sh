@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages in the folder
-# PACKAGES, in a throw-away Debian with network, devices and a systemd of its own. BASE is the folder of
-# a plain Debian, the lower layer of the throw-away one. The test creates BASE if it is missing or lacks a
-# package, and otherwise does not change it. Needs root.
+# PACKAGES, in a throw-away Debian that has its own network, its own /dev and its own systemd. BASE is the
+# folder of a plain Debian; the throw-away system is an overlay on BASE. The test creates BASE if it is
+# missing or lacks a package, and otherwise does not change it. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -11,7 +11,7 @@ fail() {
     exit 1
 }
 
-# Inside the namespaces: builds the throw-away system on BASE and becomes its systemd.
+# Runs in the namespaces of the throw-away system: mounts its file systems, then executes its systemd.
 if [[ ${1-} == --boot ]]; then
     base=$2 root=$3
     mount -t tmpfs throw-away "$root"
@@ -53,8 +53,8 @@ if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
 fi
 base=$(realpath "$base")
 
-# Continues in a private mount namespace. Runs the throw-away system in a control group of its own, which the
-# cleanup can remove only when all processes of the system have ended.
+# Runs the rest of this script in a private mount namespace. The throw-away system gets a control group of its
+# own, which the cleanup can remove only when all processes of the system have ended.
 if [[ ${3-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" --private
 fi
@@ -84,7 +84,7 @@ wait_for() { # MESSAGE COMMAND...: repeats COMMAND until it succeeds, 60 s at mo
 inside() { nsenter --all --root --wd --target "$(pgrep --parent $launcher)" "$@"; }
 installs() { tar -C "${1%/*}" -c "${1##*/}" | inside tar -C /tmp -x && inside dpkg -i "/tmp/${1##*/}"; }
 main_pid() { inside systemctl show --property=MainPID --value guilinkd; }
-runs_anew() { # OLD_PID: succeeds if the service runs as another process
+runs_anew() { # OLD_PID: succeeds if the service runs in a process other than OLD_PID
     inside systemctl is-active guilinkd && [[ $(main_pid) != "$1" ]]
 }
 
@@ -100,7 +100,7 @@ complaints=$(inside systemd-analyze verify --man=no guilinkd.service 2>&1) || tr
 [[ ! $complaints ]] || fail "$complaints"
 [[ $(inside cat "/proc/$(main_pid)/comm") == guilinkd ]] || fail "the main process is not guilinkd"
 
-# The service works within the unit's restrictions.
+# The service works within the restrictions of its systemd unit.
 inside systemd-run --quiet --unit=core guilink-core
 inside guilink-viewer --snapshot /tmp/picture.png --press 1 --timeout 60
 inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "the press is not in the journal"
@@ -134,7 +134,7 @@ inside systemctl stop guilinkd
 [[ $(inside systemctl show --property=Result,ExecMainStatus --value guilinkd) == $'success\n0' ]] ||
     fail "it does not stop with status 0"
 
-# If the package is purged while the service runs, nothing is left.
+# If the package is purged while the service runs, no process and no file is left.
 inside systemctl start guilinkd
 inside dpkg --purge guilinkd
 wait_for "it runs on after its removal" [ ! "$(inside pgrep -x guilinkd)" ]

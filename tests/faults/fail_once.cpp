@@ -1,9 +1,10 @@
 // A library that is preloaded into the service. Makes one of the service's system or library calls
 // fail; tests/faults_test.py chooses the call.
 //
-// A site is a kind of call and the chain of return addresses that leads to it. Sites are few, and
-// the same in every run, however the threads are scheduled. GUILINK_FAULT_TABLE names the file that
-// lists the sites seen; GUILINK_FAULT names the call to fail: SITE:OCCURRENCE:FAULT.
+// A site is a kind of call, together with the chain of return addresses that leads to the call.
+// There are few sites, and every run has the same ones, however the threads are scheduled.
+// GUILINK_FAULT_TABLE names the file in which this library lists the sites that it has seen.
+// GUILINK_FAULT, in the form SITE:OCCURRENCE:FAULT, selects the call that must fail.
 //
 // The hooks neither allocate nor lock, because they also run in the handler of SIGTERM.
 #include <dlfcn.h>
@@ -33,12 +34,12 @@ void* __libc_memalign(size_t, size_t);
 
 namespace {
 
-// Faults other than an errno value.
+// A fault is an errno value, which is positive, or one of these values.
 enum Fault { NO_FAULT = 0, ZERO = -1, SHORT = -2, CRASH = -3, HANG = -4, GARBLE = -5 };
-constexpr long SHORT_LENGTH = 7;  // bytes; within a frame's header
+constexpr long SHORT_LENGTH = 7;  // bytes; a transfer of this length ends within a frame's header
 
 struct Site {
-    std::atomic<uint64_t> id;  // 0: free
+    std::atomic<uint64_t> id;  // 0 if this entry is free
     std::atomic<uint32_t> calls;
     uint32_t failed;
     char kind[16];
@@ -58,7 +59,7 @@ struct Chain {
     void mix(uint64_t value) { hash = (hash ^ value) * 0x100000001B3; }
 };
 
-// Hashes offsets within modules, because each run loads the modules at other addresses.
+// Hashes offsets within modules, because the addresses of the modules differ between runs.
 _Unwind_Reason_Code add_frame(_Unwind_Context* context, void* data) {
     auto& chain = *static_cast<Chain*>(data);
     const uint64_t address = _Unwind_GetIP(context);
@@ -71,7 +72,7 @@ _Unwind_Reason_Code add_frame(_Unwind_Context* context, void* data) {
     return chain.length == chain.addresses.size() ? _URC_END_OF_STACK : _URC_NO_REASON;
 }
 
-// Counts a call and returns the fault that is due, if any.
+// Counts a call. Returns the chosen fault if this is the chosen call, otherwise NO_FAULT.
 int due(const char* kind) {
     if (sites == nullptr) return NO_FAULT;
     const int error = errno;
@@ -121,7 +122,7 @@ using Call = long(long, long, long, long, long, long);
 
 }  // namespace
 
-// Our two architectures pass up to six integers and pointers in registers, so one signature fits
+// Both x86-64 and arm64 pass up to six integers and pointers in registers, so one signature fits
 // every call.
 #define HOOK_AS(kind, name, failure)                                                \
     extern "C" Call hook_##name __asm__(#name);                                     \
@@ -140,7 +141,8 @@ using Call = long(long, long, long, long, long, long);
 
 HOOK(accept4)
 HOOK(bind)
-HOOK_AS("close", close, (real(a, b, c, d, e, f), errno = fault, -1))  // fails, but closes
+// On Linux, a close that fails has closed the descriptor.
+HOOK_AS("close", close, (real(a, b, c, d, e, f), errno = fault, -1))
 HOOK(connect)
 HOOK(daemon)
 HOOK(dup2)

@@ -1,5 +1,5 @@
-// Sends messages, as another process, to our stand-in for the vendor's IPC library. Each piece of
-// the fuzzer's input is one message.
+// Sends messages to our replacement for the vendor's IPC library, as another process would. Each
+// piece of the fuzzer's input is one message.
 #include "ipc/ambaipc.h"
 
 #include <unistd.h>
@@ -10,7 +10,8 @@
 namespace guilink::fuzz {
 
 constexpr uint32_t PROGRAM = 0x70000004;
-Bytes last_argument;  // written by the program's thread; read after the answer
+// Written by the thread that serves PROGRAM; read only after the call has been answered.
+Bytes last_argument;
 
 void take(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_*) {
     const auto* const text = reinterpret_cast<const char*>(argument);
@@ -58,7 +59,7 @@ using namespace guilink::fuzz;
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static const int caller = connection();
     for_each_piece(data, size, [](unsigned char, int, const Bytes& message) {
-        if (message.empty()) return;  // looks like the end of the connection
+        if (message.empty()) return;  // would look like the end of the connection
         Answer answer;
         // Retry, because libFuzzer's timer interrupts system calls.
         const auto sent = TEMP_FAILURE_RETRY(send(caller, message.data(), message.size(), 0));

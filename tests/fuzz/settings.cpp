@@ -1,4 +1,5 @@
-// Settings files: the identity comes from the first line that begins with the key.
+// Fuzzes read_identity with settings files. The identity must come from the first line that begins
+// with "BODY_QR=".
 #include <sstream>
 
 #include "ipc/read_identity.h"

@@ -3,7 +3,8 @@
 
 #include <array>
 
-// Decodes a picture of two pixels: width 2, height 1, a run of one.
+// Decodes a picture of 2 x 1 pixels. The payload has only a run of one pixel, because the last
+// pixel of a picture is not sent.
 int main() {
     constexpr std::array<unsigned char, 8> payload = {2, 0, 1, 0, 1, 0, 0x34, 0x12};
     guilink::Image image;
