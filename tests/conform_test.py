@@ -1,5 +1,6 @@
 """Tests the conformance kit with the zoo: small companions and devices that each break one rule. The kit must
-blame exactly that rule, and must pass correct companions and devices. Rules, document and golden files must agree.
+report exactly that rule as broken, and must pass correct companions and devices. The kit's rules must equal those of
+docs/link-protocol.md, and the golden files must be up to date.
 """
 import json
 import os
@@ -18,7 +19,7 @@ from guilink.conform.rules import RULES
 ROOT = Path(__file__).parent.parent
 SUPPORT = ROOT / "tests/support"
 PROGRAMS = Path(os.environ.get("GUILINK_BIN", ROOT / "build/release/bin"))
-# On a busy machine the kit may blame another rule, but not in every try. Quick tries come first.
+# Options for up to three tries, the quickest first. On a busy machine, a try may report a rule that is not broken.
 TRIES = (["--attempts", "1", "--patience", "3"], ["--attempts", "2"], ["--attempts", "3", "--patience", "20"])
 
 
@@ -31,7 +32,7 @@ def conform(*arguments, within=()):
     return verdicts
 
 
-def blamed(verdicts):
+def broken_rules(verdicts):
     return {case["rule"] for case in verdicts["cases"] if case["rule"]}
 
 
@@ -47,17 +48,18 @@ def device(name, *options):
 
 
 def caught(prove, rule):
-    """Runs the cases about the rule, and returns the rules that they blame."""
+    """Runs the kit's cases for the rule until they report only this rule as broken, at most once for each of TRIES.
+    Returns the rules that the last run reported as broken."""
     for options in TRIES:
-        found = blamed(prove("--rule", rule, "--fail-fast", *options))
+        found = broken_rules(prove("--rule", rule, "--fail-fast", *options))
         if found == {rule}:
             break
     return found
 
 
 def missed(programs, prove):
-    """Returns the programs for which the kit blames no rule or the wrong rule. Tries every eighth program; with
-    GUILINK_ZOO=all, every program."""
+    """Returns the programs for which the kit reports no broken rule or the wrong one. Tests every eighth program, or
+    every program if GUILINK_ZOO=all."""
     if os.environ.get("GUILINK_ZOO") != "all":
         programs = dict(list(programs.items())[::8])
     with ThreadPoolExecutor(4) as pool:
@@ -101,15 +103,17 @@ def test_our_companions_pass(command, tmp_path):
     picture = tmp_path / "shown.png"
     shows = ["--picture", picture] if "--follow" in command else []
     verdicts = conform("companion", "--json", *shows, "--", *command, *shows[1:])
-    assert blamed(verdicts) <= {"LINK-5"}, verdicts  # only recommended; our companions let a second connection wait
+    # LINK-5 only recommends that a companion closes a second connection; our companions let the connection wait.
+    assert broken_rules(verdicts) <= {"LINK-5"}, verdicts
     assert verdicts["counts"]["failed"] == 0 and verdicts["counts"]["passed"] >= 20, verdicts
 
 
 def test_our_service_passes():
-    """Runs the service without a core: the service sends no image, but the kit sees the presses."""
+    """Runs the service without a core, so the service sends no image. But the service forwards the kit's presses, and
+    the kit checks the forwarded commands."""
     verdicts = conform("device", "--json", within=[
         ROOT / "scripts/sandbox", "sh", "-c", '"$0" >/dev/null 2>&1; exec "$@"', PROGRAMS / "guilinkd"])
-    assert not blamed(verdicts), verdicts
+    assert not broken_rules(verdicts), verdicts
     assert verdicts["rules"]["PRESS-4"]["verdict"] == "passed", verdicts
 
 
@@ -132,7 +136,7 @@ CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, it
     (f"{FIREWALL.format('udp dport 3153 drop')}; {ZOO} right {DOCTOR}", "does not connect"),
     (f"{FIREWALL.format('tcp dport 8399 drop')}; {ZOO} right {DOCTOR}", "connections arrive, and this computer drops"),
     (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {ZOO} right {DOCTOR}",
-     "no image for|does not answer"),  # which of the two depends on when the network dies
+     "no image for|does not answer"),  # the finding depends on when the firewall begins to drop
     (f"{ZOO} 'answers once' {DOCTOR}", "does not answer"),
     (f'{ZOO} right {sys.executable} -c "{CLOCK}"', "the clock of this computer was set by 3600"),
     (f"{ZOO} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),

@@ -1,4 +1,4 @@
-"""The viewer as a hub: two devices in one network, and people and programs that share one of them."""
+"""Tests the viewer as a hub: two devices are in the network, and people and programs share one of them."""
 import http.client
 import io
 import json
@@ -123,7 +123,8 @@ def test_each_companion_keeps_its_device(viewer, far_host):
         until(lambda: all(state(host)["pictures"] > before + 5
                           for host, before in zip(("127.0.0.1", "10.77.0.2"), pictures)))
         assert [state()["identity"], state("10.77.0.2")["identity"]] == ["11111", "22222"]
-        with pytest.raises(guilink.LinkError, match="refuses this program"):  # the viewer refuses other hosts
+        # The viewer on 10.77.0.2 accepts only programs on its own host.
+        with pytest.raises(guilink.LinkError, match="refuses this program"):
             guilink.connect(viewer="http://10.77.0.2:8080", link_timeout=0.5)
 
 
@@ -156,7 +157,7 @@ def test_pictures_figures_and_orders(viewer):
     linked_to("11111")
     with guilink.connect(viewer=URL) as device:
         device.text("hello, hub")
-        device.press("up")  # the screen names the last button
+        device.press("up")  # the picture shows the last button, so the presses below end with "up", too
         shown = device.wait_stable()
         png = ask("GET", "/snapshot.png")[1]
         assert guilink.Screen.load(io.BytesIO(png)) == shown

@@ -1,6 +1,6 @@
-"""The example companion of the docs against the real service: tests/minimal_companion_test.py GUILINKD
+"""Tests the example companion of the docs with the real service. Usage: tests/minimal_companion_test.py GUILINKD
 
-Plays the rest of the device: draws into /dev/mem, announces frames, and receives presses as the control
+The test plays the rest of the device: it draws into /dev/mem, announces frames, and receives presses as the control
 service. Run this test in a sandbox, which ends everything that the test starts.
 """
 import pathlib
@@ -14,11 +14,12 @@ import numpy
 from PIL import Image
 
 EXAMPLE = pathlib.Path(__file__).parent.parent / "docs/examples/minimal_companion.py"
-LIMIT = 60  # s; for any event that must come, however slow the machine
+LIMIT = 60  # s; how long each wait may take, even on a slow machine
 
 
 def drawn(count):
-    """Returns pixels: a run above 65535, short runs, transparency, and a last pixel that is not sent."""
+    """Returns pixels with a run longer than 65535, short runs, transparent pixels, and a unique last pixel. The service
+    does not send the last pixel."""
     pixels = [0xFF00] * 70000 + [0xF0F0, 0x800F] * 500 + [0x0ABC] * 1000
     return numpy.array(pixels + [0xF123] * (count - 1 - len(pixels)) + [0xFFFF], "<u2")
 
@@ -38,7 +39,7 @@ def announce(core, address, size):
 
 
 def see(core, address, width, height):
-    """Draws a frame and announces it until the example has saved it."""
+    """Draws a frame and announces it until the example has saved a picture. Checks this picture and the output."""
     pixels = drawn(width * height)
     with open("/dev/mem", "r+b") as memory:
         memory.seek(address)
@@ -58,7 +59,7 @@ def see(core, address, width, height):
         Image.open(picture.name).verify()  # checks the file's checksums
         shown = numpy.asarray(Image.open(picture.name))
     assert numpy.array_equal(shown, expected(pixels).reshape(height, width, 4))
-    # The example may have tried several connections before one became the link.
+    # Further lines may come in between, because the example names the device of each connection that it tries.
     assert output.startswith("device 11111, firmware fw1.1\n"), output
     assert f"\n{width} x {height}, " in output, output
 

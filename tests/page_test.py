@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""The viewer's page in a real browser, with the real service and the simulated core.
+"""Tests the viewer's page in a real browser, with the real service and the simulated core.
 
-Run it as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS. The browser runs in the sandbox, too.
+Run this test as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS. The browser runs in the sandbox, too.
 """
 import hashlib
 import os
@@ -35,11 +35,11 @@ if not webdriver or not shutil.which("chromedriver"):
 BIN = pathlib.Path(sys.argv.pop(1)).resolve()
 ADDRESS = ("127.0.0.1", 8080)
 URL = "http://127.0.0.1:8080/"
-LIMIT = 240  # s; for any event that must come, however slow the machine
+LIMIT = 240  # s; how long each wait may take, even on a slow machine
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # start sequence of a frame
 
-# Hashes the canvas's pixels as ARGB 4:4:4:4, because a canvas keeps premultiplied colours, which lose their
-# low bits.
+# Hashes the canvas's pixels as ARGB 4:4:4:4. A canvas keeps premultiplied colours, which lose the low bits of 8-bit
+# colours.
 CANVAS_HASH = """
 const done = arguments[0], canvas = document.getElementById('canvas');
 const {data} = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
@@ -50,7 +50,7 @@ crypto.subtle.digest('SHA-256', pixels).then((hash) =>
   done([...new Uint8Array(hash)].map((byte) => byte.toString(16).padStart(2, '0')).join('')));
 """
 
-# Presses a button and measures the time until the canvas changes; nothing else in the picture moves.
+# Presses a button and measures the time until the canvas changes. Nothing else in the picture may move.
 PRESS_LATENCY = """
 const done = arguments[1], canvas = document.getElementById('canvas');
 const context = canvas.getContext('2d');
@@ -72,7 +72,7 @@ const check = () => {
 press();
 """
 
-# Records whether the veil still covers the next picture.
+# Records in window.veiled whether the cover over the picture (#veil) is still shown when the next picture is drawn.
 WATCH_VEIL = """
 delete window.veiled;
 new MutationObserver((_, observer) => { window.veiled = !veil.hidden; observer.disconnect(); })
@@ -81,7 +81,7 @@ new MutationObserver((_, observer) => { window.veiled = !veil.hidden; observer.d
 
 
 def arrived(dump):
-    """Returns the pixels that arrive over the link if the core draws those in the file `dump`."""
+    """Returns the pixels that a companion receives if the core draws the pixels in the file `dump`."""
     pixels = numpy.fromfile(dump, "<u2")
     pixels[1:][pixels[1:] < 0x1000] = 0
     pixels[-1] = pixels[-2]
@@ -89,7 +89,8 @@ def arrived(dump):
 
 
 def shown(dump):
-    """Returns the hash of the canvas that shows the file `dump`. A canvas keeps no colour in transparent pixels."""
+    """Returns the CANVAS_HASH of a canvas that shows the pixels in the file `dump`. A canvas keeps no colour in
+    transparent pixels."""
     pixels = arrived(dump)
     pixels[pixels < 0x1000] = 0
     return hashlib.sha256(pixels.tobytes()).hexdigest()
@@ -105,7 +106,7 @@ def handshake(origin="http://127.0.0.1:8080"):
 
 
 class Loop(unittest.TestCase):
-    """Runs the service, and the programs that a test starts beside it."""
+    """Starts the service before each test. Ends it after the test, with the programs that the test has started."""
 
     def setUp(self):
         self.processes = []
@@ -222,8 +223,9 @@ class Page(Loop):
             "key('keydown', '+'); const held = down(); key('keyup', '='); return [held, down()]"),
             [1, 0])
 
-        # Wait until no press repeats: a slow machine may have held one for too long. A late repeat would undo the
-        # first press below within one frame, so that the canvas would not change.
+        # Wait until no button repeats: on a slow machine, a click above may have held its button for so long that the
+        # page repeats the press. If a repeated "Down" came with the first press below, "Up", within one frame, the
+        # canvas would not change.
         self.wait(self.is_calm)
         times = [self.browser.execute_async_script(PRESS_LATENCY, i % 2) for i in range(30)]
         print(f"page_test: from a click to its pixels {statistics.median(times):.0f} ms at the median")
@@ -233,7 +235,7 @@ class Page(Loop):
         self.browser.switch_to.active_element.send_keys(Keys.ENTER)
         self.wait(lambda: "OK pressed" in self.text("log"))
 
-        # A phone held sideways shows screen and pad side by side, both completely.
+        # A phone that is held sideways shows the screen and the pad side by side, and both completely.
         self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": 844, "height": 390, "deviceScaleFactor": 1, "mobile": True})
         screen, pad = (self.browser.find_element(By.ID, name).rect for name in ("screen", "pad"))

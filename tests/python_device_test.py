@@ -1,4 +1,4 @@
-"""The API of the Python package for scripts, over a link with scripted pictures."""
+"""Tests the API that the Python package offers to scripts, with a simulated link whose pictures each test chooses."""
 import json
 import re
 import threading
@@ -23,7 +23,7 @@ def picture(x, size=(48, 64)):
 
 
 class ScriptedPictures(Pictures):
-    """Pictures from a script: each wait returns the next one, until the script ends."""
+    """Lists in `script` the pictures that have not arrived yet. Each wait for a newer picture makes one arrive."""
 
     script = ()
 
@@ -34,7 +34,8 @@ class ScriptedPictures(Pictures):
 
 
 class ScriptedLink:
-    """on_press returns two lists: the pictures before the device's answer, and those after it."""
+    """Calls on_press for each press. on_press returns two lists: the pictures that arrive before the device confirms
+    the press, and those that arrive later."""
 
     def __init__(self):
         self.pictures = ScriptedPictures(threading.Condition())
@@ -89,7 +90,8 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
-    # These pictures may have been drawn before the press, so wait_for accepts them only when its time is up.
+    # For all that wait_for knows, these pictures were drawn before the press. So wait_for accepts them only when its
+    # timeout expires.
     link.on_press = lambda _: ([], [picture(9)] * 3)
     device.press("down")
     device.wait_for(TARGET)
@@ -211,13 +213,14 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
     with Image.open(path) as film:
         assert path.endswith("run.png") and film.size == (32, 24 + 40)
         bars = [np.asarray(shot.convert("RGB"))[-40:] for shot in ImageSequence.Iterator(film)]
-        assert any((bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any() for bar in bars)  # a bar names the press
+        # The bar below at least one picture must have the colour of a press, and a text.
+        assert any((bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any() for bar in bars)
     assert recording.stop() == path
     with pytest.raises(guilink.GuilinkError, match="no picture has arrived"):
         Recording(ScriptedLink(), tmp_path / "nothing.gif", []).stop()
 
 
-# Each module imports only from the modules before it.
+# Each module may import only the modules that come before it in this list.
 LAYERS = """wire picture screen link discovery connection companion viewer film evidence recording expect
             buttons device __init__ pytest_plugin conform cli __main__""".split()
 

@@ -1,4 +1,4 @@
-"""The Python package against the real service and the simulated core: the examples of the docs, the command
+"""Tests the Python package with the real service and the simulated core: the examples of the docs, the command
 line, and a device that restarts."""
 import json
 import os
@@ -92,7 +92,7 @@ def test_wait_outlives_a_restart_and_ends_by_interrupt(tmp_path):
         shown = device.wait_stable(region=PANEL, mask=MOVING)
         end_service()
         with pytest.raises(guilink.LinkError, match="cannot send the text.*has not come back"):
-            while True:  # the link may outlive the service for a moment
+            while True:  # the device may stay linked for a moment after the service has ended
                 device.text("still there?", timeout=0.2)
         start_service(BIN)
         device.wait_for(shown, region=PANEL, mask=MOVING)
@@ -114,7 +114,7 @@ def test_installs_without_a_network(tmp_path):
     subprocess.run(["/usr/bin/python3", "-m", "venv", "--system-site-packages", "--without-pip",
                     tmp_path / "venv"], check=True)
     run("pip", "-q", "--python", str(tmp_path / "venv"), "install", str(source))
-    assert set(source.rglob("*")) == before  # nothing is left in the checkout
+    assert set(source.rglob("*")) == before  # the installation adds no file to the sources
     environment = {name: value for name, value in os.environ.items() if name != "PYTHONPATH"}
     for tool, words in (("guilink", "snapshot"), ("pytest", "--guilink-update")):
         help_of = [tmp_path / "venv/bin/python", "-m", tool, "--help"]

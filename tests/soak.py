@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """tests/soak.py MINUTES: runs service and core while companions connect and disconnect; watches the service.
 
-A bare companion (docs/examples/minimal_companion.py) and the viewer take turns. The bare companion alternately
-closes its link properly and resets it in the middle of an image; the viewer is alternately ended by SIGTERM and by
-SIGKILL.
+The "bare companion", which is docs/examples/minimal_companion.py, and the viewer take turns. The bare companion
+alternately closes its link properly and resets it in the middle of an image. SIGTERM and SIGKILL alternately end the
+viewer.
 Writes samples to build/soak/soak.tsv and a chart to build/soak/soak.svg. Fails if the service dies,
 grows, or does not end with status 0 on SIGTERM."""
 import ctypes
@@ -25,20 +25,21 @@ sys.dont_write_bytecode = True
 import minimal_companion as bare  # noqa: E402
 
 EVERY = 2       # s between samples
-BARE_TURN = 16  # s; longer than SETTLED, so that some samples are taken while the link is quiet
+BARE_TURN = 16  # s; longer than SETTLED, so that some samples are taken while the link counts as quiet
 VIEWER_TURN = 5  # s
 PAUSE = 1       # s between turns, without a companion
-SETTLED = 6     # s from linking until the link counts as quiet; the remaining candidates end after 3 s
-STALL = 1.5     # s without reading, so that the device blocks in a send (it gives up after 3)
-LIMIT = 60      # s; for any event that must come, however slow the machine
-MAY_GROW = 256  # KiB by which RssAnon may grow between the second and the last tenth of the run
-SUBREAPER = 36  # prctl: makes the detached service our child again
+SETTLED = 6     # s; after linking for so long, a link counts as quiet: all other connections have ended after 3 s
+STALL = 1.5     # s without reading, so that the device blocks in a send, which it would give up after 3 s
+LIMIT = 60      # s; how long each wait may take, even on a slow machine
+MAY_GROW = 256  # KiB; how much RssAnon may grow between the second and the last tenth of the run
+SUBREAPER = 36  # option of prctl that makes the detached service our child again
 PLOTS = [("RssAnon, KiB", "#1f77b4"), ("threads", "#c0504d"), ("descriptors", "#e0a030"),
          ("frames/s, bare companion", "#4a8f5a")]
 
 
 class Companions:
-    """Lets the bare companion and the viewer link in turn, for ever. Counts the bare companion's images."""
+    """Lets the example companion (`bare`) and the viewer link in turn, for ever. Counts the images that the example
+    companion receives."""
 
     def __init__(self):
         self.images, self.linked_since = 0, None
@@ -91,7 +92,7 @@ class Companions:
 
 def soak(seconds, table):
     """Returns a list of samples and a list of failures. Each sample is a list: the time in seconds, a value (or None)
-    for each of PLOTS, and whether the link is quiet."""
+    for each of PLOTS, and whether the link is quiet, that is, at least SETTLED seconds old."""
     ctypes.CDLL(None).prctl(SUBREAPER, 1)
     with open(OUT / "guilinkd.log", "w", encoding="utf-8") as log:
         subprocess.run(BIN / "guilinkd", stdout=log, stderr=log, check=True)
@@ -144,7 +145,7 @@ def report(samples):
 
     before, after = (statistics.median(values(samples, 1, *part)) for part in ((0.1, 0.2), (0.9, 1)))
     wrong = [f"RssAnon went from {before} to {after} KiB"] if after > before + MAY_GROW else []
-    # Compare medians, because a sample may contain short-lived threads.
+    # Compare medians, because a single sample may count short-lived threads.
     quiet = [sample for sample in samples if sample[-1]]
     for index in 2, 3:
         before, after = (statistics.median(values(quiet, index, *part)) for part in ((0, 0.2), (0.8, 1)))

@@ -1,4 +1,5 @@
-"""The dissector: tshark reads captures that are cut at every byte, truncated, out of order and damaged."""
+"""Tests the dissector: tshark reads streams that are split into packets at every byte, and captures that are truncated,
+out of order or damaged."""
 import struct
 import subprocess
 import xml.etree.ElementTree
@@ -14,7 +15,7 @@ ONE_RUN = frame(IMAGE, struct.pack("<4H", 3, 2, 5, 0xF00F))
 
 
 class Capture:
-    """Packets between device and companion, as pcap. Captures the first `longest` bytes of each packet."""
+    """Packets between device and companion, in pcap format, with only the first `longest` bytes of each packet."""
 
     def __init__(self):
         self.packets, self.sequence, self.longest = [], {}, 1 << 18
@@ -54,7 +55,7 @@ class Capture:
 
 def test_ties_discovery_and_link_together():
     capture = Capture()
-    capture.segments(DEVICE, IS_DEVICE)  # its broadcast has not come yet, so the device is unknown
+    capture.segments(DEVICE, IS_DEVICE)  # the dissector does not know this device before its broadcast
     capture.datagram(DEVICE, IS_DEVICE)
     capture.datagram(COMPANION, frame(CONNECT_REQUEST))
     capture.segments(COMPANION, frame(CONNECT_REQUEST) + frame(BUTTON, b"\7"))
@@ -88,7 +89,8 @@ def test_shows_what_a_capture_has_cut_off():
         capture.datagram(DEVICE, ONE_RUN)
         capture.segments(DEVICE, ONE_RUN, port=20000 + capture.longest)
     seen = capture.fields("_ws.col.Info", "guilink.length")
-    assert len(seen) == 49 + 37  # datagrams and segments; the first 12 segments are cut before their payload
+    # All 49 datagrams, and the 37 segments of which the capture has more than the 40 bytes of IP and TCP headers.
+    assert len(seen) == 49 + 37
     assert all(info == "cut off" for info, _ in seen)
     assert seen[-2:] == [["cut off", "8"], ["cut off", ""]]
 
