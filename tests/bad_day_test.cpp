@@ -109,7 +109,8 @@ TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
             const auto offered = [&] { return host.offered(); };
             if (wait_until(offered, 100ms)) offers.push_back(host.accept());
         }
-        if (offers.size() < 2) continue;  // an older sweep has received most of the answers
+        // Try again: the service's previous search, which still listens, has got most answers.
+        if (offers.size() < 2) continue;
         uint8_t number = 0;
         for (Socket& offer : offers) candidates.emplace_back(std::move(offer), ++number);
         EXPECT_TRUE(wait_until([&] {
@@ -172,7 +173,7 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     pipe.reader.close();
     Daemon daemon(Daemon::Until::Started, [&] { dup2(pipe.writer.fd(), STDOUT_FILENO); });
     RawCompanion companion;
-    EXPECT_TRUE(wait_until([&] {  // each request logs a line
+    EXPECT_TRUE(wait_until([&] {  // the service logs a line for each request
         if (const auto candidate = companion.connection_within(100ms)) {
             candidate->write(frame(ConnectRequest));
         }
@@ -181,7 +182,7 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGPIPE);
 }
 
-// One of the service's streams is a pipe that only drain() reads.
+// The service's standard output or standard error is a pipe that only drain() reads.
 class FullPipe : public testing::TestWithParam<int> {
   protected:
     void fill() const {
@@ -208,7 +209,7 @@ class FullPipe : public testing::TestWithParam<int> {
     RawCompanion m_companion{"127.0.0.4"};
 };
 
-// Only log lines are lost, and they are counted.
+// While the pipe is full, the service loses only log lines, and it counts the lost lines.
 TEST_P(FullPipe, LosesLinesAlone) {
     const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);
     Socket link = m_companion.link();

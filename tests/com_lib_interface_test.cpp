@@ -11,10 +11,10 @@ namespace {
 
 using namespace guilink::test;
 
-constexpr uint64_t LARGE = 2'457'600;  // 1280 x 960
-constexpr uint64_t SMALL = 1'572'864;  // 1024 x 768
+constexpr uint64_t LARGE = 2'457'600;  // bytes; 1280 x 960 pixels of 2 bytes
+constexpr uint64_t SMALL = 1'572'864;  // bytes; 1024 x 768 pixels of 2 bytes
 
-// A frame of one colour, in a buffer without a spare byte.
+// Returns a frame of one colour, in a buffer of exactly `size` bytes.
 std::shared_ptr<unsigned char> colour(uint16_t value, uint64_t size) {
     std::shared_ptr<unsigned char> buffer(new unsigned char[size],
                                           std::default_delete<unsigned char[]>());
@@ -30,7 +30,8 @@ struct Image {
 
 class LinkedFacade : public testing::Test {
   protected:
-    // The first image that arrives proves that the connection is the link.
+    // Pushes frames until the companion receives an image, which proves that the connection is the
+    // link.
     void SetUp() override {
         m_link = m_companion.link(frame(ConnectRequest) + frame(ControlMessage), [this] {
             m_facade->push_frame(colour(0x8001, SMALL), SMALL);
@@ -78,7 +79,8 @@ TEST_F(LinkedFacade, SizeDecidesTheResolution) {
     EXPECT_EQ(image.width, 1280);
     EXPECT_EQ(image.height, 960);
 
-    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);  // reads SMALL bytes all the same
+    // Every size below LARGE means a frame of 1024 x 768, so push_frame reads SMALL bytes.
+    m_facade->push_frame(colour(0x9003, SMALL), 1'000'000);
     image = next_image_other_than(0x9002);
     EXPECT_EQ(image.width, 1024);
     EXPECT_EQ(image.height, 768);
@@ -104,8 +106,9 @@ TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     EXPECT_EQ(image.first_pixel, 0x9005);
 }
 
-// The first frame does not fit into the companion's TCP receive window. The later frames are small,
-// but must not wait in the send buffer: the newest of them replaces the others.
+// The first frame does not fit into the companion's TCP receive window. While it is being sent, the
+// later frames must not enter the send buffer, although they are small. The newest of them must
+// replace the others.
 TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
     const auto striped = colour(0, SMALL);
     for (uint64_t i = 0; i < SMALL; i += 2) {
@@ -151,7 +154,7 @@ TEST_F(LinkedFacade, EndsWhileMessagesArrive) {
     std::thread reader([&] {
         try {
             for (size_t size; (size = m_link.read_some().size()) > 0;) answered += size;
-        } catch (const std::runtime_error&) {  // the facade has closed the connection
+        } catch (const std::runtime_error&) {  // m_facade.reset() has closed the connection
         }
     });
     EXPECT_TRUE(wait_until([&] { return answered > 100'000; }));

@@ -1,4 +1,5 @@
-// Tests the companion's library with bytes of all kinds, and with a device made of bare sockets.
+// Tests the companion library with valid and damaged bytes, and with a device that the test
+// simulates with plain sockets.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -32,8 +33,8 @@ TEST(FrameReader, FindsFramesHoweverTheyAreDamagedOrSplit) {
     Bytes wrong_checksum = frame(DataMessage, bytes("wrong"));
     wrong_checksum.back() ^= 1;
     Bytes too_long = frame(DataMessage);
-    too_long[LENGTH_OFFSET + 2] = 0x10;  // 1 MiB,
-    too_long[LENGTH_OFFSET] = 1;         // and one byte more
+    too_long[LENGTH_OFFSET + 2] = 0x10;  // announces 1 MiB
+    too_long[LENGTH_OFFSET] = 1;         // and one more byte
     const Bytes cut_start(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end() - 1);
     const Bytes stream = bytes("garbage") + frame(IdentityMessage, bytes("ABCDEfw")) +
                          wrong_checksum + frame(DataMessage, bytes("a")) + too_long + cut_start +
@@ -58,7 +59,7 @@ TEST(ImageDecoder, RefusesWhatIsNoCompleteImage) {
 
 const Bytes IDENTITY = frame(IdentityMessage, bytes("ABCDEfw2"));
 
-// A device made of bare sockets, and a companion whose reports are recorded.
+// Simulates a device with plain sockets, and records what the companion reports.
 class CompanionTest : public testing::Test {
   protected:
     static void search(const Socket& from, const Bytes& datagram) {
@@ -67,8 +68,8 @@ class CompanionTest : public testing::Test {
                reinterpret_cast<const sockaddr*>(&companion), sizeof companion);
     }
 
-    // Acts as a device: broadcasts twice, so that the companion takes it for the only device in
-    // sight, and connects to the companion.
+    // Acts as a device: broadcasts twice, so that the companion considers this device the only one
+    // in the network, and then connects to the companion.
     Socket connect(const char* address = "127.0.0.1") {
         m_search.emplace(SOCK_DGRAM, address, 3153);
         for (int i = 0; i < 2; ++i) search(*m_search, IDENTITY);
@@ -161,7 +162,9 @@ TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
 
 TEST_F(CompanionTest, ReportsWhatBecomesOfAMessage) {
     std::mutex mutex;
-    std::string seen;  // one letter per event, in order; P is an image
+    // One letter per event, in order: P is a picture; C, U and R are a confirmed, an unknown and a
+    // refused Delivery.
+    std::string seen;
     const auto note = [&](char letter) {
         const std::lock_guard lock(mutex);
         seen += letter;
@@ -222,7 +225,8 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
     }
     EXPECT_TRUE(connect_from("127.0.0.2").ended());
 
-    Socket device = connect_from("127.0.0.1");  // stays chosen, although its identity changes
+    // The companion must stay with this device, although the device's identity changes.
+    Socket device = connect_from("127.0.0.1");
     device.write(frame(IdentityMessage, bytes("33333fw9")));
     EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
     device.reset();
@@ -286,7 +290,7 @@ TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
         device.write(bytes("garbage") + frame(ImageMessage, bytes("x")) + frame(77));
         identify(device);
         if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
-        if (i != 1) device.reset();  // the second device only falls silent
+        if (i != 1) device.reset();  // the second device only stops sending
         EXPECT_TRUE(wait_until([this] { return !status().linked; }));
     }
 }

@@ -1,4 +1,4 @@
-// The simulated core: its memory, its buttons, its GUI.
+// Tests the simulated core: its memory, its buttons and its GUI.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -54,7 +54,7 @@ TEST(Gui, EveryButtonCanBeSeen) {
     for (uint8_t button = 0; button < BUTTON_COUNT; ++button) {
         Gui gui("11111");
         const auto before = drawn(gui);
-        EXPECT_EQ(before, drawn(gui));  // equal moments give equal pictures
+        EXPECT_EQ(before, drawn(gui));  // the same GUI at the same Moment gives the same picture
         gui.press(static_cast<Button>(button));
         EXPECT_NE(before, drawn(gui)) << int{button};
     }
@@ -69,7 +69,7 @@ TEST(Scenes, DifferAndMove) {
     }
 }
 
-// The service silently drops a scene that does not fit into a message.
+// The service silently drops a picture whose encoding does not fit into a message.
 TEST(Scenes, FitIntoAMessage) {
     const Gui gui("11111");
     for (const uint16_t width : {uint16_t{1280}, uint16_t{1024}}) {

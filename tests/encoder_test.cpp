@@ -23,21 +23,21 @@ namespace {
 using namespace guilink;
 using Words = std::vector<uint16_t>;
 
-constexpr uint16_t KINDS[] = {0, 0x0FFF, 0x1000, 0xFFFF};  // transparent up to 0x0FFF
+constexpr uint16_t KINDS[] = {0, 0x0FFF, 0x1000, 0xFFFF};  // pixels; transparent up to 0x0FFF
 
 #if defined(NDEBUG)
-constexpr size_t EXHAUSTIVE = 12;  // pixels: 22 million images
+constexpr size_t EXHAUSTIVE = 12;  // pixels; the test tries all 22 million images up to this size
 constexpr size_t STEP = 1;
 #else
-constexpr size_t EXHAUSTIVE = 6;  // with sanitizers an image costs up to a hundred times more
-constexpr size_t STEP = 7;        // the tests that use STEP try every seventh of their images
+constexpr size_t EXHAUSTIVE = 6;  // pixels; sanitizers make an image up to 100 times slower
+constexpr size_t STEP = 7;        // the tests that use STEP try only every seventh image
 #endif
-constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;
+constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;  // pixels; the Python decoder gets no larger images
 
-constexpr size_t AT = 21;  // words of a frame's header
+constexpr size_t AT = 21;  // index of an image's first 16-bit word; the header is before it
 
-// The instruction sets that both this processor and run_ends.cpp support. Each element is a mask,
-// of which hwy uses the lowest bit.
+// Returns the instruction sets that both this processor and run_ends.cpp support. Each element is a
+// bit mask; hwy uses only the instruction set of the lowest bit.
 std::vector<int64_t> instruction_sets() {
 #if defined(__x86_64__)
     std::vector<int64_t> sets;
@@ -61,15 +61,16 @@ class Encoder : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_NE(m_python, nullptr);
-        std::signal(SIGPIPE, SIG_IGN);  // pclose reports a decoder that has failed
+        // If the Python decoder ends early, SIGPIPE must not end this test: pclose reports it.
+        std::signal(SIGPIPE, SIG_IGN);
     }
     void TearDown() override {
         ASSERT_EQ(pclose(m_python), 0);
         use(m_sets.front());
     }
 
-    // Encodes the pixels with each instruction set, and decodes the result. Returns the name of the
-    // first result that differs from the reference encoder's or from the pixels; "" if none does.
+    // Encodes the pixels with each instruction set, and decodes the result. Returns the name of
+    // what differs from the reference encoder's result or from the pixels; "" if nothing differs.
     std::string_view wrong(const Words& pixels, uint16_t width, uint16_t height, bool in_python) {
         m_expected.assign(2, 0);
         const uint64_t bytes = encode_literally(pixels.data(), width, height, m_expected);
@@ -128,7 +129,8 @@ TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
 }
 
 // The encoder reads blocks of 32 pixels. Its result for 8 pixels depends only on these pixels and
-// on the next one. Tries all combinations of such nine pixels at each place in a block.
+// on the next one. So this test tries all combinations of nine neighbouring pixels, at each place
+// in a block.
 TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     constexpr size_t COUNT = size_t{1} << 18;
     Words pixels(9, KINDS[0]);
@@ -151,8 +153,8 @@ TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     }
 }
 
-// Tries runs about as long as a block, a chunk, the longest run and twice the longest run, with up
-// to two pixels before and after.
+// Tests runs about as long as one of four limits: the encoder's block, its chunk, the longest run
+// and twice the longest run. Up to two pixels precede and follow each run.
 TEST_F(Encoder, EveryRunAroundTheLimits) {
     for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
         for (size_t i = 0; i < size_t{5} * 3 * 3 * 2; i += STEP) {
@@ -162,7 +164,8 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
             pixels.shrink_to_fit();
             size_t height = 1;
             while (pixels.size() % height != 0 || pixels.size() / height > 65535) ++height;
-            if (height > 65535) continue;  // no image has this number of pixels, a large prime
+            // Skip a number of pixels that is no product of a 16-bit width and height.
+            if (height > 65535) continue;
             const auto width = static_cast<uint16_t>(pixels.size() / height);
             const auto rows = static_cast<uint16_t>(height);
             ASSERT_EQ(wrong(pixels, width, rows, true), "") << limit << "," << i;
@@ -171,8 +174,8 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
 }
 
 // Tries random runs. Each run repeats one pixel value: either a value with a single bit set, or an
-// element of KINDS. The images have up to 9,000 pixels, which are more than two chunks. The last
-// block of an image may be incomplete.
+// element of KINDS. The largest images have almost 9,000 pixels, which are more than two of the
+// encoder's chunks of 4,096. Most sizes are no multiple of 32, so the last block is incomplete.
 TEST_F(Encoder, RandomRuns) {
     std::mt19937 random(1);
     for (size_t count = 1; count < 9'000; count += 1 + count / 100) {

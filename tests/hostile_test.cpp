@@ -1,6 +1,6 @@
 // While hosts attack, the service must not exit, must still link a good companion, and may start
-// only a limited number of threads. After the attack, its use of threads, descriptors and memory
-// must return to the values from before (see bad_day.h).
+// only a limited number of threads. After the attack, the service's use of threads,
+// descriptors and memory must return to the values from before the attack (see bad_day.h).
 #include "tests/support/bad_day.h"
 #include "tests/support/hostile_host.h"
 
@@ -13,14 +13,16 @@ std::chrono::milliseconds beside_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 10s : LIMIT;
 }
 
-// GUILINK_STORM_SECONDS prolongs the attack; meanwhile one good companion after another links.
+// Returns the minimum duration of an attack, from GUILINK_STORM_SECONDS. During the attack, good
+// companions link one after another.
 std::chrono::seconds storm() {
     const char* const seconds = std::getenv("GUILINK_STORM_SECONDS");
     return std::chrono::seconds(seconds != nullptr ? std::stoi(seconds) : 0);
 }
 
-// While one hostile host attacks, there may be four searches, with two threads each, and the
-// connections of two sweeps: eight per sweep, with one thread each.
+// While one hostile host attacks, the service may have four searches at once, with two threads
+// each. It may also have the connections from two searches, eight each, with one thread per
+// connection.
 constexpr size_t MORE_THREADS = 4 * 2 + 2 * 8;
 
 class HostileNeighbour : public BadDay {
@@ -49,7 +51,8 @@ class HostileNeighbour : public BadDay {
         EXPECT_LE(threads, m_before.threads + MORE_THREADS);
     }
 
-    // The service must link the good companion although its answer arrives after all others.
+    // The service must link the good companion (m_peer), although the hostile hosts answer the
+    // service's broadcast earlier.
     void keeps_out_no_late_one(const Manners& manners) {
         const HostileHosts hostile(manners);
         EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));
@@ -69,9 +72,9 @@ class HostileNeighbour : public BadDay {
     }
 };
 
-const Bytes REQUESTS = repeated(frame(ConnectRequest), 25'000);  // a MiB
+const Bytes REQUESTS = repeated(frame(ConnectRequest), 25'000);  // about 1 MiB
 
-// The requests begin after 1.1 s, on connections that the service has given up by then.
+// The hostile host sends these requests after 1.1 s, when the service has given up the connection.
 TEST_F(HostileNeighbour, StormsWithRequestsToConnect) {
     keeps_nobody_out({.words = REQUESTS, .words_after = 1100ms, .words_every = 0ms});
 }

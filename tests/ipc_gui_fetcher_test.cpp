@@ -56,7 +56,8 @@ extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const ch
     registrations.push_back(
         {program, version, name, info->count, entry.procedure, entry.word, last});
 
-    // The core calls at once, before the fetcher is constructed. This call must map nothing.
+    // The core may call as soon as the program is registered, before the fetcher is constructed.
+    // Such an early call must map nothing.
     if (program == IPC_PROG_GUI_BUF) {
         const GuiBufferArg early = {0x1000, 4096};
         _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
@@ -103,8 +104,8 @@ TEST(IpcGuiFetcherDeathTest, TermUnregistersTheLastProgramAndExits) {
         testing::ExitedWithCode(0), "^unregistered 1879048197 1\n$");
 }
 
-// Pushes frames and checks the images that a companion receives. The latest mapping determines the
-// size of an image, not the announced size.
+// Pushes frames and checks the images that a companion receives. Every image must have the size of
+// the frame mapped last, whatever size is announced.
 TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     constexpr uint32_t LARGE = 2'457'600;
     constexpr uint32_t SMALL = 1'572'864;
@@ -138,10 +139,11 @@ TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     };
     EXPECT_TRUE(shows(0x10000000, LARGE, 1280, 0x9001));
     EXPECT_TRUE(shows(0x20000124, SMALL, 1024, 0x9002));
-    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // not 1280: the latest mapping is small
+    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // 1024: the frame mapped last is SMALL
     EXPECT_TRUE(shows(0x130000000, LARGE, 1280, 0x9003));
-    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // not 1024: the latest mapping is large
-    // Without its bits above 4 GiB, 0x130000000 is 0x30000000. The same memory is mapped twice.
+    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // 1280: the frame mapped last is LARGE
+    // For 0x130000000, the service has mapped the memory at 0x30000000, because it drops the upper
+    // 32 bits of an address. For 0x30000000, it maps the same memory a second time.
     push(0x30000000, LARGE);
     EXPECT_THAT(mappings(), testing::UnorderedElementsAre(LARGE + 4096, SMALL + 4096, LARGE + 4096,
                                                           LARGE + 4096));

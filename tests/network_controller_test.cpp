@@ -12,7 +12,8 @@ using namespace guilink::test;
 
 const Bytes IDENTITY = bytes("who I am");
 
-// A protocol of one-letter messages that records what it receives.
+// A worker that records what it receives. Each byte is a message: c makes the connection the link,
+// a requests an answer, and t makes the worker throw.
 class Worker : public NetworkController::NetworkWorker {
   public:
     void OnDataReceived(const unsigned char* data, uint64_t length,
@@ -70,7 +71,7 @@ class Controller : public testing::Test {
   protected:
     Controller() { m_worker->SetController(m_controller); }
 
-    // Links again, which proves that the previous link has ended.
+    // Links the companion again, which also proves that the previous link has ended.
     Socket link() {
         const size_t before = m_worker->seen().link.size();
         return m_companion.link(bytes("c"),
@@ -128,7 +129,7 @@ TEST_F(Controller, DropsTheOthersAndTheirEndsToo) {
         wait_until([&] { return !m_worker->seen().link.empty() || peer.readable(10ms); });
     }
     const Chatter chatter(peer, bytes("."));
-    EXPECT_TRUE(other.ended());  // it was silent, so the device has dropped it
+    EXPECT_TRUE(other.ended());  // the device has dropped `other`, which was silent
     m_worker->send(bytes("still linked"));
     EXPECT_EQ(peer.read(12), bytes("still linked"));
     EXPECT_EQ(m_worker->seen().link_ends, 0);
@@ -142,7 +143,7 @@ TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
         EXPECT_TRUE(silent.ended());
     }
     const Socket peer = link();
-    peer.write(bytes("t"));  // at a 't' the worker throws, which ends the receive thread
+    peer.write(bytes("t"));  // the worker throws, which ends the receive thread
     EXPECT_TRUE(peer.ended());
     link();
     EXPECT_EQ(m_worker->seen().link_ends, 0);  // the worker did not see the link end

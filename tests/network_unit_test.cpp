@@ -117,7 +117,7 @@ TEST(NetworkUnit, BroadcastDiscovery) {
     const std::string host = std::string("Host: ") + INTERFACE + HOST_MASK;
     EXPECT_THAT(hosts(finder.units), ElementsAre(host, host));
 
-    seeker->ping({});  // after join() it can search again, even without a callback
+    seeker->ping({});  // a unit can search again after join(), even without a callback
     EXPECT_EQ(companion.hear(), PAYLOAD);
 }
 
@@ -134,8 +134,8 @@ TEST(NetworkUnitDeathTest, ForbiddenDiscoveriesEndTheProcess) {
     EXPECT_EXIT(twice(), aborted, "");
 }
 
-// Runs all sweeps at once, so that each receives the others' replies, too. Every address in 127/8
-// replies.
+// Runs all searches at once, so that each search also receives the replies to the others. Every
+// address in 127.0.0.0/8 replies.
 TEST(NetworkUnit, EchoSweep) {
     const struct {
         const char* address;
@@ -157,8 +157,8 @@ TEST(NetworkUnit, EchoSweep) {
         seekers.back()->ping(finders[i].callback());
     }
 
-    // Send invalid replies from the host that the last sweep searches for. The sweep must ignore
-    // these replies.
+    // Send invalid replies from the host that the last search of the table looks for. The search
+    // must ignore these replies.
     EXPECT_TRUE(wait_until([&] { return finders[4].count == 1; }));
     const Socket forger(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
     const sockaddr_in host = ipv4("127.6.2.3", 0);
@@ -192,7 +192,7 @@ TEST(NetworkUnit, EchoSweep) {
 TEST(NetworkUnit, NoSocketAvailable) {
     testing::internal::CaptureStderr();
     Finder finder;
-    std::thread([&] {  // drops its capabilities, so that the unit's threads have none
+    std::thread([&] {  // without capabilities, the unit's threads get no raw socket
         __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
         const __user_cap_data_struct none[2] = {};
         ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
@@ -204,8 +204,8 @@ TEST(NetworkUnit, NoSocketAvailable) {
     EXPECT_EQ(finder.count, 0u);
 
     Receiver receiver;
-    // The limit below forbids new descriptors, but the sanitizer opens a descriptor when it first
-    // checks an object of a type. So connect once before.
+    // Connect once before the limit below forbids new descriptors: the sanitizer opens a descriptor
+    // when it checks a type for the first time.
     unit(THIS_HOST, SINGLE)->tcp_connect(PORT, receiver.callback());
     const auto host = unit(THIS_HOST, SINGLE);
     rlimit limit;
@@ -228,7 +228,7 @@ class Connection : public testing::Test {
         m_unit->tcp_connect(PORT, m_receiver.callback());
         return Socket(accept(m_host.fd(), nullptr, nullptr));
     }
-    // Waits until the unit has received bytes.
+    // Connects, sends "hello" to the unit, and waits until the unit has received it.
     Socket connected() {
         Socket peer = connect();
         peer.write(bytes("hello"));
@@ -286,7 +286,7 @@ TEST_F(Connection, SendFailsIfThePeerDoesNotReadAndAfterItsReset) {
     Socket peer = connected();
     {
         const Chatter chatter(peer, bytes("x"));
-        const Bytes data(64 * NetworkUnit::BUFFER_SIZE);  // more than all buffers hold
+        const Bytes data(64 * NetworkUnit::BUFFER_SIZE);  // more than the sockets' buffers hold
         EXPECT_FALSE(send_at_once(data));
         EXPECT_FALSE(send(data));
         EXPECT_FALSE(send(PAYLOAD));
@@ -294,7 +294,7 @@ TEST_F(Connection, SendFailsIfThePeerDoesNotReadAndAfterItsReset) {
     peer.reset();
     m_unit->join();
     EXPECT_EQ(m_receiver.ends(), 1);
-    for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));  // without SIGPIPE
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));  // fails without a SIGPIPE
 }
 
 TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {

@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 constexpr const char* UNSUPPORTED = "VeltraneCommunicator: received unsupported message type\n";
 constexpr const char* OVERLOADED = "VeltraneCommunicator: buffer overloaded!\n";
-constexpr uint32_t LARGEST = 1'048'534;  // payload that a receiver accepts
+constexpr uint32_t LARGEST = 1'048'534;  // bytes; the largest payload that a receiver accepts
 
 Bytes damaged(Bytes frame) {
     frame[CHECKSUM_OFFSET] ^= 1;
@@ -188,7 +188,8 @@ TEST(VeltraneCommunicator, SignalMayEmptyItself) {
     EXPECT_EQ(calls, "called with all it holds");
 }
 
-// Runs `action` on another thread, as another connection. Does not report the connection's end.
+// Runs `action` on a new thread, which the communicator treats as a new connection. Never reports
+// the end of this connection.
 void on_a_connection(const std::function<void()>& action) {
     std::thread(action).join();
 }
@@ -212,15 +213,15 @@ TEST(VeltraneCommunicator, ConnectionsKeepAMebibyteTogether) {
     Receiver receiver;
     receiver.feed(first(41, GOOD), false);
     on_a_connection([&] {
-        // The total exceeds MAX_SIZE. This connection has the most kept bytes, so these bytes are
-        // dropped.
+        // The connections' incomplete frames together exceed MAX_SIZE. This connection's is the
+        // longest, so the communicator drops it.
         receiver.feed(first(MAX_SIZE - 40, LARGE), false);
         receiver.feed(rest(MAX_SIZE - 40, LARGE), false);
     });
     on_a_connection([&] { receiver.feed(first(900'000, LARGE), false); });
     on_a_connection([&] {
-        // The total exceeds MAX_SIZE again. This connection is the link, so the 900,000 bytes of
-        // the connection above are dropped.
+        // With the 900,000 bytes above, the incomplete frames exceed MAX_SIZE again. This
+        // connection is the link, so the communicator drops the 900,000 bytes instead.
         receiver.feed(first(600'000, LARGE));
         receiver.feed(rest(600'000, LARGE));
     });
@@ -255,7 +256,8 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
     communicator->SendImage(pixels.data(), 3, 0);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(link.read_frame(), image);
 
-    // One run more than fits into a message: nothing is sent, and nothing can be repeated.
+    // These pixels have one run more than fits into a message. So SendImage sends nothing, and the
+    // call after it has no image to repeat.
     std::vector<uint16_t> noise(262'145);
     for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<uint16_t>(0x8000 + i % 2);
     communicator->SendImage(noise.data(), 52'429, 5);

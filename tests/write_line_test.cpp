@@ -13,7 +13,8 @@ namespace {
 
 constexpr size_t MUCH = 4 << 20;  // bytes; more than any pipe or socket here holds
 
-// Makes a descriptor standard error, as the service does at its start.
+// Replaces standard error by `descriptor`. Then unblocks the standard streams, as the service does
+// when it starts.
 void become_standard_error(int descriptor) {
     dup2(descriptor, STDERR_FILENO);
     close(descriptor);
