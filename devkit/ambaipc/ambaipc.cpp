@@ -1,9 +1,10 @@
-// Our stand-in for the vendor's IPC library: the service's side.
+// Our substitute for the vendor's IPC library, the service's side. The service registers RPC
+// programs; an RPC program is a numbered set of procedures.
 //
-// Each program has a listening socket and one thread, which serves that socket and all callers. So
-// calls to one program never overlap, and a silent caller delays no other. A caller's mistake is
-// answered with a status and affects no other caller. An exception from a procedure ends the
-// process.
+// Each RPC program has a listening socket and one thread, which serves this socket and all callers.
+// So calls to one RPC program never overlap. The thread never waits for a particular caller, so a
+// silent caller does not delay the others. The thread answers an invalid call with an error status.
+// If a procedure throws an exception, the process ends.
 #include "ipc/ambaipc.h"
 #include "base/mutex.h"
 
@@ -32,31 +33,32 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t MAX_PROGRAMS =
-    32;  // different programs in the life of a process; the service has 2
-constexpr size_t MAX_CALLERS = 64;    // connections to a program; a further one closes the oldest
-constexpr size_t PADDING = 64;        // zero bytes after the argument: every text is terminated
-constexpr auto ACCEPT_RETRY = 100ms;  // when out of descriptors
+    32;  // different RPC programs that a process may ever register; guilinkd has 2
+constexpr size_t MAX_CALLERS = 64;    // connections per RPC program; one more closes the oldest
+constexpr size_t PADDING = 64;        // zero bytes after the argument, to terminate a text
+constexpr auto ACCEPT_RETRY = 100ms;  // wait before the next accept when out of descriptors
 
 constexpr int FREE = -1;
-constexpr int LEAVING = -2;  // unregistered; its thread has not closed the listener yet
+constexpr int LEAVING = -2;  // unregistered, but the program's thread has not closed the socket yet
 
-// Once a program has used a slot, no other program gets that slot.
+// Each slot belongs to the first RPC program that uses it, even after that program is unregistered.
 struct Slot {
-    uint64_t key = 0;                 // program and version; constant once set
+    uint64_t key = 0;                 // number and version of the RPC program; constant once set
     std::atomic<int> listener{FREE};  // the listening socket, FREE or LEAVING
 };
 
-// Constant-initialised and never destroyed: at exit the programs' threads still run, and the signal
-// handler that called exit may have interrupted any code.
+// These variables are constant-initialised and never destroyed. At exit, the RPC programs' threads
+// still run, and the signal handler that called `exit` may have interrupted any code.
 constinit std::array<Slot, MAX_PROGRAMS> slots;
 constinit std::atomic<size_t> slots_used{0};
-constinit Mutex register_mutex;  // one registration at a time; unregistering never locks it
+constinit Mutex register_mutex;  // locked by ambaipc_svc_register only
 
 uint64_t key_of(uint32_t program, uint32_t version) {
     return uint64_t{program} << 32 | version;
 }
 
-// One write per line: lines of different threads never mix, and nothing is left to flush at exit.
+// Writes the line by one system call, so that lines of different threads do not mix, and nothing is
+// left to flush at exit.
 __attribute__((format(printf, 1, 2))) void print_line(const char* format, ...) {
     char line[256];
     va_list arguments;
@@ -80,8 +82,9 @@ class Program {
         m_polled.push_back({m_listener, POLLIN, 0});
         for (;;) {
             if (poll(m_polled.data(), m_polled.size(), -1) < 0) continue;  // interrupted
-            // Wait for the hang-up, not for LEAVING: until the hang-up, unregistering still uses
-            // the descriptor.
+            // Do not stop before POLLHUP, even if the slot is LEAVING already:
+            // ambaipc_svc_unregister sets LEAVING first and then calls `shutdown` on the listening
+            // socket, so the socket must still be open then.
             if (m_polled[0].revents & POLLHUP) break;
             for (size_t i = 1; i < m_polled.size(); ++i)
                 if (m_polled[i].revents && !answer_call(m_polled[i].fd)) drop(i);
@@ -113,12 +116,12 @@ class Program {
         m_polled.push_back({caller, POLLIN, 0});
     }
 
-    // Receives one call and answers it. Returns false when the connection is to be closed.
+    // Receives one call and answers it. Returns false if the connection must be closed.
     bool answer_call(int caller) {
         // MSG_TRUNC returns the real length even of a truncated message.
         const ssize_t received = recv(caller, &m_call, sizeof(m_call) - PADDING, MSG_TRUNC);
         if (received < 0) return errno == EAGAIN || errno == EINTR;
-        if (received == 0) return false;  // closed; an empty message looks the same
+        if (received == 0) return false;  // end of the connection, or an empty message
         const CallStatus status = run(static_cast<size_t>(received));
         const Answer answer = {m_call.header.record, status, 0};
         if (send(caller, &answer, sizeof(answer), MSG_NOSIGNAL) == sizeof(answer)) return true;
@@ -153,7 +156,7 @@ class Program {
     Slot& m_slot;
     const int m_listener;
 
-    std::vector<pollfd> m_polled;  // the listener, then the callers, oldest first
+    std::vector<pollfd> m_polled;  // the listening socket, then the callers' sockets, oldest first
     Call m_call = {};
 };
 
@@ -164,7 +167,8 @@ Slot* find_slot(uint64_t key) {
     return nullptr;
 }
 
-// Returns the slot for a program; throws when it is registered already or no slot is free.
+// Returns the slot for an RPC program. Throws std::runtime_error if this program is still
+// registered or no slot is free.
 Slot& free_slot(uint64_t key) {
     if (Slot* known = find_slot(key)) {
         const int listener = known->listener.load(std::memory_order_acquire);
@@ -208,7 +212,7 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
         Slot& slot = free_slot(key_of(program, version));
         listener = listen_for(program, version);
         std::thread thread([service = Program(name, *info, slot, listener), program]() mutable {
-            char thread_name[16];  // the kernel's maximum
+            char thread_name[16];  // bytes; the kernel's maximum
             std::snprintf(thread_name, sizeof(thread_name), "ipc %08x", program);
             pthread_setname_np(pthread_self(), thread_name);
             service.serve();
@@ -224,8 +228,8 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
     }
 }
 
-// Runs in a signal handler: atomics and shutdown only. Calls are refused from now on; the program's
-// thread closes the sockets when it sees the hang-up.
+// May run in a signal handler, so it uses only atomics and `shutdown`. From now on, the RPC program
+// refuses calls. After `shutdown`, the program's thread gets POLLHUP and closes the sockets.
 int ambaipc_svc_unregister(uint32_t program, uint32_t version) {
     if (Slot* slot = find_slot(key_of(program, version))) {
         int listener = slot->listener.load(std::memory_order_acquire);

@@ -1,12 +1,14 @@
-// The protocol between the two sides of our IPC library: one message per call and one per answer,
-// over an abstract Unix socket of type SOCK_SEQPACKET, one socket per program. The socket's name
-// belongs to the network namespace; no other namespace can reach the socket. Both sides run on one
-// machine, so integers are in the byte order of that machine.
+// The protocol between callers and the service in our IPC library. Each RPC program (a numbered set
+// of procedures) has an abstract Unix socket of type SOCK_SEQPACKET. One message carries a call,
+// another one the answer. The socket's name belongs to the network namespace, so a caller in
+// another namespace cannot reach the socket. Caller and service run on one machine, so integers are
+// in the byte order of that machine.
 //
-//   call    record (24 bytes), procedure number, 4 bytes of 0, argument (0 to MAX_ARGUMENT bytes)
-//   answer  record (24 bytes), status, 4 bytes of 0
+//   call    record, procedure number, 4 zero bytes, argument (0 to MAX_ARGUMENT bytes)
+//   answer  record, status, 4 zero bytes
 //
-// A connection carries any number of calls, one at a time.
+// The record is an _AMBA_IPC_SVC_RESULT_s_ (24 bytes). A connection carries any number of calls,
+// one at a time.
 #pragma once
 
 #include <sys/socket.h>
@@ -20,14 +22,14 @@
 
 namespace guilink {
 
-inline constexpr size_t MAX_ARGUMENT = 4096;  // bytes; a frame has 12, a QR body 6
+inline constexpr size_t MAX_ARGUMENT = 4096;  // bytes; guilinkd's procedures need at most 12
 
 enum class CallStatus : uint32_t {
     done = 0,
     no_such_procedure = 1,
     too_short = 2,     // the message ends before its argument
     too_long = 3,      // the argument exceeds MAX_ARGUMENT
-    unregistered = 4,  // the program has been unregistered
+    unregistered = 4,  // the RPC program has been unregistered
 };
 
 struct CallHeader {
