@@ -22,15 +22,16 @@ namespace guilink {
 namespace {
 
 constexpr auto REQUEST_INTERVAL = 50ms;  // between connect requests, until linked
-// Number of connect requests after which the companion relies on the link even without an image.
+// After this number of connect requests, the companion sends presses and texts even if no image has
+// arrived.
 constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;
-// The device sends no new images after 2 s without a keep-alive.
+// If the device gets no keep-alive for 2 s, it sends no new images.
 constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
-constexpr auto SILENCE = 1s;           // a device silent for longer is asked for its identity
-constexpr auto TIMEOUT = 3s;           // a connection silent for longer is closed
-constexpr size_t MAX_CONNECTIONS = 8;  // a device opens about one per second, and soon drops it
+constexpr auto SILENCE = 1s;           // after this silence, ask the device for its identity
+constexpr auto TIMEOUT = 3s;           // after this silence, close the connection
+constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
 constexpr size_t MAX_WAITING = 256;    // queued messages
-constexpr size_t MAX_ANSWERED = 64;    // remembered addresses, from which devices may connect
+constexpr size_t MAX_ANSWERED = 64;    // addresses of answered devices, which may connect
 
 int listen_for_devices(const NetSocket<>& listener) {
     const int on = 1;
@@ -108,7 +109,7 @@ void Companion::run() {
     }
 }
 
-// Waits, at most REQUEST_INTERVAL, and processes what has arrived.
+// Waits for events, at most REQUEST_INTERVAL, and processes what has arrived.
 void Companion::wait() {
     std::vector<pollfd> events = {{m_wake, POLLIN, 0},
                                   {m_discovery.descriptor(), POLLIN, 0},
@@ -124,8 +125,9 @@ void Companion::wait() {
 
     eventfd_t ignored;
     if (events[0].revents != 0) eventfd_read(m_wake, &ignored);
-    // Read broadcasts before accepting a connection: the device has broadcast before it connected,
-    // but perhaps after the poll above.
+    // Read broadcasts before accepting a connection, because accept_connection rejects a device
+    // whose broadcast has not been answered. A device broadcasts before it connects, but the poll
+    // above may have seen only the connection.
     if (events[1].revents != 0 || events[2].revents != 0) receive_broadcasts();
     auto event = events.begin() + 3;
     for (Connection& connection : m_connections) {
@@ -175,7 +177,7 @@ void Companion::take_choice() {
     m_last = {};
     m_answered.clear();
     for (Connection& connection : m_connections) connection.end();
-    if (m_link != nullptr) return;  // drop_ended will report
+    if (m_link != nullptr) return;  // drop_ended will report the status
     m_status = unlinked();
     report();
 }
@@ -238,8 +240,9 @@ void Companion::take_frame(Connection& from, uint16_t type,
     }
 }
 
-// Called when a connection delivers a message. This connection becomes the link, and all others
-// end, also an earlier link: a device that uses a newer connection has dropped the earlier link.
+// Called when a connection delivers a message. Makes this connection the link and ends all other
+// connections. If one of these was the link, the device has dropped it, because the device now uses
+// the new connection.
 void Companion::take_as_link(Connection& connection) {
     if (m_link == &connection) return;
     for (Connection& other : m_connections) {
@@ -266,7 +269,8 @@ void Companion::talk(Connection& connection) {
     }
     connection.send(ControlMessage);
     const bool ready = connection.answered > 0;
-    // Ask again if the confirmation of a message may have been lost.
+    // Repeat the identity request while a message is unconfirmed, because the answer may have been
+    // lost.
     const bool unconfirmed = &connection == m_link && !m_sent.empty();
     if (connection.requests > 1 && (!ready || unconfirmed || silence > SILENCE)) ask(connection);
     connection.next_words = now + (ready ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
@@ -277,7 +281,7 @@ void Companion::ask(Connection& connection) {
     ++connection.asked;
 }
 
-// Sends queued messages until the socket is full; the others stay queued.
+// Sends queued messages until the socket accepts no more. The remaining messages stay queued.
 void Companion::send_waiting() {
     if (m_link == nullptr || m_link->ended()) return refuse_waiting();
     if (m_link->answered == 0) return;
@@ -294,7 +298,8 @@ void Companion::send_waiting() {
     }
 }
 
-// Refuses the queued messages that have a delivery handler; the others wait for a link.
+// Refuses the queued messages that have a delivery handler. Messages without a handler stay queued
+// until there is a link.
 void Companion::refuse_waiting() {
     std::vector<DeliveryHandler> refused;
     {

@@ -2,20 +2,23 @@
 // buttons.
 //
 // The device searches and connects; the companion answers and waits. On each connection, the
-// companion asks the device to make that connection the link. The newest connection with a valid
-// message from the device is the link; while there is a link, other devices are refused. Only the
-// link carries images. Images are not stored: a handler must keep what it needs.
+// companion asks the device to make that connection the link. The link is the newest connection on
+// which the device has sent a valid message. While there is a link, the companion refuses other
+// devices. Only the link carries images. The companion does not store images, so a handler must
+// keep the images that it needs.
 //
-// The companion answers only the chosen device. If none was chosen, it answers the only device in
-// sight: a device that broadcasts twice, with no broadcast of another device in between. A device
-// that was linked stays chosen, even with a new identity or a new address.
+// The companion answers only the chosen device. If no device was chosen, the companion answers the
+// only device in sight. A device is the only one in sight if it broadcasts twice with no broadcast
+// of another device in between. A device that was linked stays chosen, even if its identity or its
+// address changes.
 //
-// Buttons and texts wait until the device is certain to deliver them, because the device
-// - drops whatever arrives in one chunk with a connect request. So the companion sends a second
-//   connect request and then an identity request, and waits for the answer.
-// - ignores a connect request that arrives before the connection is in the device's list of
-//   candidates. So the companion also waits for an image, which only a link carries. A device that
-//   draws nothing sends no image; then the companion waits until it has sent four connect requests.
+// The companion holds back presses and texts as long as the device might drop them:
+// - The device drops everything that it reads together with a connect request. So the companion
+//   sends a second connect request and then an identity request, and waits for the answer.
+// - The device ignores a connect request that arrives before the connection is in the device's list
+//   of candidates. So the companion also waits for an image, because only the link carries images.
+//   A device that draws nothing sends no image. So after four connect requests, the companion does
+//   not wait for an image any longer.
 #pragma once
 
 #include <atomic>
@@ -41,11 +44,11 @@ namespace guilink {
 struct LinkStatus {
     bool linked = false;
     std::string address;   // the device's IPv4 address, dotted
-    std::string identity;  // 5 characters, may be any bytes
+    std::string identity;  // 5 bytes of any value
     std::string firmware;  // version text
 
     // Only meaningful while not linked.
-    std::string wanted;    // the chosen or the last linked device; empty for any device
+    std::string wanted;    // identity or address of the device to link to; empty: any device
     bool several = false;  // several devices are in sight, and none is chosen
 };
 
@@ -67,10 +70,10 @@ class Companion {
 
     // Each handler may be empty.
     struct Handlers {
-        std::function<void(const LinkStatus&)> status;  // every change of the status
-        std::function<void(const Payload&)> image;      // every image, repeated images included
-        std::function<void(const std::string&)> text;   // every text from the device
-        // Called after each broadcast: all devices that have broadcast, the latest first.
+        std::function<void(const LinkStatus&)> status;  // called when the status changes
+        std::function<void(const Payload&)> image;      // called for every image, repeated or not
+        std::function<void(const std::string&)> text;   // called for every text from the device
+        // Called after each broadcast with all devices that have broadcast, the most recent first.
         std::function<void(const std::vector<HeardDevice>&)> devices = {};
     };
 
@@ -78,7 +81,7 @@ class Companion {
     // empty, the companion chooses the only device in sight. Throws std::runtime_error when it
     // cannot listen on a port.
     explicit Companion(Handlers handlers, std::string device = {});
-    // Drops the link. Waits only for a running handler.
+    // Drops the link. If a handler is running, waits until it returns.
     ~Companion();
     Companion(const Companion&) = delete;
     Companion& operator=(const Companion&) = delete;
@@ -96,8 +99,8 @@ class Companion {
     bool press(uint8_t button, DeliveryHandler delivered = {});
     bool send_text(const std::string& text, DeliveryHandler delivered = {});
 
-    // Links only to this device from now on, and drops the link to any other device. Any thread may
-    // call this function.
+    // From now on, links only to the device with this identity or address. Drops the link to any
+    // other device. Any thread may call this function.
     void choose(std::string device);
 
   private:
@@ -108,7 +111,7 @@ class Companion {
         DeliveryHandler delivered;  // may be empty
     };
     struct Sent {
-        uint64_t identity_request;  // number of the request that was sent after the message
+        uint64_t identity_request;  // number of the request whose answer confirms the message
         DeliveryHandler delivered;
     };
 
@@ -133,13 +136,13 @@ class Companion {
     const Handlers m_handlers;
     Discovery m_discovery;  // only for the companion's thread
     const NetSocket<> m_listener;
-    const int m_wake;  // eventfd: readable when a message is queued or m_stop is set
+    const int m_wake;  // eventfd that wakes the companion's thread
 
     // Only for the companion's thread.
     std::string m_device;                 // identity or address of the chosen device, or empty
-    LinkStatus m_last;                    // the device that was linked last; stays chosen
-    std::deque<uint32_t> m_answered;      // addresses that may connect
-    std::deque<Sent> m_sent;              // sent on the link, not confirmed yet
+    LinkStatus m_last;                    // the device that was linked last, which stays chosen
+    std::deque<uint32_t> m_answered;      // addresses of answered devices, which may connect
+    std::deque<Sent> m_sent;              // messages sent on the link, but not confirmed yet
     std::list<Connection> m_connections;  // oldest first
     Connection* m_link = nullptr;         // one of m_connections, or null
     LinkStatus m_status;
@@ -147,7 +150,8 @@ class Companion {
 
     Mutex m_waiting_mutex;
     std::deque<Message> m_waiting GUARDED_BY(m_waiting_mutex);
-    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);  // a choice not applied yet
+    // The argument of `choose`, until the companion's thread has applied it.
+    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);
 
     std::atomic<bool> m_stop{false};
     std::thread m_thread;

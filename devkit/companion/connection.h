@@ -1,5 +1,5 @@
-// One connection from a device: receives and sends frames. Never blocks: frames that the device
-// does not read wait in a small buffer. If the buffer is full, the connection ends.
+// One connection from a device: receives and sends frames. Sending never blocks. If the device does
+// not read, frames wait in a small buffer. If this buffer is full, the connection ends.
 #pragma once
 
 #include <chrono>
@@ -26,8 +26,8 @@ class Connection {
     bool ended() const { return m_ended; }  // if true, the companion must destroy this connection
     void end() { m_ended = true; }
     bool wants_to_write() const { return !m_outgoing.empty(); }
-    // Returns when the last bytes arrived; if none have arrived yet, when the connection was
-    // constructed.
+    // Returns the time at which the last bytes arrived. If no bytes have arrived yet, returns the
+    // time at which this object was constructed.
     Clock::time_point last_received() const { return m_last_received; }
 
     void receive(const FrameReader::FrameCallback& on_frame);
@@ -36,10 +36,10 @@ class Connection {
 
     // Set by the companion.
     unsigned requests = 0;    // connect requests sent
-    uint64_t asked = 0;       // identity requests sent, all after the second connect request
-    uint64_t answered = 0;    // identity requests answered; the device answers in order
-    bool image_seen = false;  // if true, this connection is the link: only the link carries images
-    Clock::time_point next_words = {};  // when the next messages are due
+    uint64_t asked = 0;       // identity requests sent; none before the second connect request
+    uint64_t answered = 0;    // identity requests that the device has answered; it answers in order
+    bool image_seen = false;  // an image has arrived; only the link carries images
+    Clock::time_point next_words = {};  // when the companion must send again
 
   private:
     const int m_descriptor;

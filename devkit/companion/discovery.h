@@ -1,5 +1,5 @@
-// Receives the broadcasts of devices that search for a companion, on UDP port 3152 of any
-// interface, remembers the devices, and answers the wanted ones.
+// Receives the broadcasts of devices that search for a companion, on UDP port 3152 of all
+// interfaces. Remembers the devices, and answers the wanted ones.
 #pragma once
 
 #include <netinet/in.h>
@@ -17,17 +17,17 @@ namespace guilink {
 
 // A device that searches for a companion.
 struct HeardDevice {
-    std::string identity;                         // 5 characters, may be any bytes
+    std::string identity;                         // 5 bytes of any value
     std::string firmware;                         // version text
-    std::string address;                          // dotted
+    std::string address;                          // IPv4, dotted
     std::chrono::steady_clock::time_point heard;  // time of the last broadcast
 };
 
 class Discovery {
   public:
     struct Call {
-        const HeardDevice& device;  // valid only during the call
-        uint32_t address;           // network byte order
+        const HeardDevice& device;  // valid only until `wanted` returns
+        uint32_t address;           // IPv4, network byte order
         // Number of other devices that have broadcast since this device's previous broadcast; empty
         // if there was no previous broadcast.
         std::optional<size_t> callers_since;
@@ -39,12 +39,12 @@ class Discovery {
     // The descriptor is readable when a broadcast has arrived.
     int descriptor() const { return m_socket.descriptor(); }
 
-    // Reads the broadcasts that have arrived and answers those for which `wanted` returns true.
-    // Never blocks; reads a limited number of datagrams per call. Returns whether a device's
-    // broadcast was among them.
+    // Reads the datagrams that have arrived, but only a limited number per call. Answers each
+    // broadcast for which `wanted` returns true. Never blocks. Returns whether at least one
+    // datagram was a device's broadcast.
     bool receive(const std::function<bool(const Call&)>& wanted);
 
-    // The devices that have broadcast, the latest first.
+    // The devices that have broadcast; the device with the most recent broadcast comes first.
     const std::vector<HeardDevice>& devices() const { return m_devices; }
 
   private:

@@ -7,7 +7,7 @@
 
 namespace guilink {
 
-constexpr uint32_t MAX_PIXELS = 1280 * 960;  // the largest screen; a larger image is damaged
+constexpr uint32_t MAX_PIXELS = 1280 * 960;  // the largest screen; larger images are rejected
 
 struct Image {
     uint16_t width = 0;
@@ -15,9 +15,10 @@ struct Image {
     std::vector<uint16_t> pixels;  // ARGB 4:4:4:4, row by row
 };
 
-// Decodes into `image` and reuses its memory. The device never sends the last pixel; the decoder
-// copies the preceding pixel, or writes 0 in an image of one pixel. Throws std::runtime_error when
-// the payload is not a complete image; the contents of `image` are then undefined.
+// Decodes into `image` and reuses its memory. The device never sends the last pixel, so the decoder
+// copies the preceding pixel. If the image has only one pixel, the decoder writes 0. Throws
+// std::runtime_error if the payload is not a complete image; the contents of `image` are then
+// undefined.
 void decode_image(std::span<const unsigned char> payload, Image& image);
 
 }  // namespace guilink

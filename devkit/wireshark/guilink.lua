@@ -1,9 +1,9 @@
--- Wireshark dissector of the link between device and companion: discovery (UDP 3152, 3153) and the link
--- itself (TCP 8399). docs/link-protocol.md describes the format and names the rules.
+-- Wireshark dissector for the protocol between device and companion: discovery (UDP 3152, 3153) and the link (TCP
+-- 8399). docs/link-protocol.md describes the format and lists the rules (FRAME-1 and so on).
 
 local HEADER = 42        -- bytes: start sequence, checksum, length, type
-local MAX_PAYLOAD = 0x100000  -- bytes; a header that announces more is damaged
-local ID_SIZE = 5        -- bytes of an identity; the rest is the firmware's version
+local MAX_PAYLOAD = 0x100000  -- bytes; a header that announces a longer payload is treated as damaged
+local ID_SIZE = 5        -- bytes; in an IdentityMessage, the firmware's version follows the identity
 local DEVICE_PORT, COMPANION_PORT, LINK_PORT = 3153, 3152, 8399
 local START = ("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17"):gsub("..", function(hex)
     return string.char(tonumber(hex, 16))
@@ -46,7 +46,7 @@ local fields = {
 }
 guilink.fields = fields
 
--- Expert information; the text begins with the name of the broken rule.
+-- Returns an expert info for a broken rule; `text` begins with the rule's name.
 local function broken(name, text, severity)
     return ProtoExpert.new("guilink.broken." .. name, text, expert.group.PROTOCOL, severity or expert.severity.ERROR)
 end
@@ -91,9 +91,9 @@ local function crc32(data)
 end
 
 -- These tables are filled in the first pass over the capture.
-local broadcasts  -- address of a device -> its last broadcast: frame number, identity
-local answers     -- device and companion -> number of the frame with the last answer
-local found       -- number of a frame -> the last broadcast and answer before it
+local broadcasts  -- maps a device's address to its last broadcast (packet number, identity)
+local answers     -- maps a device and a companion to the number of the packet with the last answer
+local found       -- maps a packet's number to the last broadcast and the last answer before that packet
 
 function guilink.init()
     broadcasts, answers, found = {}, {}, {}
@@ -106,7 +106,7 @@ local function ends(pinfo, from_device)
     return target, source
 end
 
--- Adds references to the broadcast and the answer that led to a packet.
+-- Adds the device's identity to the tree. Returns the last broadcast and the last answer before the packet.
 local function add_discovery(tree, pinfo, from_device)
     local device, companion = ends(pinfo, from_device)
     if not pinfo.visited then
@@ -144,7 +144,7 @@ local function add_text(tree, payload)
     tree:add(fields.text, payload)
 end
 
--- Adds only a summary of the runs, which can be thousands.
+-- Adds only a summary of the runs, because an image can have thousands of runs.
 local function add_image(tree, payload)
     if payload:len() < 4 then
         tree:add(fields.payload, payload)
@@ -178,7 +178,8 @@ end
 
 local PAYLOADS = { [BUTTON] = add_button, [IMAGE] = add_image, [IDENTITY] = add_identity, [DATA] = add_text }
 
--- Adds one complete frame. Returns its type and a summary of its payload.
+-- Adds one complete frame. Returns its type, its name with a summary of its payload, its item in the tree, and the
+-- summary alone.
 local function add_frame(frame, tree, from_device)
     local kind, length = frame(40, 2):le_uint(), frame(36, 4):le_uint()
     local name = TYPES[kind] or string.format("type %d", kind)
@@ -213,7 +214,7 @@ local function add_frame(frame, tree, from_device)
     return kind, name, branch, detail
 end
 
--- Adds a frame whose end the capture has cut off.
+-- Adds the known fields of an incomplete frame.
 local function add_part(part, tree)
     local branch = tree:add(guilink, part, "Guilink, cut off")
     local at = 0
@@ -233,8 +234,10 @@ local function add_garbage(bytes, tree)
     branch:add_proto_expert_info(experts.garbage)
 end
 
--- Returns the position of the first start sequence at or after `from`, and true. If there is no start sequence,
--- returns the position of an incomplete one at the end of the data, or the end of the data, and false.
+-- Searches for a start sequence at or after the position `from`. Returns
+-- - the position of the first complete start sequence, and true;
+-- - if there is none: the position of an incomplete start sequence at the end of the data, and false;
+-- - if there is none either: the length of the data, and false.
 local function find_start(data, from)
     local at = data:find(START, from + 1, true)
     if at then return at - 1, true end
@@ -244,8 +247,8 @@ local function find_start(data, from)
     return #data, false
 end
 
--- Dissects the link, a stream of frames. A TCP segment may end in the middle of a frame. Marks bytes that
--- belong to no frame.
+-- Dissects a part of the link's TCP stream. The stream consists of frames, but a TCP segment may end in the middle
+-- of a frame. Marks bytes that belong to no frame.
 local function dissect_stream(tvb, pinfo, tree)
     local from_device = pinfo.dst_port == LINK_PORT
     pinfo.cols.protocol = "Guilink"
