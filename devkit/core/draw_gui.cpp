@@ -9,7 +9,8 @@ namespace guilink {
 
 namespace {
 
-// Returns a channel's value. All colours fit into 4 bits per channel, so they arrive unchanged.
+// Returns a colour channel's value from 0 to 1, in steps of 1/15. The link carries 4 bits per
+// channel, so a companion receives exactly these colours.
 constexpr double step(int sixteenth) {
     return sixteenth / 15.0;
 }
@@ -93,7 +94,7 @@ struct Painter {
         canvas.text(640, 47, 28, "× " + std::to_string(gui.zoom), accent, Align::centre, true);
         canvas.text(1010, 47, 24, "frame " + std::to_string(moment.frame), GREY, Align::right);
 
-        // The signal strength varies, the battery does not.
+        // The displayed signal strength varies; the battery level is fixed.
         const double strength = 3.5 + 1.5 * wave(moment.seconds, 6);
         for (int bar = 0; bar < 5; ++bar) {
             const double height = 8.0 + 7 * bar;

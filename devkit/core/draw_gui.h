@@ -1,5 +1,5 @@
-// Draws the simulated GUI: a head-up display over a live picture (transparent here), and an open
-// page over the head-up display.
+// Draws the simulated GUI in three layers: a transparent background, where a real device shows its
+// live picture; a head-up display; and on top the open menu page.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace guilink {
 
-// The time of a frame. All motion depends on it alone: equal moments make equal frames.
+// The time of a frame. All motion depends only on this time, so equal moments give equal frames.
 struct Moment {
     uint64_t frame = 0;
     double seconds = 0;

@@ -1,4 +1,4 @@
-// Faults of the simulated core. With these faults, a test of a GUI can prove that it finds faults.
+// Faults that guilink-core can simulate, so that one can check whether a GUI test detects them.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ enum class Fault {
     ignore,  // the button Down does nothing
     row,     // the menu's first row is drawn one pixel too low
     colour,  // the menu's first row is one step too blue
-    late,    // the first frame after a button comes 300 ms late
+    late,    // after a button is pressed, the next frame comes 300 ms late
     lost,    // once a button is pressed, no frame is announced any more
 };
 
@@ -23,7 +23,8 @@ inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},
                                                     {"late", Fault::late},
                                                     {"lost", Fault::lost}};
 
-// Draws the fault into the pixels of a screen; `width` is the screen's width in pixels.
+// Draws a visible fault into a screen's pixels; `width` is the screen's width in pixels. Does
+// nothing for other faults.
 void spoil(Fault fault, std::span<uint16_t> pixels, size_t width);
 
 }  // namespace guilink

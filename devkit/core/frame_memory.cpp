@@ -50,7 +50,8 @@ uint64_t take_addresses(int file, uint64_t length) {
 
 }  // namespace
 
-// Buffers are one page apart, because the service maps one page more than the size.
+// Leaves an unused page after each buffer, because the service maps one page more than the buffer's
+// size.
 FrameMemory::FrameMemory(uint32_t size)
     : m_size(size),
       m_stride((size + PAGE - 1) / PAGE * PAGE + PAGE),

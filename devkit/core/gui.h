@@ -23,8 +23,9 @@ class Gui {
     struct Row {
         std::string label;
         Kind kind;
-        int value =
-            0;  // slider: 0 to SLIDER_MAX; toggle: 0 or 1; page: its PageName; item: seconds
+        // Slider: 0 to SLIDER_MAX. Toggle: 0 or 1. Page: the PageName that the row opens.
+        // Item: the length of a recording in seconds, minus 10.
+        int value = 0;
     };
     struct Page {
         std::string title;

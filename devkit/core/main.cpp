@@ -1,5 +1,5 @@
-// guilink-core simulates the device's real-time core: draws a GUI into physical memory, announces
-// each frame to guilinkd and obeys the buttons that come back.
+// guilink-core simulates the device's real-time core: draws a GUI into simulated physical memory,
+// announces each frame to guilinkd, and carries out the button commands that guilinkd sends.
 #include <poll.h>
 
 #include <CLI/CLI.hpp>
@@ -23,12 +23,12 @@ namespace {
 using namespace guilink;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // between calls that fail
+constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // wait after a failed call
 constexpr int LATE = 300;                                // ms; delay of a frame with Fault::late
 
 volatile std::sig_atomic_t stopped = 0;
 
-// Maps each size to whether it is the large one.
+// Maps the name of a screen size to true if it is the large size.
 const std::map<std::string, bool> SIZES = {{"1280x960", true}, {"1024x768", false}};
 const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
                                              {"overlay", Scene::overlay},
@@ -39,7 +39,7 @@ const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
 struct Options {
     bool large = true;
     double fps = 60;
-    uint64_t frames = 0;  // 0: without end
+    uint64_t frames = 0;  // exit after this many frames; 0: no limit
     Scene scene = Scene::menu;
     bool still = false;
     Fault fault = Fault::none;
@@ -102,7 +102,7 @@ class Service {
     std::optional<Clock::time_point> m_away_since;
 };
 
-// Handles buttons until the next frame is due. Returns whether a button was pressed.
+// Handles button commands until the next frame is due. Returns whether there was any.
 bool take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large,
                         Fault fault) {
     bool pressed = false;
@@ -140,7 +140,7 @@ void run(const Options& options) {
     const auto start = Clock::now();
     auto due = start;
     std::span<uint16_t> pixels;
-    bool pressed = false;  // since the last frame, or with Fault::lost since the start
+    bool pressed = false;  // a button was pressed since the last frame; with Fault::lost, ever
     for (uint64_t frame = 1; !stopped; ++frame) {
         if (screen->large != large) {
             screen.reset();
