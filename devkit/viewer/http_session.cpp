@@ -83,7 +83,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void answer(const Reply& reply) { answer(reply, {}); }
 
-    // `picture` is the number of a picture, for the header Guilink-Picture of the response.
+    // `picture` is a picture's number, which the response carries in the header Guilink-Picture.
     void answer(const Reply& reply, std::optional<uint64_t> picture) {
         const Request& request = m_parser->get();
         m_timer.cancel();
@@ -152,9 +152,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
                 Hub::sentence(found) + std::string("\n")});
     }
 
-    // Starts a wait for the device. After PATIENCE, sends an error, unless m_turn has changed:
-    // then another answer has ended this wait. The running timer keeps the session alive. Returns
-    // m_turn.
+    // Starts the time limit of a request that must wait for the device. After PATIENCE, sends an
+    // error, unless the request has been answered by then. Every such answer increments m_turn, so
+    // a changed m_turn means that this time limit is void. The running timer keeps the session
+    // alive. Returns m_turn.
     uint64_t wait(unsigned status, const char* why) {
         m_timer.expires_after(PATIENCE);
         m_timer.async_wait(
@@ -173,7 +174,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     std::optional<http::request_parser<http::string_body>> m_parser;
     http::response<http::string_body> m_response;
     asio::steady_timer m_timer{m_hub.loop()};
-    uint64_t m_turn = 0;  // number of waits (see wait) that an answer has ended
+    uint64_t m_turn = 0;  // number of requests answered after a call of `wait`
 };
 
 }  // namespace

@@ -15,12 +15,13 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr auto ACCEPT_RETRY = std::chrono::milliseconds(100);  // when out of descriptors
-constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // over which rates are measured
+constexpr auto ACCEPT_RETRY = std::chrono::milliseconds(100);  // wait when out of descriptors
+constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // time over which rates are measured
 constexpr size_t MAX_WATCHERS = 256;
-constexpr size_t MAX_VISITORS = 256;  // HTTP and streams; leaves descriptors for the link
-constexpr int SEND_BUFFER = 131072;   // bytes; two or three pictures of a menu
-constexpr int UNSENT_LOW = 16384;     // bytes
+// HTTP sessions plus streams. The limit leaves file descriptors for the link to the device.
+constexpr size_t MAX_VISITORS = 256;
+constexpr int SEND_BUFFER = 131072;  // bytes; holds two or three pictures of a menu
+constexpr int UNSENT_LOW = 16384;    // bytes; value of TCP_NOTSENT_LOWAT
 
 tcp family(int listener) {
     sockaddr_storage address = {};

@@ -1,5 +1,6 @@
-// All connections of pages and programs share the hub. The hub holds the device's state and newest
-// picture, and passes orders on to the device. Use the hub only on the event loop's thread.
+// All sessions of the web server share one hub. The hub holds the device's state and newest
+// picture, and passes button presses and texts on to the device. Use the hub only on the event
+// loop's thread.
 #pragma once
 
 #include <utility>  // Boost.Asio 1.74 uses std::exchange without including it
@@ -27,11 +28,12 @@ namespace guilink {
 
 constexpr auto PATIENCE = std::chrono::seconds(10);  // time limit of a request, an answer or a pong
 
-// Makes the kernel's buffers for the socket small, so that pictures wait in the session instead,
-// where a newer picture replaces an older one.
+// Makes the socket's buffers in the kernel small. Pictures then wait in the session instead, where
+// a newer picture replaces an older one.
 void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
 
-// Counts sessions while they exist.
+// Each object adds 1 to `count` while it exists. As a member of a session class, it counts the
+// sessions.
 class Counted {
   public:
     explicit Counted(size_t& count) : m_count(++count) {}
@@ -45,7 +47,7 @@ class Counted {
 
 class Hub {
   public:
-    // A page or a program that watches the device.
+    // A WebSocket client that watches the device: a page in a browser, or a program.
     class Watcher {
       public:
         virtual ~Watcher() = default;
@@ -53,8 +55,9 @@ class Hub {
         virtual void offer_picture(const Picture& picture) = 0;
         bool is_program = false;
     };
-    // `why_not` says why an order (a press or a text) failed, and is empty if the device confirmed
-    // the order. `picture` is the number of the last picture that arrived before the confirmation.
+    // Gets the outcome of an order, that is, of a press or a text. `why_not` says why the order
+    // failed, and is empty if the device confirmed the order. `picture` is the number of the last
+    // picture that arrived before the confirmation.
     using Outcome =
         std::function<void(const std::optional<std::string>& why_not, uint64_t picture)>;
 
@@ -75,11 +78,11 @@ class Hub {
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // Passes an order on to the device. Calls `outcome` once, possibly before `pass_on` returns.
-    // Does not call `outcome` if `owner` is destroyed first.
+    // Passes a press or a text on to the device. Calls `outcome` once, possibly before `pass_on`
+    // returns. Does not call `outcome` if `owner` is destroyed first.
     void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
     void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
-    // Passes on an order whose outcome is not reported, such as an order from a page.
+    // Passes on a press or a text without reporting the outcome, for example a press on a page.
     void pass_on(const Press& press) { m_handlers.press(press.button, 0); }
     void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
     void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);
@@ -90,11 +93,11 @@ class Hub {
     Found choose(const Choice& choice);
     static const char* sentence(Found found);
 
-    // Counters. They are declared before the event loop, because the loop's destructor may destroy
-    // sessions that use the counters.
+    // Counters. They are declared before the event loop, because the event loop's destructor may
+    // destroy sessions, which use the counters.
     size_t visitors = 0;
     size_t streams = 0;
-    uint64_t skipped_pictures = 0;  // not sent, because a page or program was too slow
+    uint64_t skipped_pictures = 0;  // not sent, because a WebSocket client was too slow
 
   private:
     struct Order {
@@ -121,7 +124,7 @@ class Hub {
     Picture m_newest;  // newest picture of the current link
     std::deque<Sample> m_samples;
     uint64_t m_last_order = 0;
-    std::map<uint64_t, Order> m_orders;  // orders by number, passed on but not confirmed yet
+    std::map<uint64_t, Order> m_orders;  // presses and texts without an outcome yet, by number
     Renditions m_renditions{m_loop};
 };
 

@@ -10,7 +10,8 @@ namespace guilink {
 
 namespace {
 
-constexpr auto TIME = std::chrono::seconds(3);  // a device broadcasts about once a second
+// How long to listen. A device broadcasts about once a second.
+constexpr auto TIME = std::chrono::seconds(3);
 
 std::string printable(std::string text) {
     for (char& c : text) {

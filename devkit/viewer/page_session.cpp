@@ -18,8 +18,8 @@ namespace {
 
 constexpr size_t MAX_ANSWERS = 1024;  // queued answers to a client that does not read
 
-// The session of one client: a page or a program. Writes one message at a time. Meanwhile, keeps
-// all answers, but only the newest picture and status.
+// The session of one client: a page or a program. Writes one message at a time. While a message is
+// being written, keeps all new answers, but only the newest picture and status.
 class PageSession : public Hub::Watcher, public std::enable_shared_from_this<PageSession> {
   public:
     PageSession(Hub& hub, tcp::socket socket) : m_hub(hub), m_stream(std::move(socket)) {}
@@ -42,7 +42,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         });
     }
 
-    // After a new link, drops the waiting picture: it may be from the previous link.
+    // After a new link, drops the waiting picture, because it may be from the previous link.
     void offer_status(bool new_link) override {
         if (new_link) drop_picture();
         m_status_waits = true;
@@ -159,7 +159,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     Companion::Payload m_written;  // being written
     std::string m_text;            // being written
     uint64_t m_last = 0;           // number of the last picture written or dropped
-    uint64_t m_skipped = 0;        // pictures not sent, because the page or program was too slow
+    uint64_t m_skipped = 0;        // pictures not sent, because the client was too slow
     uint64_t m_skipped_reported = 0;
 };
 

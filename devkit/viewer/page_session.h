@@ -1,9 +1,12 @@
-// The WebSocket of a page or a program: sends the device's pictures and state, receives orders (see
-// page_message.h). A slow page or program skips pictures and does not slow down others.
+// The WebSocket session of one client, which is a page in a browser or a program. Sends the
+// device's pictures and state to the client. Receives button presses, texts and choices of a device
+// from the client (see page_message.h). A slow client misses pictures, and does not slow down other
+// clients.
 //
-// A binary message is the payload of an ImageMessage as the device sent it. A text message is JSON:
-// the link's status (page_status), or the answer to an order with an "id", {"delivered": ID} or
-// {"failed": ID, "why": TEXT}. Pictures that follow {"delivered"} are newer than the order.
+// A binary message to the client is the payload of an ImageMessage as the device sent it. A text
+// message to the client is JSON. It is either the link's status (page_status), or the answer to a
+// message with an "id": {"delivered": ID} or {"failed": ID, "why": TEXT}. A picture that follows
+// {"delivered": ID} reached the viewer after the device had confirmed the press or text.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>

@@ -1,5 +1,5 @@
-// The newest picture as PNG and JPEG. Encodes each rendition on demand, at most once per picture,
-// on a separate thread. All callers share the bytes.
+// Provides the newest picture as PNG and JPEG. Encodes each rendition on demand, at most once per
+// picture, on a separate thread. All callers share the encoded bytes.
 #pragma once
 
 #include <array>
@@ -32,9 +32,9 @@ class Renditions {
     // Sets the newest picture. A picture without payload means that there is no picture.
     void offer(const Picture& newest);
 
-    // Calls `taken` once, possibly before `get` returns, with the rendition of the first picture
-    // whose number is above `after`. Null bytes mean that the picture is damaged. Does not call
-    // `taken` if `owner` is destroyed first.
+    // Calls `taken` once, possibly before `get` returns, with the rendition of a picture whose
+    // number is above `after`. If the picture is damaged, `taken` gets a null pointer instead of
+    // the bytes. Does not call `taken` if `owner` is destroyed first.
     void get(Rendition kind, uint64_t after, const std::weak_ptr<void>& owner, Taken taken);
 
   private:

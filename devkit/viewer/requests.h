@@ -21,7 +21,7 @@ struct HttpRequest {
     std::string_view body;
 };
 
-// An answer that needs no waiting.
+// A response that can be sent at once, without waiting for the device.
 struct Reply {
     unsigned status = 200;
     std::string_view type = "text/plain";

@@ -21,8 +21,9 @@ namespace guilink {
 
 namespace {
 
-constexpr const char* INHERITED =
-    "GUILINK_LISTEN_FD";  // number of the descriptor that a command inherits
+// Environment variable with the number of the listening socket's descriptor, which the executed
+// command inherits.
+constexpr const char* INHERITED = "GUILINK_LISTEN_FD";
 
 [[noreturn]] void become(const std::vector<std::string>& command, int listener) {
     fcntl(listener, F_SETFD, 0);
@@ -67,13 +68,13 @@ void serve(const ServeOptions& options) {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    // The server must outlive the companion, which publishes to it. Presses are dropped while there
-    // is no companion.
+    // The server must outlive the companion, because the companion's handlers call the server.
+    // While there is no companion, presses and texts are dropped.
     struct {
-        Mutex mutex;  // held while the companion is used, so that it cannot be destroyed
+        Mutex mutex;  // locked while a handler uses the companion, to delay its destruction
         Companion* companion GUARDED_BY(mutex) = nullptr;
     } shared;
-    WebServer* published = nullptr;  // set before a handler is called
+    WebServer* published = nullptr;  // set before any handler is called
     const auto report_to = [&](uint64_t order) -> Companion::DeliveryHandler {
         if (order == 0) return {};
         return [&, order](Delivery delivery) { published->publish_delivery(order, delivery); };

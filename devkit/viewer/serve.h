@@ -16,9 +16,10 @@ struct ServeOptions {
 // Serves the page until SIGINT or SIGTERM. Throws std::runtime_error when it cannot listen on a
 // port or the labels are not valid.
 //
-// With a command, opens the page's socket and executes the command; a viewer that the command
-// starts serves the page on this socket. The socket belongs to the network namespace in which it
-// was opened, so a browser outside a sandbox reaches a viewer whose link runs inside.
+// If options.command is not empty, opens the listening socket and executes the command instead of
+// serving the page. If the command starts a viewer, that viewer inherits the socket and serves the
+// page on it. A socket belongs to the network namespace in which it was opened. So a browser
+// outside a sandbox can reach a viewer that runs inside the sandbox.
 void serve(const ServeOptions& options);
 
 }  // namespace guilink

@@ -11,10 +11,10 @@ namespace guilink {
 struct SnapshotOptions {
     std::string file;                  // PNG file to write
     std::string device;                // identity or address; empty: the only device in sight
-    std::string raw_file;              // file for the unchanged pixels; empty: do not write them
-    std::vector<uint8_t> presses;      // buttons, in order, after the first image
+    std::string raw_file;              // file for the pixels as received; empty: no such file
+    std::vector<uint8_t> presses;      // buttons to press in this order after the first image
     unsigned frames = 60;              // images to wait for after the last press
-    std::chrono::seconds timeout{30};  // for the whole snapshot
+    std::chrono::seconds timeout{30};  // time limit for the whole snapshot
 };
 
 // Takes the snapshot, and prints facts about the device and its link. Throws std::runtime_error if

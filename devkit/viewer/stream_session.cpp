@@ -14,7 +14,8 @@ using boost::system::error_code;
 
 namespace {
 
-// The boundary follows each part at once: a browser shows a part only after the next boundary.
+// The session sends the boundary immediately after each part, because a browser shows a part only
+// when the boundary after the part has arrived.
 constexpr const char* HEAD =
     "HTTP/1.1 200 OK\r\n"
     "Content-Type: multipart/x-mixed-replace; boundary=picture\r\n"
@@ -53,7 +54,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
         std::array<asio::const_buffer, 3> buffers = {asio::buffer(m_head)};
         if (picture != nullptr) buffers[1] = asio::buffer(*picture);
         if (picture != nullptr) buffers[2] = asio::buffer(std::string_view(END_OF_PART));
-        // A client that accepts no data for this time is gone.
+        // Disconnect a client that does not accept all the data within this time.
         m_limit.expires_after(PATIENCE);
         m_limit.async_wait([self = weak_from_this()](error_code error) {
             if (const auto session = self.lock(); session != nullptr && !error) session->close();
@@ -69,7 +70,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
         m_hub.renditions().get(Rendition::jpeg, m_number, weak_from_this(),
                                [this](const Renditions::Bytes& bytes, uint64_t number) {
                                    m_number = number;
-                                   if (bytes == nullptr) return next();  // a damaged picture
+                                   if (bytes == nullptr) return next();  // skip a damaged picture
                                    m_head = "Content-Type: image/jpeg\r\nContent-Length: " +
                                             std::to_string(bytes->size()) + "\r\n\r\n";
                                    write(bytes);
@@ -86,7 +87,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     tcp::socket m_socket;
     asio::steady_timer m_limit{m_hub.loop()};
     std::array<char, 256> m_ignored;
-    std::string m_head;           // being written, followed by m_picture
+    std::string m_head;           // being written, before m_picture
     Renditions::Bytes m_picture;  // being written
     uint64_t m_number = 0;        // number of the last picture written
 };

@@ -1,6 +1,7 @@
-// The viewer's web side, on a thread of its own: serves the page, and shares the device's pictures
-// and buttons with every browser and program that connects. access_policy.h decides who may
-// connect; requests.h and page_session.h list what they can do.
+// The viewer's web server, on a thread of its own. Serves the page, sends the device's pictures to
+// all clients (browsers and programs), and passes on their button presses and texts.
+// access_policy.h decides which clients may connect. requests.h and page_session.h list what
+// clients can do.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +22,9 @@ class Hub;
 
 // The server calls these handlers on its own thread.
 struct PageHandlers {
-    // `order` is the number to pass to publish_delivery, or 0 if no report is wanted. A handler
-    // that returns false has dropped the order, and will not report its delivery.
+    // `order` is the number of the press or text. Unless the number is 0, the outcome must be
+    // reported to publish_delivery. A handler that returns false has dropped the press or text, and
+    // no outcome must be reported.
     std::function<bool(uint8_t button, uint64_t order)> press;
     std::function<bool(const std::string& text, uint64_t order)> text;
     std::function<void(const std::string& device)> choose;
@@ -37,8 +39,8 @@ class WebServer {
     WebServer(const WebServer&) = delete;
     WebServer& operator=(const WebServer&) = delete;
 
-    // Call these functions from one thread, which may be another thread than the server's. They
-    // return at once.
+    // Call these functions from only one thread, which need not be the server's thread. The
+    // functions return at once.
     void publish_picture(const Companion::Payload& payload);
     void publish_status(const LinkStatus& status);
     void publish_devices(const std::vector<HeardDevice>& devices);
@@ -48,7 +50,7 @@ class WebServer {
     // Published data that the event loop has not fetched yet. A newer picture replaces an older
     // one, so that a device that is faster than the event loop leaves no backlog.
     struct Published {
-        Picture picture;  // without payload: no picture
+        Picture picture;  // if its payload is null, there is no picture to fetch
         std::optional<LinkStatus> status;
         std::optional<std::vector<HeardDevice>> devices;
         bool posted = false;  // the event loop has been asked to fetch the data

@@ -1,11 +1,11 @@
 // The list of devices in the network. The list is shown only if there is a choice.
 
-// ms; a device that has not broadcast for longer leaves the list. A device broadcasts about once a second.
+// ms; a device that has not broadcast for this time leaves the list. A device broadcasts about once a second.
 const IN_SIGHT = 5000;
 
-// choose(address) links to the device with this address. Returns a function update(status), which shows the
-// devices in the viewer's status. Called without a status, this function only removes the devices whose last
-// broadcast is too old.
+// The list calls choose(address) to link to the device with this address. Returns a function update(status),
+// which lists the devices that the viewer's `status` contains. Without `status`, update() only removes devices
+// whose last broadcast is too old.
 export function makeDevices(root, choose) {
   let status = null;
   let received = 0;
@@ -17,8 +17,8 @@ export function makeDevices(root, choose) {
     const age = performance.now() - received;
     const others = (status?.devices ?? []).filter(({ address, seconds_ago: ago }) =>
       ago * 1000 + age < IN_SIGHT && !(linked && address === status.address));
-    // Offer no choice while the viewer is about to link by itself: the viewer has no link, waits for no
-    // particular device, and does not see several.
+    // Offer no choice if the viewer is about to link by itself. This is so if the viewer is not linked, waits
+    // for no particular device, and has only one device in sight.
     const choice = others.length > 0 && (linked || status.wanted !== '' || status.state === 'several');
     root.hidden = !choice;
     const entries = choice ? [...(linked ? [{ ...status, linked }] : []), ...others] : [];

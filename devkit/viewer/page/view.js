@@ -5,14 +5,14 @@ import { decode } from './pixels.js';
 import { makeButtons } from './input.js';
 
 const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last image every 500 ms
-const FIGURES_EVERY = 500; // ms
+const FIGURES_EVERY = 500; // ms; between two updates of the statistics
 const EVENTS_KEPT = 100;
 
 const $ = (id) => document.getElementById(id);
 const canvas = $('canvas');
 const context = canvas.getContext('2d');
 
-// Draw only the newest message, and only when the browser is about to paint.
+// Draw only the newest image, and only when the browser is about to repaint.
 let newest = null;
 let image = null;
 let drawing = false;
@@ -97,7 +97,8 @@ setInterval(() => {
     : age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 
-// Adds a line to the events. If the line repeats the last one (as from a held button), only counts it.
+// Adds a line to the list of events. If the newest line has the same text (for example while a button is held),
+// only increments the count of that line.
 function note(text) {
   const last = $('log').firstChild;
   if (last?.lastChild.textContent === text) {
@@ -115,7 +116,8 @@ function note(text) {
   while ($('log').children.length > EVENTS_KEPT) $('log').lastChild.remove();
 }
 
-// Sends only while linked: the viewer would queue the message for a device that links much later.
+// Sends only while linked. Otherwise, the viewer would queue the message and deliver it to a device that links
+// much later.
 const sent = (send) => link === 'linked' && send();
 
 $('text').addEventListener('submit', (event) => {
