@@ -1,4 +1,4 @@
-// A detached thread.
+// Starts detached threads.
 #pragma once
 
 #include <pthread.h>
@@ -8,9 +8,10 @@
 #include <new>
 #include <utility>
 
-// Runs `action` on a new thread, which also destroys `action`. If no thread can be started, aborts
-// and does not destroy `action`. Creates the thread detached, because std::thread::detach may read
-// freed memory in the C library if the thread ends at the same time.
+// Runs `action` on a new detached thread, which then destroys `action`. If the thread cannot be
+// started, calls std::terminate, because the calling thread must not destroy `action`. Creates the
+// thread as detached instead of calling std::thread::detach, which may read freed memory in the C
+// library if the thread ends at the same time.
 template <typename Action>
 void run_detached(const char* name, Action action) noexcept {
     struct Start {

@@ -22,22 +22,23 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr unsigned short PEER_PORT = LINK_PORT;
-constexpr auto SWEEP_INTERVAL = 1s;    // a candidate has about this much time to become the link
+constexpr auto SWEEP_INTERVAL = 1s;    // between searches; a candidate's time to become the link
 constexpr size_t MAX_CANDIDATES = 32;  // each costs a socket and a thread
-constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;  // per sweep; limits how many connections one host gets
-constexpr size_t MAX_HOSTS = 1024;  // hosts whose turns are counted; others wait for the next sweep
-constexpr unsigned SWEEPS_REMEMBERED = 60;  // sweeps; after these, all counts of turns are cleared
-constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then it is the next candidate's turn
+constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;  // connections to one host per sweep (search)
+constexpr size_t MAX_HOSTS = 1024;  // entries of m_turns; further hosts wait for the next sweep
+constexpr unsigned SWEEPS_REMEMBERED = 60;     // every 60 sweeps, m_turns is cleared
+constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then another candidate is examined
 
-// How often a host has been a candidate.
+// How many times a host has become a candidate: since the last link, and in the current sweep.
 struct Turns {
     unsigned since_link = 0;
     unsigned in_sweep = 0;
 };
 
-// Reports to the worker, on destruction, that the calling thread's connection has ended. Each
-// connection's callback captures a ConnectionEnd, so the receive thread destroys its copy at the
-// end of the connection. Other threads destroy copies, too, but the worker ignores their reports.
+// The destructor reports to the worker that the connection of the current thread has ended. The
+// callback of each connection captures a ConnectionEnd, and the connection's receive thread
+// destroys its copy of the callback at the end of the connection. Other threads also destroy
+// copies, but the worker ignores their reports.
 struct ConnectionEnd {
     std::weak_ptr<NetworkController::NetworkWorker> worker;
 
@@ -58,7 +59,7 @@ struct NetworkController::State {
     Mutex m_mutex;  // never held while the worker is called or a unit is destroyed
 
     Units m_candidates GUARDED_BY(m_mutex);  // peers found, each connecting or connected
-    Units m_seekers GUARDED_BY(m_mutex);     // interfaces searched in this sweep or an earlier one
+    Units m_seekers GUARDED_BY(m_mutex);     // each searches an interface, in this sweep or before
     Units m_current GUARDED_BY(m_mutex);     // the linked peer, or empty
     Units m_dropped GUARDED_BY(m_mutex);     // connections that were given up and are stopping
     size_t m_connecting GUARDED_BY(m_mutex) = 0;  // peers admitted, but not yet in m_candidates
@@ -88,9 +89,10 @@ struct NetworkController::State {
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
 
-// Returns whether `host` may become a candidate now, and if so, counts its turn. If all places are
-// taken, drops a candidate of the host that had the most turns, but only if `host` had fewer. Among
-// equals, drops an unconnected candidate first: its host's answer may have been spoofed.
+// Returns whether `host` may become a candidate now; if so, adds a turn to the counts of `host`. If
+// there are already MAX_CANDIDATES, `host` may only replace a candidate of the host with the most
+// turns, and only if `host` has had fewer. If several hosts have had the most turns, an unconnected
+// candidate is replaced first, because the answer of its host may have been spoofed.
 bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];
@@ -120,8 +122,9 @@ NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worke
 
 NetworkController::~NetworkController() {
     State& state = *m_state;
-    // Once m_stop is set, only a sweep that is already running can add units. The second
-    // _clear_all, after the join, stops these units.
+    // Because m_stop is set, no candidate is added after this _clear_all. But a search that is
+    // still running can add units to m_seekers, so join the search thread before m_seekers is
+    // emptied.
     state.m_stop = true;
     _clear_all(m_state);
     {
@@ -136,7 +139,8 @@ NetworkController::~NetworkController() {
         units.splice(units.end(), state.m_seekers);
         units.splice(units.end(), state.m_dropped);
     }
-    // Never destroy units on this thread: it may belong to one of them, which would join itself.
+    // Destroy the units on another thread. This thread may belong to one of the units, whose
+    // destructor would then join the thread that it runs on.
     if (!units.empty()) run_detached("destroyer", [owned = std::move(units)] {});
 }
 
@@ -181,7 +185,7 @@ void NetworkController::_seeker_found(const SharedState& state,
 
 void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit) {
     if (unit == nullptr) return;
-    _destroy_stopped(state);  // frees the places of refused connections
+    _destroy_stopped(state);  // removes candidates that have refused the connection
     {
         const Lock lock(state->m_mutex);
         if (state->m_stop || !state->m_current.empty() || !state->admit(unit->address())) return;
@@ -226,8 +230,9 @@ void NetworkController::_data_receive(const SharedState& state, const unsigned c
     }
 }
 
-// Examines one candidate at a time, so that answers go to the right one. Examines small portions,
-// so that no candidate waits long. Stops when this candidate is dropped or another one is linked.
+// Passes the candidate's bytes to the worker in small portions, so that no other candidate waits
+// long. Only one portion is examined at a time, so that the worker's answer goes to the candidate
+// that has sent the portion. Stops when `unit` is dropped or another candidate becomes the link.
 void NetworkController::_examine(const SharedState& state, const unsigned char* data,
                                  uint64_t length, NetworkUnit* unit, NetworkWorker& worker) {
     // The destructor ends the examination even after an exception, because other candidates wait
@@ -270,7 +275,7 @@ void NetworkController::_set_current(const SharedState& state, const NetworkUnit
         const Lock lock(state->m_mutex);
         auto& candidates = state->m_candidates;
         const auto node = State::find(candidates, unit);
-        // The candidate is not in the list yet, or was dropped: its connect request has no effect.
+        // A candidate that is not in the list yet, or was dropped, cannot become the link.
         if (node == candidates.end() || !unit->connected()) return;
         auto& current = state->m_current;
         if (!current.empty()) state->drop(current, current.begin());
@@ -311,15 +316,16 @@ bool NetworkController::wait_until_sent() {
     return true;
 }
 
-// Drops the current unit if it still is the given one.
+// Drops the link if `unit` is still the linked peer.
 void NetworkController::_clear_current(const SharedState& state, const NetworkUnit* unit) {
     const Lock lock(state->m_mutex);
     auto& current = state->m_current;
     if (!current.empty() && current.front().get() == unit) state->drop(current, current.begin());
 }
 
-// Drops all candidates. Keeps the seekers: their searches end by themselves. Their sockets share a
-// port, so an old seeker may receive the answer to a newer broadcast.
+// Drops all candidates. Keeps the units in m_seekers, because their searches end by themselves. The
+// sockets of the searches share a port, so an old search may receive the answer to a newer
+// broadcast.
 void NetworkController::_clear_all(const SharedState& state) {
     const Lock lock(state->m_mutex);
     while (!state->m_candidates.empty()) {
@@ -329,7 +335,7 @@ void NetworkController::_clear_all(const SharedState& state) {
 
 // Destroys the units whose threads have ended.
 void NetworkController::_destroy_stopped(const SharedState& state) {
-    State::Units stopped;  // destroyed without the lock
+    State::Units stopped;  // destroyed after the lock is released
     const Lock lock(state->m_mutex);
     for (auto* const units : {&state->m_seekers, &state->m_candidates, &state->m_dropped}) {
         for (auto unit = units->begin(); unit != units->end();) {

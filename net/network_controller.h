@@ -20,14 +20,14 @@ class NetworkUnit;
 
 class NetworkController {
   public:
-    // The link protocol, as the controller sees it. m_worker_thread does not belong to the worker:
-    // the controller searches on that thread.
+    // The link protocol, as the controller sees it.
     class NetworkWorker {
       public:
-        // Receives bytes of the calling thread's connection. The bytes are valid only during the
-        // call. The worker calls `signal`, unless `signal` is empty, to make that connection the
-        // link. If `deliver_all` is false, only keep-alives reach the message handler. A length of
-        // 0 means that a candidate's connection has ended. Called from several threads.
+        // Called with bytes that have arrived on the connection of the calling thread. The bytes
+        // are valid only during the call. To make this connection the link, the worker calls
+        // `signal`, unless `signal` is empty. If `deliver_all` is false, only keep-alives reach the
+        // message handler. A length of 0 means that the connection of a candidate has ended. Called
+        // on several threads.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
         // Sets the controller through which the worker sends. The worker keeps a weak pointer.
@@ -42,8 +42,8 @@ class NetworkController {
         // Returns the datagram that discovery broadcasts.
         virtual std::vector<unsigned char> GetIdentityFrame() = 0;
         virtual ~NetworkWorker() = default;
-        // Called when the calling thread's connection has ended: this thread will deliver no more
-        // bytes.
+        // Called after the connection of the calling thread has ended. The calling thread will pass
+        // no more bytes to the worker.
         virtual void OnConnectionEnd() {}
     };
 
@@ -65,8 +65,9 @@ class NetworkController {
     void send(const unsigned char* data, uint64_t length);
 
     // Waits until the send buffer of the link is nearly empty, because newer data cannot replace
-    // data in the buffer. Waits at most 3 s, and holds no lock meanwhile. After 3 s, returns false
-    // if some of the data was sent, and otherwise drops the peer. In all other cases, returns true.
+    // data in this buffer. Waits at most 3 s, and holds no lock meanwhile. If the buffer is then
+    // still not nearly empty, returns false if some of its data was sent meanwhile, or drops the
+    // peer and returns true if no data was sent. In all other cases, returns true.
     bool wait_until_sent();
 
   private:
@@ -87,5 +88,5 @@ class NetworkController {
     static void _set_current(const SharedState& state, const NetworkUnit* unit);
 
     const SharedState m_state;
-    std::thread m_worker_thread;
+    std::thread m_worker_thread;  // the search thread of the controller, not of the worker
 };

@@ -32,24 +32,26 @@ class NetworkUnit {
     static constexpr unsigned long BUFFER_SIZE = 0x100000;    // bytes; socket and receive buffers
     static constexpr uint32_t SINGLE_NODE_MASK = 0xFFFFFFFF;  // mask of a unit that is one host
 
-    // The only valid answer to a discovery broadcast: an empty ConnectRequest frame, spelled out
-    // because this folder does not include the protocol.
+    // The only valid answer to a discovery broadcast: an empty ConnectRequest frame. Written out in
+    // bytes, because code in net/ must not depend on protocol/.
     static constexpr std::array<unsigned char, 42> acc_packet = {
         0x5A, 0x1E, 0x9C, 0x03, 0xD7, 0xB2, 0x4F, 0x66, 0x81, 0xE0, 0xC3, 0xA9, 0x5B, 0x7D,
         0x2E, 0x4F, 0x0C, 0x6A, 0x18, 0xB3, 0xE5, 0x9D, 0x7F, 0x20, 0x41, 0xC8, 0xA6, 0xE3,
         0xB9, 0xD0, 0x5F, 0x17, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04, 0x00};
 
-    // Ends an earlier connection, then opens the TCP connection to the unit's address and starts to
-    // receive, in the background. Logs to standard error if the system provides no socket or no
-    // thread; does not log if the connection fails. In both cases, send() returns false.
+    // Ends an earlier connection. Then opens a TCP connection to the unit's address and receives
+    // from it, in the background. If the system provides no socket or no thread, logs this to
+    // standard error. If the connection fails, logs nothing. After any of these failures, send()
+    // returns false.
     virtual void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) = 0;
 
     // Sends on the TCP connection. Returns true only if the system accepted all the data in one
     // call. Blocks for 6 s at most.
     virtual bool send(const unsigned char* data, unsigned long length) = 0;
 
-    // Starts a discovery of about 3 s in the background. Passes each peer found to on_found, on a
-    // thread of this unit. Call join before a second discovery; otherwise the process ends.
+    // Starts a discovery in the background, which takes about 3 s. Calls on_found for each peer, on
+    // a thread of this unit. Call join before you start another discovery; otherwise std::terminate
+    // ends the process.
     virtual void ping(const UnitFoundCallback& on_found) = 0;
 
     // Waits for the unit's threads to end by themselves.
@@ -94,7 +96,7 @@ class NetworkUnit {
     std::thread _tcp_thread GUARDED_BY(_mutex);
 
     std::atomic<bool> _stop{false};               // set by the destructor; ends every loop
-    mutable std::atomic<bool> _ping_done{false};  // discovery waits for no more answers
+    mutable std::atomic<bool> _ping_done{false};  // discovery no longer waits for answers
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
     mutable std::atomic<bool> _connected{false};  // the last tcp_connect has succeeded
     mutable std::atomic<int> _running{0};         // number of running threads

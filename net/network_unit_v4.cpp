@@ -18,9 +18,9 @@
 
 namespace {
 
-constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer is gone
+constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer counts as gone
 constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send that waits longer for buffer space fails
-constexpr int SYN_RETRANSMISSIONS = 3;    // per connection attempt; SEND_TIMEOUT limits it, too
+constexpr int SYN_RETRANSMISSIONS = 3;    // per call of connect; SEND_TIMEOUT also limits the call
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
@@ -43,7 +43,7 @@ void set_low_water_mark(int fd, int bytes) {
     setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
 }
 
-// Maps its memory separately: a page costs memory only after the first write to it, and all memory
+// Maps its own memory, so that a page costs memory only after the first write to it, and all memory
 // returns to the system when the connection ends.
 class ReceiveBuffer {
   public:
@@ -104,8 +104,8 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         const int fd = _socket->descriptor();
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
         setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
-        // Deliberate: passes 8 bytes, of which the system reads 4. Right on a little-endian
-        // machine.
+        // Deliberate: passes 8 bytes, of which the system reads only the first 4. On a
+        // little-endian machine, these 4 bytes hold the value.
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         _connected = false;
@@ -127,7 +127,8 @@ bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
     if (_socket == nullptr) return false;
     pollfd event = {_socket->descriptor(), POLLOUT, 0};
     if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
-    // MSG_NOSIGNAL: if the peer has reset the connection, send only fails, without SIGPIPE.
+    // With MSG_NOSIGNAL, send returns an error and raises no SIGPIPE if the peer has reset the
+    // connection.
     const ssize_t sent = ::send(event.fd, data, length, MSG_NOSIGNAL);
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
@@ -139,14 +140,15 @@ bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
 
-// Ignores an unsent rest of less than a segment: TCP holds it back until earlier data is
-// acknowledged. Resets the low-water mark after the wait, so that a send may fill the whole buffer
-// and a large frame on a slow link does not time out.
+// Also returns Sent if less than one segment is unsent, because TCP may hold such a remainder back
+// until earlier data is acknowledged. After the wait, resets the low-water mark. Otherwise a send
+// could not fill the whole buffer, and a large frame on a slow link would time out.
 NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket) {
     const int fd = socket.descriptor();
     const int before = unsent(fd);
     if (before == 0) return Progress::Sent;
-    // Two segments: poll returns when less than half of the low-water mark is unsent.
+    // poll returns when the unsent bytes are fewer than half of the low-water mark. With a mark of
+    // two segments, that is fewer than one segment.
     set_low_water_mark(fd, 2 * segment_size(fd));
     pollfd event = {fd, POLLOUT, 0};
     const int ready = poll(&event, 1, POLL_TIMEOUT);
@@ -163,7 +165,7 @@ std::shared_ptr<const NetSocket<>> NetworkUnitV4::socket() const {
 void NetworkUnitV4::stop() {
     _tcp_stop = true;
     const Lock lock(_mutex);
-    // Wakes the receiver, even while it is in connect.
+    // Wakes the receive thread, even if it waits in connect.
     if (_socket != nullptr) shutdown(_socket->descriptor(), SHUT_RDWR);
 }
 
@@ -216,7 +218,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};
         const int ready = poll(&event, 1, POLL_TIMEOUT);
-        if (_stop || _tcp_stop) return;  // ended by this side: report no end
+        if (_stop || _tcp_stop) return;  // this side has ended the connection, so report nothing
         if (ready <= 0) {
             write_line(STDERR_FILENO, "NetworkUnitV4: tcp receiver error or timeout");
             on_data(nullptr, 0, unit);

@@ -1,4 +1,4 @@
-// Discovery: a sender and a receiver thread on one socket, for about 3 s.
+// Discovery. For about 3 s, a sender thread and a receiver thread share one socket.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/ip_icmp.h>
@@ -21,8 +21,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; a receiver checks its flags at least this often
-constexpr timeval SEND_TIMEOUT = {3, 0};  // s; an unreachable host must not hold up the sweep
-constexpr auto ANSWER_WAIT = 3s;          // wait for answers, after the last request
+constexpr timeval SEND_TIMEOUT = {3, 0};  // s; limits how long one address can delay the search
+constexpr auto ANSWER_WAIT = 3s;          // how long to wait for answers after the last request
 constexpr auto REQUEST_PAUSE = 1ms;       // before each echo request, to spare the network
 constexpr uint32_t SWEEP_LIMIT = 256;     // addresses; the rest of a larger subnet is not searched
 constexpr size_t IP_HEADER_SIZE = 20;     // bytes; headers with options are not expected
@@ -42,7 +42,7 @@ void send_to(int fd, const unsigned char* data, size_t length, const sockaddr_in
     sendto(fd, data, length, 0, reinterpret_cast<const sockaddr*>(&target), sizeof target);
 }
 
-// Logs a failure and returns null.
+// If the socket cannot be opened, logs the error and returns null.
 std::unique_ptr<NetSocket<>> open_socket(int type, int protocol) {
     try {
         return std::make_unique<NetSocket<>>(AF_INET, type, protocol);
@@ -53,14 +53,15 @@ std::unique_ptr<NetSocket<>> open_socket(int type, int protocol) {
 }
 
 void set_common_options(int fd) {
-    // Deliberate: passes 8 bytes, of which the system reads 4. Right on a little-endian machine.
+    // Deliberate: passes 8 bytes, of which the system reads only the first 4. On a little-endian
+    // machine, these 4 bytes hold the value.
     constexpr auto& size = NetworkUnit::BUFFER_SIZE;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
 }
 
-// Returns true when a datagram is ready, false when the caller should check its flags.
+// Returns true if a datagram is ready, and false if the caller should check its flags.
 bool wait_for_datagram(int fd) {
     pollfd event = {fd, POLLIN, 0};
     const int ready = poll(&event, 1, POLL_TIMEOUT);
@@ -68,8 +69,8 @@ bool wait_for_datagram(int fd) {
     return ready > 0 && (event.revents & POLLIN) != 0;
 }
 
-// Returns whether the next datagram fills the buffer exactly. MSG_TRUNC returns the real length: a
-// longer datagram must not pass for one of the right size.
+// Returns whether the next datagram fills the buffer exactly. With MSG_TRUNC, recvfrom returns the
+// real length, so that a longer datagram does not pass for one of the right size.
 template <size_t Size>
 bool receive_exactly(int fd, std::array<unsigned char, Size>& buffer, sockaddr_in& sender) {
     socklen_t length = sizeof sender;
@@ -87,7 +88,7 @@ void report(const UnitFoundCallback& on_found, uint32_t address) {
 void NetworkUnitV4::ping(const UnitFoundCallback& on_found) {
     const Lock lock(_mutex);
     _ping_done = false;
-    ++_running;  // never undone: if no thread can be started, the process ends
+    ++_running;  // no decrement on failure, because a failure to start the thread ends the process
     _ping_thread = std::thread(_ping_send_launcher, this, on_found);
 }
 
@@ -165,13 +166,15 @@ void NetworkUnitV4::_udp_ping_send(const UnitFoundCallback& on_found) const {
     set_common_options(fd);
     constexpr int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // overlapping sweeps share the port
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // several searches share the port
     setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
 
     const sockaddr_in local = endpoint(_address, ANSWER_PORT);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == -1) {
         _ping_done = true;
-        return;  // Deliberate: destroying the joinable receiver calls std::terminate.
+        // Deliberate: this return ends the process, because it destroys `receiver` while it is
+        // joinable, so that std::terminate is called.
+        return;
     }
     send_to(fd, _ping_packet.data(), _ping_packet.size(),
             endpoint(_address | ~_mask, DISCOVERY_PORT));
