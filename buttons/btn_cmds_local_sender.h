@@ -2,7 +2,8 @@
 // datagram to 127.0.0.1 port 3426 that holds one line of JSON, [{"msg_id":100,"param":"On"}]. The
 // control service does not answer, and no error is reported if nothing listens on the port.
 //
-// Deliberate: an unknown button resends the last command.
+// Deliberate: when the companion presses an unknown button, the last command is sent again, because
+// companions in the field rely on this.
 #pragma once
 
 #include <netinet/in.h>
@@ -56,7 +57,7 @@ class BtnCmdsLocalSender {
         Message115,
     };
 
-    // The singleton, constructed by the first call.
+    // Returns the shared instance. The first call constructs it.
     static std::shared_ptr<BtnCmdsLocalSender> getInstance();
 
     BtnCmdsLocalSender();
@@ -64,8 +65,8 @@ class BtnCmdsLocalSender {
     BtnCmdsLocalSender(const BtnCmdsLocalSender&) = delete;
     BtnCmdsLocalSender& operator=(const BtnCmdsLocalSender&) = delete;
 
-    // Sends the command of a button. Logs an unknown button to standard error; ignores a datagram
-    // that cannot be sent. Calls are serialised.
+    // Sends the command of a button. Logs an unknown button to standard error. Reports no error if
+    // the datagram cannot be sent. Calls are serialised.
     void send(const ButtonCmdNetId& id);
 
   private:
@@ -78,5 +79,5 @@ class BtnCmdsLocalSender {
     sockaddr_in m_destination = {};
 };
 
-// Sends the command of a button through the singleton.
+// Sends the command of button `id` through BtnCmdsLocalSender::getInstance().
 void SendButtonCommand(uint32_t id);

@@ -21,7 +21,7 @@ namespace {
 constexpr const char* SETTINGS_FILE = "/tmp/FL0/kel.ini";
 constexpr uint64_t PAGE_MASK = 0xFFFFF000;  // Deliberate: drops the address bits above 4 GiB.
 constexpr uint64_t OFFSET_MASK = 0xFFF;
-constexpr uint32_t EXTRA_PAGE = 4096;  // bytes to map in addition; a frame may start within a page
+constexpr uint32_t EXTRA_PAGE = 4096;  // bytes; needed if the frame starts within a page
 
 void clear(_AMBA_IPC_SVC_RESULT_s_* result) {
     result->word_0 = 0;
@@ -53,7 +53,7 @@ IpcGuiFetcher::IpcGuiFetcher() {
     m_comLib = std::make_shared<ComLibInterface>(ID, fw);
     const char* const name = "svc_ipc_gui";
     const IpcProc procedures[] = {ipcGuiBufReceiver, ipcQrBodyReceiver};
-    // If a registration fails, the service runs on and receives no frames.
+    // If a registration fails, the service keeps running, but the core cannot call that procedure.
     sg_svc_register(&procedures[0], 1, IPC_PROG_GUI_BUF, IPC_SVC_VERSION, name);
     sg_svc_register(&procedures[1], 1, IPC_PROG_QR_BODY, IPC_SVC_VERSION, name);
 }
@@ -62,7 +62,8 @@ IpcGuiFetcher::~IpcGuiFetcher() {
     std::free(sg_svc_info.procedures);
 }
 
-// Deliberate: the identity may have any length here; ComLibInterface rejects a wrong one.
+// Deliberate: accepts an identity of any length here, because the constructor of ComLibInterface
+// rejects a wrong length.
 void IpcGuiFetcher::loadIdFromIni() {
     std::ifstream file(SETTINGS_FILE);
     if (const auto identity = read_identity(file)) ID = *identity;
@@ -70,7 +71,7 @@ void IpcGuiFetcher::loadIdFromIni() {
 
 void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
                                       _AMBA_IPC_SVC_RESULT_s_* result) {
-    if (!m_published) {  // the core calls before the fetcher is constructed
+    if (!m_published) {  // the core has called before the fetcher is constructed
         clear(result);
         return;
     }
@@ -84,9 +85,9 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
         frame = cached->second;
     } else {
         mapPhysBuffer(fetcher, buffer);
-        // `release` runs only if inserting into cached_buffers throws: a cached buffer is never
-        // released. Deliberate: munmap gets the frame's address, which may not be page-aligned, and
-        // the frame size of the latest mapping.
+        // `release` runs only if inserting into cached_buffers throws, because a cached buffer is
+        // never released. Deliberate: `release` passes munmap the frame's address, which may not be
+        // page-aligned, and the frame's size, which is less than the size of the mapping.
         const auto release = [&fetcher](unsigned char* start) {
             munmap(start, fetcher.m_mappedSize);
         };
@@ -96,15 +97,15 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
 
     {
         const Lock lock(fetcher.m_comLibMutex);
-        // Deliberate: passes the frame size of the latest mapping, not the announced size, because
-        // all buffers have the same size.
+        // Deliberate: passes the frame size of the latest mapping and ignores buffer.size, because
+        // all frames are assumed to have one size.
         if (fetcher.m_comLib != nullptr) fetcher.m_comLib->push_frame(frame, fetcher.m_mappedSize);
     }
     clear(result);
 }
 
-// Deliberate: checks no result. If mmap fails, reading the frame raises a signal that ends the
-// process.
+// Deliberate: ignores the results of open and mmap. If mmap fails, reading the frame raises a
+// signal that ends the process.
 void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer) {
     const uint64_t page = buffer.phys_addr & PAGE_MASK;
     const uint64_t offset = buffer.phys_addr & OFFSET_MASK;
@@ -133,5 +134,6 @@ void IpcGuiFetcher::ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_S
         const Lock lock(fetcher->m_comLibMutex);
         fetcher->m_comLib.swap(facade);
     }
-    // The old facade is destroyed here, on this thread. Frames already go to the new one.
+    // When this function returns, `facade` holds the old ComLibInterface, which is destroyed on
+    // this thread. Frames already go to the new one.
 }

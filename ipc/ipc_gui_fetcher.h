@@ -1,9 +1,10 @@
-// Receives the GUI from the real-time core, which calls one procedure for each frame (physical
-// address and size) and another one, rarely, for a new identity (the QR body). Frames go to the
-// current link facade (ComLibInterface); a new identity replaces the facade.
+// Receives the GUI from the real-time core. For each frame, the core calls one procedure with the
+// frame's physical address and size. When the device gets a new identity (the QR body), which is
+// rare, the core calls another procedure. The current ComLibInterface sends the frames to the
+// companion; a new identity replaces this object.
 //
 // Each buffer address is mapped once and stays mapped, so later frames at that address cost no
-// system call. No static object is destroyed at exit, because the core may call during the exit.
+// system call. No static object is destroyed at exit, because the core may still call then.
 #pragma once
 
 #include <atomic>
@@ -29,8 +30,9 @@ struct GuiBufferArg {
 
 class IpcGuiFetcher {
   public:
-    // The singleton. The first call reads the identity from the settings file, builds the first
-    // link facade (see ComLibInterface for what it throws) and registers both programs.
+    // Returns the only instance. The first call constructs it: reads the identity from the settings
+    // file, constructs the first ComLibInterface (see its constructor for what it throws), and
+    // registers the procedures of both IPC programs.
     static std::shared_ptr<IpcGuiFetcher> getInstance();
 
     ~IpcGuiFetcher();
@@ -38,13 +40,13 @@ class IpcGuiFetcher {
     IpcGuiFetcher& operator=(const IpcGuiFetcher&) = delete;
 
     // The procedure for a frame; `argument` is a GuiBufferArg. Calls must not overlap. When a call
-    // returns, the core may reuse the frame's memory. A frame that cannot be mapped ends the
-    // process.
+    // returns, the core may reuse the frame's memory. If the frame cannot be mapped, the process
+    // ends.
     static void ipcGuiBufReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
     // The procedure for a new identity; `argument` is a zero-terminated text of five characters.
-    // Any other length ends the process. Replaces the ComLibInterface, and returns when the old
-    // ComLibInterface is destroyed. Does not write to `result`.
+    // Any other length ends the process. Replaces the ComLibInterface, and returns after the old
+    // one has been destroyed. Does not write to `result`.
     static void ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
   private:
@@ -53,14 +55,14 @@ class IpcGuiFetcher {
     static void loadIdFromIni();
     static void mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer);
 
-    // The latest mapping; only used by ipcGuiBufReceiver.
+    // Address and size of the frame at the latest mapping. Only frame calls use these members.
     unsigned char* m_mappedBuffer = nullptr;
     uint64_t m_mappedSize = 0;
 
     std::shared_ptr<ComLibInterface> m_comLib GUARDED_BY(m_comLibMutex);
-    Mutex m_comLibMutex;  // held while a frame is pushed, to keep the facade alive
+    Mutex m_comLibMutex;  // held during push_frame, so that *m_comLib is not destroyed meanwhile
 
-    static std::string& ID;        // identity of the first facade; a QR body does not change it
+    static std::string& ID;        // identity of the first ComLibInterface; does not change later
     static const std::string& fw;  // firmware version text
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
     static std::atomic<bool> m_published;  // if true, m_guiFetcher is set and will not change
