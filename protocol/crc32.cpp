@@ -1,6 +1,7 @@
-// Three implementations of one checksum: eight tables (any processor), carry-less multiplication
-// (x86-64) and CRC instructions (64-bit Arm). The last two run only if the processor has the
-// instructions. All three update the same CRC value, so one can continue where another has stopped.
+// Three implementations of one checksum: eight lookup tables (any processor), carry-less
+// multiplication (x86-64) and CRC instructions (64-bit Arm). The last two run only if the processor
+// has the instructions. All three update the same CRC value, so one can continue where another has
+// stopped.
 #include "protocol/crc32.h"
 
 #include <array>
@@ -69,8 +70,8 @@ constexpr long long power(int n) {
     return static_cast<long long>(remainder) << 1;
 }
 
-// Folding: returns the value that, BITS bits further on in the data, has the same effect on the CRC
-// as `value` has here.
+// Folding: moves `value` towards the end of the data by BITS bits. The result has the same effect
+// on the CRC at the new position as `value` has at its present position.
 template <int BITS>
 __attribute__((target("pclmul"))) inline __m128i folded(__m128i value) {
     constexpr long long LOW = power(BITS + 32);
@@ -89,7 +90,7 @@ __attribute__((target("pclmul"))) uint32_t update_by_multiplying(uint32_t value,
                                                                  uint64_t length) {
     if (length < 64) return update_by_tables(value, bytes, length);
 
-    // Four lanes, because the processor starts further multiplications while one still runs.
+    // Use four lanes, because the processor can start a multiplication while others still run.
     __m128i lanes[4];
     for (size_t i = 0; i < 4; ++i) lanes[i] = load128(bytes + 16 * i);
     lanes[0] = _mm_xor_si128(lanes[0], _mm_cvtsi32_si128(static_cast<int>(value)));

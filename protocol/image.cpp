@@ -9,8 +9,9 @@ namespace {
 
 constexpr uint32_t RUN_MAX = 65535;  // pixels; a run's length is one 16-bit word
 
-// Pixels per chunk. The chunk's lists of run ends and values fit into the L1 cache. A chunk is
-// shorter than RUN_MAX, so only the first run that ends in it can be too long.
+// Pixels per chunk. A chunk's lists of run ends and values fit into the L1 cache. Of the runs that
+// end in a chunk, only the first can be longer than RUN_MAX, because all others also begin in the
+// chunk, which is shorter than RUN_MAX.
 constexpr uint32_t CHUNK = 4096;
 
 }  // namespace
@@ -34,12 +35,12 @@ uint64_t EncodeImage(const uint16_t* pixels, uint16_t width, uint16_t height,
         }
     };
 
-    // The last pixel is not sent: companions fill it themselves.
+    // The last pixel is not sent, because companions fill it themselves.
     const uint32_t last = std::max(uint32_t{width} * height, 1u) - 1;
     if (last == 0) return (position - at) * sizeof(uint16_t);
 
-    // Deliberate: the first pixel is sent unmasked, so a transparent but non-zero one forms a run
-    // of its own.
+    // Deliberate: the first pixel is sent unchanged, because companions expect this. If the first
+    // pixel is transparent but not 0, it forms a run of its own.
     if (pixels[0] != 0 && pixels[0] <= TRANSPARENT_MAX) write_run(1, pixels[0]);
 
     std::array<uint16_t, CHUNK + RUN_ENDS_SLACK> ends;

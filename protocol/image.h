@@ -8,8 +8,8 @@
 //
 // Pixels are 16-bit ARGB 4:4:4:4. A pixel whose top four bits are zero is transparent, whatever its
 // colour, and is sent as 0, so that transparent neighbours of different colours form one run. Every
-// companion expects two exceptions: the first pixel is sent unchanged, and the last pixel is not
-// sent.
+// companion expects two special cases: the first pixel is sent unchanged even if it is transparent,
+// and the last pixel is not sent.
 #pragma once
 
 #include <cstddef>

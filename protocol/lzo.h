@@ -1,5 +1,5 @@
-// Compression with LZO1X. The service does not use it: frames carry uncompressed payloads, and
-// images are run-length encoded.
+// Compression with LZO1X. The service does not use it, because the link's only compression is the
+// run-length encoding of images.
 #pragma once
 
 #include <cstdint>

@@ -1,15 +1,16 @@
-// Compiled once for each set of vector instructions: foreach_target.h includes this file
-// repeatedly. At run time, libhwy chooses the best set that the processor has. 64-bit Arm has only
-// one set, so it needs no choice and no library.
+// This file is compiled once for each set of vector instructions, because foreach_target.h includes
+// it repeatedly. At run time, libhwy chooses the best set that the processor has. For 64-bit Arm,
+// the file is compiled for one set only (NEON), so nothing has to be chosen and libhwy is not
+// needed.
 #include "protocol/run_ends.h"
 
 #include <array>
 
-// Disables the sets of scalable vectors (SVE), and each set with which this code is no faster than
-// with a smaller set.
+// Disables all SVE instruction sets (scalable vectors) of Arm, and every instruction set that makes
+// this code no faster than a smaller set does.
 #define HWY_DISABLED_TARGETS \
     (HWY_SSSE3 | HWY_AVX3 | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128)
-#define HWY_WANT_AVX3_DL  // the AVX-512 that can compress 16-bit lanes
+#define HWY_WANT_AVX3_DL  // the AVX-512 variant that can compress 16-bit lanes
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "protocol/run_ends.cpp"
 #include <hwy/foreach_target.h>
@@ -59,7 +60,7 @@ namespace hn = hwy::HWY_NAMESPACE;
 const hn::ScalableTag<uint16_t> WIDE;
 const hn::Full128<uint16_t> EIGHT;
 constexpr size_t LANES = hn::MaxLanes(WIDE);
-constexpr size_t BLOCK = 32;  // pixels; skipped as a whole if no run ends among them
+constexpr size_t BLOCK = 32;  // pixels; a block in which no run ends is skipped as a whole
 static_assert(BLOCK % LANES == 0 && LANES <= RUN_ENDS_SLACK);
 
 template <class Tag>
@@ -100,12 +101,12 @@ size_t find_in_vectors(const uint16_t* HWY_RESTRICT pixels, size_t count,
                 differ(WIDE, hn::LoadU(WIDE, pixels + i), hn::LoadU(WIDE, pixels + i + 1));
 #if HWY_TARGET == HWY_AVX3_DL
             const auto end = hn::Iota(WIDE, static_cast<uint16_t>(i + 1));
-            // Not CompressStore: some processors take a hundred cycles to compress into memory.
+            // Not CompressStore, which needs about a hundred cycles on some processors.
             hn::StoreU(hn::Compress(end, mask), WIDE, ends + found);
             hn::StoreU(hn::Compress(value_at(WIDE, pixels + i), mask), WIDE, values + found);
             found += hn::CountTrue(WIDE, mask);
 #else
-            uint8_t bits[8];  // the minimum for StoreMaskBits
+            uint8_t bits[8];  // StoreMaskBits needs room for 8 bytes
             hn::StoreMaskBits(WIDE, mask, bits);
             for (size_t j = 0; j < LANES; j += 8) {
                 const auto end = hn::Iota(EIGHT, static_cast<uint16_t>(i + j + 1));

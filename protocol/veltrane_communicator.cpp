@@ -11,9 +11,9 @@
 
 namespace {
 
-constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; a typical screen fits without reallocation
+constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; a typical screen needs no reallocation
 
-// An image is encoded directly into its frame, behind the space for the header.
+// An image is encoded directly into its frame, after the space for the header.
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
@@ -55,7 +55,7 @@ VeltraneCommunicator::VeltraneCommunicator(const std::string& device_id,
       m_image_frame(HEADER_WORDS + IMAGE_WORDS),
       m_last_image_frame(HEADER_WORDS + IMAGE_WORDS) {}
 
-// The bytes that are not consumed yet.
+// The received bytes that are not consumed yet.
 struct VeltraneCommunicator::Stream {
     const unsigned char* begin;
     const unsigned char* end;
@@ -211,7 +211,7 @@ std::vector<unsigned char> VeltraneCommunicator::GetIdentityFrame() {
 }
 
 void VeltraneCommunicator::_send(const unsigned char* frame, uint64_t size) {
-    if (size == 0) return;  // too large for a frame, or nothing to repeat
+    if (size == 0) return;  // the payload was too large, or there is no last image to send again
     std::shared_ptr<NetworkController> controller;
     {
         const Lock lock(m_controller_mutex);

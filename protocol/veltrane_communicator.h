@@ -30,10 +30,10 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     // text.
     VeltraneCommunicator(const std::string& device_id, const std::string& firmware);
 
-    // Calls are serialised. A thread receives for one connection: an incomplete frame at the end of
-    // `data` waits for the next call from the same thread. A `count` of 0 changes nothing. An
-    // exception from the message handler or from `signal` goes to the caller; the frame that caused
-    // the exception stays buffered.
+    // Calls are serialised. Each thread must pass the bytes of one connection only, because an
+    // incomplete frame at the end of `data` waits for the next call from the same thread. A `count`
+    // of 0 changes nothing. If the message handler or `signal` throws, the exception goes to the
+    // caller, and the frame that caused the exception stays buffered.
     void OnDataReceived(const unsigned char* data, uint64_t count,
                         const std::function<void()>& signal, bool deliver_all) override;
     void OnConnectionEnd() override;
