@@ -5,7 +5,7 @@ Exits with status 1 if a figure is more than 2 % higher than the recorded one.""
 import subprocess
 import sys
 
-KNOWN_LENGTH = 10_000_000  # instructions of the loop that checks the plugin; as in bench/mark.h
+KNOWN_LENGTH = 10_000_000  # instructions; length of a loop that checks the plugin; as in bench/mark.h
 LOOP_SETUP = 16  # limit for the instructions just before and after the loop
 TOLERANCE = 1.02
 WAYS = ["encode", "literal encode", "checksum", "table checksum", "copy"]

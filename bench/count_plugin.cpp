@@ -1,7 +1,7 @@
-// A plugin for qemu's user mode that counts instructions. Marks come in pairs: for each pair, the
-// plugin writes to standard error how many instructions the program has executed between the two
-// marks, one count per line. Debian does not package the header of the plugin interface (version
-// 1), so this file declares the parts that it uses.
+// A plugin for qemu's user mode that counts the instructions of a program. The program sets marks
+// (see bench/mark.h) in pairs. For each pair, the plugin writes one line to standard error: how
+// many instructions the program has executed between the two marks. Debian does not package the
+// header of qemu's plugin interface (version 1), so this file declares the parts that it uses.
 #include <cstdint>
 #include <cstdio>
 
@@ -29,7 +29,7 @@ int qemu_plugin_install(qemu_plugin_id_t id, const void* info, int argc, char** 
 
 namespace {
 
-uint64_t executed = 0;  // not atomic, because the program has one thread
+uint64_t executed = 0;  // not atomic, because the measured program has one thread
 uint64_t at_first_mark = 0;
 bool between_marks = false;
 

@@ -1,7 +1,7 @@
 // guilink-latency LINK [SECONDS [SCENE]]: measures a frame's time from push_frame to the companion,
-// and a button's time from the companion to the device's control service, with the real service and
-// companion in one process. Run it only inside the sandbox. Prints tab-separated lines: link,
-// subject, figure, value.
+// and a button press's time from the companion to the device's control service, with the real
+// service and companion in one process. Run it only inside the sandbox. Prints tab-separated lines:
+// link, subject, figure, value.
 #include <poll.h>
 
 #include <algorithm>
@@ -30,13 +30,13 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr auto LIMIT = 30s;                      // time-out of every wait
+constexpr auto LIMIT = 30s;                      // time-out of a wait for a frame or the link
 constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // between frames, at 60 frames a second
-constexpr int ROUNDS = 200;                      // number of measured single frames, and of presses
+constexpr int ROUNDS = 200;                      // at most; each round is one frame or one press
 constexpr double SECONDS = 5;                    // default length of a measurement
 
-// Thrown when a frame, a link or a button does not arrive in time. A busy machine may be the cause:
-// the link ends if the machine stalls this process for 2 s.
+// Thrown when a frame, the link or a button press is missing after the time-out. A busy machine may
+// be the cause, because the link ends if this process stalls for 2 s.
 struct Missing : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -47,8 +47,8 @@ struct Arrival {
     Clock::time_point decoded;
 };
 
-// Records when the image with a given stamp arrived. The stamp is the first pixel, the only one
-// that is sent unmasked.
+// Records when each image arrived. An image is identified by its stamp, the value of its first
+// pixel (see Device::push).
 class Watch {
   public:
     void take(const Companion::Payload& payload) {
@@ -71,7 +71,7 @@ class Watch {
     }
 
   private:
-    Image m_image;  // only for the companion's thread
+    Image m_image;  // used only by the companion's thread
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::map<uint16_t, Arrival> m_arrivals;
@@ -106,8 +106,8 @@ double since(Clock::time_point start, Clock::time_point end) {
     return Milliseconds(end - start).count();
 }
 
-// Measures how long a datagram waits in the network's queue. The link's bytes wait in this queue,
-// too.
+// Measures how long a datagram waits in the send queue of the loopback interface. The link's bytes
+// wait in the same queue.
 class Queue {
   public:
     Queue() {
@@ -153,7 +153,7 @@ class Queue {
     std::thread m_thread{&Queue::receive, this};
 };
 
-// The service; stamps every frame with a new number.
+// Pushes frames into the service, and sets the first pixel of each frame to a new stamp.
 class Device {
   public:
     Device() : m_facade("11111", "fw1.1") {}
@@ -198,7 +198,8 @@ void one_by_one(Device& device, Watch& watch, Picture& picture, const Report& re
     report.spread(picture.name, "decoded", decoded);
 }
 
-// At the full frame rate: how old is a frame when it is shown, and when the next one replaces it?
+// Pushes frames at the full frame rate. Measures how old each frame is when it is shown, and how
+// old it is when the next frame replaces it.
 void flooded(Device& device, Watch& watch, Picture& picture, const Report& report) {
     Queue queue;
     std::map<uint16_t, Clock::time_point> pushed;
@@ -247,7 +248,7 @@ void buttons(Companion& companion, ControlService& control, const Report& report
 // Returns a picture with as many runs of one pixel as fit into a message (1 MiB).
 Picture largest(Picture blank) {
     constexpr size_t RUNS =
-        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // leaves some runs for the blank rest of the picture
+        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // leaves some runs for the remaining blank pixels
     for (size_t i = 0; i < RUNS; ++i) blank.pixels[i] = i % 2 == 0 ? 0xF123 : 0xFABC;
     blank.name = "largest";
     return blank;
@@ -267,7 +268,8 @@ int run(int argc, char** argv) {
                          .text = {}});
     Device device;
     std::vector<Picture> pictures = draw_pictures(1280, 960);
-    // Replace the last picture, noise: its encoding is too large for a message.
+    // The last picture is noise, which is too large for a message. Replace it with the largest
+    // picture that fits.
     pictures.back() = largest(pictures.front());
     link_up(device, watch, pictures.front());
     for (Picture& picture : pictures) {

@@ -3,7 +3,7 @@
 
 namespace guilink {
 
-constexpr long MARK = 26'485;              // number of a system call that does not exist
-constexpr long KNOWN_LENGTH = 10'000'000;  // instructions of the loop that checks the plugin
+constexpr long MARK = 26'485;  // a system call number that nothing else uses; sets a mark
+constexpr long KNOWN_LENGTH = 10'000'000;  // instructions; length of a loop that checks the plugin
 
 }  // namespace guilink

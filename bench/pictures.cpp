@@ -9,7 +9,7 @@ namespace guilink {
 namespace {
 
 void draw_text(Canvas& canvas) {
-    constexpr int LINE = 34;  // units of a 1280 x 960 screen
+    constexpr int LINE = 34;  // line height, in pixels of a 1280 x 960 screen
     canvas.fill({0, 0, 1280, 960}, 0, {0.05, 0.05, 0.1});
     std::string line;
     for (int i = 0; i < 4; ++i) line += "The quick brown fox jumps over the lazy dog. ";

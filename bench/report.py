@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """report.py FOLDER CHART: prints tables of the results of scripts/bench, and draws a chart.
 
-Times are processor times: a run's time is the median of its rounds, and the tables show the best run."""
+All times are processor times. The time of a run is the median of its repetitions. The tables show the best run."""
 
 import collections
 import glob
@@ -39,7 +39,7 @@ def report_speed(runs):
         return min(run[name] for run in runs)
 
     def best(ours, theirs):
-        """Returns the best ratio of theirs to ours in any run."""
+        """Returns the highest ratio of theirs to ours that any run has reached."""
         return max(run[theirs] / run[ours] for run in runs)
 
     for size in SIZES:
@@ -83,8 +83,8 @@ def report_speed(runs):
 
 
 def read_links(folder):
-    """Returns {(link, side): {subject: {figure: [value of each run]}}}. A link's name is its rate; "0" is
-    loopback."""
+    """Returns {(link, side): {subject: {figure: [value of each run]}}}. A link's name is its rate in
+    Mbit/s, or "0" for plain loopback."""
     links = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
     for path in glob.glob(folder + "/*.tsv"):
         with open(path, encoding="utf-8") as file:

@@ -1,8 +1,8 @@
-// A library that is preloaded into guilink-latency on slow links. Gives the link's socket the same
-// options as on most devices: cubic congestion control, and the send buffer of Linux before 6.17.
-// With GUILINK_BEFORE in the environment, ioctl also reports to the service that no bytes are
-// unsent, so that wait_until_sent returns at once. Measurements compare the service with and
-// without this wait.
+// scripts/bench preloads this library into guilink-latency. The library gives the link's socket the
+// options that it has on most devices: cubic congestion control, and the send buffer of Linux
+// before 6.17. If the variable GUILINK_BEFORE is in the environment, the library also makes ioctl
+// report that all data has been sent, so the service's wait_until_sent returns at once.
+// scripts/bench compares the service with and without this wait.
 #include <dlfcn.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int SEND_BUFFER = 212'992;  // bytes; the default maximum before Linux 6.17
+constexpr int SEND_BUFFER = 212'992;  // bytes; the default limit of send buffers before Linux 6.17
 
 template <typename Function>
 Function* original(Function*, const char* name) {

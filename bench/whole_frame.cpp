@@ -1,6 +1,6 @@
-// Measures the service's processor time for one frame: copy, encode, checksum, frame, and send over
-// loopback to a receiver that reads. Then measures all this with the reference encoder and
-// checksum.
+// Measures the service's processor time for one picture: to copy and encode it, compute the
+// checksum, complete the frame, and send it over loopback to a receiver that reads. Then measures
+// the same work with the reference encoder and checksum.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
@@ -30,7 +30,7 @@ void expect(bool success, const char* attempt) {
     if (!success) throw std::runtime_error(std::string("whole frame: cannot ") + attempt);
 }
 
-// A connection over loopback. A thread reads its receiving end.
+// A TCP connection over loopback. A thread reads everything that arrives at the receiving end.
 class DrainedConnection {
   public:
     DrainedConnection() {
