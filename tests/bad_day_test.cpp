@@ -21,7 +21,7 @@ TEST_F(BadDay, PeerGoesInTheMiddleOfAnImage) {
 TEST_F(BadDay, PeerStallsWithAFullWindow) {
     const Socket peer = link();
     const Chatter chatter(peer, frame(ControlMessage));
-    m_peer.connection();  // the service searches again
+    m_peer.connection();  // returns because the service searches again
 }
 
 TEST_F(BadDay, PeerAsksAndDoesNotRead) {
@@ -86,7 +86,7 @@ TEST_F(BadDay, CandidateSpeaksBeforeItIsAccepted) {
     EXPECT_EQ(m_daemon->output().find("USER"), std::string::npos);
 }
 
-// Each candidate presses a different button. The service must obey only the presses on the link.
+// Each candidate sends a different button. The service must obey only the button sent on the link.
 TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
     struct Candidate {
         Candidate(Socket&& from, uint8_t number)
@@ -109,7 +109,7 @@ TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
             const auto offered = [&] { return host.offered(); };
             if (wait_until(offered, 100ms)) offers.push_back(host.accept());
         }
-        // Try again: the service's previous search, which still listens, has got most answers.
+        // An earlier search of the service may have received the answers. If so, try again.
         if (offers.size() < 2) continue;
         uint8_t number = 0;
         for (Socket& offer : offers) candidates.emplace_back(std::move(offer), ++number);
@@ -126,8 +126,8 @@ TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
     const GoodCompanion good(m_far);
     ASSERT_TRUE(good.linked_within(LIMIT));
     for (const char* const address : {"10.77.0.1", "10.77.0.9"}) {
-        // Change the interface's address only while linked: without a link, the service searches,
-        // and aborts if it cannot bind to the old address.
+        // Change the interface's address only while linked. Without a link, the service might
+        // search at that moment, and abort because it cannot bind to the old address.
         EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
         run("ip address flush dev guilink0");
         run("ip address add " + std::string(address) + "/24 broadcast + dev guilink0");
@@ -173,7 +173,7 @@ TEST(BadStreams, ReaderThatIsGoneEndsTheServiceBySigpipe) {
     pipe.reader.close();
     Daemon daemon(Daemon::Until::Started, [&] { dup2(pipe.writer.fd(), STDOUT_FILENO); });
     RawCompanion companion;
-    EXPECT_TRUE(wait_until([&] {  // the service logs a line for each request
+    EXPECT_TRUE(wait_until([&] {  // each request makes the service log a line
         if (const auto candidate = companion.connection_within(100ms)) {
             candidate->write(frame(ConnectRequest));
         }
@@ -192,7 +192,7 @@ class FullPipe : public testing::TestWithParam<int> {
             while (write(m_pipe.writer.fd(), rest.data(), size) > 0) {
             }
         }
-        // Make the pipe blocking again: the service shares this file description.
+        // Make the pipe blocking again, because the service shares this file description.
         fcntl(m_pipe.writer.fd(), F_SETFL, 0);
     }
     std::string drain() const {
@@ -240,7 +240,7 @@ TEST_P(FullPipe, UnknownWordsOfANeighbourKeepNobodyOut) {
     const Socket neighbour = m_companion.connection();
     const Chatter chatter(neighbour, frame(ImageMessage));
     RawCompanion good("127.0.0.3");
-    const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);  // receives only the link's presses
+    const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);  // plays the control service
     const Socket link = good.link();
     const Chatter presses(link, frame(ButtonMessage, {5}));
     EXPECT_EQ(control.read_some(), bytes(R"([{"msg_id":105,"param":"On"}])"));

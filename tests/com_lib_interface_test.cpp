@@ -30,8 +30,7 @@ struct Image {
 
 class LinkedFacade : public testing::Test {
   protected:
-    // Pushes frames until the companion receives an image, which proves that the connection is the
-    // link.
+    // Pushes frames until the companion receives an image. Only the link receives images.
     void SetUp() override {
         m_link = m_companion.link(frame(ConnectRequest) + frame(ControlMessage), [this] {
             m_facade->push_frame(colour(0x8001, SMALL), SMALL);
@@ -55,7 +54,7 @@ class LinkedFacade : public testing::Test {
         return {words[0], words[1], words[3]};
     }
 
-    // Skips repeats of the last image; throws if no other image arrives.
+    // Skips images whose first pixel is `pixel`. Throws if no other image arrives.
     Image next_image_other_than(uint16_t pixel) {
         for (int i = 0; i < REPEATS; ++i) {
             const Image image = next_image();
@@ -64,7 +63,7 @@ class LinkedFacade : public testing::Test {
         throw_missing_event("no new image");
     }
 
-    static constexpr int REPEATS = 20;  // repeats to skip before a new frame counts as lost
+    static constexpr int REPEATS = 20;  // images that next_image_other_than skips before it throws
 
     LastThreadsEnd m_last_threads_end;
     RawCompanion m_companion;
@@ -89,11 +88,11 @@ TEST_F(LinkedFacade, SizeDecidesTheResolution) {
 
 TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     m_chatter.reset();
-    m_link.write(frame(IdentityRequest));  // the answer proves that the last keep-alive has arrived
+    m_link.write(frame(IdentityRequest));  // an answer proves that all keep-alives have arrived
     while (type_of(m_link.read_frame()) != IdentityMessage) {
     }
     keep_sending(ButtonMessage);          // keeps the connection open, but is not a keep-alive
-    std::this_thread::sleep_for(2100ms);  // the limit under test: 2 s since the last keep-alive
+    std::this_thread::sleep_for(2100ms);  // new images must end 2 s after the last keep-alive
     m_facade->push_frame(colour(0x9004, SMALL), SMALL);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(next_image().first_pixel, 0x8001);
 
@@ -106,9 +105,8 @@ TEST_F(LinkedFacade, SilentCompanionGetsTheLastImageAgainAndNoNewOne) {
     EXPECT_EQ(image.first_pixel, 0x9005);
 }
 
-// The first frame does not fit into the companion's TCP receive window. While it is being sent, the
-// later frames must not enter the send buffer, although they are small. The newest of them must
-// replace the others.
+// The first frame is larger than the companion's TCP receive window. Until it is sent, each newer
+// frame must replace the previous one, although the small frames would fit into the send buffer.
 TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
     const auto striped = colour(0, SMALL);
     for (uint64_t i = 0; i < SMALL; i += 2) {
@@ -119,13 +117,13 @@ TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
     m_facade->push_frame(striped, SMALL);
     const auto sends_it = [&, available = 0]() mutable {
         ioctl(m_link.fd(), FIONREAD, &available);
-        return available > 10'000;  // bytes; a repeated image of one colour has 94
+        return available > 10'000;  // bytes; only the striped image is that large
     };
     EXPECT_TRUE(wait_until(sends_it));
     for (uint16_t pixel = 0x9011; pixel <= 0x9018; ++pixel) {
         std::memcpy(plain.get(), &pixel, sizeof pixel);
         m_facade->push_frame(plain, SMALL);
-        std::this_thread::sleep_for(2ms);  // gives a faulty sender the time to send this frame
+        std::this_thread::sleep_for(2ms);  // gives a faulty sender time to send this frame
     }
     EXPECT_EQ(next_image_other_than(0x8001).first_pixel, 0x9001);
     EXPECT_EQ(next_image_other_than(0x9001).first_pixel, 0x9018);
@@ -134,7 +132,7 @@ TEST_F(LinkedFacade, NewestFrameReplacesTheUnsentOnes) {
 TEST_F(LinkedFacade, MessagesAreHandled) {
     const Socket control_service(SOCK_DGRAM, "127.0.0.1", 3426);
     testing::internal::CaptureStdout();
-    m_link.write(frame(ButtonMessage));  // contains no button: ignored
+    m_link.write(frame(ButtonMessage));  // must be ignored, because it contains no button
     m_link.write(frame(ButtonMessage, {5, 10}));
     m_link.write(frame(DataMessage, bytes("hello")));
     m_link.write(frame(ControlMessage, bytes("x")));
@@ -142,7 +140,7 @@ TEST_F(LinkedFacade, MessagesAreHandled) {
     m_link.write(frame(ButtonMessage, {15}));
     EXPECT_EQ(control_service.read_some(), bytes(R"([{"msg_id":105,"param":"On"}])"));
     EXPECT_EQ(control_service.read_some(), bytes(R"([{"msg_id":115,"param":"On"}])"));
-    m_facade.reset();  // the last line is written before reset returns
+    m_facade.reset();  // returns when all lines are written
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "BUTTON 5\nUSER hello\nUSER \nBUTTON 15\n");
 }
 

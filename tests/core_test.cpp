@@ -20,7 +20,7 @@ TEST(FrameMemory, NoAddressIsEverUsedTwice) {
             EXPECT_EQ(memory.address(buffer) % 4096, 0u);
             EXPECT_EQ(memory.pixels(buffer).size_bytes(), size);
             memory.pixels(buffer).back() = 1;
-            // Check one page more than the size, because the service maps that page, too.
+            // Check one page beyond the frame, because the service maps it with the frame.
             for (uint64_t page = 0; page <= size; page += 4096) {
                 EXPECT_TRUE(pages.insert(memory.address(buffer) + page).second);
             }
@@ -54,7 +54,7 @@ TEST(Gui, EveryButtonCanBeSeen) {
     for (uint8_t button = 0; button < BUTTON_COUNT; ++button) {
         Gui gui("11111");
         const auto before = drawn(gui);
-        EXPECT_EQ(before, drawn(gui));  // the same GUI at the same Moment gives the same picture
+        EXPECT_EQ(before, drawn(gui));  // without a press, the picture stays the same
         gui.press(static_cast<Button>(button));
         EXPECT_NE(before, drawn(gui)) << int{button};
     }

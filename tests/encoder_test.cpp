@@ -1,6 +1,6 @@
-// Tests the encoder exhaustively: each set of vector instructions must write the same words as the
-// reference encoder, and both decoders must decode these words to the pixels that a companion
-// shows.
+// Tests the encoder exhaustively. With each set of vector instructions, the encoder must write the
+// same words as the reference encoder. The C++ decoder and the Python decoder must decode these
+// words to the expected pixels.
 #include <gtest/gtest.h>
 #if defined(__x86_64__)
 #include <hwy/targets.h>
@@ -29,15 +29,15 @@ constexpr uint16_t KINDS[] = {0, 0x0FFF, 0x1000, 0xFFFF};  // pixels; transparen
 constexpr size_t EXHAUSTIVE = 12;  // pixels; the test tries all 22 million images up to this size
 constexpr size_t STEP = 1;
 #else
-constexpr size_t EXHAUSTIVE = 6;  // pixels; sanitizers make an image up to 100 times slower
+constexpr size_t EXHAUSTIVE = 6;  // pixels; with sanitizers, an image takes up to 100 times longer
 constexpr size_t STEP = 7;        // the tests that use STEP try only every seventh image
 #endif
 constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;  // pixels; the Python decoder gets no larger images
 
-constexpr size_t AT = 21;  // index of an image's first 16-bit word; the header is before it
+constexpr size_t AT = 21;  // index of an image's first 16-bit word, behind the frame's header
 
-// Returns the instruction sets that both this processor and run_ends.cpp support. Each element is a
-// bit mask; hwy uses only the instruction set of the lowest bit.
+// Returns the instruction sets that this processor and run_ends.cpp support. Each element is a bit
+// mask, of which hwy uses only the lowest bit.
 std::vector<int64_t> instruction_sets() {
 #if defined(__x86_64__)
     std::vector<int64_t> sets;
@@ -61,7 +61,8 @@ class Encoder : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_NE(m_python, nullptr);
-        // If the Python decoder ends early, SIGPIPE must not end this test: pclose reports it.
+        // If the Python decoder ends early, SIGPIPE must not end this test, because TearDown
+        // reports the decoder's exit status.
         std::signal(SIGPIPE, SIG_IGN);
     }
     void TearDown() override {
@@ -69,8 +70,8 @@ class Encoder : public ::testing::Test {
         use(m_sets.front());
     }
 
-    // Encodes the pixels with each instruction set, and decodes the result. Returns the name of
-    // what differs from the reference encoder's result or from the pixels; "" if nothing differs.
+    // Encodes the pixels with each instruction set, and decodes the result. Returns the name of the
+    // check that fails, or "".
     std::string_view wrong(const Words& pixels, uint16_t width, uint16_t height, bool in_python) {
         m_expected.assign(2, 0);
         const uint64_t bytes = encode_literally(pixels.data(), width, height, m_expected);
@@ -128,15 +129,15 @@ TEST_P(EncoderFrom, EveryImageOfAFewPixels) {
     }
 }
 
-// The encoder reads blocks of 32 pixels. Its result for 8 pixels depends only on these pixels and
-// on the next one. So this test tries all combinations of nine neighbouring pixels, at each place
-// in a block.
+// The encoder handles groups of 8 pixels. Its result for a group depends only on the group and the
+// pixel after it. So this test tries all combinations of nine neighbouring pixels, at each place
+// in the encoder's block of 32 pixels.
 TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     constexpr size_t COUNT = size_t{1} << 18;
     Words pixels(9, KINDS[0]);
     std::vector<bool> seen(COUNT);
     size_t window = 0;
-    // A de Bruijn sequence: each step appends the largest digit that gives a new window.
+    // Build a de Bruijn sequence. Each step appends the largest digit that gives a new window.
     while (!seen[window]) {
         seen[window] = true;
         size_t digit = 3;
@@ -153,8 +154,9 @@ TEST_F(Encoder, EveryNeighbourhoodAtEveryPlace) {
     }
 }
 
-// Tests runs about as long as one of four limits: the encoder's block, its chunk, the longest run
-// and twice the longest run. Up to two pixels precede and follow each run.
+// The lengths of these runs differ by at most two pixels from one of four limits: the encoder's
+// block, its chunk, the longest run and twice the longest run. Up to two pixels precede and follow
+// each run.
 TEST_F(Encoder, EveryRunAroundTheLimits) {
     for (const size_t limit : {32u, 4096u, 65535u, 131070u}) {
         for (size_t i = 0; i < size_t{5} * 3 * 3 * 2; i += STEP) {
@@ -164,7 +166,7 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
             pixels.shrink_to_fit();
             size_t height = 1;
             while (pixels.size() % height != 0 || pixels.size() / height > 65535) ++height;
-            // Skip a number of pixels that is no product of a 16-bit width and height.
+            // If no 16-bit width and height give this number of pixels, skip it.
             if (height > 65535) continue;
             const auto width = static_cast<uint16_t>(pixels.size() / height);
             const auto rows = static_cast<uint16_t>(height);
@@ -173,9 +175,9 @@ TEST_F(Encoder, EveryRunAroundTheLimits) {
     }
 }
 
-// Tries random runs. Each run repeats one pixel value: either a value with a single bit set, or an
-// element of KINDS. The largest images have almost 9,000 pixels, which are more than two of the
-// encoder's chunks of 4,096. Most sizes are no multiple of 32, so the last block is incomplete.
+// Tries random runs. Each run repeats a pixel that has a single bit set, or an element of KINDS.
+// The largest images need more than two of the encoder's chunks of 4,096 pixels. Most sizes are no
+// multiple of 32, so the last block is incomplete.
 TEST_F(Encoder, RandomRuns) {
     std::mt19937 random(1);
     for (size_t count = 1; count < 9'000; count += 1 + count / 100) {

@@ -22,7 +22,7 @@ extern "C" void __sanitizer_malloc_hook(const volatile void*, size_t) {
     ++allocations;
 }
 
-// Not inlined, or GCC warns that new and free do not match.
+// Not inlined, because GCC would otherwise warn that new and free do not match.
 [[gnu::noinline]] void* operator new(size_t size) {
     ++allocations;
     if (void* const memory = std::malloc(size)) return memory;
@@ -64,7 +64,7 @@ TEST(FastPaths, NothingIsAllocatedForAFrame) {
     const auto controller = std::make_shared<NetworkController>(communicator);
     communicator->SetController(controller);
     test::Bytes request = test::frame(ConnectRequest);
-    const test::Bytes button = test::frame(ButtonMessage);  // delivered only from the link
+    const test::Bytes button = test::frame(ButtonMessage);  // handled only if it comes on the link
     request.insert(request.end(), button.begin(), button.end());
     const test::Socket link = companion.link(request, [&] { return messages > 0; });
     const test::Bytes alive = test::frame(ControlMessage);
@@ -74,14 +74,14 @@ TEST(FastPaths, NothingIsAllocatedForAFrame) {
     for (size_t i = 0; i < pixels.size(); i += 1 + i / 10) pixels[i] = 0xF00F;
     communicator->OnDataReceived(alive.data(), alive.size(), {}, true);
     const uint64_t before = allocations;
-    ASSERT_GT(before, 0u);  // the counter works
+    ASSERT_GT(before, 0u);  // proves that allocations are counted
     for (int i = 0; i < 10; ++i) {
         communicator->SendImage(pixels.data(), 100, 100);
         communicator->SendImage(nullptr, 0, 0);
         communicator->OnDataReceived(alive.data(), alive.size(), {}, true);
     }
     EXPECT_EQ(allocations - before, 0u);
-    // All images were sent.
+    // All images must arrive.
     const test::Bytes image = link.read_frame();
     EXPECT_EQ(test::type_of(image), ImageMessage);
     for (int i = 1; i < 20; ++i) EXPECT_EQ(link.read_frame(), image);

@@ -1,6 +1,5 @@
-// While hosts attack, the service must not exit, must still link a good companion, and may start
-// only a limited number of threads. After the attack, the service's use of threads,
-// descriptors and memory must return to the values from before the attack (see bad_day.h).
+// While hosts attack, the service must link a good companion, and must not start too many threads.
+// After the attack, the fixture BadDay checks that the service has recovered.
 #include "tests/support/bad_day.h"
 #include "tests/support/hostile_host.h"
 
@@ -13,16 +12,14 @@ std::chrono::milliseconds beside_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 10s : LIMIT;
 }
 
-// Returns the minimum duration of an attack, from GUILINK_STORM_SECONDS. During the attack, good
-// companions link one after another.
+// Returns how long an attack lasts at least. GUILINK_STORM_SECONDS sets this time.
 std::chrono::seconds storm() {
     const char* const seconds = std::getenv("GUILINK_STORM_SECONDS");
     return std::chrono::seconds(seconds != nullptr ? std::stoi(seconds) : 0);
 }
 
-// While one hostile host attacks, the service may have four searches at once, with two threads
-// each. It may also have the connections from two searches, eight each, with one thread per
-// connection.
+// During an attack, the service may run four searches with two threads each. It may keep the
+// connections of two searches, with eight connections each and one thread per connection.
 constexpr size_t MORE_THREADS = 4 * 2 + 2 * 8;
 
 class HostileNeighbour : public BadDay {
@@ -51,8 +48,8 @@ class HostileNeighbour : public BadDay {
         EXPECT_LE(threads, m_before.threads + MORE_THREADS);
     }
 
-    // The service must link the good companion (m_peer), although the hostile hosts answer the
-    // service's broadcast earlier.
+    // The service must link the good companion (m_peer), although hostile hosts answer the
+    // service's broadcast before this companion does.
     void keeps_out_no_late_one(const Manners& manners) {
         const HostileHosts hostile(manners);
         EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));
@@ -74,7 +71,8 @@ class HostileNeighbour : public BadDay {
 
 const Bytes REQUESTS = repeated(frame(ConnectRequest), 25'000);  // about 1 MiB
 
-// The hostile host sends these requests after 1.1 s, when the service has given up the connection.
+// The service drops a connection that does not become the link within 1 s. The hostile host sends
+// its requests 0.1 s later.
 TEST_F(HostileNeighbour, StormsWithRequestsToConnect) {
     keeps_nobody_out({.words = REQUESTS, .words_after = 1100ms, .words_every = 0ms});
 }

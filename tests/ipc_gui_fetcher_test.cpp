@@ -34,7 +34,7 @@ bool cleared(const _AMBA_IPC_SVC_RESULT_s_& result) {
            result.word_20 == 0;
 }
 
-// Returns the size in bytes of each mapping of physical memory.
+// Returns the size in bytes of each mapping of /dev/mem.
 std::vector<uint64_t> mappings() {
     std::vector<uint64_t> sizes;
     std::ifstream maps("/proc/self/maps");
@@ -56,8 +56,7 @@ extern "C" int ambaipc_svc_register(uint32_t program, uint32_t version, const ch
     registrations.push_back(
         {program, version, name, info->count, entry.procedure, entry.word, last});
 
-    // The core may call as soon as the program is registered, before the fetcher is constructed.
-    // Such an early call must map nothing.
+    // The core may call the program before the fetcher is constructed. This call must map nothing.
     if (program == IPC_PROG_GUI_BUF) {
         const GuiBufferArg early = {0x1000, 4096};
         _AMBA_IPC_SVC_RESULT_s_ result = DIRTY;
@@ -104,8 +103,8 @@ TEST(IpcGuiFetcherDeathTest, TermUnregistersTheLastProgramAndExits) {
         testing::ExitedWithCode(0), "^unregistered 1879048197 1\n$");
 }
 
-// Pushes frames and checks the images that a companion receives. Every image must have the size of
-// the frame mapped last, whatever size is announced.
+// The service maps an address when the core announces it for the first time. Every image must have
+// the size of the latest mapping, whatever size the core announces.
 TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     constexpr uint32_t LARGE = 2'457'600;
     constexpr uint32_t SMALL = 1'572'864;
@@ -139,11 +138,11 @@ TEST(IpcGuiFetcher, MapsEachAddressOnceAndHandsOverTheSizeMappedLast) {
     };
     EXPECT_TRUE(shows(0x10000000, LARGE, 1280, 0x9001));
     EXPECT_TRUE(shows(0x20000124, SMALL, 1024, 0x9002));
-    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // 1024: the frame mapped last is SMALL
+    EXPECT_TRUE(shows(0x10000000, LARGE, 1024, 0x9001));  // the latest mapping is SMALL
     EXPECT_TRUE(shows(0x130000000, LARGE, 1280, 0x9003));
-    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // 1280: the frame mapped last is LARGE
-    // For 0x130000000, the service has mapped the memory at 0x30000000, because it drops the upper
-    // 32 bits of an address. For 0x30000000, it maps the same memory a second time.
+    EXPECT_TRUE(shows(0x10000000, SMALL, 1280, 0x9001));  // the latest mapping is LARGE
+    // The service drops the upper 32 bits of an address when it maps memory. So it has already
+    // mapped 0x30000000, but under the address 0x130000000. Now it must map 0x30000000 again.
     push(0x30000000, LARGE);
     EXPECT_THAT(mappings(), testing::UnorderedElementsAre(LARGE + 4096, SMALL + 4096, LARGE + 4096,
                                                           LARGE + 4096));

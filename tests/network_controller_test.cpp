@@ -12,8 +12,8 @@ using namespace guilink::test;
 
 const Bytes IDENTITY = bytes("who I am");
 
-// A worker that records what it receives. Each byte is a message: c makes the connection the link,
-// a requests an answer, and t makes the worker throw.
+// A worker that records what it receives. Each byte is a message: 'c' makes the connection the
+// link, 'a' requests an answer, and 't' makes the worker throw.
 class Worker : public NetworkController::NetworkWorker {
   public:
     void OnDataReceived(const unsigned char* data, uint64_t length,
@@ -71,7 +71,7 @@ class Controller : public testing::Test {
   protected:
     Controller() { m_worker->SetController(m_controller); }
 
-    // Links the companion again, which also proves that the previous link has ended.
+    // Links the companion. This succeeds only if the previous link has ended.
     Socket link() {
         const size_t before = m_worker->seen().link.size();
         return m_companion.link(bytes("c"),
@@ -129,7 +129,7 @@ TEST_F(Controller, DropsTheOthersAndTheirEndsToo) {
         wait_until([&] { return !m_worker->seen().link.empty() || peer.readable(10ms); });
     }
     const Chatter chatter(peer, bytes("."));
-    EXPECT_TRUE(other.ended());  // the device has dropped `other`, which was silent
+    EXPECT_TRUE(other.ended());  // the device drops the silent connection
     m_worker->send(bytes("still linked"));
     EXPECT_EQ(peer.read(12), bytes("still linked"));
     EXPECT_EQ(m_worker->seen().link_ends, 0);
@@ -146,15 +146,15 @@ TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
     peer.write(bytes("t"));  // the worker throws, which ends the receive thread
     EXPECT_TRUE(peer.ended());
     link();
-    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the worker did not see the link end
+    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the controller reports no end to the worker
 }
 
 TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {
     const Socket candidate =
         m_companion.link(bytes("t"), [&] { return !m_worker->seen().candidate.empty(); });
     EXPECT_TRUE(candidate.ended());
-    m_companion.hear();  // by now the old unit is destroyed; a send to it would be a use-after-free
-    m_worker->send(bytes("x"));
+    m_companion.hear();          // by now, the candidate's unit is destroyed
+    m_worker->send(bytes("x"));  // must not use the destroyed unit
     link();
 }
 

@@ -19,7 +19,7 @@ using testing::ElementsAre;
 
 using Units = std::vector<std::unique_ptr<NetworkUnit>>;
 
-constexpr const char* INTERFACE = "10.77.0.1";  // in the sandbox
+constexpr const char* INTERFACE = "10.77.0.1";  // address of guilink0 in the sandbox
 constexpr const char* MASK = "255.255.255.0";
 constexpr const char* THIS_HOST = "127.0.0.1";
 constexpr const char* SINGLE = "255.255.255.255";
@@ -51,7 +51,7 @@ struct Finder {
             ++count;
         };
     }
-    Units units;  // complete once the search has been joined
+    Units units;  // complete after NetworkUnit::join()
     std::atomic<size_t> count{0};
 };
 
@@ -87,7 +87,7 @@ TEST(NetworkUnit, OneUnitForEachInterfaceAddress) {
     EXPECT_THAT(hosts(finder.units),
                 ElementsAre("Host: 10.77.0.1(255.255.255.0)\n",
                             "Host: 10.78.1.2(255.255.255.252)\n", "Host: 127.0.0.9(255.0.0.0)\n"));
-    NetworkUnitV4::enumerate_interfaces({}, PAYLOAD);  // without a callback
+    NetworkUnitV4::enumerate_interfaces({}, PAYLOAD);  // must not crash without a callback
 }
 
 TEST(NetworkUnit, BroadcastDiscovery) {
@@ -134,13 +134,13 @@ TEST(NetworkUnitDeathTest, ForbiddenDiscoveriesEndTheProcess) {
     EXPECT_EXIT(twice(), aborted, "");
 }
 
-// Runs all searches at once, so that each search also receives the replies to the others. Every
+// Runs all searches at once, so that each search receives the replies to all searches. Every
 // address in 127.0.0.0/8 replies.
 TEST(NetworkUnit, EchoSweep) {
     const struct {
         const char* address;
         const char* mask;
-        std::string prefix;  // common to the addresses found
+        std::string prefix;  // of all addresses that the search must find
         int first;
         int last;
     } table[] = {
@@ -157,8 +157,8 @@ TEST(NetworkUnit, EchoSweep) {
         seekers.back()->ping(finders[i].callback());
     }
 
-    // Send invalid replies from the host that the last search of the table looks for. The search
-    // must ignore these replies.
+    // Send invalid replies from the host that the fifth search looks for. This search must ignore
+    // the replies.
     EXPECT_TRUE(wait_until([&] { return finders[4].count == 1; }));
     const Socket forger(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
     const sockaddr_in host = ipv4("127.6.2.3", 0);
@@ -168,7 +168,7 @@ TEST(NetworkUnit, EchoSweep) {
     reply[0] = ICMP_DEST_UNREACH;
     forger.write(reply);
     reply[0] = ICMP_ECHOREPLY;
-    reply[1] = 1;  // an invalid code: echo replies have code 0
+    reply[1] = 1;  // invalid, because an echo reply has code 0
     forger.write(reply);
     forger.write(Bytes(27));  // too short
     forger.write(Bytes(29));  // too long
@@ -186,7 +186,7 @@ TEST(NetworkUnit, EchoSweep) {
     const auto everywhere = unit(THIS_HOST, "0.0.0.0");
     everywhere->ping(finder.callback());
     everywhere->join();
-    EXPECT_EQ(finder.count, 0u);  // a mask of 0.0.0.0 leaves no host to search for
+    EXPECT_EQ(finder.count, 0u);  // with the mask 0.0.0.0, ping() calculates a range of 0 hosts
 }
 
 TEST(NetworkUnit, NoSocketAvailable) {
@@ -204,8 +204,8 @@ TEST(NetworkUnit, NoSocketAvailable) {
     EXPECT_EQ(finder.count, 0u);
 
     Receiver receiver;
-    // Connect once before the limit below forbids new descriptors: the sanitizer opens a descriptor
-    // when it checks a type for the first time.
+    // Connect once before the limit below forbids new descriptors, because the sanitizer opens a
+    // descriptor when it checks a type for the first time.
     unit(THIS_HOST, SINGLE)->tcp_connect(PORT, receiver.callback());
     const auto host = unit(THIS_HOST, SINGLE);
     rlimit limit;
@@ -294,7 +294,7 @@ TEST_F(Connection, SendFailsIfThePeerDoesNotReadAndAfterItsReset) {
     peer.reset();
     m_unit->join();
     EXPECT_EQ(m_receiver.ends(), 1);
-    for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));  // fails without a SIGPIPE
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));  // must not raise SIGPIPE
 }
 
 TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {

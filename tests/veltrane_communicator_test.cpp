@@ -20,7 +20,8 @@ Bytes damaged(Bytes frame) {
     return frame;
 }
 
-// A communicator that records each message, each signal and each request to send the identity.
+// A communicator that records three kinds of events: a message is delivered, `signal` is called, or
+// SendIdentity is called.
 class Receiver : public VeltraneCommunicator {
   public:
     Receiver() : VeltraneCommunicator("11111", "fw1.1") {
@@ -213,15 +214,15 @@ TEST(VeltraneCommunicator, ConnectionsKeepAMebibyteTogether) {
     Receiver receiver;
     receiver.feed(first(41, GOOD), false);
     on_a_connection([&] {
-        // The connections' incomplete frames together exceed MAX_SIZE. This connection's is the
-        // longest, so the communicator drops it.
+        // All incomplete frames together exceed MAX_SIZE. So the communicator drops the longest
+        // one, which has arrived on this connection.
         receiver.feed(first(MAX_SIZE - 40, LARGE), false);
         receiver.feed(rest(MAX_SIZE - 40, LARGE), false);
     });
     on_a_connection([&] { receiver.feed(first(900'000, LARGE), false); });
     on_a_connection([&] {
-        // With the 900,000 bytes above, the incomplete frames exceed MAX_SIZE again. This
-        // connection is the link, so the communicator drops the 900,000 bytes instead.
+        // The incomplete frames exceed MAX_SIZE again. The communicator must drop the 900,000
+        // bytes, because this connection is the link.
         receiver.feed(first(600'000, LARGE));
         receiver.feed(rest(600'000, LARGE));
     });
@@ -235,14 +236,14 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
     const auto communicator = std::make_shared<VeltraneCommunicator>("11111", "fw1.1");
     std::atomic<int> buttons{0};  // presses that arrived on the link
     communicator->SetMessageHandler([&](uint16_t, const Bytes&) { ++buttons; });
-    communicator->SendIdentity();  // dropped: there is no controller
+    communicator->SendIdentity();  // sends nothing, because there is no controller
     const auto controller = std::make_shared<NetworkController>(communicator);
     communicator->SetController(controller);
     const Socket link =
         companion.link(frame(ConnectRequest) + frame(ButtonMessage), [&] { return buttons > 0; });
     const Chatter chatter(link, frame(ControlMessage));
 
-    communicator->SendImage(nullptr, 0, 0);  // sends nothing: there is no last image
+    communicator->SendImage(nullptr, 0, 0);  // sends nothing, because there is no previous image
     communicator->SendIdentity();
     EXPECT_EQ(link.read_frame(), frame(IdentityMessage, bytes("11111fw1.1")));
     link.write(frame(IdentityRequest));
@@ -256,8 +257,8 @@ TEST(VeltraneCommunicator, SendsOverTheLink) {
     communicator->SendImage(pixels.data(), 3, 0);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(link.read_frame(), image);
 
-    // These pixels have one run more than fits into a message. So SendImage sends nothing, and the
-    // call after it has no image to repeat.
+    // The encoding of these pixels is too large for a message. So the first call of SendImage sends
+    // nothing, and the second call has no image to repeat.
     std::vector<uint16_t> noise(262'145);
     for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<uint16_t>(0x8000 + i % 2);
     communicator->SendImage(noise.data(), 52'429, 5);

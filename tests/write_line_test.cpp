@@ -13,8 +13,9 @@ namespace {
 
 constexpr size_t MUCH = 4 << 20;  // bytes; more than any pipe or socket here holds
 
-// Replaces standard error by `descriptor`. Then unblocks the standard streams, as the service does
-// when it starts.
+// Replaces standard error by `descriptor`. Makes the standard streams non-blocking, as the service
+// does when it starts.
+
 void become_standard_error(int descriptor) {
     dup2(descriptor, STDERR_FILENO);
     close(descriptor);

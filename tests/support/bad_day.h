@@ -1,4 +1,4 @@
-// A fixture for faults: the test causes a fault, and the fixture checks that the service recovers.
+// A fixture which checks that the service recovers from the faults that a test causes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,13 +14,13 @@
 namespace guilink::test {
 
 #if defined(NDEBUG)
-constexpr size_t MEMORY_SLACK = 384;  // KiB
+constexpr size_t MEMORY_SLACK = 384;  // KiB; how much RssAnon may grow
 #else
 constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep freed memory
 #endif
 
-// Returns how long a new link may take: 5 s, as docs/reliability.md promises, if GUILINK_QUIET says
-// that the machine is idle; otherwise a generous limit.
+// Returns how long a new link may take. If GUILINK_QUIET says that the machine is idle, this is the
+// time that docs/reliability.md promises.
 inline std::chrono::milliseconds relink_limit() {
     return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
 }
@@ -31,8 +31,8 @@ inline double seconds_since(std::chrono::steady_clock::time_point start) {
 
 class BadDay : public testing::Test {
   protected:
-    // Links the good companion, waits until the service's use of resources is stable, and records
-    // this use in m_before.
+    // Links the good companion, and waits until the service's use of resources is stable. m_before
+    // then contains this use.
     void SetUp() override {
         Frames::draw_busy_pictures();
         GoodCompanion good(m_far);
@@ -43,8 +43,8 @@ class BadDay : public testing::Test {
         ASSERT_TRUE(wait_until([&] { return settled(); }));
     }
 
-    // The service must link the good companion again, return to the use of threads, descriptors and
-    // memory that SetUp has recorded in m_before, and end with status 0.
+    // The service must link the good companion again, and end with status 0. Its threads,
+    // descriptors and memory must be back at the values in m_before.
     void TearDown() override {
         const auto end_of_trouble = std::chrono::steady_clock::now();
         ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();
@@ -77,7 +77,8 @@ class BadDay : public testing::Test {
     }
 
     // Returns whether the service is linked, no search thread is left, and the numbers of threads
-    // and descriptors are the same as at the last call.
+    // and descriptors are the same as at the previous call.
+
     bool settled() {
         const Daemon::Level last = std::exchange(m_before, m_daemon->level());
         return m_daemon->threads("ping-") == 0 && m_daemon->threads("tcp-receive") == 1 &&

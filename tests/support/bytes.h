@@ -1,4 +1,4 @@
-// Frames of the link, built and taken apart.
+// Functions that build frames of the link, and take them apart.
 #pragma once
 
 #include <cstdint>
@@ -38,9 +38,9 @@ inline Bytes frame(uint16_t type, const Bytes& payload = {}) {
     return BuildFrame(type, payload.data(), payload.size());
 }
 
-constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;  // the largest the service accepts
+constexpr uint32_t LARGEST_PAYLOAD = 0x100000 - HEADER_SIZE;  // bytes; larger payloads are refused
 
-// Returns the frame with another length in its header.
+// Returns a copy of `frame` whose header announces `length`.
 inline Bytes announcing(uint32_t length, Bytes frame) {
     std::memcpy(&frame[LENGTH_OFFSET], &length, sizeof length);
     return frame;

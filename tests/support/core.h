@@ -17,7 +17,7 @@ constexpr uint64_t FRAME_MEMORY = 0x10000000;  // physical address of the first 
 constexpr uint64_t FRAME_STEP = 0x1000000;     // bytes from one frame to the next
 constexpr uint32_t FRAME_SIZE = 1'572'864;     // bytes; 1024 x 768 pixels of 2 bytes
 
-// Each call returns whether the service accepted it.
+// Each function returns whether the service has accepted the call.
 class Core {
   public:
     // Announces the memory at an address as a frame.
@@ -49,8 +49,8 @@ class Core {
     AmbaipcCaller m_qr{IPC_PROG_QR_BODY, IPC_SVC_VERSION};
 };
 
-// Announces three frames in turn until it is destroyed, with a pause after each frame. If the pause
-// is 0, announces frames as fast as the service accepts them.
+// Announces three frames in turn until this object is destroyed, with a pause after each frame. If
+// the pause is 0, announces frames as fast as the service accepts them.
 class Frames {
   public:
     explicit Frames(std::chrono::milliseconds pause = 0ms)
@@ -66,7 +66,7 @@ class Frames {
         m_thread.join();
     }
 
-    // Draws pictures whose encodings have about 800 kB each. An empty picture has only a few bytes.
+    // Draws pictures that are about 800 kB each when encoded. A blank picture is only a few bytes.
     static void draw_busy_pictures() {
         std::fstream memory("/dev/mem", std::ios::in | std::ios::out | std::ios::binary);
         std::vector<uint16_t> pixels(200'000);

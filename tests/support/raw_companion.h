@@ -1,6 +1,5 @@
 // A companion that is simulated with plain sockets, for tests that must control every byte, or need
-// a companion that misbehaves. It answers broadcasts only when the test calls answer(). Waits have
-// a generous limit, at which they throw and so fail the test.
+// a companion that misbehaves. If a wait exceeds its generous limit, it throws.
 #pragma once
 
 #include <optional>
@@ -19,7 +18,7 @@ class RawCompanion {
           m_discovery(SOCK_DGRAM, "0.0.0.0", 3152),
           m_listener(SOCK_STREAM, address, 8399) {}
 
-    // Waits for a broadcast and returns its payload. answer() replies to its sender.
+    // Waits for a broadcast and returns its payload. answer() then replies to this broadcast.
     Bytes hear() {
         if (!m_discovery.readable(LIMIT)) throw_missing_event("no broadcast");
         Bytes payload(2000);
@@ -49,8 +48,7 @@ class RawCompanion {
         return accept();
     }
 
-    // Waits for the device to connect, and accepts the connection. Unlike connection(), does not
-    // answer broadcasts meanwhile.
+    // Waits for the device to connect, and accepts the connection. Does not answer broadcasts.
     Socket accept() const {
         if (!m_listener.readable(LIMIT)) throw_missing_event("the device does not connect");
         return Socket(accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -62,10 +60,9 @@ class RawCompanion {
         return std::move(*connection);
     }
 
-    // Accepts connections and sends `request` again and again on each. Returns the link: the
-    // connection on which the device sends something, or during which `linked` returns true. The
-    // first connection does not always become the link, because the device drops all other
-    // connections when it searches the next time.
+    // Accepts connections and sends `request` repeatedly on each. Returns the link, which is the
+    // connection on which the device sends something or during which `linked` returns true. The
+    // first connection may not become the link, because a new search drops all candidates.
     Socket link(
         const Bytes& request = frame(ConnectRequest) + frame(ControlMessage),
         const std::function<bool()>& linked = [] { return false; }) {

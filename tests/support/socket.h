@@ -57,7 +57,7 @@ class Socket {
         if (m_descriptor >= 0) ::close(std::exchange(m_descriptor, -1));
     }
 
-    // Closes with a reset instead of an orderly end.
+    // Closes the connection with a reset.
     void reset() {
         const linger abort = {1, 0};
         setsockopt(m_descriptor, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
@@ -79,8 +79,8 @@ class Socket {
         }
     }
 
-    // Waits for bytes and returns the available ones, at most `size`; none at the end of the
-    // stream.
+    // Waits until bytes are available, and returns at most `size` of them. At the end of the
+    // stream, returns no bytes.
     Bytes read_some(size_t size = 65536) const {
         if (!readable(LIMIT)) throw_missing_event("nothing to read");
         Bytes data(size);
@@ -99,7 +99,7 @@ class Socket {
         return data;
     }
 
-    // Reads the next frame, header and payload.
+    // Reads the next frame. Returns its header and its payload.
     Bytes read_frame() const {
         Bytes result = read(HEADER_SIZE);
         const Bytes payload = read(ReadHeader(result.data()).length);
@@ -122,7 +122,7 @@ class Socket {
         return count == 0 || errno != EAGAIN;
     }
 
-    // Waits, and returns whether the connection has ended without further bytes.
+    // Waits for bytes or the end of the stream. Returns whether the stream has ended.
     bool ended() const { return read_some().empty(); }
 
   private:
