@@ -1,6 +1,6 @@
-"""Tests the conformance kit with the zoo: small companions and devices that each break one rule. The kit must
-report exactly that rule as broken, and must pass correct companions and devices. The kit's rules must equal those of
-docs/link-protocol.md, and the golden files must be up to date.
+"""Tests the conformance kit with the zoo, which consists of small companions and devices that each break one rule. The
+kit must report exactly this rule as broken, and must pass correct companions and devices. The kit's rules must equal
+those of docs/link-protocol.md, and the golden files must be up to date.
 """
 import json
 import os
@@ -19,7 +19,7 @@ from guilink.conform.rules import RULES
 ROOT = Path(__file__).parent.parent
 SUPPORT = ROOT / "tests/support"
 PROGRAMS = Path(os.environ.get("GUILINK_BIN", ROOT / "build/release/bin"))
-# Options for up to three tries, the quickest first. On a busy machine, a try may report a rule that is not broken.
+# The kit's options for three tries, the quickest first. On a busy machine, a try may report a rule that is not broken.
 TRIES = (["--attempts", "1", "--patience", "3"], ["--attempts", "2"], ["--attempts", "3", "--patience", "20"])
 
 
@@ -48,8 +48,8 @@ def device(name, *options):
 
 
 def caught(prove, rule):
-    """Runs the kit's cases for the rule until they report only this rule as broken, at most once for each of TRIES.
-    Returns the rules that the last run reported as broken."""
+    """Runs the kit's cases for the rule with each of TRIES, until the kit reports only this rule as broken. Returns the
+    rules that the kit reported in the final try."""
     for options in TRIES:
         found = broken_rules(prove("--rule", rule, "--fail-fast", *options))
         if found == {rule}:
@@ -58,8 +58,8 @@ def caught(prove, rule):
 
 
 def missed(programs, prove):
-    """Returns the programs for which the kit reports no broken rule or the wrong one. Tests every eighth program, or
-    every program if GUILINK_ZOO=all."""
+    """Returns the programs for which the kit does not report exactly the broken rule. Tests every eighth program; if
+    GUILINK_ZOO=all, tests every program."""
     if os.environ.get("GUILINK_ZOO") != "all":
         programs = dict(list(programs.items())[::8])
     with ThreadPoolExecutor(4) as pool:
@@ -103,14 +103,14 @@ def test_our_companions_pass(command, tmp_path):
     picture = tmp_path / "shown.png"
     shows = ["--picture", picture] if "--follow" in command else []
     verdicts = conform("companion", "--json", *shows, "--", *command, *shows[1:])
-    # LINK-5 only recommends that a companion closes a second connection; our companions let the connection wait.
+    # LINK-5 recommends that a companion closes a second connection. Our companions let this connection wait instead.
     assert broken_rules(verdicts) <= {"LINK-5"}, verdicts
     assert verdicts["counts"]["failed"] == 0 and verdicts["counts"]["passed"] >= 20, verdicts
 
 
 def test_our_service_passes():
-    """Runs the service without a core, so the service sends no image. But the service forwards the kit's presses, and
-    the kit checks the forwarded commands."""
+    """Tests the service without a core, so it sends no images. When the kit presses buttons, the service must send the
+    control commands for these buttons."""
     verdicts = conform("device", "--json", within=[
         ROOT / "scripts/sandbox", "sh", "-c", '"$0" >/dev/null 2>&1; exec "$@"', PROGRAMS / "guilinkd"])
     assert not broken_rules(verdicts), verdicts
@@ -136,7 +136,7 @@ CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, it
     (f"{FIREWALL.format('udp dport 3153 drop')}; {ZOO} right {DOCTOR}", "does not connect"),
     (f"{FIREWALL.format('tcp dport 8399 drop')}; {ZOO} right {DOCTOR}", "connections arrive, and this computer drops"),
     (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {ZOO} right {DOCTOR}",
-     "no image for|does not answer"),  # the finding depends on when the firewall begins to drop
+     "no image for|does not answer"),  # the finding depends on when the firewall begins to drop packets
     (f"{ZOO} 'answers once' {DOCTOR}", "does not answer"),
     (f'{ZOO} right {sys.executable} -c "{CLOCK}"', "the clock of this computer was set by 3600"),
     (f"{ZOO} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),

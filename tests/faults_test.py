@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Makes system and library calls of the service fail. Usage: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
+"""Tests the service with failing system and library calls. Usage: tests/faults_test.py GUILINKD LIBRARY [--all | CASE]
 
-Each case runs a scripted scenario with the real service, in a sandbox of its own, and makes one call fail. A CASE has
-the form KIND:SITE:OCCURRENCE:FAULT; see tests/faults/fail_once.cpp, the source of LIBRARY. The service must continue
-to work, or end in a way that docs/reliability.md lists. By default, runs a sample of the cases. With --all, runs the
-cases of every call site that was reached in three runs without a fault. With CASE, runs only that case, and prints the
-service's log.
+Each case plays the same scenario with the real service, in a sandbox of its own, and makes one call fail. The service
+must continue to work, or end in a way that docs/reliability.md lists. By default, tests a sample of the cases. With
+--all, first plays the scenario three times without a fault, and then tests all call sites that were reached. With
+CASE, tests only this case, and prints the service's log. A CASE has the form KIND:SITE:OCCURRENCE:FAULT; see
+tests/faults/fail_once.cpp, the source of LIBRARY.
 """
 import collections
 import concurrent.futures
@@ -29,16 +29,16 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.append(ROOT + "/docs/examples")
 import minimal_companion as link  # noqa: E402  the path comes first
 
-JOBS = 16        # scenarios run in parallel; they mostly wait
-OCCURRENCES = 3  # calls; with --all, each of a site's first three calls fails in a scenario of its own
+JOBS = 16        # scenarios that run in parallel; they mostly wait
+OCCURRENCES = 3  # calls per call site that --all makes fail, each in a scenario of its own
 LIMIT = float(os.environ.get("GUILINK_FAULT_LIMIT", 60))  # s; a longer wait counts as a hang
-FRAMES = 17      # frames of each size in one call of serve(), which each scenario calls three times
+FRAMES = 17      # frames of each size that one call of serve() pushes
 SIZES = {2_457_600: (1280, 960), 1_572_864: (1024, 768)}
 GUI, QR, TEXT = 0x70000004, 0x70000005, 6
 PR_SET_CHILD_SUBREAPER = 36
 
 # Faults that are not errno values. zero: the call returns 0, as at a time-out or at the end of a stream. short: the
-# call transfers only a part of a frame's header. crash, hang and garble prove that the test notices a fault.
+# call transfers only a part of a frame's header. crash, hang and garble prove that this test can fail.
 SPECIAL = {"zero": -1, "short": -2, "crash": -3, "hang": -4, "garble": -5}
 ALLOCATIONS = ["malloc", "calloc", "realloc", "aligned_alloc", "mmap"]
 FAULTS = {kind: faults.split() for kinds, faults in {
@@ -95,7 +95,7 @@ class Scenario:
     """Plays the core, the companion and the control service."""
 
     def __init__(self, service):
-        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)  # makes the detached service our child again
+        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)  # makes the detached service a child of this process
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         self.identities, self.connection, self.stream, self.next_alive = [b"FIRST", b"11111"], None, None, 0
         self.links = self.presses = self.pressed = self.frames = self.shown = 0
@@ -114,7 +114,7 @@ class Scenario:
         os.close(end)
 
     def step(self):
-        """Handles the sockets that are ready, or waits 20 ms for one. Raises Ended if the service has ended."""
+        """Waits up to 20 ms, and handles the sockets that are ready. Raises Ended if the service has ended."""
         sockets = [self.output, self.discovery, self.control, self.connection or self.listener]
         for ready in select.select(sockets, [], [], 0.02)[0]:
             if ready == self.output:
@@ -181,8 +181,8 @@ class Scenario:
             del stream[:link.HEADER.size + length]
 
     def take_press(self, datagram):
-        # The previous press may arrive again, for two reasons: this test repeats each press until it arrives, and
-        # the service resends the last press if it cannot allocate memory for a new one.
+        # The previous press may arrive again, because this test repeats each press until it arrives, and because the
+        # service resends the previous press if it cannot allocate memory for a new one.
         valid = {b'[{"msg_id":%d,"param":"On"}]' % (100 + press % 16): press
                  for press in (self.presses - 1, self.presses)}
         if datagram not in valid:
@@ -190,7 +190,7 @@ class Scenario:
         self.pressed = valid[datagram]
 
     def until(self, done, what, again=lambda: None):
-        """Calls `again` five times a second, as a person or the core would, until `done` returns true."""
+        """Waits until `done` returns true. Calls `again` five times a second, to repeat what a fault may have lost."""
         end, next_try = time.monotonic() + LIMIT, 0
         while not done():
             if time.monotonic() > end:
@@ -223,8 +223,8 @@ class Scenario:
         self.call(GUI, struct.pack("<QI", address, size))
 
     def serve(self):
-        """Checks that the service delivers a press, a text, and frames of both sizes. Pushes a frame whose encoding is
-        too large, which the service must not send."""
+        """Checks that the service delivers a press, a text, and frames of each size in SIZES. The service must not send
+        a frame whose encoding is too large."""
         self.links += 1
         self.presses += 1
         self.until(lambda: self.pressed == self.presses, "press",
@@ -232,8 +232,8 @@ class Scenario:
         text = b"%d " % self.links + b"x" * 200
         self.until(lambda: b"USER " + text in self.log, "text", lambda: self.say(TEXT, payload=text))
         for index, size in enumerate(SIZES):
-            # The service assumes that every frame has the size that it mapped last. It maps each new address once, so
-            # use a new address for each size.
+            # The service reads the size of the frames only when it maps a new address. So use a new address for each
+            # size.
             address = 0x1000000 * (2 * self.links + index)
             for _ in range(FRAMES):
                 self.push(address, size)
@@ -277,9 +277,8 @@ def play_scenario(service):
 # --- all scenarios -----------------------------------------------------------------------------------
 
 def run(case=None, **environment):
-    """Runs the scenario. Without a case, no call fails. Returns the outcome and a table of sites. A site is a kind of
-    call and the stack that leads to the call. Its entry holds the kind, the number of calls, and whether one of these
-    calls was made to fail."""
+    """Plays the scenario. If `case` is given, the call that it names fails. Returns the outcome and a table, which maps
+    each call site to its kind of call, the number of its calls, and whether one of these calls failed."""
     with tempfile.NamedTemporaryFile() as table:
         table.truncate(4096 * 32)
         environment |= {**os.environ, "GUILINK_FAIL_ONCE": sys.argv[2], "GUILINK_FAULT_TABLE": table.name}
@@ -324,7 +323,7 @@ def play_case(case):
 
 
 def unknown_calls():
-    """Returns the libc functions that guilinkd and libambaipc.so call, that may fail, and that FAULTS does not list."""
+    """Returns the libc functions that the service calls and that neither FAULTS nor CANNOT_FAIL lists."""
     libraries = [sys.argv[1], os.path.dirname(sys.argv[2]) + "/libambaipc.so"]
     calls = subprocess.run(["nm", "-D", "--undefined-only", *libraries], stdout=subprocess.PIPE, text=True,
                            check=True).stdout
@@ -357,7 +356,7 @@ def main():
 
     ends = collections.defaultdict(collections.Counter)
     with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
-        # The test must notice these three faults: they prove that it can fail. A limit of 10 s shortens the hang.
+        # Prove that this test can fail: make the service crash, hang and send a damaged frame.
         proofs = [f"{kind}:{max(sites[kind], key=sites[kind].get)}:1:{fault}"
                   for kind, fault in (("poll", "crash"), ("sigaction", "hang"), ("send", "garble"))]
         noticed = pool.map(lambda proof: judge(proof, run(proof, GUILINK_FAULT_LIMIT="10")[0]), proofs)

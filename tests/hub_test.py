@@ -1,4 +1,4 @@
-"""Tests the viewer as a hub: two devices are in the network, and people and programs share one of them."""
+"""Tests the viewer as a hub. The network has two devices; people and programs share one of them."""
 import http.client
 import io
 import json
@@ -24,7 +24,7 @@ URL = f"http://127.0.0.1:{PORT}"
 
 @pytest.fixture(scope="module")
 def far_host():
-    """Adds a second host, 10.77.0.2, to the network. Returns the command prefix that runs a program on this host."""
+    """Adds a second host, 10.77.0.2, to the network. Returns the command prefix that runs a program there."""
     with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as holder:
         own = os.readlink("/proc/self/ns/net")
         until(lambda: os.readlink(f"/proc/{holder.pid}/ns/net") != own)
@@ -38,7 +38,7 @@ def far_host():
 
 @pytest.fixture(scope="module", autouse=True)
 def devices(far_host):
-    """Starts device 11111 on this host, and 22222 on far_host. Only presses change the devices' pictures."""
+    """Starts device 11111 here, and device 22222 on far_host. Only presses change the devices' pictures."""
     start_service(BIN)
     subprocess.run([*far_host, BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
     cores = [subprocess.Popen([*where, BIN / "guilink-core", "--still", *identity], stderr=subprocess.DEVNULL)
@@ -147,7 +147,7 @@ def test_other_sites_see_and_press_nothing(viewer):
         answer = ask(method, path, body)
         assert (answer[0], answer[1][-1:]) == (status, b"\n"), (method, path)
     assert ask("GET", "/snapshot.png")[1] == before
-    assert ask("GET", "/", Sec_Fetch_Site="cross-site")[0] == 200  # another site may link to the page
+    assert ask("GET", "/", Sec_Fetch_Site="cross-site")[0] == 200  # another site may contain a link to the page
     status, _, headers = ask("POST", "/press/1", b"", Origin=URL, Sec_Fetch_Site="same-origin")
     assert status == 204
     until(lambda: ask("GET", f"/snapshot.png?after={headers['Guilink-Picture']}")[1] != before)
@@ -157,7 +157,7 @@ def test_pictures_figures_and_orders(viewer):
     linked_to("11111")
     with guilink.connect(viewer=URL) as device:
         device.text("hello, hub")
-        device.press("up")  # the picture shows the last button, so the presses below end with "up", too
+        device.press("up")  # the picture shows the last press; pressing "up" below leads back to this picture
         shown = device.wait_stable()
         png = ask("GET", "/snapshot.png")[1]
         assert guilink.Screen.load(io.BytesIO(png)) == shown
@@ -214,7 +214,7 @@ def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
             devices[0].wait(LIMIT)
             frozen = device.wait_stable()
             devices[0] = subprocess.Popen([BIN / "guilink-core", *options], stderr=subprocess.DEVNULL)
-            device.wait_for(lambda screen: screen != frozen)  # the new core shows a clock, which moves
+            device.wait_for(lambda screen: screen != frozen)  # the new core draws a moving clock
             return device.wait_stable(pictures=20, **look)
 
         def moved_from(screen):

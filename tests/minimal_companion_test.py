@@ -1,7 +1,7 @@
 """Tests the example companion of the docs with the real service. Usage: tests/minimal_companion_test.py GUILINKD
 
-The test plays the rest of the device: it draws into /dev/mem, announces frames, and receives presses as the control
-service. Run this test in a sandbox, which ends everything that the test starts.
+The test plays the core and the control service: it draws into /dev/mem, announces frames, and receives presses. Run
+this test in a sandbox, because the test does not end the service.
 """
 import pathlib
 import socket
@@ -39,7 +39,8 @@ def announce(core, address, size):
 
 
 def see(core, address, width, height):
-    """Draws a frame and announces it until the example has saved a picture. Checks this picture and the output."""
+    """Draws a frame, and announces it repeatedly while the example companion runs. Checks the companion's picture and
+    output."""
     pixels = drawn(width * height)
     with open("/dev/mem", "r+b") as memory:
         memory.seek(address)
@@ -59,7 +60,7 @@ def see(core, address, width, height):
         Image.open(picture.name).verify()  # checks the file's checksums
         shown = numpy.asarray(Image.open(picture.name))
     assert numpy.array_equal(shown, expected(pixels).reshape(height, width, 4))
-    # Further lines may come in between, because the example names the device of each connection that it tries.
+    # The example companion prints the device of each connection that it tries, so there may be lines in between.
     assert output.startswith("device 11111, firmware fw1.1\n"), output
     assert f"\n{width} x {height}, " in output, output
 

@@ -30,7 +30,7 @@ except ImportError:
     webdriver = None
 if not webdriver or not shutil.which("chromedriver"):
     print("page_test: skipped, it needs python3-numpy, python3-selenium and chromium-driver")
-    sys.exit(77)  # reported as skipped by CTest
+    sys.exit(77)  # CTest reports this status as "skipped"
 
 BIN = pathlib.Path(sys.argv.pop(1)).resolve()
 ADDRESS = ("127.0.0.1", 8080)
@@ -38,8 +38,7 @@ URL = "http://127.0.0.1:8080/"
 LIMIT = 240  # s; how long each wait may take, even on a slow machine
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # start sequence of a frame
 
-# Hashes the canvas's pixels as ARGB 4:4:4:4. A canvas keeps premultiplied colours, which lose the low bits of 8-bit
-# colours.
+# Hashes the canvas's pixels, rounded to ARGB 4:4:4:4, because a canvas does not keep the low bits of 8-bit colours.
 CANVAS_HASH = """
 const done = arguments[0], canvas = document.getElementById('canvas');
 const {data} = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
@@ -50,7 +49,7 @@ crypto.subtle.digest('SHA-256', pixels).then((hash) =>
   done([...new Uint8Array(hash)].map((byte) => byte.toString(16).padStart(2, '0')).join('')));
 """
 
-# Presses a button and measures the time until the canvas changes. Nothing else in the picture may move.
+# Presses a button and measures the time until the canvas changes. The core must draw a still picture.
 PRESS_LATENCY = """
 const done = arguments[1], canvas = document.getElementById('canvas');
 const context = canvas.getContext('2d');
@@ -106,7 +105,7 @@ def handshake(origin="http://127.0.0.1:8080"):
 
 
 class Loop(unittest.TestCase):
-    """Starts the service before each test. Ends it after the test, with the programs that the test has started."""
+    """Starts the service before each test. Ends the service and the test's programs after each test."""
 
     def setUp(self):
         self.processes = []
@@ -216,16 +215,15 @@ class Page(Loop):
             press()
             self.wait(lambda: self.hash() != before)
 
-        # If Shift is released before the "+" key, the browser names that key "=" when it is released.
+        # If Shift is released before the "+" key, the browser reports the release of the "+" key as "=".
         self.assertEqual(self.browser.execute_script(
             "const key = (type, key) => dispatchEvent(new KeyboardEvent(type, {key, code: 'Equal'}));"
             "const down = () => document.querySelectorAll('#pad .down').length;"
             "key('keydown', '+'); const held = down(); key('keyup', '='); return [held, down()]"),
             [1, 0])
 
-        # Wait until no button repeats: on a slow machine, a click above may have held its button for so long that the
-        # page repeats the press. If a repeated "Down" came with the first press below, "Up", within one frame, the
-        # canvas would not change.
+        # On a slow machine, a click above may have held "Down" for so long that the page repeats the press. Wait until
+        # this repetition ends, because "Down" would undo the press of "Up" below.
         self.wait(self.is_calm)
         times = [self.browser.execute_async_script(PRESS_LATENCY, i % 2) for i in range(30)]
         print(f"page_test: from a click to its pixels {statistics.median(times):.0f} ms at the median")
@@ -235,7 +233,7 @@ class Page(Loop):
         self.browser.switch_to.active_element.send_keys(Keys.ENTER)
         self.wait(lambda: "OK pressed" in self.text("log"))
 
-        # A phone that is held sideways shows the screen and the pad side by side, and both completely.
+        # On a phone that is held sideways, the screen and the pad must be side by side and completely visible.
         self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": 844, "height": 390, "deviceScaleFactor": 1, "mobile": True})
         screen, pad = (self.browser.find_element(By.ID, name).rect for name in ("screen", "pad"))

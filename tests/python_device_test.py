@@ -23,7 +23,7 @@ def picture(x, size=(48, 64)):
 
 
 class ScriptedPictures(Pictures):
-    """Lists in `script` the pictures that have not arrived yet. Each wait for a newer picture makes one arrive."""
+    """`script` holds the pictures that have not arrived yet. Each wait for a newer picture makes one of them arrive."""
 
     script = ()
 
@@ -90,7 +90,7 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
-    # For all that wait_for knows, these pictures were drawn before the press. So wait_for accepts them only when its
+    # wait_for cannot know whether these pictures were drawn after the press. So wait_for accepts them only when its
     # timeout expires.
     link.on_press = lambda _: ([], [picture(9)] * 3)
     device.press("down")
@@ -213,7 +213,7 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
     with Image.open(path) as film:
         assert path.endswith("run.png") and film.size == (32, 24 + 40)
         bars = [np.asarray(shot.convert("RGB"))[-40:] for shot in ImageSequence.Iterator(film)]
-        # The bar below at least one picture must have the colour of a press, and a text.
+        # At least one picture must have a bar with the background colour and the white text that mark a press.
         assert any((bar[0, 0] == (170, 60, 20)).all() and (bar == 255).any() for bar in bars)
     assert recording.stop() == path
     with pytest.raises(guilink.GuilinkError, match="no picture has arrived"):

@@ -1,4 +1,4 @@
-"""The Python package below its API: frames, pictures, screens, and the companion's end of the link."""
+"""Tests the internals of the Python package: frames, pictures, screens, and the companion's end of the link."""
 import socket
 import subprocess
 import time
@@ -133,7 +133,7 @@ def second_address():
 
 
 def test_links_shows_and_presses(link, device):
-    device.call(frame(MessageType.IDENTITY, device.identity) + b"!")  # not a device's broadcast
+    device.call(frame(MessageType.IDENTITY, device.identity) + b"!")  # must be ignored because of the "!"
     device.link()
     with pytest.raises(LinkError, match="answered at 10.77.0.1"):
         link.wait_linked(time.monotonic())
@@ -189,7 +189,7 @@ def test_takes_the_wanted_device_only(link, device, second_address):
         device.show(BLACK)
         assert link.wait_linked(soon()).address == "10.77.0.1"
         assert {heard.identity for heard in link.devices()} == {"11111", "22222"}
-        # The device returns with another identity, and stays chosen.
+        # If the device returns with another identity, the companion must link to it again.
         device.disconnect()
         device.identity = b"33333fw2"
         other.call()

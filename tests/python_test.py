@@ -53,7 +53,8 @@ def test_examples_pass_and_failures_are_reported(tmp_path):
     assert "9 passed" in run(*tests, cwd=tmp_path)
     assert written() == before
 
-    shutil.copy(tmp_path / "screens/first_row.png", tmp_path / "screens/second_row.png")  # as if a button was ignored
+    # Make an example fail: give it a wrong reference picture.
+    shutil.copy(tmp_path / "screens/first_row.png", tmp_path / "screens/second_row.png")
     said = run(*tests, "test_menu.py", "--guilink-timeout=0.5", "--junit-xml=report.xml", status=1,
                cwd=tmp_path)
     assert "did not become second_row.png within 0.5 s" in said and "device.press(\"down\")" in said
@@ -114,7 +115,7 @@ def test_installs_without_a_network(tmp_path):
     subprocess.run(["/usr/bin/python3", "-m", "venv", "--system-site-packages", "--without-pip",
                     tmp_path / "venv"], check=True)
     run("pip", "-q", "--python", str(tmp_path / "venv"), "install", str(source))
-    assert set(source.rglob("*")) == before  # the installation adds no file to the sources
+    assert set(source.rglob("*")) == before  # the installation must add no file to the sources
     environment = {name: value for name, value in os.environ.items() if name != "PYTHONPATH"}
     for tool, words in (("guilink", "snapshot"), ("pytest", "--guilink-update")):
         help_of = [tmp_path / "venv/bin/python", "-m", tool, "--help"]

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""tests/soak.py MINUTES: runs service and core while companions connect and disconnect; watches the service.
+"""tests/soak.py MINUTES: watches the service for a long time, while companions connect and disconnect.
 
-The "bare companion", which is docs/examples/minimal_companion.py, and the viewer take turns. The bare companion
-alternately closes its link properly and resets it in the middle of an image. SIGTERM and SIGKILL alternately end the
-viewer.
+Two companions take turns: the viewer, and docs/examples/minimal_companion.py (called the bare companion). The bare
+companion alternately closes its link properly and resets it in the middle of an image. SIGTERM and SIGKILL alternately
+end the viewer.
 Writes samples to build/soak/soak.tsv and a chart to build/soak/soak.svg. Fails if the service dies,
 grows, or does not end with status 0 on SIGTERM."""
 import ctypes
@@ -25,11 +25,11 @@ sys.dont_write_bytecode = True
 import minimal_companion as bare  # noqa: E402
 
 EVERY = 2       # s between samples
-BARE_TURN = 16  # s; longer than SETTLED, so that some samples are taken while the link counts as quiet
+BARE_TURN = 16  # s; longer than SETTLED, so that there are samples of a quiet link
 VIEWER_TURN = 5  # s
 PAUSE = 1       # s between turns, without a companion
-SETTLED = 6     # s; after linking for so long, a link counts as quiet: all other connections have ended after 3 s
-STALL = 1.5     # s without reading, so that the device blocks in a send, which it would give up after 3 s
+SETTLED = 6     # s; a link of this age counts as quiet, because connections other than the link end after 3 s
+STALL = 1.5     # s without reading; shorter than 3 s, after which the device would give up its blocked send
 LIMIT = 60      # s; how long each wait may take, even on a slow machine
 MAY_GROW = 256  # KiB; how much RssAnon may grow between the second and the last tenth of the run
 SUBREAPER = 36  # option of prctl that makes the detached service our child again
@@ -38,8 +38,7 @@ PLOTS = [("RssAnon, KiB", "#1f77b4"), ("threads", "#c0504d"), ("descriptors", "#
 
 
 class Companions:
-    """Lets the example companion (`bare`) and the viewer link in turn, for ever. Counts the images that the example
-    companion receives."""
+    """Runs the bare companion and the viewer in turn, for ever. Counts the images that the bare companion receives."""
 
     def __init__(self):
         self.images, self.linked_since = 0, None

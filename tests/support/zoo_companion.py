@@ -129,7 +129,7 @@ class Zoo:
             now = time.monotonic()
             sources = []
             if self.connection and now > self.deaf and not (self.linked and wrong("stops reading")):
-                # Comes before self.tcp: if this connection has ended, a new one must not be treated as a second one.
+                # Keep this before self.tcp: the end of this connection must be handled before a new connection.
                 sources.append(self.connection)
             sources.append(self.udp)
             if not self.connection or self.linked or now > self.heard + 1 and not wrong("waits for the silent"):
