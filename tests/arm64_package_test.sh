@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# arm64_package_test.sh PACKAGES BASE CORE: installs the arm64 packages of the folder PACKAGES in a
-# throw-away arm64 Debian and uses them there, under emulation, in the sandbox. BASE is the folder of a plain
-# arm64 Debian; the throw-away system is an overlay on BASE. The test creates BASE if it is missing or lacks a
-# package, and otherwise does not change it. CORE is a guilink-core that was built for the machine that runs
-# this test; the arm64 packages must produce the same picture as CORE. Needs root.
+# arm64_package_test.sh PACKAGES BASE CORE: tests the arm64 packages in the folder PACKAGES. Installs and uses
+# them in a throw-away arm64 Debian, which an emulator runs in the sandbox. BASE is the folder of a plain
+# arm64 Debian; the throw-away system is an overlay on BASE. If BASE is missing or lacks a package, the test
+# creates BASE anew; otherwise, the test does not change BASE. CORE is a guilink-core that was built for this
+# machine; the arm64 packages must produce the same picture as CORE. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -14,9 +14,9 @@ fail() {
 
 # --- in the sandbox, as root of a user namespace ---------------------------------------------------
 
-# Sets the array "inside", a prefix that runs a command in the arm64 system ROOT. Registers the emulator only
-# in this user namespace, which has its own binfmt_misc since Linux 6.7. On older kernels, the emulator that
-# the host has registered runs the programs.
+# Prepares the arm64 system ROOT, so that "${inside[@]}" COMMAND runs a command in it. Registers the arm64
+# emulator qemu-aarch64 in this user namespace. Kernels before Linux 6.7 cannot do this, so they use the
+# emulator that is registered on the host.
 enter() {  # ROOT
     inside=(chroot "$1" /usr/bin/env -i container=lxc PATH=/usr/sbin:/usr/bin:/sbin:/bin)
     mount --rbind /dev "$1/dev"
@@ -28,13 +28,13 @@ enter() {  # ROOT
 register the emulator on the host: systemctl restart systemd-binfmt"
 }
 
-# Runs the second stage of debootstrap, which runs the installation scripts of the packages in ROOT.
+# Runs the second stage of debootstrap, which configures the packages in ROOT.
 configure() {  # ROOT
     enter "$1"
     "${inside[@]}" /debootstrap/debootstrap --second-stage
 }
 
-# Installs and uses PACKAGES in ROOT.
+# Installs PACKAGES in ROOT, and uses them.
 use() {  # ROOT PACKAGES CORE SCRATCH
     local root=$1 scratch=$4
     enter "$root"
@@ -43,7 +43,7 @@ use() {  # ROOT PACKAGES CORE SCRATCH
     [[ -L $root/etc/systemd/system/multi-user.target.wants/guilinkd.service ]] ||
         fail "guilinkd is not enabled after its installation"
 
-    # The arm64 viewer must show the same picture that CORE draws.
+    # The arm64 viewer must show the picture that this machine's guilink-core ($3) draws.
     "$3" --still --frames 1 --dump "$scratch/expected"
     "${inside[@]}" guilinkd
     "${inside[@]}" guilink-core --still --dump /drawn &
@@ -62,7 +62,7 @@ use() {  # ROOT PACKAGES CORE SCRATCH
     wait $core
     cmp "$root/drawn" "$root/pressed" || fail "the picture is not what the core has drawn"
 
-    # The measurements must run. Their figures mean nothing under emulation.
+    # The measuring programs must work. Their figures mean nothing under emulation.
     "${inside[@]}" guilink-bench --benchmark_min_time=0
     "${inside[@]}" guilink-measure 0x10000000:2457600 | tee "$scratch/measured"
     grep -q RssAnon "$scratch/measured" || fail "guilink-measure does not find the service"
@@ -80,8 +80,8 @@ base=$2
 core=$(realpath "$3")
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-# Runs the rest of this script in a private mount namespace. Mounts the overlay outside the sandbox, because
-# older kernels cannot mount an overlay in a user namespace.
+# Start this script again in a private mount namespace. The script mounts the overlay here, because older
+# kernels cannot mount an overlay in the sandbox's user namespace.
 if [[ ${4-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" "$core" --private
 fi

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# package_test.sh PACKAGES BASE: installs, uses, upgrades and removes the packages in the folder
-# PACKAGES, in a throw-away Debian that has its own network, its own /dev and its own systemd. BASE is the
-# folder of a plain Debian; the throw-away system is an overlay on BASE. The test creates BASE if it is
-# missing or lacks a package, and otherwise does not change it. Needs root.
+# package_test.sh PACKAGES BASE: tests the packages in the folder PACKAGES. Installs, uses, upgrades and
+# removes them in a throw-away Debian that has its own network, its own /dev and its own systemd. BASE is the
+# folder of a plain Debian; the throw-away system is an overlay on BASE. If BASE is missing or lacks a package,
+# the test creates BASE anew; otherwise, the test does not change BASE. Needs root.
 set -euo pipefail
 here=$(realpath "${BASH_SOURCE[0]%/*}")
 
@@ -11,7 +11,8 @@ fail() {
     exit 1
 }
 
-# Runs in the namespaces of the throw-away system: mounts its file systems, then executes its systemd.
+# With --boot, this script runs in namespaces of its own. It mounts the file systems of the throw-away Debian,
+# and then becomes systemd.
 if [[ ${1-} == --boot ]]; then
     base=$2 root=$3
     mount -t tmpfs throw-away "$root"
@@ -53,14 +54,14 @@ if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
 fi
 base=$(realpath "$base")
 
-# Runs the rest of this script in a private mount namespace. The throw-away system gets a control group of its
-# own, which the cleanup can remove only when all processes of the system have ended.
+# Start this script again in a private mount namespace.
 if [[ ${3-} != --private ]]; then
     exec unshare --mount "$0" "$packages" "$base" --private
 fi
 scratch=$(mktemp -d)
 mkdir "$scratch"/{groups,root}
 mount -t cgroup2 groups "$scratch/groups"
+# The control group of the throw-away Debian. The cleanup can remove it only when all its processes have ended.
 group=$scratch/groups/guilink-package-test.$$
 mkdir "$group"
 namespaces=(--mount --net --ipc --uts --pid --cgroup --fork --kill-child)
@@ -90,7 +91,7 @@ runs_anew() { # OLD_PID: succeeds if the service runs in a process other than OL
 
 wait_for "systemd does not start" inside systemctl is-active multi-user.target
 
-# After the installation the service runs and is enabled, and systemd finds no fault in the unit.
+# After the installation, the service must run and be enabled, and systemd must find no fault in the unit.
 inside systemctl is-enabled guilinkd 2>/dev/null && fail "guilinkd is enabled before it is installed"
 installs "$packages"/guilink-devkit_*.deb
 installs "$packages"/guilinkd_*.deb
@@ -100,7 +101,7 @@ complaints=$(inside systemd-analyze verify --man=no guilinkd.service 2>&1) || tr
 [[ ! $complaints ]] || fail "$complaints"
 [[ $(inside cat "/proc/$(main_pid)/comm") == guilinkd ]] || fail "the main process is not guilinkd"
 
-# The service works within the restrictions of its systemd unit.
+# The service must work within the restrictions of its systemd unit.
 inside systemd-run --quiet --unit=core guilink-core
 inside guilink-viewer --snapshot /tmp/picture.png --press 1 --timeout 60
 inside journalctl --quiet --unit=guilinkd --grep 'BUTTON 1' || fail "the press is not in the journal"
@@ -113,14 +114,14 @@ inside dpkg --purge python3-guilink
 inside test ! -e /usr/lib/python3/dist-packages/guilink || fail "left behind: the Python package"
 inside systemctl stop viewer
 
-# systemd restarts the service after an abnormal end.
+# systemd must restart the service after an abnormal end.
 for signal in ABRT HUP; do
     old=$(main_pid)
     inside kill -$signal "$old"
     wait_for "it does not come back after SIG$signal" runs_anew "$old"
 done
 
-# An upgrade replaces the running service.
+# An upgrade must replace the running service.
 newer=$scratch/newer
 dpkg-deb -R "$packages"/guilinkd_*.deb "$newer"
 sed -i 's/^Version: .*/&+1/' "$newer/DEBIAN/control"
@@ -129,19 +130,19 @@ old=$(main_pid)
 installs "$scratch/guilinkd_newer.deb"
 runs_anew "$old" || fail "the upgrade left the old service running"
 
-# When stopped, the service ends with status 0.
+# If systemd stops the service, it must end with status 0.
 inside systemctl stop guilinkd
 [[ $(inside systemctl show --property=Result,ExecMainStatus --value guilinkd) == $'success\n0' ]] ||
     fail "it does not stop with status 0"
 
-# If the package is purged while the service runs, no process and no file is left.
+# If the package is purged while the service runs, no process and no file may be left.
 inside systemctl start guilinkd
 inside dpkg --purge guilinkd
 wait_for "it runs on after its removal" [ ! "$(inside pgrep -x guilinkd)" ]
 left=$(inside find /etc /lib /usr /var/lib/systemd -name '*guilinkd*')
 [[ ! $left ]] || fail "left behind: $left"
 
-# Another project builds with the devkit's companion library.
+# A CMake project must be able to use the devkit's companion library.
 dpkg-deb -x "$packages"/guilink-devkit_*.deb "$scratch/devkit"
 cmake -S "$here/package" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$scratch/devkit/usr" >/dev/null
 cmake --build "$scratch/build"
