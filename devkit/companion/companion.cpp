@@ -31,7 +31,7 @@ constexpr auto SILENCE = 1s;           // after this silence, ask the device for
 constexpr auto TIMEOUT = 3s;           // after this silence, close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
 constexpr size_t MAX_WAITING = 256;    // queued messages
-constexpr size_t MAX_ANSWERED = 64;    // addresses of answered devices, which may connect
+constexpr size_t MAX_ANSWERED = 64;    // addresses that may connect
 
 int listen_for_devices(const NetSocket<>& listener) {
     const int on = 1;

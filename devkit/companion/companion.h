@@ -14,11 +14,11 @@
 //
 // The companion holds back presses and texts as long as the device might drop them:
 // - The device drops everything that it reads together with a connect request. So the companion
-//   sends a second connect request and then an identity request, and waits for the answer.
+//   sends a second connect request and then an identity request, and waits for the identity.
 // - The device ignores a connect request that arrives before the connection is in the device's list
-//   of candidates. So the companion also waits for an image, because only the link carries images.
-//   A device that draws nothing sends no image. So after four connect requests, the companion does
-//   not wait for an image any longer.
+//   of candidates. So the companion waits for an image, because only the link carries images. A
+//   device that draws nothing sends no image. So the companion stops waiting for an image after
+//   four connect requests.
 #pragma once
 
 #include <atomic>
@@ -52,11 +52,11 @@ struct LinkStatus {
     bool several = false;  // several devices are in sight, and none is chosen
 };
 
-// The outcome of a message.
+// The outcome of a press or a text.
 enum class Delivery {
     confirmed,  // the device has processed the message
-    unknown,    // sent, but the link ended before the device confirmed it
-    refused,    // not sent: there is no link
+    unknown,    // the link ended after the message was sent, but before it was confirmed
+    refused,    // not sent, because there was no link
 };
 
 class Companion {
@@ -71,36 +71,37 @@ class Companion {
     // Each handler may be empty.
     struct Handlers {
         std::function<void(const LinkStatus&)> status;  // called when the status changes
-        std::function<void(const Payload&)> image;      // called for every image, repeated or not
+        std::function<void(const Payload&)> image;      // called for images, even repeated ones
         std::function<void(const std::string&)> text;   // called for every text from the device
-        // Called after each broadcast with all devices that have broadcast, the most recent first.
+        // Called when broadcasts have arrived. The argument lists all devices that have broadcast,
+        // the most recent one first.
         std::function<void(const std::vector<HeardDevice>&)> devices = {};
     };
 
     // Starts to listen. `device` is the identity or the address of the wanted device; if it is
-    // empty, the companion chooses the only device in sight. Throws std::runtime_error when it
-    // cannot listen on a port.
+    // empty, the companion chooses the only device in sight. Throws std::runtime_error if the
+    // companion cannot listen on its ports.
     explicit Companion(Handlers handlers, std::string device = {});
-    // Drops the link. If a handler is running, waits until it returns.
+    // Drops the link. If a handler is running, waits until the handler returns.
     ~Companion();
     Companion(const Companion&) = delete;
     Companion& operator=(const Companion&) = delete;
 
     static constexpr size_t MAX_TEXT = 4096;  // bytes of one text
 
-    // press and send_text queue a message. Messages stay in order. Any thread may call these
-    // functions. They return false, and drop the message, when the queue is full or the text is too
-    // long.
+    // press and send_text queue a message. The device gets the messages in the order of the calls.
+    // Any thread may call these functions. If the queue is full or the text is too long, these
+    // functions drop the message and return false.
     //
-    // If `delivered` is empty, the message waits in the queue until there is a link. Otherwise the
-    // message is refused when there is no link, and the companion calls `delivered` once with the
-    // outcome, unless the companion is destroyed first. If the device confirms the message,
-    // `delivered` runs after the handlers of all images that arrived before the confirmation.
+    // If `delivered` is empty, the message waits in the queue until there is a link. If `delivered`
+    // is set, the companion refuses the message while there is no link. The companion calls
+    // `delivered` once with the outcome, unless the companion is destroyed first. Images that
+    // arrived before a confirmation reach the image handler before `delivered` is called.
     bool press(uint8_t button, DeliveryHandler delivered = {});
     bool send_text(const std::string& text, DeliveryHandler delivered = {});
 
-    // From now on, links only to the device with this identity or address. Drops the link to any
-    // other device. Any thread may call this function.
+    // From now on, links only to the device with this identity or address. Drops an existing link
+    // to a different device. Any thread may call this function.
     void choose(std::string device);
 
   private:
@@ -134,15 +135,15 @@ class Companion {
     void report();
 
     const Handlers m_handlers;
-    Discovery m_discovery;  // only for the companion's thread
+    Discovery m_discovery;  // used only by the companion's thread
     const NetSocket<> m_listener;
     const int m_wake;  // eventfd that wakes the companion's thread
 
-    // Only for the companion's thread.
+    // Used only by the companion's thread.
     std::string m_device;                 // identity or address of the chosen device, or empty
-    LinkStatus m_last;                    // the device that was linked last, which stays chosen
-    std::deque<uint32_t> m_answered;      // addresses of answered devices, which may connect
-    std::deque<Sent> m_sent;              // messages sent on the link, but not confirmed yet
+    LinkStatus m_last;                    // status of the newest link; kept after that link ends
+    std::deque<uint32_t> m_answered;      // addresses that may connect; network byte order
+    std::deque<Sent> m_sent;              // messages that were sent, but are not confirmed yet
     std::list<Connection> m_connections;  // oldest first
     Connection* m_link = nullptr;         // one of m_connections, or null
     LinkStatus m_status;

@@ -14,7 +14,7 @@ namespace guilink {
 
 namespace {
 
-constexpr size_t MAX_OUTGOING = 65536;  // bytes; a second of messages is far less
+constexpr size_t MAX_OUTGOING = 65536;  // bytes; with more unsent data, the connection ends
 
 void switch_on(int descriptor, int option) {
     const int on = 1;
@@ -29,7 +29,7 @@ bool worth_another_try() {
 
 Connection::Connection(int descriptor, uint32_t address)
     : m_descriptor(descriptor), m_address(address) {
-    switch_on(descriptor, TCP_NODELAY);  // else a press waits up to 40 ms behind a keep-alive
+    switch_on(descriptor, TCP_NODELAY);  // otherwise, the kernel delays a press by up to 40 ms
 }
 
 Connection::~Connection() {
@@ -39,9 +39,9 @@ Connection::~Connection() {
 void Connection::receive(const FrameReader::FrameCallback& on_frame) {
     std::array<unsigned char, 65536> chunk;
     const ssize_t count = recv(m_descriptor, chunk.data(), chunk.size(), 0);
-    // Acknowledge at once: the device sends the last part of an image only after the earlier parts
-    // are acknowledged, and a delayed acknowledgement takes up to 40 ms. Set TCP_QUICKACK after
-    // each read, because the kernel resets this option.
+    // Acknowledge at once, because the device sends the last part of an image only after the
+    // earlier parts are acknowledged. A delayed acknowledgement comes up to 40 ms late. Set
+    // TCP_QUICKACK after each read, because the kernel resets this option.
     switch_on(m_descriptor, TCP_QUICKACK);
     if (count > 0) {
         m_last_received = Clock::now();

@@ -17,8 +17,8 @@ namespace guilink {
 
 namespace {
 
-constexpr int MAX_AT_ONCE = 64;      // datagrams per call, so that floods do not starve the link
-constexpr size_t MAX_DEVICES = 64;   // remembered devices; limits the memory for forged ones
+constexpr int MAX_AT_ONCE = 64;      // datagrams per call; a flood must not starve the link
+constexpr size_t MAX_DEVICES = 64;   // entries; forged broadcasts must not fill the memory
 constexpr size_t MAX_FIRMWARE = 64;  // bytes; a longer version text is cut off
 
 // Returns the identity and the firmware if the datagram is exactly one IdentityMessage.
@@ -72,9 +72,9 @@ bool Discovery::receive(const std::function<bool(const Call&)>& wanted) {
     return called;
 }
 
-// Moves the device to the front of m_devices, or inserts a new device there. Returns how many
-// devices were in front of it; these devices have broadcast since its previous broadcast. Returns
-// nothing for a new device.
+// Puts the device at the front of m_devices. Returns the device's old position, which is the number
+// of devices that have broadcast since this device's previous broadcast. Returns nothing for a new
+// device.
 std::optional<size_t> Discovery::note(HeardDevice device) {
     const auto known = std::ranges::find_if(m_devices, [&](const HeardDevice& other) {
         return other.identity == device.identity && other.address == device.address;
