@@ -9,10 +9,10 @@ namespace guilink {
 
 namespace {
 
-// Returns a colour channel's value from 0 to 1, in steps of 1/15. The link carries 4 bits per
-// channel, so a companion receives exactly these colours.
-constexpr double step(int sixteenth) {
-    return sixteenth / 15.0;
+// Converts a colour channel's level from 0 to 15 into a value from 0 to 1. The link carries 4 bits
+// per channel, so a companion receives exactly these colours.
+constexpr double step(int level) {
+    return level / 15.0;
 }
 constexpr Colour WHITE = {1, 1, 1};
 constexpr Colour GREY = {step(10), step(11), step(12)};
@@ -59,15 +59,15 @@ struct Painter {
         draw_last_button();
     }
 
-    // Draws the frame around the target, and a compass below it.
+    // Draws the corners of a square around the target, and a compass below the square.
     void draw_viewfinder() const {
         constexpr double X = 900;
         constexpr double Y = 500;
-        const double half = 60.0 + 130.0 / gui.zoom;  // a higher zoom shrinks the frame
+        const double half_side = 60.0 + 130.0 / gui.zoom;
         for (const double side : {-1.0, 1.0}) {
             for (const double end : {-1.0, 1.0}) {
-                const double x = X + side * half;
-                const double y = Y + end * half;
+                const double x = X + side * half_side;
+                const double y = Y + end * half_side;
                 canvas.line(x + 2 * side, y, x - 36 * side, y, 4, accent);
                 canvas.line(x, y + 2 * end, x, y - 36 * end, 4, accent);
             }
@@ -110,7 +110,7 @@ struct Painter {
         canvas.fill(PANEL_BOX, 24, PANEL);
         canvas.text(PANEL_BOX.x + 36, PANEL_BOX.y + 66, 40, gui.page().title, WHITE, Align::left,
                     true);
-        // A bar runs back and forth below the title, so that every frame differs from the last.
+        // A bar moves back and forth below the title, so that successive frames differ.
         const double track = PANEL_BOX.width - 72;
         const double run = (track - 90) * (0.5 + 0.5 * wave(moment.seconds, 4));
         canvas.fill({PANEL_BOX.x + 36, PANEL_BOX.y + 88, track, 4}, 2, TRACK);

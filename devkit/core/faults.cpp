@@ -4,7 +4,7 @@ namespace guilink {
 
 namespace {
 
-// The first row of the menu on the large screen.
+// Pixels; the area of the menu's first row on the large screen.
 constexpr size_t LEFT = 90, RIGHT = 610, TOP = 270, BOTTOM = 350;
 
 }  // namespace

@@ -13,8 +13,8 @@ enum class Fault {
     ignore,  // the button Down does nothing
     row,     // the menu's first row is drawn one pixel too low
     colour,  // the menu's first row is one step too blue
-    late,    // after a button is pressed, the next frame comes 300 ms late
-    lost,    // once a button is pressed, no frame is announced any more
+    late,    // the first frame after each button press comes 300 ms late
+    lost,    // after the first button press, no frame is announced
 };
 
 inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},
@@ -23,8 +23,8 @@ inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},
                                                     {"late", Fault::late},
                                                     {"lost", Fault::lost}};
 
-// Draws a visible fault into a screen's pixels; `width` is the screen's width in pixels. Does
-// nothing for other faults.
+// Changes a screen's pixels if the fault is `row` or `colour`. `width` is the screen's width in
+// pixels.
 void spoil(Fault fault, std::span<uint16_t> pixels, size_t width);
 
 }  // namespace guilink

@@ -79,7 +79,7 @@ void Gui::press(Button button) {
         case Button::info:
             return open(PageName::about);
         case Button::power:
-        case Button::size:  // handled by the owner of the frame buffers
+        case Button::size:  // main.cpp changes the screen size
             return;
     }
 }

@@ -23,12 +23,12 @@ namespace {
 using namespace guilink;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // wait after a failed call
+constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // pause after a failed call
 constexpr int LATE = 300;                                // ms; delay of a frame with Fault::late
 
 volatile std::sig_atomic_t stopped = 0;
 
-// Maps the name of a screen size to true if it is the large size.
+// Screen sizes by name. The value is true for the large size.
 const std::map<std::string, bool> SIZES = {{"1280x960", true}, {"1024x768", false}};
 const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
                                              {"overlay", Scene::overlay},
@@ -65,7 +65,7 @@ std::string wall_clock() {
     return text;
 }
 
-// Calls guilinkd. Reports once when calls start to fail, and once when they succeed again.
+// Calls guilinkd. Prints a line when calls start to fail, and when they succeed again.
 class Service {
   public:
     void announce(uint64_t address, uint32_t size) {
@@ -102,7 +102,7 @@ class Service {
     std::optional<Clock::time_point> m_away_since;
 };
 
-// Handles button commands until the next frame is due. Returns whether there was any.
+// Handles button commands until the next frame is due. Returns whether a button was pressed.
 bool take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui, bool& large,
                         Fault fault) {
     bool pressed = false;
@@ -140,7 +140,8 @@ void run(const Options& options) {
     const auto start = Clock::now();
     auto due = start;
     std::span<uint16_t> pixels;
-    bool pressed = false;  // a button was pressed since the last frame; with Fault::lost, ever
+    // Whether a button was pressed since the previous frame. With Fault::lost, it stays true.
+    bool pressed = false;
     for (uint64_t frame = 1; !stopped; ++frame) {
         if (screen->large != large) {
             screen.reset();
@@ -158,7 +159,7 @@ void run(const Options& options) {
         if (frame == options.frames) break;
 
         due += std::chrono::duration_cast<Clock::duration>(interval);
-        due = std::max(due, Clock::now());  // when late, skip frames instead of catching up
+        due = std::max(due, Clock::now());  // if late, skip frames instead of catching up
         if (take_buttons_until(due, control, gui, large, options.fault))
             pressed = true;
         else if (options.fault != Fault::lost)
