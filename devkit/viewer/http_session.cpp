@@ -83,7 +83,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void answer(const Reply& reply) { answer(reply, {}); }
 
-    // `picture` is a picture's number, which the response carries in the header Guilink-Picture.
+    // If `picture` is set, the response has the header Guilink-Picture with this picture number.
     void answer(const Reply& reply, std::optional<uint64_t> picture) {
         const Request& request = m_parser->get();
         m_timer.cancel();
@@ -152,10 +152,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
                 Hub::sentence(found) + std::string("\n")});
     }
 
-    // Starts the time limit of a request that must wait for the device. After PATIENCE, sends an
-    // error, unless the request has been answered by then. Every such answer increments m_turn, so
-    // a changed m_turn means that this time limit is void. The running timer keeps the session
-    // alive. Returns m_turn.
+    // Starts the timer for a request that must wait for the device. If the request has no answer
+    // after PATIENCE, the timer answers it with an error. Returns m_turn. As soon as m_turn differs
+    // from the returned value, the request has its answer and must not be answered again. The
+    // running timer keeps the session alive.
     uint64_t wait(unsigned status, const char* why) {
         m_timer.expires_after(PATIENCE);
         m_timer.async_wait(
@@ -174,7 +174,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     std::optional<http::request_parser<http::string_body>> m_parser;
     http::response<http::string_body> m_response;
     asio::steady_timer m_timer{m_hub.loop()};
-    uint64_t m_turn = 0;  // number of requests answered after a call of `wait`
+    uint64_t m_turn = 0;  // incremented with each answer to a request that waited for the device
 };
 
 }  // namespace

@@ -32,7 +32,7 @@ constexpr auto PATIENCE = std::chrono::seconds(10);  // time limit of a request,
 // a newer picture replaces an older one.
 void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
 
-// Each object adds 1 to `count` while it exists. As a member of a session class, it counts the
+// Adds 1 to `count` as long as the object exists. A session class with such a member counts its
 // sessions.
 class Counted {
   public:
@@ -55,9 +55,9 @@ class Hub {
         virtual void offer_picture(const Picture& picture) = 0;
         bool is_program = false;
     };
-    // Gets the outcome of an order, that is, of a press or a text. `why_not` says why the order
-    // failed, and is empty if the device confirmed the order. `picture` is the number of the last
-    // picture that arrived before the confirmation.
+    // Called with the outcome of an order. An order is a press or a text. `why_not` is the reason
+    // why the order failed; it is empty if the device confirmed the order. `picture` is the number
+    // of the newest picture at the time of the confirmation.
     using Outcome =
         std::function<void(const std::optional<std::string>& why_not, uint64_t picture)>;
 
@@ -78,17 +78,16 @@ class Hub {
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // Passes a press or a text on to the device. Calls `outcome` once, possibly before `pass_on`
-    // returns. Does not call `outcome` if `owner` is destroyed first.
+    // Sends an order to the device. Calls `outcome` once, possibly before `pass_on` returns. Does
+    // not call `outcome` if `owner` is destroyed first.
     void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
     void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
-    // Passes on a press or a text without reporting the outcome, for example a press on a page.
+    // Sends an order to the device. The caller does not learn the outcome.
     void pass_on(const Press& press) { m_handlers.press(press.button, 0); }
     void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
     void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);
 
-    // Links to the device that matches `choice`, if exactly one does. Returns how many devices
-    // match.
+    // If exactly one device matches `choice`, links to this device. Returns how many devices match.
     enum class Found { one, none, several };
     Found choose(const Choice& choice);
     static const char* sentence(Found found);
@@ -124,7 +123,7 @@ class Hub {
     Picture m_newest;  // newest picture of the current link
     std::deque<Sample> m_samples;
     uint64_t m_last_order = 0;
-    std::map<uint64_t, Order> m_orders;  // presses and texts without an outcome yet, by number
+    std::map<uint64_t, Order> m_orders;  // by number; orders that have no outcome yet
     Renditions m_renditions{m_loop};
 };
 

@@ -21,8 +21,8 @@ namespace guilink {
 
 namespace {
 
-// Environment variable with the number of the listening socket's descriptor, which the executed
-// command inherits.
+// Name of the environment variable with the number of the listening socket's descriptor. `become`
+// sets this variable for the executed command.
 constexpr const char* INHERITED = "GUILINK_LISTEN_FD";
 
 [[noreturn]] void become(const std::vector<std::string>& command, int listener) {
@@ -60,8 +60,8 @@ void serve(const ServeOptions& options) {
     const int listener = listener_of(options);
     if (!options.command.empty()) become(options.command, listener);
 
-    // Block the signals before the first thread starts, because threads inherit the mask. sigwait
-    // below receives them.
+    // Block the signals before the first thread starts, because threads inherit the signal mask.
+    // sigwait below receives the signals.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -69,9 +69,10 @@ void serve(const ServeOptions& options) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     // The server must outlive the companion, because the companion's handlers call the server.
-    // While there is no companion, presses and texts are dropped.
+    // The server holds the mutex while it calls the companion, so that the companion is not
+    // destroyed during the call. While there is no companion, presses and texts are dropped.
     struct {
-        Mutex mutex;  // locked while a handler uses the companion, to delay its destruction
+        Mutex mutex;
         Companion* companion GUARDED_BY(mutex) = nullptr;
     } shared;
     WebServer* published = nullptr;  // set before any handler is called

@@ -22,7 +22,7 @@ class Received {
 
     void status(const LinkStatus& status) {
         const Lock lock(m_mutex);
-        if (status.linked) m_status = status;  // print() prints the last link
+        if (status.linked) m_status = status;  // kept for print() after the link ends
         m_several = status.several;
         m_changed.notify_all();
     }
@@ -36,8 +36,8 @@ class Received {
         m_changed.notify_all();
     }
 
-    // Waits for `count` images and for the identity. After these, the companion sends presses
-    // without delay. Returns the number of images received.
+    // Waits until `count` images and the device's identity have arrived. Returns the number of
+    // images received so far.
     uint64_t wait_for_images(uint64_t count) {
         Lock lock(m_mutex);
         if (!m_changed.wait_until(lock, m_deadline, [&]() REQUIRES(m_mutex) {
@@ -92,6 +92,7 @@ void take_snapshot(const SnapshotOptions& options) {
                          [&](const Companion::Payload& payload) { received.image(payload); },
                          {}},
                         options.device);
+    // As soon as an image and the identity have arrived, the companion sends presses without delay.
     const uint64_t images = received.wait_for_images(1);
     for (const uint8_t button : options.presses) {
         if (!companion.press(button))

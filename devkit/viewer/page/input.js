@@ -1,14 +1,14 @@
-// Operates the buttons by mouse, touch and keyboard. Sends a press when a button goes down, and
-// repeats it while the button is held. All buttons are released when the page loses the focus.
+// The page's buttons for mouse, touch and keyboard. A button sends a press when it goes down, and
+// repeats the press while it is held. When the page loses the focus, all buttons are released.
 
-const REPEAT = { first: 450, next: 120 }; // ms; before the first repeat, and between repeats
-// ms that a button stays down after a click from the keyboard or from assistive technology. Further clicks
-// during this time are ignored.
+const REPEAT = { first: 450, next: 120 }; // ms before the first repeat, and between repeats
+// ms; after a click from the keyboard or from assistive technology, the button stays down for this time. Further
+// clicks during this time are ignored.
 const CLICK = 50;
 
 // labels: [{button, label, key, place}]. press(button, label) sends a press.
 export function makeButtons(pad, labels, press) {
-  const held = new Map(); // label entry -> timer of its repeat
+  const held = new Map(); // entry of `labels` -> timer of the entry's next repeat
 
   const send = (entry) => press(entry.button, entry.label);
   const down = (entry) => {
@@ -49,7 +49,7 @@ export function makeButtons(pad, labels, press) {
       element.addEventListener(end, () => up(entry));
     }
     element.addEventListener('contextmenu', (event) => event.preventDefault());
-    // Clicks without a pointer come from the keyboard and from assistive technology.
+    // A click with detail 0 comes from the keyboard or from assistive technology.
     element.addEventListener('click', (event) => {
       if (event.detail === 0) { down(entry); setTimeout(() => up(entry), CLICK); }
     });
@@ -59,12 +59,12 @@ export function makeButtons(pad, labels, press) {
   const entryOf = (event) => {
     if (event.ctrlKey || event.altKey || event.metaKey) return undefined;
     if (event.target.closest?.('input:not([type="checkbox"]), select')) return undefined;
-    // Enter and space belong to the control that has the focus.
+    // The browser itself applies Enter and space to the control that has the focus.
     if (event.target.closest?.('button, input') && ['Enter', ' '].includes(event.key)) return undefined;
     return labels.find(({ key }) => key && key.toLowerCase() === event.key.toLowerCase());
   };
-  // Keyed by code, not by name: if Shift is released first, keyup has another name than keydown.
-  const keys = new Map(); // code -> label entry
+  // Keyed by event.code, because event.key can change between keydown and keyup when Shift is released.
+  const keys = new Map(); // event.code -> entry of `labels`
   addEventListener('keydown', (event) => {
     const entry = entryOf(event);
     if (!entry) return;
@@ -77,7 +77,7 @@ export function makeButtons(pad, labels, press) {
     if (keys.has(code)) up(keys.get(code));
     keys.delete(code);
   });
-  // Take the focus away from a clicked button: otherwise Enter would click it again.
+  // Take the focus away from a clicked button, because Enter would click a focused button again.
   addEventListener('click', ({ detail, target }) => { if (detail > 0) target.closest('button')?.blur(); });
   addEventListener('blur', () => [...held.keys()].forEach(up));
 }

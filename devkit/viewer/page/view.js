@@ -1,18 +1,18 @@
-// The page: shows the device's screen and statistics of the link, and handles the controls.
+// Shows the device's screen and statistics of the link, and handles the page's controls.
 import { connect } from './bytes.js';
 import { makeDevices } from './devices.js';
 import { decode } from './pixels.js';
 import { makeButtons } from './input.js';
 
 const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last image every 500 ms
-const FIGURES_EVERY = 500; // ms; between two updates of the statistics
+const FIGURES_EVERY = 500; // ms between two updates of the statistics
 const EVENTS_KEPT = 100;
 
 const $ = (id) => document.getElementById(id);
 const canvas = $('canvas');
 const context = canvas.getContext('2d');
 
-// Draw only the newest image, and only when the browser is about to repaint.
+// The page draws only the newest image, just before the browser repaints.
 let newest = null;
 let image = null;
 let drawing = false;
@@ -97,8 +97,7 @@ setInterval(() => {
     : age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
 }, FIGURES_EVERY);
 
-// Adds a line to the list of events. If the newest line has the same text (for example while a button is held),
-// only increments the count of that line.
+// Adds a line to the list of events. If the newest line has the same text, only increments the count of that line.
 function note(text) {
   const last = $('log').firstChild;
   if (last?.lastChild.textContent === text) {
@@ -116,8 +115,7 @@ function note(text) {
   while ($('log').children.length > EVENTS_KEPT) $('log').lastChild.remove();
 }
 
-// Sends only while linked. Otherwise, the viewer would queue the message and deliver it to a device that links
-// much later.
+// Sends only while a device is linked. Without a link, the viewer would queue the message and deliver it much later.
 const sent = (send) => link === 'linked' && send();
 
 $('text').addEventListener('submit', (event) => {
