@@ -6,7 +6,7 @@ from dataclasses import dataclass
 _TABLE = """
 DISC-1 device must While it has no companion, the device broadcasts about once a second on every IPv4 interface.
 DISC-2 device must A broadcast is one datagram that holds one IdentityMessage, from the device's own address and port 3153, to port 3152 of the subnet's broadcast address.
-DISC-3 companion must The companion receives on UDP port 3152 of all addresses.
+DISC-3 companion must The companion binds its UDP socket to port 3152 and the address 0.0.0.0 (all addresses of its host).
 DISC-4 companion must The answer is one ConnectRequest frame of exactly 42 bytes, sent to the address and port that the broadcast came from.
 DISC-5 companion must Until it is linked, the companion answers every broadcast of its device.
 DISC-6 companion should The companion answers only a complete IdentityMessage with a correct checksum and a payload of at least 5 bytes.
@@ -16,17 +16,17 @@ DISC-9 device must The device ignores every datagram that is not exactly the 42 
 DISC-10 companion should While linked, the companion does not answer another device.
 DISC-11 companion should The companion accepts broadcasts of up to 1472 bytes.
 DISC-12 device must While it has a companion, the device does not broadcast.
-FRAME-1 both must Every message is one frame, and nothing travels between frames.
+FRAME-1 both must Every message is exactly one frame, and no bytes are sent between two frames.
 FRAME-2 both must The checksum is the CRC-32 of the payload.
 FRAME-3 both must A payload sent to the device has at most 1,048,534 bytes, and one sent to the companion at most 1,048,576.
 FRAME-4 companion must The companion reads frames however TCP splits or joins them.
 FRAME-5 companion must The companion drops bytes that belong to no frame, and finds the frame after them.
 FRAME-6 companion must The companion ignores a frame with a wrong checksum, and continues to receive.
 FRAME-7 companion must The companion treats a length above 1,048,576 as damage, and does not wait for such a payload.
-FRAME-8 companion must The companion skips the whole frame of a type that it does not use.
+FRAME-8 companion must The companion skips frames whose type it does not use, including their payload.
 FRAME-9 companion must The companion accepts a payload of 1,048,576 bytes.
 FRAME-10 companion must The companion sends only the types 0, 1, 4, 5 and 6.
-FRAME-11 companion should The companion sends each frame in one piece.
+FRAME-11 companion should The companion sends each frame, header and payload, with a single `send` call.
 FRAME-12 companion must A damaged length makes the companion miss at most 1,048,576 bytes.
 FRAME-13 device must The device reads frames however TCP splits or joins them.
 FRAME-14 device must The device drops bytes that are not a start sequence, and finds the frame after them.
@@ -37,17 +37,17 @@ FRAME-18 device must The device skips frames of the types 2, 3 and above 6.
 FRAME-19 device must The device sends only the types 2, 3 and 6.
 LINK-1 companion must A ConnectRequest is the first frame that the companion sends on a connection.
 LINK-2 companion must The companion repeats the ConnectRequest with each keep-alive until an ImageMessage has arrived.
-LINK-3 companion must When a connection ends, the companion uses the next connection that waits, or answers the next broadcast.
-LINK-4 companion must When nothing has arrived on a candidate for a second, the companion uses the next connection that waits.
-LINK-5 companion should Once linked, the companion closes every further connection.
+LINK-3 companion must When a connection ends, the companion uses the next waiting connection, or answers the next broadcast.
+LINK-4 companion must When nothing has arrived on a candidate for a second, the companion uses the next waiting connection.
+LINK-5 companion should Once linked, the companion closes all connections except the link, even those that arrive later.
 LINK-6 companion must When its device broadcasts more than a second after the link's first image, the companion closes the link and answers the broadcast.
 LINK-7 companion must When its device broadcasts within a second after the link's first image, the companion keeps the link.
 LINK-8 companion must Bytes of one connection never become part of a frame of another connection.
-LINK-9 companion should The companion recognises its device by its address or its identity, because either may change.
+LINK-9 companion should The companion recognises its device if the address or the identity is unchanged, because each of them may change.
 LINK-10 companion must The companion survives everything that it receives.
 LINK-11 companion should To end a link, the companion shuts down its sending side, reads to the end of the stream, and closes.
 LINK-12 device must The first candidate that delivers a ConnectRequest becomes the link, and the device closes all others.
-LINK-13 device must The device closes a candidate that has sent no ConnectRequest by the next broadcast.
+LINK-13 device must If a candidate has sent no ConnectRequest when the device broadcasts again, the device closes this candidate.
 LINK-14 device must The device answers each IdentityRequest, of a candidate or of the link, in order.
 LINK-15 device must From a candidate, the device obeys only ControlMessage, ConnectRequest and IdentityRequest.
 LINK-16 device must For each broadcast, the device opens at most 8 connections to one host. It has at most 32 candidates at a time.
@@ -55,31 +55,31 @@ LINK-17 device must After the link has ended, however it ended, the device broad
 LINK-18 device must The device sends images on the link only.
 TIME-1 companion must On the link, the companion sends something at least every 3 s.
 TIME-2 companion must On the link, the companion sends a ControlMessage at least every 2 s.
-TIME-3 companion should On the link, the companion sends a ControlMessage every 500 ms, so that a late one does not break TIME-2.
+TIME-3 companion should On the link, the companion sends a ControlMessage every 500 ms, so that a late ControlMessage does not break TIME-2.
 TIME-4 companion must The companion reads all the time.
 TIME-5 companion should When nothing arrives from the device, the companion sends an IdentityRequest with each keep-alive.
-TIME-6 companion should When nothing has arrived for 3 s, the companion closes the link.
-TIME-7 device must When there is no new image for 500 ms, the device repeats the last one.
-TIME-8 device must When it has received no ControlMessage for 2 s, the device sends no new image and repeats the last one.
-TIME-9 device must When it has received nothing for 3 s, the device closes the link.
+TIME-6 companion should When the companion has received nothing for 3 s, it closes the link.
+TIME-7 device must When there is no new image for 500 ms, the device repeats the last image.
+TIME-8 device must When the device has received no ControlMessage for 2 s, it sends no new image and repeats the last image.
+TIME-9 device must When the device has received nothing for 3 s, it closes the link.
 TIME-10 device must When full buffers have kept the device from sending anything for 3 s, the device closes the link.
-TIME-11 device must The device keeps no backlog: an image that waits to be sent is replaced by the next one.
+TIME-11 device must The device keeps no backlog: if an image waits to be sent, the next image replaces it.
 PICT-1 companion must The companion draws the runs row by row from the top left; a run of 1 to 65535 pixels may cross rows.
 PICT-2 companion must The last pixel, which is not sent, equals the pixel before it, or is 0 in an image of one pixel.
-PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each, alpha in the highest bits; a value times 17 gives 0 to 255.
+PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each, alpha in the highest bits; to convert a value to 8 bits, multiply it by 17.
 PICT-4 companion must The companion shows images of 1280 x 960 and 1024 x 768 pixels, and the size may change between two images.
 PICT-5 companion must The companion drops an image whose runs do not describe width x height - 1 pixels, or whose payload is cut off.
 PICT-6 companion must The companion drops an image that has no pixels or more than 4,194,304, and reserves no memory for it.
 PICT-7 companion may The companion may skip a run of length 0 or drop its image.
 PICT-8 device must The runs of an image describe width x height - 1 pixels.
-PICT-9 device must A pixel with alpha 0 is sent as 0, except the first pixel of an image.
+PICT-9 device must A pixel with alpha 0 is sent as 0, unless it is the first pixel of an image.
 PICT-10 device must No run has length 0. Two neighbouring runs have the same pixel value only if the first has length 65535.
 PICT-11 device must An image has 1280 x 960 or 1024 x 768 pixels.
 PICT-12 device must When the payload of an image would exceed 1,048,576 bytes, the device neither sends this image nor repeats the previous one.
 PRESS-1 companion must The companion sends a ButtonMessage or DataMessage only after one of two events: the first image has arrived, or the device has answered an IdentityRequest that the companion sent after its third ConnectRequest.
 PRESS-2 companion must A ButtonMessage holds one byte, 0 to 15.
 PRESS-3 device must For each ButtonMessage on the link, the device passes on one press, as the message with the number 100 + button.
-PRESS-4 device must A button above 15 repeats the last valid one, an empty ButtonMessage has no effect, and bytes after the first are ignored.
+PRESS-4 device must A button above 15 repeats the last valid button, an empty ButtonMessage has no effect, and bytes after the first are ignored.
 PRESS-5 device must The device writes the text of a DataMessage to its log.
 """
 
