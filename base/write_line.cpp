@@ -19,18 +19,19 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int ROOM = 0x100000;     // bytes; the pipe capacity to ask for; the system may refuse
-constexpr auto LINE_TIME = 100ms;  // limit for a line that needs several writes
+constexpr int ROOM = 0x100000;     // bytes; requested capacity of a pipe
+constexpr auto LINE_TIME = 100ms;  // how long the writes of one line may take together
 
-// Trivially destructible: threads go on logging while the process exits.
+// Has no destructor, because threads may still log while the process exits.
 struct Stream {
     std::atomic<bool> is_socket{false};
-    std::atomic<bool> is_cut{false};  // the last line was cut off before its line end
+    std::atomic<bool> is_cut{false};  // the latest line was cut off and has no line end
     std::atomic<unsigned> dropped{0};
 };
 std::array<Stream, STDERR_FILENO + 1> streams;
 
-// Collects a line and writes it in pieces. A pipe accepts each piece as a whole or not at all.
+// Collects a line and writes it in pieces of up to PIPE_BUF bytes. A pipe accepts such a piece as a
+// whole or not at all.
 class Line {
   public:
     explicit Line(int stream)
@@ -66,8 +67,8 @@ class Line {
 
   private:
     bool write() {
-        // Try the first write to a socket without poll, which reports a socket as full while it
-        // still accepts data.
+        // Do not poll a socket before the first write, because poll may report a socket as full
+        // although it still accepts data.
         if (m_begun || !m_stream.is_socket) {
             using std::chrono::ceil, std::chrono::milliseconds;
             const auto left = ceil<milliseconds>(m_end - Clock::now()).count();
@@ -79,7 +80,7 @@ class Line {
                                   ? ::send(m_descriptor, m_buffer.data(), m_size, MSG_DONTWAIT)
                                   : ::write(m_descriptor, m_buffer.data(), m_size);
         if (count < 0) return errno != EAGAIN;
-        m_begun |= count != 0;  // a terminal may accept a part
+        m_begun |= count != 0;  // a terminal may accept only a part of the data
         return static_cast<size_t>(count) == m_size;
     }
 
@@ -88,7 +89,7 @@ class Line {
     const int m_descriptor;
     Stream& m_stream;
     const Clock::time_point m_end = Clock::now() + LINE_TIME;
-    unsigned m_dropped_before;  // lines dropped before this one, which reports their number
+    unsigned m_dropped_before;  // number of dropped lines that this line reports
     bool m_ends_a_cut_line = false;
     std::array<char, PIPE_BUF> m_buffer;
     size_t m_size = 0;
@@ -104,13 +105,13 @@ void unblock_standard_streams() {
         if (fstat(stream, &status) != 0) continue;
         streams[static_cast<size_t>(stream)].is_socket = S_ISSOCK(status.st_mode);
         if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) continue;
-        // A large buffer keeps a burst of lines until the reader has read it.
+        // A large buffer can hold a burst of lines until the reader reads them.
         if (fcntl(stream, F_GETPIPE_SZ) < ROOM) fcntl(stream, F_SETPIPE_SZ, ROOM);
-        // O_NONBLOCK belongs to the open file description, which other processes may share. So open
-        // a new one.
+        // O_NONBLOCK would also affect other processes that share the open file description. So
+        // open a new description.
         const char* const path = stream == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2";
         const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-        if (own < 0) continue;  // the stream stays blocking; Line polls it before each write
+        if (own < 0) continue;  // keep the blocking stream; class Line calls poll before each write
         dup2(own, stream);
         close(own);
     }

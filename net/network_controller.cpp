@@ -22,23 +22,23 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr unsigned short PEER_PORT = LINK_PORT;
-constexpr auto SWEEP_INTERVAL = 1s;    // between searches; a candidate's time to become the link
+constexpr auto SWEEP_INTERVAL = 1s;    // pause between searches; after it, candidates are dropped
 constexpr size_t MAX_CANDIDATES = 32;  // each costs a socket and a thread
-constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;  // connections to one host per sweep (search)
-constexpr size_t MAX_HOSTS = 1024;  // entries of m_turns; further hosts wait for the next sweep
-constexpr unsigned SWEEPS_REMEMBERED = 60;     // every 60 sweeps, m_turns is cleared
-constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; then another candidate is examined
+constexpr ptrdiff_t MAX_TURNS_OF_HOST = 8;  // connections to one host during a sweep (search)
+constexpr size_t MAX_HOSTS = 1024;  // limit of m_turns; further hosts wait for the next sweep
+constexpr unsigned SWEEPS_REMEMBERED = 60;     // after this many sweeps, m_turns is cleared
+constexpr uint64_t EXAMINED_AT_ONCE = 0x4000;  // bytes; size of a portion (see _examine)
 
-// How many times a host has become a candidate: since the last link, and in the current sweep.
+// Counts how often a host has become a candidate since the last link, and how often in the current
+// sweep.
 struct Turns {
     unsigned since_link = 0;
     unsigned in_sweep = 0;
 };
 
-// The destructor reports to the worker that the connection of the current thread has ended. The
-// callback of each connection captures a ConnectionEnd, and the connection's receive thread
-// destroys its copy of the callback at the end of the connection. Other threads also destroy
-// copies, but the worker ignores their reports.
+// Reports to the worker that a connection has ended. The connection's callback holds a
+// ConnectionEnd, and the receive thread destroys this callback when the connection ends. The worker
+// ignores reports from threads that have passed no bytes to it.
 struct ConnectionEnd {
     std::weak_ptr<NetworkController::NetworkWorker> worker;
 
@@ -49,19 +49,19 @@ struct ConnectionEnd {
 
 }  // namespace
 
-// The data that the callbacks of units use. The callbacks share the ownership of this data, because
-// they may outlive the controller.
+// The controller's data. The callbacks of units share the ownership of this data, because they may
+// run after the controller is destroyed.
 struct NetworkController::State {
-    // Lists, because splice moves a unit between them without an allocation, which could fail.
+    // A list, because splice moves a unit from one list to another without allocating memory.
     using Units = std::list<std::unique_ptr<NetworkUnit>>;
 
     std::atomic<bool> m_stop{false};
     Mutex m_mutex;  // never held while the worker is called or a unit is destroyed
 
-    Units m_candidates GUARDED_BY(m_mutex);  // peers found, each connecting or connected
-    Units m_seekers GUARDED_BY(m_mutex);     // each searches an interface, in this sweep or before
-    Units m_current GUARDED_BY(m_mutex);     // the linked peer, or empty
-    Units m_dropped GUARDED_BY(m_mutex);     // connections that were given up and are stopping
+    Units m_candidates GUARDED_BY(m_mutex);       // units of peers that may become the link
+    Units m_seekers GUARDED_BY(m_mutex);          // units that search the interfaces for peers
+    Units m_current GUARDED_BY(m_mutex);          // the linked peer, or empty
+    Units m_dropped GUARDED_BY(m_mutex);          // stopped units that wait to be destroyed
     size_t m_connecting GUARDED_BY(m_mutex) = 0;  // peers admitted, but not yet in m_candidates
     std::map<uint32_t, Turns> m_turns GUARDED_BY(m_mutex);
 
@@ -71,7 +71,7 @@ struct NetworkController::State {
     std::condition_variable_any m_next_examination;
     NetworkUnit* m_pending GUARDED_BY(m_mutex) = nullptr;  // the candidate being examined
 
-    std::weak_ptr<NetworkWorker> m_worker;  // constant once set
+    std::weak_ptr<NetworkWorker> m_worker;  // set once, by the constructor
 
     void drop(Units& from, Units::iterator unit) REQUIRES(m_mutex) {
         (*unit)->stop();
@@ -80,7 +80,7 @@ struct NetworkController::State {
     static Units::iterator find(Units& units, const NetworkUnit* unit) {
         return std::ranges::find(units, unit, &std::unique_ptr<NetworkUnit>::get);
     }
-    // Returns true if the unit is not dropped and no other unit is linked.
+    // Returns false if `unit` has been dropped or another unit is linked.
     bool may_speak(const NetworkUnit* unit) EXCLUDES(m_mutex) {
         const Lock lock(m_mutex);
         return find(m_dropped, unit) == m_dropped.end() &&
@@ -89,10 +89,10 @@ struct NetworkController::State {
     bool admit(uint32_t host) REQUIRES(m_mutex);
 };
 
-// Returns whether `host` may become a candidate now; if so, adds a turn to the counts of `host`. If
-// there are already MAX_CANDIDATES, `host` may only replace a candidate of the host with the most
-// turns, and only if `host` has had fewer. If several hosts have had the most turns, an unconnected
-// candidate is replaced first, because the answer of its host may have been spoofed.
+// Returns whether `host` may become a candidate; if so, counts this in m_turns. If there are
+// already MAX_CANDIDATES, drops a candidate of the host that has been a candidate most often, but
+// only if `host` has been one less often. Drops an unconnected candidate rather than a connected
+// one, because the answer of an unconnected host may have been spoofed.
 bool NetworkController::State::admit(uint32_t host) {
     if (m_turns.size() >= MAX_HOSTS && !m_turns.contains(host)) return false;
     Turns& turns = m_turns[host];
@@ -122,9 +122,8 @@ NetworkController::NetworkController(const std::shared_ptr<NetworkWorker>& worke
 
 NetworkController::~NetworkController() {
     State& state = *m_state;
-    // Because m_stop is set, no candidate is added after this _clear_all. But a search that is
-    // still running can add units to m_seekers, so join the search thread before m_seekers is
-    // emptied.
+    // Once m_stop is set, no candidate is added. But the search thread may still add units to
+    // m_seekers, so join this thread before m_seekers is emptied.
     state.m_stop = true;
     _clear_all(m_state);
     {
@@ -139,8 +138,8 @@ NetworkController::~NetworkController() {
         units.splice(units.end(), state.m_seekers);
         units.splice(units.end(), state.m_dropped);
     }
-    // Destroy the units on another thread. This thread may belong to one of the units, whose
-    // destructor would then join the thread that it runs on.
+    // Destroy the units on another thread, because this thread may belong to a unit and cannot join
+    // itself.
     if (!units.empty()) run_detached("destroyer", [owned = std::move(units)] {});
 }
 
@@ -185,7 +184,7 @@ void NetworkController::_seeker_found(const SharedState& state,
 
 void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit) {
     if (unit == nullptr) return;
-    _destroy_stopped(state);  // removes candidates that have refused the connection
+    _destroy_stopped(state);  // removes candidates whose connection has failed
     {
         const Lock lock(state->m_mutex);
         if (state->m_stop || !state->m_current.empty() || !state->admit(unit->address())) return;
@@ -203,8 +202,8 @@ void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<Ne
 
 void NetworkController::_data_receive(const SharedState& state, const unsigned char* data,
                                       uint64_t length, NetworkUnit* unit) {
-    // An exception ends the receive thread. Drop the link in this case, because no other thread
-    // would read its bytes.
+    // If an exception ends the link's receive thread, drop the link, because no other thread reads
+    // the link's bytes.
     struct Guard {
         const SharedState& state;
         const NetworkUnit* unit;
@@ -230,13 +229,13 @@ void NetworkController::_data_receive(const SharedState& state, const unsigned c
     }
 }
 
-// Passes the candidate's bytes to the worker in small portions, so that no other candidate waits
-// long. Only one portion is examined at a time, so that the worker's answer goes to the candidate
-// that has sent the portion. Stops when `unit` is dropped or another candidate becomes the link.
+// Passes a candidate's bytes to the worker in small portions, so that no other candidate waits
+// long. Examines one portion at a time, because `send` sends the worker's answers to m_pending, the
+// one candidate that is being examined.
 void NetworkController::_examine(const SharedState& state, const unsigned char* data,
                                  uint64_t length, NetworkUnit* unit, NetworkWorker& worker) {
-    // The destructor ends the examination even after an exception, because other candidates wait
-    // and the unit may soon be destroyed.
+    // The destructor ends the examination even after an exception, so that the next candidate does
+    // not wait for ever.
     class Examination {
       public:
         Examination(State& state, NetworkUnit* unit) : m_state(state) {
@@ -323,9 +322,8 @@ void NetworkController::_clear_current(const SharedState& state, const NetworkUn
     if (!current.empty() && current.front().get() == unit) state->drop(current, current.begin());
 }
 
-// Drops all candidates. Keeps the units in m_seekers, because their searches end by themselves. The
-// sockets of the searches share a port, so an old search may receive the answer to a newer
-// broadcast.
+// Drops all candidates. Does not end the searches (m_seekers), because all searches share a port,
+// so an old search may receive the answer to a newer broadcast.
 void NetworkController::_clear_all(const SharedState& state) {
     const Lock lock(state->m_mutex);
     while (!state->m_candidates.empty()) {

@@ -1,13 +1,13 @@
-// Keeps the device linked to exactly one peer. While the device is not linked, a discovery sweep
-// begins about once a second on every interface. Every host that answers becomes a candidate: a
-// network unit opens a TCP connection to the host, and the controller passes the received bytes to
-// the worker (the link protocol). When the worker accepts a candidate, the candidate's unit becomes
-// the current unit, and all other candidates are dropped. A failed send or the end of the
-// connection drops the current unit and the data being sent; then the search begins again.
+// Keeps the device linked to one peer. Without a link, the controller begins to search every
+// network interface about once a second (a sweep). Each host that answers becomes a candidate: a
+// network unit connects to the host by TCP, and the controller passes the received bytes to the
+// worker (the link protocol). When the worker accepts a candidate, its unit becomes the link, and
+// the controller drops all other candidates. If a send fails or the connection ends, the controller
+// drops the link and searches again.
 //
-// A dropped unit is stopped at once, but destroyed only when its threads have ended, so that
-// nothing waits for the unit and no thread joins itself. A unit's callbacks may run after the
-// controller is destroyed, so they use only the State below, whose ownership they share.
+// A dropped unit is stopped at once, but destroyed only after its threads have ended, so that
+// nothing waits for these threads. A unit's callbacks may run after the controller is destroyed. So
+// they share the ownership of State, and use nothing else of the controller.
 #pragma once
 
 #include <cstdint>
@@ -20,20 +20,20 @@ class NetworkUnit;
 
 class NetworkController {
   public:
-    // The link protocol, as the controller sees it.
+    // The interface through which the controller uses the link protocol.
     class NetworkWorker {
       public:
-        // Called with bytes that have arrived on the connection of the calling thread. The bytes
-        // are valid only during the call. To make this connection the link, the worker calls
-        // `signal`, unless `signal` is empty. If `deliver_all` is false, only keep-alives reach the
-        // message handler. A length of 0 means that the connection of a candidate has ended. Called
-        // on several threads.
+        // Handles bytes that have arrived on the connection of the calling thread. `data` is valid
+        // only during the call. To make this connection the link, the worker calls `signal`, unless
+        // `signal` is empty. If `deliver_all` is false, the worker passes only keep-alives to the
+        // message handler. A length of 0 means that the connection of a candidate has ended.
+        // Several threads may call this function.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
         // Sets the controller through which the worker sends. The worker keeps a weak pointer.
         virtual void SetController(const std::shared_ptr<NetworkController>& controller) = 0;
-        // Installs the handler that is called with the type and the payload of each message from
-        // the peer.
+        // Sets the handler of the peer's messages. The handler gets the type and the payload of
+        // each message.
         virtual void SetMessageHandler(
             const std::function<void(uint16_t, std::vector<unsigned char>)>& handler) = 0;
         virtual void SendIdentity() = 0;
@@ -47,27 +47,26 @@ class NetworkController {
         virtual void OnConnectionEnd() {}
     };
 
-    // Starts to search at once. Keeps a weak pointer to the worker. The worker must outlive the
-    // controller.
+    // Starts to search at once. `worker` must outlive the controller, because the controller keeps
+    // only a weak pointer.
     explicit NetworkController(const std::shared_ptr<NetworkWorker>& worker);
-    // Drops all units. Waits for a send that is in progress (see send), and then up to 1 s for the
-    // search thread.
+    // Closes all connections. Waits until a running send has ended (see send), and then up to 1 s
+    // for the search thread.
     virtual ~NetworkController();
 
     NetworkController(const NetworkController&) = delete;
     NetworkController& operator=(const NetworkController&) = delete;
 
-    // Sends to the linked peer. Without a link, sends to the candidate that is being examined, or
-    // drops the data if no candidate is being examined. Waits for an earlier send to end, then
-    // blocks for at most 6 s. Drops the linked peer if its socket has not accepted all the data by
-    // then. Never blocks on a candidate: drops a candidate whose socket has no room for all the
-    // data.
+    // Waits for an earlier send to end, then sends to the linked peer for at most 6 s. If the
+    // peer's socket has not accepted all the data by then, drops the peer. Without a link, sends to
+    // the candidate that is being examined, if there is one, and does not block. If the candidate's
+    // socket has no room for all the data, drops the candidate.
     void send(const unsigned char* data, uint64_t length);
 
-    // Waits until the send buffer of the link is nearly empty, because newer data cannot replace
-    // data in this buffer. Waits at most 3 s, and holds no lock meanwhile. If the buffer is then
-    // still not nearly empty, returns false if some of its data was sent meanwhile, or drops the
-    // peer and returns true if no data was sent. In all other cases, returns true.
+    // Waits up to 3 s until the link's send buffer is nearly empty, because newer data cannot
+    // replace data in this buffer. Holds no lock during the wait. If the time runs out, but some
+    // data was sent, returns false; otherwise, returns true. If no data was sent in this time,
+    // drops the peer.
     bool wait_until_sent();
 
   private:
@@ -88,5 +87,5 @@ class NetworkController {
     static void _set_current(const SharedState& state, const NetworkUnit* unit);
 
     const SharedState m_state;
-    std::thread m_worker_thread;  // the search thread of the controller, not of the worker
+    std::thread m_worker_thread;  // runs the searches; has nothing to do with NetworkWorker
 };

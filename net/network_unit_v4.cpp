@@ -20,7 +20,7 @@ namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer counts as gone
 constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send that waits longer for buffer space fails
-constexpr int SYN_RETRANSMISSIONS = 3;    // per call of connect; SEND_TIMEOUT also limits the call
+constexpr int SYN_RETRANSMISSIONS = 3;    // limit for one call of connect
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
@@ -43,8 +43,8 @@ void set_low_water_mark(int fd, int bytes) {
     setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
 }
 
-// Maps its own memory, so that a page costs memory only after the first write to it, and all memory
-// returns to the system when the connection ends.
+// Memory from mmap, because mmap allocates a page only at the first write to it, and munmap returns
+// all pages to the system.
 class ReceiveBuffer {
   public:
     explicit ReceiveBuffer(size_t size)
@@ -104,8 +104,8 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         const int fd = _socket->descriptor();
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
         setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
-        // Deliberate: passes 8 bytes, of which the system reads only the first 4. On a
-        // little-endian machine, these 4 bytes hold the value.
+        // Deliberate: passes 8 bytes, although the system reads only 4. On a little-endian machine,
+        // the first 4 bytes hold the value.
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         _connected = false;
@@ -127,8 +127,8 @@ bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
     if (_socket == nullptr) return false;
     pollfd event = {_socket->descriptor(), POLLOUT, 0};
     if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
-    // With MSG_NOSIGNAL, send returns an error and raises no SIGPIPE if the peer has reset the
-    // connection.
+    // If the peer has reset the connection, MSG_NOSIGNAL makes send return an error instead of
+    // raising SIGPIPE.
     const ssize_t sent = ::send(event.fd, data, length, MSG_NOSIGNAL);
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
@@ -140,9 +140,8 @@ bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length
     return sent >= 0 && static_cast<unsigned long>(sent) == length;
 }
 
-// Also returns Sent if less than one segment is unsent, because TCP may hold such a remainder back
-// until earlier data is acknowledged. After the wait, resets the low-water mark. Otherwise a send
-// could not fill the whole buffer, and a large frame on a slow link would time out.
+// Does not wait for the last segment if it is incomplete, because TCP may hold such a segment back
+// until earlier data is acknowledged.
 NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket) {
     const int fd = socket.descriptor();
     const int before = unsent(fd);
@@ -152,7 +151,9 @@ NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket
     set_low_water_mark(fd, 2 * segment_size(fd));
     pollfd event = {fd, POLLOUT, 0};
     const int ready = poll(&event, 1, POLL_TIMEOUT);
-    set_low_water_mark(fd, 0);  // the system's default
+    // Restore the system's default. With a low mark, a send could not fill the whole buffer, and a
+    // large frame would time out on a slow link.
+    set_low_water_mark(fd, 0);
     if (ready == 1) return Progress::Sent;
     return unsent(fd) < before ? Progress::Sending : Progress::Stalled;
 }
@@ -177,7 +178,8 @@ void NetworkUnitV4::join() {
         ping_thread.swap(_ping_thread);
         tcp_thread.swap(_tcp_thread);
     }
-    // Join without the mutex: a callback on these threads may call send, which locks it.
+    // Join without the mutex, because a callback on these threads may call send, which locks the
+    // mutex.
     if (ping_thread.joinable()) ping_thread.join();
     if (tcp_thread.joinable()) tcp_thread.join();
 }
@@ -191,11 +193,11 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
     if (unit == nullptr) return;
     pthread_setname_np(pthread_self(), "tcp-receive");
     try {
-        // Destroy the callback before the thread counts as ended: when stopped() returns true, this
-        // thread must no longer own any of the callback's objects.
+        // This block destroys the callback before _running is decremented. When stopped() returns
+        // true, this thread must no longer own any of the callback's objects.
         const DataReceivedCallback callback = std::move(on_data);
         unit->_tcp_receive(port, callback);
-    } catch (...) {  // on_data is empty or has thrown: the thread ends without a message
+    } catch (...) {  // the callback is empty or has thrown; end without a message
     }
     --unit->_running;
 }
@@ -212,7 +214,7 @@ void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback
     }
     _connected = true;
 
-    // Not const, because callbacks may send on the unit that they get.
+    // The pointer is not const, because the callback may send through the unit.
     auto* const unit = const_cast<NetworkUnitV4*>(this);
     const ReceiveBuffer buffer(BUFFER_SIZE);
     while (!_stop && !_tcp_stop) {

@@ -1,7 +1,7 @@
 // A network unit of the IPv4 family: discovery by ICMP echo requests or by UDP broadcast, and the
 // TCP connection. Addresses and masks are 32-bit values in network byte order.
 //
-// No wait on a socket is longer than 3 s, so a unit ends soon after a call of stop.
+// No wait on a socket is longer than 3 s, so a unit's threads end soon after they are stopped.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@
 
 class NetworkUnitV4 : public NetworkUnit {
   public:
-    // If ping_packet is empty, discovery sends an ICMP echo request to each address of the subnet,
-    // but to at most 256. Otherwise discovery broadcasts ping_packet by UDP.
+    // If ping_packet is empty, discovery sends an ICMP echo request to each address of the subnet
+    // (at most 256 addresses). Otherwise discovery broadcasts ping_packet by UDP.
     NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
                   const std::vector<unsigned char>& ping_packet);
     ~NetworkUnitV4() override;
@@ -34,9 +34,9 @@ class NetworkUnitV4 : public NetworkUnit {
     uint32_t address() const override { return _address; }
     std::shared_ptr<const NetSocket<>> socket() const override;
 
-    // Waits until less than one segment of the buffered data is still unsent, and returns Sent. If
-    // this takes longer than 3 s, returns Sending if some of the data was sent meanwhile, or
-    // Stalled if none was.
+    // Waits up to 3 s until the socket's send buffer holds less than one segment of unsent data.
+    // Returns Sent if this has succeeded. Otherwise, returns Sending if some data was sent, or
+    // Stalled if no data was sent.
     enum class Progress { Sent, Sending, Stalled };
     static Progress wait_until_sent(const NetSocket<>& socket);
 

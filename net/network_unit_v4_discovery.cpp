@@ -53,8 +53,8 @@ std::unique_ptr<NetSocket<>> open_socket(int type, int protocol) {
 }
 
 void set_common_options(int fd) {
-    // Deliberate: passes 8 bytes, of which the system reads only the first 4. On a little-endian
-    // machine, these 4 bytes hold the value.
+    // Deliberate: passes 8 bytes, although the system reads only 4. On a little-endian machine, the
+    // first 4 bytes hold the value.
     constexpr auto& size = NetworkUnit::BUFFER_SIZE;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
