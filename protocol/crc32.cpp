@@ -1,7 +1,6 @@
 // Three implementations of one checksum: eight lookup tables (any processor), carry-less
-// multiplication (x86-64) and CRC instructions (64-bit Arm). The last two run only if the processor
-// has the instructions. All three update the same CRC value, so one can continue where another has
-// stopped.
+// multiplication (x86-64) and CRC instructions (64-bit Arm). best_update chooses the fastest one
+// that the processor supports.
 #include "protocol/crc32.h"
 
 #include <array>
@@ -19,7 +18,7 @@ namespace {
 
 constexpr uint32_t POLYNOMIAL = 0xEDB88320;  // reflected
 
-// Returns the remainder after one more zero bit, which is a multiplication by x.
+// Returns the remainder after one zero bit has been appended to the data.
 constexpr uint32_t shifted(uint32_t remainder) {
     return (remainder >> 1) ^ ((remainder & 1) != 0 ? POLYNOMIAL : 0);
 }
@@ -70,8 +69,8 @@ constexpr long long power(int n) {
     return static_cast<long long>(remainder) << 1;
 }
 
-// Folding: moves `value` towards the end of the data by BITS bits. The result has the same effect
-// on the CRC at the new position as `value` has at its present position.
+// Folding: returns a value that can replace `value` at a position BITS bits later in the data,
+// without changing the CRC.
 template <int BITS>
 __attribute__((target("pclmul"))) inline __m128i folded(__m128i value) {
     constexpr long long LOW = power(BITS + 32);
@@ -90,7 +89,7 @@ __attribute__((target("pclmul"))) uint32_t update_by_multiplying(uint32_t value,
                                                                  uint64_t length) {
     if (length < 64) return update_by_tables(value, bytes, length);
 
-    // Use four lanes, because the processor can start a multiplication while others still run.
+    // Use four independent lanes, because the processor can run several multiplications at once.
     __m128i lanes[4];
     for (size_t i = 0; i < 4; ++i) lanes[i] = load128(bytes + 16 * i);
     lanes[0] = _mm_xor_si128(lanes[0], _mm_cvtsi32_si128(static_cast<int>(value)));

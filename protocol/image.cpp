@@ -9,9 +9,8 @@ namespace {
 
 constexpr uint32_t RUN_MAX = 65535;  // pixels; a run's length is one 16-bit word
 
-// Pixels per chunk. A chunk's lists of run ends and values fit into the L1 cache. Of the runs that
-// end in a chunk, only the first can be longer than RUN_MAX, because all others also begin in the
-// chunk, which is shorter than RUN_MAX.
+// Pixels per chunk. A chunk is so small that its run ends and values fit into the L1 cache. It is
+// shorter than RUN_MAX, so only a run that begins before the chunk can be longer than RUN_MAX.
 constexpr uint32_t CHUNK = 4096;
 
 }  // namespace

@@ -8,7 +8,7 @@
 namespace {
 
 bool initialised = false;
-// Larger than LZO1X_1_MEM_COMPRESS, which the algorithm needs.
+// The compressor uses only the first LZO1X_1_MEM_COMPRESS bytes of this area.
 alignas(lzo_align_t) unsigned char work_area[1048576];
 
 }  // namespace
@@ -22,9 +22,9 @@ int32_t LzoCompress(const unsigned char* source, unsigned int source_length,
                        "(this usually indicates a compiler bug - try recompiling\nwithout "
                        "optimizations, and enable '-DLZO_DEBUG' for diagnostics)");
         }
-        initialised = true;  // not tried again, even if it failed
+        initialised = true;  // lzo_init is called only once, even if it fails
     }
-    // Only a warning: the compressor is called all the same.
+    // Only logs the error, and still calls the compressor.
     if (source == nullptr || destination == nullptr) write_line(STDOUT_FILENO, "out of memory");
 
     lzo_uint length = *destination_length;

@@ -1,13 +1,12 @@
-// This file is compiled once for each set of vector instructions, because foreach_target.h includes
-// it repeatedly. At run time, libhwy chooses the best set that the processor has. For 64-bit Arm,
-// the file is compiled for one set only (NEON), so nothing has to be chosen and libhwy is not
-// needed.
+// On x86-64, foreach_target.h includes this file once for each set of vector instructions, and
+// libhwy chooses the best set at run time. On 64-bit Arm, the file is compiled for one set only
+// (NEON), without libhwy.
 #include "protocol/run_ends.h"
 
 #include <array>
 
-// Disables all SVE instruction sets (scalable vectors) of Arm, and every instruction set that makes
-// this code no faster than a smaller set does.
+// Disables Arm's SVE instruction sets (scalable vectors), and the sets that do not make this code
+// faster.
 #define HWY_DISABLED_TARGETS \
     (HWY_SSSE3 | HWY_AVX3 | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128)
 #define HWY_WANT_AVX3_DL  // the AVX-512 variant that can compress 16-bit lanes
@@ -21,9 +20,9 @@
 
 namespace {
 
-// Returns byte indices for a shuffle of eight 16-bit lanes. Row i moves the lanes whose bits are
-// set in `i` to the front. Highway (hwy) has such tables, but GCC 12 copies them to the stack for
-// every use.
+// Returns byte indices that shuffle eight 16-bit lanes. Row `bits` moves those lanes to the front
+// whose bit is 1. The tables of Highway (hwy) are not used, because GCC 12 copies them to the stack
+// for every use.
 constexpr auto make_compress_table() {
     std::array<std::array<uint16_t, 8>, 256> table{};
     for (unsigned bits = 0; bits < table.size(); ++bits) {
@@ -68,13 +67,13 @@ HWY_INLINE auto opaque(Tag tag, hn::Vec<Tag> pixels) {
     return hn::Ne(hn::And(pixels, hn::Set(tag, 0xFFFF - TRANSPARENT_MAX)), hn::Zero(tag));
 }
 
-// Returns the lanes in which two pixels belong to different runs.
+// Returns a mask of the lanes in which the two pixels belong to different runs.
 template <class Tag>
 HWY_INLINE auto differ(Tag tag, hn::Vec<Tag> pixels, hn::Vec<Tag> others) {
     return hn::And(hn::Ne(pixels, others), opaque(tag, hn::Or(pixels, others)));
 }
 
-// Returns whether all pixels of a block, and the one after it, belong to one run.
+// Returns whether all pixels of a block and the pixel after the block belong to one run.
 HWY_INLINE bool one_run(const uint16_t* block) {
     const auto first = hn::Set(WIDE, block[0]);
     auto other = differ(WIDE, first, hn::LoadU(WIDE, block + 1));
@@ -101,7 +100,7 @@ size_t find_in_vectors(const uint16_t* HWY_RESTRICT pixels, size_t count,
                 differ(WIDE, hn::LoadU(WIDE, pixels + i), hn::LoadU(WIDE, pixels + i + 1));
 #if HWY_TARGET == HWY_AVX3_DL
             const auto end = hn::Iota(WIDE, static_cast<uint16_t>(i + 1));
-            // Not CompressStore, which needs about a hundred cycles on some processors.
+            // Do not use CompressStore, because it needs a hundred cycles on some processors.
             hn::StoreU(hn::Compress(end, mask), WIDE, ends + found);
             hn::StoreU(hn::Compress(value_at(WIDE, pixels + i), mask), WIDE, values + found);
             found += hn::CountTrue(WIDE, mask);

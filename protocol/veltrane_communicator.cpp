@@ -11,14 +11,14 @@
 
 namespace {
 
-constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; a typical screen needs no reallocation
+constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; enough for a typical screen
 
 // An image is encoded directly into its frame, after the space for the header.
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
 
-// Each connection is identified by a number. A thread receives for one connection only, so the
-// number is thread-local. Unlike a thread's id, such a number is never reused.
+// Each connection has a number. The number is thread-local, because a thread receives for one
+// connection only. A thread's id could be reused, but this number is not.
 std::atomic<uint64_t> last_connection{0};   // the last number assigned
 thread_local uint64_t this_connection = 0;  // 0 until the thread delivers its first bytes
 
@@ -103,7 +103,7 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
     if (stream.size() < STARTING_SEQUENCE.size()) return false;
     const unsigned char* const frame = find_start(stream.begin, stream.size());
     if (frame == nullptr) {
-        // Deliberate: a partial start sequence at the end is dropped, too.
+        // Deliberate: drops all bytes, even if they end with a partial start sequence.
         stream.begin = stream.end;
         return false;
     }
@@ -125,7 +125,7 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
     return stream.size() != 0;
 }
 
-// Keeps an incomplete frame, because the connection's next bytes may complete this frame.
+// Keeps an incomplete frame until the connection's next bytes arrive.
 void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool is_link) {
     const auto kept = m_receive_buffers.find(connection);
     if (stream.size() == 0) {
@@ -211,7 +211,7 @@ std::vector<unsigned char> VeltraneCommunicator::GetIdentityFrame() {
 }
 
 void VeltraneCommunicator::_send(const unsigned char* frame, uint64_t size) {
-    if (size == 0) return;  // the payload was too large, or there is no last image to send again
+    if (size == 0) return;  // the payload is too large, or there is no image to send again
     std::shared_ptr<NetworkController> controller;
     {
         const Lock lock(m_controller_mutex);

@@ -1,12 +1,11 @@
-// Turns the bytes of connections into messages, and messages into frames. Reassembles and checks
-// received bytes, passes messages to the message handler, and answers IdentityRequests itself. Owns
-// no socket and no thread; sends through the controller, and sends nothing without a controller.
+// Implements the link protocol. Reassembles and checks received frames, passes their messages to
+// the message handler, and answers IdentityRequests itself. Builds frames, and sends them through
+// the controller. Without a controller, sends nothing.
 //
-// Keeps each connection's incomplete frame separately. Drops a connection's kept and newly received
-// bytes if they contain no start sequence, if they announce a frame above MAX_SIZE, or if they are
-// more than MAX_SIZE; later frames are not affected. All connections together keep at most MAX_SIZE
-// bytes. Above this limit, the connection that keeps the most bytes loses them; the link loses its
-// bytes only if no other connection keeps any.
+// Keeps the incomplete frame of each connection. Drops the bytes of a connection if they contain no
+// start sequence, if they announce a frame above MAX_SIZE, or if they are more than MAX_SIZE. If
+// the incomplete frames of all connections together exceed MAX_SIZE, drops the largest one, but the
+// link's frame only if there is no other.
 #pragma once
 
 #include <cstdint>
@@ -26,14 +25,14 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
 
     using MessageHandler = std::function<void(uint16_t type, std::vector<unsigned char> payload)>;
 
-    // `device_id` must have exactly 5 bytes, or std::runtime_error is thrown; `firmware` may be any
-    // text.
+    // If `device_id` does not have exactly 5 bytes, throws std::runtime_error. `firmware` may be
+    // any text.
     VeltraneCommunicator(const std::string& device_id, const std::string& firmware);
 
-    // Calls are serialised. Each thread must pass the bytes of one connection only, because an
-    // incomplete frame at the end of `data` waits for the next call from the same thread. A `count`
-    // of 0 changes nothing. If the message handler or `signal` throws, the exception goes to the
-    // caller, and the frame that caused the exception stays buffered.
+    // Each thread must pass the bytes of one connection only, because an incomplete frame is
+    // continued by the next call from the same thread. Calls are serialised. A `count` of 0 changes
+    // nothing. If the message handler or `signal` throws, the exception goes to the caller, and the
+    // frame stays buffered.
     void OnDataReceived(const unsigned char* data, uint64_t count,
                         const std::function<void()>& signal, bool deliver_all) override;
     void OnConnectionEnd() override;
@@ -44,9 +43,8 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     void SendIdentity() override;
     // Sends a DataMessage. Does nothing if `data` is null or `count` is 0.
     void SendData(const unsigned char* data, uint64_t count) override;
-    // Encodes and sends width x height pixels. If `pixels` is null, or the width or height is 0,
-    // sends the last image frame again, if there is one. Only one thread at a time may call
-    // SendImage.
+    // Encodes and sends width x height pixels. If `pixels` is null, or the width or the height is
+    // 0, sends the previous image again, if there is one. Calls of SendImage must not overlap.
     void SendImage(const uint16_t* pixels, uint16_t width, uint16_t height) override;
     std::vector<unsigned char> GetIdentityFrame() override;
 
@@ -59,8 +57,8 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     void _keep(uint64_t connection, const Stream& stream, bool is_link) REQUIRES(m_receive_mutex);
     void _send(const unsigned char* frame, uint64_t size);
 
-    Mutex m_receive_mutex;  // lock it before the two mutexes below
-    // Incomplete frames, by the connection's number; no entry is empty.
+    Mutex m_receive_mutex;  // locked before m_handler_mutex and m_controller_mutex
+    // Incomplete frames by connection number. No entry is empty.
     std::map<uint64_t, std::vector<unsigned char>> m_receive_buffers GUARDED_BY(m_receive_mutex);
 
     Mutex m_handler_mutex;  // held while the handler runs
@@ -73,9 +71,9 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     const std::string m_firmware;
     const std::vector<unsigned char> m_identity_frame;
 
-    // Only the sending thread uses these members. The two vectors swap with every image, so that
-    // nothing is copied or allocated.
+    // Only SendImage uses these members. It swaps the two vectors after it has encoded an image, so
+    // that nothing is copied or allocated.
     std::vector<uint16_t> m_image_frame;       // the next image is encoded here
-    std::vector<uint16_t> m_last_image_frame;  // the image to repeat
-    uint64_t m_last_image_size = 0;            // bytes; 0 if there is no last image
+    std::vector<uint16_t> m_last_image_frame;  // the previous image, kept to be sent again
+    uint64_t m_last_image_size = 0;            // bytes; 0 if there is no previous image
 };
