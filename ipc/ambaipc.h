@@ -1,7 +1,7 @@
-// The part of the vendor's inter-core IPC library (libambaipc) that we use: two calls and their
-// records. A service registers programs. The other core calls a program's procedures. The library
-// runs the procedures on its own threads, never two of one program at once. The library defines the
-// layouts of the records; assertions below check these layouts.
+// Two functions of the vendor's inter-core IPC library (libambaipc), and their structs. The service
+// registers programs, and the real-time core calls the procedures of these programs. The library
+// runs the procedures on its own threads, but never two procedures of one program at once. The
+// assertions below check that the structs have the library's layout.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,8 @@
 
 extern "C" {
 
-// The result record of one call. The library passes the record in, and the procedure fills it. Only
-// the library knows the meaning of the words.
+// The result of one call. The library passes it to the procedure, which fills it in. Only the
+// library knows the meaning of the words.
 struct _AMBA_IPC_SVC_RESULT_s_ {
     uint32_t word_0;
     uint32_t word_4;
@@ -19,13 +19,13 @@ struct _AMBA_IPC_SVC_RESULT_s_ {
     uint32_t word_20;
 };
 
-// A procedure. The argument bytes and the result record are valid only during the call. The length
-// of the argument is not passed.
+// A procedure. `argument` and `result` are valid only during the call. The length of `argument` is
+// not passed.
 typedef void (*IpcProc)(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
 struct IpcProcEntry {
     IpcProc procedure;
-    int32_t word;  // always 0; only the library knows the meaning
+    int32_t word;  // always 0; only the library knows its meaning
 };
 
 struct IpcProgInfo {
@@ -33,8 +33,8 @@ struct IpcProgInfo {
     IpcProcEntry* procedures;  // array of `count` entries
 };
 
-// Makes a program callable under a service name. The library copies `name` and `info` during the
-// call. The service always passes 1 as `last`. Returns 0 on success.
+// Registers a program under the service name `name`. The library copies `name` and `info` during
+// the call. The service always passes 1 as `last`. Returns 0 on success.
 int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, IpcProgInfo* info,
                          int last);
 

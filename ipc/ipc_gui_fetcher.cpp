@@ -21,7 +21,7 @@ namespace {
 constexpr const char* SETTINGS_FILE = "/tmp/FL0/kel.ini";
 constexpr uint64_t PAGE_MASK = 0xFFFFF000;  // Deliberate: drops the address bits above 4 GiB.
 constexpr uint64_t OFFSET_MASK = 0xFFF;
-constexpr uint32_t EXTRA_PAGE = 4096;  // bytes; needed if the frame starts within a page
+constexpr uint32_t EXTRA_PAGE = 4096;  // bytes; for frames that do not start on a page boundary
 
 void clear(_AMBA_IPC_SVC_RESULT_s_* result) {
     result->word_0 = 0;
@@ -71,7 +71,7 @@ void IpcGuiFetcher::loadIdFromIni() {
 
 void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
                                       _AMBA_IPC_SVC_RESULT_s_* result) {
-    if (!m_published) {  // the core has called before the fetcher is constructed
+    if (!m_published) {  // the core may call before the fetcher is constructed
         clear(result);
         return;
     }
@@ -85,9 +85,8 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
         frame = cached->second;
     } else {
         mapPhysBuffer(fetcher, buffer);
-        // `release` runs only if inserting into cached_buffers throws, because a cached buffer is
-        // never released. Deliberate: `release` passes munmap the frame's address, which may not be
-        // page-aligned, and the frame's size, which is less than the size of the mapping.
+        // Deliberate: munmap gets the address and size of the frame, not those of the mapping. This
+        // hardly matters, because `release` runs only if the insertion into cached_buffers throws.
         const auto release = [&fetcher](unsigned char* start) {
             munmap(start, fetcher.m_mappedSize);
         };
@@ -97,15 +96,15 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
 
     {
         const Lock lock(fetcher.m_comLibMutex);
-        // Deliberate: passes the frame size of the latest mapping and ignores buffer.size, because
-        // all frames are assumed to have one size.
+        // Deliberate: passes the size of the most recently mapped frame instead of buffer.size,
+        // because the service assumes that all frames have the same size.
         if (fetcher.m_comLib != nullptr) fetcher.m_comLib->push_frame(frame, fetcher.m_mappedSize);
     }
     clear(result);
 }
 
-// Deliberate: ignores the results of open and mmap. If mmap fails, reading the frame raises a
-// signal that ends the process.
+// Deliberate: does not check whether open and mmap succeed. If they fail, the first access to the
+// frame raises a signal that ends the process.
 void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer) {
     const uint64_t page = buffer.phys_addr & PAGE_MASK;
     const uint64_t offset = buffer.phys_addr & OFFSET_MASK;
@@ -134,6 +133,5 @@ void IpcGuiFetcher::ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_S
         const Lock lock(fetcher->m_comLibMutex);
         fetcher->m_comLib.swap(facade);
     }
-    // When this function returns, `facade` holds the old ComLibInterface, which is destroyed on
-    // this thread. Frames already go to the new one.
+    // `facade` now holds the old ComLibInterface, so the return from this function destroys it.
 }

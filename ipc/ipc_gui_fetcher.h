@@ -1,10 +1,9 @@
-// Receives the GUI from the real-time core. For each frame, the core calls one procedure with the
-// frame's physical address and size. When the device gets a new identity (the QR body), which is
-// rare, the core calls another procedure. The current ComLibInterface sends the frames to the
-// companion; a new identity replaces this object.
+// Receives the GUI from the real-time core. For each frame, the core calls ipcGuiBufReceiver, which
+// passes the frame to ComLibInterface. If the device gets a new identity, the core calls
+// ipcQrBodyReceiver, which replaces the ComLibInterface.
 //
-// Each buffer address is mapped once and stays mapped, so later frames at that address cost no
-// system call. No static object is destroyed at exit, because the core may still call then.
+// A frame buffer stays mapped, so that only its first frame costs system calls. No static object is
+// destroyed at exit, because the core may still call a procedure during the exit.
 #pragma once
 
 #include <atomic>
@@ -20,9 +19,9 @@ class ComLibInterface;
 
 constexpr uint32_t IPC_PROG_GUI_BUF = 0x70000004;
 constexpr uint32_t IPC_PROG_QR_BODY = 0x70000005;
-constexpr uint32_t IPC_SVC_VERSION = 1;  // both programs have this version
+constexpr uint32_t IPC_SVC_VERSION = 1;  // version of the two programs above
 
-// The argument of a frame call, little-endian.
+// The argument of ipcGuiBufReceiver, little-endian.
 struct GuiBufferArg {
     uint64_t phys_addr;  // address of the frame's first byte
     uint32_t size;       // size of the frame in bytes
@@ -30,23 +29,23 @@ struct GuiBufferArg {
 
 class IpcGuiFetcher {
   public:
-    // Returns the only instance. The first call constructs it: reads the identity from the settings
-    // file, constructs the first ComLibInterface (see its constructor for what it throws), and
-    // registers the procedures of both IPC programs.
+    // Returns the only instance. The first call constructs the instance: it reads the identity from
+    // the settings file, constructs a ComLibInterface (whose constructor may throw), and registers
+    // the two procedures below.
     static std::shared_ptr<IpcGuiFetcher> getInstance();
 
     ~IpcGuiFetcher();
     IpcGuiFetcher(const IpcGuiFetcher&) = delete;
     IpcGuiFetcher& operator=(const IpcGuiFetcher&) = delete;
 
-    // The procedure for a frame; `argument` is a GuiBufferArg. Calls must not overlap. When a call
-    // returns, the core may reuse the frame's memory. If the frame cannot be mapped, the process
-    // ends.
+    // The core calls this procedure for each frame. `argument` is a GuiBufferArg. Calls must not
+    // overlap. After the call, the core may reuse the frame's memory. If the frame cannot be
+    // mapped, the process ends.
     static void ipcGuiBufReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
-    // The procedure for a new identity; `argument` is a zero-terminated text of five characters.
-    // Any other length ends the process. Replaces the ComLibInterface, and returns after the old
-    // one has been destroyed. Does not write to `result`.
+    // The core calls this procedure to set a new identity. `argument` is a zero-terminated text of
+    // five characters; any other length ends the process. Destroys the old ComLibInterface before
+    // the call returns. Does not write to `result`.
     static void ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
   private:
@@ -55,19 +54,20 @@ class IpcGuiFetcher {
     static void loadIdFromIni();
     static void mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer);
 
-    // Address and size of the frame at the latest mapping. Only frame calls use these members.
+    // Address and size of the most recently mapped frame. They need no mutex, because calls of
+    // ipcGuiBufReceiver do not overlap.
     unsigned char* m_mappedBuffer = nullptr;
     uint64_t m_mappedSize = 0;
 
     std::shared_ptr<ComLibInterface> m_comLib GUARDED_BY(m_comLibMutex);
-    Mutex m_comLibMutex;  // held during push_frame, so that *m_comLib is not destroyed meanwhile
+    Mutex m_comLibMutex;  // held while push_frame uses *m_comLib
 
     static std::string& ID;        // identity of the first ComLibInterface; does not change later
     static const std::string& fw;  // firmware version text
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
     static std::atomic<bool> m_published;  // if true, m_guiFetcher is set and will not change
     static Mutex m_instanceMutex;          // held while the fetcher is constructed
-    // Mappings by physical address. No mapping is removed, because a display cycles through only a
-    // few buffers.
+    // The mapped frame buffers by physical address. They are never removed, because the core uses
+    // only a few buffers.
     static std::map<uint64_t, std::shared_ptr<unsigned char>>& cached_buffers;
 };

@@ -16,8 +16,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr uint64_t SMALL_FRAME_SIZE = 1'572'864;  // bytes; 1024 x 768 pixels of 16 bits
-constexpr auto ALIVE_TIMEOUT = 2s;   // a companion that is silent for longer gets no new frames
-constexpr auto SENDER_WAIT = 500ms;  // the longest pause between two images on the link
+constexpr auto ALIVE_TIMEOUT = 2s;   // without a keep-alive for this long, new frames are dropped
+constexpr auto SENDER_WAIT = 500ms;  // after this time, the last image is sent again
 
 }  // namespace
 
@@ -41,7 +41,7 @@ ComLibInterface::ComLibInterface(const std::string& id, const std::string& fw)
 ComLibInterface::~ComLibInterface() {
     m_stop = true;
     m_sender_thread.join();
-    // Receive threads outlive this object and may run the handler, which holds a pointer to it.
+    // Remove the handler, because it uses this object and receive threads outlive this object.
     m_communicator->SetMessageHandler({});
 }
 
@@ -66,8 +66,8 @@ void ComLibInterface::push_frame(std::shared_ptr<unsigned char> frame, uint64_t 
 
     const Lock lock(m_frame_mutex);
     _set_resolution(size);
-    // Deliberate: does not clamp `size`, and reads any smaller frame as a whole 1024 x 768 one. The
-    // core is trusted.
+    // Deliberate: does not reject a size above FRAME_BUFFER_SIZE, because the core is trusted.
+    // Every frame below FRAME_BUFFER_SIZE is read as 1024 x 768 pixels.
     ReadFrame(m_back.data(), frame.get(), size >= FRAME_BUFFER_SIZE ? size : SMALL_FRAME_SIZE);
     m_frame_cv.notify_all();
     m_frame_ready = true;
@@ -77,9 +77,9 @@ void ComLibInterface::_sender_loop() {
     pthread_setname_np(pthread_self(), "frame-sender");
     const Lock wait_lock(m_wait_mutex);
     while (!m_stop) {
-        // Fetch a frame only when it can be sent at once. Until then, newer frames replace it.
+        // Do not fetch a frame before it can be sent, so that a newer frame can still replace it.
         if (!m_controller->wait_until_sent()) continue;
-        // A notification during SendImage is lost, but m_frame_ready stays set, so the next wait
+        // A notification during SendImage is lost. But m_frame_ready is true then, so wait_for
         // returns at once.
         const auto ready = [this]() REQUIRES(m_frame_mutex) { return m_frame_ready; };
         Lock lock(m_frame_mutex);
@@ -98,7 +98,7 @@ void ComLibInterface::_sender_loop() {
     }
 }
 
-// Runs on the receive thread of the unit that delivered the bytes.
+// Runs on the receive thread of a network unit.
 void ComLibInterface::_on_message(uint16_t type, const std::vector<unsigned char>& payload) {
     switch (type) {
         case ControlMessage:
@@ -109,7 +109,7 @@ void ComLibInterface::_on_message(uint16_t type, const std::vector<unsigned char
                 const uint32_t button = payload.at(0);
                 SendButtonCommand(button);
                 write_line(STDOUT_FILENO, {"BUTTON ", std::to_string(button)});
-            } catch (...) {  // an empty payload, or no memory: the press is lost
+            } catch (...) {  // if the payload is empty or memory is short, drop the press
             }
             return;
         case DataMessage:

@@ -1,8 +1,8 @@
-// The one object through which the GUI reaches the companion: frames go out, messages come in.
+// Sends the GUI's frames to the companion, and handles the companion's messages.
 //
-// One slot: the newest frame wins. A new frame overwrites a frame that the sender has not fetched
-// yet, so a slow link never builds a backlog. Frames are accepted only while keep-alives arrive
-// from the companion. Without a new frame, the last image is sent again every 500 ms.
+// At most one frame waits to be sent. A newer frame replaces it, so a slow link builds no backlog.
+// Frames are accepted only while keep-alives arrive from the companion. Without a new frame, the
+// last image is sent again every 500 ms.
 #pragma once
 
 #include <atomic>
@@ -21,21 +21,20 @@ class VeltraneCommunicator;
 
 class ComLibInterface {
   public:
-    // Bytes of the largest frame that is accepted: 1280 x 960 pixels of 16 bits.
+    // Size of the largest frame in bytes: 1280 x 960 pixels of 16 bits.
     static constexpr uint64_t FRAME_BUFFER_SIZE = 2'457'600;
 
-    // Starts to search for a companion. `id` is the device's identity and must have exactly 5
-    // bytes, or std::runtime_error is thrown; `fw` is the device's firmware version text.
+    // Starts to search for a companion. `id` is the device's identity; if it does not have exactly
+    // 5 bytes, throws std::runtime_error. `fw` is the device's firmware version text.
     ComLibInterface(const std::string& id, const std::string& fw);
-    // Drops the link. Takes up to about 1.5 s, or longer if a send blocks.
+    // Closes the link. Blocks for up to about 1.5 s, or longer if a send blocks.
     ~ComLibInterface();
     ComLibInterface(const ComLibInterface&) = delete;
     ComLibInterface& operator=(const ComLibInterface&) = delete;
 
-    // Offers a frame. A size of FRAME_BUFFER_SIZE means 1280 x 960 pixels. The caller must not pass
-    // a larger size; push_frame does not check this. Any smaller size means 1024 x 768 pixels:
-    // push_frame then reads 1,572,864 bytes, even if `size` is less. It copies the bytes and does
-    // not wait for the network.
+    // Copies a frame, without waiting for the network. If `size` is FRAME_BUFFER_SIZE, the frame
+    // has 1280 x 960 pixels. If `size` is smaller, the frame has 1024 x 768 pixels, and push_frame
+    // always reads 1,572,864 bytes. `size` must not be larger, but push_frame does not check this.
     void push_frame(std::shared_ptr<unsigned char> frame, uint64_t size);
 
   private:
@@ -47,7 +46,8 @@ class ComLibInterface {
     void _on_message(uint16_t type, const std::vector<unsigned char>& payload);
     void _sender_loop();
 
-    // Destroyed in reverse order: the controller first, because it uses the communicator.
+    // Keep this order, so that the controller is destroyed before the communicator. The controller
+    // uses the communicator.
     std::shared_ptr<VeltraneCommunicator> m_communicator;
     std::shared_ptr<NetworkController> m_controller;
 
@@ -57,11 +57,11 @@ class ComLibInterface {
     std::vector<unsigned char> m_back GUARDED_BY(m_frame_mutex);
     std::thread m_sender_thread;
     std::condition_variable_any m_frame_cv;
-    Mutex m_wait_mutex;  // held by the sender thread for its whole life
+    Mutex m_wait_mutex;  // the sender thread holds this mutex as long as it runs
     Mutex m_frame_mutex;
-    bool m_frame_ready GUARDED_BY(m_frame_mutex) = false;  // a new frame waits in m_back
+    bool m_frame_ready GUARDED_BY(m_frame_mutex) = false;  // true if m_back holds a new frame
 
-    Clock::time_point m_last_alive GUARDED_BY(m_alive_mutex);  // when the last keep-alive came
+    Clock::time_point m_last_alive GUARDED_BY(m_alive_mutex);  // when the latest keep-alive arrived
     Mutex m_alive_mutex;
 
     std::atomic<bool> m_stop{false};

@@ -4,11 +4,11 @@
 
 namespace {
 
-// The widest load that every x86-64 and every 64-bit Arm processor has.
+// 16 bytes are the widest load that all x86-64 and 64-bit Arm processors have.
 using Vector [[gnu::vector_size(16), gnu::may_alias]] = unsigned char;
 using Word [[gnu::may_alias]] = uint64_t;
 
-constexpr size_t AT_ONCE = 8;  // vectors loaded before the first one is stored
+constexpr size_t AT_ONCE = 8;  // vectors; loaded together before they are stored
 
 // Without volatile, the compiler would turn the loops below into calls of memcpy.
 template <typename T>
@@ -32,7 +32,7 @@ bool aligned(const unsigned char* address) {
 
 }  // namespace
 
-// tests/wide_loads_test.sh inspects the generated code.
+// tests/wide_loads_test.sh checks that the compiled function uses wide, aligned loads.
 void CopyWide(unsigned char* to, const unsigned char* from, size_t size) {
     while (size != 0 && !aligned<Word>(from)) copy<uint8_t>(to, from, size);
     if (size >= sizeof(Word) && !aligned<Vector>(from)) copy<Word>(to, from, size);
