@@ -1,12 +1,13 @@
-"""count.py RECORD [--record] -- COMMAND...: runs guilink-instructions under the counting plugin, prints a
-table of instructions per pixel, and compares the figures with the file RECORD, or writes them there (--record).
-Exits with status 1 if a figure is more than 2 % higher than the recorded one."""
+"""count.py RECORD [--record] -- COMMAND...: prints a table of instructions per pixel.
+
+COMMAND runs guilink-instructions under the counting plugin. Exits with status 1 if a number is more than 2 %
+higher than in the file RECORD. With --record, writes the numbers to RECORD instead."""
 
 import subprocess
 import sys
 
-KNOWN_LENGTH = 10_000_000  # instructions; length of a loop that checks the plugin; as in bench/mark.h
-LOOP_SETUP = 16  # limit for the instructions just before and after the loop
+KNOWN_LENGTH = 10_000_000  # instructions in the loop that checks the plugin; same value in bench/mark.h
+LOOP_SETUP = 16  # instructions; most that may be counted in addition to this loop
 TOLERANCE = 1.02
 WAYS = ["encode", "literal encode", "checksum", "table checksum", "copy"]
 
@@ -18,7 +19,7 @@ def count(command):
     counts = [int(line) for line in result.stderr.splitlines()]
     if len(names) != len(counts):
         sys.exit(f"count: {len(names)} measures, but {len(counts)} counts; did the plugin run?")
-    around = counts[0]  # overhead: two marks with nothing between them
+    around = counts[0]  # overhead: instructions counted when there is no code to measure
     loop = counts[1] - around
     if not KNOWN_LENGTH <= loop <= KNOWN_LENGTH + LOOP_SETUP:
         sys.exit(f"count: a loop of {KNOWN_LENGTH} instructions counts as {loop}")
@@ -46,7 +47,7 @@ def main():
     status = 0
     for name in counted.keys() | recorded.keys():
         now, before = counted.get(name), recorded.get(name)
-        # A difference of one instruction per thousand pixels is rounding and start-up.
+        # Tolerate another 0.001 instructions per pixel for rounding and start-up.
         if now is None or before is None or now > before * TOLERANCE + 0.001:
             print(f"count: {name}: {now} instructions a pixel, {before} recorded", file=sys.stderr)
             status = 1

@@ -1,7 +1,8 @@
-// guilink-latency LINK [SECONDS [SCENE]]: measures a frame's time from push_frame to the companion,
-// and a button press's time from the companion to the device's control service, with the real
-// service and companion in one process. Run it only inside the sandbox. Prints tab-separated lines:
-// link, subject, figure, value.
+// guilink-latency LINK [SECONDS [SCENE]]: measures how long a frame takes from push_frame to the
+// companion, and how long a button press takes from the companion to the device's control service.
+// The real service and the companion run in this process. Start guilink-latency only inside the
+// sandbox. Each printed line has four fields, separated by tabs: LINK, the scene or "button", the
+// name of a statistic, and its value.
 #include <poll.h>
 
 #include <algorithm>
@@ -30,17 +31,17 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr auto LIMIT = 30s;                      // time-out of a wait for a frame or the link
-constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // between frames, at 60 frames a second
-constexpr int ROUNDS = 200;                      // at most; each round is one frame or one press
+constexpr auto LIMIT = 30s;                      // limit of each wait for a frame or the link
+constexpr Milliseconds FRAME_TIME(1000.0 / 60);  // interval of 60 frames a second
+constexpr int ROUNDS = 200;                      // limit of frames or presses per measurement
 constexpr double SECONDS = 5;                    // default length of a measurement
 
-// Thrown when a frame, the link or a button press is missing after the time-out. A busy machine may
-// be the cause, because the link ends if this process stalls for 2 s.
+// Thrown if a frame, the link or a button press does not arrive in time. A busy machine may be the
+// cause, because the link ends if this process stalls for 2 s.
 struct Missing : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-constexpr int TRY_AGAIN = 75;  // exit status
+constexpr int TRY_AGAIN = 75;  // exit status after Missing
 
 struct Arrival {
     Clock::time_point received;
@@ -88,7 +89,7 @@ class Report {
     void figure(const std::string& subject, const std::string& name, double value) const {
         std::cout << m_link << '\t' << subject << '\t' << name << '\t' << value << '\n';
     }
-    // Prints the median and the 99th percentile of `values`, which are milliseconds.
+    // Prints the median and the 99th percentile of `values` (milliseconds).
     void spread(const std::string& subject, const std::string& name,
                 std::vector<double> values) const {
         if (values.empty()) return;
@@ -178,7 +179,7 @@ void link_up(Device& device, Watch& watch, Picture& picture) {
         device.push(picture);
         std::this_thread::sleep_for(10ms);
     }
-    // Wait for the last frame, so that no earlier frame disturbs a measurement.
+    // Wait for one more frame, so that no earlier frame arrives during a measurement.
     watch.wait(device.push(picture));
 }
 
@@ -198,8 +199,8 @@ void one_by_one(Device& device, Watch& watch, Picture& picture, const Report& re
     report.spread(picture.name, "decoded", decoded);
 }
 
-// Pushes frames at the full frame rate. Measures how old each frame is when it is shown, and how
-// old it is when the next frame replaces it.
+// Pushes frames at the full frame rate. Measures the age of each frame when the companion receives
+// it, and its age when the next frame replaces it.
 void flooded(Device& device, Watch& watch, Picture& picture, const Report& report) {
     Queue queue;
     std::map<uint16_t, Clock::time_point> pushed;
@@ -248,7 +249,7 @@ void buttons(Companion& companion, ControlService& control, const Report& report
 // Returns a picture with as many runs of one pixel as fit into a message (1 MiB).
 Picture largest(Picture blank) {
     constexpr size_t RUNS =
-        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // leaves some runs for the remaining blank pixels
+        (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // leaves room for the runs of the other, blank pixels
     for (size_t i = 0; i < RUNS; ++i) blank.pixels[i] = i % 2 == 0 ? 0xF123 : 0xFABC;
     blank.name = "largest";
     return blank;
@@ -268,8 +269,8 @@ int run(int argc, char** argv) {
                          .text = {}});
     Device device;
     std::vector<Picture> pictures = draw_pictures(1280, 960);
-    // The last picture is noise, which is too large for a message. Replace it with the largest
-    // picture that fits.
+    // Noise, the last picture, is too large for a message. Replace it with the largest picture that
+    // fits.
     pictures.back() = largest(pictures.front());
     link_up(device, watch, pictures.front());
     for (Picture& picture : pictures) {

@@ -1,9 +1,9 @@
-// Constants that guilink-instructions shares with the plugin that counts its instructions.
+// Constants of guilink-instructions and of the plugin that counts instructions (count_plugin.cpp).
 #pragma once
 
 namespace guilink {
 
-constexpr long MARK = 26'485;  // a system call number that nothing else uses; sets a mark
-constexpr long KNOWN_LENGTH = 10'000'000;  // instructions; length of a loop that checks the plugin
+constexpr long MARK = 26'485;  // unused system call number; each call starts or stops a count
+constexpr long KNOWN_LENGTH = 10'000'000;  // instructions in the loop that checks the plugin
 
 }  // namespace guilink

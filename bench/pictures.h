@@ -1,4 +1,5 @@
-// The measured pictures, from blank to the worst case: the simulated core's scenes and a few more.
+// The pictures that the benchmarks encode: some scenes of the simulated core, a blank picture,
+// text, and noise, which is the encoder's worst case.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +17,8 @@ struct Picture {
     size_t size() const { return pixels.size() * sizeof pixels[0]; }
 };
 
-// Returns blank, overlay, menu, text, gradient and noise, in this order. Their pixels are the same
-// in every run.
+// Returns the pictures blank, overlay, menu, text, gradient and noise, in this order. Every call
+// returns the same pixels.
 std::vector<Picture> draw_pictures(uint16_t width, uint16_t height);
 
 }  // namespace guilink

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""report.py FOLDER CHART: prints tables of the results of scripts/bench, and draws a chart.
+"""report.py FOLDER CHART: prints tables of the results that scripts/bench has written to FOLDER, and draws CHART.
 
-All times are processor times. The time of a run is the median of its repetitions. The tables show the best run."""
+All times are processor times. Each run of guilink-bench repeats every benchmark and reports the median time. The
+tables show the best result of all runs."""
 
 import collections
 import glob
@@ -13,7 +14,7 @@ SIZES = ["1280x960", "1024x768"]
 
 
 def read_runs(folder):
-    """Returns [{benchmark: median processor time in ns}], one dictionary per run."""
+    """Returns one dictionary per run: {benchmark: median processor time in ns}."""
     runs = []
     for path in sorted(glob.glob(folder + "/*.json")):
         with open(path, encoding="utf-8") as file:
@@ -39,7 +40,7 @@ def report_speed(runs):
         return min(run[name] for run in runs)
 
     def best(ours, theirs):
-        """Returns the highest ratio of theirs to ours that any run has reached."""
+        """Returns the highest ratio of the time of `theirs` to the time of `ours` in any run."""
         return max(run[theirs] / run[ours] for run in runs)
 
     for size in SIZES:
@@ -83,22 +84,24 @@ def report_speed(runs):
 
 
 def read_links(folder):
-    """Returns {(link, side): {subject: {figure: [value of each run]}}}. A link's name is its rate in
-    Mbit/s, or "0" for plain loopback."""
+    """Returns {(link, side): {subject: {statistic: [value of each run]}}}.
+
+    A link is named by its rate in Mbit/s, or "0" for plain loopback. The side is "before" or "after". The subject
+    is a scene or "button"."""
     links = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
     for path in glob.glob(folder + "/*.tsv"):
         with open(path, encoding="utf-8") as file:
             for line in file:
                 if line.count("\t") != 3:
                     continue  # a log line of the service
-                link, subject, figure, value = line.rstrip("\n").split("\t")
-                links[tuple(link.split())][subject][figure].append(float(value))
+                link, subject, statistic, value = line.rstrip("\n").split("\t")
+                links[tuple(link.split())][subject][statistic].append(float(value))
     return links
 
 
 def report_links(links):
     def cell(figures, *names):
-        """Returns the best run's figures, because a busy machine only makes figures worse."""
+        """Returns the smallest value of each figure, because a busy machine can only increase the times."""
         found = [min(figures[name]) for name in names if name in figures]
         return " / ".join(f"{value:.{0 if value >= 100 else 1}f}" for value in found) or "none"
 
@@ -133,7 +136,7 @@ def report_links(links):
 
 
 def draw(runs, path):
-    """Draws bars: the microseconds for one 1280x960 frame of each scene."""
+    """Draws a bar chart of the microseconds for one 1280x960 frame of each scene."""
     ways = [
         ("memcpy", "memcpy of the frame", "#9aa5b1"),
         ("encode", "encode", "#1f77b4"),

@@ -1,8 +1,8 @@
-// scripts/bench preloads this library into guilink-latency. The library gives the link's socket the
-// options that it has on most devices: cubic congestion control, and the send buffer of Linux
-// before 6.17. If the variable GUILINK_BEFORE is in the environment, the library also makes ioctl
-// report that all data has been sent, so the service's wait_until_sent returns at once.
-// scripts/bench compares the service with and without this wait.
+// scripts/bench preloads this library into guilink-latency. The library configures the link's
+// socket as on most devices, with cubic congestion control and the send buffer of Linux
+// before 6.17. If the environment variable GUILINK_BEFORE is set, the library also makes ioctl
+// report that all data has been sent. Then the service's wait_until_sent returns at once, so that
+// scripts/bench can measure the service without this wait.
 #include <dlfcn.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>

@@ -1,6 +1,6 @@
-// Measures the service's processor time for one picture: to copy and encode it, compute the
-// checksum, complete the frame, and send it over loopback to a receiver that reads. Then measures
-// the same work with the reference encoder and checksum.
+// Measures the processor time that the service needs to copy and encode a picture, complete the
+// frame, and send the frame over loopback. Also measures the same work with the reference encoder
+// and the reference checksum.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
@@ -30,7 +30,7 @@ void expect(bool success, const char* attempt) {
     if (!success) throw std::runtime_error(std::string("whole frame: cannot ") + attempt);
 }
 
-// A TCP connection over loopback. A thread reads everything that arrives at the receiving end.
+// A TCP connection over loopback. A thread reads all data at the receiving end.
 class DrainedConnection {
   public:
     DrainedConnection() {
@@ -42,7 +42,7 @@ class DrainedConnection {
         auto* const name = reinterpret_cast<sockaddr*>(&address);
         expect(bind(listener, name, size) == 0 && listen(listener, 1) == 0, "listen");
         expect(getsockname(listener, name, &size) == 0, "find the port");
-        const int buffer = 0x100000;  // as in the service
+        const int buffer = 0x100000;  // bytes, as in the service
         setsockopt(m_sender, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
         expect(connect(m_sender, name, size) == 0, "connect");
         m_drain = std::thread([receiver = accept(listener, nullptr, nullptr)] {
