@@ -1,5 +1,5 @@
-"""Test cases and their verdicts. A case names the rules that it checks. Its function plays the other end of the link
-for the subject, which is the companion or device under test."""
+"""Test cases and their verdicts. The subject is the companion or device under test. Each case checks some rules,
+and has a function that plays the other end of the link."""
 from __future__ import annotations
 
 import time
@@ -43,7 +43,7 @@ CASES: dict[str, list[Case]] = {"companion": [], "device": []}
 
 
 def case(side: str, *rules: str, gentle: bool = True) -> Callable[[Any], Any]:
-    """Registers a function as a case, with its name and its docstring."""
+    """Registers a function as a case. The case gets the function's name and docstring."""
     unknown = [rule for rule in rules if not RULES[rule].binds(side)]
     assert not unknown, unknown
 
@@ -56,21 +56,21 @@ def case(side: str, *rules: str, gentle: bool = True) -> Callable[[Any], Any]:
 
 @dataclass
 class Judge:
-    """Notes the rules that were kept, and stops at the first broken rule of strength "must"."""
+    """Records which rules were kept, and throws Broken at the first broken rule whose strength is "must"."""
 
     kept: set[str] = field(default_factory=set)
     warnings: list[Fault] = field(default_factory=list)
 
     def require(self, rule: str, holds: object, text: str, expected: bytes = b"",
                 actual: bytes = b"") -> None:
-        """Notes the rule as kept or broken. If the rule is broken, `text` says what was seen."""
+        """Records the rule as kept or broken. If the rule is broken, `text` says what was seen."""
         if holds:
             self.kept.add(rule)
         else:
             self.blame(rule, text, expected, actual)
 
     def refuse(self, rule: str, broken: object, text: str, actual: bytes = b"") -> None:
-        """Notes the rule as broken if `broken` is true. Otherwise, unlike `require`, notes nothing."""
+        """If `broken` is true, records the rule as broken. Otherwise records nothing."""
         if broken:
             self.blame(rule, text, b"", actual)
 
@@ -85,17 +85,17 @@ class Judge:
 class Result:
     case: Case
     verdict: str
-    fault: Fault | None = None  # if the verdict is failed, warned or expected
-    reason: str = ""            # if the verdict is untestable
+    fault: Fault | None = None  # only for the verdicts "failed", "warned" and "expected"
+    reason: str = ""            # only for the verdict "untestable"
     kept: set[str] = field(default_factory=set)
     exchange: Exchange = field(default_factory=Exchange)
     seconds: float = 0.0
     attempts: int = 1
-    output: str = ""            # the last part of the subject's output
+    output: str = ""            # the end of the subject's output
 
     @property
     def identifier(self) -> str:
-        """The line that stands for this result in a baseline, which is a file of expected faults."""
+        """The line for this result in a baseline file, which lists expected faults."""
         return f"{self.case.name} {self.fault.rule if self.fault else ''}".strip()
 
 
@@ -110,8 +110,7 @@ def run_once(case: Case, trial: Any, stage: Stage) -> Result:
         broken = [error.fault]
     except Untestable as error:
         result.verdict, result.reason = UNTESTABLE, str(error)
-    # If the subject has crashed or sent faulty bytes, report this first, because it may have caused the fault that
-    # `case.play` found.
+    # Report a crash or faulty bytes first, because they may be the cause of the fault that `case.play` found.
     faults = trial.died() + [f for f in stage.faults if RULES[f.rule].strength == "must"] + broken
     if faults and not (broken and trial.gave_up()):
         result.verdict, result.fault = FAILED, faults[0]

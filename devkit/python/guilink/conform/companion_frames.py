@@ -1,4 +1,4 @@
-"""Test cases: a companion receives split, joined and damaged frames. What it then shows decides the verdict."""
+"""Test cases: a companion receives split, joined and damaged frames, and must show the right image."""
 from __future__ import annotations
 
 from typing import Callable
@@ -37,7 +37,7 @@ def frame_byte_by_byte(trial: Trial) -> None:
 
 @case("companion", "FRAME-4")
 def frames_cut_at_every_place(trial: Trial) -> None:
-    """The device sends images, each split at another byte; the companion must show the image after them."""
+    """The device splits many images in two; the companion must show the whole image that follows."""
     channel, first, wanted = trial.candidate(), image(PLAIN), trial.picture()
     for cut in range(1, len(first)):
         channel.send_parts(first[:cut], first[cut:])
@@ -59,7 +59,8 @@ def bytes_between_frames(trial: Trial) -> None:
     """The device sends stray bytes, then an image; the companion must show the image."""
     def send(channel: Channel, data: bytes) -> None:
         watch_of(channel).answering = False
-        trial.keep_alives(channel, 1)  # wait until the companion has read all, so that the stray bytes arrive alone
+        # Wait until the companion has read all earlier bytes, so that the stray bytes arrive separately.
+        trial.keep_alives(channel, 1)
         channel.send(GARBAGE + image(PLAIN) + START[:20] + GARBAGE + START[:31] + data)
 
     shows_after(trial, "FRAME-5", "bytes before the frame", send)
@@ -75,7 +76,7 @@ def bytes_without_a_frame(trial: Trial) -> None:
 
 @case("companion", "FRAME-6")
 def wrong_checksum(trial: Trial) -> None:
-    """A frame with a wrong checksum, then a good one; the companion must show only the good one."""
+    """The device sends a damaged image and a good one; the companion must show only the good one."""
     damaged = bytearray(image(PLAIN))
     damaged[HEADER.size - 10] ^= 1  # changes the checksum
 
@@ -94,7 +95,7 @@ def wrong_checksum(trial: Trial) -> None:
 
 @case("companion", "FRAME-7")
 def absurd_length(trial: Trial) -> None:
-    """The device sends headers with too large a length; the companion must show the image after them."""
+    """The device sends impossible lengths, each before an image; the companion must show the last image."""
     def send(channel: Channel, data: bytes) -> None:
         for length in (0xFFFFFFFF, 0x80000000, MAX_PAYLOAD + 1):
             channel.send(HEADER.pack(START, 0, length, MessageType.IMAGE))
@@ -108,7 +109,7 @@ def absurd_length(trial: Trial) -> None:
 def unknown_types(trial: Trial) -> None:
     """The device sends frames of types that a companion does not use; the companion must skip them."""
     others = [frame(kind, b"x" * kind) for kind in (0, 1, 4, 5, 7, 99, 255)]
-    largest = frame(0xFFFF, image(PLAIN) * 3)  # its payload contains frames, which the companion must not read
+    largest = frame(0xFFFF, image(PLAIN) * 3)  # the payload contains frames, which the companion must ignore
 
     first = trial.picture()
 
@@ -125,7 +126,7 @@ def unknown_types(trial: Trial) -> None:
 
 @case("companion", "FRAME-12", gentle=False)
 def damaged_length(trial: Trial) -> None:
-    """The device sends a wrong but possible length; after at most 1 MiB the companion must show an image."""
+    """The device sends a header with a wrong length, then images; the companion must show an image."""
     wanted = trial.picture()
     channel = trial.candidate()
     channel.send(HEADER.pack(START, 1, MAX_PAYLOAD, MessageType.IMAGE))
@@ -149,7 +150,7 @@ def largest_image(trial: Trial) -> None:
 
 @case("companion", "LINK-8")
 def half_a_frame_on_the_last_connection(trial: Trial) -> None:
-    """A connection ends inside a frame, and the next begins with an image, which the companion must show."""
+    """A connection ends inside a frame; the companion must show the first image of the next connection."""
     channel = trial.link()
     channel.send(HEADER.pack(START, 1, MAX_PAYLOAD // 2, MessageType.IMAGE) + bytes(100))
     trial.keep_alives(channel, 1)

@@ -15,9 +15,9 @@ DEAD = 9               # number of connections that the device closes before the
 REPEATS = 3            # number of further ConnectRequests that the companion must send
 KEEP_ALIVES = 5        # number of ControlMessages to wait for
 MUST_GAP = 2.0         # s; longest permitted time between two ControlMessages
-SHOULD_GAP = 1.0       # s between two ControlMessages; the kit warns above this. 0.5 s is recommended.
+SHOULD_GAP = 1.0       # s; the kit warns if the typical time between two ControlMessages is longer
 LOAD = 120             # number of images that the device sends without a pause
-STALL = 3.0            # s; a device closes the link after its send buffer has been full for this long
+STALL = 3.0            # s; if the device's send buffer stays full for this long, a device closes the link
 
 
 @case("companion", "LINK-1", "LINK-2")
@@ -49,7 +49,7 @@ def damaged_image_is_no_link(trial: Trial) -> None:
 
 @case("companion", "PRESS-1", "PRESS-2")
 def presses_nothing_early(trial: Trial) -> None:
-    """The device holds back its answers and images; until they arrive, the companion must not press."""
+    """Until the device sends an answer or an image, the companion must not send a ButtonMessage."""
     channel = trial.candidate()
     watch_of(channel).answering = False
     trial.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= 2, SECOND)
@@ -123,7 +123,7 @@ def late_broadcast_of_an_old_search(trial: Trial) -> None:
 
 @case("companion", "LINK-3", "LINK-10")
 def link_ends_in_every_way(trial: Trial) -> None:
-    """The device closes or resets a connection, even inside a frame; the companion must answer again."""
+    """The device closes or resets a connection; the companion must answer the next broadcast."""
     inside = frame(MessageType.IMAGE, encode(PLAIN))[:50]
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link()
@@ -163,7 +163,7 @@ def judge_keep_alives(trial: Trial, channel: Channel) -> None:
 
 @case("companion", "TIME-2", "TIME-4", gentle=False)
 def reads_and_speaks_under_load(trial: Trial) -> None:
-    """The device sends images without a pause; the companion must read all and send its keep-alives."""
+    """The device sends images without a pause; the companion must read them all and send keep-alives."""
     channel = trial.link()
     trial.keep_alives(channel, 1)
     channel.stall = STALL
@@ -193,7 +193,7 @@ def device_falls_silent(trial: Trial) -> None:
 
 @case("companion", "LINK-3", "LINK-10", gentle=False)
 def a_long_life_in_seconds(trial: Trial) -> None:
-    """The device links twelve times and drops each link; the companion must link once more."""
+    """The device drops the link twelve times; the companion must get a new link each time."""
     for i in range(12):
         channel = trial.candidate()
         for _ in range(20):

@@ -1,4 +1,4 @@
-"""What the test cases for companions use: a scripted device, the companion's process, and the picture it shows."""
+"""What the test cases for companions use: a scripted device, the companion's process, and the picture that it shows."""
 from __future__ import annotations
 
 import io
@@ -21,12 +21,12 @@ from guilink.picture import Pixels
 from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
-START_PATIENCE = 20.0  # s; a companion that was just started gets at least this long for its first answer
-ABOUT_TO_END = 0.5     # s; a companion that exits this soon after a fault was already ending, which explains the fault
+START_PATIENCE = 20.0  # s; a newly started companion has at least this long to answer the first broadcast
+ABOUT_TO_END = 0.5     # s; if the companion exits normally within this time after a fault, it is not blamed
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
-SECOND = 1.0           # s; for this long after the first image, a broadcast may come from an earlier search (LINK-7)
-SILENCE = 3.0          # s without a byte, after which a companion closes the link
-LAST_LINES = 3         # number of lines; if the companion has ended, the report quotes the end of its output
+SECOND = 1.0           # s; a companion must ignore its device's broadcasts for this long after the first image
+SILENCE = 3.0          # s; a companion closes the link if nothing arrives for this long
+LAST_LINES = 3         # number of output lines that a report quotes if the companion has ended
 
 
 @dataclass
@@ -46,7 +46,7 @@ class Shown:
                     subprocess.run(self.command, stdout=subprocess.PIPE, check=False).stdout)
             image = Image.open(io.BytesIO(data))
             return np.asarray(image if image.mode in ("RGB", "RGBA") else image.convert("RGBA"))
-        except (OSError, ValueError, SyntaxError):  # the picture does not exist yet, or is half written
+        except (OSError, ValueError, SyntaxError):  # the picture does not exist yet, or is incomplete
             return None
 
 
@@ -58,7 +58,7 @@ class Trial:
     def __init__(self, stage: Stage, subject: Subject, shown: Shown):
         self.stage, self.subject, self.shown, self.judge = stage, subject, shown, Judge()
         self._fresh = subject.ensure_running()
-        self._seen: Pixels | None = None  # the last picture that the companion has shown correctly
+        self._seen: Pixels | None = None  # the most recent picture that the companion has shown correctly
         if shown.file:
             shown.file.unlink(missing_ok=True)
         self.device = ScriptedDevice(self, sandbox.DEVICE)
@@ -90,7 +90,7 @@ class Trial:
     # --- used by the test cases ----------------------------------------------------------------------
 
     def find(self) -> None:
-        """Broadcasts until the companion answers. If it never answers, finds out which rule it breaks."""
+        """Broadcasts until the companion answers. If no answer comes, finds out which rule the companion breaks."""
         patience = max(START_PATIENCE, self.stage.patience) if self._fresh else self.stage.patience
         answered = self.device.call_until_answered(patience)
         self._fresh = False
@@ -108,7 +108,7 @@ class Trial:
         probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))
         self.stage.until(lambda: probe.arrived or probe.refused)
         self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed (or bound to one address?)")
-        if self.device.answers:  # the answer came late, because the companion was busy
+        if self.device.answers:  # accept a late answer
             return
         self.judge.refuse("DISC-3", probe.arrived, "the companion receives no broadcasts, only what is sent to "
                           "its address")
@@ -117,8 +117,8 @@ class Trial:
     def candidate(self, find: bool = True) -> Channel:
         """Opens a connection, and waits until the companion has sent a ConnectRequest on it.
 
-        As long as the companion has not noticed the end of its last link, it closes each new connection. In this case
-        the kit broadcasts again a second later, as a device does.
+        If the companion has not yet noticed the end of its previous link, it closes the new connection. The kit then
+        broadcasts again after a second, as a device does.
         """
         end = time.monotonic() + self.stage.patience
         while True:
@@ -131,7 +131,8 @@ class Trial:
                 break
             self.stage.until(lambda: time.monotonic() > self.device.called + BROADCAST_INTERVAL)
             find = True
-        rule = "LINK-3" if self.subject.greeted else "LINK-1"  # LINK-3 if the companion has used earlier connections
+        # LINK-1 applies to the companion's first connection, LINK-3 to all later connections.
+        rule = "LINK-3" if self.subject.greeted else "LINK-1"
         self.judge.require(rule, asked and not channel.ended, "no ConnectRequest arrives on the connection"
                            + (", and the companion closes it" if channel.ended else ""))
         self.subject.greeted += 1
@@ -144,15 +145,15 @@ class Trial:
         return channel
 
     def answer_to_lost_device(self, channel: Channel, identity: bytes) -> str:
-        """Shows images for a second, then falls silent on the link and broadcasts `identity`. Returns what is wrong
-        with the companion's answer, or an empty string. The answer must come within SILENCE. A later answer proves
-        nothing, because the companion closes a link that has been silent for so long anyway."""
+        """Lets the device send images for a second, then fall silent on the link and broadcast `identity`. Returns an
+        empty string if the companion answers within SILENCE, and otherwise an error message. A later answer proves
+        nothing, because the companion closes every silent link after SILENCE."""
         began, showing = time.monotonic(), True
         self.stage.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
         self.stage.until(lambda: time.monotonic() > began + SECOND)
         showing = watch_of(channel).answering = False
         quiet, before = time.monotonic(), self.device.answers
-        self.device.show(channel, PLAIN)  # the last bytes from the device, which is silent from now on
+        self.device.show(channel, PLAIN)  # the last message on this link; from now on, the device only broadcasts
         self.device.identity = identity
         self.stage.every(0.5, self.device.call)
         if not self.stage.until(lambda: self.device.answers > before):
@@ -161,12 +162,13 @@ class Trial:
         return f"is answered only after {SILENCE:.0f} s of silence have ended the link" if late else ""
 
     def picture(self, height: int = 8, width: int = 12) -> Pixels:
-        """Returns a random opaque picture, which differs from the pictures of all earlier calls."""
+        """Returns a random opaque picture, which differs from all earlier ones."""
         drawn = np.random.default_rng().integers(0xF000, 0xFFFF, (height, width), np.uint16, endpoint=True)
         return shown_of(drawn)
 
     def keep_alives(self, channel: Channel, more: int = 3) -> bool:
-        """Waits for `more` ControlMessages, after which the companion has handled everything that was sent before."""
+        """Waits for `more` further ControlMessages. By then, the companion has handled everything that the kit had sent
+        before this call. Returns whether the connection still exists."""
         before = channel.count(MessageType.CONTROL)
         return self.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
                                 self.stage.patience + more) and not channel.ended

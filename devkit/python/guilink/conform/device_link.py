@@ -1,4 +1,4 @@
-"""Test cases: how a device searches, links, loses its companion, and finds a companion again."""
+"""Test cases: how a device searches for a companion, gets a link, and searches again after a loss."""
 from __future__ import annotations
 
 import time
@@ -11,9 +11,9 @@ from guilink.wire import MessageType, frame
 REQUEST = frame(MessageType.CONNECT_REQUEST)
 ASK = frame(MessageType.IDENTITY_REQUEST)
 FLOOD = 40       # number of answers to one broadcast
-BUFFERS = 8 << 20  # bytes; about the size of the device's and this computer's socket buffers together
+BUFFERS = 8 << 20  # bytes; approximate size of all socket buffers between the device and the kit
 PER_HOST = 8     # number of connections that a device may open to one host
-SILENCE = 3.0    # s without a byte, after which a device closes the link
+SILENCE = 3.0    # s; a device closes the link if nothing arrives for this long
 
 
 @case("device", "DISC-1", "DISC-2")
@@ -45,7 +45,7 @@ def ignores_strange_answers(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-14", "LINK-18")
 def answers_a_candidate(trial: DeviceTrial) -> None:
-    """The companion sends IdentityRequests before it is linked; the device must answer, without images."""
+    """The companion sends IdentityRequests before it is linked; the device must answer without images."""
     channel = trial.candidate()
     channel.send(ASK * 3)
     answered = trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 3)
@@ -69,7 +69,7 @@ def closes_a_silent_candidate(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-12", "LINK-14", "DISC-12", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")
 def first_request_wins(trial: DeviceTrial) -> None:
-    """The companion sends a ConnectRequest on one of two connections; the device must make it the link."""
+    """The companion sends a ConnectRequest on one of two connections; this one must become the link."""
     both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)
     trial.judge.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
     first, link = trial.channels[-2:]
@@ -85,7 +85,7 @@ def first_request_wins(trial: DeviceTrial) -> None:
 
 
 def two_connections(trial: DeviceTrial) -> bool:
-    """Answers each broadcast twice until two connections are open."""
+    """Answers each new broadcast twice. Returns whether two connections are open."""
     heard = len(trial.broadcasts)
     if trial.hear() > heard:
         for _ in range(2):
@@ -95,7 +95,7 @@ def two_connections(trial: DeviceTrial) -> bool:
 
 @case("device", "LINK-17", "TIME-9")
 def companion_falls_silent(trial: DeviceTrial) -> None:
-    """The companion sends nothing more; the device must close the link and search."""
+    """The companion falls silent; the device must close the link and search again."""
     channel = trial.link()
     trial.speaking.clear()
     closed = trial.stage.until(lambda: channel.ended, SILENCE + trial.stage.patience)
@@ -105,7 +105,7 @@ def companion_falls_silent(trial: DeviceTrial) -> None:
 
 @case("device", "LINK-17")
 def link_ends_in_every_way(trial: DeviceTrial) -> None:
-    """The companion closes or resets the link, even inside a frame; the device must search again."""
+    """The companion closes or resets the link; the device must search again."""
     for way in ("close", "reset", "reset inside a frame"):
         channel = trial.link("DISC-1" if way == "close" else "LINK-17")
         if "inside" in way:

@@ -1,4 +1,4 @@
-"""Test cases: the frames that a device reads, the images that it sends, and the presses that it passes on."""
+"""Test cases: how a device reads frames, sends images, and passes button presses on."""
 from __future__ import annotations
 
 import time
@@ -11,8 +11,8 @@ from guilink.conform.device_trial import DeviceTrial
 from guilink.conform.stage import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
-GATE = 4.0   # s for which the kit sends no ControlMessage; the device must stop sending new images after 2 s
-AFTERMATH = 0.3  # s to wait for surplus answers
+GATE = 4.0   # s; how long the kit sends no ControlMessage. After 2 s, the device must send no new image.
+AFTERMATH = 0.3  # s; how long to wait for surplus answers
 SIZES = {(1280, 960), (1024, 768)}
 
 
@@ -35,7 +35,7 @@ def frames_cut_and_joined(trial: DeviceTrial) -> None:
 
 
 def silent_link(trial: DeviceTrial) -> Channel:
-    """Returns a link on which the kit sends no keep-alives by itself. The case must send them."""
+    """Returns a link on which the kit sends no keep-alives, so the test case must send them."""
     channel = trial.link()
     trial.speaking.clear()
     channel.send(frame(MessageType.CONTROL))
@@ -45,8 +45,8 @@ def silent_link(trial: DeviceTrial) -> Channel:
 
 
 def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, rule: str, what: str) -> None:
-    """Sends data in which the device must find exactly `requests` IdentityRequests. Afterwards sends further
-    IdentityRequests until one is answered. Fails the rule if more answers than requests arrive."""
+    """Sends `data`, in which the device must find `requests` IdentityRequests. Then sends further IdentityRequests
+    until the device answers one of them. If the device sends more answers than it got requests, the rule is broken."""
     before = channel.count(MessageType.IDENTITY)
     channel.send(data)
     trial.stage.until(lambda: channel.ended or channel.delivered())
@@ -60,8 +60,7 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, ru
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got > requests and not channel.ended, f"{what}: the device answers no more",
                         b"", data[:64])
-    # Surplus answers would arrive within AFTERMATH. Those of a slow device may arrive later and go unnoticed, but a
-    # correct device is never blamed.
+    # Wait for surplus answers. If a slow device sends them later, this check misses the fault.
     trial.stage.until(lambda: channel.count(MessageType.IDENTITY) - before > requests + asked, AFTERMATH)
     got = channel.count(MessageType.IDENTITY) - before
     trial.judge.require(rule, got <= requests + asked, f"{what}: {got} answers to {requests + asked} "
@@ -70,7 +69,7 @@ def answers(trial: DeviceTrial, channel: Channel, data: bytes, requests: int, ru
 
 @case("device", "FRAME-14", "FRAME-15", "FRAME-18", gentle=False)
 def damaged_frames(trial: DeviceTrial) -> None:
-    """The companion sends bad frames; the device must answer the IdentityRequest after each of them."""
+    """The companion sends damaged frames; the device must answer the IdentityRequest after each of them."""
     wrong = bytearray(frame(MessageType.DATA, ASK + b"."))
     wrong[32] ^= 1
     channel = silent_link(trial)
@@ -83,7 +82,7 @@ def damaged_frames(trial: DeviceTrial) -> None:
 
 @case("device", "FRAME-16", "FRAME-17", gentle=False)
 def too_long_frames(trial: DeviceTrial) -> None:
-    """The companion sends impossible lengths and too many bytes; the device must still answer requests."""
+    """The companion sends frames that are too long; the device must still answer IdentityRequests."""
     channel = silent_link(trial)
     for length in (MAX_PAYLOAD - HEADER.size + 1, 0x7FFFFFFF, 0xFFFFFFFF):
         header = HEADER.pack(START, 0, length, MessageType.DATA)
@@ -120,7 +119,7 @@ def judge_image(trial: DeviceTrial, payload: bytes) -> None:
 
 @case("device", "TIME-8")
 def gate_closes(trial: DeviceTrial) -> None:
-    """The companion stops its ControlMessages for a while; meanwhile the device must send no new image."""
+    """While the companion sends no ControlMessages, the device must send no new image."""
     channel = trial.link()
     trial.image(channel, 3)
     trial.stage.until(lambda: len(set(channel.payloads(MessageType.IMAGE))) > 1)
@@ -141,7 +140,7 @@ def gate_closes(trial: DeviceTrial) -> None:
 
 @case("device", "PRESS-3", "PRESS-4", gentle=False)
 def presses_buttons(trial: DeviceTrial) -> None:
-    """The companion sends valid and invalid presses; the device must pass on the right presses for each."""
+    """The companion sends valid and invalid ButtonMessages; the device must pass the right presses on."""
     trial.hear()
     trial.broadcast()
     port = trial.control_port()
@@ -157,7 +156,7 @@ def presses_buttons(trial: DeviceTrial) -> None:
 
 def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payload: bytes,
           expected: list[int]) -> None:
-    """Sends a press and an IdentityRequest, waits for the answer, and checks which presses the device passed on."""
+    """Sends a ButtonMessage, waits until the device has handled it, and checks which presses the device passed on."""
     before = len(port.arrived)
     trial.ask(channel, rule, "no answer behind a press", frame(MessageType.BUTTON, payload))
     trial.stage.until(lambda: len(port.arrived) >= before + len(expected))
@@ -169,7 +168,7 @@ def press(trial: DeviceTrial, channel: Channel, port: UdpSocket, rule: str, payl
 
 @case("device", "LINK-15", gentle=False)
 def candidate_cannot_press(trial: DeviceTrial) -> None:
-    """Before it is linked, the companion sends presses; the device must drop them."""
+    """The companion sends ButtonMessages before it is linked; the device must drop them."""
     trial.broadcast()
     port = trial.control_port()
     channel = trial.candidate()

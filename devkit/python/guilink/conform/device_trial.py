@@ -1,4 +1,4 @@
-"""What the test cases for devices use. Here the kit is the companion, and sends only what a case tells it to send."""
+"""What the test cases for devices use. The kit plays a companion that sends only what a case asks for."""
 from __future__ import annotations
 
 import socket
@@ -13,13 +13,14 @@ from guilink.link import GuilinkError
 from guilink.wire import Identity, MessageType, frame, identity_datagram
 
 KEEP_ALIVE = 0.4       # s between keep-alives
-CONNECT_PATIENCE = 3   # number of broadcasts to answer; if the device has not connected by then, the case fails
+CONNECT_PATIENCE = 3   # number of broadcasts that the kit answers before it gives up
 CONTROL_PORT = ("127.0.0.1", 3426)
 
 
 @dataclass
 class Wanted:
-    """The device under test: the one with this identity or address, or else the first that broadcasts."""
+    """The device under test. `name` is its identity or address. Without a name, the first device that broadcasts is
+    tested."""
 
     name: str | None = None
     address: str = ""
@@ -80,7 +81,7 @@ class DeviceTrial:
     # --- discovery -----------------------------------------------------------------------------------
 
     def hear(self) -> int:
-        """Checks the broadcasts that have arrived since the last call. Returns the number of all broadcasts so far."""
+        """Checks the new broadcasts of the device under test. Returns the number of its broadcasts so far."""
         for datagram in self._ear.arrived[self._read:]:
             self._read += 1
             said = identity_datagram(datagram.data)
@@ -89,7 +90,7 @@ class DeviceTrial:
             if self.wanted.address not in ("", datagram.sender[0]):
                 continue
             self.broadcasts.append(datagram)
-            # These rules count as kept, unless the stage records a fault against them.
+            # These rules count as kept. If a fault is found, `run_once` removes its rule from `kept`.
             self.judge.kept |= set(IN_EVERY_CASE["device"])
             reader = StrictReader(by_companion=False)
             reader.feed(datagram.data)
@@ -111,28 +112,28 @@ class DeviceTrial:
         return [each for each in self._ear.arrived if identity_datagram(each.data)]
 
     def refused_at(self, address: str) -> bool:
-        """Returns whether the host exists and its discovery port is closed, as on a device that is not searching."""
+        """Returns whether the host's discovery port is closed, as on a device that is not searching."""
         probe = UdpSocket(self.stage, ("", 0))
         try:
             probe.send(b"", (address, 3153))
-        except OSError:  # the argument is not an address
+        except OSError:  # `address` is not a valid address
             return False
         return self.stage.until(lambda: probe.refused, 1.0)
 
     def broadcast(self, rule: str = "DISC-1", text: str = "no broadcast is received") -> Datagram:
-        """Waits for the next broadcast. If there is none, `rule` counts as broken."""
+        """Waits for a new broadcast. If no broadcast comes, `rule` counts as broken."""
         before = self.hear()
         self.judge.require(rule, self.stage.until(lambda: self.hear() > before), text)
         return self.broadcasts[-1]
 
     def answer(self, broadcast: Datagram, data: bytes = ANSWER) -> None:
-        """Answers from a new port, because the device must accept an answer from any port."""
+        """Answers a broadcast. Uses a new port, because the device must accept an answer from any port."""
         UdpSocket(self.stage, ("", 0)).send(data, broadcast.sender)
 
     # --- connections ---------------------------------------------------------------------------------
 
     def candidate(self, rule: str = "DISC-1") -> Channel:
-        """Answers broadcasts until the device connects. Returns the connection, on which nothing was sent yet."""
+        """Answers broadcasts until the device connects. Returns the new connection."""
         before = len(self.channels)
         for _ in range(CONNECT_PATIENCE):
             called = self.broadcast(rule, "the device does not broadcast" if rule == "DISC-1" else
@@ -153,8 +154,8 @@ class DeviceTrial:
         self.stage.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
 
     def link(self, rule: str = "DISC-1") -> Channel:
-        """Waits until the device accepts a connection as the link, and returns this connection. If the device closes a
-        connection first, waits for the next one."""
+        """Waits for a connection from the device, makes it the link, and returns it. If the device closes the
+        connection, tries again with the next connection."""
         for _ in range(CONNECT_PATIENCE):
             channel = self.candidate(rule)
             self.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
@@ -165,7 +166,7 @@ class DeviceTrial:
         raise AssertionError("a must was broken")
 
     def ask(self, channel: Channel, rule: str, what: str, more: bytes = b"") -> None:
-        """Sends `more` and an IdentityRequest, which must be answered."""
+        """Sends `more` and an IdentityRequest. The device must answer the IdentityRequest."""
         before = channel.count(MessageType.IDENTITY)
         channel.send(more + frame(MessageType.IDENTITY_REQUEST))
         answered = self.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before)
@@ -182,7 +183,7 @@ class DeviceTrial:
         return channel.payloads(MessageType.IMAGE)[-1]
 
     def control_port(self) -> UdpSocket:
-        """Opens UDP port 3426, to which a device on this machine forwards presses."""
+        """Opens UDP port 3426, to which a device on this machine forwards button presses."""
         if self.wanted.address:
             try:
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind((self.wanted.address, 0))

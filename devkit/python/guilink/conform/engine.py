@@ -1,4 +1,4 @@
-"""Runs cases, prints one line for each, and gives a verdict for every rule. Repeats a case that fails."""
+"""Runs the cases, prints one line for each case, and returns a verdict for each rule."""
 from __future__ import annotations
 
 from dataclasses import dataclass, field
@@ -10,19 +10,19 @@ from guilink.conform.rules import NEEDS, NO_CASE, RULES
 from guilink.conform.stage import Stage
 from guilink.link import GuilinkError
 
-# While one of these rules is broken, no other rule can be judged.
+# If one of these rules is broken, no other rule can be judged.
 BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
-GIVE_UP = 2  # number of cases in a row that break a BASIC rule; the kit then runs no further case
+GIVE_UP = 2  # if this many consecutive cases find that a BASIC rule is broken, the kit runs no further case
 NOT_RUN = "no case was run"
 
 
 class Subject(Protocol):
-    """The companion or device under test, as the engine uses it."""
+    """The companion or device under test."""
 
     def trial(self, stage: Stage) -> object: ...
 
     def restart(self) -> None:
-        """Called after each attempt that failed."""
+        """Is called after each failed attempt."""
 
     def output(self) -> str: ...
 
@@ -101,7 +101,7 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
 
 
 def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
-    """Repeats a case that fails, because on a busy machine the subject or the kit may only have been too slow."""
+    """Runs a case. If it fails, runs it again, because a busy machine may have caused the failure."""
     for attempt in range(1, options.attempts + 1):
         stage = Stage(options.patience)
         try:

@@ -1,4 +1,5 @@
-"""Writes one self-contained page: all cases and, for each case with a fault, a drawing of the exchange."""
+"""Writes a self-contained HTML page with the verdicts of all cases. For each case with a fault, the page has a drawing
+of the exchanged messages."""
 from __future__ import annotations
 
 import base64
@@ -14,9 +15,9 @@ from guilink.conform.report import VERDICTS, repeat_command
 from guilink.conform.rules import RULES
 from guilink.wire import HEADER, START, MessageType
 
-MOST_EVENTS = 60   # number of events in a drawing; earlier events of an exchange are left out
-MOST_BYTES = 96    # bytes; of the expected and of the actual data, the page shows at most this many each
-ROW = 22           # pixels between two arrows
+MOST_EVENTS = 60   # number of events that a drawing shows; it omits earlier events
+MOST_BYTES = 96    # bytes; a hexadecimal dump is cut off after this many
+ROW = 22           # pixels; height of one event in a drawing
 
 STYLE = """
 body { font: 15px/1.45 system-ui, sans-serif; margin: 2rem auto; max-width: 62rem; padding: 0 1rem; color: #222 }
@@ -106,8 +107,8 @@ def describe(data: bytes) -> str:
 
 
 def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
-    """Joins consecutive equal events, for which the drawing shows one arrow. Yields the first event, its label and the
-    number of events."""
+    """Combines equal consecutive events, because the drawing shows them as one arrow. Yields the first event, its
+    label and the number of events."""
     last: tuple[Event, str, int] | None = None
     for event in exchange:
         text = event.text or (describe(event.data) or "empty" if event.kind == "bytes" else event.kind)

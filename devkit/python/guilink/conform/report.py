@@ -1,4 +1,4 @@
-"""The verdicts as text, JSON and JUnit."""
+"""Reports the verdicts as text, JSON and JUnit."""
 from __future__ import annotations
 
 import json
@@ -31,7 +31,7 @@ def summary(run: Run) -> str:
 
 
 def listing(side: str) -> str:
-    """Returns a text: every case with its rules, and every rule without a case."""
+    """Lists each test case with its rules, then each rule that no test case checks."""
     lines = []
     for case in CASES[side]:
         gentle = "" if case.gentle or side == "companion" else "  (not with --gentle)"
@@ -67,8 +67,8 @@ def write_json(path: str, run: Run, arguments: Sequence[str]) -> None:
 
 
 def write_junit(path: str, run: Run, arguments: Sequence[str]) -> None:
-    """In the JUnit report, untestable cases and expected failures count as skipped. Warnings count as passed, and
-    keep their text."""
+    """Writes a JUnit report. Untestable cases and expected failures count as skipped, and warnings count as
+    passed."""
     suite = ElementTree.Element("testsuite", name=f"guilink conform {run.side}", tests=str(len(run.results)),
                                 failures=str(run.count(FAILED)),
                                 skipped=str(run.count(UNTESTABLE) + run.count(EXPECTED)))

@@ -83,7 +83,7 @@ PRESS-4 device must A button above 15 repeats the last valid button, an empty Bu
 PRESS-5 device must The device writes the text of a DataMessage to its log.
 """
 
-# Rules that no case judges, and why.
+# Rules that no test case can judge, with the reason.
 NO_CASE = {
     "LINK-11": "only a companion's author can end it the orderly way",
     "PRESS-5": "the log is not visible on the wire",
@@ -92,13 +92,13 @@ NO_CASE = {
     "PICT-7": "both ways are allowed",
 }
 
-# Rules that are judged in every case, on everything that the subject sends.
+# Rules that each test case checks in all data from the companion or device under test.
 IN_EVERY_CASE = {
     "companion": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "DISC-4", "LINK-1", "LINK-10",
                   "PRESS-1", "PRESS-2"),
     "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19", "DISC-2"),
 }
-# Why a rule was not judged although its cases ran.
+# Reasons why a rule was not judged, although its test cases were run.
 NEEDS = {"PRESS-2": "the companion has pressed no button; docs/conformance.md shows how to make it press"}
 
 

@@ -1,8 +1,6 @@
-"""A private network for a companion under test: two network namespaces and a cable between them, made with
-unshare(1), nsenter(1) and ip(8).
+"""A private network for a companion under test: two network namespaces with a veth pair between them.
 
-The kit, with its scripted device, starts itself again in one namespace; the companion runs in the other. The
-network ends with the kit.
+The kit runs in one namespace, and the companion in the other. The network disappears when the kit ends.
 """
 from __future__ import annotations
 
@@ -18,7 +16,7 @@ DEVICE = "10.77.0.1"
 OTHER_DEVICE = "10.77.0.2"
 COMPANION = "10.77.0.100"
 BROADCAST = "10.77.0.255"
-INSIDE = "GUILINK_PRIVATE_NETWORK"  # environment variable; set once the kit runs in its private network
+INSIDE = "GUILINK_PRIVATE_NETWORK"  # environment variable; it is set if the kit already runs in its private network
 
 KIT_SIDE = f"""link set dev lo up
 address add {DEVICE}/24 broadcast {BROADCAST} dev guilink0
@@ -32,7 +30,8 @@ link set dev guilink1 up
 
 
 def enter(arguments: Sequence[str]) -> None:
-    """Returns only inside a new network namespace. Runs `python -m guilink` again there if necessary."""
+    """Makes sure that the kit runs in a network namespace of its own. If it does not yet, replaces this process with
+    `python -m guilink` in a new namespace."""
     if os.environ.pop(INSIDE, None):
         return
     for tool in ("unshare", "nsenter", "setpriv", "ip"):
@@ -56,14 +55,14 @@ def _run_again(command: list[str]) -> NoReturn:
 
 
 class Cable:
-    """The companion's namespace, which a process holds open, and the cable (a veth pair) to it."""
+    """A network namespace for the companion, and a veth pair that leads to it. A process keeps the namespace open."""
 
     def __init__(self) -> None:
         self._holder = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--net", "sh", "-c", "echo; exec sleep infinity"],
             stdout=subprocess.PIPE)
         assert self._holder.stdout
-        self._holder.stdout.readline()  # now the namespace exists
+        self._holder.stdout.readline()  # wait until the namespace exists
         self.within = ["nsenter", "--target", str(self._holder.pid), "--net", "--"]
         self._ip([], "link add dev guilink0 type veth peer name guilink1 netns "
                      f"{self._holder.pid}\n" + KIT_SIDE)

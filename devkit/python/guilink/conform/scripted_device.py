@@ -1,4 +1,4 @@
-"""The device that the kit plays for the companion under test: broadcasts, connects, answers, and shows images."""
+"""Plays a device for the companion under test: it broadcasts, connects, answers and sends images."""
 from __future__ import annotations
 
 import socket
@@ -14,17 +14,17 @@ if TYPE_CHECKING:
     from guilink.conform.companion_trial import Trial
 
 ANSWER = frame(MessageType.CONNECT_REQUEST)
-SEND_BUFFER = 1 << 20  # bytes; the device sets the same SO_SNDBUF
+SEND_BUFFER = 1 << 20  # bytes; SO_SNDBUF, as on a real device
 CALL_INTERVAL = 0.25   # s between two broadcasts, until the companion answers
-REPEAT = 0.5           # s after which an image is sent again
-REQUESTS_TO_PRESS = 3  # ConnectRequests; once an IdentityRequest sent after these is answered, the companion may press
+REPEAT = 0.5           # s; an image is sent again after this time
+REQUESTS_TO_PRESS = 3  # until the first image, a companion may press a button only after this many ConnectRequests
 
 
 class ScriptedDevice:
     def __init__(self, trial: Trial, address: str, identity: bytes = b"11111fw1.1"):
         self.identity, self.address = identity, address
         self.udp = UdpSocket(trial.stage, (address, 3153))
-        self._other_port = UdpSocket(trial.stage, (address, 3152))  # bound to an address, so it receives no broadcasts
+        self._other_port = UdpSocket(trial.stage, (address, 3152))  # finds answers to the wrong port
         self._trial, self._judged = trial, 0
         self.calls, self.called = 0, 0.0
 
@@ -91,7 +91,7 @@ class ScriptedDevice:
 
 
 class Watch:
-    """Answers the IdentityRequests on a connection, and notes messages that the companion must not send."""
+    """Answers the IdentityRequests on a connection, and records messages that the companion must not send."""
 
     def __init__(self, device: ScriptedDevice, channel: Channel, kept: set[str]):
         self.answering = True
@@ -101,7 +101,7 @@ class Watch:
 
     def take(self, message: Message) -> None:
         stage, kind = self._channel.stage, message.type
-        # These rules count as kept, unless the stage records a fault against them.
+        # These rules count as kept. If a fault is found, `run_once` removes its rule from `kept`.
         self._kept |= {"FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "LINK-1"}
         if len(self._channel.arrived) == 1 and kind != MessageType.CONNECT_REQUEST:
             stage.faults.append(Fault("LINK-1", f"the first message has type {kind}", ANSWER,

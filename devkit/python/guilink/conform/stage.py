@@ -1,4 +1,4 @@
-"""Serves the kit's sockets in one loop, which waits for conditions, never for a time to pass."""
+"""Reads the kit's sockets in one loop, until a condition holds."""
 from __future__ import annotations
 
 import errno
@@ -16,7 +16,7 @@ from guilink.wire import FrameReader, Message, MessageType
 
 POLL = 0.02          # s between two checks of a condition
 CHUNK = 1 << 18      # bytes; limit of one read
-IP_RECVERR = 11      # Linux's number; Python has no name for it
+IP_RECVERR = 11      # Linux's value of this socket option, which Python does not define
 RESET_ON_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() then resets the connection
 
 
@@ -46,7 +46,7 @@ class Member(Protocol):
 
 
 class Stage:
-    """The sockets of one case. `patience` (s) limits each wait for something that must happen."""
+    """The sockets of one test case. `patience` (s) is the default limit of `until`."""
 
     def __init__(self, patience: float):
         self.patience = patience
@@ -60,12 +60,12 @@ class Stage:
         self._members.append(member)
 
     def every(self, interval: float, action: Callable[[], object]) -> None:
-        """Repeats an action until the end of the case. The action runs only while the kit waits."""
+        """Calls `action` every `interval` seconds until the end of the test case, but only while the kit waits."""
         self._ticks.append((interval, action))
         self._due.append(time.monotonic())
 
     def until(self, condition: Callable[[], object], within: float | None = None) -> bool:
-        """Serves the sockets until the condition holds. Returns False if the time is up first."""
+        """Serves the sockets until the condition holds. Returns False if `within` seconds pass first."""
         end = time.monotonic() + (self.patience if within is None else within)
         while not condition():
             if time.monotonic() >= end:
@@ -109,7 +109,7 @@ class UdpSocket:
         self._stage.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
         try:
             self._socket.sendto(data, target)
-        except OSError:  # the error belongs to an earlier datagram, so send this one again
+        except OSError:  # the error reports the loss of an earlier datagram, so send this one again
             self.refused = True
             self._socket.sendto(data, target)
 
@@ -182,12 +182,12 @@ class Channel:
             self.on_message(message)
 
     def send(self, data: bytes) -> bool:
-        """Returns False if the subject has ended the connection, or reads nothing for `stall` seconds."""
+        """Sends data. Returns False if the subject has ended the connection, or reads nothing for `stall` seconds."""
         return self.send_parts(data)
 
     def send_parts(self, *parts: bytes, between: Callable[[], object] = lambda: None) -> bool:
-        """Sends each part after the previous one was delivered. Sends data that is passed to `send` in the meantime
-        after the last part."""
+        """Sends the parts one by one. Waits until a part is delivered before it sends the next part. If `send` is
+        called during such a wait, its data is sent after all parts."""
         if self._sending:
             self._behind += b"".join(parts)
             return True
@@ -208,7 +208,7 @@ class Channel:
         return sent
 
     def delivered(self) -> bool:
-        """Whether the subject's system has acknowledged all bytes."""
+        """Whether the subject's TCP stack has acknowledged all bytes that were sent."""
         return self._left() == 0
 
     def _left(self) -> int:
@@ -224,7 +224,7 @@ class Channel:
         rest = memoryview(data)
         end, before = time.monotonic() + self.stall, -1
         while rest and not self.ended and time.monotonic() < end:
-            if (left := self._left()) != before:  # the subject or our own socket buffer has accepted bytes
+            if (left := self._left()) != before:  # some bytes have been sent or acknowledged
                 end, before = time.monotonic() + self.stall, left
             try:
                 rest = rest[self._socket.send(rest):]
