@@ -1,4 +1,4 @@
-"""Links to a device, shows its GUI to scripts and presses its buttons.
+"""Connects a script to a device. The script can then look at the device's GUI and press its buttons.
 
     import guilink
 
@@ -26,14 +26,14 @@ __all__ = ["Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError"
            "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevices", "WaitTimeout",
            "connect", "devices"]
 
-LINK_TIMEOUT = 30.0     # s; default limit for getting a link. A searching device broadcasts about once a second.
+LINK_TIMEOUT = 30.0     # s; how long `connect` waits for a link by default
 PROGRESS_INTERVAL = 1.0  # s between two calls of `progress`
 
 
 def _link(device: str | None, viewer: str | None) -> Link:
     if not viewer:
         return Companion(device)
-    from guilink.viewer import Viewer  # only Viewer needs websockets
+    from guilink.viewer import Viewer  # only `Viewer` needs the package websockets
 
     return Viewer(viewer, device)
 
@@ -43,13 +43,13 @@ def connect(device: str | None = None, *, viewer: str | None = None,
             labels: str | os.PathLike[str] | None = None,
             artifacts: str | os.PathLike[str] = "guilink-artifacts",
             progress: Progress | None = None) -> Device:
-    """Links this script to a device. Returns when the device accepts button presses.
+    """Connects this script to a device. Returns when the device accepts button presses.
 
-    `device` is the identity or the address of the wanted device. Without it, the script links to the only device
-    in sight. `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080; the script then shares the
-    viewer's link. `timeout` limits each wait that has no time-out of its own. `labels` is a file with the names of
-    the buttons, in the viewer's format. `artifacts` is the folder for the pictures that are saved when a wait
-    fails. `progress` is called about once a second until there is a link. If there is no link after `link_timeout`
+    `device` is the identity or the address of the wanted device. Without `device`, the script connects to the only
+    device that broadcasts. `viewer` is the URL of a running viewer, such as http://127.0.0.1:8080; the script then
+    uses the viewer's link. `timeout` is the default limit of each wait. `labels` is a file with button names, in the
+    format of `guilink-viewer --labels`. `artifacts` is the folder for the pictures that are saved when a wait fails.
+    `progress` is called about once a second until there is a link. If there is no link after `link_timeout`
     seconds, throws LinkError.
     """
     buttons = Buttons.load(labels) if labels else Buttons()

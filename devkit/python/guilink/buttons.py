@@ -5,9 +5,9 @@ import json
 import os
 from typing import Mapping
 
-COUNT = 16  # number of buttons in the link protocol: 0 to 15
+COUNT = 16  # the link protocol has the buttons 0 to 15
 
-# The labels on the viewer's page. Each device decides what a button does.
+# The default labels of the buttons on the viewer's page. Each device decides what a button does.
 DEFAULTS = {"Up": 0, "Down": 1, "Left": 2, "Right": 3, "OK": 4, "Back": 5, "Menu": 6, "Power": 7,
             "Zoom in": 8, "Zoom out": 9, "Brighter": 10, "Darker": 11, "Palette": 12, "Hide": 13,
             "Size": 14, "Info": 15}
@@ -22,7 +22,7 @@ class Buttons:
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Buttons:
-        """Reads a file with button names, in the format of the viewer's file."""
+        """Reads button names from a file in the format of `guilink-viewer --labels`."""
         try:
             with open(path, encoding="utf-8") as file:
                 return cls({entry["label"]: int(entry["button"]) for entry in json.load(file)})

@@ -26,8 +26,9 @@ def main(arguments: Sequence[str] | None = None) -> int:
         result, text = options.run(options)
         status = 1 if result.get("devices") == [] else 0
         return report(options, result, text, result.get("status", status))
-    except BrokenPipeError:  # `| head` has read enough
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # or the flush at exit fails, too
+    except BrokenPipeError:  # for example, `| head` has read enough
+        # Python flushes stdout at exit. Without this line, the flush would raise BrokenPipeError again.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 1
     except (ValueError, OSError) as error:  # a button, region or file that does not exist
         return report(options, {"error": str(error)}, f"guilink: {error}", 2)

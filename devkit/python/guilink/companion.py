@@ -1,7 +1,7 @@
-"""A companion: lets a device find it, gets a link to the device, keeps the link alive, and links again after a loss.
+"""Implements a companion: answers a device's broadcast, waits until the device connects, and keeps the link alive.
 
-See "Becoming the link" and "Staying linked" in docs/link-protocol.md. A companion does all of this on a thread of
-its own. Any other thread may call its methods.
+If the link is lost, the companion waits for the same device. It works on a thread of its own. Any thread may call
+its methods. "Becoming the link" and "Staying linked" in docs/link-protocol.md describe the rules.
 """
 from __future__ import annotations
 
@@ -17,29 +17,28 @@ from guilink.discovery import Call, Discovery
 from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices
 from guilink.wire import Identity, Message, MessageType
 
-LINK_PORT = 8399        # TCP; devices connect to this port
-REQUEST_INTERVAL = 0.1  # s between ConnectRequests until linked; without one, a device closes the connection after 1 s
-KEEP_ALIVE = 0.5        # s between keep-alives; without them, new pictures stop after 2 s, and the link ends after 3 s
-SILENCE = 3.0           # s without a byte, after which the companion ends the connection
-CANDIDATE_SILENCE = 1.0  # s without a byte, after which a connection that is not the link may be replaced by a new one
-GRACE = 1.0             # s; for this long after linking, a broadcast may come from a search that began before the link
-MAX_ANSWERED = 64       # addresses that may connect; when there are more, the oldest is forgotten
-MAX_ACCEPTS = 16        # connections accepted or refused per call of `_accept`; a flood must not delay the link
-ASK_EVERY = 5           # until linked, the companion sends one IdentityRequest per this many ConnectRequests
+LINK_PORT = 8399        # TCP port to which devices connect
+REQUEST_INTERVAL = 0.1  # s between two ConnectRequests before the link exists; a device waits 1 s for one
+KEEP_ALIVE = 0.5        # s between keep-alives; after 2 s without one, a device sends no new pictures
+SILENCE = 3.0           # s; if nothing arrives for this long, the companion closes the connection
+CANDIDATE_SILENCE = 1.0  # s; if a new connection is silent for this long, the companion accepts another one
+GRACE = 1.0             # s; the companion ignores the device's broadcasts for this long after linking
+MAX_ANSWERED = 64       # number of answered addresses that are remembered; only these may connect
+MAX_ACCEPTS = 16        # number of connections that one call of `_accept` handles; a flood must not delay the link
+ASK_EVERY = 5           # number of ConnectRequests per IdentityRequest, before the link exists
 
 
 @dataclass(eq=False)
 class Order:
-    """A button press or a text for the device. It waits for a link. The companion then sends it and an
-    IdentityRequest. The answer to that request confirms the order. If the link ends before the answer, the order
-    may be lost."""
+    """A button press or a text for the device. The companion sends an IdentityRequest after it. The answer confirms
+    that the device has handled the order."""
 
     kind: MessageType
     payload: bytes
-    request: int = 0      # number of the IdentityRequest sent after the order; 0 while the order waits for a link
-    number: int = 0       # number of the last picture that arrived before the answer
+    request: int = 0      # sequence number of the IdentityRequest sent after this order; 0 until the order is sent
+    number: int = 0       # sequence number of the newest picture at the time of the confirmation
     done: bool = False
-    lost: bool = False    # the link ended before the answer
+    lost: bool = False    # the link ended before the confirmation
 
 
 class Companion:
@@ -56,9 +55,9 @@ class Companion:
         self._failure: Exception | None = None
         self._orders: deque[Order] = deque()
         self._status = LinkStatus()
-        self._linked_to: LinkStatus | None = None  # the device of the last link; after a loss, wait for it
-        self._rivals: tuple[HeardDevice, ...] = ()  # the devices in sight, if the caller must choose one
-        self._answered: dict[str, Identity] = {}   # the answered devices, which may connect; by address
+        self._linked_to: LinkStatus | None = None  # the most recently linked device, or None
+        self._rivals: tuple[HeardDevice, ...] = ()  # the broadcasting devices, if the caller must choose one
+        self._answered: dict[str, Identity] = {}   # the devices that the companion has answered, by address
         self._stop = False
         # Used only by the companion's thread.
         self._connection: Connection | None = None
@@ -154,7 +153,7 @@ class Companion:
     def _wake(self) -> None:
         try:
             self._wake_sender.send(b"\0")
-        except OSError:  # the socket is full, so the thread will wake anyway, or the socket is closed
+        except OSError:  # the socket is closed, or full; if it is full, the thread will wake anyway
             pass
 
     # --- on the companion's thread -----------------------------------------------------------------
@@ -163,7 +162,7 @@ class Companion:
         try:
             while not self._stop:
                 self._turn()
-        except Exception as error:  # a bug in this module; the waits of other threads must end
+        except Exception as error:  # a bug in this module; the waiting threads raise this error
             with self._changed:
                 self._failure = GuilinkError(f"the link's thread failed: {error!r}")
                 self._failure.__cause__ = error
@@ -178,12 +177,12 @@ class Companion:
                 self._changed.notify_all()
 
     def _turn(self) -> None:
-        """Waits for data or for the next time to send, handles the data that has arrived, then sends what is due."""
+        """Waits until data arrives or a message is due. Handles the data, then sends the due messages."""
         connection = self._connection
         with selectors.PollSelector() as selector:
             selector.register(self._wake_receiver, selectors.EVENT_READ)
             selector.register(self._discovery, selectors.EVENT_READ)
-            # Do not accept another connection while a candidate may still become the link.
+            # Do not accept another connection while the current one may still become the link.
             idle = connection is None or connection.ready or self._is_silent(connection)
             if idle and time.monotonic() >= self._next_accept:
                 selector.register(self._listener, selectors.EVENT_READ)
@@ -212,7 +211,7 @@ class Companion:
         if not self._wants(call):
             return
         if (link := self._connection) and link.ready and link.address == call.device.address:
-            # For a moment, broadcasts still come from searches that began before the link.
+            # Right after linking, ignore the device's broadcasts, because an old search may still be running.
             if time.monotonic() < (link.linked_since or 0) + GRACE:
                 return
             link.ended = True  # the device searches again, so it has dropped the link
@@ -227,7 +226,7 @@ class Companion:
     def _wants(self, call: Call) -> bool:
         names = {call.device.identity, call.device.address}
         if self._linked_to and names & {self._linked_to.identity, self._linked_to.address}:
-            return True  # the device of the last link; its identity or its address may have changed since
+            return True  # the most recently linked device; its identity or its address may have changed
         if self._device or self._linked_to:
             return self._device in names
         self._rivals = (call.device, *call.between) if call.between else ()
@@ -236,14 +235,14 @@ class Companion:
         return call.again and not call.between
 
     def _accept(self) -> None:
-        """Accepts the next connection that comes from an answered host. Closes each connection that comes from another
-        host. While linked, closes every new connection."""
+        """Accepts one connection from an answered device. Closes connections from other hosts. While there is a link,
+        closes every new connection."""
         for _ in range(MAX_ACCEPTS):
             try:
                 connected, (address, _) = self._listener.accept()
             except BlockingIOError:
                 return
-            except OSError:  # out of descriptors: wait instead of spinning
+            except OSError:  # no file descriptor is free; wait instead of spinning
                 self._next_accept = time.monotonic() + KEEP_ALIVE
                 return
             link = self._connection
@@ -311,8 +310,7 @@ class Companion:
         self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
 
     def _send_orders(self, connection: Connection) -> None:
-        """Sends each order that was not sent yet, followed by an IdentityRequest. The answer to this request will show
-        that the device has handled the order."""
+        """Sends each unsent order, and an IdentityRequest after it. The answer will confirm the order."""
         with self._changed:
             for order in self._orders:
                 if connection.ended or connection.wants_to_write:
@@ -323,7 +321,7 @@ class Companion:
                     order.request = connection.asked
 
     def _drop(self, connection: Connection) -> None:
-        """Closes the connection. If an order was sent but not confirmed, marks it as lost."""
+        """Closes the connection. Each order that was sent but not confirmed is lost."""
         connection.close()
         self._connection = None
         with self._changed:

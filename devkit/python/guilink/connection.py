@@ -6,26 +6,26 @@ import time
 
 from guilink.wire import FrameReader, Identity, Message, MessageType, frame, identity
 
-CHUNK = 1 << 18         # bytes per read
-MAX_OUTGOING = 1 << 16  # bytes; if more than this waits to be sent, the device does not read, and the connection ends
-READY_REQUESTS = 3      # ConnectRequests; once an IdentityRequest sent after these is answered, `ready` is true
+CHUNK = 1 << 18         # bytes; limit of one read
+MAX_OUTGOING = 1 << 16  # bytes; if more wait to be sent, the connection is closed, because the device does not read
+READY_REQUESTS = 3      # number of ConnectRequests before the IdentityRequest whose answer makes the connection `ready`
 
 
 class Connection:
-    """Counts IdentityRequests and their answers. The device handles all messages in order, so an answer proves that
-    the device has handled everything sent before the IdentityRequest. If an answer is lost, the next one confirms."""
+    """Sends and receives messages. The device handles messages in order, so the answer to an IdentityRequest proves
+    that the device has handled everything sent before this request."""
 
     def __init__(self, connected: socket.socket, address: str, identity: Identity):
         self.address = address
         self.identity = identity  # first from the broadcast, later from the answers to IdentityRequests
         self.ended = False
-        self.requests = 0        # ConnectRequests sent
-        self.asked = 0           # IdentityRequests sent
-        self.answered = 0        # IdentityRequests answered
-        self.image_seen = False  # if true, this connection is the link: only the link carries images
+        self.requests = 0        # number of ConnectRequests sent
+        self.asked = 0           # number of IdentityRequests sent
+        self.answered = 0        # number of IdentityRequests answered
+        self.image_seen = False  # an image has arrived, so this connection is the link
         self.linked_since: float | None = None
         self.received_at = time.monotonic()  # when the last bytes arrived, or else when the connection began
-        self._ready_from: int | None = None  # number of the IdentityRequest whose answer makes the connection ready
+        self._ready_from: int | None = None  # sequence number of the IdentityRequest whose answer makes `ready` true
         self._socket = connected
         self._reader = FrameReader()
         self._outgoing = bytearray()
@@ -40,7 +40,7 @@ class Connection:
 
     @property
     def ready(self) -> bool:
-        """Whether the connection is known to be the link, on which the device accepts buttons."""
+        """Whether this connection is known to be the link. On the link, the device accepts button presses."""
         return self.image_seen or (self._ready_from is not None and self.answered >= self._ready_from)
 
     @property
@@ -65,7 +65,7 @@ class Connection:
         return self._reader.feed(data)
 
     def note(self, message: Message) -> None:
-        """Updates the counts. Call it with each message, in order."""
+        """Updates the counts and the identity. Call it with each received message, in order."""
         if message.type == MessageType.IDENTITY:
             self.answered += 1
             self.identity = identity(message.payload) or self.identity

@@ -18,17 +18,17 @@ from guilink.recording import Recording
 from guilink.screen import Box, Difference, Mask, Screen
 
 TIMEOUT = 10.0       # s; default limit of every wait
-STILL = 0.5          # s without a change before a screen is stable
-STILL_PICTURES = 3   # a stable screen also needs this many equal pictures in a row
-HOLD_INTERVAL = 0.12  # s between the presses of a held button, as on the viewer's page
-UNDER_WAY = 4         # pictures that may arrive after a press although they were drawn before it. The device's core,
-                      # the service's frame slot and the service's sender hold one each. The fourth is a margin.
-MAX_TEXT = 4096      # bytes; longest text, as in the viewer
-MAX_PRESSES = 10000  # presses that are remembered; further ones replace the oldest
+STILL = 0.5          # s; a screen is stable if it has not changed for this long
+STILL_PICTURES = 3   # number of consecutive equal pictures that a stable screen needs
+HOLD_INTERVAL = 0.12  # s between two presses of a held button; the viewer's page uses the same value
+UNDER_WAY = 4         # number of old pictures, drawn before a press, that may arrive after it. The device holds up to
+                      # three such pictures; the fourth is a margin.
+MAX_TEXT = 4096      # bytes; longest text that `text` sends; the viewer has the same limit
+MAX_PRESSES = 10000  # number of presses that are remembered
 
 
 class WaitTimeout(GuilinkError, AssertionError):
-    """The screen has not become in time what the script expects. `folder` holds the pictures and the message."""
+    """The screen did not show in time what the script expects. `folder` holds the saved pictures and the message."""
 
     def __init__(self, message: str, folder: Path, difference: Difference | None):
         super().__init__(message)
@@ -38,21 +38,20 @@ class WaitTimeout(GuilinkError, AssertionError):
 class Device:
     """Controls a device for a script. Close it, or use it in a `with`. Use it in one thread at a time.
 
-    All methods that look at the screen ignore pictures from before the last press. For this purpose, the link sends
-    an IdentityRequest after each press, and the methods ignore all pictures that arrive before the answer. The first
-    UNDER_WAY pictures after the answer may have been drawn before the press, too. The methods use these only if they
-    differ from the screen at the press.
+    The methods that look at the screen ignore all pictures that arrive before the device confirms the last press. The
+    first UNDER_WAY pictures after the confirmation may still show an old screen. A method uses such a picture only if
+    it differs from the picture at the time of the press.
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
                  artifacts: str | os.PathLike[str] = "guilink-artifacts"):
-        self.timeout = timeout          # s; for all calls without a time-out of their own
-        self.artifacts = Path(artifacts)  # each failed wait creates a folder in this one
-        self.test_name = "wait"         # how the names of these folders begin: wait-1, wait-2
+        self.timeout = timeout          # s; limit of each call that passes no `timeout`
+        self.artifacts = Path(artifacts)  # folder in which each failed wait creates its own folder
+        self.test_name = "wait"         # the folders of failed waits get this name and a number: wait-1, wait-2
         self.presses: deque[Press] = deque(maxlen=MAX_PRESSES)
         self.buttons = buttons or Buttons()
         self._link = link
-        self._after = 0                 # number of the last picture before the last press was confirmed
+        self._after = 0                 # number of the newest picture when the last press was confirmed
         self._decoded: tuple[bytes, Screen] | None = None
         self._shown_at_press: bytes | None = None
         self._recordings: list[Recording] = []
@@ -89,7 +88,7 @@ class Device:
         return self._link.status().linked
 
     def heard(self) -> list[HeardDevice]:
-        """Returns all devices from which this script has received broadcasts, the latest first."""
+        """Returns all devices whose broadcasts this script has received. The newest broadcast comes first."""
         return self._link.devices()
 
     # --- press -------------------------------------------------------------------------------------
@@ -106,7 +105,7 @@ class Device:
     def hold(self, button: str | int, seconds: float, interval: float = HOLD_INTERVAL) -> int:
         """Presses a button repeatedly, as if it were held down. Returns the number of presses.
 
-        The link has no message for a release, so a held button is many presses."""
+        The link has no message for the release of a button."""
         start, count = time.monotonic(), 0
         while count == 0 or time.monotonic() < start + seconds:
             self.press(button)
@@ -126,18 +125,19 @@ class Device:
 
     @property
     def screen(self) -> Screen:
-        """The first screen that was certainly drawn after the last press. At the time-out: the newest screen."""
+        """The first screen that was certainly drawn after the last press. If there is none before the time-out, the
+        newest screen."""
         return self._news(View(), self._end(None))
 
     def wait_for(self, what: Reference, *, region: Box | None = None, mask: Mask = (),
                  tolerance: int = 0, timeout: float | None = None, name: str | None = None) -> Screen:
-        """Waits until the screen shows a reference (a Screen, or a file), or meets a condition.
+        """Waits until the screen shows a reference (a Screen or a file) or meets a condition. Returns the screen.
 
-        Compares only `region`, except the parts that `mask` covers. A channel may differ by up to `tolerance`,
-        0 to 15. Returns the screen. Throws WaitTimeout, which names the difference. If the screen was as
-        expected already before the last press, ignores the first UNDER_WAY pictures after that press.
+        Compares only `region`, without the parts that `mask` covers. A colour channel may differ by up to `tolerance`,
+        0 to 15. If the screen was as expected before the last press, ignores the first UNDER_WAY pictures after that
+        press. Throws WaitTimeout at the time-out.
         """
-        __tracebackhide__ = True  # pytest then shows the script's line
+        __tracebackhide__ = True  # pytest shows the script's line instead of this one
         expectation = Expectation(what, View(region, mask, tolerance), name)
         start, last = time.monotonic(), None
         end = self._end(timeout)
@@ -149,7 +149,7 @@ class Device:
             no_news &= met
             if met and (number > self._after + UNDER_WAY or not no_news):
                 return screen
-        if met:  # by the last screen before the time-out
+        if met:  # the last screen before the time-out was as expected
             return screen
         self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
                    start, expectation, last)
@@ -157,17 +157,16 @@ class Device:
     def wait_stable(self, *, region: Box | None = None, mask: Mask = (), tolerance: int = 0,
                     still: float = STILL, pictures: int = STILL_PICTURES,
                     timeout: float | None = None) -> Screen:
-        """Waits until nothing has changed for `still` seconds and for `pictures` pictures in a row; returns the
-        screen.
+        """Waits until the screen has not changed for `still` seconds and for `pictures` pictures. Returns the screen.
 
-        If you know what the screen will show, use wait_for instead, because a busy device may take longer than
-        `still` to react to a press."""
+        If you know what the screen will show, use wait_for. A busy device may react to a press only
+        after `still` seconds."""
         __tracebackhide__ = True
         view = View(region, mask, tolerance)
         start, end = time.monotonic(), self._end(timeout)
-        first: Screen | None = None    # the first screen since the last change
-        last: Screen | None = None     # the last screen
-        changed: Screen | None = None  # the screen before the last change
+        first: Screen | None = None    # the first screen after the most recent change
+        last: Screen | None = None     # the most recent screen
+        changed: Screen | None = None  # the screen before the most recent change
         since, count = 0.0, 0
         for _, screen in self._screens(end):
             part, now = view.of(screen), time.monotonic()
@@ -188,9 +187,8 @@ class Device:
         """Presses a button until the screen shows `what`, at most `at_most` times. If the screen already shows
         `what`, does not press.
 
-        Presses again only when the last press has changed the region and the region has stopped changing, so
-        a slow device gets no superfluous press. Put everything that moves by itself outside the region, or
-        mask it. `timeout` limits the wait after each press.
+        Presses again only after the region has changed and is stable again. If a part of the region moves by itself,
+        mask this part. `timeout` limits the wait after each press.
         """
         __tracebackhide__ = True
         expectation = Expectation(what, View(region, mask, tolerance), name)
@@ -203,7 +201,7 @@ class Device:
                 break
             self.press(button)
             end = self._end(timeout)
-            seen: list[Screen] = []  # equal screens in a row; each change empties the list
+            seen: list[Screen] = []  # the screens since the most recent change, which are all equal
             for _, screen in self._screens(end):
                 part = view.of(screen)
                 if expectation.met_by(part):
@@ -221,7 +219,7 @@ class Device:
                    start, expectation, before)
 
     def record(self, path: str | os.PathLike[str]) -> Recording:
-        """Records pictures and presses until `stop()`, the end of the `with`, or `close()` of the device."""
+        """Records pictures and presses, until the recording's `stop()` or end of `with`, or the device's `close()`."""
         self._recordings.append(Recording(self._link, path, self.presses, self._recordings.remove))
         return self._recordings[-1]
 
@@ -243,9 +241,9 @@ class Device:
         press.confirmed = True
 
     def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
-        """Yields each new screen after the last press, with its number, until `end`. While the caller is busy, skips
-        all screens but the newest. If `end` has already passed, yields only the newest screen. Equal consecutive
-        pictures give the same Screen object."""
+        """Yields the screens that arrive after the confirmation of the last press, with their numbers, until `end`. If
+        several screens arrive while the caller is busy, yields only the newest of them. Equal consecutive pictures give
+        the same Screen object."""
         number = self._after
         while picture := self._link.pictures.newer(number, end):
             number = picture.number
@@ -271,7 +269,7 @@ class Device:
             try:
                 self._decoded = payload, Screen.decode(payload)
             except DamagedPicture:
-                return None  # skip it, because the next picture comes soon
+                return None  # skip a damaged picture, because the next one comes soon
         return self._decoded[1]
 
     def _pictures_since(self, start: float) -> str:
@@ -288,7 +286,7 @@ class Device:
 
     def _fail(self, headline: str, start: float, expectation: Expectation | None,
               last: Screen | None) -> NoReturn:
-        """Saves the evidence and throws WaitTimeout."""
+        """Saves the pictures and the message in a new folder, and throws WaitTimeout."""
         __tracebackhide__ = True
         lines = [headline]
         difference = None

@@ -1,4 +1,4 @@
-"""Discovery: finds the devices that search for a companion, and sends the answer that makes one connect.
+"""Finds the devices that search for a companion, and asks a device to connect.
 
 See "Being found" in docs/link-protocol.md.
 """
@@ -13,9 +13,9 @@ from guilink.link import HeardDevice, LinkError
 from guilink.wire import MessageType, frame, identity_datagram
 
 DISCOVERY_PORT = 3152  # UDP; devices send their broadcasts to this port
-MAX_AT_ONCE = 64       # datagrams read at a time; a flood must not delay the link
-MAX_HEARD = 64         # devices that are remembered; forged broadcasts must not fill the memory
-MAX_DATAGRAM = 2048    # bytes; an IdentityMessage usually has a few dozen
+MAX_AT_ONCE = 64       # number of datagrams per call of `receive`; a flood must not delay the link
+MAX_HEARD = 64         # number of devices that are remembered; forged broadcasts must not fill the memory
+MAX_DATAGRAM = 2048    # bytes; limit of one datagram
 INTERVAL = 1.5         # s; a searching device broadcasts again within this time
 ANSWER = frame(MessageType.CONNECT_REQUEST)
 
@@ -28,18 +28,18 @@ class Call(NamedTuple):
     device: HeardDevice
     sender: Sender
     again: bool               # the device has broadcast before
-    between: tuple[HeardDevice, ...]  # other devices that have broadcast since this device last did
+    between: tuple[HeardDevice, ...]  # the other devices that have broadcast since this device's previous broadcast
 
 
 class Discovery:
-    """The socket on the discovery port. Never blocks."""
+    """Receives broadcasts on the discovery port, and answers them. Never blocks."""
 
     def __init__(self) -> None:
         self._heard: dict[tuple[str, str], HeardDevice] = {}  # by identity and address; ordered by last broadcast
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.setblocking(False)
         try:
-            self._socket.bind(("", DISCOVERY_PORT))  # a socket bound to an address receives no broadcasts
+            self._socket.bind(("", DISCOVERY_PORT))  # bound to one address, the socket would receive no broadcasts
         except OSError as error:
             self._socket.close()
             raise LinkError(f"cannot listen for devices on UDP port {DISCOVERY_PORT}: {error.strerror}; "
@@ -52,18 +52,18 @@ class Discovery:
         self._socket.close()
 
     def devices(self) -> list[HeardDevice]:
-        """Returns the devices that have broadcast, the latest first."""
+        """Returns the devices that have broadcast. The device with the newest broadcast comes first."""
         return list(reversed(list(self._heard.values())))
 
     def receive(self) -> list[Call]:
-        """Returns the broadcasts that have arrived. Leaves the rest of a flood for the next call."""
+        """Reads at most MAX_AT_ONCE datagrams. Returns the broadcasts among them."""
         calls = []
         for _ in range(MAX_AT_ONCE):
             try:
                 datagram, sender = self._socket.recvfrom(MAX_DATAGRAM)
             except BlockingIOError:
                 break
-            except OSError:  # the error belongs to an earlier answer, which was not delivered
+            except OSError:  # this error reports that an earlier answer was not delivered
                 continue
             if said := identity_datagram(datagram):
                 calls.append(self._note(HeardDevice(*said, sender[0], time.monotonic()), sender))
@@ -85,7 +85,7 @@ class Discovery:
         """Asks the device to connect."""
         try:
             self._socket.sendto(ANSWER, sender)
-        except OSError:  # there is no network; answer the next broadcast
+        except OSError:  # there is no network; the device will broadcast again
             pass
 
 

@@ -1,4 +1,4 @@
-"""What a script expects of the screen: a part of it shows a reference picture, or meets a condition."""
+"""What a script expects of the screen: a part of the screen shows a reference picture or meets a condition."""
 from __future__ import annotations
 
 import os
@@ -14,10 +14,10 @@ Reference = Union[Screen, str, "os.PathLike[str]", Predicate]
 
 
 class View:
-    """The part of a screen to compare: inside `region`, outside `mask`. Differences up to `tolerance` do not
-    count.
+    """Selects the part of a screen that is compared: inside `region` and outside `mask`. A difference of up to
+    `tolerance` counts as equal.
 
-    The coordinates of a mask are those of the whole screen, even with a region.
+    The mask uses coordinates of the whole screen, even if there is a region.
     """
 
     def __init__(self, region: Box | None = None, mask: Mask = (), tolerance: int = 0):
@@ -27,8 +27,8 @@ class View:
         self._mask = mask if isinstance(mask, np.ndarray) else list(mask)
 
     def of(self, screen: Screen) -> Screen:
-        """Returns the part of the screen inside the region. If the region does not fit into the screen, returns the
-        whole screen. Its size differs from the size of a reference, so a comparison fails."""
+        """Returns the part of the screen inside the region. If the region extends beyond the screen, returns the whole
+        screen, so that a comparison with a reference finds different sizes."""
         if self.region is None:
             return screen
         x, y, width, height = self.region
@@ -36,7 +36,7 @@ class View:
         return screen.crop(self.region) if fits else screen
 
     def diff(self, one: Screen, other: Screen) -> Difference:
-        """Compares two screens that `self.of()` has returned."""
+        """Compares two results of `of`."""
         difference = one.diff(other, self._mask_of(one), self.tolerance)
         return replace(difference, origin=self.region[:2]) if self.region else difference
 
@@ -59,7 +59,8 @@ class View:
 
 
 class Expectation:
-    """Expects that the viewed part of a screen shows a reference (a screen or a file), or meets a condition."""
+    """Checks whether a screen shows a reference (a screen or a file) or meets a condition. `view` selects the part
+    to check."""
 
     def __init__(self, what: Reference, view: View, name: str | None = None):
         self.view = view
@@ -83,5 +84,5 @@ class Expectation:
         return part == self.reference or not self.difference(part)
 
     def difference(self, part: Screen) -> Difference | None:
-        """Returns how `part` differs from the reference. Returns None if a condition is expected, not a reference."""
+        """Returns how `part` differs from the reference, or None if there is no reference."""
         return self.view.diff(part, self.reference) if self.reference else None

@@ -1,6 +1,6 @@
-"""Renders pictures and presses over time as an animation or a video.
+"""Renders recorded pictures and button presses as an animation or a video.
 
-A bar below the screen names the presses. Transparent pixels are black.
+A bar below the picture shows the names of the pressed buttons. Transparent pixels become black.
 """
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ from guilink.screen import Screen
 VIDEO_FPS = 30
 ANIMATION_FPS = 10
 ANIMATION_SCALE = 2     # an animation's pictures are smaller by this factor
-PRESS_SHOWN = 0.6       # s for which the bar names a press
+PRESS_SHOWN = 0.6       # s; how long the bar shows a press
 BAR = 40                # pixels; height of the bar below the screen
 ANIMATIONS = (".png", ".apng", ".gif")
 
@@ -30,7 +30,7 @@ Progress = Callable[[str], None]
 
 
 class Shot(NamedTuple):
-    """A picture, and when it appeared."""
+    """A picture and the time of its arrival."""
 
     time: float  # time.monotonic()
     payload: bytes
@@ -49,14 +49,14 @@ class Press:
 
 
 class Film:
-    """Renders `shots` (oldest first) from `start` to `end`. All times are time.monotonic()."""
+    """Renders `shots` (oldest first) from `start` to `end`. All times are values of time.monotonic()."""
 
     def __init__(self, shots: Iterable[Shot], presses: Sequence[Press], start: float, end: float):
         self._shots, self._presses, self._start, self._end = shots, presses, start, max(start, end)
         self._font = _font()
 
     def save(self, path: str | os.PathLike[str], progress: Progress | None = None) -> None:
-        """Writes an animation if `path` ends in .png, .apng or .gif; otherwise, ffmpeg writes a video."""
+        """If `path` ends in .png, .apng or .gif, writes an animation. Otherwise, writes a video with ffmpeg."""
         if os.path.splitext(path)[1].lower() in ANIMATIONS:
             self._save_animation(path, progress)
         else:
@@ -100,7 +100,7 @@ class Film:
                                    + complaint.read().decode(errors="replace").strip())
 
     def _images(self, fps: int, scale: int, progress: Progress | None) -> Iterator[Image.Image]:
-        """Yields `fps` images per second. While nothing changes, yields the same object again."""
+        """Yields `fps` images per second of film. If nothing has changed, yields the same object again."""
         shots = iter(self._shots)
         following = next(shots, None)
         shown = image = screen = size = None
@@ -149,7 +149,7 @@ def _rgb(payload: bytes, scale: int) -> Image.Image | None:
     except DamagedPicture:
         return None
     image = image.reduce(scale) if scale > 1 else image
-    # The colours of an "RGBa" image are multiplied by alpha. Without alpha, they look as on a black background.
+    # The colours of an "RGBa" image are already multiplied by alpha, which has the effect of a black background.
     return Image.merge("RGB", image.split()[:3])
 
 

@@ -7,12 +7,12 @@ from collections import deque
 from dataclasses import dataclass, field
 from typing import Callable, NamedTuple, Protocol
 
-HISTORY = 5.0              # s for which pictures are kept, to show what came before a failure
-HISTORY_BYTES = 64 << 20   # limit for all kept payloads; a payload has at most 1 MiB, usually 30 kB
+HISTORY = 5.0              # s; pictures are kept for this long, because a failed wait saves them
+HISTORY_BYTES = 64 << 20   # bytes; limit for all kept payloads together
 
 
 class GuilinkError(Exception):
-    """Any error between a script and its device."""
+    """Base class of the errors between a script and its device."""
 
 
 class LinkError(GuilinkError):
@@ -25,7 +25,7 @@ class SeveralDevices(LinkError):
 
 @dataclass(frozen=True)
 class HeardDevice:
-    """A device that has broadcast, and so was searching for a companion."""
+    """A device whose broadcast was received."""
 
     identity: str
     firmware: str
@@ -45,21 +45,20 @@ class LinkStatus:
 
 
 class Picture(NamedTuple):
-    """A picture as received, still encoded. Numbers count all pictures, even across reconnects."""
+    """A received picture, still encoded. The numbers are consecutive, even after a reconnection."""
 
     number: int
     time: float  # time.monotonic() of its arrival
     payload: bytes
 
 
-Listener = Callable[[Picture], None]  # runs on the link's thread: must neither block nor throw
+Listener = Callable[[Picture], None]  # is called on the link's thread, so it must neither block nor throw
 
 
 class Link(Protocol):
     """A link to a device. Any thread may call the methods. `deadline` is a value of time.monotonic().
 
-    `guilink.device.Device` uses a link only through this interface. So a script works the same whether it has a
-    link of its own (Companion) or shares one (Viewer).
+    Two classes implement this interface: Companion has a link of its own, and Viewer uses the link of a running viewer.
     """
 
     pictures: Pictures
@@ -67,14 +66,14 @@ class Link(Protocol):
     def status(self) -> LinkStatus: ...
 
     def devices(self) -> list[HeardDevice]:
-        """Returns all devices that have broadcast, the latest first."""
+        """Returns all devices that have broadcast. The device with the newest broadcast comes first."""
 
     def wait_linked(self, deadline: float) -> LinkStatus:
-        """Waits until there is a link that accepts buttons. Throws LinkError, with the reason, at the deadline."""
+        """Waits until the device accepts button presses. At the deadline, throws LinkError with the reason."""
 
     def press(self, button: int, deadline: float) -> int:
-        """Presses a button. Waits for a link if there is none, and then until the device confirms the press.
-        Returns the number of the last picture before the confirmation. Throws LinkError."""
+        """Waits for a link, presses a button, and waits until the device confirms the press. Returns the number of the
+        newest picture at the time of the confirmation. Throws LinkError."""
 
     def send_text(self, text: bytes, deadline: float) -> int:
         """Sends a line for the device's log. Waits, returns and throws like `press`."""
@@ -84,9 +83,9 @@ class Link(Protocol):
 
 @dataclass
 class Pictures:
-    """The pictures of a link: the newest one, for waits, and those of the last HISTORY seconds, for error reports."""
+    """Keeps the pictures of the last HISTORY seconds, and lets a thread wait for a newer picture."""
 
-    condition: threading.Condition  # the link's condition: guards all members, notified for each picture
+    condition: threading.Condition  # the link's condition; it guards all members, and each new picture notifies it
     failure: Callable[[], Exception | None] = lambda: None  # returns why no more pictures will come, or None
     _recent: deque[Picture] = field(default_factory=deque)
     _bytes: int = 0
@@ -95,13 +94,14 @@ class Pictures:
 
     @property
     def number(self) -> int:
-        """The number of the last picture; 0 before the first."""
+        """The number of the newest picture, or 0 if no picture has arrived."""
         return self._number
 
     def add(self, payload: bytes) -> None:
         with self.condition:
             if self._recent and self._recent[-1].payload == payload:
-                payload = self._recent[-1].payload  # share the bytes, so that a repeat costs no memory and no decoding
+                # Share the bytes, so that an equal picture needs no memory and no decoding.
+                payload = self._recent[-1].payload
             else:
                 self._bytes += len(payload)
             self._number += 1

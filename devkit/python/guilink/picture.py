@@ -1,6 +1,7 @@
-"""Converts the runs of an ImageMessage to a numpy array, and back.
+"""Converts the run-length code of an ImageMessage to a numpy array, and back.
 
-"Images" in docs/link-protocol.md shows the layout. An array has height x width words of 16 bits, ARGB 4:4:4:4.
+The section "Images" of docs/link-protocol.md shows the layout. An array has height x width words of 16 bits, ARGB
+4:4:4:4.
 """
 from __future__ import annotations
 
@@ -9,7 +10,8 @@ from numpy.typing import NDArray
 
 Pixels = NDArray[np.uint16]
 
-# Three times the largest screen. Without a limit, the runs in a payload of 1 MiB could describe 17 billion pixels.
+# Limit of a picture's size, three times the largest screen. Without this limit, a payload of 1 MiB could describe
+# 17 billion pixels.
 MAX_PIXELS = 1 << 22
 RUN_MAX = 0xFFFF
 OPAQUE_MIN = 0x1000  # the lowest pixel value that is not completely transparent
@@ -20,8 +22,8 @@ class DamagedPicture(ValueError):
 
 
 def decode(payload: bytes) -> Pixels:
-    """Returns the pixels of an ImageMessage as a read-only array. The message lacks the last pixel, which gets the
-    value of the pixel before it."""
+    """Returns the pixels of an ImageMessage as a read-only array. The message does not contain the last pixel, so this
+    pixel gets the value of the pixel before it."""
     if len(payload) < 4 or len(payload) % 4:
         raise DamagedPicture(f"a picture of {len(payload)} bytes is cut off")
     words = np.frombuffer(payload, "<u2")
@@ -35,10 +37,11 @@ def decode(payload: bytes) -> Pixels:
     if described != count - 1:
         raise DamagedPicture(f"runs of {described} pixels in a picture of {width} x {height}, "
                              f"which needs {count - 1}")
-    if not lengths.all():  # drop empty runs, because below each run needs a start index of its own
+    # Drop empty runs, because the code below needs a different start index for each run.
+    if not lengths.all():
         ends, values = ends[lengths > 0], values[lengths > 0]
-    # Write only the difference (XOR) from the previous run, at the start of each run. Accumulated, these
-    # differences fill all runs. This is three times as fast as np.repeat.
+    # At the start of each run, write the XOR of its value and the previous run's value. Then accumulate with XOR, so
+    # that each run gets its value. This is three times as fast as np.repeat.
     pixels = np.zeros(count, np.uint16)
     if values.size:
         pixels[0] = values[0]
@@ -49,10 +52,10 @@ def decode(payload: bytes) -> Pixels:
 
 
 def encode(pixels: Pixels) -> bytes:
-    """Returns the payload that a device sends: without the last pixel, and with transparent pixels as 0."""
+    """Returns the payload that a device sends. It lacks the last pixel, and has 0 for each transparent pixel."""
     height, width = pixels.shape
     sent = pixels.reshape(-1)[:-1].astype(np.uint16)
-    sent[1:][sent[1:] < OPAQUE_MIN] = 0  # a device sends the first pixel unchanged
+    sent[1:][sent[1:] < OPAQUE_MIN] = 0  # a device sends the first pixel unchanged, even if it is transparent
     changes = np.flatnonzero(sent[1:] != sent[:-1]) + 1
     starts = [0, *changes.tolist()] if sent.size else []
     words = [width, height]

@@ -1,5 +1,5 @@
-"""For pytest: the fixtures `device` and `assert_screen`. The report of a failed test names the folder that holds the
-pictures of the failed wait.
+"""A pytest plugin with the fixtures `device` and `assert_screen`. If a wait fails, the test report names the folder
+with its pictures.
 
     def test_down(device, assert_screen):
         device.press("down")
@@ -11,14 +11,14 @@ from pathlib import Path
 from typing import Iterator, Protocol
 
 import pytest
-from _pytest.terminal import TerminalReporter  # this class has no public name yet
+from _pytest.terminal import TerminalReporter  # pytest has no public name for this class
 
 import guilink
 from guilink.expect import Expectation, View
 
 REFERENCES = "screens"  # folder of the reference pictures, beside the test
-UPDATE_PICTURES = 10  # equal pictures in a row that make a new reference; many, because a busy device draws late
-PROPERTY = "guilink-artifacts"  # property of a failed test in the JUnit report
+UPDATE_PICTURES = 10  # number of equal consecutive pictures before `--guilink-update` saves a reference
+PROPERTY = "guilink-artifacts"  # property in the JUnit report; its value is the folder of a failed wait
 UPDATED = pytest.StashKey[list[Path]]()
 
 
@@ -48,7 +48,7 @@ def pytest_configure(config: pytest.Config) -> None:
 
 @pytest.fixture(scope="session")
 def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
-    """The link that all tests share. Override this fixture to connect in another way."""
+    """The connected device, which all tests share. Override this fixture to connect in another way."""
     option = pytestconfig.getoption
     with guilink.connect(option("--guilink-device"), viewer=option("--guilink-viewer"),
                          timeout=option("--guilink-timeout"), labels=option("--guilink-labels"),
@@ -58,7 +58,7 @@ def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
 
 @pytest.fixture
 def device(guilink_device: guilink.Device, request: pytest.FixtureRequest) -> guilink.Device:
-    """The device. Each test finds it in the state in which the previous one left it."""
+    """The device, in the state in which the previous test left it."""
     name = request.node.name
     guilink_device.test_name = "".join(c if c.isalnum() or c in "-_" else "-" for c in name)
     guilink_device.presses.clear()

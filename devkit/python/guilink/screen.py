@@ -1,4 +1,4 @@
-"""One picture of a device's screen, as a value: compare it, search it, crop it, save it."""
+"""Represents a picture of a device's screen. Scripts can compare, search, crop and save it."""
 from __future__ import annotations
 
 import os
@@ -13,17 +13,17 @@ from PIL import Image
 from guilink.picture import Pixels, decode
 
 Box = tuple[int, int, int, int]  # x, y, width, height; in pixels from the top left
-Mask = Union[Iterable[Box], NDArray[np.bool_]]  # boxes, or an array that is True for ignored pixels
+Mask = Union[Iterable[Box], NDArray[np.bool_]]  # boxes to ignore, or an array that is True for ignored pixels
 
-SHIFTS = {"alpha": 12, "red": 8, "green": 4, "blue": 0}  # position of a channel's 4 bits in a pixel
-STEP = 17  # factor from 4 bits to 8: 15 becomes 255
+SHIFTS = {"alpha": 12, "red": 8, "green": 4, "blue": 0}  # bit position of each channel in a pixel; a channel has 4 bits
+STEP = 17  # factor that converts 4 bits to 8; 15 becomes 255
 
 
 class Screen:
     """A complete picture from the device. It never changes.
 
-    `pixels` is the numpy array, height x width words, ARGB 4:4:4:4, not premultiplied. Screens are equal if
-    all their pixels are equal.
+    `pixels` is a numpy array of height x width words of 16 bits, ARGB 4:4:4:4, not premultiplied. Two screens are
+    equal if all their pixels are equal.
     """
 
     def __init__(self, pixels: Pixels):
@@ -67,7 +67,7 @@ class Screen:
         return Image.fromarray(self.rgba, "RGBA")
 
     def save(self, path: str | os.PathLike[str]) -> None:
-        """Writes a file. PNG keeps every pixel unchanged."""
+        """Writes an image file. A PNG file keeps every pixel unchanged."""
         self.image().save(path)
 
     def crop(self, box: Box) -> Screen:
@@ -85,7 +85,8 @@ class Screen:
         return f"<Screen {self.width} x {self.height}>"
 
     def diff(self, other: Screen, mask: Mask = (), tolerance: int = 0) -> Difference:
-        """Returns where the screens differ: outside `mask`, and in some channel by more than `tolerance` (0 to 15)."""
+        """Returns where the screens differ. Ignores the pixels inside `mask`. Ignores a difference of up to `tolerance`
+        (0 to 15) in a channel."""
         if self.pixels.shape != other.pixels.shape:
             return Difference(self, other, None)
         differs = self.pixels != other.pixels
@@ -99,12 +100,12 @@ class Screen:
         return Difference(self, other, differs)
 
     def find(self, reference: Screen) -> Box | None:
-        """Returns the first box, from the top left, in which this screen shows exactly `reference`, or None."""
+        """Searches from the top left. Returns the first box in which this screen shows exactly `reference`, or None."""
         height, width = self.height - reference.height + 1, self.width - reference.width + 1
         if height <= 0 or width <= 0:
             return None
-        # Of the pixel values in the reference, take the one that is rarest on the screen. The reference can lie only
-        # where the screen has this value, so few places remain to be compared.
+        # Choose the pixel value of the reference that is rarest on the screen. Only a few places have this value,
+        # so only these places must be compared.
         values, counts = np.unique(self.pixels, return_counts=True)
         found = dict(zip(values.tolist(), counts.tolist()))
         probe = min(np.unique(reference.pixels).tolist(), key=lambda value: found.get(value, 0))
@@ -117,8 +118,8 @@ class Screen:
         return None
 
     def _edges_match(self, places: NDArray[np.intp], reference: Screen) -> NDArray[np.bool_]:
-        """Returns a flag for each of `places`: false if the screen does not show the reference there. Compares only
-        some pixels, at points where the reference changes colour. This quickly excludes most wrong places."""
+        """Returns a flag for each of `places`, which is false if the reference is certainly not there. Compares only a
+        few pixels, where the reference changes colour, so it is fast."""
         changes = np.argwhere(reference.pixels[:, 1:] != reference.pixels[:, :-1])
         match = np.ones(len(places), bool)
         for y, x in changes[::max(1, len(changes) // 16)].tolist():
@@ -129,7 +130,7 @@ class Screen:
 
 @cache
 def _colours() -> NDArray[np.uint32]:
-    """Returns, for each pixel value, its four RGBA bytes as one word."""
+    """Returns a table with the four RGBA bytes of each pixel value, as one word."""
     pixels = np.arange(1 << 16)
     channels = [pixels >> SHIFTS[name] & 15 for name in ("red", "green", "blue", "alpha")]
     colours: NDArray[np.uint32] = (np.stack(channels, axis=-1) * STEP).astype(np.uint8).view(np.uint32)
@@ -137,7 +138,7 @@ def _colours() -> NDArray[np.uint32]:
 
 
 def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
-    """Returns, for each pixel, the difference of the channel that differs most, 0 to 15."""
+    """Returns, for each pixel, the largest difference of any channel, 0 to 15."""
     largest = np.zeros(one.pixels.shape, np.uint16)
     for shift in SHIFTS.values():
         a, b = one.pixels >> shift & 15, other.pixels >> shift & 15
@@ -147,12 +148,12 @@ def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
 
 @dataclass(frozen=True, eq=False)
 class Difference:
-    """The difference of two screens; true if they differ. As text, it says where and by how much."""
+    """The difference of two screens. It is true if the screens differ. str() describes where and by how much."""
 
     one: Screen
     other: Screen
     where: NDArray[np.bool_] | None  # True where the screens differ; None if their sizes differ
-    origin: tuple[int, int] = (0, 0)  # where the compared region begins on the device's screen
+    origin: tuple[int, int] = (0, 0)  # x and y of the compared region on the device's screen
 
     def __bool__(self) -> bool:
         return self.where is None or bool(self.where.any())
@@ -190,7 +191,7 @@ class Difference:
                 f"by up to {self.largest} of 15 steps in {', '.join(channels)}")
 
     def image(self) -> Image.Image:
-        """Returns the first screen in dim grey, with the pixels that differ in red."""
+        """Returns `one` in dim grey. The pixels that differ are red."""
         grey = self.one.image().convert("RGBa").convert("L").point(lambda level: level // 3)
         picture = np.asarray(grey.convert("RGB")).copy()
         if self.where is not None:

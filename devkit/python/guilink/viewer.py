@@ -1,6 +1,6 @@
-"""Shares the link of a running guilink-viewer, so that people can watch its page while a script works.
+"""Uses the link of a running guilink-viewer. People can then watch the viewer's page while a script runs.
 
-One thread keeps a WebSocket to the viewer, and reconnects when the viewer has restarted.
+A thread keeps a WebSocket open to the viewer. If the connection is lost, the thread reconnects.
 """
 from __future__ import annotations
 
@@ -24,17 +24,17 @@ HANDSHAKE = 10.0  # s; limit for each attempt to connect
 
 @dataclass(eq=False)
 class Order:
-    """A button or text that the device has not confirmed yet."""
+    """A button press or a text for the device. The viewer reports when the device has confirmed it."""
 
     message: dict[str, Any]
     sent: bool = False
-    number: int = 0   # number of the last picture that arrived before the answer
+    number: int = 0   # sequence number of the newest picture at the time of the confirmation
     done: bool = False
     why_not: str = ""
 
 
 class Viewer:
-    """Implements `guilink.link.Link` through a running viewer. If `device` is given, makes the viewer link to it."""
+    """Implements `guilink.link.Link` through a running viewer. If `device` is given, the viewer must link to it."""
 
     def __init__(self, url: str, device: str | None = None):
         parts = urlsplit(url if "://" in url else f"http://{url}")
@@ -46,12 +46,12 @@ class Viewer:
         self._changed = threading.Condition()  # guards all members below
         self.pictures = Pictures(self._changed, lambda: self._failure)
         self._failure: Exception | None = None
-        self._away = "has not answered yet"  # why there is no connection; empty if there is one
+        self._away = "has not answered yet"  # why there is no connection to the viewer; empty while there is one
         self._state: dict[str, Any] = {}
         self._state_time = 0.0
         self._orders: dict[int, Order] = {}
         self._next_id = 1
-        self._socket: Any = None  # the connection, or None
+        self._socket: Any = None  # the WebSocket; None while it is not connected
         self._loop = asyncio.new_event_loop()
         self._task = self._loop.create_task(self._run())
         self._thread = threading.Thread(target=self._work, name="guilink", daemon=True)
@@ -128,7 +128,7 @@ class Viewer:
         return True
 
     def _wait(self, deadline: float) -> None:
-        """Waits for a change, such as a new link. Throws at the deadline."""
+        """Waits for a change, such as a new link. Throws LinkError at the deadline."""
         if self._changed.wait(max(0.0, deadline - time.monotonic())):
             return
         if self._away:
@@ -148,7 +148,7 @@ class Viewer:
                 if self._socket:
                     await self._socket.send(json.dumps(message))
             except WebSocketException:
-                pass  # the reading coroutine will see that the connection has ended
+                pass  # `_run` will notice that the connection has ended
 
         self._loop.call_soon_threadsafe(lambda: self._loop.create_task(send()))
 
@@ -159,7 +159,7 @@ class Viewer:
             self._loop.run_until_complete(self._task)
         except asyncio.CancelledError:
             pass
-        except Exception as error:  # a bug in this module; the waits of other threads must end
+        except Exception as error:  # a bug in this module; the waiting threads raise this error
             with self._changed:
                 self._failure = GuilinkError(f"the link's thread failed: {error!r}")
                 self._failure.__cause__ = error
@@ -210,7 +210,7 @@ class Viewer:
             self._changed.notify_all()
 
     def _choose(self) -> None:
-        """Makes the viewer link to the wanted device as soon as it is in sight."""
+        """If the wanted device has broadcast, but is not linked, asks the viewer to link to it."""
         if self._device and not self._is_linked() and self._state.get("wanted") != self._device:
             if any(self._device in (each.identity, each.address) for each in self.devices()):
                 self._send({"device": self._device})
