@@ -17,10 +17,10 @@ START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B
 HEADER = struct.Struct("<32sIIH")  # start sequence, checksum, payload length, message type
 CONTROL, BUTTON, IMAGE, IDENTITY, CONNECT, IDENTITY_REQUEST = range(6)
 MAX_PAYLOAD = 0x100000  # bytes; a header that announces more is damaged
-KEEP_ALIVE = 0.5  # s between keep-alives; without them, the device stops new images after 2 s and drops us after 3 s
-SILENCE = 3       # s without a byte, after which the link is lost, because a live device answers IdentityRequests
-TURN = 1          # s without a byte, after which we give up a connection that has shown no image yet
-OLD_SEARCH = 1    # s; for this long after the first image, a broadcast may come from a search that began earlier
+KEEP_ALIVE = 0.5  # s between keep-alives; after 2 s without one, a device sends no new images
+SILENCE = 3       # s; if nothing arrives for this long, the link is lost
+TURN = 1          # s; if nothing arrives for this long before the first image, we close the connection
+OLD_SEARCH = 1    # s; we ignore broadcasts for this long after the first image, because they may be late
 MAX_PIXELS = 1 << 22  # no device has a larger screen
 
 
@@ -29,7 +29,7 @@ def frame(kind, payload=b""):
 
 
 def messages_in(buffer):
-    """Removes complete frames from the buffer; yields (type, payload). Skips damaged bytes."""
+    """Removes the complete frames from the buffer; yields (type, payload) of each frame. Skips damaged bytes."""
     while (start := buffer.find(START)) >= 0:
         del buffer[:start]
         if len(buffer) < HEADER.size:
@@ -60,7 +60,7 @@ def decode(payload):
     for length, value in zip(runs[0::2], runs[1::2]):  # a value has 4 bits each of alpha, red, green and blue
         pixel = bytes((value >> shift & 15) * 17 for shift in (8, 4, 0, 12))
         rgba += pixel * length
-    return width, height, rgba + pixel  # the last pixel is never sent; it equals the one before it
+    return width, height, rgba + pixel  # the last pixel is never sent; it gets the value of the pixel before it
 
 
 def save_png(name, width, height, rgba):
@@ -76,7 +76,7 @@ def save_png(name, width, height, rgba):
 
 
 def answer(discovery, only=None):
-    """Reads a broadcast. If `only` is None or the sender's address, answers it. Returns whether it was answered."""
+    """Reads a broadcast, and answers it unless `only` is a different address. Returns whether it was answered."""
     call, device = discovery.recvfrom(2048)
     calls = any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call)))
     if found := calls and only in (None, device[0]):
@@ -97,8 +97,8 @@ def connections(discovery, end):
 
 
 def messages(connection, discovery, end):
-    """Keeps a connection alive and yields its messages; ends when the device has gone."""
-    connection.settimeout(SILENCE)  # a send may take no longer
+    """Yields the messages of a connection and keeps the connection alive. Ends when the device has gone."""
+    connection.settimeout(SILENCE)  # s; limit of each send
     peer, linked = connection.getpeername()[0], None  # `linked` will be the time of the first image
     buffer, heard, next_alive, patience = bytearray(), time.monotonic(), 0, TURN
     while (now := time.monotonic()) < min(end, heard + patience):
@@ -120,8 +120,8 @@ def messages(connection, discovery, end):
             heard = time.monotonic()
             buffer += data
         if discovery in ready:
-            # Right after linking, answer no broadcast, because it may come from a search that began before the link.
-            # Later, answer only our device. If it broadcasts, it has dropped the link.
+            # Right after linking, ignore all broadcasts, because they may be late. Later, a broadcast from our device
+            # means that the device has dropped the link, so answer and return.
             only = None if not linked else peer if now > linked + OLD_SEARCH else "nobody"
             if answer(discovery, only) and linked:
                 return

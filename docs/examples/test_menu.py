@@ -1,7 +1,7 @@
 """A first test of a device's GUI. `pytest --guilink-update` saves the reference pictures. Check them by eye."""
 
 ROWS = (70, 260, 560, 630)       # x, y, width, height of the menu's rows
-ARROWS = [(540, 260, 60, 630)]   # the arrow of the selected row, which moves by itself
+ARROWS = [(540, 260, 60, 630)]   # the animated arrow beside the selected row
 
 
 def test_down_selects_the_next_row(device, assert_screen):

@@ -5,8 +5,8 @@ The tests need a device that has just started. They restore all settings.
 import pytest
 
 PANEL = (70, 150, 560, 740)      # x, y, width, height of the menu and its pages
-MOVING = [(100, 230, 500, 20),   # the bar below the title, which moves by itself
-          (540, 260, 60, 330)]   # the arrow of the selected row, which moves by itself
+MOVING = [(100, 230, 500, 20),   # the animated bar below the title
+          (540, 260, 60, 330)]   # the animated arrow beside the selected row
 TITLE = MOVING[:1]
 FRAMES = (330, 435, 280, 40)     # the frame counter on the page "About"
 PAGES = ["display", "image", "recordings", "about"]
@@ -14,7 +14,7 @@ PAGES = ["display", "image", "recordings", "about"]
 
 @pytest.fixture(autouse=True)
 def menu(device):
-    """Opens the menu. The buttons Info and Back, in this order, lead there from every page."""
+    """Opens the menu: from every page, the buttons Info and then Back lead there."""
     device.press("info")
     device.press("back")
 
