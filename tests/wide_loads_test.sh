@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# wide_loads_test.sh OBJDUMP PROGRAM: inspects the compiled code of CopyWide. It must have at least eight
-# loads of 16 bytes, load all vectors with aligned loads, and not call memcpy.
+# wide_loads_test.sh OBJDUMP PROGRAM: inspects the compiled code of CopyWide. The code must contain at
+# least eight loads of 16 bytes, use only aligned instructions to load vectors, and not call memcpy.
 set -euo pipefail
 
 code=$("$1" --disassemble --no-show-raw-insn "$2" | sed -n '/<_Z8CopyWidePhPKhm[^>]*>:/,/^$/p')

@@ -1,5 +1,5 @@
-// Receives the broadcasts of devices that search for a companion, on UDP port 3152 of all
-// interfaces. Remembers the devices, and answers the wanted ones.
+// Listens on UDP port 3152 of all interfaces for the broadcasts of devices that search for a
+// companion. Remembers these devices, and answers those that the caller chooses.
 #pragma once
 
 #include <netinet/in.h>

@@ -32,7 +32,7 @@ FRAME-13 device must The device reads frames however TCP splits or joins them.
 FRAME-14 device must The device drops bytes that are not a start sequence, and finds the frame after them.
 FRAME-15 device must The device skips the whole announced length of a frame with a wrong checksum.
 FRAME-16 device must The device drops all buffered bytes when a frame announces more than 1,048,576 bytes, header included.
-FRAME-17 device must The device drops all buffered bytes when they would exceed 1,048,576, and continues to receive.
+FRAME-17 device must When new bytes would make its buffer exceed 1,048,576 bytes, the device drops the new and all buffered bytes, and continues to receive.
 FRAME-18 device must The device skips frames of the types 2, 3 and above 6.
 FRAME-19 device must The device sends only the types 2, 3 and 6.
 LINK-1 companion must A ConnectRequest is the first frame that the companion sends on a connection.
@@ -68,7 +68,7 @@ PICT-1 companion must The companion draws the runs row by row from the top left;
 PICT-2 companion must The last pixel, which is not sent, equals the pixel before it, or is 0 in an image of one pixel.
 PICT-3 companion must A pixel holds alpha, red, green and blue, 4 bits each, alpha in the highest bits; to convert a value to 8 bits, multiply it by 17.
 PICT-4 companion must The companion shows images of 1280 x 960 and 1024 x 768 pixels, and the size may change between two images.
-PICT-5 companion must The companion drops an image whose runs do not describe width x height - 1 pixels, or whose payload is cut off.
+PICT-5 companion must The companion drops an image whose runs do not add up to (width x height) - 1 pixels, or whose payload is cut off.
 PICT-6 companion must The companion drops an image that has no pixels or more than 4,194,304, and reserves no memory for it.
 PICT-7 companion may The companion may skip a run of length 0 or drop its image.
 PICT-8 device must The runs of an image describe width x height - 1 pixels.
