@@ -146,7 +146,7 @@ TEST_F(Controller, SearchesAgainWhenTheLinkEnds) {
     peer.write(bytes("t"));  // the worker throws, which ends the receive thread
     EXPECT_TRUE(peer.ended());
     link();
-    EXPECT_EQ(m_worker->seen().link_ends, 0);  // the controller reports no end to the worker
+    EXPECT_EQ(m_worker->seen().link_ends, 0);  // no report of the link's end
 }
 
 TEST_F(Controller, CandidateWhoseExaminationFailedIsLetGo) {

@@ -18,7 +18,7 @@ from guilink.expect import Expectation, View
 
 REFERENCES = "screens"  # folder of the reference pictures, beside the test
 UPDATE_PICTURES = 10  # number of equal consecutive pictures before `--guilink-update` saves a reference
-PROPERTY = "guilink-artifacts"  # property in the JUnit report; its value is the folder of a failed wait
+PROPERTY = "guilink-artifacts"  # property in the JUnit report: the folder in which a failed test saved pictures
 UPDATED = pytest.StashKey[list[Path]]()
 
 
