@@ -91,7 +91,7 @@ class Companions:
 
 def soak(seconds, table):
     """Returns a list of samples and a list of failures. Each sample is a list: the time in seconds, a value (or None)
-    for each of PLOTS, and whether the link is quiet, that is, at least SETTLED seconds old."""
+    for each of PLOTS, and whether the link is at least SETTLED seconds old."""
     ctypes.CDLL(None).prctl(SUBREAPER, 1)
     with open(OUT / "guilinkd.log", "w", encoding="utf-8") as log:
         subprocess.run(BIN / "guilinkd", stdout=log, stderr=log, check=True)

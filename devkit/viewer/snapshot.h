@@ -11,7 +11,7 @@ namespace guilink {
 struct SnapshotOptions {
     std::string file;                  // PNG file to write
     std::string device;                // identity or address; empty: the only device in sight
-    std::string raw_file;              // file for the pixels as received; empty: no such file
+    std::string raw_file;              // file for the pixels as received; if empty, writes none
     std::vector<uint8_t> presses;      // buttons to press in this order after the first image
     unsigned frames = 60;              // images to wait for after the last press
     std::chrono::seconds timeout{30};  // time limit for the whole snapshot

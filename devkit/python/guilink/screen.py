@@ -174,7 +174,7 @@ class Difference:
 
     @property
     def largest(self) -> int:
-        """The largest difference of a channel, 0 to 15."""
+        """The largest difference in any channel of any pixel, 0 to 15."""
         return int(steps(self.one, self.other)[self.where].max()) if self.box else 0
 
     def __str__(self) -> str:

@@ -22,7 +22,7 @@ class Subject:
         self.greeted = 0                # connections on which it has sent a ConnectRequest since it started
 
     def ensure_running(self) -> bool:
-        """Starts the companion if it does not run. Returns whether it was started."""
+        """Starts the companion unless it is running. Returns whether this call started it."""
         if self.alive():
             return False
         self._output.seek(0)
