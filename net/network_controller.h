@@ -24,10 +24,10 @@ class NetworkController {
     class NetworkWorker {
       public:
         // Handles bytes that have arrived on the connection of the calling thread. `data` is valid
-        // only during the call. To make this connection the link, the worker calls `signal`, unless
-        // `signal` is empty. If `deliver_all` is false, the worker passes only keep-alives to the
-        // message handler. A length of 0 means that the connection of a candidate has ended.
-        // Several threads may call this function.
+        // only during the call. If the connection is a candidate, the worker can make it the link
+        // by calling `signal`, and a length of 0 means that the connection has ended. If the
+        // connection is the link, `signal` is empty. If `deliver_all` is false, the worker passes
+        // only keep-alives to the message handler. Several threads may call this function.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
         // Sets the controller through which the worker sends. The worker keeps a weak pointer.

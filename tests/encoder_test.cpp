@@ -36,8 +36,8 @@ constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;  // pixels; the Python decoder gets n
 
 constexpr size_t AT = 21;  // index of an image's first 16-bit word, behind the frame's header
 
-// Returns the instruction sets that this processor and run_ends.cpp support. Each element is a bit
-// mask, of which hwy uses only the lowest bit.
+// Returns the instruction sets that this processor and run_ends.cpp support. An element may have
+// several bits set; its lowest set bit denotes the instruction set.
 std::vector<int64_t> instruction_sets() {
 #if defined(__x86_64__)
     std::vector<int64_t> sets;

@@ -38,7 +38,7 @@ PLOTS = [("RssAnon, KiB", "#1f77b4"), ("threads", "#c0504d"), ("descriptors", "#
 
 
 class Companions:
-    """Runs the bare companion and the viewer in turn, for ever. Counts the images that the bare companion receives."""
+    """Runs the example companion and the viewer in turn, for ever. Counts the images that the example receives."""
 
     def __init__(self):
         self.images, self.linked_since = 0, None
