@@ -37,8 +37,9 @@ struct Turns {
 };
 
 // Reports to the worker that a connection has ended. The connection's callback holds a
-// ConnectionEnd, and the receive thread destroys this callback when the connection ends. The worker
-// ignores reports from threads that have passed no bytes to it.
+// ConnectionEnd, and the receive thread destroys its copy of this callback when the connection
+// ends. Other threads destroy copies, too, but the worker ignores reports from threads that have
+// passed no bytes to it.
 struct ConnectionEnd {
     std::weak_ptr<NetworkController::NetworkWorker> worker;
 

@@ -3,7 +3,7 @@
 // network unit connects to the host by TCP, and the controller passes the received bytes to the
 // worker (the link protocol). When the worker accepts a candidate, its unit becomes the link, and
 // the controller drops all other candidates. If a send fails or the connection ends, the controller
-// drops the link and searches again.
+// drops the link and the data being sent, and searches again.
 //
 // A dropped unit is stopped at once, but destroyed only after its threads have ended, so that
 // nothing waits for these threads. A unit's callbacks may run after the controller is destroyed. So

@@ -41,8 +41,8 @@ class NetworkUnit {
 
     // Ends an earlier connection. Then opens a TCP connection to the unit's address and receives
     // from it, in the background. If the system provides no socket or no thread, logs this to
-    // standard error. If the connection fails, logs nothing. After any of these failures, send()
-    // returns false.
+    // standard error. If the peer does not accept the connection, logs nothing. After any of these
+    // failures, send() returns false.
     virtual void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) = 0;
 
     // Sends on the TCP connection. Returns true only if the system accepted all the data in one

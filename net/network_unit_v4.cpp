@@ -20,7 +20,7 @@ namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer counts as gone
 constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send that waits longer for buffer space fails
-constexpr int SYN_RETRANSMISSIONS = 3;    // limit for one call of connect
+constexpr int SYN_RETRANSMISSIONS = 3;    // limit for one call of connect, as is SEND_TIMEOUT
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});

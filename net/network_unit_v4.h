@@ -11,8 +11,8 @@
 
 class NetworkUnitV4 : public NetworkUnit {
   public:
-    // If ping_packet is empty, discovery sends an ICMP echo request to each address of the subnet
-    // (at most 256 addresses). Otherwise discovery broadcasts ping_packet by UDP.
+    // If ping_packet is empty, discovery sends an ICMP echo request to each host address among the
+    // subnet's first 256 addresses. Otherwise discovery broadcasts ping_packet by UDP.
     NetworkUnitV4(const uint32_t& address, const uint32_t& mask,
                   const std::vector<unsigned char>& ping_packet);
     ~NetworkUnitV4() override;
