@@ -1,6 +1,8 @@
 """Tests the internals of the Python package: frames, pictures, screens, and the companion's end of the link."""
+import asyncio
 import socket
 import subprocess
+import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import closing
@@ -13,6 +15,7 @@ from guilink import picture
 from guilink.companion import Companion
 from guilink.link import LinkError, SeveralDevices
 from guilink.screen import Screen
+from guilink.viewer import Viewer
 from guilink.wire import MAX_PAYLOAD, START, FrameReader, Message, MessageType, frame
 
 BLACK = np.full((48, 64), 0xF000, np.uint16)
@@ -245,3 +248,31 @@ def test_flood_of_noise_does_not_end_the_link(link, device):
 def test_ports_in_use_are_reported(link):
     with pytest.raises(LinkError, match="UDP port 3152.*another companion"):
         Companion()
+
+
+# --- viewer -------------------------------------------------------------------------------------------
+
+def test_link_through_a_viewer_closes_although_an_attempt_to_connect_loses_the_cancellation(monkeypatch):
+    started = threading.Event()
+
+    class Attempt:
+        def __init__(self, *_, **__):
+            pass
+
+        async def __aenter__(self):
+            started.set()
+            try:
+                await asyncio.Event().wait()
+            except asyncio.CancelledError:
+                raise ConnectionRefusedError from None
+
+        async def __aexit__(self, *_):
+            pass
+
+    monkeypatch.setattr("websockets.connect", Attempt)
+    link = Viewer("http://127.0.0.1:8080")
+    assert started.wait(LIMIT)
+    closer = threading.Thread(target=link.close, daemon=True)
+    closer.start()
+    closer.join(LIMIT)
+    assert not closer.is_alive()

@@ -169,7 +169,9 @@ class Viewer:
             self._loop.close()
 
     async def _run(self) -> None:
-        while True:
+        # `close` sets _failure before it cancels this task. If an attempt to connect fails at the same moment, it
+        # raises its own error instead of CancelledError.
+        while not self._failure:
             try:
                 async with websockets.connect(self._url, max_size=MAX_PAYLOAD, compression=None,  # type: ignore
                                               open_timeout=HANDSHAKE, close_timeout=1) as socket:
