@@ -58,8 +58,8 @@ def caught(prove, rule):
 
 
 def missed(programs, prove):
-    """Returns the programs for which the kit does not report exactly the broken rule. Tests every eighth program; if
-    GUILINK_ZOO=all, tests every program."""
+    """Returns the programs that the kit judges wrongly. Each program breaks one rule, and the kit must report this rule
+    and no other. Tests every eighth program; if GUILINK_ZOO=all, tests every program."""
     if os.environ.get("GUILINK_ZOO") != "all":
         programs = dict(list(programs.items())[::8])
     with ThreadPoolExecutor(4) as pool:

@@ -34,7 +34,7 @@ constexpr size_t STEP = 7;        // the tests that use STEP try only every seve
 #endif
 constexpr size_t EXHAUSTIVE_IN_PYTHON = 8;  // pixels; the Python decoder gets no larger images
 
-constexpr size_t AT = 21;  // index of an image's first 16-bit word, behind the frame's header
+constexpr size_t AT = 21;  // in a frame, the number of 16-bit words before the image
 
 // Returns the instruction sets that this processor and run_ends.cpp support. An element may have
 // several bits set; its lowest set bit denotes the instruction set.

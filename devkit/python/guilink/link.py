@@ -12,7 +12,7 @@ HISTORY_BYTES = 64 << 20   # bytes; limit for all kept payloads together
 
 
 class GuilinkError(Exception):
-    """Base class of the errors between a script and its device."""
+    """Base class of the errors that this package defines."""
 
 
 class LinkError(GuilinkError):
