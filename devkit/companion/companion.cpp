@@ -166,13 +166,17 @@ bool Companion::wants(const Discovery::Call& call) {
 }
 
 void Companion::take_choice() {
+    bool same_choice = false;
     {
         const Lock lock(m_waiting_mutex);
         if (!m_choice) return;
+        same_choice = *m_choice == m_device;
         m_device = std::move(*m_choice);
         m_choice.reset();
     }
-    if (m_link != nullptr && (m_device == m_status.address || m_device == m_status.identity))
+    // The identity of a new link is unknown until the device has sent it.
+    if (m_link != nullptr &&
+        (same_choice || m_device == m_status.address || m_device == m_status.identity))
         return;
     m_last = {};
     m_answered.clear();

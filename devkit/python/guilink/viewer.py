@@ -213,6 +213,8 @@ class Viewer:
 
     def _choose(self) -> None:
         """If the wanted device has broadcast, but is not linked, asks the viewer to link to it."""
+        if self._state.get("state") == "linked" and not self._state["identity"]:
+            return  # the next state will say which device is linked
         if self._device and not self._is_linked() and self._state.get("wanted") != self._device:
             if any(self._device in (each.identity, each.address) for each in self.devices()):
                 self._send({"device": self._device})
