@@ -174,10 +174,10 @@ void Companion::take_choice() {
         m_device = std::move(*m_choice);
         m_choice.reset();
     }
-    // The identity of a new link is unknown until the device has sent it.
-    if (m_link != nullptr &&
-        (same_choice || m_device == m_status.address || m_device == m_status.identity))
-        return;
+    // If the device has not sent its identity yet, repeating the choice must not drop the new link.
+    const bool chosen = (same_choice && m_status.identity.empty()) ||
+                        m_device == m_status.address || m_device == m_status.identity;
+    if (m_link != nullptr && chosen) return;
     m_last = {};
     m_answered.clear();
     for (Connection& connection : m_connections) connection.end();
