@@ -2,7 +2,7 @@
 // simulates with plain sockets.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
+#include <atomic>
 #include <optional>
 
 #include "devkit/companion/companion.h"
@@ -234,6 +234,21 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
     call();
     EXPECT_EQ(one.read_some(HEADER_SIZE), frame(ConnectRequest));
     EXPECT_FALSE(other.readable(0ms));
+}
+
+TEST_F(CompanionTest, RepeatedChoiceKeepsALinkWhoseIdentityIsUnknown) {
+    std::atomic<int> images = 0;
+    m_on_image = [&] { ++images; };
+    m_companion.choose("ABCDE");
+    ASSERT_TRUE(wait_until([this] { return status().wanted == "ABCDE"; }));
+    const Socket device = connect();
+    for (int count = 1; count <= 3; ++count) {
+        device.write(frame(ImageMessage, payload({1, 1})));
+        ASSERT_TRUE(wait_until([&] { return images == count; }));
+        m_companion.choose("ABCDE");
+    }
+    device.write(IDENTITY);
+    EXPECT_TRUE(wait_until([this] { return status().identity == "ABCDE"; }));
 }
 
 TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
