@@ -2,8 +2,8 @@
 #include <zlib.h>
 
 #include "bench/measures.h"
-#include "protocol/crc32.h"
 #include "tests/support/literal_crc32.h"
+#include "wire/crc32.h"
 
 namespace guilink {
 

@@ -10,10 +10,10 @@
 #include "bench/mark.h"
 #include "bench/pictures.h"
 #include "link/read_frame.h"
-#include "protocol/crc32.h"
 #include "protocol/image.h"
 #include "tests/support/literal_crc32.h"
 #include "tests/support/literal_encoder.h"
+#include "wire/crc32.h"
 
 namespace {
 

@@ -21,8 +21,8 @@
 #include "devkit/companion/image_decoder.h"
 #include "devkit/core/control_service.h"
 #include "link/com_lib_interface.h"
-#include "protocol/frame.h"
 #include "tests/support/socket.h"
+#include "wire/frame.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <mutex>
 
 #include "bench/measures.h"
-#include "protocol/crc32.h"
 #include "protocol/veltrane_communicator.h"
+#include "wire/crc32.h"
 
 namespace guilink {
 

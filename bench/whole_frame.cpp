@@ -11,10 +11,10 @@
 #include <thread>
 
 #include "bench/measures.h"
-#include "protocol/frame.h"
 #include "protocol/image.h"
 #include "tests/support/literal_crc32.h"
 #include "tests/support/literal_encoder.h"
+#include "wire/frame.h"
 
 namespace guilink {
 

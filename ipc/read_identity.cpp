@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "protocol/frame.h"
+#include "wire/frame.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 
 #include "base/write_line.h"
 #include "net/network_unit_v4.h"
-#include "net/ports.h"
+#include "wire/ports.h"
 
 using namespace std::chrono_literals;
 

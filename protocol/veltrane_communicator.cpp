@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "base/write_line.h"
-#include "protocol/crc32.h"
 #include "protocol/image.h"
+#include "wire/crc32.h"
 
 namespace {
 

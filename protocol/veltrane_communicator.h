@@ -17,7 +17,7 @@
 
 #include "base/mutex.h"
 #include "net/network_controller.h"
-#include "protocol/frame.h"
+#include "wire/frame.h"
 
 class VeltraneCommunicator : public NetworkController::NetworkWorker {
   public:

@@ -101,7 +101,7 @@ done
 echo 0 0 65536 >"/proc/$namespace/gid_map"
 sandbox() { nsenter --user --target $namespace "$here/../scripts/sandbox" "$0" --inside "$@"; }
 
-needs=libcairo2,libpng16-16,libturbojpeg0,libhwy-dev,libbenchmark1debian,fonts-dejavu-core,procps
+needs=libcairo2,libpng16-16,libturbojpeg0,libbenchmark1debian,fonts-dejavu-core,procps
 if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
     rm -rf "$base" "$base.new"
     debootstrap --foreign --arch=arm64 --variant=minbase --include=$needs bookworm "$base.new" >&2

@@ -6,8 +6,8 @@
 #include "devkit/core/control_service.h"
 #include "devkit/core/frame_memory.h"
 #include "devkit/core/scenes.h"
-#include "protocol/frame.h"
 #include "protocol/image.h"
+#include "wire/frame.h"
 
 namespace guilink {
 namespace {

@@ -5,10 +5,10 @@
 #include <new>
 #include <random>
 
-#include "protocol/crc32.h"
 #include "protocol/veltrane_communicator.h"
 #include "tests/support/literal_crc32.h"
 #include "tests/support/raw_companion.h"
+#include "wire/crc32.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "protocol/frame.h"
+#include "wire/frame.h"
 
 #include <gtest/gtest.h>
 

@@ -44,7 +44,7 @@ packages=$(realpath "$1")
 base=$2
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-needs=systemd-sysv,libcairo2,libpng16-16,libturbojpeg0,libhwy-dev,libbenchmark1debian,fonts-dejavu-core
+needs=systemd-sysv,libcairo2,libpng16-16,libturbojpeg0,libhwy1,libbenchmark1debian,fonts-dejavu-core
 needs+=,procps,python3-numpy,python3-pil,python3-websockets
 if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
     rm -rf "$base" "$base.new"

@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "net/ports.h"
-#include "protocol/frame.h"
+#include "wire/frame.h"
+#include "wire/ports.h"
 
 using namespace std::chrono_literals;
 

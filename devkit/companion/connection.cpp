@@ -8,7 +8,7 @@
 #include <array>
 #include <cerrno>
 
-#include "protocol/frame.h"
+#include "wire/frame.h"
 
 namespace guilink {
 

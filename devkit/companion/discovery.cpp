@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "devkit/companion/frame_reader.h"
-#include "net/ports.h"
-#include "protocol/frame.h"
+#include "wire/frame.h"
+#include "wire/ports.h"
 
 namespace guilink {
 

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "protocol/crc32.h"
-#include "protocol/frame.h"
+#include "wire/crc32.h"
+#include "wire/frame.h"
 
 namespace guilink {
 

@@ -1,6 +1,3 @@
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
-if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
-    find_dependency(hwy)
-endif()
 include(${CMAKE_CURRENT_LIST_DIR}/guilink-targets.cmake)

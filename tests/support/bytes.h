@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "protocol/frame.h"
+#include "wire/frame.h"
 
 namespace guilink::test {
 

@@ -17,6 +17,8 @@
 #include <cstring>
 #include <vector>
 
+namespace guilink {
+
 inline constexpr std::array<unsigned char, 32> STARTING_SEQUENCE = {
     0x5A, 0x1E, 0x9C, 0x03, 0xD7, 0xB2, 0x4F, 0x66, 0x81, 0xE0, 0xC3, 0xA9, 0x5B, 0x7D, 0x2E, 0x4F,
     0x0C, 0x6A, 0x18, 0xB3, 0xE5, 0x9D, 0x7F, 0x20, 0x41, 0xC8, 0xA6, 0xE3, 0xB9, 0xD0, 0x5F, 0x17};
@@ -66,3 +68,19 @@ std::vector<unsigned char> BuildFrame(uint16_t type, const unsigned char* payloa
 // at frame + HEADER_SIZE. Returns the size of the frame. If `length` exceeds MAX_SIZE, writes
 // nothing and returns 0.
 uint64_t FinishFrame(unsigned char* frame, uint16_t type, uint64_t length);
+
+}  // namespace guilink
+
+// Global in the service, but not in the symbols of the companion library: a program that links the
+// library may have functions of the same names.
+using guilink::BuildFrame;
+using guilink::CHECKSUM_OFFSET;
+using guilink::FinishFrame;
+using guilink::FrameHeader;
+using guilink::HEADER_SIZE;
+using guilink::ID_SIZE;
+using guilink::MAX_SIZE;
+using guilink::MessageType;
+using guilink::ReadHeader;
+using guilink::STARTING_SEQUENCE;
+using enum guilink::MessageType;

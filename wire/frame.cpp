@@ -1,13 +1,15 @@
-#include "protocol/frame.h"
+#include "wire/frame.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
 
-#include "protocol/crc32.h"
+#include "wire/crc32.h"
 
 static_assert(std::endian::native == std::endian::little,
               "fields are written as they lie in memory");
+
+namespace guilink {
 
 uint64_t FinishFrame(unsigned char* frame, uint16_t type, uint64_t length) {
     if (length > MAX_SIZE) return 0;
@@ -29,3 +31,5 @@ std::vector<unsigned char> BuildFrame(uint16_t type, const unsigned char* payloa
     FinishFrame(frame.data(), type, length);
     return frame;
 }
+
+}  // namespace guilink

@@ -1,7 +1,7 @@
 // Three implementations of one checksum: eight lookup tables (any processor), carry-less
 // multiplication (x86-64) and CRC instructions (64-bit Arm). best_update chooses the fastest one
 // that the processor supports.
-#include "protocol/crc32.h"
+#include "wire/crc32.h"
 
 #include <array>
 #include <bit>
@@ -13,6 +13,8 @@
 #include <arm_acle.h>
 #include <sys/auxv.h>
 #endif
+
+namespace guilink {
 
 namespace {
 
@@ -139,3 +141,5 @@ uint32_t Crc32(const unsigned char* bytes, uint64_t length) {
     static const Update update = best_update();
     return ~update(0xFFFFFFFF, bytes, length);
 }
+
+}  // namespace guilink
