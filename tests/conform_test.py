@@ -1,6 +1,6 @@
-"""Tests the conformance kit with the zoo, which consists of small companions and devices that each break one rule. The
-kit must report exactly this rule as broken, and must pass correct companions and devices. The kit's rules must equal
-those of docs/link-protocol.md, and the golden files must be up to date.
+"""Tests the conformance kit with small companions and devices that each break one rule. The kit must report exactly
+this rule as broken, and must pass correct companions and devices. The kit's rules must equal those of
+docs/link-protocol.md, and the golden files must be up to date.
 """
 import json
 import os
@@ -11,7 +11,7 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from support import zoo_companion, zoo_device
+from support import wrong_companion, wrong_device
 
 from guilink.conform.golden import files
 from guilink.conform.rules import RULES
@@ -39,12 +39,12 @@ def broken_rules(verdicts):
 def companion(name, folder, *options):
     picture = folder / f"{name.replace(' ', '-')}.png"
     return conform("companion", "--json", "--picture", picture, *options, "--", sys.executable, "-B",
-                   SUPPORT / "zoo_companion.py", name, picture)
+                   SUPPORT / "wrong_companion.py", name, picture)
 
 
 def device(name, *options):
     return conform("device", "--json", *options, within=[
-        ROOT / "scripts/sandbox", sys.executable, "-B", SUPPORT / "zoo_device.py", name])
+        ROOT / "scripts/sandbox", sys.executable, "-B", SUPPORT / "wrong_device.py", name])
 
 
 def caught(prove, rule):
@@ -59,8 +59,8 @@ def caught(prove, rule):
 
 def missed(programs, prove):
     """Returns the programs that the kit judges wrongly. Each program breaks one rule, and the kit must report this rule
-    and no other. Tests every eighth program; if GUILINK_ZOO=all, tests every program."""
-    if os.environ.get("GUILINK_ZOO") != "all":
+    and no other. Tests every eighth program; if GUILINK_WRONG=all, tests every program."""
+    if os.environ.get("GUILINK_WRONG") != "all":
         programs = dict(list(programs.items())[::8])
     with ThreadPoolExecutor(4) as pool:
         found = list(pool.map(lambda item: caught(lambda *o: prove(item[0], *o), item[1]), programs.items()))
@@ -68,11 +68,11 @@ def missed(programs, prove):
 
 
 def test_wrong_companions_are_caught(tmp_path):
-    assert not missed(zoo_companion.WRONG, lambda name, *options: companion(name, tmp_path, *options))
+    assert not missed(wrong_companion.WRONG, lambda name, *options: companion(name, tmp_path, *options))
 
 
 def test_wrong_devices_are_caught():
-    assert not missed(zoo_device.WRONG, device)
+    assert not missed(wrong_device.WRONG, device)
 
 
 def test_right_companion_is_not_blamed(tmp_path):
@@ -118,7 +118,7 @@ def test_our_service_passes():
 
 
 TAKEN = "import socket; taken = socket.socket(type=socket.{}); taken.bind(('', {})); import time; print(); time.sleep(99)"
-ZOO = f"{sys.executable} -B {SUPPORT}/zoo_device.py"
+DEVICE = f"{sys.executable} -B {SUPPORT}/wrong_device.py"
 DOCTOR = f"{sys.executable} -m guilink doctor --json"
 FIREWALL = "nft 'add table ip t; add chain ip t c {{ type filter hook input priority 0; }}; add rule ip t c {}'"
 CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, iter([0]); "
@@ -126,25 +126,24 @@ CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, it
 
 
 @pytest.mark.parametrize("script, diagnosis", [
-    (f"{ZOO} right {DOCTOR} --press 3", None),
+    (f"{DEVICE} right {DOCTOR} --press 3", None),
     (f'coproc {sys.executable} -c "{TAKEN.format("SOCK_DGRAM", 3152)}"; read -u $COPROC; {DOCTOR}', "UDP port 3152"),
     (f'coproc {sys.executable} -c "{TAKEN.format("SOCK_STREAM", 8399)}"; read -u $COPROC; {DOCTOR}', "TCP port 8399"),
     (f"ip address flush dev guilink0; {DOCTOR}", "has no IPv4 address"),
     (DOCTOR, "no broadcast is heard"),
     (f"{DOCTOR} --device 10.77.0.1", "does not search"),
-    (f"{FIREWALL.format('udp dport 3152 drop')}; {ZOO} right {DOCTOR}", "broadcasts arrive, and this computer drops"),
-    (f"{FIREWALL.format('udp dport 3153 drop')}; {ZOO} right {DOCTOR}", "does not connect"),
-    (f"{FIREWALL.format('tcp dport 8399 drop')}; {ZOO} right {DOCTOR}", "connections arrive, and this computer drops"),
-    (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {ZOO} right {DOCTOR}",
+    (f"{FIREWALL.format('udp dport 3152 drop')}; {DEVICE} right {DOCTOR}", "broadcasts arrive, and this computer drops"),
+    (f"{FIREWALL.format('udp dport 3153 drop')}; {DEVICE} right {DOCTOR}", "does not connect"),
+    (f"{FIREWALL.format('tcp dport 8399 drop')}; {DEVICE} right {DOCTOR}", "connections arrive, and this computer drops"),
+    (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {DEVICE} right {DOCTOR}",
      "no image for|does not answer"),  # the finding depends on when the firewall begins to drop packets
-    (f"{ZOO} 'answers once' {DOCTOR}", "does not answer"),
-    (f'{ZOO} right {sys.executable} -c "{CLOCK}"', "the clock of this computer was set by 3600"),
-    (f"{ZOO} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),
-    (f"ip address add 10.99.0.1/32 dev lo; ZOO_HOST=10.99.0.1 {ZOO} right {DOCTOR}", "none of this computer's subnets"),
-    (f"{ZOO} 'connects only to the asking port' {DOCTOR}", "does not connect"),
+    (f"{DEVICE} 'answers once' {DOCTOR}", "does not answer"),
+    (f'{DEVICE} right {sys.executable} -c "{CLOCK}"', "the clock of this computer was set by 3600"),
+    (f"{DEVICE} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),
+    (f"ip address add 10.99.0.1/32 dev lo; DEVICE_HOST=10.99.0.1 {DEVICE} right {DOCTOR}", "none of this computer's subnets"),
     (f"{PROGRAMS}/guilinkd >/dev/null 2>&1; {DOCTOR}", "no image comes"),
-    (f"{ZOO} 'one image' {DOCTOR}", "no image for"),
-    (f"{ZOO} 'sends the last pixel' {DOCTOR}", "damaged image"),
+    (f"{DEVICE} 'one image' {DOCTOR}", "no image for"),
+    (f"{DEVICE} 'sends the last pixel' {DOCTOR}", "damaged image"),
 ], ids=lambda value: str(value) if value is None or len(value) < 40 else "")
 def test_doctor_names_the_fault(script, diagnosis):
     done = subprocess.run([ROOT / "scripts/sandbox", "bash", "-c", script], stdout=subprocess.PIPE, check=False)

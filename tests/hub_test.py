@@ -107,7 +107,7 @@ def test_without_a_choice_it_asks(viewer):
     status, why, _ = ask("POST", "/press/1")
     assert (status, why) == (409, b"No device is linked.\n")
     assert ask("POST", "/device/33333")[0] == 404
-    with pytest.raises(guilink.SeveralDevices, match="22222"):
+    with pytest.raises(guilink.SeveralDevicesError, match="22222"):
         guilink.connect(viewer=URL)
     for identity, address in (("22222", "10.77.0.2"), ("11111", "10.77.0.1")):
         assert ask("POST", f"/device/{address}")[0] == 204
@@ -233,7 +233,7 @@ def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
             if fault in ("row", "colour"):
                 moved_from(shown)
                 device.wait_stable(pictures=20, **look)
-            with pytest.raises(guilink.WaitTimeout, match=words):
+            with pytest.raises(guilink.WaitTimeoutError, match=words):
                 device.wait_for(second, timeout=3, **look)
         new_core("--fault", "late")
         device.press("down")

@@ -86,7 +86,7 @@ def test_no_change_is_believed_only_after_what_was_under_way(link, device):
     device.screen
     link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(3)] * 2)
     device.press("down")
-    with pytest.raises(guilink.WaitTimeout, match="did not become the reference"):
+    with pytest.raises(guilink.WaitTimeoutError, match="did not become the reference"):
         device.wait_for(TARGET)
     link.show(picture(9))
     device.wait_for(TARGET)
@@ -113,9 +113,9 @@ def test_waits_look_at_a_region_without_its_mask(link, device):
     link.pictures.add(encode(clock))
     for region, words in (((5, 0, 30, 19), r"within 5 x 1 at \(5, 0\)"),
                           ((5, 10, 30, 30), r"within 1 x 1 at \(9, 20\)")):
-        with pytest.raises(guilink.WaitTimeout, match=words):
+        with pytest.raises(guilink.WaitTimeoutError, match=words):
             device.wait_for(TARGET, region=region)
-    with pytest.raises(guilink.WaitTimeout, match="the sizes differ: 64 x 48, not 48 x 64"):
+    with pytest.raises(guilink.WaitTimeoutError, match="the sizes differ: 64 x 48, not 48 x 64"):
         device.wait_for(guilink.Screen(TARGET.pixels.T))
 
 
@@ -124,7 +124,7 @@ def test_failure_leaves_evidence_and_says_what_to_look_at(link, device):
     device.screen
     link.on_press = lambda _: ([], [picture(3)] * 4)
     device.press("Zoom in")
-    with pytest.raises(guilink.WaitTimeout) as failure:
+    with pytest.raises(guilink.WaitTimeoutError) as failure:
         device.wait_for(TARGET, mask=[(0, 0, 1, 1)], tolerance=2, name="target.png")
     for words in ("did not become target.png within 5 s", "the whole screen, without [(0, 0, 1, 1)]",
                   "tolerance 2 of 15", "94 pixels differ", "nothing of it has changed since 'Zoom in'",
@@ -138,7 +138,7 @@ def test_failure_leaves_evidence_and_says_what_to_look_at(link, device):
     assert "Zoom in" in (folder / "keys.txt").read_text()
     assert (folder / "message.txt").read_text().startswith("the screen did not become")
     assert Image.open(folder / "last-seconds.png").size == (32, 24 + 40)
-    with pytest.raises(guilink.WaitTimeout, match=r"(?s)the condition never.*wait-2"):
+    with pytest.raises(guilink.WaitTimeoutError, match=r"(?s)the condition never.*wait-2"):
         device.wait_for(lambda screen: False, name="the condition never")
 
 
@@ -147,7 +147,7 @@ def test_stable_means_unchanged_where_one_looks(link, device):
     assert device.wait_stable(still=0) == guilink.Screen(picture(3))
     link.show(*map(picture, range(5, 15)))
     device.wait_stable(region=(20, 0, 5, 5), still=0)
-    with pytest.raises(guilink.WaitTimeout, match=r"not still.*\n.*the one before\n.*94 pixels"):
+    with pytest.raises(guilink.WaitTimeoutError, match=r"not still.*\n.*the one before\n.*94 pixels"):
         device.wait_stable(still=0, tolerance=1)
 
 
@@ -170,10 +170,10 @@ def test_press_until_does_not_overrun_a_slow_device(link, device):
     assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no superfluous press
 
     link.on_press = lambda _: ([], [picture(len(link.pressed))] * 4)
-    with pytest.raises(guilink.WaitTimeout, match="'Right', pressed 5 times, did not lead to the reference"):
+    with pytest.raises(guilink.WaitTimeoutError, match="'Right', pressed 5 times, did not lead to the reference"):
         device.press_until("right", guilink.Screen(picture(60)), at_most=5)
     link.on_press = lambda _: ([], [picture(len(link.pressed) - 1)] * 9)
-    with pytest.raises(guilink.WaitTimeout, match="pressed 1 times.*no new picture.*\n.*\n.*\n.*ignored"):
+    with pytest.raises(guilink.WaitTimeoutError, match="pressed 1 times.*no new picture.*\n.*\n.*\n.*ignored"):
         device.press_until("right", guilink.Screen(picture(60)))
 
 
@@ -222,7 +222,7 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
 
 # Each module may import only the modules that come before it in this list.
 LAYERS = """wire picture screen link discovery connection companion viewer film evidence recording expect
-            buttons device __init__ pytest_plugin conform cli __main__""".split()
+            buttons device __init__ doctor pytest_plugin conform cli __main__""".split()
 
 
 def test_imports_only_go_down():

@@ -13,7 +13,7 @@ from support.fake_device import LIMIT, FakeDevice
 
 from guilink import picture
 from guilink.companion import Companion
-from guilink.link import LinkError, SeveralDevices
+from guilink.link import LinkError, SeveralDevicesError
 from guilink.screen import Screen
 from guilink.viewer import Viewer
 from guilink.wire import MAX_PAYLOAD, START, FrameReader, Message, MessageType, frame
@@ -72,7 +72,7 @@ def test_picture_of_the_document():
     "0200 0100" + "FFFF 0000" * 65537 + "0200 0000",   # a sum of runs that exceeds 32 bits
 ], ids=lambda payload: payload[:30])
 def test_damaged_pictures_are_refused(payload):
-    with pytest.raises(picture.DamagedPicture):
+    with pytest.raises(picture.DamagedPictureError):
         picture.decode(bytes.fromhex(payload))
 
 
@@ -206,7 +206,7 @@ def test_takes_none_of_several_unless_one_is_chosen(device, second_address):
         for _ in range(2):
             device.call()
             other.call()
-        with pytest.raises(SeveralDevices, match="22222 .fw1.1. at 10.77.0.2.*choose one"):
+        with pytest.raises(SeveralDevicesError, match="22222 .fw1.1. at 10.77.0.2.*choose one"):
             link.wait_linked(soon())
         assert not device.answered(0) and not other.answered(0)
         other.link()  # `device` no longer broadcasts, so the companion links to `other`

@@ -15,15 +15,15 @@ import time
 
 from guilink.buttons import Buttons
 from guilink.companion import Companion
-from guilink.device import TIMEOUT, Device, WaitTimeout
+from guilink.device import TIMEOUT, Device, WaitTimeoutError
 from guilink.discovery import devices
 from guilink.film import Progress
-from guilink.link import GuilinkError, HeardDevice, Link, LinkError, LinkStatus, SeveralDevices
+from guilink.link import GuilinkError, HeardDevice, Link, LinkError, LinkStatus, SeveralDevicesError
 from guilink.recording import Recording
 from guilink.screen import Box, Difference, Mask, Screen
 
 __all__ = ["Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError", "HeardDevice", "Link",
-           "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevices", "WaitTimeout",
+           "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevicesError", "WaitTimeoutError",
            "connect", "devices"]
 
 LINK_TIMEOUT = 30.0     # s; how long `connect` waits for a link by default
@@ -50,7 +50,7 @@ def connect(device: str | None = None, *, viewer: str | None = None,
     uses the viewer's link. `timeout` is the default limit of each wait. `labels` is a file with button names, in the
     format of `guilink-viewer --labels`. `artifacts` is the folder for the pictures that are saved when a wait fails.
     `progress` is called about once a second until there is a link. If there is no link after `link_timeout`
-    seconds, throws LinkError.
+    seconds, raises LinkError.
     """
     buttons = Buttons.load(labels) if labels else Buttons()
     link = _link(device, viewer)
@@ -60,7 +60,7 @@ def connect(device: str | None = None, *, viewer: str | None = None,
             try:
                 link.wait_linked(min(end, time.monotonic() + PROGRESS_INTERVAL))
                 return Device(link, buttons, timeout, artifacts)
-            except SeveralDevices:
+            except SeveralDevicesError:
                 raise
             except LinkError as error:
                 if time.monotonic() >= end:

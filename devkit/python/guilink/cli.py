@@ -15,13 +15,13 @@ from contextlib import contextmanager
 from typing import Any, Iterator, Sequence
 
 import guilink
-from guilink.conform import command as conform
-from guilink.conform import doctor
+from guilink import doctor
 from guilink.device import TIMEOUT
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
-    options = parser().parse_args(arguments)
+    arguments = sys.argv[1:] if arguments is None else arguments
+    options = parser(arguments[0] if arguments else "").parse_args(arguments)
     try:
         result, text = options.run(options)
         status = 1 if result.get("devices") == [] else 0
@@ -48,7 +48,8 @@ def report(options: argparse.Namespace, result: dict[str, Any], text: str, statu
     return status
 
 
-def parser() -> argparse.ArgumentParser:
+def parser(chosen: str = "") -> argparse.ArgumentParser:
+    """Returns the parser. `chosen` is the command for which it must know all options."""
     common = argparse.ArgumentParser(add_help=False)
     common.add_argument("--json", action="store_true", help="print the result as JSON")
     linked = argparse.ArgumentParser(add_help=False, parents=[common])
@@ -88,8 +89,12 @@ def parser() -> argparse.ArgumentParser:
     film.add_argument("file", metavar="FILE.mp4", help="without ffmpeg: FILE.png or FILE.gif")
     film.add_argument("--seconds", metavar="S", type=float, help="end after this many seconds")
     add(shell, "shell", "Start Python, with the device as `device`.", linked)
-    conform.add_parser(commands)
-    doctor.add_parser(commands)
+    doctor.add_options(add(None, "doctor", "Find out why there is no picture."))
+    kit = add(None, "conform", "Test a companion or a device against the rules of the link.")
+    if chosen == "conform":  # import the kit only for its own command
+        from guilink.conform.command import add_options
+
+        add_options(kit)
     return whole
 
 

@@ -13,8 +13,8 @@ from collections import deque
 from dataclasses import dataclass
 
 from guilink.connection import READY_REQUESTS, Connection
-from guilink.discovery import Call, Discovery
-from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices
+from guilink.discovery import Broadcast, Discovery
+from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevicesError
 from guilink.wire import Identity, Message, MessageType
 
 LINK_PORT = 8399        # TCP port to which devices connect
@@ -93,9 +93,9 @@ class Companion:
             while not (self._status.linked and self._status.identity):
                 self._raise_failure()
                 if self._rivals:
-                    raise SeveralDevices("several devices are in sight: "
-                                         + "; ".join(map(str, self._rivals))
-                                         + "; choose one by its identity or address")
+                    raise SeveralDevicesError("several devices are in sight: "
+                                              + "; ".join(map(str, self._rivals))
+                                              + "; choose one by its identity or address")
                 if not self._changed.wait(max(0.0, deadline - time.monotonic())):
                     raise LinkError(self._why_not())
             return self._status
@@ -200,39 +200,39 @@ class Companion:
                 self._take(connection, message)
         if self._discovery in ready:
             with self._changed:
-                for call in self._discovery.receive():
-                    self._hear(call)
+                for broadcast in self._discovery.receive():
+                    self._handle_broadcast(broadcast)
         if self._listener in ready:
             self._accept()
         if self._connection:
             self._talk(self._connection)
 
-    def _hear(self, call: Call) -> None:
-        if not self._wants(call):
+    def _handle_broadcast(self, broadcast: Broadcast) -> None:
+        if not self._wants(broadcast):
             return
-        if (link := self._connection) and link.ready and link.address == call.device.address:
+        if (link := self._connection) and link.ready and link.address == broadcast.device.address:
             # Right after linking, ignore the device's broadcasts, because an old search may still be running.
             if time.monotonic() < (link.linked_since or 0) + GRACE:
                 return
             link.ended = True  # the device searches again, so it has dropped the link
         elif link and link.ready:
             return
-        self._answered.pop(call.device.address, None)
-        self._answered[call.device.address] = Identity(call.device.identity, call.device.firmware)
+        self._answered.pop(broadcast.device.address, None)
+        self._answered[broadcast.device.address] = Identity(broadcast.device.identity, broadcast.device.firmware)
         if len(self._answered) > MAX_ANSWERED:
             del self._answered[next(iter(self._answered))]
-        self._discovery.answer(call.sender)
+        self._discovery.answer(broadcast.sender)
 
-    def _wants(self, call: Call) -> bool:
-        names = {call.device.identity, call.device.address}
+    def _wants(self, broadcast: Broadcast) -> bool:
+        names = {broadcast.device.identity, broadcast.device.address}
         if self._linked_to and names & {self._linked_to.identity, self._linked_to.address}:
             return True  # the most recently linked device; its identity or its address may have changed
         if self._device or self._linked_to:
             return self._device in names
-        self._rivals = (call.device, *call.between) if call.between else ()
+        self._rivals = (broadcast.device, *broadcast.between) if broadcast.between else ()
         if self._rivals:
             self._changed.notify_all()
-        return call.again and not call.between
+        return broadcast.again and not broadcast.between
 
     def _accept(self) -> None:
         """Accepts one connection from an answered device. Closes connections from other hosts. While there is a link,

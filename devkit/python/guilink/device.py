@@ -13,7 +13,7 @@ from guilink.evidence import new_folder, write_evidence
 from guilink.expect import Expectation, Reference, View
 from guilink.film import Press
 from guilink.link import GuilinkError, HeardDevice, Link, LinkError
-from guilink.picture import DamagedPicture
+from guilink.picture import DamagedPictureError
 from guilink.recording import Recording
 from guilink.screen import Box, Difference, Mask, Screen
 
@@ -21,13 +21,14 @@ TIMEOUT = 10.0       # s; default limit of every wait
 STILL = 0.5          # s; a screen is stable if it has not changed for this long
 STILL_PICTURES = 3   # number of consecutive equal pictures that a stable screen needs
 HOLD_INTERVAL = 0.12  # s between two presses of a held button; the viewer's page uses the same value
-UNDER_WAY = 4         # number of old pictures, drawn before a press, that may arrive after it. The device holds up to
-                      # three such pictures; the fourth is a margin.
+# Number of old pictures, drawn before a press, that may arrive after it. The device holds up to three such pictures;
+# the fourth is a margin.
+UNDER_WAY = 4
 MAX_TEXT = 4096      # bytes; longest text that `text` sends; the viewer has the same limit
 MAX_PRESSES = 10000  # number of presses that are remembered
 
 
-class WaitTimeout(GuilinkError, AssertionError):
+class WaitTimeoutError(GuilinkError, AssertionError):
     """The screen did not show in time what the script expects. `folder` holds the saved pictures and the message."""
 
     def __init__(self, message: str, folder: Path, difference: Difference | None):
@@ -135,7 +136,7 @@ class Device:
 
         Compares only `region`, without the parts that `mask` covers. A colour channel may differ by up to `tolerance`,
         0 to 15. If the screen was as expected before the last press, ignores the first UNDER_WAY pictures after that
-        press. Throws WaitTimeout at the time-out.
+        press. Raises WaitTimeoutError at the time-out.
         """
         __tracebackhide__ = True  # pytest shows the script's line instead of this one
         expectation = Expectation(what, View(region, mask, tolerance), name)
@@ -268,7 +269,7 @@ class Device:
         if self._decoded is None or self._decoded[0] is not payload:
             try:
                 self._decoded = payload, Screen.decode(payload)
-            except DamagedPicture:
+            except DamagedPictureError:
                 return None  # skip a damaged picture, because the next one comes soon
         return self._decoded[1]
 
@@ -286,7 +287,7 @@ class Device:
 
     def _fail(self, headline: str, start: float, expectation: Expectation | None,
               last: Screen | None) -> NoReturn:
-        """Saves the pictures and the message in a new folder, and throws WaitTimeout."""
+        """Saves the pictures and the message in a new folder, and raises WaitTimeoutError."""
         __tracebackhide__ = True
         lines = [headline]
         difference = None
@@ -303,7 +304,7 @@ class Device:
         lines.append(f"see {folder}")
         write_evidence(folder, "\n".join(lines), expectation.reference if expectation else None, last,
                        difference, self._link.pictures.recent(), list(self.presses))
-        raise WaitTimeout("\n  ".join(lines), folder, difference)
+        raise WaitTimeoutError("\n  ".join(lines), folder, difference)
 
     def _press_changed_nothing(self, view: View, last: Screen) -> bool:
         before = self._screen_at_press()
@@ -311,4 +312,3 @@ class Device:
 
     def _screen_at_press(self) -> Screen | None:
         return self._decode(self._shown_at_press) if self._shown_at_press else None
-

@@ -22,7 +22,7 @@ ANSWER = frame(MessageType.CONNECT_REQUEST)
 Sender = tuple[str, int]
 
 
-class Call(NamedTuple):
+class Broadcast(NamedTuple):
     """One broadcast of a device."""
 
     device: HeardDevice
@@ -55,9 +55,9 @@ class Discovery:
         """Returns the devices that have broadcast. The device with the newest broadcast comes first."""
         return list(reversed(list(self._heard.values())))
 
-    def receive(self) -> list[Call]:
+    def receive(self) -> list[Broadcast]:
         """Reads at most MAX_AT_ONCE datagrams. Returns the broadcasts among them."""
-        calls = []
+        broadcasts = []
         for _ in range(MAX_AT_ONCE):
             try:
                 datagram, sender = self._socket.recvfrom(MAX_DATAGRAM)
@@ -66,20 +66,20 @@ class Discovery:
             except OSError:  # this error reports that an earlier answer was not delivered
                 continue
             if said := identity_datagram(datagram):
-                calls.append(self._note(HeardDevice(*said, sender[0], time.monotonic()), sender))
-        return calls
+                broadcasts.append(self._note(HeardDevice(*said, sender[0], time.monotonic()), sender))
+        return broadcasts
 
-    def _note(self, device: HeardDevice, sender: Sender) -> Call:
+    def _note(self, device: HeardDevice, sender: Sender) -> Broadcast:
         key = device.identity, device.address
         order = list(self._heard)
         again = key in self._heard
         between = order[order.index(key) + 1:] if again else []
-        call = Call(device, sender, again, tuple(self._heard[other] for other in between))
+        broadcast = Broadcast(device, sender, again, tuple(self._heard[other] for other in between))
         self._heard.pop(key, None)
         self._heard[key] = device
         if len(self._heard) > MAX_HEARD:
             del self._heard[order[0]]
-        return call
+        return broadcast
 
     def answer(self, sender: Sender) -> None:
         """Asks the device to connect."""

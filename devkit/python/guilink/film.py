@@ -16,7 +16,7 @@ from typing import Callable, Iterable, Iterator, NamedTuple, Sequence
 from PIL import Image, ImageDraw, ImageFont
 
 from guilink.link import GuilinkError
-from guilink.picture import DamagedPicture
+from guilink.picture import DamagedPictureError
 from guilink.screen import Screen
 
 VIDEO_FPS = 30
@@ -146,7 +146,7 @@ def _rgb(payload: bytes, scale: int) -> Image.Image | None:
     """Returns the picture on a black background, or None if the picture is damaged."""
     try:
         image = Screen.decode(payload).image().convert("RGBa")
-    except DamagedPicture:
+    except DamagedPictureError:
         return None
     image = image.reduce(scale) if scale > 1 else image
     # The colours of an "RGBa" image are already multiplied by alpha, which has the effect of a black background.

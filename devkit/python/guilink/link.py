@@ -1,4 +1,4 @@
-"""The interface of every link to a device, and the errors that its methods throw."""
+"""The interface of every link to a device, and the errors that its methods raise."""
 from __future__ import annotations
 
 import threading
@@ -19,7 +19,7 @@ class LinkError(GuilinkError):
     """There is no device, or no link to it."""
 
 
-class SeveralDevices(LinkError):
+class SeveralDevicesError(LinkError):
     """Several devices are in sight and none was chosen."""
 
 
@@ -52,7 +52,7 @@ class Picture(NamedTuple):
     payload: bytes
 
 
-Listener = Callable[[Picture], None]  # is called on the link's thread, so it must neither block nor throw
+Listener = Callable[[Picture], None]  # is called on the link's thread, so it must neither block nor raise
 
 
 class Link(Protocol):
@@ -69,14 +69,14 @@ class Link(Protocol):
         """Returns all devices that have broadcast. The device with the newest broadcast comes first."""
 
     def wait_linked(self, deadline: float) -> LinkStatus:
-        """Waits until the device accepts button presses. At the deadline, throws LinkError with the reason."""
+        """Waits until the device accepts button presses. At the deadline, raises LinkError with the reason."""
 
     def press(self, button: int, deadline: float) -> int:
         """Waits for a link, presses a button, and waits until the device confirms the press. Returns the number of the
-        newest picture at the time of the confirmation. Throws LinkError."""
+        newest picture at the time of the confirmation. Raises LinkError."""
 
     def send_text(self, text: bytes, deadline: float) -> int:
-        """Sends a line for the device's log. Waits, returns and throws like `press`."""
+        """Sends a line for the device's log. Waits, returns and raises like `press`."""
 
     def close(self) -> None: ...
 

@@ -17,7 +17,7 @@ RUN_MAX = 0xFFFF
 OPAQUE_MIN = 0x1000  # the lowest pixel value that is not completely transparent
 
 
-class DamagedPicture(ValueError):
+class DamagedPictureError(ValueError):
     """A payload that is not a complete picture."""
 
 
@@ -25,18 +25,18 @@ def decode(payload: bytes) -> Pixels:
     """Returns the pixels of an ImageMessage as a read-only array. The message does not contain the last pixel, so this
     pixel gets the value of the pixel before it."""
     if len(payload) < 4 or len(payload) % 4:
-        raise DamagedPicture(f"a picture of {len(payload)} bytes is cut off")
+        raise DamagedPictureError(f"a picture of {len(payload)} bytes is cut off")
     words = np.frombuffer(payload, "<u2")
     width, height = int(words[0]), int(words[1])
     count = width * height
     if not 0 < count <= MAX_PIXELS:
-        raise DamagedPicture(f"no device has a screen of {width} x {height} pixels")
+        raise DamagedPictureError(f"no device has a screen of {width} x {height} pixels")
     lengths, values = words[2::2], words[3::2]
     ends = np.cumsum(lengths, dtype=np.int64)
     described = int(ends[-1]) if ends.size else 0
     if described != count - 1:
-        raise DamagedPicture(f"runs of {described} pixels in a picture of {width} x {height}, "
-                             f"which needs {count - 1}")
+        raise DamagedPictureError(f"runs of {described} pixels in a picture of {width} x {height}, "
+                                  f"which needs {count - 1}")
     # Drop empty runs, because the code below needs a different start index for each run.
     if not lengths.all():
         ends, values = ends[lengths > 0], values[lengths > 0]

@@ -94,7 +94,7 @@ def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> Ass
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> None:
-    if call.excinfo and isinstance(error := call.excinfo.value, guilink.WaitTimeout):
+    if call.excinfo and isinstance(error := call.excinfo.value, guilink.WaitTimeoutError):
         item.user_properties.append((PROPERTY, str(error.folder)))
 
 

@@ -15,7 +15,7 @@ from urllib.parse import urlsplit
 import websockets
 from websockets.exceptions import InvalidHandshake, WebSocketException
 
-from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevices
+from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevicesError
 from guilink.wire import MAX_PAYLOAD
 
 RECONNECT = 0.25  # s between two attempts to connect
@@ -77,9 +77,9 @@ class Viewer:
             while not self._is_linked():
                 self._raise_failure()
                 if self._state.get("state") == "several" and not self._device:
-                    raise SeveralDevices(f"{self._name} sees several devices: "
-                                         + "; ".join(map(str, self.devices()))
-                                         + "; choose one by its identity or address, or on the page")
+                    raise SeveralDevicesError(f"{self._name} sees several devices: "
+                                              + "; ".join(map(str, self.devices()))
+                                              + "; choose one by its identity or address, or on the page")
                 self._wait(deadline)
             return self.status()
 
@@ -128,7 +128,7 @@ class Viewer:
         return True
 
     def _wait(self, deadline: float) -> None:
-        """Waits for a change, such as a new link. Throws LinkError at the deadline."""
+        """Waits for a change, such as a new link. Raises LinkError at the deadline."""
         if self._changed.wait(max(0.0, deadline - time.monotonic())):
             return
         if self._away:

@@ -8,13 +8,13 @@ from typing import Any, Callable
 
 from guilink.conform.exchange import Exchange
 from guilink.conform.rules import RULES
-from guilink.conform.stage import Stage
+from guilink.conform.event_loop import DeadlineError, EventLoop
 from guilink.conform.strict import Fault
 
 PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED = "passed", "failed", "warned", "untestable", "expected"
 
 
-class Broken(Exception):
+class RuleBrokenError(Exception):
     """A rule was broken; the case ends."""
 
     def __init__(self, fault: Fault):
@@ -22,7 +22,7 @@ class Broken(Exception):
         self.fault = fault
 
 
-class Untestable(Exception):
+class UntestableError(Exception):
     """The case cannot find out whether the subject keeps the rules."""
 
 
@@ -31,7 +31,7 @@ class Case:
     name: str
     side: str                     # what the case tests: "companion" or "device"
     rules: tuple[str, ...]
-    play: Callable[[Any], None]   # called with a Trial or a DeviceTrial
+    play: Callable[[Any], None]   # called with a CompanionAttempt or a DeviceAttempt
     gentle: bool = True           # whether the case is harmless for a real device
 
     @property
@@ -54,12 +54,13 @@ def case(side: str, *rules: str, gentle: bool = True) -> Callable[[Any], Any]:
     return register
 
 
-@dataclass
-class Judge:
-    """Records which rules were kept, and throws Broken at the first broken rule whose strength is "must"."""
+class Attempt:
+    """One attempt to run one case. Records which rules were kept and broken."""
 
-    kept: set[str] = field(default_factory=set)
-    warnings: list[Fault] = field(default_factory=list)
+    def __init__(self, loop: EventLoop):
+        self.loop = loop
+        self.kept: set[str] = set()
+        self.warnings: list[Fault] = []
 
     def require(self, rule: str, holds: object, text: str, expected: bytes = b"",
                 actual: bytes = b"") -> None:
@@ -67,18 +68,31 @@ class Judge:
         if holds:
             self.kept.add(rule)
         else:
-            self.blame(rule, text, expected, actual)
+            self.fail(rule, text, expected, actual)
 
-    def refuse(self, rule: str, broken: object, text: str, actual: bytes = b"") -> None:
+    def forbid(self, rule: str, broken: object, text: str, actual: bytes = b"") -> None:
         """If `broken` is true, records the rule as broken. Otherwise records nothing."""
         if broken:
-            self.blame(rule, text, b"", actual)
+            self.fail(rule, text, b"", actual)
 
-    def blame(self, rule: str, text: str, expected: bytes = b"", actual: bytes = b"") -> None:
+    def fail(self, rule: str, text: str, expected: bytes = b"", actual: bytes = b"") -> None:
+        """Records the rule as broken. If its strength is "must", raises RuleBrokenError."""
+        fault = Fault(rule, text, expected, actual)
         if RULES[rule].strength == "must":
-            raise Broken(Fault(rule, text, expected, actual))
-        else:
-            self.warnings.append(Fault(rule, text, expected, actual))
+            raise RuleBrokenError(fault)
+        self.warnings.append(fault)
+
+    def subject_ended(self) -> bool:
+        """Whether the subject is a process that has ended."""
+        return False
+
+    def crash(self) -> list[Fault]:
+        """Returns a fault if the subject has crashed."""
+        return []
+
+    def gave_up(self) -> str:
+        """If the subject is not to blame for a broken rule, returns the reason. Otherwise returns an empty string."""
+        return ""
 
 
 @dataclass
@@ -99,25 +113,27 @@ class Result:
         return f"{self.case.name} {self.fault.rule if self.fault else ''}".strip()
 
 
-def run_once(case: Case, trial: Any, stage: Stage) -> Result:
+def run_once(case: Case, attempt: Attempt) -> Result:
     """Runs a case once, and determines the verdict."""
-    started, judge = time.monotonic(), trial.judge
-    result = Result(case, PASSED, kept=judge.kept, exchange=stage.exchange)
+    started, loop = time.monotonic(), attempt.loop
+    result = Result(case, PASSED, kept=attempt.kept, exchange=loop.exchange)
     broken: list[Fault] = []
     try:
-        case.play(trial)
-    except Broken as error:
+        case.play(attempt)
+    except RuleBrokenError as error:
         broken = [error.fault]
-    except Untestable as error:
+    except DeadlineError as error:
+        broken = [Fault(case.rules[0], str(error))]
+    except UntestableError as error:
         result.verdict, result.reason = UNTESTABLE, str(error)
     # Report a crash or faulty bytes first, because they may be the cause of the fault that `case.play` found.
-    faults = trial.died() + [f for f in stage.faults if RULES[f.rule].strength == "must"] + broken
-    if faults and not (broken and trial.gave_up()):
+    faults = attempt.crash() + [f for f in loop.faults if RULES[f.rule].strength == "must"] + broken
+    if faults and not (broken and attempt.gave_up()):
         result.verdict, result.fault = FAILED, faults[0]
     elif faults:
-        result.verdict, result.reason = UNTESTABLE, trial.gave_up()
-    elif warned := judge.warnings + stage.faults:
+        result.verdict, result.reason = UNTESTABLE, attempt.gave_up()
+    elif warned := attempt.warnings + loop.faults:
         result.verdict, result.fault = WARNED, warned[0]
-    result.kept -= {each.rule for each in faults + judge.warnings + stage.faults}
+    result.kept -= {each.rule for each in faults + attempt.warnings + loop.faults}
     result.seconds = time.monotonic() - started
     return result

@@ -9,31 +9,29 @@ from pathlib import Path
 from typing import Any, Sequence
 
 from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  registers the cases
-                             companion_pictures, device_link, device_stream, sandbox)
+                             companion_pictures, device_link, device_stream,
+                             private_network)
 from guilink.conform.case import FAILED, Result
-from guilink.conform.companion_trial import Shown, Trial
-from guilink.conform.device_trial import DeviceTrial, Wanted
+from guilink.conform.companion_attempt import Shown, CompanionAttempt
+from guilink.conform.companion_process import CompanionProcess
+from guilink.conform.device_attempt import DeviceAttempt, Wanted
 from guilink.conform.engine import Options, Run, run, select
 from guilink.conform.golden import write_golden
 from guilink.conform.html import write_html
 from guilink.conform.pcap import capture
 from guilink.conform.report import as_json, listing, summary, write_json, write_junit
 from guilink.conform.rules import RULES
-from guilink.conform.stage import Stage
-from guilink.conform.subject import Subject
+from guilink.conform.event_loop import EventLoop
 
 
-def add_parser(commands: Any) -> None:
-    """Adds `conform` to the commands of `guilink`."""
-    text = "Test a companion or a device against the rules of the link."
-    parser = commands.add_parser("conform", help=text, description=text)
+def add_options(parser: argparse.ArgumentParser) -> None:
     sides = parser.add_subparsers(required=True, metavar="SIDE")
     common = argparse.ArgumentParser(add_help=False)
     common.add_argument("--list", action="store_true", help="list the cases, and the rules without one")
     common.add_argument("-k", dest="names", metavar="NAME", action="append", default=[],
                         help="only the case NAME, or all with NAME in their names; may be repeated")
     common.add_argument("--rule", dest="rules", metavar="RULE", action="append", default=[], choices=list(RULES),
-                        help="only cases that judge RULE; may be repeated")
+                        help="only cases that check RULE; may be repeated")
     common.add_argument("--baseline", metavar="FILE", help="cases that are expected to fail: CASE RULE a line")
     common.add_argument("--junit", metavar="FILE", help="write a JUnit report")
     common.add_argument("--html", metavar="FILE", help="write a page with every exchange that went wrong")
@@ -63,11 +61,11 @@ def add_parser(commands: Any) -> None:
 
 
 class CompanionSubject:
-    def __init__(self, process: Subject, shown: Shown):
+    def __init__(self, process: CompanionProcess, shown: Shown):
         self.process, self.shown = process, shown
 
-    def trial(self, stage: Stage) -> Trial:
-        return Trial(stage, self.process, self.shown)
+    def attempt(self, loop: EventLoop) -> CompanionAttempt:
+        return CompanionAttempt(loop, self.process, self.shown)
 
     def restart(self) -> None:
         self.process.stop()
@@ -80,8 +78,8 @@ class DeviceSubject:
     def __init__(self, wanted: Wanted):
         self.wanted = wanted
 
-    def trial(self, stage: Stage) -> DeviceTrial:
-        return DeviceTrial(stage, self.wanted)
+    def attempt(self, loop: EventLoop) -> DeviceAttempt:
+        return DeviceAttempt(loop, self.wanted)
 
     def restart(self) -> None:
         pass
@@ -95,16 +93,16 @@ def conform_companion(options: argparse.Namespace) -> tuple[dict[str, Any], str]
         return {}, listing("companion")
     if not options.command:
         raise ValueError("no companion was given; usage: guilink conform companion [OPTION...] -- COMMAND...")
-    sandbox.enter(sys.argv[1:])
-    cable = sandbox.Cable()
-    process = Subject(options.command, cable.within)
+    private_network.enter(sys.argv[1:])
+    network = private_network.PrivateNetwork()
+    process = CompanionProcess(options.command, network.within)
     try:
-        looking = [*cable.within, *shlex.split(options.picture_from)] if options.picture_from else []
+        looking = [*network.within, *shlex.split(options.picture_from)] if options.picture_from else []
         shown = Shown(Path(options.picture) if options.picture else None, looking)
         return conform("companion", options, CompanionSubject(process, shown), False)
     finally:
         process.stop()
-        cable.close()
+        network.close()
 
 
 def conform_device(options: argparse.Namespace) -> tuple[dict[str, Any], str]:

@@ -3,9 +3,9 @@ from __future__ import annotations
 
 import time
 
-from guilink.conform.case import Untestable, case
-from guilink.conform.device_trial import DeviceTrial
-from guilink.conform.scripted_device import ANSWER
+from guilink.conform.case import UntestableError, case
+from guilink.conform.device_attempt import DeviceAttempt
+from guilink.discovery import ANSWER
 from guilink.wire import MessageType, frame
 
 REQUEST = frame(MessageType.CONNECT_REQUEST)
@@ -13,133 +13,133 @@ ASK = frame(MessageType.IDENTITY_REQUEST)
 FLOOD = 40       # number of answers to one broadcast
 BUFFERS = 8 << 20  # bytes; approximate size of all socket buffers between the device and the kit
 PER_HOST = 8     # number of connections that a device may open to one host
-SILENCE = 3.0    # s; a device closes the link if nothing arrives for this long
+LINK_SILENCE = 3.0    # s; a device closes the link if nothing arrives for this long
 
 
 @case("device", "DISC-1", "DISC-2")
-def broadcasts(trial: DeviceTrial) -> None:
+def broadcasts(attempt: DeviceAttempt) -> None:
     """The device has no companion, so it must broadcast again and again."""
     for _ in range(3):
-        trial.broadcast()
+        attempt.broadcast()
 
 
 @case("device", "DISC-8")
-def connects_to_who_answers(trial: DeviceTrial) -> None:
+def connects_to_who_answers(attempt: DeviceAttempt) -> None:
     """The companion answers from a port other than 3152; the device must connect."""
-    trial.candidate()
+    attempt.candidate()
 
 
 @case("device", "DISC-9", gentle=False)
-def ignores_strange_answers(trial: DeviceTrial) -> None:
+def ignores_strange_answers(attempt: DeviceAttempt) -> None:
     """The companion sends datagrams that are almost an answer; the device must not connect."""
     strange = [ANSWER[:-1], ANSWER + b"\0", bytes([ANSWER[0] ^ 1]) + ANSWER[1:], ANSWER[:-1] + b"\1",
                b"", ANSWER[:40] + b"\5\0", ANSWER[:36] + b"\1" + ANSWER[37:], ANSWER * 2]
-    called = trial.broadcast()
+    called = attempt.broadcast()
     for datagram in strange:
-        trial.answer(called, datagram)
+        attempt.answer(called, datagram)
     for _ in range(3):
-        trial.broadcast()
-    trial.judge.require("DISC-9", not trial.channels, "a datagram that is not the answer leads to a connection")
-    trial.candidate()
+        attempt.broadcast()
+    attempt.require("DISC-9", not attempt.channels, "a datagram that is not the answer leads to a connection")
+    attempt.candidate()
 
 
 @case("device", "LINK-14", "LINK-18")
-def answers_a_candidate(trial: DeviceTrial) -> None:
+def answers_a_candidate(attempt: DeviceAttempt) -> None:
     """The companion sends IdentityRequests before it is linked; the device must answer without images."""
-    channel = trial.candidate()
+    channel = attempt.candidate()
     channel.send(ASK * 3)
-    answered = trial.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 3)
-    trial.judge.require("LINK-14", answered and not channel.ended,
-                        f"3 IdentityRequests, {channel.count(MessageType.IDENTITY)} answers")
+    answered = attempt.loop.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 3)
+    attempt.require("LINK-14", answered and not channel.ended,
+                    f"3 IdentityRequests, {channel.count(MessageType.IDENTITY)} answers")
     said = {payload for payload in channel.payloads(MessageType.IDENTITY)}
-    called = trial.broadcasts[-1].data
-    trial.judge.require("LINK-14", {frame(MessageType.IDENTITY, each) for each in said} == {called},
-                        "the answer differs from the broadcast", called, b"".join(said))
-    trial.judge.require("LINK-18", not channel.count(MessageType.IMAGE), "a candidate gets an image")
+    called = attempt.broadcasts[-1].data
+    attempt.require("LINK-14", {frame(MessageType.IDENTITY, each) for each in said} == {called},
+                    "the answer differs from the broadcast", called, b"".join(said))
+    attempt.require("LINK-18", not channel.count(MessageType.IMAGE), "a candidate gets an image")
 
 
 @case("device", "LINK-13")
-def closes_a_silent_candidate(trial: DeviceTrial) -> None:
+def closes_a_silent_candidate(attempt: DeviceAttempt) -> None:
     """The companion sends nothing on a new connection; the device must close the connection."""
-    channel = trial.candidate()
-    trial.judge.require("LINK-13", trial.stage.until(lambda: channel.ended),
-                        "a connection without a ConnectRequest stays open")
-    trial.candidate()
+    channel = attempt.candidate()
+    attempt.require("LINK-13", attempt.loop.until(lambda: channel.ended),
+                    "a connection without a ConnectRequest stays open")
+    attempt.candidate()
 
 
 @case("device", "LINK-12", "LINK-14", "DISC-12", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19")
-def first_request_wins(trial: DeviceTrial) -> None:
+def first_request_wins(attempt: DeviceAttempt) -> None:
     """The companion sends a ConnectRequest on one of two connections; this one must become the link."""
-    both = trial.stage.until(lambda: two_connections(trial), 3 * trial.stage.patience)
-    trial.judge.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
-    first, link = trial.channels[-2:]
-    trial.speak(link, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
-    closed = trial.stage.until(lambda: first.ended or link.ended)
-    trial.judge.require("LINK-12", closed and not link.ended, "the other connection is not closed"
-                        if not link.ended else "the connection that asked is closed")
-    trial.ask(link, "LINK-14", "an IdentityRequest on the link is not answered")
-    heard, answers = trial.hear(), link.count(MessageType.IDENTITY)
-    alive = trial.stage.until(lambda: link.ended or link.count(MessageType.IDENTITY) >= answers + 7)
-    trial.judge.require("LINK-12", alive and not link.ended, "the link does not last")
-    trial.judge.require("DISC-12", trial.hear() <= heard + 1, "the device broadcasts although it is linked")
+    both = attempt.loop.until(lambda: two_connections(attempt), 3 * attempt.loop.patience)
+    attempt.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
+    first, link = attempt.channels[-2:]
+    attempt.speak(link, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
+    closed = attempt.loop.until(lambda: first.ended or link.ended)
+    attempt.require("LINK-12", closed and not link.ended, "the other connection is not closed"
+                    if not link.ended else "the connection that asked is closed")
+    attempt.ask(link, "LINK-14", "an IdentityRequest on the link is not answered")
+    heard, answers = attempt.hear(), link.count(MessageType.IDENTITY)
+    alive = attempt.loop.until(lambda: link.ended or link.count(MessageType.IDENTITY) >= answers + 7)
+    attempt.require("LINK-12", alive and not link.ended, "the link does not last")
+    attempt.require("DISC-12", attempt.hear() <= heard + 1, "the device broadcasts although it is linked")
 
 
-def two_connections(trial: DeviceTrial) -> bool:
+def two_connections(attempt: DeviceAttempt) -> bool:
     """Answers each new broadcast twice. Returns whether two connections are open."""
-    heard = len(trial.broadcasts)
-    if trial.hear() > heard:
+    heard = len(attempt.broadcasts)
+    if attempt.hear() > heard:
         for _ in range(2):
-            trial.answer(trial.broadcasts[-1])
-    return len(trial.channels) >= 2 and not any(each.ended for each in trial.channels[-2:])
+            attempt.answer(attempt.broadcasts[-1])
+    return len(attempt.channels) >= 2 and not any(each.ended for each in attempt.channels[-2:])
 
 
 @case("device", "LINK-17", "TIME-9")
-def companion_falls_silent(trial: DeviceTrial) -> None:
+def companion_falls_silent(attempt: DeviceAttempt) -> None:
     """The companion falls silent; the device must close the link and search again."""
-    channel = trial.link()
-    trial.speaking.clear()
-    closed = trial.stage.until(lambda: channel.ended, SILENCE + trial.stage.patience)
-    trial.judge.require("TIME-9", closed, "the link stays open")
-    trial.broadcast("LINK-17", "no broadcast after the companion fell silent")
+    channel = attempt.link()
+    attempt.speaking.clear()
+    closed = attempt.loop.until(lambda: channel.ended, LINK_SILENCE + attempt.loop.patience)
+    attempt.require("TIME-9", closed, "the link stays open")
+    attempt.broadcast("LINK-17", "no broadcast after the companion fell silent")
 
 
 @case("device", "LINK-17")
-def link_ends_in_every_way(trial: DeviceTrial) -> None:
+def link_ends_in_every_way(attempt: DeviceAttempt) -> None:
     """The companion closes or resets the link; the device must search again."""
     for way in ("close", "reset", "reset inside a frame"):
-        channel = trial.link("DISC-1" if way == "close" else "LINK-17")
+        channel = attempt.link("DISC-1" if way == "close" else "LINK-17")
         if "inside" in way:
             channel.send(REQUEST[:20])
         channel.close() if way == "close" else channel.reset()
-    trial.broadcast("LINK-17", "no broadcast after a reset inside a frame")
-    trial.ask(trial.link("LINK-17"), "FRAME-13", "half a frame of the last link swallows a request of this one")
+    attempt.broadcast("LINK-17", "no broadcast after a reset inside a frame")
+    attempt.ask(attempt.link("LINK-17"), "FRAME-13", "half a frame of the last link swallows a request of this one")
 
 
 @case("device", "LINK-16", gentle=False)
-def flood_of_answers(trial: DeviceTrial) -> None:
+def flood_of_answers(attempt: DeviceAttempt) -> None:
     """The companion answers one broadcast many times; the device must open at most 8 connections."""
-    called = trial.broadcast()
+    called = attempt.broadcast()
     for _ in range(FLOOD):
-        trial.answer(called)
+        attempt.answer(called)
     for _ in range(2):
-        trial.broadcast()
-    trial.judge.require("LINK-16", len(trial.channels) <= PER_HOST,
-                        f"{FLOOD} answers to one broadcast lead to {len(trial.channels)} connections")
-    trial.link()
+        attempt.broadcast()
+    attempt.require("LINK-16", len(attempt.channels) <= PER_HOST,
+                    f"{FLOOD} answers to one broadcast lead to {len(attempt.channels)} connections")
+    attempt.link()
 
 
 @case("device", "TIME-10", gentle=False)
-def companion_does_not_read(trial: DeviceTrial) -> None:
+def companion_does_not_read(attempt: DeviceAttempt) -> None:
     """The companion sends keep-alives, but does not read; the device must search again."""
-    channel = trial.link()
-    trial.image(channel)
+    channel = attempt.link()
+    attempt.image(channel)
     began, before = time.monotonic(), sum(map(len, channel.payloads(MessageType.IMAGE)))
-    trial.image(channel, 3)
+    attempt.image(channel, 3)
     rate = (sum(map(len, channel.payloads(MessageType.IMAGE))) - before) / (time.monotonic() - began)
-    limit = 3 * trial.stage.patience
+    limit = 3 * attempt.loop.patience
     if rate * limit < BUFFERS:
-        raise Untestable(f"{rate / 1000:.0f} kB of images a second do not fill the buffers in {limit:g} s")
+        raise UntestableError(f"{rate / 1000:.0f} kB of images a second do not fill the buffers in {limit:g} s")
     channel.readable = False
-    heard = trial.hear()
-    found = trial.stage.until(lambda: trial.hear() > heard, limit)
-    trial.judge.require("TIME-10", found, "the link stays although nothing is read")
+    heard = attempt.hear()
+    found = attempt.loop.until(lambda: attempt.hear() > heard, limit)
+    attempt.require("TIME-10", found, "the link stays although nothing is read")

@@ -4,10 +4,10 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import Callable, Protocol, Sequence
 
-from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Case, Result,
+from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Attempt, Case, Result,
                                   run_once)
 from guilink.conform.rules import NEEDS, NO_CASE, RULES
-from guilink.conform.stage import Stage
+from guilink.conform.event_loop import EventLoop
 from guilink.link import GuilinkError
 
 # If one of these rules is broken, no other rule can be judged.
@@ -19,7 +19,7 @@ NOT_RUN = "no case was run"
 class Subject(Protocol):
     """The companion or device under test."""
 
-    def trial(self, stage: Stage) -> object: ...
+    def attempt(self, loop: EventLoop) -> Attempt: ...
 
     def restart(self) -> None:
         """Is called after each failed attempt."""
@@ -62,7 +62,7 @@ class Run:
         if not about:
             return UNTESTABLE, NOT_RUN
         reason = next((f"{r.case.name}: {r.reason}" for r in about if r.reason), "")
-        failed = next((f"{r.case.name} failed before it was judged" for r in about if r.verdict == FAILED), "")
+        failed = next((f"{r.case.name} failed before it was checked" for r in about if r.verdict == FAILED), "")
         return UNTESTABLE, reason or failed or NEEDS.get(rule, "what it is about has not happened")
 
 
@@ -103,11 +103,11 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
 def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
     """Runs a case. If it fails, runs it again, because a busy machine may have caused the failure."""
     for attempt in range(1, options.attempts + 1):
-        stage = Stage(options.patience)
+        loop = EventLoop(options.patience)
         try:
-            result = run_once(case, subject.trial(stage), stage)
+            result = run_once(case, subject.attempt(loop))
         finally:
-            stage.close()
+            loop.close()
         result.attempts, result.output = attempt, subject.output()
         if result.verdict not in (FAILED, WARNED):
             break

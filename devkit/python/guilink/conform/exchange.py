@@ -1,4 +1,4 @@
-"""Records what each side sent and when, for the report, the capture file and the judge."""
+"""Records what each side sent and when, for the report, the capture file and the checks."""
 from __future__ import annotations
 
 import time
@@ -12,17 +12,16 @@ SUBJECT = "subject"  # the companion or device under test
 
 @dataclass(frozen=True)
 class Event:
-    """One event: `bytes` were sent; a connection was `opened`, `ended` or `reset`; or the kit left a `note`."""
+    """One event: `bytes` were sent, or a connection was `opened`, `ended` or `reset`."""
 
     time: float       # time.monotonic()
     speaker: str      # KIT or SUBJECT
     transport: str    # udp or tcp
     channel: int      # number of the connection or socket in this exchange
-    kind: str         # bytes, opened, ended, reset or note
+    kind: str         # bytes, opened, ended or reset
     source: Address
     target: Address
     data: bytes = b""
-    text: str = ""
 
 
 @dataclass
@@ -37,10 +36,6 @@ class Exchange:
     def add(self, speaker: str, transport: str, channel: int, kind: str, source: Address, target: Address,
             data: bytes = b"") -> None:
         self.events.append(Event(time.monotonic(), speaker, transport, channel, kind, source, target, data))
-
-    def note(self, text: str) -> None:
-        nowhere = ("", 0)
-        self.events.append(Event(time.monotonic(), KIT, "", 0, "note", nowhere, nowhere, text=text))
 
     def __iter__(self) -> Iterator[Event]:
         return iter(self.events)

@@ -111,7 +111,7 @@ def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
     label and the number of events."""
     last: tuple[Event, str, int] | None = None
     for event in exchange:
-        text = event.text or (describe(event.data) or "empty" if event.kind == "bytes" else event.kind)
+        text = describe(event.data) or "empty" if event.kind == "bytes" else event.kind
         if last and (last[1], last[0].speaker, last[0].channel) == (text, event.speaker, event.channel):
             last = last[0], text, last[2] + 1
             continue
@@ -133,15 +133,13 @@ def _picture(exchange: Exchange) -> str:
              f'<path d="M100 20V{height}M870 20V{height}" stroke=#999 />']
     for i, (event, text, times) in enumerate(shown):
         y = ROW * (i + 2)
-        label = escape(f"{event.transport} {event.channel}: {text}" if event.transport else text)
-        label += f" x {times}" if times > 1 else ""
-        parts.append(f"<text x=0 y={y}>{event.time - began:8.3f} s</text>")
-        if event.transport:
-            right = event.speaker == KIT
-            colour = "#1a56b0" if right else "#9a3412"
-            tip = f"M870 {y}l-8 -4v8z" if right else f"M100 {y}l8 -4v8z"
-            parts.append(f'<path d="M100 {y}H870" stroke="{colour}"/><path d="{tip}" fill="{colour}"/>')
-        parts.append(f"<text x=485 y={y - 4} text-anchor=middle>{label}</text>")
+        label = escape(f"{event.transport} {event.channel}: {text}") + (f" x {times}" if times > 1 else "")
+        right = event.speaker == KIT
+        colour = "#1a56b0" if right else "#9a3412"
+        tip = f"M870 {y}l-8 -4v8z" if right else f"M100 {y}l8 -4v8z"
+        parts.append(f"<text x=0 y={y}>{event.time - began:8.3f} s</text>"
+                     f'<path d="M100 {y}H870" stroke="{colour}"/><path d="{tip}" fill="{colour}"/>'
+                     f"<text x=485 y={y - 4} text-anchor=middle>{label}</text>")
     if len(events) > MOST_EVENTS:
         parts.append(f"<text x=485 y=14 text-anchor=middle>the last {MOST_EVENTS} of {len(events)}</text>")
     return "".join(parts) + "</g></svg>"

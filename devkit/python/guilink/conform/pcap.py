@@ -33,7 +33,7 @@ def _packets(event: Event, sent: dict[tuple[int, Address], int]) -> Iterator[byt
     if event.transport == "udp":
         header = struct.pack(">HHHH", event.source[1], event.target[1], 8 + len(event.data), 0)
         yield _ip(UDP, event.source, event.target, header + event.data)
-    elif event.transport == "tcp":
+    else:
         mine, other = (event.channel, event.source), (event.channel, event.target)
 
         def segment(flags: int, data: bytes = b"", length: int = 0) -> bytes:

@@ -67,7 +67,7 @@ def write_json(path: str, run: Run, arguments: Sequence[str]) -> None:
 
 
 def write_junit(path: str, run: Run, arguments: Sequence[str]) -> None:
-    """Writes a JUnit report. Untestable cases and expected failures count as skipped, and warnings count as
+    """Writes a JUnit report. UntestableError cases and expected failures count as skipped, and warnings count as
     passed."""
     suite = ElementTree.Element("testsuite", name=f"guilink conform {run.side}", tests=str(len(run.results)),
                                 failures=str(run.count(FAILED)),

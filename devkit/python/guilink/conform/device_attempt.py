@@ -4,11 +4,11 @@ from __future__ import annotations
 import socket
 from dataclasses import dataclass
 
-from guilink.conform.case import Judge, Untestable
+from guilink.conform.case import Attempt, UntestableError
 from guilink.conform.rules import IN_EVERY_CASE
-from guilink.conform.scripted_device import ANSWER
-from guilink.conform.stage import Channel, Datagram, Stage, UdpSocket
+from guilink.conform.event_loop import Channel, Datagram, EventLoop, UdpSocket
 from guilink.conform.strict import Fault, StrictReader
+from guilink.discovery import ANSWER
 from guilink.link import GuilinkError
 from guilink.wire import Identity, MessageType, frame, identity_datagram
 
@@ -30,8 +30,8 @@ class Wanted:
 class Listener:
     """The TCP port to which the device connects."""
 
-    def __init__(self, trial: DeviceTrial):
-        self.readable, self._trial = True, trial
+    def __init__(self, attempt: DeviceAttempt):
+        self.readable, self._attempt = True, attempt
         try:
             self._socket = socket.create_server(("", 8399), backlog=64)
         except OSError as error:
@@ -47,8 +47,8 @@ class Listener:
             connected, (address, _) = self._socket.accept()
         except BlockingIOError:
             return
-        if self._trial.wanted.address in ("", address):
-            self._trial.channels.append(Channel(self._trial.stage, connected, by_companion=False))
+        if self._attempt.wanted.address in ("", address):
+            self._attempt.channels.append(Channel(self._attempt.loop, connected, by_companion=False))
         else:
             connected.close()
 
@@ -56,27 +56,22 @@ class Listener:
         self._socket.close()
 
 
-class DeviceTrial:
-    """One attempt to run one case."""
+class DeviceAttempt(Attempt):
+    """One attempt to run one case with a device."""
 
-    def __init__(self, stage: Stage, wanted: Wanted):
-        self.stage, self.wanted, self.judge = stage, wanted, Judge()
+    def __init__(self, loop: EventLoop, wanted: Wanted):
+        super().__init__(loop)
+        self.wanted = wanted
         self.channels: list[Channel] = []  # connections that the device has opened
         self.broadcasts: list[Datagram] = []
         self.speaking: set[int] = set()    # numbers of the channels on which the kit sends keep-alives
         self._read = 0
         try:
-            self._ear = UdpSocket(stage, ("", 3152))
+            self._ear = UdpSocket(loop, ("", 3152))
         except OSError as error:
             raise GuilinkError(f"cannot listen on UDP port 3152: {error.strerror}; "
                                "is another companion or viewer running?") from error
-        stage.join(Listener(self))
-
-    def died(self) -> list[Fault]:
-        return []
-
-    def gave_up(self) -> str:
-        return ""
+        loop.add(Listener(self))
 
     # --- discovery -----------------------------------------------------------------------------------
 
@@ -91,44 +86,31 @@ class DeviceTrial:
                 continue
             self.broadcasts.append(datagram)
             # These rules count as kept. If a fault is found, `run_once` removes its rule from `kept`.
-            self.judge.kept |= set(IN_EVERY_CASE["device"])
+            self.kept |= set(IN_EVERY_CASE["device"])
             reader = StrictReader(by_companion=False)
             reader.feed(datagram.data)
             for fault in reader.faults:
-                self.stage.faults.append(Fault("DISC-2", f"in a broadcast, {fault.text}", fault.expected,
-                                               fault.actual))
+                self.loop.faults.append(Fault("DISC-2", f"in a broadcast, {fault.text}", fault.expected,
+                                              fault.actual))
             if said is None and not reader.faults:
-                self.stage.faults.append(Fault("DISC-2", "a broadcast that is not one IdentityMessage", b"",
-                                               datagram.data))
+                self.loop.faults.append(Fault("DISC-2", "a broadcast that is not one IdentityMessage", b"",
+                                              datagram.data))
             if datagram.sender[1] != 3153:
-                self.stage.faults.append(Fault("DISC-2", f"a broadcast from port {datagram.sender[1]}, "
-                                               "not 3153"))
+                self.loop.faults.append(Fault("DISC-2", f"a broadcast from port {datagram.sender[1]}, "
+                                              "not 3153"))
             if said:
                 self.wanted.address, self.wanted.identity = datagram.sender[0], said
         return len(self.broadcasts)
 
-    def heard_all(self) -> list[Datagram]:
-        """Returns the broadcasts of all devices."""
-        return [each for each in self._ear.arrived if identity_datagram(each.data)]
-
-    def refused_at(self, address: str) -> bool:
-        """Returns whether the host's discovery port is closed, as on a device that is not searching."""
-        probe = UdpSocket(self.stage, ("", 0))
-        try:
-            probe.send(b"", (address, 3153))
-        except OSError:  # `address` is not a valid address
-            return False
-        return self.stage.until(lambda: probe.refused, 1.0)
-
     def broadcast(self, rule: str = "DISC-1", text: str = "no broadcast is received") -> Datagram:
         """Waits for a new broadcast. If no broadcast comes, `rule` counts as broken."""
         before = self.hear()
-        self.judge.require(rule, self.stage.until(lambda: self.hear() > before), text)
+        self.require(rule, self.loop.until(lambda: self.hear() > before), text)
         return self.broadcasts[-1]
 
     def answer(self, broadcast: Datagram, data: bytes = ANSWER) -> None:
         """Answers a broadcast. Uses a new port, because the device must accept an answer from any port."""
-        UdpSocket(self.stage, ("", 0)).send(data, broadcast.sender)
+        UdpSocket(self.loop, ("", 0)).send(data, broadcast.sender)
 
     # --- connections ---------------------------------------------------------------------------------
 
@@ -140,18 +122,18 @@ class DeviceTrial:
                                     "the device does not broadcast again")
             self.answer(called)
             heard = self.hear()
-            if self.stage.until(lambda: len(self.channels) > before or self.hear() > heard) and \
+            if self.loop.until(lambda: len(self.channels) > before or self.hear() > heard) and \
                     len(self.channels) > before:
-                self.judge.kept.add("DISC-8")
+                self.kept.add("DISC-8")
                 return self.channels[-1]
-        self.judge.blame("DISC-8", f"no connection to TCP port 8399 after {CONNECT_PATIENCE} answers")
+        self.fail("DISC-8", f"no connection to TCP port 8399 after {CONNECT_PATIENCE} answers")
         raise AssertionError("a must was broken")
 
     def speak(self, channel: Channel, *kinds: int) -> None:
         """From now on, sends messages of these types every KEEP_ALIVE seconds, to keep the connection alive."""
         self.speaking.add(channel.number)
         words = b"".join(map(frame, kinds))
-        self.stage.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
+        self.loop.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
 
     def link(self, rule: str = "DISC-1") -> Channel:
         """Waits for a connection from the device, makes it the link, and returns it. If the device closes the
@@ -159,27 +141,27 @@ class DeviceTrial:
         for _ in range(CONNECT_PATIENCE):
             channel = self.candidate(rule)
             self.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
-            if self.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 4) \
+            if self.loop.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 4) \
                     and not channel.ended:
                 return channel
-        self.judge.blame("LINK-12", "a connection on which a ConnectRequest was sent is not kept")
+        self.fail("LINK-12", "a connection on which a ConnectRequest was sent is not kept")
         raise AssertionError("a must was broken")
 
     def ask(self, channel: Channel, rule: str, what: str, more: bytes = b"") -> None:
         """Sends `more` and an IdentityRequest. The device must answer the IdentityRequest."""
         before = channel.count(MessageType.IDENTITY)
         channel.send(more + frame(MessageType.IDENTITY_REQUEST))
-        answered = self.stage.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before)
-        self.judge.require(rule, answered and not channel.ended, what)
+        answered = self.loop.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) > before)
+        self.require(rule, answered and not channel.ended, what)
 
     def image(self, channel: Channel, more: int = 1) -> bytes:
         """Waits for `more` images. Returns the payload of the last one."""
         before = channel.count(MessageType.IMAGE)
-        if not self.stage.until(lambda: channel.ended or channel.count(MessageType.IMAGE) >= before + more) \
+        if not self.loop.until(lambda: channel.ended or channel.count(MessageType.IMAGE) >= before + more) \
                 or channel.ended:
             if before == 0:
-                raise Untestable("the device shows no image; its core has drawn nothing")
-            self.judge.blame("TIME-7", "no further image")
+                raise UntestableError("the device shows no image; its core has drawn nothing")
+            self.fail("TIME-7", "no further image")
         return channel.payloads(MessageType.IMAGE)[-1]
 
     def control_port(self) -> UdpSocket:
@@ -188,8 +170,8 @@ class DeviceTrial:
             try:
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind((self.wanted.address, 0))
             except OSError:
-                raise Untestable("presses are seen only on the device itself") from None
+                raise UntestableError("presses are seen only on the device itself") from None
         try:
-            return UdpSocket(self.stage, CONTROL_PORT)
+            return UdpSocket(self.loop, CONTROL_PORT)
         except OSError as error:
-            raise Untestable("UDP port 3426 of 127.0.0.1 belongs to another program") from error
+            raise UntestableError("UDP port 3426 of 127.0.0.1 belongs to another program") from error

@@ -54,7 +54,7 @@ def _run_again(command: list[str]) -> NoReturn:
     os.execvpe(command[0], command, {**os.environ, INSIDE: "1", "PYTHONPATH": path})
 
 
-class Cable:
+class PrivateNetwork:
     """A network namespace for the companion, and a veth pair that leads to it. A process keeps the namespace open."""
 
     def __init__(self) -> None:

@@ -15,7 +15,10 @@ from guilink.conform.strict import Fault, StrictReader
 from guilink.wire import FrameReader, Message, MessageType
 
 POLL = 0.02          # s between two checks of a condition
+DELIVERY_POLL = 0.001  # s between two checks whether the subject's TCP stack has acknowledged all bytes
 CHUNK = 1 << 18      # bytes; limit of one read
+CASE_LIMIT = 30.0    # s; a test case must end within this time and CASE_LIMIT_PATIENCES x the patience
+CASE_LIMIT_PATIENCES = 10
 IP_RECVERR = 11      # Linux's value of this socket option, which Python does not define
 RESET_ON_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() then resets the connection
 
@@ -33,8 +36,8 @@ class Datagram(NamedTuple):
     sender: Address
 
 
-class Member(Protocol):
-    """A socket that `Stage.serve` waits for and reads from."""
+class Source(Protocol):
+    """A socket that `EventLoop.serve` waits for and reads from."""
 
     readable: bool
 
@@ -45,23 +48,34 @@ class Member(Protocol):
     def close(self) -> None: ...
 
 
-class Stage:
+class DeadlineError(Exception):
+    """The test case has not ended in time."""
+
+
+class EventLoop:
     """The sockets of one test case. `patience` (s) is the default limit of `until`."""
 
     def __init__(self, patience: float):
         self.patience = patience
         self.exchange = Exchange()
         self.faults: list[Fault] = []  # faults found in the bytes that the subject has sent
-        self._members: list[Member] = []
-        self._ticks: list[tuple[float, Callable[[], object]]] = []
+        self._sources: list[Source] = []
+        self._timers: list[tuple[float, Callable[[], object]]] = []
         self._due: list[float] = []
+        self._limit = CASE_LIMIT + CASE_LIMIT_PATIENCES * patience
+        self._deadline = time.monotonic() + self._limit
 
-    def join(self, member: Member) -> None:
-        self._members.append(member)
+    def add(self, source: Source) -> None:
+        self._sources.append(source)
+
+    def check_deadline(self) -> None:
+        """Every loop that waits calls this, so that no test case lasts for ever."""
+        if time.monotonic() > self._deadline:
+            raise DeadlineError(f"the case has not ended within {self._limit:.0f} s")
 
     def every(self, interval: float, action: Callable[[], object]) -> None:
         """Calls `action` every `interval` seconds until the end of the test case, but only while the kit waits."""
-        self._ticks.append((interval, action))
+        self._timers.append((interval, action))
         self._due.append(time.monotonic())
 
     def until(self, condition: Callable[[], object], within: float | None = None) -> bool:
@@ -74,39 +88,40 @@ class Stage:
         return True
 
     def serve(self, wait: float = POLL) -> None:
+        self.check_deadline()
         now = time.monotonic()
-        for i, (interval, action) in enumerate(self._ticks):
+        for i, (interval, action) in enumerate(self._timers):
             if now >= self._due[i]:
                 self._due[i] = now + interval
                 action()
-        readable = [each for each in self._members if each.readable]
+        readable = [each for each in self._sources if each.readable]
         for each in select.select(readable, [], [], wait)[0]:
             each.receive()
 
     def close(self) -> None:
-        for each in self._members:
+        for each in self._sources:
             each.close()
 
 
 class UdpSocket:
-    def __init__(self, stage: Stage, address: Address):
+    def __init__(self, loop: EventLoop, address: Address):
         self.arrived: list[Datagram] = []
         self.refused = False  # a datagram that the kit sent reached a closed port
-        self._stage, self._socket = stage, socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._loop, self._socket = loop, socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         for option in (socket.SO_BROADCAST, socket.SO_REUSEADDR):
             self._socket.setsockopt(socket.SOL_SOCKET, option, 1)
         self._socket.setsockopt(socket.IPPROTO_IP, IP_RECVERR, 1)
         self._socket.bind(address)
         self._socket.setblocking(False)
         self.address: Address = self._socket.getsockname()
-        self.channel, self.readable = stage.exchange.new_channel(), True
-        stage.join(self)
+        self.channel, self.readable = loop.exchange.new_channel(), True
+        loop.add(self)
 
     def fileno(self) -> int:
         return self._socket.fileno()
 
     def send(self, data: bytes, target: Address) -> None:
-        self._stage.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
+        self._loop.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
         try:
             self._socket.sendto(data, target)
         except OSError:  # the error reports the loss of an earlier datagram, so send this one again
@@ -121,7 +136,7 @@ class UdpSocket:
             return
         except BlockingIOError:
             return
-        self._stage.exchange.add(SUBJECT, "udp", self.channel, "bytes", sender, self.address, data)
+        self._loop.exchange.add(SUBJECT, "udp", self.channel, "bytes", sender, self.address, data)
         self.arrived.append(Datagram(time.monotonic(), data, sender))
 
     def close(self) -> None:
@@ -131,24 +146,23 @@ class UdpSocket:
 class Channel:
     """One TCP connection between the kit and the subject."""
 
-    def __init__(self, stage: Stage, connected: socket.socket, by_companion: bool):
+    def __init__(self, loop: EventLoop, connected: socket.socket, by_companion: bool):
         self.arrived: list[Arrived] = []
         self.ended = False      # the subject has ended the connection
-        self.on_message: Callable[[Message], None] = lambda message: None
         self.readable = True    # if false, the kit does not read
         self.reader = StrictReader(by_companion)
         self.image_sent = False  # the kit has sent a whole image
         self._sent = FrameReader()
         self._sending, self._behind = False, bytearray()
-        self.stage, self._socket, self._closed = stage, connected, False
-        self.stall = stage.patience  # s; if the subject reads nothing for this long, `send` fails
+        self.loop, self._socket, self._closed = loop, connected, False
+        self.stall = loop.patience  # s; if the subject reads nothing for this long, `send` fails
         connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.here: Address = connected.getsockname()
         self.there: Address = connected.getpeername()
-        self.number = stage.exchange.new_channel()
+        self.number = loop.exchange.new_channel()
         self._log(SUBJECT if not by_companion else KIT, "opened")
-        stage.join(self)
+        loop.add(self)
 
     def fileno(self) -> int:
         return self._socket.fileno()
@@ -176,10 +190,13 @@ class Channel:
         self._log(SUBJECT, "bytes", data)
         before = len(self.reader.faults)
         messages = self.reader.feed(data)
-        self.stage.faults += self.reader.faults[before:]
+        self.loop.faults += self.reader.faults[before:]
         for message in messages:
-            self.arrived.append(Arrived(time.monotonic(), message))
-            self.on_message(message)
+            self.take(message)
+
+    def take(self, message: Message) -> None:
+        """Handles a message of the subject."""
+        self.arrived.append(Arrived(time.monotonic(), message))
 
     def send(self, data: bytes) -> bool:
         """Sends data. Returns False if the subject has ended the connection, or reads nothing for `stall` seconds."""
@@ -194,8 +211,8 @@ class Channel:
         self._sending, sent = True, False
         for number, part in enumerate(parts):
             if number:
-                while not (self.ended or self.delivered()):
-                    select.select([], [], [], 0.001)
+                if not (sent := self._wait_delivered()):
+                    break
                 between()
             if not (sent := self._write(part)):
                 break
@@ -206,6 +223,15 @@ class Channel:
         self._behind.clear()
         self._sending = False
         return sent
+
+    def _wait_delivered(self) -> bool:
+        """Reads until all sent bytes are delivered, or the connection ends."""
+        end = time.monotonic() + self.stall
+        while not (self.ended or self.delivered()) and time.monotonic() < end:
+            self.loop.check_deadline()
+            if select.select([self._socket] if self.readable else [], [], [], DELIVERY_POLL)[0]:
+                self.receive()
+        return not self.ended and self.delivered()
 
     def delivered(self) -> bool:
         """Whether the subject's TCP stack has acknowledged all bytes that were sent."""
@@ -224,6 +250,7 @@ class Channel:
         rest = memoryview(data)
         end, before = time.monotonic() + self.stall, -1
         while rest and not self.ended and time.monotonic() < end:
+            self.loop.check_deadline()
             if (left := self._left()) != before:  # some bytes have been sent or acknowledged
                 end, before = time.monotonic() + self.stall, left
             try:
@@ -256,4 +283,4 @@ class Channel:
 
     def _log(self, speaker: str, kind: str, data: bytes = b"") -> None:
         ends = (self.here, self.there) if speaker == KIT else (self.there, self.here)
-        self.stage.exchange.add(speaker, "tcp", self.number, kind, *ends, data)
+        self.loop.exchange.add(speaker, "tcp", self.number, kind, *ends, data)

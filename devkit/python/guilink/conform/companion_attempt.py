@@ -9,14 +9,15 @@ from pathlib import Path
 from typing import Sequence
 
 import numpy as np
+from numpy.typing import NDArray
 from PIL import Image
 
-from guilink.conform import sandbox
-from guilink.conform.case import Judge, Untestable
-from guilink.conform.scripted_device import ScriptedDevice, watch_of
-from guilink.conform.stage import Channel, Stage, UdpSocket
+from guilink.conform.case import Attempt, UntestableError
+from guilink.conform.companion_process import CompanionProcess
+from guilink.conform.event_loop import Channel, EventLoop, UdpSocket
+from guilink.conform.private_network import COMPANION, DEVICE, OTHER_DEVICE
+from guilink.conform.scripted_device import Connection, ScriptedDevice
 from guilink.conform.strict import Fault
-from guilink.conform.subject import Subject
 from guilink.picture import Pixels
 from guilink.screen import Screen
 from guilink.wire import MessageType, frame
@@ -25,7 +26,7 @@ START_PATIENCE = 20.0  # s; a newly started companion has at least this long to 
 ABOUT_TO_END = 0.5     # s; if the companion exits normally within this time after a fault, it is not blamed
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
 SECOND = 1.0           # s; a companion must ignore its device's broadcasts for this long after the first image
-SILENCE = 3.0          # s; a companion closes the link if nothing arrives for this long
+LINK_SILENCE = 3.0          # s; a companion closes the link if nothing arrives for this long
 LAST_LINES = 3         # number of output lines that a report quotes if the companion has ended
 
 
@@ -39,7 +40,7 @@ class Shown:
     def __bool__(self) -> bool:
         return bool(self.file or self.command)
 
-    def read(self) -> np.ndarray | None:  # type: ignore[type-arg]
+    def read(self) -> NDArray[np.uint8] | None:
         """Returns the picture as RGB or RGBA bytes, or None if there is no picture yet."""
         try:
             data = (self.file.read_bytes() if self.file else
@@ -50,39 +51,37 @@ class Shown:
             return None
 
 
-class Trial:
-    """One attempt to run one case."""
+class CompanionAttempt(Attempt):
+    """One attempt to run one case with a companion."""
 
-    broadcast, companion = sandbox.BROADCAST, sandbox.COMPANION
-
-    def __init__(self, stage: Stage, subject: Subject, shown: Shown):
-        self.stage, self.subject, self.shown, self.judge = stage, subject, shown, Judge()
+    def __init__(self, loop: EventLoop, subject: CompanionProcess, shown: Shown):
+        super().__init__(loop)
+        self.subject, self.shown = subject, shown
         self._fresh = subject.ensure_running()
         self._seen: Pixels | None = None  # the most recent picture that the companion has shown correctly
         if shown.file:
             shown.file.unlink(missing_ok=True)
-        self.device = ScriptedDevice(self, sandbox.DEVICE)
+        self.device = ScriptedDevice(self, DEVICE)
 
     def other_device(self) -> ScriptedDevice:
-        return ScriptedDevice(self, sandbox.OTHER_DEVICE, b"22222fw1.1")
+        return ScriptedDevice(self, OTHER_DEVICE, b"22222fw1.1")
 
     # --- used by case.run_once -----------------------------------------------------------------------
 
     def subject_ended(self) -> bool:
         return not self.subject.alive()
 
-    def died(self) -> list[Fault]:
+    def crash(self) -> list[Fault]:
         if self.subject_ended() and self.subject.status:
             lines = " / ".join(self.subject.last_words().strip().splitlines()[-LAST_LINES:])
             return [Fault("LINK-10", f"the companion has ended with {self.subject.end()}"
                           + (f"; its last lines: {lines}" if lines else ""))]
         if not self.subject_ended():
-            self.judge.kept.add("LINK-10")
+            self.kept.add("LINK-10")
         return []
 
     def gave_up(self) -> str:
-        """If the companion is not to blame for a broken rule, returns the reason. Otherwise returns an empty string."""
-        self.stage.until(self.subject_ended, ABOUT_TO_END)
+        self.loop.until(self.subject_ended, ABOUT_TO_END)
         if self.subject_ended() and self.subject.status == 0:
             return "the companion has ended by itself in the middle of the case"
         return ""
@@ -91,75 +90,75 @@ class Trial:
 
     def find(self) -> None:
         """Broadcasts until the companion answers. If no answer comes, finds out which rule the companion breaks."""
-        patience = max(START_PATIENCE, self.stage.patience) if self._fresh else self.stage.patience
-        answered = self.device.call_until_answered(patience)
+        patience = max(START_PATIENCE, self.loop.patience) if self._fresh else self.loop.patience
+        answered = self.device.broadcast_until_answered(patience)
         self._fresh = False
         if answered:
             self.subject.has_answered = True
-            self.judge.kept |= {"DISC-3", "DISC-4", "DISC-5"}
+            self.kept |= {"DISC-3", "DISC-4", "DISC-5"}
             return
         if self.subject_ended():
             if not self.subject.has_answered:
                 raise ValueError(f"cannot prove the companion: it ended with {self.subject.end()} before it "
                                  "answered anything; its last lines:\n"
                                  + (self.subject.last_words().strip() or "(none)"))
-            self.judge.blame("LINK-10", "the companion has ended")
-        probe = UdpSocket(self.stage, (self.device.address, 0))
-        probe.send(frame(MessageType.IDENTITY, self.device.identity), (self.companion, 3152))
-        self.stage.until(lambda: probe.arrived or probe.refused)
-        self.judge.refuse("DISC-3", probe.refused, "UDP port 3152 is closed (or bound to one address?)")
+            self.fail("LINK-10", "the companion has ended")
+        probe = UdpSocket(self.loop, (self.device.address, 0))
+        probe.send(frame(MessageType.IDENTITY, self.device.identity), (COMPANION, 3152))
+        self.loop.until(lambda: probe.arrived or probe.refused)
+        self.forbid("DISC-3", probe.refused, "UDP port 3152 is closed (or bound to one address?)")
         if self.device.answers:  # accept a late answer
             return
-        self.judge.refuse("DISC-3", probe.arrived, "the companion receives no broadcasts, only what is sent to "
-                          "its address")
-        self.judge.blame("DISC-5", f"none of {self.device.calls} broadcasts was answered")
+        self.forbid("DISC-3", probe.arrived, "the companion receives no broadcasts, only what is sent to "
+                    "its address")
+        self.fail("DISC-5", f"none of {self.device.broadcasts} broadcasts was answered")
 
-    def candidate(self, find: bool = True) -> Channel:
+    def candidate(self, find: bool = True) -> Connection:
         """Opens a connection, and waits until the companion has sent a ConnectRequest on it.
 
         If the companion has not yet noticed the end of its previous link, it closes the new connection. The kit then
         broadcasts again after a second, as a device does.
         """
-        end = time.monotonic() + self.stage.patience
+        end = time.monotonic() + self.loop.patience
         while True:
             if find:
                 self.find()
             channel = self.device.connect()
-            self.judge.kept.add("DISC-7")
-            asked = self.stage.until(lambda: channel.count(MessageType.CONNECT_REQUEST) or channel.ended)
+            self.kept.add("DISC-7")
+            asked = self.loop.until(lambda: channel.count(MessageType.CONNECT_REQUEST) or channel.ended)
             if not channel.ended or time.monotonic() > end or self.subject_ended():
                 break
-            self.stage.until(lambda: time.monotonic() > self.device.called + BROADCAST_INTERVAL)
+            self.loop.until(lambda: time.monotonic() > self.device.last_broadcast + BROADCAST_INTERVAL)
             find = True
         # LINK-1 applies to the companion's first connection, LINK-3 to all later connections.
         rule = "LINK-3" if self.subject.greeted else "LINK-1"
-        self.judge.require(rule, asked and not channel.ended, "no ConnectRequest arrives on the connection"
-                           + (", and the companion closes it" if channel.ended else ""))
+        self.require(rule, asked and not channel.ended, "no ConnectRequest arrives on the connection"
+                     + (", and the companion closes it" if channel.ended else ""))
         self.subject.greeted += 1
         return channel
 
-    def link(self, pixels: Pixels | None = None) -> Channel:
+    def link(self, pixels: Pixels | None = None) -> Connection:
         """Opens a connection, sends an image on it, and repeats the image twice a second."""
         channel = self.candidate()
         self.device.repeat(channel, PLAIN if pixels is None else pixels)
         return channel
 
-    def answer_to_lost_device(self, channel: Channel, identity: bytes) -> str:
+    def answer_to_lost_device(self, channel: Connection, identity: bytes) -> str:
         """Lets the device send images for a second, then fall silent on the link and broadcast `identity`. Returns an
-        empty string if the companion answers within SILENCE, and otherwise an error message. A later answer proves
-        nothing, because the companion closes every silent link after SILENCE."""
+        empty string if the companion answers within LINK_SILENCE, and otherwise an error message. A later answer proves
+        nothing, because the companion closes every silent link after LINK_SILENCE."""
         began, showing = time.monotonic(), True
-        self.stage.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
-        self.stage.until(lambda: time.monotonic() > began + SECOND)
-        showing = watch_of(channel).answering = False
+        self.loop.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
+        self.loop.until(lambda: time.monotonic() > began + SECOND)
+        showing = channel.answering = False
         quiet, before = time.monotonic(), self.device.answers
         self.device.show(channel, PLAIN)  # the last message on this link; from now on, the device only broadcasts
         self.device.identity = identity
-        self.stage.every(0.5, self.device.call)
-        if not self.stage.until(lambda: self.device.answers > before):
+        self.loop.every(0.5, self.device.broadcast)
+        if not self.loop.until(lambda: self.device.answers > before):
             return "is not answered"
-        late = time.monotonic() > quiet + SILENCE
-        return f"is answered only after {SILENCE:.0f} s of silence have ended the link" if late else ""
+        late = time.monotonic() > quiet + LINK_SILENCE
+        return f"is answered only after {LINK_SILENCE:.0f} s of silence have ended the link" if late else ""
 
     def picture(self, height: int = 8, width: int = 12) -> Pixels:
         """Returns a random opaque picture, which differs from all earlier ones."""
@@ -170,18 +169,18 @@ class Trial:
         """Waits for `more` further ControlMessages. By then, the companion has handled everything that the kit had sent
         before this call. Returns whether the connection still exists."""
         before = channel.count(MessageType.CONTROL)
-        return self.stage.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
-                                self.stage.patience + more) and not channel.ended
+        return self.loop.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
+                               self.loop.patience + more) and not channel.ended
 
     def must_show(self, rule: str, pixels: Pixels, what: str) -> None:
         if not self.shown:
-            raise Untestable("what the companion shows is unknown; use --picture")
-        seen = self.stage.until(lambda: self.shows(pixels) or self.subject_ended())
+            raise UntestableError("what the companion shows is unknown; use --picture")
+        seen = self.loop.until(lambda: self.shows(pixels) or self.subject_ended())
         seen = seen and (not self.subject_ended() or self.shows(pixels))
         self._seen = pixels if seen else self._seen
         if not seen and self._only_last_differs(pixels):
             rule = "PICT-2"
-        self.judge.require(rule, seen, f"{what}: {'' if seen else self._difference(pixels)}")
+        self.require(rule, seen, f"{what}: {'' if seen else self._difference(pixels)}")
 
     def shows(self, pixels: Pixels) -> bool:
         image = self.shown.read()
@@ -225,5 +224,3 @@ def shown_of(pixels: Pixels) -> Pixels:
 
 
 PLAIN = np.full((48, 64), 0xF123, np.uint16)
-
-__all__ = ["PLAIN", "SECOND", "SILENCE", "Shown", "Trial", "shown_of", "watch_of"]

@@ -1,6 +1,6 @@
 """A small device that keeps all rules or, started with a name from WRONG, breaks exactly one of them.
 
-    zoo_device.py NAME COMMAND...    NAME is a key of WRONG, or "right"; runs COMMAND, and exits when COMMAND does
+    wrong_device.py NAME COMMAND...    NAME is a key of WRONG, or "right"; runs COMMAND, and exits when COMMAND does
 """
 import os
 import select
@@ -26,7 +26,7 @@ WRONG = {  # key: what the device does wrong; value: the rule that this breaks
     "waits for readers": "TIME-10", "sends the last pixel": "PICT-8", "raw transparency": "PICT-9",
     "short runs": "PICT-10", "640 x 480": "PICT-11", "buttons from 101": "PRESS-3", "ignores button 16": "PRESS-4",
 }
-HOST, IDENTITY = os.environ.get("ZOO_HOST", "10.77.0.1"), b"11111fw1.1"
+HOST, IDENTITY = os.environ.get("DEVICE_HOST", "10.77.0.1"), b"11111fw1.1"
 ANSWER = frame(MessageType.CONNECT_REQUEST)
 
 
@@ -51,7 +51,7 @@ class Candidate:
         self.buffer, self.heard, self.control, self.answers = bytearray(), time.monotonic(), 0.0, 0
 
 
-class Zoo:
+class Device:
     def __init__(self):
         self.udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         for option in (socket.SO_BROADCAST, socket.SO_REUSEADDR):
@@ -207,4 +207,4 @@ if __name__ == "__main__":
         status = subprocess.call(sys.argv[2:])
         device.kill()
         sys.exit(status)
-    Zoo().run()
+    Device().run()

@@ -1,6 +1,6 @@
 """A small companion that keeps all rules or, started with a name from WRONG, breaks exactly one of them.
 
-    zoo_companion.py NAME PICTURE.png    NAME is a key of WRONG, or "right"
+    wrong_companion.py NAME PICTURE.png    NAME is a key of WRONG, or "right"
 """
 import os
 import select
@@ -10,7 +10,7 @@ import time
 
 import numpy as np
 
-from guilink.picture import DamagedPicture, decode
+from guilink.picture import DamagedPictureError, decode
 from guilink.screen import Screen
 from guilink.wire import HEADER, START, FrameReader, Message, MessageType, frame, identity_datagram
 
@@ -93,7 +93,7 @@ def picture(payload):
         return np.pad(seen, (0, count - len(seen)), "edge").reshape(words[1], words[0]) if len(seen) else None
     try:
         pixels = decode(payload).copy()
-    except DamagedPicture:
+    except DamagedPictureError:
         return None
     if wrong("short runs"):
         return decode(payload) if max(words[2::2], default=0) < 1 << 15 else pixels * 0
@@ -106,12 +106,12 @@ def picture(payload):
     if wrong("times 16"):
         pixels = pixels & 0xFFFE
     if wrong("size of the first"):
-        Zoo.first = Zoo.first or pixels.shape
-        pixels = np.resize(pixels, Zoo.first)
+        Companion.first = Companion.first or pixels.shape
+        pixels = np.resize(pixels, Companion.first)
     return pixels
 
 
-class Zoo:
+class Companion:
     first = None
 
     def __init__(self, path):
@@ -265,4 +265,4 @@ def wrong(*names):
 NAME = "right"
 if __name__ == "__main__":
     NAME = sys.argv[1]
-    Zoo(sys.argv[2]).run()
+    Companion(sys.argv[2]).run()

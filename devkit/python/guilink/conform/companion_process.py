@@ -12,7 +12,7 @@ LAST_WORDS = 4000       # bytes; a report shows this much of the end of the comp
 ASKED_TO_END = 2.0      # s between SIGTERM and SIGKILL
 
 
-class Subject:
+class CompanionProcess:
     def __init__(self, command: Sequence[str], within: Sequence[str]):
         self._command = [*within, "setpriv", "--pdeathsig", "KILL", *command]
         self._process: subprocess.Popen[bytes] | None = None
