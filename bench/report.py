@@ -84,10 +84,7 @@ def report_speed(runs):
 
 
 def read_links(folder):
-    """Returns {(link, side): {subject: {statistic: [value of each run]}}}.
-
-    A link is named by its rate in Mbit/s, or "0" for plain loopback. The side is "before" or "after". The subject
-    is a scene or "button"."""
+    """Returns {rate in Mbit/s, 0 for plain loopback: {scene or "button": {statistic: [value of each run]}}}."""
     links = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
     for path in glob.glob(folder + "/*.tsv"):
         with open(path, encoding="utf-8") as file:
@@ -95,7 +92,7 @@ def read_links(folder):
                 if line.count("\t") != 3:
                     continue  # a log line of the service
                 link, subject, statistic, value = line.rstrip("\n").split("\t")
-                links[tuple(link.split())][subject][statistic].append(float(value))
+                links[float(link)][subject][statistic].append(float(value))
     return links
 
 
@@ -103,36 +100,32 @@ def report_links(links):
     def cell(figures, *names):
         """Returns the smallest value of each figure, because a busy machine can only increase the times."""
         found = [min(figures[name]) for name in names if name in figures]
-        return " / ".join(f"{value:.{0 if value >= 100 else 1}f}" for value in found) or "none"
+        return " / ".join(f"{value:.{2 if value < 1 else 1 if value < 100 else 0}f}" for value in found) or "none"
 
-    print("\nAges, median / 99th percentile, in milliseconds:")
+    print("\nLatency in milliseconds:")
     rows = []
-    for rate in sorted({float(link) for link, _ in links}):
-        for scene in SCENES[:5] + ["largest"]:
-            before, after = (links[f"{rate:g}", side][scene] for side in ("before", "after"))
-            if not before and not after:
+    presses = []
+    for rate, scenes in sorted(links.items()):
+        name = f"{rate:g} Mbit/s" if rate else "loopback"
+        for scene in ["overlay", "menu", "text", "largest"]:
+            if not (figures := scenes[scene]):
                 continue
             age = ("age when shown median", "age when shown p99")
-            limit = sum(min(after[name], default=0) for name in ("received median", "queue median")) + 10
-            met = age[1] in after and min(after[age[0]]) <= limit and min(after[age[1]]) <= 2 * limit
+            limit = sum(min(figures[each], default=0) for each in ("received median", "queue median")) + 10
+            met = age[1] in figures and min(figures[age[0]]) <= limit and min(figures[age[1]]) <= 2 * limit
             rows.append(
-                [f"{rate:g} Mbit/s" if rate else "loopback", scene]
-                + [cell(after, "received median"), cell(after, "queue median")]
-                + [cell(before, *age), cell(after, *age)]
-                + [f"{max(side.get('frames a second', [0])):.3g}" for side in (before, after)]
-                + [f"{max(side.get('links lost', [0])):.0f}" for side in (before, after)]
-                + ["yes" if met else "**no**"]
+                [name, scene]
+                + [cell(figures, f"{each} median") for each in ("received", "decoded", "queue")]
+                + [cell(figures, *age)]
+                + [f"{max(figures.get('frames a second', [0])):.3g}"]
+                + [f"{max(figures.get('links lost', [0])):.0f}", "yes" if met else "**no**"]
             )
-    heading = "link, scene, alone, queue, before, after, frames/s before, after, links lost before, after, goal"
-    table(heading.split(", "), rows)
+        if "button" in scenes:
+            presses.append([name, cell(scenes["button"], "sent on median"), cell(scenes["button"], "sent on p99")])
+    table("link, scene, received, decoded, queue, age, frames/s, links lost, goal met".split(", "), rows)
 
-    print("\nButtons, in milliseconds:")
-    rows = [
-        [link, side, cell(scenes["button"], "sent on median"), cell(scenes["button"], "sent on p99")]
-        for (link, side), scenes in sorted(links.items())
-        if "button" in scenes
-    ]
-    table(["link", "side", "median", "99th percentile"], rows)
+    print("\nA press on an idle link, in milliseconds:")
+    table(["link", "median", "99th percentile"], presses)
 
 
 def draw(runs, path):
