@@ -1,0 +1,47 @@
+"""Tests the documents: their links, the files that they name, and the README's figures. Each figure must stand in
+docs/performance.md or docs/reliability.md, word for word, with the command that measures it."""
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+DOCUMENTS = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")])
+FOLDERS = "|".join(path.name for path in ROOT.iterdir() if path.is_dir() and path.name not in ("build", ".git"))
+
+
+def anchors(path):
+    headings = re.findall(r"^#+ (.*)$", re.sub(r"^```.*?^```", "", path.read_text("utf-8"), flags=re.S | re.M), re.M)
+    return [re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings]
+
+
+def faults(path):
+    text = path.read_text("utf-8")
+    for target in re.findall(r"\]\(([^()\s]+)\)", text):
+        file, _, anchor = target.partition("#")
+        other = path.parent / file if file else path
+        if "://" in target:
+            continue
+        if not other.exists():
+            yield f"link to {target}, which does not exist"
+        elif anchor and anchor not in anchors(other):
+            yield f"link to {target}, but {other.name} has no such heading"
+    for name in set(re.findall(rf"(?<![\w/.-])(?:{FOLDERS})/[\w./*-]*[\w*]", text)):
+        if not any(ROOT.glob(name)):
+            yield f"{name} does not exist"
+
+
+def unsupported(readme):
+    """Yields each figure of the README that no row of the two documents repeats together with a command."""
+    rows = [line for name in ("performance", "reliability")
+            for line in (ROOT / f"docs/{name}.md").read_text("utf-8").splitlines()]
+    figures = re.findall(r"^\| \*\*.*\|$", readme, re.M)
+    if not figures:
+        yield "no figures"
+    for figure in figures:
+        if not any(re.fullmatch(re.escape(figure) + " `.+` \\|", row) for row in rows):
+            yield f"neither performance.md nor reliability.md has this figure, with a command: {figure}"
+
+
+found = [f"{path.relative_to(ROOT)}: {fault}" for path in DOCUMENTS for fault in faults(path)]
+found += [f"README.md: {fault}" for fault in unsupported((ROOT / "README.md").read_text("utf-8"))]
+sys.exit("\n".join(found) or 0)
