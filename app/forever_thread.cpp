@@ -8,8 +8,7 @@
 
 namespace {
 
-// Never destroyed: the destructor would block until the idle thread stops waiting, so exit would
-// hang.
+// Never destroyed: the destructor would wait for the idle thread, so exit would hang.
 std::condition_variable_any& foreverThreadCond = *new std::condition_variable_any;
 Mutex foreverThreadMutex;
 bool foreverThreadFlag GUARDED_BY(foreverThreadMutex) = false;

@@ -20,8 +20,7 @@ void return_freed_memory() {
     mallopt(M_ARENA_MAX, 1);                 // more arenas would keep the memory of ended threads
 }
 
-// If descriptors 0 to 2 are closed, the first sockets would get these numbers and receive our log
-// lines.
+// Otherwise the first sockets would get closed descriptors 0 to 2, and our log lines.
 void ensure_standard_streams() {
     int fd;
     do {

@@ -1,9 +1,9 @@
-// Sends the companion's button presses to the device's control service. Each press is one UDP
-// datagram to 127.0.0.1 port 3426 that holds one line of JSON, [{"msg_id":100,"param":"On"}]. The
-// control service does not answer, and no error is reported if nothing listens on the port.
+// Sends the companion's presses to the device's control service, each as one UDP datagram to
+// 127.0.0.1 port 3426: [{"msg_id":100,"param":"On"}]. Nobody answers, and nothing is reported if
+// nobody listens.
 //
-// Deliberate: when the companion presses an unknown button, the last command is sent again, because
-// companions in the field rely on this.
+// Deliberate: an unknown button sends the last command again, because companions in the field rely
+// on this.
 #pragma once
 
 #include <netinet/in.h>
@@ -65,8 +65,7 @@ class BtnCmdsLocalSender {
     BtnCmdsLocalSender(const BtnCmdsLocalSender&) = delete;
     BtnCmdsLocalSender& operator=(const BtnCmdsLocalSender&) = delete;
 
-    // Sends the command of a button. Logs an unknown button to standard error. Reports no error if
-    // the datagram cannot be sent. Calls are serialised.
+    // Sends the command of a button; logs an unknown one to standard error. Calls are serialised.
     void send(const ButtonCmdNetId& id);
 
   private:

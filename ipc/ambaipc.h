@@ -1,7 +1,6 @@
-// Two functions of the vendor's inter-core IPC library (libambaipc), and their structs. The service
-// registers programs, and the real-time core calls the procedures of these programs. The library
-// runs the procedures on its own threads, but never two procedures of one program at once. The
-// assertions below check that the structs have the library's layout.
+// What the service uses of the vendor's inter-core IPC library (libambaipc). The service registers
+// programs, whose procedures the real-time core calls. They run on the library's threads, but never
+// two of one program at once. The assertions below check the layouts.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +8,7 @@
 
 extern "C" {
 
-// The result of one call. The library passes it to the procedure, which fills it in. Only the
-// library knows the meaning of the words.
+// The result of one call, which the procedure fills in. Only the library knows its meaning.
 struct _AMBA_IPC_SVC_RESULT_s_ {
     uint32_t word_0;
     uint32_t word_4;
@@ -19,8 +17,7 @@ struct _AMBA_IPC_SVC_RESULT_s_ {
     uint32_t word_20;
 };
 
-// A procedure. `argument` and `result` are valid only during the call. The length of `argument` is
-// not passed.
+// `argument`, whose length is not passed, and `result` are valid only during the call.
 typedef void (*IpcProc)(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
 struct IpcProcEntry {
@@ -33,8 +30,8 @@ struct IpcProgInfo {
     IpcProcEntry* procedures;  // array of `count` entries
 };
 
-// Registers a program under the service name `name`. The library copies `name` and `info` during
-// the call. The service always passes 1 as `last`. Returns 0 on success.
+// Registers a program; copies `name` and `info`. The service always passes 1 as `last`. Returns 0
+// on success.
 int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, IpcProgInfo* info,
                          int last);
 

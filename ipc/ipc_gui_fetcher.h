@@ -1,9 +1,8 @@
-// Receives the GUI from the real-time core. For each frame, the core calls ipcGuiBufReceiver, which
-// passes the frame to ComLibInterface. If the device gets a new identity, the core calls
-// ipcQrBodyReceiver, which replaces the ComLibInterface.
+// What the real-time core calls: ipcGuiBufReceiver passes a frame to ComLibInterface, and
+// ipcQrBodyReceiver replaces the ComLibInterface by one with a new identity.
 //
 // A frame buffer stays mapped, so that only its first frame costs system calls. No static object is
-// destroyed at exit, because the core may still call a procedure during the exit.
+// destroyed, because the core may still call during exit.
 #pragma once
 
 #include <atomic>
@@ -29,23 +28,20 @@ struct GuiBufferArg {
 
 class IpcGuiFetcher {
   public:
-    // Returns the only instance. The first call constructs the instance: it reads the identity from
-    // the settings file, constructs a ComLibInterface (whose constructor may throw), and registers
-    // the two procedures below.
+    // Returns the only instance. The first call constructs it: reads the identity from the settings
+    // file, constructs a ComLibInterface (which may throw), and registers the procedures below.
     static std::shared_ptr<IpcGuiFetcher> getInstance();
 
     ~IpcGuiFetcher();
     IpcGuiFetcher(const IpcGuiFetcher&) = delete;
     IpcGuiFetcher& operator=(const IpcGuiFetcher&) = delete;
 
-    // The core calls this procedure for each frame. `argument` is a GuiBufferArg. Calls must not
-    // overlap. After the call, the core may reuse the frame's memory. If the frame cannot be
-    // mapped, the process ends.
+    // Takes a frame; `argument` is a GuiBufferArg. Calls must not overlap. After the call, the core
+    // may reuse the frame's memory. If the frame cannot be mapped, the process ends.
     static void ipcGuiBufReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
-    // The core calls this procedure to set a new identity. `argument` is a zero-terminated text of
-    // five characters; any other length ends the process. Destroys the old ComLibInterface before
-    // the call returns. Does not write to `result`.
+    // Takes a new identity: a zero-terminated text of five characters; any other length ends the
+    // process. Destroys the old ComLibInterface. Does not write to `result`.
     static void ipcQrBodyReceiver(const unsigned char* argument, _AMBA_IPC_SVC_RESULT_s_* result);
 
   private:
@@ -67,7 +63,6 @@ class IpcGuiFetcher {
     static std::shared_ptr<IpcGuiFetcher>& m_guiFetcher;
     static std::atomic<bool> m_published;  // if true, m_guiFetcher is set and will not change
     static Mutex m_instanceMutex;          // held while the fetcher is constructed
-    // The mapped frame buffers by physical address. They are never removed, because the core uses
-    // only a few buffers.
+    // By physical address. Never removed, because the core uses only a few buffers.
     static std::map<uint64_t, std::shared_ptr<unsigned char>>& cached_buffers;
 };

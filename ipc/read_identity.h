@@ -5,6 +5,6 @@
 #include <optional>
 #include <string>
 
-// Finds the first line that begins with BODY_QR= and returns the five characters after the equals
-// sign, or fewer if the line is shorter. Returns nothing if no line begins with BODY_QR=.
+// Returns the five characters after BODY_QR= in the first line that begins with it, or fewer if the
+// line is shorter.
 std::optional<std::string> read_identity(std::istream& settings);

@@ -1,10 +1,8 @@
-// Our substitute for the vendor's IPC library, the service's side. The service registers RPC
-// programs; an RPC program is a numbered set of procedures.
+// Our stand-in for the vendor's IPC library, the service's side.
 //
-// Each RPC program has a listening socket and one thread, which serves this socket and all callers.
-// So calls to one RPC program never overlap. The thread never waits for a particular caller, so a
-// silent caller does not delay the others. The thread answers an invalid call with an error status.
-// If a procedure throws an exception, the process ends.
+// One thread per program polls its listening socket and all callers, so calls to it never overlap,
+// and a silent caller delays nobody. An invalid call is answered with an error status; a procedure
+// that throws ends the process.
 #include "ipc/ambaipc.h"
 #include "base/mutex.h"
 
@@ -32,9 +30,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr size_t MAX_PROGRAMS =
-    32;  // different RPC programs that a process may ever register; guilinkd has 2
-constexpr size_t MAX_CALLERS = 64;    // connections per RPC program; one more closes the oldest
+constexpr size_t MAX_PROGRAMS = 32;   // that a process may ever register; guilinkd has 2
+constexpr size_t MAX_CALLERS = 64;    // connections per program; one more closes the oldest
 constexpr size_t PADDING = 64;        // zero bytes after the argument, to terminate a text
 constexpr auto ACCEPT_RETRY = 100ms;  // wait before the next accept when out of descriptors
 
@@ -47,8 +44,8 @@ struct Slot {
     std::atomic<int> listener{FREE};  // the listening socket, FREE or LEAVING
 };
 
-// These variables are constant-initialised and never destroyed. At exit, the RPC programs' threads
-// still run, and the signal handler that called `exit` may have interrupted any code.
+// Constant-initialised and never destroyed, because at exit the programs' threads still run, and
+// the signal handler that called `exit` may have interrupted any code.
 constinit std::array<Slot, MAX_PROGRAMS> slots;
 constinit std::atomic<size_t> slots_used{0};
 constinit Mutex register_mutex;  // locked by ambaipc_svc_register only
@@ -57,8 +54,7 @@ uint64_t key_of(uint32_t program, uint32_t version) {
     return uint64_t{program} << 32 | version;
 }
 
-// Writes the line by one system call, so that lines of different threads do not mix, and nothing is
-// left to flush at exit.
+// One system call, so that lines never mix and exit has nothing to flush.
 __attribute__((format(printf, 1, 2))) void print_line(const char* format, ...) {
     char line[256];
     va_list arguments;
@@ -82,9 +78,8 @@ class Program {
         m_polled.push_back({m_listener, POLLIN, 0});
         for (;;) {
             if (poll(m_polled.data(), m_polled.size(), -1) < 0) continue;  // interrupted
-            // Do not stop before POLLHUP, even if the slot is LEAVING already:
-            // ambaipc_svc_unregister sets LEAVING first and then calls `shutdown` on the listening
-            // socket, so the socket must still be open then.
+            // Not as soon as the slot is LEAVING, because ambaipc_svc_unregister then still needs
+            // the socket for its `shutdown`.
             if (m_polled[0].revents & POLLHUP) break;
             for (size_t i = 1; i < m_polled.size(); ++i)
                 if (m_polled[i].revents && !answer_call(m_polled[i].fd)) drop(i);
@@ -167,8 +162,7 @@ Slot* find_slot(uint64_t key) {
     return nullptr;
 }
 
-// Returns the slot for an RPC program. Throws std::runtime_error if this program is still
-// registered or no slot is free.
+// Throws std::runtime_error if the program is still registered or no slot is free.
 Slot& free_slot(uint64_t key) {
     if (Slot* known = find_slot(key)) {
         const int listener = known->listener.load(std::memory_order_acquire);
@@ -228,8 +222,8 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
     }
 }
 
-// May run in a signal handler, so it uses only atomics and `shutdown`. From now on, the RPC program
-// refuses calls. After `shutdown`, the program's thread gets POLLHUP and closes the sockets.
+// May run in a signal handler, so it uses only atomics and `shutdown`. From now on, calls are
+// refused; the program's thread gets POLLHUP and closes the sockets.
 int ambaipc_svc_unregister(uint32_t program, uint32_t version) {
     if (Slot* slot = find_slot(key_of(program, version))) {
         int listener = slot->listener.load(std::memory_order_acquire);

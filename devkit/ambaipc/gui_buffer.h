@@ -1,5 +1,4 @@
-// The calls from the real-time core to the service. The service has two RPC programs: one receives
-// the address of each new frame, the other one receives a new identity.
+// The core's calls to the service: one program takes each new frame, the other a new identity.
 #pragma once
 
 #include <array>
@@ -12,8 +11,8 @@ inline constexpr uint32_t QR_BODY_PROGRAM = 0x70000005;  // argument: zero-termi
 inline constexpr uint32_t GUI_SERVICE_VERSION = 1;
 inline constexpr uint32_t ONLY_PROCEDURE = 0;  // each RPC program has one procedure
 
-// Returns the argument of the call that announces a frame. It consists of the frame's physical
-// address (at offset 0) and the frame's size in bytes (at offset 8), both little-endian.
+// Announces a frame: its physical address (at offset 0) and its size in bytes (at offset 8), both
+// little-endian.
 inline std::array<unsigned char, 12> gui_buffer_argument(uint64_t address, uint32_t size) {
     std::array<unsigned char, 12> argument;
     for (size_t i = 0; i < 8; ++i) argument[i] = static_cast<unsigned char>(address >> (8 * i));

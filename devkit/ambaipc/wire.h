@@ -1,8 +1,6 @@
-// The protocol between callers and the service in our IPC library. Each RPC program (a numbered set
-// of procedures) has an abstract Unix socket of type SOCK_SEQPACKET. One message carries a call,
-// another one the answer. The socket's name belongs to the network namespace, so a caller in
-// another namespace cannot reach the socket. Caller and service run on one machine, so integers are
-// in the byte order of that machine.
+// The protocol between callers and the service in our IPC library. Each program has an abstract
+// Unix socket (SOCK_SEQPACKET), which its network namespace keeps to itself. One message carries a
+// call, another one the answer, in the machine's byte order.
 //
 //   call    record, procedure number, 4 zero bytes, argument (0 to MAX_ARGUMENT bytes)
 //   answer  record, status, 4 zero bytes
@@ -52,8 +50,7 @@ struct ProgramAddress {
 
     ProgramAddress(uint32_t program, uint32_t version) {
         address.sun_family = AF_UNIX;
-        // A leading zero byte makes the name abstract. The end of an abstract name is given by
-        // `length`, not by a terminating zero.
+        // A leading zero makes the name abstract; `length` is its end, not a terminating zero.
         const int name = std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1,
                                        "ambaipc/%08x/%u", program, version);
         length =

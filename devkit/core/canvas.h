@@ -1,5 +1,4 @@
-// A cairo surface with functions for the few shapes that the simulated GUI needs. `read` converts
-// its pixels to the device's format.
+// A cairo surface for the few shapes that the simulated GUI needs.
 #pragma once
 
 #include <cairo.h>
@@ -23,8 +22,7 @@ enum class Align { left, centre, right };
 
 class Canvas {
   public:
-    // `width` and `height` are in pixels. The drawing functions scale: their coordinates are always
-    // those of a 1280 x 960 screen.
+    // Size in pixels. The coordinates of drawing are always those of a 1280 x 960 screen.
     Canvas(uint16_t width, uint16_t height);
 
     uint16_t width() const { return m_width; }
@@ -40,8 +38,7 @@ class Canvas {
     void text(double x, double y, double size, const std::string& text, const Colour& colour,
               Align align = Align::left, bool bold = false);
 
-    // Copies all width x height pixels of the canvas into `pixels`, row by row, as ARGB 4:4:4:4,
-    // not premultiplied.
+    // Copies all pixels, row by row, as ARGB 4:4:4:4, not premultiplied.
     void read(std::span<uint16_t> pixels) const;
 
   private:

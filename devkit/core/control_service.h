@@ -15,7 +15,7 @@ class ControlService {
     // Throws std::runtime_error when it cannot bind the port.
     ControlService();
 
-    // The descriptor is readable when a command has arrived.
+    // Readable when a command has arrived.
     int descriptor() const { return m_socket.descriptor(); }
 
     // Returns the next button, or nothing when no valid command has arrived. Reports invalid

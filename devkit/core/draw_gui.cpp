@@ -9,8 +9,8 @@ namespace guilink {
 
 namespace {
 
-// Converts a colour channel's level from 0 to 15 into a value from 0 to 1. The link carries 4 bits
-// per channel, so a companion receives exactly these colours.
+// Converts a level of 0 to 15, as the link carries it, so a companion receives exactly these
+// colours.
 constexpr double step(int level) {
     return level / 15.0;
 }

@@ -10,7 +10,7 @@
 
 namespace guilink {
 
-// The time of a frame. All motion depends only on this time, so equal moments give equal frames.
+// The time of a frame, on which all motion depends: equal moments give equal frames.
 struct Moment {
     uint64_t frame = 0;
     double seconds = 0;

@@ -23,8 +23,7 @@ inline const std::map<std::string, Fault> FAULTS = {{"ignore", Fault::ignore},
                                                     {"late", Fault::late},
                                                     {"lost", Fault::lost}};
 
-// Changes a screen's pixels if the fault is `row` or `colour`. `width` is the screen's width in
-// pixels.
+// Changes a screen of this width, in pixels, if the fault is `row` or `colour`.
 void spoil(Fault fault, std::span<uint16_t> pixels, size_t width);
 
 }  // namespace guilink

@@ -50,8 +50,7 @@ uint64_t take_addresses(int file, uint64_t length) {
 
 }  // namespace
 
-// Leaves an unused page after each buffer, because the service maps one page more than the buffer's
-// size.
+// Leaves a page after each buffer unused, because the service maps one page more.
 FrameMemory::FrameMemory(uint32_t size)
     : m_size(size),
       m_stride((size + PAGE - 1) / PAGE * PAGE + PAGE),

@@ -1,9 +1,9 @@
 // The simulated core's frame buffers, in simulated physical memory: the regular file that the
 // sandbox puts at /dev/mem.
 //
-// The service maps an address once and never changes the size of the mapping. So every FrameMemory
-// gets addresses that no core has used before. The file's first 8 bytes hold the first unused
-// address. Destroying a FrameMemory frees the memory of its buffers, but not their addresses.
+// The service never maps an address anew, so every FrameMemory gets addresses that no core has used
+// before: the file's first 8 bytes hold the first unused one. Destroying a FrameMemory frees its
+// memory, but not its addresses.
 #pragma once
 
 #include <cstddef>

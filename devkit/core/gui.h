@@ -1,6 +1,5 @@
-// The state of the simulated device's GUI, and how the buttons change this state. The GUI is a menu
-// of pages: settings, a list, and information about the device. Every button changes something
-// visible. draw_gui.h draws the GUI.
+// The state of the simulated GUI, a menu of pages, and how the buttons change it. Every button
+// changes something visible. draw_gui.h draws it.
 #pragma once
 
 #include <optional>

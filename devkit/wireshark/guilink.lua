@@ -234,10 +234,8 @@ local function add_garbage(bytes, tree)
     branch:add_proto_expert_info(experts.garbage)
 end
 
--- Searches for a start sequence at or after the position `from`. Returns
--- - the position of the first complete start sequence, and true;
--- - if there is none: the position of an incomplete start sequence at the end of the data, and false;
--- - if there is none either: the length of the data, and false.
+-- Returns the position of the first start sequence at or after `from`, and true; otherwise that of an incomplete one at
+-- the end of the data, or the length of the data, and false.
 local function find_start(data, from)
     local at = data:find(START, from + 1, true)
     if at then return at - 1, true end
@@ -247,8 +245,7 @@ local function find_start(data, from)
     return #data, false
 end
 
--- Dissects a part of the link's TCP stream. The stream consists of frames, but a TCP segment may end in the middle
--- of a frame. Marks bytes that belong to no frame.
+-- Dissects a part of the link's TCP stream, which may end in the middle of a frame. Marks bytes that belong to no frame.
 local function dissect_stream(tvb, pinfo, tree)
     local from_device = pinfo.dst_port == LINK_PORT
     pinfo.cols.protocol = "Guilink"
