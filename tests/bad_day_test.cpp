@@ -138,18 +138,6 @@ TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
     }
 }
 
-TEST_F(BadDay, SlowNetworkCarriesTheNewestImagesAndEachPress) {
-    run("tc qdisc add dev guilink0 root tbf rate 10mbit burst 32kb latency 50ms");
-    {
-        const Frames at_60_per_second(16ms);
-        GoodCompanion good(m_far);
-        EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
-        for (const uint8_t button : std::array<uint8_t, 3>{4, 5, 6}) good.press(button);
-        EXPECT_TRUE(m_daemon->wait_for_output("BUTTON 4\nBUTTON 5\nBUTTON 6\n"));
-    }
-    run("tc qdisc delete dev guilink0 root");
-}
-
 TEST_F(BadDay, CoreCallsAtFullSpeedFromTheFirstInstant) {
     m_daemon.reset();
     const Frames at_full_speed;

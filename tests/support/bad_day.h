@@ -34,7 +34,7 @@ class BadDay : public testing::Test {
     // Links the good companion, and waits until the service's use of resources is stable. m_before
     // then contains this use.
     void SetUp() override {
-        Frames::draw_busy_pictures();
+        Frames::draw_pictures();
         GoodCompanion good(m_far);
         ASSERT_TRUE(wait_until([&] {
             good.press(1);  // the first press makes the service open a socket, which it keeps

@@ -66,12 +66,12 @@ class Frames {
         m_thread.join();
     }
 
-    // Draws pictures that are about 800 kB each when encoded. A blank picture is only a few bytes.
-    static void draw_busy_pictures() {
+    // Draws pictures of `runs` runs of one pixel, 4 bytes each when encoded. The rest is blank.
+    static void draw_pictures(size_t runs = 200'000) {
         std::fstream memory("/dev/mem", std::ios::in | std::ios::out | std::ios::binary);
         std::vector<uint16_t> pixels(200'000);
         for (uint64_t i = 0; i < 3; ++i) {
-            for (size_t k = 0; k < pixels.size(); ++k) {
+            for (size_t k = 0; k < runs; ++k) {
                 pixels[k] = static_cast<uint16_t>(0x1000 + (k * 7 + i) % 0xE000);
             }
             memory.seekp(static_cast<std::streamoff>(FRAME_MEMORY + i * FRAME_STEP));

@@ -19,9 +19,12 @@ inline void run(const std::string& command) {
     if (std::system(command.c_str()) != 0) throw std::runtime_error(command + " has failed");
 }
 
-// A host in a network namespace of its own. A veth pair connects it to the device's namespace.
+// A host in a network namespace of its own.
 class FarHost {
   public:
+    // Takes ownership of a descriptor of the host's namespace.
+    explicit FarHost(int far) : m_near(open_namespace()), m_far(far) {}
+    // Makes a namespace, and connects it to the device's namespace by a veth pair.
     FarHost() : m_near(open_namespace()) {
         unshare(CLONE_NEWNET);
         m_far = open_namespace();
