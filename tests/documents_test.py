@@ -37,6 +37,9 @@ def unsupported(readme):
     figures = re.findall(r"^\| \*\*.*\|$", readme, re.M)
     if not figures:
         yield "no figures"
+    attacks = re.search(r"^## Attacks and faults$.*?(?=^## )", "\n".join(rows), re.S | re.M).group()
+    if f"each of {len(re.findall(r' s [|]$', attacks, re.M))} attacks and faults" not in readme:
+        yield "another number of attacks than reliability.md lists"
     for figure in figures:
         if not any(re.fullmatch(re.escape(figure) + " `.+` \\|", row) for row in rows):
             yield f"neither performance.md nor reliability.md has this figure, with a command: {figure}"
