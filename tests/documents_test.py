@@ -34,6 +34,9 @@ def unsupported(readme):
     """Yields each figure of the README that no row of the two documents repeats together with a command."""
     rows = [line for name in ("performance", "reliability")
             for line in (ROOT / f"docs/{name}.md").read_text("utf-8").splitlines()]
+    lines = (ROOT / "docs/examples/minimal_companion.py").read_text("utf-8").split("\n")
+    if f"[{len([line for line in lines if line.strip()])} lines of Python]" not in readme:
+        yield "another number of lines than minimal_companion.py has"
     figures = re.findall(r"^\| \*\*.*\|$", readme, re.M)
     if not figures:
         yield "no figures"
