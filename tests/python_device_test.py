@@ -1,6 +1,8 @@
 """Tests the API that the Python package offers to scripts, with a simulated link whose pictures each test chooses."""
 import json
 import re
+import subprocess
+import sys
 import threading
 from pathlib import Path
 from unittest.mock import Mock
@@ -28,9 +30,9 @@ class ScriptedPictures(Pictures):
     script = ()
 
     def newer(self, than, deadline):
-        if self.number <= than and self.script:
+        if self.number <= max(than, self.ended) and self.script:
             self.add(self.script.pop(0))
-        return self._recent[-1] if self.number > than else None
+        return self._recent[-1] if self.number > max(than, self.ended) else None
 
 
 class ScriptedLink:
@@ -77,13 +79,13 @@ def test_pictures_from_before_a_press_do_not_count(link, device):
     link.on_press = lambda _: ([picture(9)], [picture(9), picture(3)])
     device.press("down")
     link.pictures.script.pop(0)
-    assert device.screen == guilink.Screen(picture(3))
+    assert device.screen() == guilink.Screen(picture(3))
     assert link.pressed == [1]
 
 
 def test_no_change_is_believed_only_after_what_was_under_way(link, device):
     link.show(picture(9))
-    device.screen
+    device.screen()
     link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(3)] * 2)
     device.press("down")
     with pytest.raises(guilink.WaitTimeoutError, match="did not become the reference"):
@@ -103,7 +105,7 @@ def test_waits_look_at_a_region_without_its_mask(link, device):
     link.pictures.add(b"damaged")
     link.show(picture(3), clock)
     device.wait_for(TARGET, mask=[(0, 0, 10, 1)])
-    assert device.screen == guilink.Screen(clock)
+    assert device.screen() == guilink.Screen(clock)
     for reference in (TARGET, TARGET.crop((5, 1, 30, 40))):
         device.wait_for(reference, region=(5, 1, 30, 40))
     device.wait_for(TARGET, region=(0, 0, 40, 9), mask=[(2, 0, 9, 1), (0, 0, 2, 1)])
@@ -119,9 +121,22 @@ def test_waits_look_at_a_region_without_its_mask(link, device):
         device.wait_for(guilink.Screen(TARGET.pixels.T))
 
 
+def test_pictures_of_an_ended_link_do_not_count(link, device):
+    link.show(picture(9))
+    assert device.wait_for(TARGET) == TARGET
+    link.pictures.link_ended()
+    for wait in (lambda: device.wait_for(TARGET), device.wait_stable, lambda: device.press_until("down", TARGET),
+                 device.screen):
+        with pytest.raises((guilink.WaitTimeoutError, LinkError), match="no link|no picture|0 have|none has"):
+            wait()
+    assert device.last_screen() == TARGET and link.pressed == []
+    link.show(picture(9))
+    assert device.wait_for(TARGET) == TARGET
+
+
 def test_failure_leaves_evidence_and_says_what_to_look_at(link, device):
     link.show(picture(3))
-    device.screen
+    device.screen()
     link.on_press = lambda _: ([], [picture(3)] * 4)
     device.press("Zoom in")
     with pytest.raises(guilink.WaitTimeoutError) as failure:
@@ -164,7 +179,7 @@ def test_press_until_does_not_overrun_a_slow_device(link, device):
 
     link.on_press = lambda _: ([], [picture(9)] * 3 + [picture(5)])
     device.press("right")
-    assert device.screen == guilink.Screen(picture(5))
+    assert device.screen() == guilink.Screen(picture(5))
     link.on_press = lambda _: ([], [picture(5)] * 3 + [picture(9)])
     device.press("right")
     assert device.press_until("right", TARGET) == TARGET and link.pressed == [3] * 4  # no superfluous press
@@ -203,7 +218,7 @@ def test_buttons_have_names_and_numbers(link, device, tmp_path):
 
 def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_path, monkeypatch):
     link.show(*map(picture, (1, 2, 2)))
-    device.screen
+    device.screen()
     monkeypatch.setenv("PATH", "")
     with pytest.warns(UserWarning, match="ffmpeg is not installed"):
         recording = device.record(tmp_path / "run.mp4")
@@ -231,3 +246,5 @@ def test_imports_only_go_down():
         name = path.relative_to(folder).parts[0].removesuffix(".py")
         for module in re.findall(r"^\s*(?:from|import) guilink\.?(\w*)", path.read_text(), re.MULTILINE):
             assert LAYERS.index(module or "__init__") <= LAYERS.index(name), f"{path} imports {module}"
+    kit = "import sys, guilink.cli; sys.exit(any('guilink.conform' in name for name in sys.modules))"
+    subprocess.run([sys.executable, "-c", kit], check=True)

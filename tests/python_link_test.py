@@ -212,6 +212,16 @@ def test_takes_none_of_several_unless_one_is_chosen(device, second_address):
         other.link()  # `device` no longer broadcasts, so the companion links to `other`
 
 
+def test_two_interfaces_in_one_network_make_no_device_the_only_one(device, second_address):
+    """Over two interfaces, each broadcast arrives twice."""
+    with closing(Companion()) as link, FakeDevice("22222", address="10.77.0.2") as other:
+        for each in (device, device, other, other):
+            each.call()
+        with pytest.raises(SeveralDevicesError):
+            link.wait_linked(soon())
+        assert not device.answered(0) and not other.answered(0)
+
+
 def test_follows_a_device_that_restarts_without_a_farewell(link, device):
     device.link().show(BLACK)
     assert link.pictures.newer(0, soon())

@@ -26,6 +26,8 @@ __all__ = ["Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError"
            "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevicesError", "WaitTimeoutError",
            "connect", "devices"]
 
+__version__ = "0.1.0"
+
 LINK_TIMEOUT = 30.0     # s; how long `connect` waits for a link by default
 PROGRESS_INTERVAL = 1.0  # s between two calls of `progress`
 

@@ -1,6 +1,7 @@
 """The command line: `guilink devices | snapshot | press | wait | record | shell | conform | doctor`.
 
 Exit status 0: done. 1: no device, or the device did not show what was expected. 2: a mistake in the command.
+128 + N: ended by signal N. The arguments of a command are checked before it connects.
 """
 from __future__ import annotations
 
@@ -8,19 +9,28 @@ import argparse
 import code
 import json
 import os
+import readline
+import rlcompleter
+import signal
 import sys
 import threading
 import time
 from contextlib import contextmanager
-from typing import Any, Iterator, Sequence
+from types import FrameType
+from typing import Any, Callable, Iterator, Sequence
 
 import guilink
 from guilink import doctor
 from guilink.device import TIMEOUT
+from guilink.expect import Expectation, View
+from guilink.film import can_save, check_writable
+
+Result = tuple[dict[str, Any], str]  # as JSON, and as text; "status" in the JSON is the exit status
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
     arguments = sys.argv[1:] if arguments is None else arguments
+    signal.signal(signal.SIGTERM, interrupt)  # so that a recording is saved
     options = parser(arguments[0] if arguments else "").parse_args(arguments)
     try:
         result, text = options.run(options)
@@ -36,8 +46,13 @@ def main(arguments: Sequence[str] | None = None) -> int:
         folder = getattr(error, "folder", None)
         result = {"error": str(error)} | ({"artifacts": str(folder)} if folder else {})
         return report(options, result, f"guilink: {error}", 1)
-    except KeyboardInterrupt:
-        return report(options, {"error": "interrupted"}, "guilink: interrupted", 1)
+    except KeyboardInterrupt as error:
+        number = error.args[0] if error.args else signal.SIGINT
+        return report(options, {"error": "interrupted"}, "guilink: interrupted", 128 + number)
+
+
+def interrupt(number: int, _: FrameType | None) -> None:
+    raise KeyboardInterrupt(number)
 
 
 def report(options: argparse.Namespace, result: dict[str, Any], text: str, status: int) -> int:
@@ -56,9 +71,9 @@ def parser(chosen: str = "") -> argparse.ArgumentParser:
     linked.add_argument("--device", metavar="ID", help="identity or address of the device")
     linked.add_argument("--viewer", metavar="URL",
                         help="share the link of a running viewer, such as http://127.0.0.1:8080")
-    linked.add_argument("--link-timeout", metavar="S", type=float, default=guilink.LINK_TIMEOUT,
+    linked.add_argument("--link-timeout", metavar="S", type=seconds, default=guilink.LINK_TIMEOUT,
                         help="seconds to wait for the device (default %(default)g)")
-    linked.add_argument("--timeout", metavar="S", type=float, default=TIMEOUT,
+    linked.add_argument("--timeout", metavar="S", type=seconds, default=TIMEOUT,
                         help="seconds to wait for a picture (default %(default)g)")
     linked.add_argument("--labels", metavar="FILE", help="names of the buttons, as for the viewer")
     linked.add_argument("--artifacts", metavar="FOLDER", default="guilink-artifacts",
@@ -67,19 +82,21 @@ def parser(chosen: str = "") -> argparse.ArgumentParser:
     viewed.add_argument("--region", metavar="X,Y,W,H", type=box, help="compare only this part of the screen")
     viewed.add_argument("--mask", metavar="X,Y,W,H", type=box, action="append", default=[],
                         help="ignore this part of the screen; may be repeated")
-    viewed.add_argument("--tolerance", metavar="N", type=int, default=0,
+    viewed.add_argument("--tolerance", metavar="N", type=int, default=0, choices=range(16),
                         help="difference of a channel that is ignored, 0 to 15")
 
     whole = argparse.ArgumentParser(prog="guilink", description="Controls a device's GUI.")
+    whole.add_argument("--version", action="version", version=f"guilink {guilink.__version__}")
     commands = whole.add_subparsers(required=True, metavar="COMMAND")
 
-    def add(run: Any, name: str, text: str, *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
+    def add(run: Callable[[argparse.Namespace], Result] | None, name: str, text: str,
+            *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
         command = commands.add_parser(name, help=text, description=text, parents=list(parents))
         command.set_defaults(run=run)
         return command
 
     add(list_devices, "devices", "List the devices that search for a companion.", common).add_argument(
-        "--seconds", metavar="S", type=float, default=3.0, help="how long to listen (default 3)")
+        "--seconds", metavar="S", type=seconds, default=3.0, help="how long to listen (default 3)")
     add(snapshot, "snapshot", "Save what the device shows.", linked).add_argument("file", metavar="FILE.png")
     add(press, "press", "Press buttons, one after the other.", linked).add_argument(
         "buttons", metavar="BUTTON", nargs="+", help="a name, or a number from 0 to 15")
@@ -87,7 +104,7 @@ def parser(chosen: str = "") -> argparse.ArgumentParser:
     wait.add_argument("reference", metavar="FILE.png", nargs="?", help="without it: wait until the screen is still")
     film = add(record, "record", "Record a video, until Ctrl-C.", linked)
     film.add_argument("file", metavar="FILE.mp4", help="without ffmpeg: FILE.png or FILE.gif")
-    film.add_argument("--seconds", metavar="S", type=float, help="end after this many seconds")
+    film.add_argument("--seconds", metavar="S", type=seconds, help="end after this many seconds")
     add(shell, "shell", "Start Python, with the device as `device`.", linked)
     doctor.add_options(add(None, "doctor", "Find out why there is no picture."))
     kit = add(None, "conform", "Test a companion or a device against the rules of the link.")
@@ -101,6 +118,12 @@ def parser(chosen: str = "") -> argparse.ArgumentParser:
 def box(text: str) -> guilink.Box:
     x, y, width, height = (int(part) for part in text.split(","))
     return x, y, width, height
+
+
+def seconds(text: str) -> float:
+    if not 0 <= (value := float(text)) < threading.TIMEOUT_MAX:
+        raise ValueError
+    return value
 
 
 def progress(text: str) -> None:
@@ -124,7 +147,7 @@ def slow(text: str) -> Iterator[None]:
         timer.cancel()
 
 
-def list_devices(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+def list_devices(options: argparse.Namespace) -> Result:
     if options.seconds > 1:
         progress(f"listening for {options.seconds:g} s")
     heard = guilink.devices(options.seconds)
@@ -134,36 +157,41 @@ def list_devices(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     return {"devices": result}, "\n".join(map(str, heard)) or "no device searches for a companion"
 
 
-def snapshot(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+def snapshot(options: argparse.Namespace) -> Result:
+    check_writable(options.file, [".png"])
     with connect(options) as device:
-        screen = device.screen
+        screen = device.screen()
         screen.save(options.file)
         return ({"device": device.identity, "file": options.file, "size": [screen.width, screen.height]},
                 f"{options.file}: {screen.width} x {screen.height}, device {device.identity}")
 
 
-def press(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+def press(options: argparse.Namespace) -> Result:
+    buttons = guilink.Buttons.load(options.labels) if options.labels else guilink.Buttons()
+    numbers = [buttons.number(button) for button in options.buttons]
     with connect(options) as device:
-        numbers = [device.buttons.number(button) for button in options.buttons]
         for number in numbers:
             device.press(number)
         return {"device": device.identity, "pressed": numbers}, ""
 
 
-def wait_for(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
-    view = {"region": options.region, "mask": options.mask, "tolerance": options.tolerance}
+def wait_for(options: argparse.Namespace) -> Result:
+    view = View(options.region, options.mask, options.tolerance)
+    reference = Expectation(options.reference, view).reference if options.reference else None
+    selection = {"region": options.region, "mask": options.mask, "tolerance": options.tolerance}
     with connect(options) as device:
         started = time.monotonic()
         with slow(f"waiting for {options.reference or 'a still screen'}"):
-            if options.reference:
-                device.wait_for(options.reference, **view)
+            if reference:
+                device.wait_for(reference, name=options.reference, **selection)
             else:
-                device.wait_stable(**view)
+                device.wait_stable(**selection)
         seconds = round(time.monotonic() - started, 3)
         return {"device": device.identity, "seconds": seconds}, f"after {seconds:g} s"
 
 
-def record(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+def record(options: argparse.Namespace) -> Result:
+    can_save(options.file)
     with connect(options) as device:
         recording = device.record(options.file)
         try:
@@ -176,9 +204,12 @@ def record(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
         return {"device": device.identity, "file": path}, path
 
 
-def shell(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+def shell(options: argparse.Namespace) -> Result:
     with connect(options) as device:
+        names = {"device": device, "guilink": guilink}
+        readline.set_completer(rlcompleter.Completer(names).complete)
+        readline.parse_and_bind("tab: complete")
         banner = (f"device {device.identity} at {device.address}; try device.press('down'), "
-                  "device.screen.save('x.png'), help(device)")
-        code.interact(banner, local={"device": device, "guilink": guilink}, exitmsg="")
+                  "device.screen().save('x.png'), help(device)")
+        code.interact(banner, local=names, exitmsg="")
         return {"device": device.identity}, ""

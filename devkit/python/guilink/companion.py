@@ -45,7 +45,7 @@ class Companion:
     """Implements `guilink.link.Link` with a link that only the calling program uses.
 
     `device` is the identity or the address of the wanted device; the companion then answers no other device. Without
-    `device`, the companion answers the first device that broadcasts twice while no other device broadcasts.
+    `device`, the companion answers a device once no other device has broadcast for long enough.
     """
 
     def __init__(self, device: str | None = None):
@@ -145,7 +145,7 @@ class Companion:
                     f"connected; is TCP port {LINK_PORT} open in this machine's firewall?")
         if heard := self._discovery.devices():
             if not self._device:
-                return f"no link: waiting for {heard[0]} to call again"
+                return f"no link: listening whether other devices than {heard[0]} broadcast"
             return f"no link: there is no {wanted}; heard: {'; '.join(map(str, heard))}"
         return (f"no link: no {wanted} calls; is it on, in this network, without another companion, and is "
                 "UDP port 3152 open in this machine's firewall?")
@@ -229,10 +229,10 @@ class Companion:
             return True  # the most recently linked device; its identity or its address may have changed
         if self._device or self._linked_to:
             return self._device in names
-        self._rivals = (broadcast.device, *broadcast.between) if broadcast.between else ()
+        self._rivals = (broadcast.device, *broadcast.rivals) if broadcast.rivals else ()
         if self._rivals:
             self._changed.notify_all()
-        return broadcast.again and not broadcast.between
+        return broadcast.alone
 
     def _accept(self) -> None:
         """Accepts one connection from an answered device. Closes connections from other hosts. While there is a link,
@@ -327,5 +327,6 @@ class Companion:
         with self._changed:
             for order in self._orders:
                 order.lost = bool(order.request) and not order.done
+            self.pictures.link_ended()
             self._status = LinkStatus()
             self._changed.notify_all()

@@ -78,17 +78,20 @@ class Device:
 
     @property
     def firmware(self) -> str:
+        """The version of the device's firmware; empty while there is no link."""
         return self._link.status().firmware
 
     @property
     def address(self) -> str:
+        """The device's IPv4 address; empty while there is no link."""
         return self._link.status().address
 
     @property
     def linked(self) -> bool:
+        """Whether there is a link to the device."""
         return self._link.status().linked
 
-    def heard(self) -> list[HeardDevice]:
+    def devices(self) -> list[HeardDevice]:
         """Returns all devices whose broadcasts this script has received. The newest broadcast comes first."""
         return self._link.devices()
 
@@ -124,11 +127,15 @@ class Device:
 
     # --- look --------------------------------------------------------------------------------------
 
-    @property
-    def screen(self) -> Screen:
-        """The first screen that was certainly drawn after the last press. If there is none before the time-out, the
-        newest screen."""
-        return self._news(View(), self._end(None))
+    def screen(self, timeout: float | None = None) -> Screen:
+        """Waits for a screen that was certainly drawn after the last press, and returns it. If there is none before the
+        time-out, returns the newest screen of this link. Raises LinkError if no screen has arrived on this link."""
+        return self._news(View(), self._end(timeout))
+
+    def last_screen(self) -> Screen | None:
+        """Returns the newest screen at once, even if it is old or the link has ended. None if no screen has arrived."""
+        screens = (self._decode(picture.payload) for picture in reversed(self._link.pictures.recent()))
+        return next(filter(None, screens), None)
 
     def wait_for(self, what: Reference, *, region: Box | None = None, mask: Mask = (),
                  tolerance: int = 0, timeout: float | None = None, name: str | None = None) -> Screen:
@@ -150,7 +157,7 @@ class Device:
             no_news &= met
             if met and (number > self._after + UNDER_WAY or not no_news):
                 return screen
-        if met:  # the last screen before the time-out was as expected
+        if met and number > self._link.pictures.ended:  # the last screen before the time-out was as expected
             return screen
         self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
                    start, expectation, last)
@@ -242,9 +249,9 @@ class Device:
         press.confirmed = True
 
     def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
-        """Yields the screens that arrive after the confirmation of the last press, with their numbers, until `end`. If
-        several screens arrive while the caller is busy, yields only the newest of them. Equal consecutive pictures give
-        the same Screen object."""
+        """Yields the screens that arrive on this link, after the confirmation of the last press, with their numbers,
+        until `end`. If several screens arrive while the caller is busy, yields only the newest of them. Equal
+        consecutive pictures give the same Screen object."""
         number = self._after
         while picture := self._link.pictures.newer(number, end):
             number = picture.number
@@ -256,12 +263,12 @@ class Device:
     def _news(self, view: View, end: float) -> Screen:
         """Returns the first screen that was certainly drawn after the last press. If there is none by `end`, returns
         the newest screen."""
-        before, screen = self._screen_at_press(), None
+        before, screen, number = self._screen_at_press(), None, 0
         for number, screen in self._screens(end):
             if (before is None or number > self._after + UNDER_WAY
                     or view.diff(view.of(before), view.of(screen))):
                 break
-        if screen is None:
+        if screen is None or number <= self._link.pictures.ended:
             raise LinkError(f"no picture in time: {self._pictures_since(0)}")
         return screen
 

@@ -17,6 +17,7 @@ MAX_AT_ONCE = 64       # number of datagrams per call of `receive`; a flood must
 MAX_HEARD = 64         # number of devices that are remembered; forged broadcasts must not fill the memory
 MAX_DATAGRAM = 2048    # bytes; limit of one datagram
 INTERVAL = 1.5         # s; a searching device broadcasts again within this time
+GONE = 2 * INTERVAL    # s; a device that has not broadcast for this long has stopped searching
 ANSWER = frame(MessageType.CONNECT_REQUEST)
 
 Sender = tuple[str, int]
@@ -27,8 +28,8 @@ class Broadcast(NamedTuple):
 
     device: HeardDevice
     sender: Sender
-    again: bool               # the device has broadcast before
-    between: tuple[HeardDevice, ...]  # the other devices that have broadcast since this device's previous broadcast
+    rivals: tuple[HeardDevice, ...]  # the other devices that search, too
+    alone: bool  # it is the only device that searches; any other would have broadcast by now
 
 
 class Discovery:
@@ -36,6 +37,7 @@ class Discovery:
 
     def __init__(self) -> None:
         self._heard: dict[tuple[str, str], HeardDevice] = {}  # by identity and address; ordered by last broadcast
+        self._searching_since: dict[tuple[str, str], float] = {}  # for each device in _heard
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.setblocking(False)
         try:
@@ -71,15 +73,19 @@ class Discovery:
 
     def _note(self, device: HeardDevice, sender: Sender) -> Broadcast:
         key = device.identity, device.address
-        order = list(self._heard)
-        again = key in self._heard
-        between = order[order.index(key) + 1:] if again else []
-        broadcast = Broadcast(device, sender, again, tuple(self._heard[other] for other in between))
-        self._heard.pop(key, None)
+        before = self._heard.pop(key, None)
+        if before is None or device.heard > before.heard + GONE:
+            self._searching_since[key] = device.heard
+        # An old entry with this address is this device, before its identity changed.
+        rivals = tuple(other for other in self._heard.values()
+                       if other.address != device.address and other.heard > device.heard - GONE)
         self._heard[key] = device
         if len(self._heard) > MAX_HEARD:
-            del self._heard[order[0]]
-        return broadcast
+            oldest = next(iter(self._heard))
+            del self._heard[oldest], self._searching_since[oldest]
+        # Measure time instead of counting broadcasts: over two interfaces, each broadcast arrives twice.
+        return Broadcast(device, sender, rivals,
+                         not rivals and device.heard >= self._searching_since[key] + INTERVAL)
 
     def answer(self, sender: Sender) -> None:
         """Asks the device to connect."""

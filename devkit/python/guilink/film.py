@@ -25,6 +25,7 @@ ANIMATION_SCALE = 2     # an animation's pictures are smaller by this factor
 PRESS_SHOWN = 0.6       # s; how long the bar shows a press
 BAR = 40                # pixels; height of the bar below the screen
 ANIMATIONS = (".png", ".apng", ".gif")
+VIDEOS = (".mp4", ".mkv", ".mov", ".webm", ".avi")
 
 Progress = Callable[[str], None]
 
@@ -139,7 +140,20 @@ class Film:
 
 
 def can_save(path: str | os.PathLike[str]) -> bool:
+    """Whether a film can be written here. False if a video needs ffmpeg, which is not installed. Raises ValueError if
+    `path` can be no film."""
+    check_writable(path, (*ANIMATIONS, *VIDEOS))
     return os.path.splitext(path)[1].lower() in ANIMATIONS or shutil.which("ffmpeg") is not None
+
+
+def check_writable(path: str | os.PathLike[str], endings: Sequence[str]) -> None:
+    """Raises ValueError if `path` has none of the endings, or its folder cannot be written to."""
+    if os.path.splitext(path)[1].lower() not in endings:
+        raise ValueError(f"cannot write {os.fspath(path)}: its name must end in {' or '.join(endings)}")
+    folder = os.path.dirname(path) or "."
+    if not os.access(folder, os.W_OK) or os.path.isdir(path):
+        raise ValueError(f"cannot write {os.fspath(path)}: "
+                         + ("it is a folder" if os.path.isdir(path) else f"no folder {folder} that one may write to"))
 
 
 def _rgb(payload: bytes, scale: int) -> Image.Image | None:

@@ -90,12 +90,22 @@ class Pictures:
     _recent: deque[Picture] = field(default_factory=deque)
     _bytes: int = 0
     _number: int = 0
+    _ended: int = 0
     _listeners: list[Listener] = field(default_factory=list)
 
     @property
     def number(self) -> int:
         """The number of the newest picture, or 0 if no picture has arrived."""
         return self._number
+
+    @property
+    def ended(self) -> int:
+        """The number of the newest picture when a link last ended. Pictures up to this number may be out of date."""
+        return self._ended
+
+    def link_ended(self) -> None:
+        with self.condition:
+            self._ended = self._number
 
     def add(self, payload: bytes) -> None:
         with self.condition:
@@ -118,9 +128,10 @@ class Pictures:
             listener(picture)
 
     def newer(self, than: int, deadline: float) -> Picture | None:
-        """Waits for a picture with a number above `than`. Returns the newest one, or None at the deadline."""
+        """Waits for a picture of the present link with a number above `than`. Returns the newest one, or None at the
+        deadline."""
         with self.condition:
-            while self._number <= than:
+            while self._number <= max(than, self._ended):
                 if failure := self.failure():
                     raise failure
                 if not self.condition.wait(max(0.0, deadline - time.monotonic())):

@@ -7,6 +7,7 @@ with its pictures.
 """
 from __future__ import annotations
 
+import sys
 from pathlib import Path
 from typing import Iterator, Protocol
 
@@ -20,6 +21,7 @@ REFERENCES = "screens"  # folder of the reference pictures, beside the test
 UPDATE_PICTURES = 10  # number of equal consecutive pictures before `--guilink-update` saves a reference
 PROPERTY = "guilink-artifacts"  # property in the JUnit report: the folder in which a failed test saved pictures
 UPDATED = pytest.StashKey[list[Path]]()
+USED = pytest.StashKey[dict[Path, tuple[str, guilink.Screen]]]()  # the place that used a reference, and what it saw
 
 
 class AssertScreen(Protocol):
@@ -44,6 +46,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 def pytest_configure(config: pytest.Config) -> None:
     config.stash[UPDATED] = list[Path]()
+    config.stash[USED] = dict[Path, tuple[str, guilink.Screen]]()
 
 
 @pytest.fixture(scope="session")
@@ -79,6 +82,12 @@ def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> Ass
                                         pictures=UPDATE_PICTURES)
             view = View(region, mask, tolerance)
             part = view.of(screen)
+            caller = sys._getframe(1)
+            place = f"{caller.f_code.co_filename}:{caller.f_lineno} in {request.node.name}"
+            first, seen = request.config.stash[USED].setdefault(path, (place, part))
+            if view.diff(part, seen):
+                pytest.fail(f"{path.name} has two meanings: {place} sees another picture than {first}; "
+                            "give one of them another name", pytrace=False)
             if not path.exists() or not Expectation(path, view).met_by(part):
                 folder.mkdir(exist_ok=True)
                 part.save(path)

@@ -190,6 +190,7 @@ class Viewer:
     def _lose(self, why: str) -> None:
         with self._changed:
             self._away, self._state = why, {}
+            self.pictures.link_ended()
             for order in self._orders.values():
                 if order.sent and not order.done:
                     order.done = True
@@ -200,16 +201,24 @@ class Viewer:
     def _take(self, message: str | bytes) -> None:
         if isinstance(message, bytes):
             self.pictures.add(message)
+            self._end_old_pictures()
             return
         said = json.loads(message)
         with self._changed:
             if "state" in said:
                 self._away, self._state, self._state_time = "", said, time.monotonic()
+                self._end_old_pictures()
                 self._choose()
             elif order := self._orders.get(said.get("delivered", said.get("failed"))):
                 order.done, order.number = True, self.pictures.number
                 order.why_not = said.get("why", "")
             self._changed.notify_all()
+
+    def _end_old_pictures(self) -> None:
+        """While the viewer has no link, its pictures are those of the last link."""
+        with self._changed:
+            if self._state.get("state") != "linked":
+                self.pictures.link_ended()
 
     def _choose(self) -> None:
         """If the wanted device has broadcast, but is not linked, asks the viewer to link to it."""
