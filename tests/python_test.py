@@ -122,8 +122,9 @@ def test_wait_outlives_a_restart_and_ends_by_interrupt(tmp_path):
         start_service(BIN)
         device.wait_for(shown, region=PANEL, mask=MOVING)
 
-    for wait, words, number, status in ((["snapshot", "x.png", "--device", "22222"], "heard: 11111", signal.SIGINT, 130),
-                                        (["record", "run.gif"], "Ctrl-C", signal.SIGTERM, 0)):
+    for wait, words, number, status in (
+            (["snapshot", "x.png", "--device", "22222"], "heard: 11111", signal.SIGINT, 130),
+            (["record", "run.gif"], "Ctrl-C", signal.SIGTERM, 0)):
         with subprocess.Popen([sys.executable, "-m", "guilink", *wait], stderr=subprocess.PIPE, text=True,
                               cwd=tmp_path) as waiting:
             assert any(words in line for line in waiting.stderr)
