@@ -39,7 +39,7 @@ void known_loop() {
 #endif
 }
 
-void count_picture(const Picture& picture, const Words& pixels) {
+void count_picture(const BenchPicture& picture, const Words& pixels) {
     static Words words(ROOM);
     static std::vector<unsigned char> copy(picture.size());
     const std::string subject = picture.name + "/" + std::to_string(picture.width) + "x" +
@@ -64,7 +64,8 @@ int main() {
     count("nothing", 1, [] {});
     count("loop", 1, known_loop);
     for (const uint16_t width : {uint16_t{1280}, uint16_t{1024}}) {
-        for (const Picture& picture : draw_pictures(width, static_cast<uint16_t>(width * 3 / 4))) {
+        for (const BenchPicture& picture :
+             draw_pictures(width, static_cast<uint16_t>(width * 3 / 4))) {
             count_picture(picture, picture.pixels);
         }
     }

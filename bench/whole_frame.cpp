@@ -70,7 +70,7 @@ class DrainedConnection {
     std::thread m_drain;
 };
 
-void with_service_code(benchmark::State& state, const Picture& picture) {
+void with_service_code(benchmark::State& state, const BenchPicture& picture) {
     const DrainedConnection connection;
     Words front(picture.pixels.size());
     Words frame(HEADER_SIZE / 2 + 0x100000);
@@ -82,7 +82,7 @@ void with_service_code(benchmark::State& state, const Picture& picture) {
     }
 }
 
-void with_reference_code(benchmark::State& state, const Picture& picture) {
+void with_reference_code(benchmark::State& state, const BenchPicture& picture) {
     const DrainedConnection connection;
     Words front(picture.pixels.size());
     Words words(0x100000);
@@ -104,8 +104,8 @@ void with_reference_code(benchmark::State& state, const Picture& picture) {
 
 }  // namespace
 
-void measure_whole_frame(const std::vector<Picture>& pictures) {
-    for (const Picture& picture : pictures) {
+void measure_whole_frame(const std::vector<BenchPicture>& pictures) {
+    for (const BenchPicture& picture : pictures) {
         if (picture.name != "menu" && picture.name != "overlay") continue;
         const std::string subject = "frame-" + picture.name + "-" + std::to_string(picture.width);
         benchmark::RegisterBenchmark((subject + "/service").c_str(),
