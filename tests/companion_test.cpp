@@ -226,7 +226,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
 
     // The companion must stay with this device, although the device's identity changes.
     Socket device = connect_from("127.0.0.1");
-    device.write(frame(IdentityMessage, bytes("33333fw9")));
+    device.write(frame(IdentityMessage, bytes("33333fw9")) + frame(ImageMessage));
     EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
     device.reset();
     EXPECT_TRUE(wait_until([this] { return status().wanted == "33333"; }));

@@ -2,9 +2,7 @@
 // - The device drops everything that it reads together with a connect request. So the companion
 //   sends a second connect request and then an identity request, and waits for the identity.
 // - The device ignores a connect request that arrives before the connection is in the device's list
-//   of candidates. So the companion waits for an image, because only the link carries images. A
-//   device that draws nothing sends no image. So the companion stops waiting for an image after
-//   four connect requests.
+//   of candidates. So the companion waits until the connection is the link.
 #include "guilink/companion.h"
 
 #include <netinet/in.h>
@@ -40,8 +38,8 @@ namespace guilink {
 namespace {
 
 constexpr auto REQUEST_INTERVAL = 50ms;  // between connect requests, until linked
-// After this number of connect requests, the companion sends presses and texts even if no image has
-// arrived.
+// After this number of connect requests, a connection counts as the link even if no image has
+// arrived: the device may draw nothing.
 constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;
 // If the device gets no keep-alive for 2 s, it sends no new images.
 constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
@@ -99,7 +97,9 @@ class Companion::Impl {
     void take_choice();
     void accept_connection();
     void take_frame(Connection& from, uint16_t type, std::span<const unsigned char> payload);
-    void take_as_link(Connection& connection);
+    void use(Connection& connection);
+    void update_status();
+    bool linked() const;
     void send_what_is_due(Connection& connection);
     static void ask(Connection& connection);
     void send_waiting();
@@ -116,11 +116,13 @@ class Companion::Impl {
 
     // Used only by the companion's thread.
     std::string m_device;                 // identity or address of the chosen device, or empty
-    LinkStatus m_last;                    // status of the newest link; kept after that link ends
+    LinkStatus m_last;                    // the device of m_used; kept after that connection ends
     std::deque<uint32_t> m_answered;      // addresses that may connect; network byte order
     std::deque<Sent> m_sent;              // messages that were sent, but are not confirmed yet
     std::list<Connection> m_connections;  // oldest first
-    Connection* m_link = nullptr;         // one of m_connections, or null
+    // The newest of m_connections on which a valid message has arrived, or null. A candidate, or
+    // the link.
+    Connection* m_used = nullptr;
     LinkStatus m_status;
     Clock::time_point m_next_accept = {};
 
@@ -241,7 +243,7 @@ void Companion::Impl::receive_broadcasts() {
 }
 
 bool Companion::Impl::wants(const Discovery::Broadcast& broadcast) {
-    if (m_link != nullptr) return broadcast.address == m_link->address();
+    if (m_used != nullptr) return broadcast.address == m_used->address();
     const auto is_named = [&](const std::string& name) {
         return !name.empty() &&
                (name == broadcast.device.identity || name == broadcast.device.address);
@@ -262,13 +264,13 @@ void Companion::Impl::take_choice() {
         m_choice.reset();
     }
     // If the device has not sent its identity yet, repeating the choice must not drop the new link.
-    const bool chosen = (same_choice && m_status.identity.empty()) ||
-                        m_device == m_status.address || m_device == m_status.identity;
-    if (m_link != nullptr && chosen) return;
+    const bool chosen = (same_choice && m_last.identity.empty()) || m_device == m_last.address ||
+                        m_device == m_last.identity;
+    if (m_used != nullptr && chosen) return;
     m_last = {};
     m_answered.clear();
     for (Connection& connection : m_connections) connection.end();
-    if (m_link != nullptr) return;  // drop_ended will report the status
+    if (m_used != nullptr) return;  // drop_ended will report the status
     m_status = unlinked();
     report();
 }
@@ -283,7 +285,7 @@ void Companion::Impl::accept_connection() {
         return;
     }
     const uint32_t address = device.sin_addr.s_addr;
-    const bool expected = m_link != nullptr ? m_link->address() == address
+    const bool expected = m_used != nullptr ? m_used->address() == address
                                             : std::ranges::count(m_answered, address) > 0;
     if (!expected) {
         close(descriptor);
@@ -292,7 +294,7 @@ void Companion::Impl::accept_connection() {
     m_connections.emplace_back(descriptor, address);
     if (m_connections.size() > MAX_CONNECTIONS) {
         const auto oldest = std::ranges::find_if(
-            m_connections, [this](const Connection& connection) { return &connection != m_link; });
+            m_connections, [this](const Connection& connection) { return &connection != m_used; });
         m_connections.erase(oldest);
     }
 }
@@ -302,27 +304,25 @@ void Companion::Impl::take_frame(Connection& from, uint16_t type,
     switch (type) {
         case IdentityMessage: {
             if (payload.size() < ID_SIZE) return;
-            take_as_link(from);
+            use(from);
             if (from.answered < from.asked) ++from.answered;
             const std::string text(payload.begin(), payload.end());
-            if (text != m_status.identity + m_status.firmware) {
-                m_status.identity = text.substr(0, ID_SIZE);
-                m_status.firmware = text.substr(ID_SIZE);
-                m_last = m_status;
-                report();
-            }
+            m_last.identity = text.substr(0, ID_SIZE);
+            m_last.firmware = text.substr(ID_SIZE);
+            update_status();
             end_sent(from.answered, Delivery::confirmed);
             return;
         }
         case ImageMessage:
-            take_as_link(from);
+            use(from);
             from.image_seen = true;
+            update_status();
             if (m_handlers.image) {
                 m_handlers.image(std::make_shared<const Image>(payload.begin(), payload.end()));
             }
             return;
         case DataMessage:
-            take_as_link(from);
+            use(from);
             if (m_handlers.text) m_handlers.text({payload.begin(), payload.end()});
             return;
         default:
@@ -330,20 +330,33 @@ void Companion::Impl::take_frame(Connection& from, uint16_t type,
     }
 }
 
-// Called when a connection delivers a message. Makes this connection the link and ends all other
-// connections. If one of these was the link, the device has dropped it, because the device now uses
-// the new connection.
-void Companion::Impl::take_as_link(Connection& connection) {
-    if (m_link == &connection) return;
+// Called when a connection delivers a message. Ends all other connections, even the link: if the
+// device has connected again, it has dropped the link.
+void Companion::Impl::use(Connection& connection) {
+    if (m_used == &connection) return;
     for (Connection& other : m_connections) {
         if (&other != &connection) other.end();
     }
     end_sent(UINT64_MAX, Delivery::unknown);
-    m_link = &connection;
-    m_status = {};
-    m_status.linked = true;
-    m_status.address = dotted(connection.address());
-    m_last = m_status;
+    m_used = &connection;
+    m_status = {};  // so that every new link is reported
+    m_last = {};
+    m_last.linked = true;
+    m_last.address = dotted(connection.address());
+}
+
+bool Companion::Impl::linked() const {
+    return m_used != nullptr &&
+           (m_used->image_seen ||
+            (m_used->answered > 0 && m_used->requests >= REQUESTS_WITHOUT_IMAGE));
+}
+
+void Companion::Impl::update_status() {
+    if (!linked()) return;
+    if (m_status.linked && m_status.address == m_last.address &&
+        m_status.identity == m_last.identity && m_status.firmware == m_last.firmware)
+        return;
+    m_status = m_last;
     report();
 }
 
@@ -361,9 +374,10 @@ void Companion::Impl::send_what_is_due(Connection& connection) {
     const bool ready = connection.answered > 0;
     // Repeat the identity request while a message is unconfirmed, because the answer may have been
     // lost.
-    const bool unconfirmed = &connection == m_link && !m_sent.empty();
+    const bool unconfirmed = &connection == m_used && !m_sent.empty();
     if (connection.requests > 1 && (!ready || unconfirmed || silence > ASK_AFTER)) ask(connection);
-    connection.next_send = now + (ready ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
+    if (&connection == m_used) update_status();
+    connection.next_send = now + (ready && linked() ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
 }
 
 void Companion::Impl::ask(Connection& connection) {
@@ -373,16 +387,15 @@ void Companion::Impl::ask(Connection& connection) {
 
 // Sends queued messages until the socket accepts no more. The remaining messages stay queued.
 void Companion::Impl::send_waiting() {
-    if (m_link == nullptr || m_link->ended()) return refuse_waiting();
-    if (m_link->answered == 0) return;
-    if (!m_link->image_seen && m_link->requests < REQUESTS_WITHOUT_IMAGE) return;
+    if (m_used == nullptr || m_used->ended()) return refuse_waiting();
+    if (m_used->answered == 0 || !linked()) return;
     const Lock lock(m_waiting_mutex);
-    while (!m_waiting.empty() && !m_link->wants_to_write() && !m_link->ended()) {
+    while (!m_waiting.empty() && !m_used->wants_to_write() && !m_used->ended()) {
         Message& message = m_waiting.front();
-        m_link->send(message.type, message.payload);
+        m_used->send(message.type, message.payload);
         if (message.delivered) {
-            ask(*m_link);
-            m_sent.push_back({m_link->asked, std::move(message.delivered)});
+            ask(*m_used);
+            m_sent.push_back({m_used->asked, std::move(message.delivered)});
         }
         m_waiting.pop_front();
     }
@@ -411,10 +424,10 @@ void Companion::Impl::end_sent(uint64_t last_identity_request, Delivery delivery
 }
 
 void Companion::Impl::drop_ended() {
-    const bool link_ended = m_link != nullptr && m_link->ended();
+    const bool link_ended = m_used != nullptr && m_used->ended();
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
-    m_link = nullptr;
+    m_used = nullptr;
     end_sent(UINT64_MAX, Delivery::unknown);
     m_status = unlinked();
     report();

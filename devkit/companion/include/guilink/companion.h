@@ -2,10 +2,10 @@
 // buttons.
 //
 // The device searches and connects; the companion answers and waits. On each connection, the
-// companion asks the device to make that connection the link. The link is the newest connection on
-// which the device has sent a valid message. While there is a link, the companion refuses other
-// devices. Only the link carries images. The companion does not store images, so a handler must
-// keep the images that it needs.
+// companion asks the device to make that connection the link. Only the link carries images, so the
+// companion is linked when an image has arrived; if the device draws nothing, when it has answered
+// for long enough. While there is a link, the companion refuses other devices. It does not store
+// images, so a handler must keep those that it needs.
 //
 // The companion answers only the chosen device. If no device was chosen, the companion answers the
 // only device in sight. A device is the only one in sight if it broadcasts twice with no broadcast
