@@ -39,8 +39,8 @@ void add(const BenchPicture& picture, const std::string& name, Code code) {
         });
 }
 
-// Measures code(pixels) with cold caches: each call reads another copy of the pixels. All copies
-// together are three times as large as the last-level cache.
+// Measures code(pixels) with cold caches: each call reads another copy of the pixels, of which
+// there are three times as many as the last-level cache holds.
 template <class Code>
 void add_cold(const BenchPicture& picture, const std::string& name, Code code) {
     const auto cache = static_cast<size_t>(std::max(sysconf(_SC_LEVEL3_CACHE_SIZE), 8L << 20));

@@ -1,7 +1,6 @@
-// guilink-instructions: runs each measured function once to warm up and once between a pair of
-// marks. Prints a line "NAME<tab>PIXELS" for each pair, in the order of the pairs. A mark is a call
-// of a system call that does not exist; bench/count_plugin.cpp counts the instructions between the
-// marks of each pair.
+// guilink-instructions: runs each measured function once to warm up and once between two marks,
+// calls of a system call that does not exist, and prints NAME<tab>PIXELS. bench/count_plugin.cpp
+// counts the instructions between the marks.
 #include <unistd.h>
 
 #include <cstring>

@@ -1,6 +1,5 @@
-// Measures the processor time that the service needs to copy and encode a picture, complete the
-// frame, and send the frame over loopback. Also measures the same work with the reference encoder
-// and the reference checksum.
+// Measures the processor time of all that the service does for a frame, sent over loopback, and of
+// the same work with the reference encoder and the reference checksum.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
