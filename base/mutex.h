@@ -18,8 +18,6 @@
 #define ACQUIRE(...) GUILINK_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) GUILINK_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 
-namespace guilink {
-
 class CAPABILITY("mutex") Mutex {
   public:
     void lock() ACQUIRE() { m_mutex.lock(); }
@@ -43,8 +41,3 @@ class SCOPED_CAPABILITY Lock {
   private:
     std::unique_lock<Mutex> m_lock;
 };
-
-}  // namespace guilink
-
-using guilink::Lock;  // see wire/frame.h
-using guilink::Mutex;

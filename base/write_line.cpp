@@ -108,9 +108,11 @@ void unblock_standard_streams() {
         // A large buffer can hold a burst of lines until the reader reads them.
         if (fcntl(stream, F_GETPIPE_SZ) < ROOM) fcntl(stream, F_SETPIPE_SZ, ROOM);
         // O_NONBLOCK would also affect other processes that share the open file description. So
-        // open a new description.
+        // open a new description, in the same mode: a FIFO that is also open for reading raises no
+        // SIGPIPE when its reader goes.
         const char* const path = stream == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2";
-        const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        const int mode = fcntl(stream, F_GETFL) & O_ACCMODE;
+        const int own = open(path, mode | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (own < 0) continue;  // keep the blocking stream; class Line calls poll before each write
         dup2(own, stream);
         close(own);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -60,6 +61,17 @@ TEST(WriteLine, EndsALineThatWasCut) {
     EXPECT_EQ(written, std::string(written.size(), '-'));
     write_line(STDERR_FILENO, "next");
     EXPECT_EQ(read_all(ends[0]), "\n2 lines dropped\nnext\n");
+}
+
+// Opened read-write, a FIFO always has a reader, so that no line raises SIGPIPE.
+TEST(WriteLine, KeepsTheModeOfAFifo) {
+    const std::string path = testing::TempDir() + "fifo";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    become_standard_error(open(path.c_str(), O_RDWR));
+    unlink(path.c_str());
+    close(reader);
+    write_line(STDERR_FILENO, "nobody reads this");
 }
 
 }  // namespace
