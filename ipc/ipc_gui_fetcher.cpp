@@ -4,10 +4,14 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <new>
+#include <system_error>
 
 #include "base/write_line.h"
 #include "ipc/read_identity.h"
@@ -27,6 +31,16 @@ void clear(_AMBA_IPC_SVC_RESULT_s_* result) {
     result->word_0 = 0;
     result->word_16 = 0;
     result->word_20 = 0;
+}
+
+// Names the address, because nothing else in the log of the end that follows would.
+void report_refusal(uint64_t address, int error) {
+    char digits[16];
+    const auto end = std::to_chars(std::begin(digits), std::end(digits), address, 16).ptr;
+    write_line(STDERR_FILENO, {"IpcGuiFetcher: cannot map 0x",
+                               {std::begin(digits), end},
+                               ": ",
+                               std::generic_category().message(error)});
 }
 
 }  // namespace
@@ -103,15 +117,17 @@ void IpcGuiFetcher::ipcGuiBufReceiver(const unsigned char* argument,
     clear(result);
 }
 
-// Deliberate: does not check whether open and mmap succeed. If they fail, the first access to the
-// frame raises a signal that ends the process.
+// Deliberate: keeps a mapping that the kernel has refused, and only logs the refusal. The first
+// access to the frame then raises a signal that ends the process.
 void IpcGuiFetcher::mapPhysBuffer(IpcGuiFetcher& fetcher, const GuiBufferArg& buffer) {
     const uint64_t page = buffer.phys_addr & PAGE_MASK;
     const uint64_t offset = buffer.phys_addr & OFFSET_MASK;
     const uint32_t length = buffer.size + EXTRA_PAGE;
     const int memory = open("/dev/mem", O_RDWR | O_SYNC);
+    const int open_error = errno;
     void* const start =
         mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, memory, static_cast<off_t>(page));
+    if (start == MAP_FAILED) report_refusal(buffer.phys_addr, memory < 0 ? open_error : errno);
     fetcher.m_mappedBuffer = static_cast<unsigned char*>(start) + offset;
     fetcher.m_mappedSize = buffer.size;
     close(memory);

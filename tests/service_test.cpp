@@ -32,6 +32,16 @@ TEST(Service, EndsAbnormallyWithAnIdentityOfAnotherLength) {
     EXPECT_EQ(WTERMSIG(daemon.status()), SIGABRT);
 }
 
+// A frame that cannot be mapped ends the service by a signal, so its log must name the address.
+TEST(Service, NamesAnAddressThatItCannotMap) {
+    std::filesystem::remove("/dev/mem");
+    Daemon daemon;
+    Core core;
+    wait_until([&] { return core.push() || !daemon.alive(); });
+    EXPECT_TRUE(daemon.wait_for_output(
+        "IpcGuiFetcher: cannot map 0x10000000: No such file or directory\n"));
+}
+
 // Sends SIGTERM at a random time after the first registration, which installs the handler.
 // Meanwhile, frames arrive at full speed, and a companion links whenever it can and presses a
 // button.
