@@ -8,7 +8,7 @@
 
 namespace guilink {
 
-struct BenchPicture {
+struct Picture {
     std::string name;
     uint16_t width;
     uint16_t height;
@@ -19,6 +19,6 @@ struct BenchPicture {
 
 // Returns the pictures blank, overlay, menu, text, gradient and noise, in this order. Every call
 // returns the same pixels.
-std::vector<BenchPicture> draw_pictures(uint16_t width, uint16_t height);
+std::vector<Picture> draw_pictures(uint16_t width, uint16_t height);
 
 }  // namespace guilink

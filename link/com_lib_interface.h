@@ -27,7 +27,7 @@ class ComLibInterface {
     // Starts to search for a companion. `id` is the device's identity; if it does not have exactly
     // 5 bytes, throws std::runtime_error. `fw` is the device's firmware version text.
     ComLibInterface(const std::string& id, const std::string& fw);
-    // Closes the link. Blocks for up to about 1.5 s, or longer if a send blocks.
+    // Closes the link. Blocks for up to about 1.5 s.
     ~ComLibInterface();
     ComLibInterface(const ComLibInterface&) = delete;
     ComLibInterface& operator=(const ComLibInterface&) = delete;

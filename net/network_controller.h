@@ -27,7 +27,7 @@ class NetworkController {
         // only during the call. If the connection is a candidate, the worker can make it the link
         // by calling `signal`, and a length of 0 means that the connection has ended. If the
         // connection is the link, `signal` is empty. If `deliver_all` is false, the worker passes
-        // only keep-alives to the message handler. Several threads may call this function.
+        // only keep-alives to the message handler. Several threads may call this function at once.
         virtual void OnDataReceived(const unsigned char* data, uint64_t length,
                                     const std::function<void()>& signal, bool deliver_all) = 0;
         // Sets the controller through which the worker sends. The worker keeps a weak pointer.
@@ -42,32 +42,31 @@ class NetworkController {
         // Returns the datagram that discovery broadcasts.
         virtual std::vector<unsigned char> GetIdentityFrame() = 0;
         virtual ~NetworkWorker() = default;
-        // Called after the connection of the calling thread has ended. The calling thread will pass
-        // no more bytes to the worker.
-        virtual void OnConnectionEnd() {}
     };
 
     // Starts to search at once. `worker` must outlive the controller, because the controller keeps
     // only a weak pointer.
     explicit NetworkController(const std::shared_ptr<NetworkWorker>& worker);
-    // Closes all connections. Waits until a running send has ended (see send), and then up to 1 s
-    // for the search thread.
+    // Closes all connections. Waits up to 1 s for the search thread.
     virtual ~NetworkController();
 
     NetworkController(const NetworkController&) = delete;
     NetworkController& operator=(const NetworkController&) = delete;
 
-    // Waits for an earlier send to end, then sends to the linked peer for at most 6 s. If the
-    // peer's socket has not accepted all the data by then, drops the peer. Without a link, sends to
-    // the candidate that is being examined, if there is one, and does not block. If the candidate's
-    // socket has no room for all the data, drops the candidate.
+    // Sends to the linked peer, or does nothing without a link. On a thread that is in
+    // OnDataReceived, sends to the peer whose bytes are being handled. Never blocks: what the
+    // link's socket does not accept is queued behind what is already queued. Drops a link whose
+    // queue is full, and a candidate whose socket does not accept all the data.
     void send(const unsigned char* data, uint64_t length);
 
-    // Waits up to 3 s until the link's send buffer is nearly empty, because newer data cannot
-    // replace data in this buffer. Holds no lock during the wait. If the time runs out, but some
-    // data was sent, returns false; otherwise, returns true. If no data was sent in this time,
-    // drops the peer.
+    // Sends what is queued for the link, and waits up to 500 ms until all but an incomplete segment
+    // has left, because newer data cannot replace data that was sent. Returns whether it has left,
+    // or there is no link. Drops a link on which nothing has left for 3 s.
     bool wait_until_sent();
+
+    // Returns whether the calling thread is in OnDataReceived for a connection that was dropped
+    // meanwhile, so that the rest of its bytes means nothing.
+    static bool connection_dropped();
 
   private:
     struct State;
@@ -79,11 +78,9 @@ class NetworkController {
     static void _peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit);
     static void _clear_all(const SharedState& state);
     static void _clear_current(const SharedState& state, const NetworkUnit* unit);
-    static void _destroy_stopped(const SharedState& state);
+    static void _destroy_finished(const SharedState& state);
     static void _data_receive(const SharedState& state, const unsigned char* data, uint64_t length,
                               NetworkUnit* unit);
-    static void _examine(const SharedState& state, const unsigned char* data, uint64_t length,
-                         NetworkUnit* unit, NetworkWorker& worker);
     static void _set_current(const SharedState& state, const NetworkUnit* unit);
 
     const SharedState m_state;

@@ -14,7 +14,6 @@
 #include <thread>
 
 #include "base/mutex.h"
-#include "net/net_socket.h"
 
 class NetworkUnit;
 
@@ -32,6 +31,9 @@ class NetworkUnit {
     static constexpr unsigned long BUFFER_SIZE = 0x100000;    // bytes; socket and receive buffers
     static constexpr uint32_t SINGLE_NODE_MASK = 0xFFFFFFFF;  // mask of a unit that is one host
 
+    // Bytes that may wait for a slow peer: the largest frame, and 64 KiB of answers behind it.
+    static constexpr unsigned long MAX_QUEUED = BUFFER_SIZE + 0x10000;
+
     // The only valid answer to a discovery broadcast: an empty ConnectRequest frame. Written out in
     // bytes, because code in net/ must not depend on protocol/.
     static constexpr std::array<unsigned char, 42> acc_packet = {
@@ -45,8 +47,9 @@ class NetworkUnit {
     // failures, send() returns false.
     virtual void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) = 0;
 
-    // Sends on the TCP connection. Returns true only if the system accepted all the data in one
-    // call. Blocks for 6 s at most.
+    // Sends on the TCP connection, without blocking. What the socket does not accept is queued, and
+    // sent by later calls of flush. Returns false if the connection has ended, or if the queue
+    // would exceed MAX_QUEUED; then nothing more can be sent.
     virtual bool send(const unsigned char* data, unsigned long length) = 0;
 
     // Starts a discovery in the background, which takes about 3 s. Calls on_found for each peer, on
@@ -64,25 +67,29 @@ class NetworkUnit {
     // seconds to end.
     virtual ~NetworkUnit() = default;
 
-    // Ends the connection, so that later sends fail. Waits for a send that is in progress, but not
-    // for the thread of the connection. Does not stop a discovery.
+    // Ends the connection at once, so that later sends fail and its thread soon ends. Does not stop
+    // a discovery.
     virtual void stop() = 0;
 
-    // Returns whether the TCP connection has been established, and stop has not been called since.
+    // Returns whether stop has been called since the last tcp_connect.
+    virtual bool stopped() const = 0;
+
+    // Returns whether the TCP connection is established.
     virtual bool connected() const = 0;
 
     // Returns whether all threads of the unit have ended, so that destroying it does not block.
-    virtual bool stopped() const = 0;
+    virtual bool finished() const = 0;
 
-    // Like send, but never blocks: sends only what fits into the socket's send buffer.
+    // Like send, but queues nothing: returns false if the socket does not accept all the data.
     virtual bool send_at_once(const unsigned char* data, unsigned long length) = 0;
+
+    // Sends what is queued, as far as the socket accepts it, without blocking. Sent: less than a
+    // segment has not left yet. Stalled: nothing has left for 3 s.
+    enum class Progress { Sent, Sending, Stalled };
+    virtual Progress flush() = 0;
 
     // IPv4 address in network byte order.
     virtual uint32_t address() const = 0;
-
-    // The TCP connection's socket, or null. The socket stays open until all copies of the pointer
-    // are gone.
-    virtual std::shared_ptr<const NetSocket<>> socket() const = 0;
 
     NetworkUnit(const NetworkUnit&) = delete;
     NetworkUnit& operator=(const NetworkUnit&) = delete;
@@ -90,7 +97,8 @@ class NetworkUnit {
   protected:
     NetworkUnit() = default;
 
-    // Serialises tcp_connect, send, ping and join.
+    // Serialises tcp_connect, sends, ping and join. Never held while a thread waits, except by
+    // tcp_connect for an earlier receiver.
     mutable Mutex _mutex;
     std::thread _ping_thread GUARDED_BY(_mutex);
     std::thread _tcp_thread GUARDED_BY(_mutex);
@@ -98,6 +106,5 @@ class NetworkUnit {
     std::atomic<bool> _stop{false};               // set by the destructor; ends every loop
     mutable std::atomic<bool> _ping_done{false};  // discovery no longer waits for answers
     std::atomic<bool> _tcp_stop{false};           // ends the TCP receiver
-    mutable std::atomic<bool> _connected{false};  // the last tcp_connect has succeeded
     mutable std::atomic<int> _running{0};         // number of running threads
 };

@@ -1,6 +1,7 @@
 #include "net/network_unit_v4.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
@@ -11,36 +12,49 @@
 #include <sys/mman.h>
 #include <sys/time.h>
 
+#include <cerrno>
 #include <new>
 #include <utility>
 
 #include "base/write_line.h"
 
+using namespace std::chrono_literals;
+
 namespace {
 
 constexpr int POLL_TIMEOUT = 3000;        // ms; a peer that is silent for longer counts as gone
-constexpr timeval SEND_TIMEOUT = {3, 0};  // s; a send that waits longer for buffer space fails
-constexpr int SYN_RETRANSMISSIONS = 3;    // limit for one call of connect, as is SEND_TIMEOUT
+constexpr auto STALL_TIMEOUT = 3s;        // so does a peer that accepts no data for longer
+constexpr timeval SEND_TIMEOUT = {3, 0};  // s; limits connect, should the socket be blocking
+constexpr int SYN_RETRANSMISSIONS = 3;    // limits connect, too
 
 std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
 }
 
-int unsent(int fd) {
-    int bytes = 0;
-    ioctl(fd, SIOCOUTQNSD, &bytes);
-    return bytes;
+bool has_peer(int fd) {
+    sockaddr_in peer;
+    socklen_t size = sizeof peer;
+    return getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
 }
 
-int segment_size(int fd) {
+size_t unsent(int fd) {
+    int bytes = 0;
+    ioctl(fd, SIOCOUTQNSD, &bytes);
+    return static_cast<size_t>(bytes);
+}
+
+size_t segment_size(int fd) {
     int bytes = 0;
     socklen_t size = sizeof bytes;
     getsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &bytes, &size);
-    return bytes;
+    return static_cast<size_t>(bytes);
 }
 
-void set_low_water_mark(int fd, int bytes) {
-    setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
+// If the peer has reset the connection, MSG_NOSIGNAL makes send return an error instead of raising
+// SIGPIPE.
+ssize_t send_some(int fd, const unsigned char* data, size_t length) {
+    const ssize_t sent = ::send(fd, data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+    return sent < 0 && errno == EAGAIN ? 0 : sent;
 }
 
 // Memory from mmap, because mmap allocates a page only at the first write to it, and munmap returns
@@ -100,7 +114,7 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         const Lock lock(_mutex);
         _tcp_stop = true;
         if (_tcp_thread.joinable()) _tcp_thread.join();
-        _socket = std::make_shared<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        _socket = std::make_unique<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
         const int fd = _socket->descriptor();
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
         setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
@@ -108,7 +122,9 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         // the first 4 bytes hold the value.
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
-        _connected = false;
+        _queue.clear();
+        _accepted = 0;
+        _unsent = 0;
         _tcp_stop = false;
         ++_running;
         try {
@@ -123,51 +139,63 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
 }
 
 bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
-    const Lock lock(_mutex);
-    if (_socket == nullptr) return false;
-    pollfd event = {_socket->descriptor(), POLLOUT, 0};
-    if (poll(&event, 1, POLL_TIMEOUT) != 1) return false;
-    // If the peer has reset the connection, MSG_NOSIGNAL makes send return an error instead of
-    // raising SIGPIPE.
-    const ssize_t sent = ::send(event.fd, data, length, MSG_NOSIGNAL);
-    return sent >= 0 && static_cast<unsigned long>(sent) == length;
+    return _send(data, length, MAX_QUEUED);
 }
 
 bool NetworkUnitV4::send_at_once(const unsigned char* data, unsigned long length) {
-    const Lock lock(_mutex);
-    if (_socket == nullptr) return false;
-    const ssize_t sent = ::send(_socket->descriptor(), data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
-    return sent >= 0 && static_cast<unsigned long>(sent) == length;
+    return _send(data, length, 0);
 }
 
-// Does not wait for the last segment if it is incomplete, because TCP may hold such a segment back
-// until earlier data is acknowledged.
-NetworkUnitV4::Progress NetworkUnitV4::wait_until_sent(const NetSocket<>& socket) {
-    const int fd = socket.descriptor();
-    const int before = unsent(fd);
-    if (before == 0) return Progress::Sent;
-    // poll returns when the unsent bytes are fewer than half of the low-water mark. With a mark of
-    // two segments, that is fewer than one segment.
-    set_low_water_mark(fd, 2 * segment_size(fd));
-    pollfd event = {fd, POLLOUT, 0};
-    const int ready = poll(&event, 1, POLL_TIMEOUT);
-    // Restore the system's default. With a low mark, a send could not fill the whole buffer, and a
-    // large frame would time out on a slow link.
-    set_low_water_mark(fd, 0);
-    if (ready == 1) return Progress::Sent;
-    return unsent(fd) < before ? Progress::Sending : Progress::Stalled;
+bool NetworkUnitV4::_send(const unsigned char* data, size_t length, size_t room) {
+    const Lock lock(_mutex);
+    if (_socket == nullptr || _tcp_stop) return false;
+    const size_t queued = _queue.size() - _accepted;
+    const ssize_t sent = queued == 0 ? send_some(_socket->descriptor(), data, length) : 0;
+    if (sent < 0) return false;
+    if (queued + length - static_cast<size_t>(sent) > room) {
+        _shut_down();  // because nothing may follow a part of a frame
+        return false;
+    }
+    _queue.insert(_queue.end(), data + sent, data + length);
+    return true;
 }
 
-std::shared_ptr<const NetSocket<>> NetworkUnitV4::socket() const {
+// Ignores the last segment if it is incomplete, because TCP may hold such a segment back until
+// earlier data is acknowledged.
+NetworkUnit::Progress NetworkUnitV4::flush() {
     const Lock lock(_mutex);
-    return _socket;
+    if (_socket == nullptr) return Progress::Sent;
+    const int fd = _socket->descriptor();
+    if (!_queue.empty()) {
+        const ssize_t sent = send_some(fd, _queue.data() + _accepted, _queue.size() - _accepted);
+        if (sent > 0) _accepted += static_cast<size_t>(sent);
+        if (_accepted == _queue.size()) {
+            _queue = {};  // returns the memory; on a fast network, nothing is ever queued
+            _accepted = 0;
+        }
+    }
+    const size_t before = _unsent;
+    _unsent = _queue.size() - _accepted + unsent(fd);
+    if (_unsent < segment_size(fd)) _unsent = 0;
+    if (_unsent == 0) return Progress::Sent;
+    const auto now = std::chrono::steady_clock::now();
+    if (before == 0 || _unsent < before) _last_progress = now;
+    return now - _last_progress < STALL_TIMEOUT ? Progress::Sending : Progress::Stalled;
+}
+
+bool NetworkUnitV4::connected() const {
+    const Lock lock(_mutex);
+    return _socket != nullptr && has_peer(_socket->descriptor());
 }
 
 void NetworkUnitV4::stop() {
-    _tcp_stop = true;
     const Lock lock(_mutex);
-    // Wakes the receive thread, even if it waits in connect.
-    if (_socket != nullptr) shutdown(_socket->descriptor(), SHUT_RDWR);
+    _shut_down();
+}
+
+void NetworkUnitV4::_shut_down() {
+    _tcp_stop = true;
+    if (_socket != nullptr) shutdown(_socket->descriptor(), SHUT_RDWR);  // wakes the receiver
 }
 
 void NetworkUnitV4::join() {
@@ -202,20 +230,30 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
     --unit->_running;
 }
 
-void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback& on_data) const {
+// Polls a non-blocking connect, because not every kernel lets stop() interrupt a blocking one.
+bool NetworkUnitV4::_connect(unsigned short port) const {
     sockaddr_in peer = {};
     peer.sin_family = AF_INET;
     peer.sin_addr.s_addr = _address;
     peer.sin_port = htons(port);
     const int fd = _socket->descriptor();
-    if (_tcp_stop) return;
+    fcntl(fd, F_SETFL, O_NONBLOCK);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == _socket->invalid()) {
-        return;
+        if (errno != EINPROGRESS) return false;
+        pollfd event = {fd, POLLOUT, 0};
+        // A stop() before connect has not shut anything down, so look at the flag here.
+        if (_tcp_stop || poll(&event, 1, POLL_TIMEOUT) != 1 || !has_peer(fd)) return false;
     }
-    _connected = true;
+    fcntl(fd, F_SETFL, 0);
+    return true;
+}
+
+void NetworkUnitV4::_tcp_receive(unsigned short port, const DataReceivedCallback& on_data) const {
+    if (!_connect(port)) return;
 
     // The pointer is not const, because the callback may send through the unit.
     auto* const unit = const_cast<NetworkUnitV4*>(this);
+    const int fd = _socket->descriptor();
     const ReceiveBuffer buffer(BUFFER_SIZE);
     while (!_stop && !_tcp_stop) {
         pollfd event = {fd, POLLIN, 0};

@@ -4,9 +4,12 @@
 // No wait on a socket is longer than 3 s, so a unit's threads end soon after they are stopped.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
+#include "net/net_socket.h"
 #include "net/network_unit.h"
 
 class NetworkUnitV4 : public NetworkUnit {
@@ -28,17 +31,12 @@ class NetworkUnitV4 : public NetworkUnit {
     void join() override;
     void print_host() const override;
     void stop() override;
-    bool connected() const override { return _connected && !_tcp_stop; }
-    bool stopped() const override { return _running == 0; }
+    bool stopped() const override { return _tcp_stop; }
+    bool connected() const override;
+    bool finished() const override { return _running == 0; }
     bool send_at_once(const unsigned char* data, unsigned long length) override;
+    Progress flush() override;
     uint32_t address() const override { return _address; }
-    std::shared_ptr<const NetSocket<>> socket() const override;
-
-    // Waits up to 3 s until the socket's send buffer holds less than one segment of unsent data.
-    // Returns Sent if this has succeeded. Otherwise, returns Sending if some data was sent, or
-    // Stalled if no data was sent.
-    enum class Progress { Sent, Sending, Stalled };
-    static Progress wait_until_sent(const NetSocket<>& socket);
 
     // Entry functions of threads. They return at once if `unit` is null.
     static void _ping_send_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found);
@@ -52,7 +50,10 @@ class NetworkUnitV4 : public NetworkUnit {
     void _icmp_ping_receive(const UnitFoundCallback& on_found, const NetSocket<>& socket) const;
     void _udp_ping_send(const UnitFoundCallback& on_found) const;
     void _udp_ping_receive(const UnitFoundCallback& on_found, const NetSocket<>& socket) const;
+    bool _connect(unsigned short port) const;
     void _tcp_receive(unsigned short port, const DataReceivedCallback& on_data) const;
+    bool _send(const unsigned char* data, size_t length, size_t room);
+    void _shut_down() REQUIRES(_mutex);
 
     const std::vector<unsigned char> _ping_packet;
     const uint32_t _address;
@@ -60,5 +61,10 @@ class NetworkUnitV4 : public NetworkUnit {
 
     // The TCP connection's socket; null until the first tcp_connect. The receiver uses the socket
     // without the mutex, so tcp_connect replaces the socket only while no receiver runs.
-    std::shared_ptr<NetSocket<>> _socket;
+    std::unique_ptr<NetSocket<>> _socket;
+
+    std::vector<unsigned char> _queue GUARDED_BY(_mutex);  // data that the socket has not accepted
+    size_t _accepted GUARDED_BY(_mutex) = 0;  // bytes of _queue that the socket accepted since
+    size_t _unsent GUARDED_BY(_mutex) = 0;    // bytes at the last flush; 0 if it returned Sent
+    std::chrono::steady_clock::time_point _last_progress GUARDED_BY(_mutex);
 };

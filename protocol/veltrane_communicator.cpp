@@ -1,7 +1,6 @@
 #include "protocol/veltrane_communicator.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <stdexcept>
 
@@ -16,11 +15,6 @@ constexpr size_t IMAGE_WORDS = 0x100000;  // 2 MiB; enough for a typical screen
 // An image is encoded directly into its frame, after the space for the header.
 constexpr size_t HEADER_WORDS = HEADER_SIZE / sizeof(uint16_t);
 static_assert(HEADER_WORDS * sizeof(uint16_t) == HEADER_SIZE);
-
-// Each connection has a number. The number is thread-local, because a thread receives for one
-// connection only. A thread's id could be reused, but this number is not.
-std::atomic<uint64_t> last_connection{0};   // the last number assigned
-thread_local uint64_t this_connection = 0;  // 0 until the thread delivers its first bytes
 
 std::vector<unsigned char> build_identity_frame(const std::string& id,
                                                 const std::string& firmware) {
@@ -63,38 +57,41 @@ struct VeltraneCommunicator::Stream {
     uint64_t size() const { return static_cast<uint64_t>(end - begin); }
 };
 
+const VeltraneCommunicator::Connection& VeltraneCommunicator::_this_connection() {
+    thread_local const Connection connection = std::make_shared<char>();
+    return connection;
+}
+
 void VeltraneCommunicator::OnDataReceived(const unsigned char* data, uint64_t count,
                                           const std::function<void()>& signal, bool deliver_all) {
     if (count == 0) return;
-    const Lock lock(m_receive_mutex);
-    if (this_connection == 0) this_connection = ++last_connection;
-    const uint64_t connection = this_connection;
-    const auto kept = m_receive_buffers.find(connection);
-    const bool is_kept = kept != m_receive_buffers.end();
-    if ((is_kept ? kept->second.size() : 0) + count > MAX_SIZE) {
+    std::vector<unsigned char> buffer = _take_leftover();
+    if (buffer.size() + count > MAX_SIZE) {
         write_line(STDERR_FILENO, "VeltraneCommunicator: buffer overloaded!");
-        if (is_kept) m_receive_buffers.erase(kept);
         return;
     }
 
     // Read the frames in place, unless `data` continues an incomplete frame.
     Stream stream = {data, data + count};
-    if (is_kept) {
-        std::vector<unsigned char>& buffer = kept->second;
+    if (!buffer.empty()) {
         buffer.insert(buffer.end(), data, data + count);
         stream = {buffer.data(), buffer.data() + buffer.size()};
     }
+    const auto keep = [&] {
+        if (stream.begin != buffer.data()) buffer = {stream.begin, stream.end};
+        _keep(std::move(buffer), deliver_all);
+    };
     try {
         bool bytes_remain;
         do {
             const std::function<void()> copy = signal;
             bytes_remain = _parse_frame(stream, copy, deliver_all);
-        } while (bytes_remain);
+        } while (bytes_remain && !NetworkController::connection_dropped());
     } catch (...) {
-        _keep(connection, stream, deliver_all);
+        keep();
         throw;
     }
-    _keep(connection, stream, deliver_all);
+    keep();
 }
 
 // Returns true if a frame has been consumed and bytes remain.
@@ -125,34 +122,31 @@ bool VeltraneCommunicator::_parse_frame(Stream& stream, const std::function<void
     return stream.size() != 0;
 }
 
+// Moves this connection's incomplete frame out of m_receive_buffers, where another thread might
+// drop it.
+std::vector<unsigned char> VeltraneCommunicator::_take_leftover() {
+    const Lock lock(m_receive_mutex);
+    const auto kept = m_receive_buffers.extract(_this_connection());
+    return kept ? std::move(kept.mapped()) : std::vector<unsigned char>();
+}
+
 // Keeps an incomplete frame until the connection's next bytes arrive.
-void VeltraneCommunicator::_keep(uint64_t connection, const Stream& stream, bool is_link) {
-    const auto kept = m_receive_buffers.find(connection);
-    if (stream.size() == 0) {
-        if (kept != m_receive_buffers.end()) m_receive_buffers.erase(kept);
-        return;
-    }
-    if (kept == m_receive_buffers.end() || kept->second.data() != stream.begin) {
-        m_receive_buffers.insert_or_assign(connection,
-                                           std::vector<unsigned char>(stream.begin, stream.end));
-    }
+void VeltraneCommunicator::_keep(std::vector<unsigned char>&& leftover, bool is_link) {
+    const Lock lock(m_receive_mutex);
+    std::erase_if(m_receive_buffers, [](const auto& entry) { return entry.first.expired(); });
+    if (leftover.empty()) return;
+    const auto own = m_receive_buffers.emplace(_this_connection(), std::move(leftover)).first;
 
     uint64_t total = 0;
-    for (const auto& [owner, bytes] : m_receive_buffers) total += bytes.size();
+    for (const auto& [connection, bytes] : m_receive_buffers) total += bytes.size();
     while (total > MAX_SIZE) {
         const auto may_lose = [&](const auto& entry) {
-            return is_link && entry.first == connection ? 0 : entry.second.size();
+            return is_link && &entry == &*own ? 0 : entry.second.size();
         };
         const auto largest = std::ranges::max_element(m_receive_buffers, {}, may_lose);
         total -= largest->second.size();
         m_receive_buffers.erase(largest);
     }
-}
-
-void VeltraneCommunicator::OnConnectionEnd() {
-    if (this_connection == 0) return;  // this thread has delivered no bytes, so there is no buffer
-    const Lock lock(m_receive_mutex);
-    m_receive_buffers.erase(this_connection);
 }
 
 void VeltraneCommunicator::_dispatch(uint16_t type, const unsigned char* payload, uint32_t length,

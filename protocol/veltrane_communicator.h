@@ -2,10 +2,10 @@
 // the message handler, and answers IdentityRequests itself. Builds frames, and sends them through
 // the controller. Without a controller, sends nothing.
 //
-// Keeps the incomplete frame of each connection. Drops the bytes of a connection if they contain no
-// start sequence, if they announce a frame above MAX_SIZE, or if they are more than MAX_SIZE. If
-// the incomplete frames of all connections together exceed MAX_SIZE, drops the largest one, but the
-// link's frame only if there is no other.
+// Keeps the incomplete frame of each connection, until the connection's thread has ended. Drops the
+// bytes of a connection if they contain no start sequence, if they announce a frame above MAX_SIZE,
+// or if they are more than MAX_SIZE. If the incomplete frames of all connections together exceed
+// MAX_SIZE, drops the largest one, but the link's frame only if there is no other.
 #pragma once
 
 #include <cstdint>
@@ -30,12 +30,11 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     VeltraneCommunicator(const std::string& device_id, const std::string& firmware);
 
     // Each thread must pass the bytes of one connection only, because an incomplete frame is
-    // continued by the next call from the same thread. Calls are serialised. A `count` of 0 changes
-    // nothing. If the message handler or `signal` throws, the exception goes to the caller, and the
-    // frame stays buffered.
+    // continued by the next call from the same thread. Calls may overlap; only the message handler
+    // is called once at a time. A `count` of 0 changes nothing. If the message handler or `signal`
+    // throws, the exception goes to the caller, and the frame stays buffered.
     void OnDataReceived(const unsigned char* data, uint64_t count,
                         const std::function<void()>& signal, bool deliver_all) override;
-    void OnConnectionEnd() override;
     void SetController(const std::shared_ptr<NetworkController>& controller) override;
     // When SetMessageHandler returns, the previous handler is not running and will not be called
     // again. The handler must not call SetMessageHandler.
@@ -54,12 +53,18 @@ class VeltraneCommunicator : public NetworkController::NetworkWorker {
     bool _parse_frame(Stream& stream, const std::function<void()>& signal, bool deliver_all);
     void _dispatch(uint16_t type, const unsigned char* payload, uint32_t length,
                    const std::function<void()>& signal, bool deliver_all);
-    void _keep(uint64_t connection, const Stream& stream, bool is_link) REQUIRES(m_receive_mutex);
+    std::vector<unsigned char> _take_leftover();
+    void _keep(std::vector<unsigned char>&& leftover, bool is_link);
     void _send(const unsigned char* frame, uint64_t size);
 
-    Mutex m_receive_mutex;  // locked before m_handler_mutex and m_controller_mutex
-    // Incomplete frames by connection number. No entry is empty.
-    std::map<uint64_t, std::vector<unsigned char>> m_receive_buffers GUARDED_BY(m_receive_mutex);
+    // Identifies a connection: its thread holds the only share, for as long as the thread runs.
+    using Connection = std::shared_ptr<const void>;
+    static const Connection& _this_connection();
+
+    Mutex m_receive_mutex;  // never held while a frame is handled
+    // The incomplete frames. No entry is empty.
+    std::map<Connection::weak_type, std::vector<unsigned char>, std::owner_less<>> m_receive_buffers
+        GUARDED_BY(m_receive_mutex);
 
     Mutex m_handler_mutex;  // held while the handler runs
     MessageHandler m_message_handler GUARDED_BY(m_handler_mutex);

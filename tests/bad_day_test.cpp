@@ -24,6 +24,31 @@ TEST_F(BadDay, PeerStallsWithAFullWindow) {
     m_peer.connection();  // returns because the service searches again
 }
 
+// While an image is stuck, the service must still handle each message, and answer in order behind
+// the image.
+TEST_F(BadDay, StuckImageDelaysNoPress) {
+    const Socket control(SOCK_DGRAM, "127.0.0.1", 3426);
+    const Socket peer = link();
+    const Bytes request = frame(IdentityRequest);
+    peer.write(request + frame(ButtonMessage, {3}) + request + frame(ControlMessage));
+    EXPECT_EQ(control.read_some(), bytes(R"([{"msg_id":103,"param":"On"}])"));
+    const Chatter chatter(peer, frame(ControlMessage));
+    EXPECT_EQ(type_of(peer.read_frame()), ImageMessage);
+    EXPECT_EQ(type_of(peer.read_frame()), IdentityMessage);
+    EXPECT_EQ(type_of(peer.read_frame()), IdentityMessage);
+    EXPECT_EQ(type_of(peer.read_frame()), ImageMessage);
+}
+
+TEST_F(BadDay, StuckImageDelaysNoNewIdentity) {
+    const Socket peer = link();
+    const Chatter chatter(peer, frame(ControlMessage));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(Core().send_qr_body("QRQR1"));
+    const double took = seconds_since(start);
+    std::printf("took the new identity in %.1f s\n", took);
+    EXPECT_LT(took, std::getenv("GUILINK_QUIET") != nullptr ? 2 : 60);
+}
+
 TEST_F(BadDay, PeerAsksAndDoesNotRead) {
     const Socket peer = link();
     const Chatter chatter(peer, repeated(frame(ControlMessage) + frame(IdentityRequest), 1000));
@@ -32,6 +57,10 @@ TEST_F(BadDay, PeerAsksAndDoesNotRead) {
 
 TEST_F(BadDay, PeerAsksToConnectAgainAndAgain) {
     m_peer.link(repeated(frame(ConnectRequest), 5000) + frame(ControlMessage));
+}
+
+TEST_F(BadDay, RequestToConnectAfterGarbage) {
+    m_peer.link(Bytes(16'374) + frame(ConnectRequest) + frame(ControlMessage));
 }
 
 TEST_F(BadDay, PeerTrickles) {

@@ -6,7 +6,9 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <mutex>
+#include <random>
 #include <set>
 
 #include "net/network_unit_v4.h"
@@ -246,14 +248,14 @@ class Connection : public testing::Test {
 TEST_F(Connection, CarriesBytesBothWaysUntilItsEnd) {
     EXPECT_FALSE(send(PAYLOAD));
     EXPECT_FALSE(send_at_once(PAYLOAD));
-    EXPECT_TRUE(m_unit->stopped());
+    EXPECT_TRUE(m_unit->finished());
     testing::internal::CaptureStderr();
     Socket peer = connected();
     EXPECT_TRUE(send(PAYLOAD));
     EXPECT_TRUE(send_at_once(PAYLOAD));
     EXPECT_EQ(peer.read(2 * PAYLOAD.size()), PAYLOAD + PAYLOAD);
     EXPECT_EQ(m_receiver.ends(), 0);
-    EXPECT_FALSE(m_unit->stopped());
+    EXPECT_FALSE(m_unit->finished());
 
     peer.close();
     m_unit->join();
@@ -282,50 +284,56 @@ TEST_F(Connection, SilenceEndsIt) {
               "NetworkUnitV4: tcp receiver error or timeout\n");
 }
 
-TEST_F(Connection, SendFailsIfThePeerDoesNotReadAndAfterItsReset) {
+TEST_F(Connection, QueuesForASlowPeerUpToALimit) {
+    using enum NetworkUnit::Progress;
     Socket peer = connected();
-    {
-        const Chatter chatter(peer, bytes("x"));
-        const Bytes data(64 * NetworkUnit::BUFFER_SIZE);  // more than the sockets' buffers hold
-        EXPECT_FALSE(send_at_once(data));
-        EXPECT_FALSE(send(data));
-        EXPECT_FALSE(send(PAYLOAD));
-    }
+    const Chatter chatter(peer, bytes("x"));
+    EXPECT_EQ(m_unit->flush(), Sent);
+    // Send more than the sockets' buffers hold, so that data must wait in the queue.
+    Bytes data(NetworkUnit::BUFFER_SIZE);
+    std::generate(data.begin(), data.end(), std::minstd_rand());
+    size_t sent = 0;
+    for (; m_unit->flush() == Sent; ++sent) ASSERT_TRUE(send(data));
+    ASSERT_TRUE(send(PAYLOAD));  // an answer behind a frame
+    EXPECT_TRUE(wait_until([&] { return m_unit->flush() == Stalled; }));
+
+    std::thread reader([&] {
+        for (; sent > 0; --sent) EXPECT_EQ(peer.read(data.size()), data);
+        EXPECT_EQ(peer.read(PAYLOAD.size()), PAYLOAD);
+    });
+    EXPECT_TRUE(wait_until([&] { return m_unit->flush() == Sent; }));
+    reader.join();
+
+    while (m_unit->flush() == Sent) ASSERT_TRUE(send(data));
+    EXPECT_FALSE(send(data) && send(data));  // exceeds the limit
+    EXPECT_TRUE(m_unit->stopped());
+    EXPECT_FALSE(send(PAYLOAD));  // nothing may follow a part of a frame
+}
+
+TEST_F(Connection, SendAtOnceQueuesNothing) {
+    const Socket peer = connected();
+    EXPECT_FALSE(send_at_once(Bytes(64 * NetworkUnit::BUFFER_SIZE)));
+    EXPECT_TRUE(m_unit->stopped());
+}
+
+TEST_F(Connection, SendFailsAfterTheReset) {
+    Socket peer = connected();
     peer.reset();
     m_unit->join();
     EXPECT_EQ(m_receiver.ends(), 1);
     for (int i = 0; i < 3; ++i) EXPECT_FALSE(send(PAYLOAD));  // must not raise SIGPIPE
 }
 
-TEST_F(Connection, WaitsForThreeSecondsUntilAllIsSent) {
-    Socket peer = connected();
-    const Chatter chatter(peer, bytes("x"));
-    const auto socket = m_unit->socket();
-    const auto progress = [&] { return NetworkUnitV4::wait_until_sent(*socket); };
-    using enum NetworkUnitV4::Progress;
-    EXPECT_EQ(progress(), Sent);
-    // The data exceeds the peer's receive window, but fits into the send buffer.
-    const Bytes data(NetworkUnit::BUFFER_SIZE / 4);
-    while (progress() != Stalled) ASSERT_TRUE(send(data));
-    EXPECT_TRUE(send_at_once(data));  // wait_until_sent has reset the low-water mark
-
-    const auto waits = [&] {
-        int mark = 0;
-        socklen_t size = sizeof mark;
-        getsockopt(socket->descriptor(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &mark, &size);
-        return mark != 0;
-    };
-    std::thread reader([&] {
-        EXPECT_TRUE(wait_until(waits));
-        peer.read(data.size() / 2);
-    });
-    EXPECT_EQ(progress(), Sending);
-    reader.join();
-    reader = std::thread([&] { peer.read(data.size() * 3 / 2); });
-    EXPECT_TRUE(wait_until([&] { return progress() == Sent; }));
-    reader.join();
+// A connect that the peer's host does not answer must not keep the unit's thread.
+TEST_F(Connection, StopEndsAConnectThatWaits) {
+    m_unit = unit("10.77.0.77", SINGLE);  // nobody has this address
+    m_unit->tcp_connect(PORT, m_receiver.callback());
+    EXPECT_FALSE(m_unit->connected());
     m_unit->stop();
-    EXPECT_EQ(progress(), Sent);  // does not wait on a stopped connection
+    const auto start = std::chrono::steady_clock::now();
+    m_unit->join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_EQ(m_receiver.ends(), 0);
 }
 
 TEST_F(Connection, StopEndsItAtOnceAndQuietly) {
@@ -335,7 +343,7 @@ TEST_F(Connection, StopEndsItAtOnceAndQuietly) {
     EXPECT_FALSE(send(PAYLOAD));
     EXPECT_FALSE(send_at_once(PAYLOAD));
     EXPECT_TRUE(peer.ended());
-    EXPECT_TRUE(wait_until([&] { return m_unit->stopped(); }));
+    EXPECT_TRUE(wait_until([&] { return m_unit->finished(); }));
     EXPECT_EQ(m_receiver.ends(), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }

@@ -1,8 +1,10 @@
 #include "devkit/viewer/list_devices.h"
 
+#include <poll.h>
+
 #include <iostream>
 
-#include "guilink/companion.h"
+#include "devkit/companion/discovery.h"
 
 namespace guilink {
 
@@ -21,13 +23,22 @@ std::string printable(std::string text) {
 }  // namespace
 
 bool list_devices() {
-    const std::vector<SearchingDevice> devices = find_devices(TIME);
-    for (const SearchingDevice& device : devices) {
+    using Clock = std::chrono::steady_clock;
+    Discovery discovery;
+    const auto end = Clock::now() + TIME;
+    while (Clock::now() < end) {
+        pollfd event = {discovery.descriptor(), POLLIN, 0};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        poll(&event, 1, static_cast<int>(left.count()));
+        discovery.receive([](const Discovery::Call&) { return false; });
+    }
+    for (const HeardDevice& device : discovery.devices()) {
         std::cout << printable(device.identity) << "  " << device.address << "  "
                   << printable(device.firmware) << '\n';
     }
-    if (devices.empty()) std::cerr << "guilink-viewer: no device searches for a companion\n";
-    return !devices.empty();
+    if (discovery.devices().empty())
+        std::cerr << "guilink-viewer: no device searches for a companion\n";
+    return !discovery.devices().empty();
 }
 
 }  // namespace guilink

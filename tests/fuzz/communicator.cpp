@@ -30,8 +30,7 @@ using namespace guilink::fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     static VeltraneCommunicator& communicator = *new VeltraneCommunicator("11111", "fw1.1");
-    // The main thread delivers the bytes of one connection, which lasts for the whole input. Every
-    // other thread delivers one piece from a new connection.
+    // A thread is a connection. One lasts for the whole input; every other delivers one piece.
     Bytes main_stream;
     Bytes* stream = nullptr;  // bytes of the connection that is sending
     communicator.SetMessageHandler([&](uint16_t type, const Bytes& payload) {
@@ -39,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
         require(memmem(stream->data(), stream->size(), said.data(), said.size()) != nullptr,
                 "a message is part of its connection's stream");
     });
-    for_each_piece(data, size, [&](unsigned char how, int times, const Bytes& chunk) {
+    const auto deliver = [&](unsigned char how, int times, const Bytes& chunk) {
         const auto say = [&](Bytes& own) {
             stream = &own;
             for (int i = 0; i < times; ++i) {
@@ -51,10 +50,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
         const auto other_caller = [&] {
             Bytes own;
             say(own);
-            communicator.OnConnectionEnd();
         };
         how& ANOTHER_CALLER ? std::thread(other_caller).join() : say(main_stream);
-    });
-    communicator.OnConnectionEnd();
+    };
+    std::thread([&] { for_each_piece(data, size, deliver); }).join();
     return 0;
 }

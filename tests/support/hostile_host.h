@@ -1,10 +1,14 @@
 // Hosts that answer discovery and then misbehave.
 #pragma once
 
+#include <netinet/ip.h>
+#include <netinet/udp.h>
+
 #include <atomic>
 #include <deque>
 #include <optional>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "tests/support/raw_companion.h"
@@ -73,6 +77,58 @@ class HostileHosts {
     const Manners m_manners;
     std::vector<RawCompanion> m_hosts;
     std::atomic<int> m_sweeps{0};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+// Answers the service under addresses that are not its own, from the network namespace in which it
+// is created.
+class ForgedAnswers {
+  public:
+    // Answers `per_second` times a second: under `good` eight times at first and then every
+    // hundredth time, else under 1000 addresses from 10.90.0.0 on.
+    ForgedAnswers(int per_second, const char* good)
+        : m_socket(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW)),
+          m_thread([this, per_second, victim = inet_addr(good)] {
+              const auto start = std::chrono::steady_clock::now();
+              for (int sent = 0; !m_stop; std::this_thread::sleep_for(1ms)) {
+                  const auto due = (std::chrono::steady_clock::now() - start) * per_second / 1s;
+                  for (; sent < due; ++sent) {
+                      const auto other = static_cast<uint32_t>(sent % 1000);
+                      const bool as_victim = sent < 8 || sent % 100 == 0;
+                      answer(as_victim ? victim : htonl(0x0A5A0000 + other));
+                  }
+              }
+          }) {}
+    ~ForgedAnswers() {
+        m_stop = true;
+        m_thread.join();
+    }
+
+  private:
+    void answer(uint32_t source) const {
+        constexpr auto& packet = NetworkUnit::acc_packet;
+        struct {
+            iphdr ip;
+            udphdr udp;
+            std::remove_cvref_t<decltype(packet)> payload;
+        } datagram = {};
+        datagram.ip.version = 4;
+        datagram.ip.ihl = sizeof datagram.ip / 4;
+        datagram.ip.ttl = 64;
+        datagram.ip.protocol = IPPROTO_UDP;
+        datagram.ip.saddr = source;
+        datagram.ip.daddr = inet_addr("10.77.0.1");
+        datagram.udp.source = htons(3152);
+        datagram.udp.dest = htons(3153);
+        datagram.udp.len = htons(sizeof datagram.udp + sizeof packet);
+        datagram.payload = packet;
+        const sockaddr_in device = ipv4("10.77.0.1", 0);
+        sendto(m_socket.fd(), &datagram, sizeof datagram.ip + sizeof datagram.udp + sizeof packet,
+               0, reinterpret_cast<const sockaddr*>(&device), sizeof device);
+    }
+
+    const Socket m_socket;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
