@@ -17,6 +17,9 @@ int sg_svc_register(const IpcProc* procedures, int32_t count, uint32_t program, 
     sigaction(SIGTERM, &action, nullptr);
 
     // Deliberate: never freed, because the library may still read the previous program's table.
+    // Without this pointer, leak detectors would report it.
+    [[gnu::used, maybe_unused]] static const IpcProcEntry* previous;
+    previous = sg_svc_info.procedures;
     sg_svc_info.count = count;
     sg_svc_info.procedures =
         static_cast<IpcProcEntry*>(std::malloc(static_cast<size_t>(count) * sizeof(IpcProcEntry)));
