@@ -39,12 +39,12 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
                 "a message is part of its connection's stream");
     });
     const auto deliver = [&](unsigned char how, int times, const Bytes& chunk) {
+        const auto close = [] {};
         const auto say = [&](Bytes& own) {
             stream = &own;
             for (int i = 0; i < times; ++i) {
                 own.insert(own.end(), chunk.begin(), chunk.end());
-                communicator.OnDataReceived(
-                    chunk.data(), chunk.size(), [] {}, how & DELIVER_ALL);
+                communicator.OnDataReceived(chunk.data(), chunk.size(), close, how & DELIVER_ALL);
             }
         };
         const auto other_caller = [&] {
