@@ -17,20 +17,13 @@ import time
 import unittest
 import zlib
 
+import numpy
+from selenium import webdriver
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.support.ui import WebDriverWait
 from support.service import end_service, start_service
-
-try:
-    import numpy
-    from selenium import webdriver
-    from selenium.webdriver.common.by import By
-    from selenium.webdriver.common.keys import Keys
-    from selenium.webdriver.chrome.service import Service
-    from selenium.webdriver.support.ui import WebDriverWait
-except ImportError:
-    webdriver = None
-if not webdriver or not shutil.which("chromedriver"):
-    print("page_test: skipped, it needs python3-numpy, python3-selenium and chromium-driver")
-    sys.exit(77)  # CTest reports this status as "skipped"
 
 BIN = pathlib.Path(sys.argv.pop(1)).resolve()
 ADDRESS = ("127.0.0.1", 8080)
