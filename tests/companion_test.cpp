@@ -200,11 +200,18 @@ TEST_F(CompanionTest, ReportsWhatBecomesOfAMessage) {
 TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
     const Socket one(SOCK_DGRAM, "127.0.0.1", 3153);
     const Socket other(SOCK_DGRAM, "127.0.0.2", 3153);
+    std::string firmware = "fw";  // shows which broadcast the companion has handled last
     const auto call = [&] {
         for (int i = 0; i < 3; ++i) {
+            firmware += '9';
             search(one, IDENTITY);
-            search(other, frame(IdentityMessage, bytes("22222fw9")));
+            search(other, frame(IdentityMessage, bytes("22222" + firmware)));
         }
+        EXPECT_TRUE(wait_until([&] {
+            const std::lock_guard lock(m_mutex);
+            return !m_devices.empty() &&
+                   m_devices[0].identity + m_devices[0].firmware == "22222" + firmware;
+        }));
     };
     call();
     EXPECT_TRUE(wait_until([this] { return status().several; }));
@@ -212,7 +219,6 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
     {
         const std::lock_guard lock(m_mutex);
         ASSERT_EQ(m_devices.size(), 2u);
-        EXPECT_EQ(m_devices[0].identity + m_devices[0].firmware, "22222fw9");
         EXPECT_EQ(m_devices[1].address, "127.0.0.1");
     }
     for (const std::string choice : {"22222", "127.0.0.1"}) {
