@@ -101,12 +101,17 @@ done
 echo 0 0 65536 >"/proc/$namespace/gid_map"
 sandbox() { nsenter --user --target $namespace "$here/../scripts/sandbox" "$0" --inside "$@"; }
 
-needs=libcairo2,libpng16-16,libturbojpeg0,libbenchmark1debian,fonts-dejavu-core,procps
-if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
+# The base is of this machine's release and contains what the packages depend on.
+release=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+needs=procps
+for package in "$packages"/guilink*_arm64.deb; do
+    needs+=,$(dpkg-deb --field "$package" Depends | sed 's/ ([^)]*)//g; s/ |[^,]*//g; s/ //g')
+done
+if [[ $(cat "$base/needs" 2>/dev/null) != "$release $needs" ]]; then
     rm -rf "$base" "$base.new"
-    debootstrap --foreign --arch=arm64 --variant=minbase --include=$needs bookworm "$base.new" >&2
+    debootstrap --foreign --arch=arm64 --variant=minbase "--include=$needs" "$release" "$base.new" >&2
     sandbox configure "$(realpath "$base.new")" >&2
-    echo $needs >"$base.new/needs"
+    echo "$release $needs" >"$base.new/needs"
     mv "$base.new" "$base"
 fi
 base=$(realpath "$base")

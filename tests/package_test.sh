@@ -44,12 +44,16 @@ packages=$(realpath "$1")
 base=$2
 ((EUID == 0)) || fail "cannot install packages into a throw-away system without root; run this with sudo"
 
-needs=systemd-sysv,libcairo2,libpng16-16,libturbojpeg0,libhwy1,libbenchmark1debian,fonts-dejavu-core
-needs+=,procps,python3-numpy,python3-pil,python3-websockets
-if [[ $(cat "$base/needs" 2>/dev/null) != "$needs" ]]; then
+# The base is of this machine's release and contains what the packages depend on.
+release=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+needs=systemd-sysv
+for package in "$packages"/*.deb; do
+    needs+=,$(dpkg-deb --field "$package" Depends | sed 's/ ([^)]*)//g; s/ |[^,]*//g; s/ //g')
+done
+if [[ $(cat "$base/needs" 2>/dev/null) != "$release $needs" ]]; then
     rm -rf "$base" "$base.new"
-    debootstrap --variant=minbase --include=$needs bookworm "$base.new" >&2
-    echo $needs >"$base.new/needs"
+    debootstrap --variant=minbase "--include=$needs" "$release" "$base.new" >&2
+    echo "$release $needs" >"$base.new/needs"
     mv "$base.new" "$base"
 fi
 base=$(realpath "$base")
