@@ -18,6 +18,8 @@
 #define ACQUIRE(...) GUILINK_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) GUILINK_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 
+namespace guilink {
+
 class CAPABILITY("mutex") Mutex {
   public:
     void lock() ACQUIRE() { m_mutex.lock(); }
@@ -41,3 +43,8 @@ class SCOPED_CAPABILITY Lock {
   private:
     std::unique_lock<Mutex> m_lock;
 };
+
+}  // namespace guilink
+
+using guilink::Lock;  // see wire/frame.h
+using guilink::Mutex;

@@ -7,8 +7,8 @@
 
 namespace guilink {
 
-void measure_checksum(const std::vector<Picture>& pictures) {
-    const Picture& noise = pictures.at(5);
+void measure_checksum(const std::vector<BenchPicture>& pictures) {
+    const BenchPicture& noise = pictures.at(5);
     const auto* const bytes = reinterpret_cast<const unsigned char*>(noise.pixels.data());
     for (const size_t length :
          {size_t{16}, size_t{256}, size_t{4096}, size_t{131072}, size_t{1048576}}) {

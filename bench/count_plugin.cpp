@@ -1,7 +1,6 @@
-// A plugin for qemu's user mode that counts the instructions of a program. The program sets marks
-// (see bench/mark.h) in pairs. For each pair, the plugin writes one line to standard error: how
-// many instructions the program has executed between the two marks. Debian does not package the
-// header of qemu's plugin interface (version 1), so this file declares the parts that it uses.
+// A plugin for qemu's user mode. For each pair of marks (bench/mark.h) that a program sets, writes
+// to standard error how many instructions it executed between them. Debian does not package the
+// header of qemu's plugin interface (version 1), so this file declares what it uses.
 #include <cstdint>
 #include <cstdio>
 

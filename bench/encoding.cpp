@@ -19,14 +19,14 @@ using Words = std::vector<uint16_t>;
 
 constexpr size_t ROOM = 0x400000;  // words; enough for any picture without reallocating
 
-std::string title(const Picture& picture, const std::string& name) {
+std::string title(const BenchPicture& picture, const std::string& name) {
     return picture.name + "/" + std::to_string(picture.width) + "x" +
            std::to_string(picture.height) + "/" + name;
 }
 
 // Measures code(pixels), with the pixels in the caches.
 template <class Code>
-void add(const Picture& picture, const std::string& name, Code code) {
+void add(const BenchPicture& picture, const std::string& name, Code code) {
     benchmark::RegisterBenchmark(
         title(picture, name).c_str(), [&picture, code](benchmark::State& state) {
             uint64_t result = 0;
@@ -39,10 +39,10 @@ void add(const Picture& picture, const std::string& name, Code code) {
         });
 }
 
-// Measures code(pixels) with cold caches: each call reads another copy of the pixels. All copies
-// together are three times as large as the last-level cache.
+// Measures code(pixels) with cold caches: each call reads another copy of the pixels, of which
+// there are three times as many as the last-level cache holds.
 template <class Code>
-void add_cold(const Picture& picture, const std::string& name, Code code) {
+void add_cold(const BenchPicture& picture, const std::string& name, Code code) {
     const auto cache = static_cast<size_t>(std::max(sysconf(_SC_LEVEL3_CACHE_SIZE), 8L << 20));
     benchmark::RegisterBenchmark(
         title(picture, name).c_str(), [=, &picture](benchmark::State& state) {
@@ -57,9 +57,9 @@ void add_cold(const Picture& picture, const std::string& name, Code code) {
 
 }  // namespace
 
-void measure_encoding(const std::vector<Picture>& pictures) {
+void measure_encoding(const std::vector<BenchPicture>& pictures) {
     static Words words(ROOM);
-    for (const Picture& picture : pictures) {
+    for (const BenchPicture& picture : pictures) {
         const auto encode = [&picture](const Words& pixels) {
             return EncodeImage(pixels.data(), picture.width, picture.height, words);
         };

@@ -1,7 +1,6 @@
-// guilink-instructions: runs each measured function once to warm up and once between a pair of
-// marks. Prints a line "NAME<tab>PIXELS" for each pair, in the order of the pairs. A mark is a call
-// of a system call that does not exist; bench/count_plugin.cpp counts the instructions between the
-// marks of each pair.
+// guilink-instructions: runs each measured function once to warm up and once between two marks,
+// calls of a system call that does not exist, and prints NAME<tab>PIXELS. bench/count_plugin.cpp
+// counts the instructions between the marks.
 #include <unistd.h>
 
 #include <cstring>
@@ -39,7 +38,7 @@ void known_loop() {
 #endif
 }
 
-void count_picture(const Picture& picture, const Words& pixels) {
+void count_picture(const BenchPicture& picture, const Words& pixels) {
     static Words words(ROOM);
     static std::vector<unsigned char> copy(picture.size());
     const std::string subject = picture.name + "/" + std::to_string(picture.width) + "x" +
@@ -64,7 +63,8 @@ int main() {
     count("nothing", 1, [] {});
     count("loop", 1, known_loop);
     for (const uint16_t width : {uint16_t{1280}, uint16_t{1024}}) {
-        for (const Picture& picture : draw_pictures(width, static_cast<uint16_t>(width * 3 / 4))) {
+        for (const BenchPicture& picture :
+             draw_pictures(width, static_cast<uint16_t>(width * 3 / 4))) {
             count_picture(picture, picture.pixels);
         }
     }

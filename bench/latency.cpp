@@ -17,9 +17,8 @@
 #include <utility>
 
 #include "bench/pictures.h"
-#include "devkit/companion/companion.h"
-#include "devkit/companion/image_decoder.h"
 #include "devkit/core/control_service.h"
+#include "guilink/companion.h"
 #include "link/com_lib_interface.h"
 #include "tests/support/socket.h"
 #include "wire/frame.h"
@@ -52,11 +51,11 @@ struct Arrival {
 // pixel (see Device::push).
 class Watch {
   public:
-    void take(const Companion::Payload& payload) {
+    void take(const SharedImage& image) {
         const auto received = Clock::now();
-        decode_image(*payload, m_image);
+        decode_image(*image, m_picture);
         const std::lock_guard lock(m_mutex);
-        m_arrivals.try_emplace(m_image.pixels.at(0), Arrival{received, Clock::now()});
+        m_arrivals.try_emplace(m_picture.pixels.at(0), Arrival{received, Clock::now()});
         m_changed.notify_all();
     }
     Arrival wait(uint16_t stamp) {
@@ -72,7 +71,7 @@ class Watch {
     }
 
   private:
-    Image m_image;  // used only by the companion's thread
+    Picture m_picture;  // used only by the companion's thread
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::map<uint16_t, Arrival> m_arrivals;
@@ -159,7 +158,7 @@ class Device {
   public:
     Device() : m_facade("11111", "fw1.1") {}
 
-    uint16_t push(Picture& picture) {
+    uint16_t push(BenchPicture& picture) {
         picture.pixels[0] = m_stamp = static_cast<uint16_t>(0x8000 | (m_stamp + 1));
         const std::shared_ptr<unsigned char> bytes(
             std::shared_ptr<void>(), reinterpret_cast<unsigned char*>(picture.pixels.data()));
@@ -172,7 +171,7 @@ class Device {
     uint16_t m_stamp = 0;
 };
 
-void link_up(Device& device, Watch& watch, Picture& picture) {
+void link_up(Device& device, Watch& watch, BenchPicture& picture) {
     const auto end = Clock::now() + LIMIT;
     while (watch.take_all().empty()) {
         if (Clock::now() > end) throw Missing("guilink-latency: no link within 30 s");
@@ -183,7 +182,7 @@ void link_up(Device& device, Watch& watch, Picture& picture) {
     watch.wait(device.push(picture));
 }
 
-void one_by_one(Device& device, Watch& watch, Picture& picture, const Report& report) {
+void one_by_one(Device& device, Watch& watch, BenchPicture& picture, const Report& report) {
     std::vector<double> received;
     std::vector<double> decoded;
     const auto end = Clock::now() + report.time();
@@ -201,7 +200,7 @@ void one_by_one(Device& device, Watch& watch, Picture& picture, const Report& re
 
 // Pushes frames at the full frame rate. Measures the age of each frame when the companion receives
 // it, and its age when the next frame replaces it.
-void flooded(Device& device, Watch& watch, Picture& picture, const Report& report) {
+void flooded(Device& device, Watch& watch, BenchPicture& picture, const Report& report) {
     Queue queue;
     std::map<uint16_t, Clock::time_point> pushed;
     const auto start = Clock::now();
@@ -247,7 +246,7 @@ void buttons(Companion& companion, ControlService& control, const Report& report
 }
 
 // Returns a picture with as many runs of one pixel as fit into a message (1 MiB).
-Picture largest(Picture blank) {
+BenchPicture largest(BenchPicture blank) {
     constexpr size_t RUNS =
         (MAX_SIZE - HEADER_SIZE) / 4 - 32;  // leaves room for the runs of the other, blank pixels
     for (size_t i = 0; i < RUNS; ++i) blank.pixels[i] = i % 2 == 0 ? 0xF123 : 0xFABC;
@@ -264,16 +263,17 @@ int run(int argc, char** argv) {
     ControlService control;
     Watch watch;
     std::atomic<int> lost{0};
-    Companion companion({.status = [&](const LinkStatus& status) { lost += !status.linked; },
-                         .image = [&](const Companion::Payload& payload) { watch.take(payload); },
-                         .text = {}});
+    Companion companion({
+        .status = [&](const LinkStatus& status) { lost += !status.linked; },
+        .image = [&](const SharedImage& image) { watch.take(image); },
+    });
     Device device;
-    std::vector<Picture> pictures = draw_pictures(1280, 960);
+    std::vector<BenchPicture> pictures = draw_pictures(1280, 960);
     // Noise, the last picture, is too large for a message. Replace it with the largest picture that
     // fits.
     pictures.back() = largest(pictures.front());
     link_up(device, watch, pictures.front());
-    for (Picture& picture : pictures) {
+    for (BenchPicture& picture : pictures) {
         if (argc > 3 && picture.name != argv[3]) continue;
         const int before = lost;
         try {

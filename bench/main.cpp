@@ -8,8 +8,8 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
 
-    std::vector<guilink::Picture> pictures = guilink::draw_pictures(1280, 960);
-    for (guilink::Picture& small : guilink::draw_pictures(1024, 768)) {
+    std::vector<guilink::BenchPicture> pictures = guilink::draw_pictures(1280, 960);
+    for (guilink::BenchPicture& small : guilink::draw_pictures(1024, 768)) {
         pictures.push_back(std::move(small));
     }
     guilink::measure_encoding(pictures);

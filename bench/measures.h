@@ -9,9 +9,9 @@
 namespace guilink {
 
 // The pictures must outlive the benchmarks.
-void measure_encoding(const std::vector<Picture>& pictures);
-void measure_checksum(const std::vector<Picture>& pictures);
+void measure_encoding(const std::vector<BenchPicture>& pictures);
+void measure_checksum(const std::vector<BenchPicture>& pictures);
 void measure_reassembly();
-void measure_whole_frame(const std::vector<Picture>& pictures);
+void measure_whole_frame(const std::vector<BenchPicture>& pictures);
 
 }  // namespace guilink

@@ -49,8 +49,7 @@ void measure(const char* name, Copy copy, const unsigned char* from, size_t size
     std::fflush(stdout);
 }
 
-// Runs in a child process, because a plain load from device memory can raise a signal that kills
-// the process.
+// In a child process, because a plain load from device memory can raise a signal.
 void measure_plain_reads(const unsigned char* from, size_t size) {
     const pid_t child = fork();
     if (child == 0) {

@@ -5,9 +5,8 @@
 
 namespace guilink {
 
-// `region` is the text "ADDRESS:SIZE"; both numbers are decimal or hexadecimal. Reads SIZE bytes of
-// physical memory at ADDRESS as the service reads a frame, and prints the rates of plain and of
-// wide loads. Writes nothing to that memory. Returns the exit status.
+// Reads a region of physical memory, "ADDRESS:SIZE" in decimal or hexadecimal, as the service reads
+// a frame, and prints the rates of plain and of wide loads. Returns the exit status.
 int measure_memory(const std::string& region);
 
 }  // namespace guilink

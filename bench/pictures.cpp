@@ -18,19 +18,19 @@ void draw_text(Canvas& canvas) {
 
 }  // namespace
 
-std::vector<Picture> draw_pictures(uint16_t width, uint16_t height) {
+std::vector<BenchPicture> draw_pictures(uint16_t width, uint16_t height) {
     Canvas canvas(width, height);
     const Gui gui("11111");
     const Moment moment = {.frame = 1, .seconds = 1, .clock = "12:00:00"};
     const auto blank = [&](const std::string& name) {
-        return Picture{name, width, height, std::vector<uint16_t>(size_t{width} * height)};
+        return BenchPicture{name, width, height, std::vector<uint16_t>(size_t{width} * height)};
     };
     const auto drawn = [&](const std::string& name, Scene scene) {
-        Picture picture = blank(name);
+        BenchPicture picture = blank(name);
         draw_scene(scene, gui, canvas, moment, picture.pixels);
         return picture;
     };
-    std::vector<Picture> pictures = {
+    std::vector<BenchPicture> pictures = {
         blank("blank"), drawn("overlay", Scene::overlay),   drawn("menu", Scene::menu),
         blank("text"),  drawn("gradient", Scene::gradient), blank("noise")};
     draw_text(canvas);

@@ -8,7 +8,7 @@
 
 namespace guilink {
 
-struct Picture {
+struct BenchPicture {
     std::string name;
     uint16_t width;
     uint16_t height;
@@ -19,6 +19,6 @@ struct Picture {
 
 // Returns the pictures blank, overlay, menu, text, gradient and noise, in this order. Every call
 // returns the same pixels.
-std::vector<Picture> draw_pictures(uint16_t width, uint16_t height);
+std::vector<BenchPicture> draw_pictures(uint16_t width, uint16_t height);
 
 }  // namespace guilink

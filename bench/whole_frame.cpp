@@ -1,6 +1,5 @@
-// Measures the processor time that the service needs to copy and encode a picture, complete the
-// frame, and send the frame over loopback. Also measures the same work with the reference encoder
-// and the reference checksum.
+// Measures the processor time of all that the service does for a frame, sent over loopback, and of
+// the same work with the reference encoder and the reference checksum.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
@@ -70,7 +69,7 @@ class DrainedConnection {
     std::thread m_drain;
 };
 
-void with_service_code(benchmark::State& state, const Picture& picture) {
+void with_service_code(benchmark::State& state, const BenchPicture& picture) {
     const DrainedConnection connection;
     Words front(picture.pixels.size());
     Words frame(HEADER_SIZE / 2 + 0x100000);
@@ -82,7 +81,7 @@ void with_service_code(benchmark::State& state, const Picture& picture) {
     }
 }
 
-void with_reference_code(benchmark::State& state, const Picture& picture) {
+void with_reference_code(benchmark::State& state, const BenchPicture& picture) {
     const DrainedConnection connection;
     Words front(picture.pixels.size());
     Words words(0x100000);
@@ -104,8 +103,8 @@ void with_reference_code(benchmark::State& state, const Picture& picture) {
 
 }  // namespace
 
-void measure_whole_frame(const std::vector<Picture>& pictures) {
-    for (const Picture& picture : pictures) {
+void measure_whole_frame(const std::vector<BenchPicture>& pictures) {
+    for (const BenchPicture& picture : pictures) {
         if (picture.name != "menu" && picture.name != "overlay") continue;
         const std::string subject = "frame-" + picture.name + "-" + std::to_string(picture.width);
         benchmark::RegisterBenchmark((subject + "/service").c_str(),

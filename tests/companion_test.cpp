@@ -5,9 +5,8 @@
 #include <atomic>
 #include <optional>
 
-#include "devkit/companion/companion.h"
 #include "devkit/companion/frame_reader.h"
-#include "devkit/companion/image_decoder.h"
+#include "guilink/companion.h"
 #include "tests/support/raw_companion.h"
 
 namespace guilink {
@@ -47,13 +46,13 @@ TEST(FrameReader, FindsFramesHoweverTheyAreDamagedOrSplit) {
     EXPECT_EQ(read_in_pieces(frame(DataMessage, largest), 65536).size(), 1u);
 }
 
-TEST(ImageDecoder, RefusesWhatIsNoCompleteImage) {
-    Image image;
+TEST(DecodeImage, RefusesWhatIsNoCompleteImage) {
+    Picture picture;
     for (const Bytes& damaged :
          {Bytes{}, payload({1}), payload({0, 5}), payload({65535, 65535, 65535, 1}),
           payload({4, 1, 4, 0x8000}), payload({4, 1, 2, 0x8000}), payload({4, 1, 3}),
           payload({4, 1, 65535, 0x8000, 1, 0x8000}), payload({1, 1, 1, 0x8000})}) {
-        EXPECT_THROW(decode_image(damaged, image), std::runtime_error);
+        EXPECT_THROW(decode_image(damaged, picture), std::runtime_error);
     }
 }
 
@@ -119,7 +118,7 @@ class CompanionTest : public testing::Test {
     std::optional<Socket> m_search;  // socket that sent the last broadcast
     std::mutex m_mutex;
     LinkStatus m_status;
-    std::vector<HeardDevice> m_devices;
+    std::vector<SearchingDevice> m_devices;
     std::function<void()> m_on_image = [] {};
     Companion m_companion{{[this](const LinkStatus& status) {
                                const std::lock_guard lock(m_mutex);
@@ -127,7 +126,7 @@ class CompanionTest : public testing::Test {
                            },
                            [this](const auto&) { m_on_image(); },
                            {},
-                           [this](const std::vector<HeardDevice>& devices) {
+                           [this](const std::vector<SearchingDevice>& devices) {
                                const std::lock_guard lock(m_mutex);
                                m_devices = devices;
                            }}};
@@ -233,7 +232,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
 
     // The companion must stay with this device, although the device's identity changes.
     Socket device = connect_from("127.0.0.1");
-    device.write(frame(IdentityMessage, bytes("33333fw9")));
+    device.write(frame(IdentityMessage, bytes("33333fw9")) + frame(ImageMessage));
     EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
     device.reset();
     EXPECT_TRUE(wait_until([this] { return status().wanted == "33333"; }));
@@ -270,7 +269,7 @@ TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
         std::this_thread::sleep_for(5ms);
     }
     EXPECT_LT(queued, TOO_MANY);
-    EXPECT_FALSE(m_companion.send_text(std::string(Companion::MAX_TEXT + 1, 'x')));
+    EXPECT_FALSE(m_companion.send_text(std::string(Companion::max_text + 1, 'x')));
     for (size_t i = 0; i < queued; ++i) {
         ASSERT_EQ(next_payload(device, DataMessage), bytes(text(i)));
     }

@@ -5,6 +5,7 @@ docs/link-protocol.md, and the golden files must be up to date.
 import json
 import os
 import re
+import signal
 import subprocess
 import sys
 import warnings
@@ -32,7 +33,7 @@ def conform(*arguments, within=()):
     for case in verdicts["cases"]:
         if case["verdict"] == "passed" and case["attempts"] > 1:
             warnings.warn(f"started again: {case['name']}, attempt {case['attempts']}")  # scripts/test looks for this
-    assert done.returncode == (1 if verdicts["counts"]["failed"] else 0)
+    assert done.returncode == (1 if verdicts["counts"]["failed"] + verdicts["counts"]["restarted"] else 0)
     return verdicts
 
 
@@ -92,6 +93,32 @@ def test_right_device_is_not_blamed():
     assert verdicts["counts"]["passed"] == len(verdicts["cases"]), verdicts
     open_rules = {rule for rule, verdict in verdicts["rules"].items() if verdict["verdict"] != "passed"}
     assert open_rules == {"PICT-12", "PRESS-5", "TIME-11"}
+
+
+@pytest.mark.parametrize("name, cases, verdict, rule", [
+    ("dies of half a header", ["frame_byte_by_byte"], "failed", "LINK-10"),
+    ("leaves inside a frame", ["frame_byte_by_byte"], "failed", "FRAME-4"),
+    ("dies of the first reset", ["link_ends_in_every_way"], "failed", "LINK-10"),
+    ("dies of the first end", ["keeps_the_link_alive", "repeats_its_request"], "failed", "LINK-10"),
+    ("serves four connections", ["keeps_the_link_alive", "repeats_its_request", "answers_a_broadcast",
+                                 "damaged_image_is_no_link", "late_broadcast"], "restarted", "LINK-3"),
+])
+def test_no_crash_is_forgiven_and_no_run_lasts_for_ever(name, cases, verdict, rule, tmp_path):
+    options = [word for case in cases for word in ("-k", case)]
+    verdicts = companion(name, tmp_path, *options)
+    found = [(case["verdict"], case["rule"]) for case in verdicts["cases"] if case["rule"]]
+    assert found == [(verdict, rule)], verdicts
+
+
+def test_interrupted_run_writes_its_reports(tmp_path):
+    command = [sys.executable, "-m", "guilink", "conform", "companion", "--report", tmp_path / "report.json", "--",
+               sys.executable, "-B", SUPPORT / "wrong_companion.py", "right", tmp_path / "picture.png"]
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as kit:
+        assert any("[ 2/" in line for line in kit.stdout)
+        kit.terminate()
+        assert " passed\n" in kit.stdout.read() and kit.wait() == 128 + signal.SIGTERM
+    cases = json.loads((tmp_path / "report.json").read_text())["cases"]
+    assert cases and all(case["verdict"] == "passed" for case in cases)
 
 
 def test_companion_that_does_not_start_is_an_error():

@@ -1,5 +1,6 @@
-"""Tests the documents: their links, the files that they name, and the README's figures. Each figure must stand in
-docs/performance.md or docs/reliability.md, word for word, with the command that measures it."""
+"""Tests the documents: their links, the files that they name, the names of the code in docs/architecture.md, and the
+README's figures. Each figure must stand in docs/performance.md or docs/reliability.md, word for word, with the command
+that measures it."""
 import pathlib
 import re
 import sys
@@ -30,6 +31,17 @@ def faults(path):
             yield f"{name} does not exist"
 
 
+def unknown_names(text):
+    """Yields each identifier in the text that occurs nowhere in the C++ sources."""
+    words = set()
+    for pattern in "*/*.h", "*/*.cpp", "devkit/*/*.h", "devkit/*/*.cpp":
+        for source in ROOT.glob(pattern):
+            words.update(re.findall(r"\w+", source.read_text("utf-8")))
+    for name in set(re.findall(r"`([A-Za-z_][\w:]*)`", text) + re.findall(r"\w+::\w+", text)):
+        if not words.issuperset(re.findall(r"\w+", name)):
+            yield f"{name} does not occur in the sources"
+
+
 def unsupported(readme):
     """Yields each figure of the README that no row of the two documents repeats together with a command."""
     rows = [line for name in ("performance", "reliability")
@@ -49,5 +61,7 @@ def unsupported(readme):
 
 
 found = [f"{path.relative_to(ROOT)}: {fault}" for path in DOCUMENTS for fault in faults(path)]
+found += [f"docs/architecture.md: {fault}"
+          for fault in unknown_names((ROOT / "docs/architecture.md").read_text("utf-8"))]
 found += [f"README.md: {fault}" for fault in unsupported((ROOT / "README.md").read_text("utf-8"))]
 sys.exit("\n".join(found) or 0)

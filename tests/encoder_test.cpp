@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "devkit/companion/image_decoder.h"
+#include "guilink/companion.h"
 #include "protocol/image.h"
 #include "tests/support/literal_encoder.h"
 
@@ -87,14 +87,14 @@ class Encoder : public ::testing::Test {
         }
 
         const auto* const payload = reinterpret_cast<const unsigned char*>(m_expected.data());
-        decode_image({payload, bytes}, m_image);
-        if (m_image.width != width || m_image.height != height) return "size";
+        decode_image({payload, payload + bytes}, m_picture);
+        if (m_picture.width != width || m_picture.height != height) return "size";
         m_shown = pixels;
         for (size_t i = 1; i < m_shown.size(); ++i) {
             if (m_shown[i] <= 0x0FFF) m_shown[i] = 0;
         }
         m_shown.back() = m_shown.size() > 1 ? m_shown[m_shown.size() - 2] : uint16_t{0};
-        if (m_image.pixels != m_shown) return "decoded pixels";
+        if (m_picture.pixels != m_shown) return "decoded pixels";
         if (in_python) {
             const uint32_t sizes[] = {static_cast<uint32_t>(bytes), uint32_t{width} * height};
             std::fwrite(sizes, sizeof sizes, 1, m_python);
@@ -110,7 +110,7 @@ class Encoder : public ::testing::Test {
     Words m_expected;
     Words m_words;
     Words m_shown;
-    Image m_image;
+    Picture m_picture;
 };
 
 class EncoderFrom : public Encoder, public ::testing::WithParamInterface<uint16_t> {};

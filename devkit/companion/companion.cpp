@@ -1,17 +1,33 @@
-#include "devkit/companion/companion.h"
+// The companion holds back presses and texts as long as the device might drop them:
+// - The device drops everything that it reads together with a connect request. So the companion
+//   sends a second connect request and then an identity request, and waits for the identity.
+// - The device ignores a connect request that arrives before the connection is in the device's list
+//   of candidates. So the companion waits until the connection is the link.
+#include "guilink/companion.h"
 
-#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <deque>
+#include <list>
+#include <optional>
+#include <span>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
+#include "base/mutex.h"
+#include "devkit/companion/connection.h"
+#include "devkit/companion/descriptor.h"
+#include "devkit/companion/discovery.h"
 #include "wire/frame.h"
 #include "wire/ports.h"
 
@@ -22,98 +38,170 @@ namespace guilink {
 namespace {
 
 constexpr auto REQUEST_INTERVAL = 50ms;  // between connect requests, until linked
-// After this number of connect requests, the companion sends presses and texts even if no image has
-// arrived.
+// After this number of connect requests, a connection counts as the link even if no image has
+// arrived: the device may draw nothing.
 constexpr unsigned REQUESTS_WITHOUT_IMAGE = 4;
 // If the device gets no keep-alive for 2 s, it sends no new images.
 constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
-constexpr auto SILENCE = 1s;           // after this silence, ask the device for its identity
-constexpr auto TIMEOUT = 3s;           // after this silence, close the connection
+constexpr auto ASK_AFTER = 1s;         // of silence: ask the device for its identity
+constexpr auto CLOSE_AFTER = 3s;       // of silence: close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
 constexpr size_t MAX_WAITING = 256;    // queued messages
 constexpr size_t MAX_ANSWERED = 64;    // addresses that may connect
 
-int listen_for_devices(const NetSocket<>& listener) {
+int listening_socket() {
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const int on = 1;
-    setsockopt(listener.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in any = {};
     any.sin_family = AF_INET;
     any.sin_port = htons(LINK_PORT);
-    if (bind(listener.descriptor(), reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0 ||
-        listen(listener.descriptor(), SOMAXCONN) != 0) {
-        throw std::runtime_error(
-            "cannot listen on TCP port 8399: " + std::string(std::strerror(errno)) +
-            "; is another viewer running?");
+    if (bind(descriptor, reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0 ||
+        listen(descriptor, SOMAXCONN) != 0) {
+        const int why = errno;
+        close(descriptor);
+        throw std::runtime_error("cannot listen on TCP port 8399: " +
+                                 std::string(std::strerror(why)) + "; is another viewer running?");
     }
-    return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-}
-
-std::string dotted(uint32_t address) {
-    char text[INET_ADDRSTRLEN];
-    return inet_ntop(AF_INET, &address, text, sizeof text);
+    return descriptor;
 }
 
 }  // namespace
 
-Companion::Companion(Handlers handlers, std::string device)
-    : m_handlers(std::move(handlers)),
-      m_listener(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0),
-      m_wake(listen_for_devices(m_listener)),
-      m_device(std::move(device)),
-      m_status(unlinked()),
-      m_thread(&Companion::run, this) {}
+class Companion::Impl {
+  public:
+    Impl(Handlers handlers, std::string device);
+    ~Impl();
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
 
-Companion::~Companion() {
-    m_stop = true;
-    eventfd_write(m_wake, 1);
-    m_thread.join();
-    close(m_wake);
-}
+    struct Message {
+        uint16_t type;
+        std::vector<unsigned char> payload;
+        DeliveryHandler delivered;  // may be empty
+    };
+    bool enqueue(Message message);
+    void choose(std::string device);
+
+  private:
+    using Clock = Connection::Clock;
+    struct Sent {
+        uint64_t identity_request;  // number of the request whose answer confirms the message
+        DeliveryHandler delivered;
+    };
+
+    void run();
+    void wait();
+    void receive_broadcasts();
+    bool wants(const Discovery::Broadcast& broadcast);
+    void take_choice();
+    void accept_connection();
+    void take_frame(Connection& from, uint16_t type, std::span<const unsigned char> payload);
+    void use(Connection& connection);
+    void update_status();
+    bool linked() const;
+    void send_what_is_due(Connection& connection);
+    static void ask(Connection& connection);
+    void send_waiting();
+    void refuse_waiting();
+    void end_sent(uint64_t last_identity_request, Delivery delivery);
+    void drop_ended();
+    LinkStatus unlinked() const;
+    void report();
+
+    const Handlers m_handlers;
+    Discovery m_discovery;  // used only by the companion's thread
+    const Descriptor m_listener;
+    const Descriptor m_wake;  // eventfd that wakes the companion's thread
+
+    // Used only by the companion's thread.
+    std::string m_device;                 // identity or address of the chosen device, or empty
+    LinkStatus m_last;                    // the device of m_used; kept after that connection ends
+    std::deque<uint32_t> m_answered;      // addresses that may connect; network byte order
+    std::deque<Sent> m_sent;              // messages that were sent, but are not confirmed yet
+    std::list<Connection> m_connections;  // oldest first
+    // The newest of m_connections on which a valid message has arrived, or null. A candidate, or
+    // the link.
+    Connection* m_used = nullptr;
+    LinkStatus m_status;
+    Clock::time_point m_next_accept = {};
+
+    Mutex m_waiting_mutex;
+    std::deque<Message> m_waiting GUARDED_BY(m_waiting_mutex);
+    // The argument of `choose`, until the companion's thread has applied it.
+    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);
+
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+Companion::Companion(Handlers handlers, std::string device)
+    : m_impl(std::make_unique<Impl>(std::move(handlers), std::move(device))) {}
+
+Companion::~Companion() = default;
 
 bool Companion::press(uint8_t button, DeliveryHandler delivered) {
-    return enqueue({ButtonMessage, {button}, std::move(delivered)});
+    return m_impl->enqueue({ButtonMessage, {button}, std::move(delivered)});
 }
 
 bool Companion::send_text(const std::string& text, DeliveryHandler delivered) {
-    return text.size() <= MAX_TEXT &&
-           enqueue({DataMessage, {text.begin(), text.end()}, std::move(delivered)});
+    return text.size() <= max_text &&
+           m_impl->enqueue({DataMessage, {text.begin(), text.end()}, std::move(delivered)});
 }
 
 void Companion::choose(std::string device) {
+    m_impl->choose(std::move(device));
+}
+
+Companion::Impl::Impl(Handlers handlers, std::string device)
+    : m_handlers(std::move(handlers)),
+      m_listener(listening_socket()),
+      m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      m_device(std::move(device)),
+      m_status(unlinked()),
+      m_thread(&Impl::run, this) {}
+
+Companion::Impl::~Impl() {
+    m_stop = true;
+    eventfd_write(m_wake.get(), 1);
+    m_thread.join();
+}
+
+void Companion::Impl::choose(std::string device) {
     {
         const Lock lock(m_waiting_mutex);
         m_choice = std::move(device);
     }
-    eventfd_write(m_wake, 1);
+    eventfd_write(m_wake.get(), 1);
 }
 
-bool Companion::enqueue(Message message) {
+bool Companion::Impl::enqueue(Message message) {
     {
         const Lock lock(m_waiting_mutex);
         if (m_waiting.size() == MAX_WAITING) return false;
         m_waiting.push_back(std::move(message));
     }
-    eventfd_write(m_wake, 1);
+    eventfd_write(m_wake.get(), 1);
     return true;
 }
 
-void Companion::run() {
+void Companion::Impl::run() {
     pthread_setname_np(pthread_self(), "companion");
     if (!m_device.empty()) report();
     while (!m_stop) {
         wait();
         take_choice();
-        for (Connection& connection : m_connections) talk(connection);
+        for (Connection& connection : m_connections) send_what_is_due(connection);
         send_waiting();
         drop_ended();
     }
 }
 
 // Waits for events, at most REQUEST_INTERVAL, and processes what has arrived.
-void Companion::wait() {
-    std::vector<pollfd> events = {{m_wake, POLLIN, 0},
+void Companion::Impl::wait() {
+    std::vector<pollfd> events = {{m_wake.get(), POLLIN, 0},
                                   {m_discovery.descriptor(), POLLIN, 0},
-                                  {m_listener.descriptor(), POLLIN, 0}};
+                                  {m_listener.get(), POLLIN, 0}};
     if (Clock::now() < m_next_accept) events[2].events = 0;
     for (const Connection& connection : m_connections) {
         const bool writes = connection.wants_to_write();
@@ -124,7 +212,7 @@ void Companion::wait() {
          static_cast<int>(std::chrono::milliseconds(REQUEST_INTERVAL).count()));
 
     eventfd_t ignored;
-    if (events[0].revents != 0) eventfd_read(m_wake, &ignored);
+    if (events[0].revents != 0) eventfd_read(m_wake.get(), &ignored);
     // Read broadcasts before accepting a connection, because accept_connection rejects a device
     // whose broadcast has not been answered. A device broadcasts before it connects, but the poll
     // above may have seen only the connection.
@@ -141,31 +229,32 @@ void Companion::wait() {
     if (events[2].revents != 0) accept_connection();
 }
 
-void Companion::receive_broadcasts() {
+void Companion::Impl::receive_broadcasts() {
     const bool several = m_status.several;
-    const bool called = m_discovery.receive([this](const Discovery::Call& call) {
-        if (!wants(call)) return false;
-        std::erase(m_answered, call.address);
-        m_answered.push_back(call.address);
+    const bool heard = m_discovery.receive([this](const Discovery::Broadcast& broadcast) {
+        if (!wants(broadcast)) return false;
+        std::erase(m_answered, broadcast.address);
+        m_answered.push_back(broadcast.address);
         if (m_answered.size() > MAX_ANSWERED) m_answered.pop_front();
         return true;
     });
-    if (called && m_handlers.devices) m_handlers.devices(m_discovery.devices());
+    if (heard && m_handlers.devices) m_handlers.devices(m_discovery.devices());
     if (m_status.several != several) report();
 }
 
-bool Companion::wants(const Discovery::Call& call) {
-    if (m_link != nullptr) return call.address == m_link->address();
-    const auto is_called = [&](const std::string& name) {
-        return !name.empty() && (name == call.device.identity || name == call.device.address);
+bool Companion::Impl::wants(const Discovery::Broadcast& broadcast) {
+    if (m_used != nullptr) return broadcast.address == m_used->address();
+    const auto is_named = [&](const std::string& name) {
+        return !name.empty() &&
+               (name == broadcast.device.identity || name == broadcast.device.address);
     };
-    if (is_called(m_last.identity) || is_called(m_last.address)) return true;
-    if (!m_status.wanted.empty()) return is_called(m_device);
-    m_status.several = call.callers_since.value_or(0) > 0;
-    return call.callers_since == 0u;
+    if (is_named(m_last.identity) || is_named(m_last.address)) return true;
+    if (!m_status.wanted.empty()) return is_named(m_device);
+    m_status.several = broadcast.others_since.value_or(0) > 0;
+    return broadcast.others_since == 0u;
 }
 
-void Companion::take_choice() {
+void Companion::Impl::take_choice() {
     bool same_choice = false;
     {
         const Lock lock(m_waiting_mutex);
@@ -175,28 +264,28 @@ void Companion::take_choice() {
         m_choice.reset();
     }
     // If the device has not sent its identity yet, repeating the choice must not drop the new link.
-    const bool chosen = (same_choice && m_status.identity.empty()) ||
-                        m_device == m_status.address || m_device == m_status.identity;
-    if (m_link != nullptr && chosen) return;
+    const bool chosen = (same_choice && m_last.identity.empty()) || m_device == m_last.address ||
+                        m_device == m_last.identity;
+    if (m_used != nullptr && chosen) return;
     m_last = {};
     m_answered.clear();
     for (Connection& connection : m_connections) connection.end();
-    if (m_link != nullptr) return;  // drop_ended will report the status
+    if (m_used != nullptr) return;  // drop_ended will report the status
     m_status = unlinked();
     report();
 }
 
-void Companion::accept_connection() {
+void Companion::Impl::accept_connection() {
     sockaddr_in device = {};
     socklen_t size = sizeof device;
-    const int descriptor = accept4(m_listener.descriptor(), reinterpret_cast<sockaddr*>(&device),
-                                   &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int descriptor = accept4(m_listener.get(), reinterpret_cast<sockaddr*>(&device), &size,
+                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (descriptor < 0) {  // out of descriptors: wait instead of spinning
         m_next_accept = Clock::now() + REQUEST_INTERVAL;
         return;
     }
     const uint32_t address = device.sin_addr.s_addr;
-    const bool expected = m_link != nullptr ? m_link->address() == address
+    const bool expected = m_used != nullptr ? m_used->address() == address
                                             : std::ranges::count(m_answered, address) > 0;
     if (!expected) {
         close(descriptor);
@@ -205,38 +294,35 @@ void Companion::accept_connection() {
     m_connections.emplace_back(descriptor, address);
     if (m_connections.size() > MAX_CONNECTIONS) {
         const auto oldest = std::ranges::find_if(
-            m_connections, [this](const Connection& connection) { return &connection != m_link; });
+            m_connections, [this](const Connection& connection) { return &connection != m_used; });
         m_connections.erase(oldest);
     }
 }
 
-void Companion::take_frame(Connection& from, uint16_t type,
-                           std::span<const unsigned char> payload) {
+void Companion::Impl::take_frame(Connection& from, uint16_t type,
+                                 std::span<const unsigned char> payload) {
     switch (type) {
         case IdentityMessage: {
             if (payload.size() < ID_SIZE) return;
-            take_as_link(from);
+            use(from);
             if (from.answered < from.asked) ++from.answered;
             const std::string text(payload.begin(), payload.end());
-            if (text != m_status.identity + m_status.firmware) {
-                m_status.identity = text.substr(0, ID_SIZE);
-                m_status.firmware = text.substr(ID_SIZE);
-                m_last = m_status;
-                report();
-            }
+            m_last.identity = text.substr(0, ID_SIZE);
+            m_last.firmware = text.substr(ID_SIZE);
+            update_status();
             end_sent(from.answered, Delivery::confirmed);
             return;
         }
         case ImageMessage:
-            take_as_link(from);
+            use(from);
             from.image_seen = true;
+            update_status();
             if (m_handlers.image) {
-                m_handlers.image(std::make_shared<const std::vector<unsigned char>>(payload.begin(),
-                                                                                    payload.end()));
+                m_handlers.image(std::make_shared<const Image>(payload.begin(), payload.end()));
             }
             return;
         case DataMessage:
-            take_as_link(from);
+            use(from);
             if (m_handlers.text) m_handlers.text({payload.begin(), payload.end()});
             return;
         default:
@@ -244,28 +330,41 @@ void Companion::take_frame(Connection& from, uint16_t type,
     }
 }
 
-// Called when a connection delivers a message. Makes this connection the link and ends all other
-// connections. If one of these was the link, the device has dropped it, because the device now uses
-// the new connection.
-void Companion::take_as_link(Connection& connection) {
-    if (m_link == &connection) return;
+// Called when a connection delivers a message. Ends all other connections, even the link: if the
+// device has connected again, it has dropped the link.
+void Companion::Impl::use(Connection& connection) {
+    if (m_used == &connection) return;
     for (Connection& other : m_connections) {
         if (&other != &connection) other.end();
     }
     end_sent(UINT64_MAX, Delivery::unknown);
-    m_link = &connection;
-    m_status = {};
-    m_status.linked = true;
-    m_status.address = dotted(connection.address());
-    m_last = m_status;
+    m_used = &connection;
+    m_status = {};  // so that every new link is reported
+    m_last = {};
+    m_last.linked = true;
+    m_last.address = dotted(connection.address());
+}
+
+bool Companion::Impl::linked() const {
+    return m_used != nullptr &&
+           (m_used->image_seen ||
+            (m_used->answered > 0 && m_used->requests >= REQUESTS_WITHOUT_IMAGE));
+}
+
+void Companion::Impl::update_status() {
+    if (!linked()) return;
+    if (m_status.linked && m_status.address == m_last.address &&
+        m_status.identity == m_last.identity && m_status.firmware == m_last.firmware)
+        return;
+    m_status = m_last;
     report();
 }
 
-void Companion::talk(Connection& connection) {
+void Companion::Impl::send_what_is_due(Connection& connection) {
     const auto now = Clock::now();
     const auto silence = now - connection.last_received();
-    if (silence > TIMEOUT) connection.end();
-    if (connection.ended() || now < connection.next_words) return;
+    if (silence > CLOSE_AFTER) connection.end();
+    if (connection.ended() || now < connection.next_send) return;
 
     if (!connection.image_seen || connection.answered == 0) {
         connection.send(ConnectRequest);
@@ -275,28 +374,28 @@ void Companion::talk(Connection& connection) {
     const bool ready = connection.answered > 0;
     // Repeat the identity request while a message is unconfirmed, because the answer may have been
     // lost.
-    const bool unconfirmed = &connection == m_link && !m_sent.empty();
-    if (connection.requests > 1 && (!ready || unconfirmed || silence > SILENCE)) ask(connection);
-    connection.next_words = now + (ready ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
+    const bool unconfirmed = &connection == m_used && !m_sent.empty();
+    if (connection.requests > 1 && (!ready || unconfirmed || silence > ASK_AFTER)) ask(connection);
+    if (&connection == m_used) update_status();
+    connection.next_send = now + (ready && linked() ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
 }
 
-void Companion::ask(Connection& connection) {
+void Companion::Impl::ask(Connection& connection) {
     connection.send(IdentityRequest);
     ++connection.asked;
 }
 
 // Sends queued messages until the socket accepts no more. The remaining messages stay queued.
-void Companion::send_waiting() {
-    if (m_link == nullptr || m_link->ended()) return refuse_waiting();
-    if (m_link->answered == 0) return;
-    if (!m_link->image_seen && m_link->requests < REQUESTS_WITHOUT_IMAGE) return;
+void Companion::Impl::send_waiting() {
+    if (m_used == nullptr || m_used->ended()) return refuse_waiting();
+    if (m_used->answered == 0 || !linked()) return;
     const Lock lock(m_waiting_mutex);
-    while (!m_waiting.empty() && !m_link->wants_to_write() && !m_link->ended()) {
+    while (!m_waiting.empty() && !m_used->wants_to_write() && !m_used->ended()) {
         Message& message = m_waiting.front();
-        m_link->send(message.type, message.payload);
+        m_used->send(message.type, message.payload);
         if (message.delivered) {
-            ask(*m_link);
-            m_sent.push_back({m_link->asked, std::move(message.delivered)});
+            ask(*m_used);
+            m_sent.push_back({m_used->asked, std::move(message.delivered)});
         }
         m_waiting.pop_front();
     }
@@ -304,7 +403,7 @@ void Companion::send_waiting() {
 
 // Refuses the queued messages that have a delivery handler. Messages without a handler stay queued
 // until there is a link.
-void Companion::refuse_waiting() {
+void Companion::Impl::refuse_waiting() {
     std::vector<DeliveryHandler> refused;
     {
         const Lock lock(m_waiting_mutex);
@@ -316,7 +415,7 @@ void Companion::refuse_waiting() {
     for (const DeliveryHandler& delivered : refused) delivered(Delivery::refused);
 }
 
-void Companion::end_sent(uint64_t last_identity_request, Delivery delivery) {
+void Companion::Impl::end_sent(uint64_t last_identity_request, Delivery delivery) {
     while (!m_sent.empty() && m_sent.front().identity_request <= last_identity_request) {
         const DeliveryHandler delivered = std::move(m_sent.front().delivered);
         m_sent.pop_front();
@@ -324,17 +423,17 @@ void Companion::end_sent(uint64_t last_identity_request, Delivery delivery) {
     }
 }
 
-void Companion::drop_ended() {
-    const bool link_ended = m_link != nullptr && m_link->ended();
+void Companion::Impl::drop_ended() {
+    const bool link_ended = m_used != nullptr && m_used->ended();
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
-    m_link = nullptr;
+    m_used = nullptr;
     end_sent(UINT64_MAX, Delivery::unknown);
     m_status = unlinked();
     report();
 }
 
-LinkStatus Companion::unlinked() const {
+LinkStatus Companion::Impl::unlinked() const {
     LinkStatus status;
     status.wanted = !m_last.identity.empty()  ? m_last.identity
                     : !m_last.address.empty() ? m_last.address
@@ -342,7 +441,7 @@ LinkStatus Companion::unlinked() const {
     return status;
 }
 
-void Companion::report() {
+void Companion::Impl::report() {
     if (m_handlers.status) m_handlers.status(m_status);
 }
 

@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -32,17 +31,13 @@ Connection::Connection(int descriptor, uint32_t address)
     switch_on(descriptor, TCP_NODELAY);  // otherwise, the kernel delays a press by up to 40 ms
 }
 
-Connection::~Connection() {
-    close(m_descriptor);
-}
-
 void Connection::receive(const FrameReader::FrameCallback& on_frame) {
     std::array<unsigned char, 65536> chunk;
-    const ssize_t count = recv(m_descriptor, chunk.data(), chunk.size(), 0);
+    const ssize_t count = recv(descriptor(), chunk.data(), chunk.size(), 0);
     // Acknowledge at once, because the device sends the last part of an image only after the
     // earlier parts are acknowledged. A delayed acknowledgement comes up to 40 ms late. Set
     // TCP_QUICKACK after each read, because the kernel resets this option.
-    switch_on(m_descriptor, TCP_QUICKACK);
+    switch_on(descriptor(), TCP_QUICKACK);
     if (count > 0) {
         m_last_received = Clock::now();
         m_reader.feed({chunk.data(), static_cast<size_t>(count)}, on_frame);
@@ -59,7 +54,7 @@ void Connection::send(uint16_t type, std::span<const unsigned char> payload) {
 }
 
 void Connection::flush() {
-    const ssize_t count = ::send(m_descriptor, m_outgoing.data(), m_outgoing.size(), MSG_NOSIGNAL);
+    const ssize_t count = ::send(descriptor(), m_outgoing.data(), m_outgoing.size(), MSG_NOSIGNAL);
     if (count > 0) {
         m_outgoing.erase(m_outgoing.begin(), m_outgoing.begin() + count);
     } else if (count < 0 && !worth_another_try()) {

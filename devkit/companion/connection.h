@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include "devkit/companion/descriptor.h"
 #include "devkit/companion/frame_reader.h"
 
 namespace guilink {
@@ -17,11 +18,8 @@ class Connection {
 
     // Takes ownership of the descriptor of a connected, non-blocking socket.
     Connection(int descriptor, uint32_t address);
-    ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
 
-    int descriptor() const { return m_descriptor; }
+    int descriptor() const { return m_descriptor.get(); }
     uint32_t address() const { return m_address; }  // IPv4, network byte order
     bool ended() const { return m_ended; }  // if true, the companion must destroy this connection
     void end() { m_ended = true; }
@@ -39,10 +37,10 @@ class Connection {
     uint64_t asked = 0;       // identity requests sent; none before the second connect request
     uint64_t answered = 0;    // identity requests that the device has answered; it answers in order
     bool image_seen = false;  // an image has arrived; only the link carries images
-    Clock::time_point next_words = {};  // when the companion must send again
+    Clock::time_point next_send = {};  // when the companion must send again
 
   private:
-    const int m_descriptor;
+    const Descriptor m_descriptor;
     const uint32_t m_address;
     FrameReader m_reader;
     std::vector<unsigned char> m_outgoing;

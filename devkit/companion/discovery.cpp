@@ -1,6 +1,9 @@
 #include "devkit/companion/discovery.h"
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -22,8 +25,8 @@ constexpr size_t MAX_DEVICES = 64;   // entries; forged broadcasts must not fill
 constexpr size_t MAX_FIRMWARE = 64;  // bytes; a longer version text is cut off
 
 // Returns the identity and the firmware if the datagram is exactly one IdentityMessage.
-std::optional<HeardDevice> read_identity(std::span<const unsigned char> datagram) {
-    std::optional<HeardDevice> device;
+std::optional<SearchingDevice> read_identity(std::span<const unsigned char> datagram) {
+    std::optional<SearchingDevice> device;
     FrameReader().feed(datagram, [&](uint16_t type, auto payload) {
         device.reset();
         if (type != IdentityMessage || payload.size() < ID_SIZE ||
@@ -37,7 +40,25 @@ std::optional<HeardDevice> read_identity(std::span<const unsigned char> datagram
 
 }  // namespace
 
-Discovery::Discovery() : m_socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0) {
+std::string dotted(uint32_t address) {
+    char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &address, text, sizeof text);
+}
+
+std::vector<SearchingDevice> find_devices(std::chrono::milliseconds time) {
+    using Clock = std::chrono::steady_clock;
+    Discovery discovery;
+    const auto end = Clock::now() + time;
+    while (Clock::now() < end) {
+        pollfd event = {discovery.descriptor(), POLLIN, 0};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        poll(&event, 1, static_cast<int>(left.count()));
+        discovery.receive([](const Discovery::Broadcast&) { return false; });
+    }
+    return discovery.devices();
+}
+
+Discovery::Discovery() : m_socket(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     sockaddr_in any = {};
     any.sin_family = AF_INET;
     any.sin_port = htons(DISCOVERY_PORT);
@@ -48,9 +69,9 @@ Discovery::Discovery() : m_socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0) {
     }
 }
 
-bool Discovery::receive(const std::function<bool(const Call&)>& wanted) {
+bool Discovery::receive(const std::function<bool(const Broadcast&)>& wanted) {
     static const std::vector<unsigned char> acceptance = BuildFrame(ConnectRequest, nullptr, 0);
-    bool called = false;
+    bool heard = false;
     for (int i = 0; i < MAX_AT_ONCE; ++i) {
         std::array<unsigned char, 2048> datagram;
         sockaddr_in sender = {};
@@ -60,34 +81,33 @@ bool Discovery::receive(const std::function<bool(const Call&)>& wanted) {
         if (received < 0) break;
         auto device = read_identity({datagram.data(), static_cast<size_t>(received)});
         if (!device) continue;
-        called = true;
-        char text[INET_ADDRSTRLEN];
-        device->address = inet_ntop(AF_INET, &sender.sin_addr, text, sizeof text);
+        heard = true;
+        device->address = dotted(sender.sin_addr.s_addr);
         device->heard = std::chrono::steady_clock::now();
-        const auto callers_since = note(std::move(*device));
-        if (!wanted({m_devices.front(), sender.sin_addr.s_addr, callers_since})) continue;
+        const auto others_since = note(std::move(*device));
+        if (!wanted({m_devices.front(), sender.sin_addr.s_addr, others_since})) continue;
         sendto(descriptor(), acceptance.data(), acceptance.size(), 0,
                reinterpret_cast<const sockaddr*>(&sender), sizeof sender);
     }
-    return called;
+    return heard;
 }
 
 // Puts the device at the front of m_devices. Returns the device's old position, which is the number
 // of devices that have broadcast since this device's previous broadcast. Returns nothing for a new
 // device.
-std::optional<size_t> Discovery::note(HeardDevice device) {
-    const auto known = std::ranges::find_if(m_devices, [&](const HeardDevice& other) {
+std::optional<size_t> Discovery::note(SearchingDevice device) {
+    const auto known = std::ranges::find_if(m_devices, [&](const SearchingDevice& other) {
         return other.identity == device.identity && other.address == device.address;
     });
-    std::optional<size_t> callers_since;
+    std::optional<size_t> others_since;
     if (known != m_devices.end()) {
-        callers_since = static_cast<size_t>(known - m_devices.begin());
+        others_since = static_cast<size_t>(known - m_devices.begin());
         m_devices.erase(known);
     } else if (m_devices.size() == MAX_DEVICES) {
         m_devices.pop_back();
     }
     m_devices.insert(m_devices.begin(), std::move(device));
-    return callers_since;
+    return others_since;
 }
 
 }  // namespace guilink

@@ -43,7 +43,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     void read() {
         m_parser.emplace();
         m_parser->header_limit(MAX_REQUEST_HEADER);
-        m_parser->body_limit(Companion::MAX_TEXT);
+        m_parser->body_limit(Companion::max_text);
         m_stream.expires_after(PATIENCE);
         http::async_read(m_stream, m_received, *m_parser,
                          [self = shared_from_this()](error_code error, size_t) {
@@ -114,8 +114,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     void answer(const Stream&) { start_stream_session(m_hub, m_stream.release_socket()); }
 
     void answer(const Snapshot& snapshot) {
-        const Picture& newest = m_hub.newest();
-        if (newest.payload == nullptr && !snapshot.after)
+        const ReceivedImage& newest = m_hub.newest();
+        if (newest.data == nullptr && !snapshot.after)
             return answer({503, "text/plain", "There is no picture: no device is linked.\n"});
         const uint64_t turn = wait(503, "No newer picture has arrived in time.\n");
         m_hub.renditions().get(

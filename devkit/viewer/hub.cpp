@@ -66,24 +66,24 @@ bool Hub::add(const std::shared_ptr<Watcher>& watcher) {
 
 void Hub::set_status(const LinkStatus& status) {
     m_status = status;
-    m_newest.payload = nullptr;
+    m_newest.data = nullptr;
     m_samples.clear();
     m_renditions.offer(m_newest);
     for (const auto& watcher : m_watchers) watcher->offer_status(true);
 }
 
-void Hub::set_devices(const std::vector<HeardDevice>& devices) {
+void Hub::set_devices(const std::vector<SearchingDevice>& devices) {
     m_devices = devices;
     for (const auto& watcher : m_watchers) watcher->offer_status(false);
 }
 
-void Hub::set_picture(const Picture& picture) {
-    m_newest = picture;
+void Hub::set_image(const ReceivedImage& image) {
+    m_newest = image;
     const auto now = std::chrono::steady_clock::now();
-    m_samples.push_back({now, picture.number, picture.bytes});
+    m_samples.push_back({now, image.number, image.bytes});
     while (m_samples.front().time < now - RATE_WINDOW) m_samples.pop_front();
-    for (const auto& watcher : m_watchers) watcher->offer_picture(picture);
-    m_renditions.offer(picture);
+    for (const auto& watcher : m_watchers) watcher->offer_image(image);
+    m_renditions.offer(image);
 }
 
 Report Hub::report() {
@@ -145,7 +145,7 @@ Hub::Found Hub::choose(const Choice& choice) {
     const auto note = [&](const std::string& identity, const std::string& address) {
         if (choice.device == identity || choice.device == address) addresses.insert(address);
     };
-    for (const HeardDevice& device : m_devices) note(device.identity, device.address);
+    for (const SearchingDevice& device : m_devices) note(device.identity, device.address);
     if (m_status.linked) note(m_status.identity, m_status.address);
     if (addresses.size() != 1) return addresses.empty() ? Found::none : Found::several;
     m_handlers.choose(choice.device);

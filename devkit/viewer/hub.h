@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "devkit/viewer/page_message.h"
-#include "devkit/viewer/picture.h"
+#include "devkit/viewer/received_image.h"
 #include "devkit/viewer/renditions.h"
 #include "devkit/viewer/report.h"
 #include "devkit/viewer/web_server.h"
@@ -52,7 +52,7 @@ class Hub {
       public:
         virtual ~Watcher() = default;
         virtual void offer_status(bool new_link) = 0;
-        virtual void offer_picture(const Picture& picture) = 0;
+        virtual void offer_image(const ReceivedImage& image) = 0;
         bool is_program = false;
     };
     // Called with the outcome of an order. An order is a press or a text. `why_not` is the reason
@@ -65,14 +65,14 @@ class Hub {
 
     boost::asio::io_context& loop() { return m_loop; }
     const std::string& labels() const { return m_labels; }
-    const Picture& newest() const { return m_newest; }
+    const ReceivedImage& newest() const { return m_newest; }
     Renditions& renditions() { return m_renditions; }
     std::string status(uint64_t skipped) const { return page_status(m_status, m_devices, skipped); }
     Report report();
 
     void set_status(const LinkStatus& status);
-    void set_devices(const std::vector<HeardDevice>& devices);
-    void set_picture(const Picture& picture);
+    void set_devices(const std::vector<SearchingDevice>& devices);
+    void set_image(const ReceivedImage& image);
 
     // Returns false if there are too many watchers.
     bool add(const std::shared_ptr<Watcher>& watcher);
@@ -119,8 +119,8 @@ class Hub {
     const PageHandlers m_handlers;
     std::set<std::shared_ptr<Watcher>> m_watchers;
     LinkStatus m_status;
-    std::vector<HeardDevice> m_devices;
-    Picture m_newest;  // newest picture of the current link
+    std::vector<SearchingDevice> m_devices;
+    ReceivedImage m_newest;  // newest picture of the current link
     std::deque<Sample> m_samples;
     uint64_t m_last_order = 0;
     std::map<uint64_t, Order> m_orders;  // by number; orders that have no outcome yet

@@ -1,10 +1,8 @@
 #include "devkit/viewer/list_devices.h"
 
-#include <poll.h>
-
 #include <iostream>
 
-#include "devkit/companion/discovery.h"
+#include "guilink/companion.h"
 
 namespace guilink {
 
@@ -23,22 +21,13 @@ std::string printable(std::string text) {
 }  // namespace
 
 bool list_devices() {
-    using Clock = std::chrono::steady_clock;
-    Discovery discovery;
-    const auto end = Clock::now() + TIME;
-    while (Clock::now() < end) {
-        pollfd event = {discovery.descriptor(), POLLIN, 0};
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        poll(&event, 1, static_cast<int>(left.count()));
-        discovery.receive([](const Discovery::Call&) { return false; });
-    }
-    for (const HeardDevice& device : discovery.devices()) {
+    const std::vector<SearchingDevice> devices = find_devices(TIME);
+    for (const SearchingDevice& device : devices) {
         std::cout << printable(device.identity) << "  " << device.address << "  "
                   << printable(device.firmware) << '\n';
     }
-    if (discovery.devices().empty())
-        std::cerr << "guilink-viewer: no device searches for a companion\n";
-    return !discovery.devices().empty();
+    if (devices.empty()) std::cerr << "guilink-viewer: no device searches for a companion\n";
+    return !devices.empty();
 }
 
 }  // namespace guilink

@@ -36,21 +36,21 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
             if (!self->m_hub.add(self)) return self->close();
             self->m_last = self->m_hub.newest().number;
             self->offer_status(true);
-            if (const Picture& newest = self->m_hub.newest(); newest.payload != nullptr)
-                self->offer_picture(newest);
+            if (const ReceivedImage& newest = self->m_hub.newest(); newest.data != nullptr)
+                self->offer_image(newest);
             self->read();
         });
     }
 
     // After a new link, drops the waiting picture, because it may be from the previous link.
     void offer_status(bool new_link) override {
-        if (new_link) drop_picture();
+        if (new_link) drop_image();
         m_status_waits = true;
         write();
     }
 
-    void offer_picture(const Picture& picture) override {
-        m_picture = picture;
+    void offer_image(const ReceivedImage& image) override {
+        m_image = image;
         write();
     }
 
@@ -74,7 +74,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         if (!id) return m_hub.pass_on(order);
         m_hub.pass_on(order, weak_from_this(),
                       [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
-                          if (!why_not && m_picture.number <= picture) drop_picture();
+                          if (!why_not && m_image.number <= picture) drop_image();
                           answer(*id, why_not);
                       });
     }
@@ -93,9 +93,9 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         write();
     }
 
-    void drop_picture() {
-        m_last = std::max(m_last, m_picture.number);
-        m_picture.payload = nullptr;
+    void drop_image() {
+        m_last = std::max(m_last, m_image.number);
+        m_image.data = nullptr;
     }
 
     void write() {
@@ -109,14 +109,14 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
             m_skipped_reported = m_skipped;
             m_text = m_hub.status(m_skipped);
             write_text();
-        } else if (m_picture.payload != nullptr) {
-            m_written = std::move(m_picture.payload);
-            m_picture.payload = nullptr;
-            if (m_picture.number > m_last) {
-                m_skipped += m_picture.number - m_last - 1;
-                m_hub.skipped_pictures += m_picture.number - m_last - 1;
+        } else if (m_image.data != nullptr) {
+            m_written = std::move(m_image.data);
+            m_image.data = nullptr;
+            if (m_image.number > m_last) {
+                m_skipped += m_image.number - m_last - 1;
+                m_hub.skipped_pictures += m_image.number - m_last - 1;
             }
-            m_last = m_picture.number;
+            m_last = m_image.number;
             if (m_skipped != m_skipped_reported) m_status_waits = true;
             m_stream.binary(true);
             start_write(asio::buffer(*m_written));
@@ -155,11 +155,11 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     bool m_writing = false;
     std::deque<std::string> m_answers;  // waiting to be written
     bool m_status_waits = false;
-    Picture m_picture;             // waiting to be written, unless its payload is null
-    Companion::Payload m_written;  // being written
-    std::string m_text;            // being written
-    uint64_t m_last = 0;           // number of the last picture written or dropped
-    uint64_t m_skipped = 0;        // pictures not sent, because the client was too slow
+    ReceivedImage m_image;   // waiting to be written, unless its payload is null
+    SharedImage m_written;   // being written
+    std::string m_text;      // being written
+    uint64_t m_last = 0;     // number of the last picture written or dropped
+    uint64_t m_skipped = 0;  // pictures not sent, because the client was too slow
     uint64_t m_skipped_reported = 0;
 };
 

@@ -16,11 +16,11 @@ namespace {
 constexpr int JPEG_QUALITY = 90;  // of 100; thin lines stay clear
 
 // Returns the bytes R, G, B and A of each pixel.
-std::vector<unsigned char> rgba_of(const Image& image, Backdrop backdrop) {
+std::vector<unsigned char> rgba_of(const Picture& picture, Backdrop backdrop) {
     std::vector<unsigned char> rgba;
-    rgba.reserve(4 * image.pixels.size());
+    rgba.reserve(4 * picture.pixels.size());
     const int behind = backdrop == Backdrop::white ? 15 : 0;
-    for (const uint16_t pixel : image.pixels) {
+    for (const uint16_t pixel : picture.pixels) {
         const int alpha = backdrop == Backdrop::none ? 15 : pixel >> 12;
         for (const int shift : {8, 4, 0}) {
             const int colour = (pixel >> shift & 0xF) * alpha + behind * (15 - alpha);
@@ -41,12 +41,12 @@ void write(const std::string& file, const void* data, size_t size) {
 
 }  // namespace
 
-std::string encode_png(const Image& image, Backdrop backdrop) {
-    const std::vector<unsigned char> rgba = rgba_of(image, backdrop);
+std::string encode_png(const Picture& picture, Backdrop backdrop) {
+    const std::vector<unsigned char> rgba = rgba_of(picture, backdrop);
     png_image png = {};
     png.version = PNG_IMAGE_VERSION;
-    png.width = image.width;
-    png.height = image.height;
+    png.width = picture.width;
+    png.height = picture.height;
     png.format = PNG_FORMAT_RGBA;
     png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(png);
     std::string encoded(size, '\0');
@@ -56,27 +56,27 @@ std::string encode_png(const Image& image, Backdrop backdrop) {
     return encoded;
 }
 
-std::string encode_jpeg(const Image& image) {
-    const std::vector<unsigned char> rgba = rgba_of(image, Backdrop::black);
+std::string encode_jpeg(const Picture& picture) {
+    const std::vector<unsigned char> rgba = rgba_of(picture, Backdrop::black);
     const std::unique_ptr<void, int (*)(tjhandle)> encoder(tjInitCompress(), tjDestroy);
-    std::string encoded(tjBufSize(image.width, image.height, TJSAMP_444), '\0');
+    std::string encoded(tjBufSize(picture.width, picture.height, TJSAMP_444), '\0');
     auto* buffer = reinterpret_cast<unsigned char*>(encoded.data());
     unsigned long size = encoded.size();
     if (encoder == nullptr ||
-        tjCompress2(encoder.get(), rgba.data(), image.width, 0, image.height, TJPF_RGBA, &buffer,
-                    &size, TJSAMP_444, JPEG_QUALITY, TJFLAG_NOREALLOC) != 0)
+        tjCompress2(encoder.get(), rgba.data(), picture.width, 0, picture.height, TJPF_RGBA,
+                    &buffer, &size, TJSAMP_444, JPEG_QUALITY, TJFLAG_NOREALLOC) != 0)
         throw std::runtime_error(std::string("cannot encode a JPEG: ") + tjGetErrorStr());
     encoded.resize(size);
     return encoded;
 }
 
-void write_png(const std::string& file, const Image& image) {
-    const std::string png = encode_png(image);
+void write_png(const std::string& file, const Picture& picture) {
+    const std::string png = encode_png(picture);
     write(file, png.data(), png.size());
 }
 
-void write_raw(const std::string& file, const Image& image) {
-    write(file, image.pixels.data(), image.pixels.size() * sizeof(uint16_t));
+void write_raw(const std::string& file, const Picture& picture) {
+    write(file, picture.pixels.data(), picture.pixels.size() * sizeof(uint16_t));
 }
 
 }  // namespace guilink

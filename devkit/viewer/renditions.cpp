@@ -8,22 +8,22 @@
 #include <boost/asio/post.hpp>
 #include <stdexcept>
 
-#include "devkit/companion/image_decoder.h"
 #include "devkit/viewer/picture_file.h"
+#include "guilink/companion.h"
 
 namespace guilink {
 
 namespace {
 
 // Returns null for a damaged picture.
-Renditions::Bytes encode(Rendition kind, const Companion::Payload& payload) try {
-    Image image;
-    decode_image(*payload, image);
+Renditions::Bytes encode(Rendition kind, const SharedImage& image) try {
+    Picture picture;
+    decode_image(*image, picture);
     return std::make_shared<const std::string>(
-        kind == Rendition::jpeg             ? encode_jpeg(image)
-        : kind == Rendition::png_over_black ? encode_png(image, Backdrop::black)
-        : kind == Rendition::png_over_white ? encode_png(image, Backdrop::white)
-                                            : encode_png(image));
+        kind == Rendition::jpeg             ? encode_jpeg(picture)
+        : kind == Rendition::png_over_black ? encode_png(picture, Backdrop::black)
+        : kind == Rendition::png_over_white ? encode_png(picture, Backdrop::white)
+                                            : encode_png(picture));
 } catch (const std::runtime_error&) {
     return nullptr;
 }
@@ -39,7 +39,7 @@ Renditions::~Renditions() {
     m_encoder.join();
 }
 
-void Renditions::offer(const Picture& newest) {
+void Renditions::offer(const ReceivedImage& newest) {
     m_newest = newest;
     for (size_t kind = 0; kind < RENDITIONS; ++kind) serve(static_cast<Rendition>(kind));
 }
@@ -55,20 +55,20 @@ void Renditions::serve(Rendition kind) {
     slot.waiters.remove_if([](const Waiter& waiter) { return waiter.owner.expired(); });
     const bool wanted = std::ranges::any_of(
         slot.waiters, [this](const Waiter& waiter) { return waiter.after < m_newest.number; });
-    if (slot.encoding || !wanted || m_newest.payload == nullptr) return;
+    if (slot.encoding || !wanted || m_newest.data == nullptr) return;
 
     // A device that draws nothing new repeats its picture.
-    if (slot.picture.payload != nullptr && *slot.picture.payload == *m_newest.payload) {
-        slot.picture = m_newest;
+    if (slot.image.data != nullptr && *slot.image.data == *m_newest.data) {
+        slot.image = m_newest;
         return hand_out(slot);
     }
     slot.encoding = true;
-    boost::asio::post(m_encoder, [this, kind, picture = m_newest] {
-        auto bytes = encode(kind, picture.payload);
-        boost::asio::post(m_loop, [this, kind, picture, bytes = std::move(bytes)] {
+    boost::asio::post(m_encoder, [this, kind, image = m_newest] {
+        auto bytes = encode(kind, image.data);
+        boost::asio::post(m_loop, [this, kind, image, bytes = std::move(bytes)] {
             Slot& encoded = m_slots[static_cast<size_t>(kind)];
             encoded.encoding = false;
-            encoded.picture = picture;
+            encoded.image = image;
             encoded.bytes = bytes;
             hand_out(encoded);
             serve(kind);
@@ -80,11 +80,11 @@ void Renditions::hand_out(Slot& slot) {
     std::list<Waiter> served;
     for (auto waiter = slot.waiters.begin(); waiter != slot.waiters.end();) {
         const auto next = std::next(waiter);
-        if (waiter->after < slot.picture.number) served.splice(served.end(), slot.waiters, waiter);
+        if (waiter->after < slot.image.number) served.splice(served.end(), slot.waiters, waiter);
         waiter = next;
     }
     const Bytes bytes = slot.bytes;  // a copy: `taken` may call get, which may replace slot.bytes
-    const uint64_t number = slot.picture.number;
+    const uint64_t number = slot.image.number;
     for (const Waiter& waiter : served) {
         if (const auto owner = waiter.owner.lock()) waiter.taken(bytes, number);
     }

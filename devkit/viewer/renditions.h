@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "devkit/viewer/picture.h"
+#include "devkit/viewer/received_image.h"
 
 namespace guilink {
 
@@ -30,7 +30,7 @@ class Renditions {
     Renditions& operator=(const Renditions&) = delete;
 
     // Sets the newest picture. A picture without payload means that there is no picture.
-    void offer(const Picture& newest);
+    void offer(const ReceivedImage& newest);
 
     // Calls `taken` once, possibly before `get` returns, with the rendition of a picture whose
     // number is above `after`. If the picture is damaged, `taken` gets a null pointer instead of
@@ -44,7 +44,7 @@ class Renditions {
         Taken taken;
     };
     struct Slot {
-        Picture picture;  // the picture from which `bytes` was encoded
+        ReceivedImage image;  // the picture from which `bytes` was encoded
         Bytes bytes;
         bool encoding = false;
         std::list<Waiter> waiters;
@@ -54,7 +54,7 @@ class Renditions {
     void hand_out(Slot& slot);
 
     boost::asio::io_context& m_loop;
-    Picture m_newest;
+    ReceivedImage m_newest;
     std::array<Slot, RENDITIONS> m_slots;
     boost::asio::thread_pool m_encoder{1};
 };

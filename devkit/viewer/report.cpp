@@ -15,10 +15,10 @@ std::string text_of(const json& value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-json status_json(const LinkStatus& status, const std::vector<HeardDevice>& devices) {
+json status_json(const LinkStatus& status, const std::vector<SearchingDevice>& devices) {
     json heard = json::array();
     const auto now = std::chrono::steady_clock::now();
-    for (const HeardDevice& device : devices) {
+    for (const SearchingDevice& device : devices) {
         const std::chrono::duration<double> ago = now - device.heard;
         heard.push_back({{"identity", device.identity},
                          {"firmware", device.firmware},
@@ -37,7 +37,7 @@ json status_json(const LinkStatus& status, const std::vector<HeardDevice>& devic
 
 }  // namespace
 
-std::string page_status(const LinkStatus& status, const std::vector<HeardDevice>& devices,
+std::string page_status(const LinkStatus& status, const std::vector<SearchingDevice>& devices,
                         uint64_t skipped) {
     json message = status_json(status, devices);
     message["skipped"] = skipped;
@@ -46,9 +46,9 @@ std::string page_status(const LinkStatus& status, const std::vector<HeardDevice>
 
 std::string state_json(const Report& report) {
     json state = status_json(report.status, report.devices);
-    if (report.newest.payload != nullptr && report.newest.payload->size() >= 4) {
+    if (report.newest.data != nullptr && report.newest.data->size() >= 4) {
         uint16_t size[2];
-        std::memcpy(size, report.newest.payload->data(), sizeof size);
+        std::memcpy(size, report.newest.data->data(), sizeof size);
         state["size"] = {size[0], size[1]};
     } else {
         state["size"] = nullptr;

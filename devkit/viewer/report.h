@@ -7,15 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "devkit/companion/companion.h"
-#include "devkit/viewer/picture.h"
+#include "devkit/viewer/received_image.h"
+#include "guilink/companion.h"
 
 namespace guilink {
 
 struct Report {
     LinkStatus status;
-    std::vector<HeardDevice> devices;  // the device with the latest broadcast comes first
-    Picture newest;
+    std::vector<SearchingDevice> devices;  // the device with the latest broadcast comes first
+    ReceivedImage newest;
     std::optional<std::chrono::duration<double>> age;  // time since the newest picture
     double pictures_per_second = 0;
     double bytes_per_second = 0;
@@ -26,7 +26,7 @@ struct Report {
 };
 
 // Returns JSON: the link, the devices in the network, and how many pictures a page has skipped.
-std::string page_status(const LinkStatus& status, const std::vector<HeardDevice>& devices,
+std::string page_status(const LinkStatus& status, const std::vector<SearchingDevice>& devices,
                         uint64_t skipped);
 
 std::string state_json(const Report& report);

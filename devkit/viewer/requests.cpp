@@ -2,9 +2,9 @@
 
 #include <charconv>
 
-#include "devkit/companion/companion.h"
 #include "devkit/viewer/access_policy.h"
 #include "devkit/viewer/assets.h"
+#include "guilink/companion.h"
 
 namespace guilink {
 
@@ -80,7 +80,7 @@ Asked read_post(std::string_view path, std::string_view body) {
         return Reply{404, "text/plain", "There is no such button; there are 0 to 15.\n"};
     }
     if (path.starts_with("/device/")) return Choice{decoded(path.substr(8))};
-    if (body.empty() || body.size() > Companion::MAX_TEXT)
+    if (body.empty() || body.size() > Companion::max_text)
         return Reply{400, "text/plain", "The body must be a text of 1 to 4096 bytes.\n"};
     return Text{std::string(body)};
 }

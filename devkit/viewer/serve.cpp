@@ -12,10 +12,10 @@
 #include <stdexcept>
 
 #include "base/mutex.h"
-#include "devkit/companion/companion.h"
 #include "devkit/viewer/labels.h"
 #include "devkit/viewer/listening_address.h"
 #include "devkit/viewer/web_server.h"
+#include "guilink/companion.h"
 
 namespace guilink {
 
@@ -98,9 +98,9 @@ void serve(const ServeOptions& options) {
     published = &server;
     Companion link(
         {[&](const LinkStatus& status) { server.publish_status(status); },
-         [&](const Companion::Payload& payload) { server.publish_picture(payload); },
+         [&](const SharedImage& payload) { server.publish_image(payload); },
          {},
-         [&](const std::vector<HeardDevice>& devices) { server.publish_devices(devices); }},
+         [&](const std::vector<SearchingDevice>& devices) { server.publish_devices(devices); }},
         options.device);
     {
         const Lock lock(shared.mutex);

@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "base/mutex.h"
-#include "devkit/companion/companion.h"
 #include "devkit/viewer/picture_file.h"
+#include "guilink/companion.h"
 
 namespace guilink {
 
@@ -27,7 +27,7 @@ class Received {
         m_changed.notify_all();
     }
 
-    void image(const Companion::Payload& payload) {
+    void image(const SharedImage& payload) {
         const Lock lock(m_mutex);
         m_newest = payload;
         m_last_time = Clock::now();
@@ -55,7 +55,7 @@ class Received {
         return m_images;
     }
 
-    Companion::Payload newest() {
+    SharedImage newest() {
         const Lock lock(m_mutex);
         return m_newest;
     }
@@ -77,7 +77,7 @@ class Received {
     std::condition_variable_any m_changed;
     LinkStatus m_status GUARDED_BY(m_mutex);
     bool m_several GUARDED_BY(m_mutex) = false;
-    Companion::Payload m_newest GUARDED_BY(m_mutex);
+    SharedImage m_newest GUARDED_BY(m_mutex);
     uint64_t m_images GUARDED_BY(m_mutex) = 0;
     uint64_t m_bytes GUARDED_BY(m_mutex) = 0;
     Clock::time_point m_first_time GUARDED_BY(m_mutex);
@@ -89,7 +89,7 @@ class Received {
 void take_snapshot(const SnapshotOptions& options) {
     Received received(Clock::now() + options.timeout);
     Companion companion({[&](const LinkStatus& status) { received.status(status); },
-                         [&](const Companion::Payload& payload) { received.image(payload); },
+                         [&](const SharedImage& payload) { received.image(payload); },
                          {}},
                         options.device);
     // As soon as an image and the identity have arrived, the companion sends presses without delay.
@@ -100,12 +100,12 @@ void take_snapshot(const SnapshotOptions& options) {
     }
     received.wait_for_images(images + options.frames);
 
-    Image image;
-    decode_image(*received.newest(), image);
-    write_png(options.file, image);
-    if (!options.raw_file.empty()) write_raw(options.raw_file, image);
+    Picture picture;
+    decode_image(*received.newest(), picture);
+    write_png(options.file, picture);
+    if (!options.raw_file.empty()) write_raw(options.raw_file, picture);
     received.print();
-    std::cout << "picture   " << options.file << ", " << image.width << " x " << image.height
+    std::cout << "picture   " << options.file << ", " << picture.width << " x " << picture.height
               << '\n';
 }
 

@@ -21,22 +21,22 @@ WebServer::~WebServer() {
     m_thread.join();
 }
 
-void WebServer::publish_picture(const Companion::Payload& payload) {
+void WebServer::publish_image(const SharedImage& image) {
     const Lock lock(m_published_mutex);
     ++m_last.number;
-    m_last.bytes += payload->size();
-    m_published.picture = {payload, m_last.number, m_last.bytes};
+    m_last.bytes += image->size();
+    m_published.image = {image, m_last.number, m_last.bytes};
     post();
 }
 
 void WebServer::publish_status(const LinkStatus& status) {
     const Lock lock(m_published_mutex);
     m_published.status = status;
-    if (!status.linked) m_published.picture.payload = nullptr;
+    if (!status.linked) m_published.image.data = nullptr;
     post();
 }
 
-void WebServer::publish_devices(const std::vector<HeardDevice>& devices) {
+void WebServer::publish_devices(const std::vector<SearchingDevice>& devices) {
     const Lock lock(m_published_mutex);
     m_published.devices = devices;
     post();
@@ -62,7 +62,7 @@ void WebServer::take_published() {
     }
     if (published.devices) m_hub->set_devices(*published.devices);
     if (published.status) m_hub->set_status(*published.status);
-    if (published.picture.payload != nullptr) m_hub->set_picture(published.picture);
+    if (published.image.data != nullptr) m_hub->set_image(published.image);
 }
 
 }  // namespace guilink

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "base/mutex.h"
-#include "devkit/companion/companion.h"
-#include "devkit/viewer/picture.h"
+#include "devkit/viewer/received_image.h"
+#include "guilink/companion.h"
 
 namespace guilink {
 
@@ -41,18 +41,18 @@ class WebServer {
 
     // Call these functions from only one thread, which need not be the server's thread. The
     // functions return at once.
-    void publish_picture(const Companion::Payload& payload);
+    void publish_image(const SharedImage& image);
     void publish_status(const LinkStatus& status);
-    void publish_devices(const std::vector<HeardDevice>& devices);
+    void publish_devices(const std::vector<SearchingDevice>& devices);
     void publish_delivery(uint64_t order, Delivery delivery);
 
   private:
     // Published data that the event loop has not fetched yet. A newer picture replaces an older
     // one, so that a device that is faster than the event loop leaves no backlog.
     struct Published {
-        Picture picture;  // if its payload is null, there is no picture to fetch
+        ReceivedImage image;  // if its payload is null, there is no picture to fetch
         std::optional<LinkStatus> status;
-        std::optional<std::vector<HeardDevice>> devices;
+        std::optional<std::vector<SearchingDevice>> devices;
         bool posted = false;  // the event loop has been asked to fetch the data
     };
 
@@ -61,7 +61,7 @@ class WebServer {
 
     Mutex m_published_mutex;
     Published m_published GUARDED_BY(m_published_mutex);
-    Picture m_last GUARDED_BY(m_published_mutex);  // only its number and bytes are used
+    ReceivedImage m_last GUARDED_BY(m_published_mutex);  // only its number and bytes are used
 
     const std::unique_ptr<Hub> m_hub;
     std::thread m_thread;

@@ -1,5 +1,5 @@
 // Image payloads from a device: each decodes to a complete image, or the decoder throws.
-#include "devkit/companion/image_decoder.h"
+#include "guilink/companion.h"
 
 #include <stdexcept>
 
@@ -18,10 +18,10 @@ using namespace guilink;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     try {
-        Image image;  // a new one, so that a write beyond its end is detected
-        decode_image({data, size}, image);
-        fuzz::require(image.pixels.size() == size_t{image.width} * image.height,
-                      "an image is complete");
+        Picture picture;  // a new one, so that a write beyond its end is detected
+        decode_image({data, data + size}, picture);
+        fuzz::require(picture.pixels.size() == size_t{picture.width} * picture.height,
+                      "a picture is complete");
     } catch (const std::runtime_error&) {
     }
     return 0;

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "devkit/companion/companion.h"
+#include "guilink/companion.h"
 #include "tests/support/waiting.h"
 
 namespace guilink::test {
@@ -62,7 +62,7 @@ class GoodCompanion {
                   if (!status.linked) m_images = 0;
               };
               return std::make_unique<Companion>(
-                  Companion::Handlers{count, [this](const auto&) { ++m_images; }, {}});
+                  Companion::Handlers{count, [this](const auto&) { ++m_images; }});
           })) {}
 
     // Returns the number of images received on the current link.

@@ -42,6 +42,10 @@ WRONG = {  # key: what the companion does wrong; value: the rule that this break
     "texts early": "PRESS-1", "presses after two requests": "PRESS-1",
     "button 16": "PRESS-2", "two buttons": "PRESS-2",
 }
+# Further names, of companions that are wrong in ways that a single rule does not describe:
+#   "dies of half a header", "leaves inside a frame": must not make the kit wait for ever
+#   "dies of the first reset", "dies of the first end": works after a restart
+#   "serves four connections": works for a while after each start
 CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, MessageType.CONTROL,
                                                   MessageType.IDENTITY_REQUEST))
 
@@ -116,6 +120,7 @@ class Companion:
 
     def __init__(self, path):
         self.path, self.connection, self.device, self.others = path, None, None, []
+        self.served = 0
         self.reader, self.answered, self.once, self.deaf = Reader(), 0.0, False, 0.0
         if wrong("listens nowhere"):
             self.udp, _ = socket.socketpair(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -179,6 +184,10 @@ class Companion:
         if wrong("one connection in its life") and self.once:
             self.others.append(connected)
             return
+        self.served += 1
+        if wrong("serves four connections") and self.served > 4:
+            self.others.append(connected)
+            return
         self.leave()
         self.once, self.connection, self.peer = True, connected, peer
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -196,16 +205,24 @@ class Companion:
         try:
             data = self.connection.recv(1 << 16)
         except ConnectionResetError:
-            if wrong("dies of a reset"):
+            if wrong("dies of a reset") or wrong("dies of the first reset") and first_time(self.path):
                 raise
             data = b""
         if not data:
+            if wrong("dies of the first end") and first_time(self.path):
+                sys.exit(3)
             self.leave()
             return
         self.heard = time.monotonic()
         damaged = wrong("asks until a damaged image") and b"\2\0\x40\0\x30\0" in data
         self.quiet |= bool(damaged)
         messages = self.reader.feed(data)
+        inside = START in self.reader._buffer
+        if wrong("dies of half a header") and inside and len(self.reader._buffer) < HEADER.size:
+            sys.exit(3)
+        if wrong("leaves inside a frame") and inside:
+            self.leave()
+            return
         newest = [each for each in messages if each.type == MessageType.IMAGE][-1:]
         for message in messages:
             if message.type > 6 and wrong("leaves at unknown types"):
@@ -256,6 +273,15 @@ class Companion:
             self.connection.sendall(words)
         except OSError:
             self.leave()
+
+
+def first_time(path):
+    """Whether no process has called this before."""
+    try:
+        open(path + ".once", "x").close()
+        return True
+    except FileExistsError:
+        return False
 
 
 def wrong(*names):

@@ -117,7 +117,7 @@ class Film:
             if screen is None:
                 continue
             mark = self._mark(now, fps)
-            if new is not None or mark != shown:
+            if image is None or new is not None or mark != shown:
                 size = size or (screen.width + screen.width % 2,
                                 screen.height + screen.height % 2 + BAR)
                 image, shown = self._frame(screen, size, mark), mark

@@ -57,7 +57,7 @@ def encode(pixels: Pixels) -> bytes:
     sent = pixels.reshape(-1)[:-1].astype(np.uint16)
     sent[1:][sent[1:] < OPAQUE_MIN] = 0  # a device sends the first pixel unchanged, even if it is transparent
     changes = np.flatnonzero(sent[1:] != sent[:-1]) + 1
-    starts = [0, *changes.tolist()] if sent.size else []
+    starts = [0, *map(int, changes)] if sent.size else []
     words = [width, height]
     for start, end in zip(starts, [*starts[1:], sent.size]):
         for position in range(start, end, RUN_MAX):

@@ -106,13 +106,12 @@ class Screen:
             return None
         # Choose the pixel value of the reference that is rarest on the screen. Only a few places have this value,
         # so only these places must be compared.
-        values, counts = np.unique(self.pixels, return_counts=True)
-        found = dict(zip(values.tolist(), counts.tolist()))
-        probe = min(np.unique(reference.pixels).tolist(), key=lambda value: found.get(value, 0))
+        counts, values = np.bincount(self.pixels.reshape(-1), minlength=1 << 16), np.unique(reference.pixels)
+        probe = values[np.argmin(counts[values])]
         py, px = np.argwhere(reference.pixels == probe)[0]
         places = np.argwhere(self.pixels[py:py + height, px:px + width] == probe)
-        for y, x in places[self._edges_match(places, reference)].tolist():
-            box = (x, y, reference.width, reference.height)
+        for y, x in places[self._edges_match(places, reference)]:
+            box = (int(x), int(y), reference.width, reference.height)
             if self.crop(box) == reference:
                 return box
         return None
@@ -122,7 +121,7 @@ class Screen:
         few pixels, where the reference changes colour, so it is fast."""
         changes = np.argwhere(reference.pixels[:, 1:] != reference.pixels[:, :-1])
         match = np.ones(len(places), bool)
-        for y, x in changes[::max(1, len(changes) // 16)].tolist():
+        for y, x in changes[::max(1, len(changes) // 16)]:
             for dx in (x, x + 1):
                 match &= self.pixels[places[:, 0] + y, places[:, 1] + dx] == reference.pixels[y, dx]
         return match

@@ -12,6 +12,7 @@ from guilink.conform.event_loop import DeadlineError, EventLoop
 from guilink.conform.strict import Fault
 
 PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED = "passed", "failed", "warned", "untestable", "expected"
+RESTARTED = "restarted"  # passed only after the subject was started afresh
 
 
 class RuleBrokenError(Exception):
@@ -86,9 +87,9 @@ class Attempt:
         """Whether the subject is a process that has ended."""
         return False
 
-    def crash(self) -> list[Fault]:
+    def crash(self) -> Fault | None:
         """Returns a fault if the subject has crashed."""
-        return []
+        return None
 
     def gave_up(self) -> str:
         """If the subject is not to blame for a broken rule, returns the reason. Otherwise returns an empty string."""
@@ -99,7 +100,8 @@ class Attempt:
 class Result:
     case: Case
     verdict: str
-    fault: Fault | None = None  # only for the verdicts "failed", "warned" and "expected"
+    fault: Fault | None = None  # not for the verdicts "passed" and "untestable"
+    crashed: bool = False
     reason: str = ""            # only for the verdict "untestable"
     kept: set[str] = field(default_factory=set)
     exchange: Exchange = field(default_factory=Exchange)
@@ -126,12 +128,15 @@ def run_once(case: Case, attempt: Attempt) -> Result:
         broken = [Fault(case.rules[0], str(error))]
     except UntestableError as error:
         result.verdict, result.reason = UNTESTABLE, str(error)
+    gave_up = attempt.gave_up() if broken else ""
+    crash = attempt.crash()
+    result.crashed = crash is not None
     # Report a crash or faulty bytes first, because they may be the cause of the fault that `case.play` found.
-    faults = attempt.crash() + [f for f in loop.faults if RULES[f.rule].strength == "must"] + broken
-    if faults and not (broken and attempt.gave_up()):
+    faults = [*([crash] if crash else []), *(f for f in loop.faults if RULES[f.rule].strength == "must"), *broken]
+    if faults and not gave_up:
         result.verdict, result.fault = FAILED, faults[0]
     elif faults:
-        result.verdict, result.reason = UNTESTABLE, attempt.gave_up()
+        result.verdict, result.reason = UNTESTABLE, gave_up
     elif warned := attempt.warnings + loop.faults:
         result.verdict, result.fault = WARNED, warned[0]
     result.kept -= {each.rule for each in faults + attempt.warnings + loop.faults}

@@ -11,7 +11,7 @@ from typing import Any, Sequence
 from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  registers the cases
                              companion_pictures, device_link, device_stream,
                              private_network)
-from guilink.conform.case import FAILED, Result
+from guilink.conform.case import FAILED, RESTARTED, Result
 from guilink.conform.companion_attempt import Shown, CompanionAttempt
 from guilink.conform.companion_process import CompanionProcess
 from guilink.conform.device_attempt import DeviceAttempt, Wanted
@@ -21,6 +21,7 @@ from guilink.conform.html import write_html
 from guilink.conform.pcap import capture
 from guilink.conform.report import as_json, listing, summary, write_json, write_junit
 from guilink.conform.rules import RULES
+from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
 
 
@@ -70,6 +71,9 @@ class CompanionSubject:
     def restart(self) -> None:
         self.process.stop()
 
+    def crash(self) -> Fault | None:
+        return self.process.crash()
+
     def output(self) -> str:
         return self.process.last_words()
 
@@ -83,6 +87,9 @@ class DeviceSubject:
 
     def restart(self) -> None:
         pass
+
+    def crash(self) -> None:
+        return None
 
     def output(self) -> str:
         return ""
@@ -123,7 +130,8 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
         begin=lambda text: None if quiet else print(text, end="", flush=True)))
     write_reports(whole, options, repeated(options))
     result = as_json(whole, repeated(options))
-    result["status"] = 1 if whole.count(FAILED) else 0
+    failed = whole.count(FAILED) or whole.count(RESTARTED)
+    result["status"] = 128 + whole.signal if whole.signal else 1 if failed else 0
     return result, summary(whole)
 
 

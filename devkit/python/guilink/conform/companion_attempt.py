@@ -27,7 +27,6 @@ ABOUT_TO_END = 0.5     # s; if the companion exits normally within this time aft
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
 SECOND = 1.0           # s; a companion must ignore its device's broadcasts for this long after the first image
 LINK_SILENCE = 3.0          # s; a companion closes the link if nothing arrives for this long
-LAST_LINES = 3         # number of output lines that a report quotes if the companion has ended
 
 
 @dataclass
@@ -71,14 +70,10 @@ class CompanionAttempt(Attempt):
     def subject_ended(self) -> bool:
         return not self.subject.alive()
 
-    def crash(self) -> list[Fault]:
-        if self.subject_ended() and self.subject.status:
-            lines = " / ".join(self.subject.last_words().strip().splitlines()[-LAST_LINES:])
-            return [Fault("LINK-10", f"the companion has ended with {self.subject.end()}"
-                          + (f"; its last lines: {lines}" if lines else ""))]
+    def crash(self) -> Fault | None:
         if not self.subject_ended():
             self.kept.add("LINK-10")
-        return []
+        return self.subject.crash()
 
     def gave_up(self) -> str:
         self.loop.until(self.subject_ended, ABOUT_TO_END)

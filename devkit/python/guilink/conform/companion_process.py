@@ -8,7 +8,10 @@ import tempfile
 from pathlib import Path
 from typing import Sequence
 
+from guilink.conform.strict import Fault
+
 LAST_WORDS = 4000       # bytes; a report shows this much of the end of the companion's output
+LAST_LINES = 3          # number of output lines that a fault quotes if the companion has crashed
 ASKED_TO_END = 2.0      # s between SIGTERM and SIGKILL
 
 
@@ -37,6 +40,14 @@ class CompanionProcess:
             return False
         self.status = self._process.poll()
         return self.status is None
+
+    def crash(self) -> Fault | None:
+        """Returns a fault if the companion has ended by itself, and not with status 0."""
+        if self.alive() or not self.status:
+            return None
+        lines = " / ".join(self.last_words().strip().splitlines()[-LAST_LINES:])
+        return Fault("LINK-10", f"the companion has ended with {self.end()}"
+                     + (f"; its last lines: {lines}" if lines else ""))
 
     def stop(self) -> None:
         if self._process is None:

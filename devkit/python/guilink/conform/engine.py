@@ -1,17 +1,20 @@
 """Runs the cases, prints one line for each case, and returns a verdict for each rule."""
 from __future__ import annotations
 
+import signal
 from dataclasses import dataclass, field
 from typing import Callable, Protocol, Sequence
 
-from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Attempt, Case, Result,
-                                  run_once)
+from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, RESTARTED, UNTESTABLE, WARNED, Attempt, Case,
+                                  Result, run_once)
 from guilink.conform.rules import NEEDS, NO_CASE, RULES
+from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
 from guilink.link import GuilinkError
 
 # If one of these rules is broken, no other rule can be judged.
 BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
+RESTART = 3  # number of the attempt before which the subject is started afresh
 GIVE_UP = 2  # if this many consecutive cases find that a BASIC rule is broken, the kit runs no further case
 NOT_RUN = "no case was run"
 
@@ -22,7 +25,10 @@ class Subject(Protocol):
     def attempt(self, loop: EventLoop) -> Attempt: ...
 
     def restart(self) -> None:
-        """Is called after each failed attempt."""
+        """Starts the subject afresh, if it is a process."""
+
+    def crash(self) -> Fault | None:
+        """Returns a fault if the subject has crashed since it was started."""
 
     def output(self) -> str: ...
 
@@ -41,6 +47,7 @@ class Options:
 class Run:
     side: str
     results: list[Result] = field(default_factory=list)
+    signal: int = 0  # the signal that has interrupted the run
 
     def count(self, verdict: str) -> int:
         return sum(result.verdict == verdict for result in self.results)
@@ -51,7 +58,7 @@ class Run:
 
     def _verdict_of(self, rule: str) -> tuple[str, str]:
         blamed = {r.verdict: r for r in reversed(self.results) if r.fault and r.fault.rule == rule}
-        for verdict in (FAILED, WARNED, EXPECTED):
+        for verdict in (FAILED, RESTARTED, WARNED, EXPECTED):
             if result := blamed.get(verdict):
                 return verdict, f"{result.case.name}: {result.fault.text if result.fault else ''}"
         if any(rule in result.kept for result in self.results):
@@ -78,8 +85,21 @@ def select(side: str, names: Sequence[str], rules: Sequence[str], gentle: bool) 
 
 
 def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) -> Run:
-    whole, lost = Run(side), 0
+    """Runs the cases. If Ctrl-C or a signal ends the run, returns the results so far."""
+    whole = Run(side)
+    try:
+        run_cases(whole, cases, subject, options)
+        note_late_crash(whole, subject, options)
+    except KeyboardInterrupt as error:
+        options.tell("interrupted")
+        whole.signal = error.args[0] if error.args else signal.SIGINT
+    return whole
+
+
+def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, options: Options) -> None:
+    lost = 0
     for number, case in enumerate(cases, 1):
+        note_late_crash(whole, subject, options)
         options.begin(f"[{number:2}/{len(cases)}] {case.name} ")
         if lost >= GIVE_UP:
             last = next(result.fault for result in reversed(whole.results) if result.fault)
@@ -91,18 +111,30 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
                 options.tell("error")
                 raise
             lost = lost + 1 if result.fault and result.fault.rule in BASIC else 0
-        if result.identifier in options.baseline and result.verdict in (FAILED, WARNED):
+        if result.identifier in options.baseline and result.verdict in (FAILED, RESTARTED, WARNED):
             result.verdict = EXPECTED
         whole.results.append(result)
         options.tell(line(result))
         if options.fail_fast and result.fault and result.verdict != EXPECTED:
             break
-    return whole
+
+
+def note_late_crash(whole: Run, subject: Subject, options: Options) -> None:
+    """If the subject has crashed after its last case, this case fails."""
+    if whole.results and (crash := subject.crash()):
+        result = whole.results[-1]
+        result.verdict, result.fault, result.crashed, result.output = FAILED, crash, True, subject.output()
+        options.tell(f"        after {result.case.name}: {line(result)}")
+        subject.restart()
 
 
 def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
-    """Runs a case. If it fails, runs it again, because a busy machine may have caused the failure."""
+    """Runs a case. If it fails, runs it again, because a busy machine may have caused the failure. Starts the subject
+    afresh only from attempt RESTART on, because a fault that a restart cures is a fault. Never forgives a crash."""
+    failed: Result | None = None
     for attempt in range(1, options.attempts + 1):
+        if attempt >= RESTART:
+            subject.restart()
         loop = EventLoop(options.patience)
         try:
             result = run_once(case, subject.attempt(loop))
@@ -110,8 +142,14 @@ def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
             loop.close()
         result.attempts, result.output = attempt, subject.output()
         if result.verdict not in (FAILED, WARNED):
+            if failed is None or attempt < RESTART:
+                return result
+            failed.verdict = RESTARTED if failed.verdict == FAILED else WARNED
+            return failed
+        if result.crashed:
             break
-        subject.restart()
+        failed = failed or result
+    subject.restart()
     return result
 
 
@@ -119,6 +157,7 @@ def line(result: Result) -> str:
     text = f"{result.verdict}  {result.seconds:.1f} s"
     if result.fault:
         text += f"\n        {result.fault.rule}: {result.fault.text}"
+        text += "; passed only after a restart" if result.verdict == RESTARTED else ""
     elif result.reason:
         text += f"\n        {result.reason}"
     elif result.attempts > 1:

@@ -7,7 +7,7 @@ import time
 from html import escape
 from typing import Iterator, Sequence
 
-from guilink.conform.case import FAILED, WARNED, Result
+from guilink.conform.case import FAILED, RESTARTED, WARNED, Result
 from guilink.conform.engine import Run
 from guilink.conform.exchange import KIT, Event, Exchange
 from guilink.conform.pcap import capture
@@ -24,7 +24,7 @@ body { font: 15px/1.45 system-ui, sans-serif; margin: 2rem auto; max-width: 62re
 table { border-collapse: collapse; width: 100% } td, th { text-align: left; padding: .2rem .6rem;
 border-bottom: 1px solid #ddd; vertical-align: top } code, pre, svg text { font-family: ui-monospace, monospace }
 pre { background: #f4f4f4; padding: .6rem; overflow-x: auto; white-space: pre-wrap } .bytes { display: grid;
-grid-template-columns: 1fr 1fr; gap: 1rem } b.passed { color: #17703a } b.failed { color: #b3261e }
+grid-template-columns: 1fr 1fr; gap: 1rem } b.passed { color: #17703a } b.failed, b.restarted { color: #b3261e }
 b.warned { color: #8a5a00 } b.untestable, b.expected { color: #666 } mark { background: #ffd0cc }
 section { border: 1px solid #ccc; border-radius: 6px; padding: 0 1rem 1rem; margin: 1.2rem 0 }
 """
@@ -66,7 +66,7 @@ def _section(result: Result, arguments: Sequence[str]) -> str:
     parts += [_picture(result.exchange), f"<p>Again: <code>{escape(repeat_command(result, arguments))}</code>",
               f'<p><a download="{result.case.name}.pcap" href="data:application/vnd.tcpdump.pcap;base64,{file}">'
               "capture file</a>"]
-    if result.output and result.verdict in (FAILED, WARNED):
+    if result.output and result.verdict in (FAILED, RESTARTED, WARNED):
         parts.append(f"<details><summary>its output</summary><pre>{escape(result.output)}</pre></details>")
     return "".join(parts) + "</section>"
 

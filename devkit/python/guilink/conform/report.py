@@ -6,11 +6,11 @@ import shlex
 from typing import Any, Sequence
 from xml.etree import ElementTree
 
-from guilink.conform.case import CASES, EXPECTED, FAILED, PASSED, UNTESTABLE, WARNED, Result
+from guilink.conform.case import CASES, EXPECTED, FAILED, PASSED, RESTARTED, UNTESTABLE, WARNED, Result
 from guilink.conform.engine import NOT_RUN, Run
 from guilink.conform.rules import IN_EVERY_CASE, NO_CASE, RULES
 
-VERDICTS = (PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED)
+VERDICTS = (PASSED, FAILED, RESTARTED, WARNED, UNTESTABLE, EXPECTED)
 
 
 def repeat_command(result: Result, arguments: Sequence[str]) -> str:
@@ -70,13 +70,13 @@ def write_junit(path: str, run: Run, arguments: Sequence[str]) -> None:
     """Writes a JUnit report. UntestableError cases and expected failures count as skipped, and warnings count as
     passed."""
     suite = ElementTree.Element("testsuite", name=f"guilink conform {run.side}", tests=str(len(run.results)),
-                                failures=str(run.count(FAILED)),
+                                failures=str(run.count(FAILED) + run.count(RESTARTED)),
                                 skipped=str(run.count(UNTESTABLE) + run.count(EXPECTED)))
     for result in run.results:
         test = ElementTree.SubElement(suite, "testcase", classname=f"conform.{run.side}",
                                       name=result.case.name, time=f"{result.seconds:.3f}")
         text = f"{result.fault.rule}: {result.fault.text}" if result.fault else result.reason
-        if result.verdict == FAILED:
+        if result.verdict in (FAILED, RESTARTED):
             ElementTree.SubElement(test, "failure", message=text).text = repeat_command(result, arguments)
         elif result.verdict in (UNTESTABLE, EXPECTED):
             ElementTree.SubElement(test, "skipped", message=f"{result.verdict}: {text}")

@@ -1,0 +1,16 @@
+// An image from the device, as received.
+#pragma once
+
+#include <cstdint>
+
+#include "guilink/companion.h"
+
+namespace guilink {
+
+struct ReceivedImage {
+    SharedImage data;     // null: no image
+    uint64_t number = 0;  // counts all images that the viewer has received
+    uint64_t bytes = 0;   // total size of all images up to this one
+};
+
+}  // namespace guilink
