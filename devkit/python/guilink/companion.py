@@ -7,20 +7,18 @@ from __future__ import annotations
 
 import selectors
 import socket
-import threading
 import time
-from collections import deque
-from dataclasses import dataclass
+from typing import Sequence
 
 from guilink.connection import READY_REQUESTS, Connection
 from guilink.discovery import Broadcast, Discovery
-from guilink.link import GuilinkError, HeardDevice, LinkError, LinkStatus, Pictures, SeveralDevicesError
+from guilink.link import HeardDevice, Link, LinkError, LinkStatus
 from guilink.wire import Identity, Message, MessageType
 
 LINK_PORT = 8399        # TCP port to which devices connect
 REQUEST_INTERVAL = 0.1  # s between two ConnectRequests before the link exists; a device waits 1 s for one
 KEEP_ALIVE = 0.5        # s between keep-alives; after 2 s without one, a device sends no new pictures
-SILENCE = 3.0           # s; if nothing arrives for this long, the companion closes the connection
+LINK_SILENCE = 3.0      # s; if nothing arrives for this long, the companion closes the connection
 CANDIDATE_SILENCE = 1.0  # s; if a new connection is silent for this long, the companion accepts another one
 GRACE = 1.0             # s; the companion ignores the device's broadcasts for this long after linking
 MAX_ANSWERED = 64       # number of answered addresses that are remembered; only these may connect
@@ -28,20 +26,7 @@ MAX_ACCEPTS = 16        # number of connections that one call of `_accept` handl
 ASK_EVERY = 5           # number of ConnectRequests per IdentityRequest, before the link exists
 
 
-@dataclass(eq=False)
-class Order:
-    """A button press or a text for the device. The companion sends an IdentityRequest after it. The answer confirms
-    that the device has handled the order."""
-
-    kind: MessageType
-    payload: bytes
-    request: int = 0      # sequence number of the IdentityRequest sent after this order; 0 until the order is sent
-    number: int = 0       # sequence number of the newest picture at the time of the confirmation
-    done: bool = False
-    lost: bool = False    # the link ended before the confirmation
-
-
-class Companion:
+class Companion(Link):
     """Implements `guilink.link.Link` with a link that only the calling program uses.
 
     `device` is the identity or the address of the wanted device; the companion then answers no other device. Without
@@ -49,19 +34,16 @@ class Companion:
     """
 
     def __init__(self, device: str | None = None):
+        super().__init__()
         self._device = device
-        self._changed = threading.Condition()  # guards the members from here to `_stop`
-        self.pictures = Pictures(self._changed, lambda: self._failure)
-        self._failure: Exception | None = None
-        self._orders: deque[Order] = deque()
+        # Guarded by self._changed.
         self._status = LinkStatus()
         self._linked_to: LinkStatus | None = None  # the most recently linked device, or None
-        self._rivals: tuple[HeardDevice, ...] = ()  # the broadcasting devices, if the caller must choose one
+        self._several: tuple[HeardDevice, ...] = ()  # the broadcasting devices, if the caller must choose one
         self._answered: dict[str, Identity] = {}   # the devices that the companion has answered, by address
-        self._stop = False
         # Used only by the companion's thread.
         self._connection: Connection | None = None
-        self._next_words = 0.0
+        self._next_send = 0.0
         self._next_accept = 0.0
 
         self._discovery = Discovery()
@@ -75,7 +57,6 @@ class Companion:
         self._wake_receiver, self._wake_sender = socket.socketpair()
         self._wake_receiver.setblocking(False)
         self._wake_sender.setblocking(False)
-        self._thread = threading.Thread(target=self._run, name="guilink", daemon=True)
         self._thread.start()
 
     # --- called from any thread --------------------------------------------------------------------
@@ -88,53 +69,11 @@ class Companion:
         with self._changed:
             return self._discovery.devices()
 
-    def wait_linked(self, deadline: float) -> LinkStatus:
-        with self._changed:
-            while not (self._status.linked and self._status.identity):
-                self._raise_failure()
-                if self._rivals:
-                    raise SeveralDevicesError("several devices are in sight: "
-                                              + "; ".join(map(str, self._rivals))
-                                              + "; choose one by its identity or address")
-                if not self._changed.wait(max(0.0, deadline - time.monotonic())):
-                    raise LinkError(self._why_not())
-            return self._status
+    def _ready(self) -> bool:
+        return self._status.linked and bool(self._status.identity)
 
-    def press(self, button: int, deadline: float) -> int:
-        return self._deliver(Order(MessageType.BUTTON, bytes([button])), deadline)
-
-    def send_text(self, text: bytes, deadline: float) -> int:
-        return self._deliver(Order(MessageType.DATA, text), deadline)
-
-    def close(self) -> None:
-        with self._changed:
-            self._stop = True
-            self._failure = self._failure or LinkError("the link was closed")
-            self._changed.notify_all()
-        self._wake()
-        self._thread.join()
-
-    def _deliver(self, order: Order, deadline: float) -> int:
-        with self._changed:
-            self._raise_failure()
-            self._orders.append(order)
-            self._wake()
-            try:
-                while not (order.done or order.lost):
-                    if not self._changed.wait(max(0.0, deadline - time.monotonic())):
-                        raise LinkError("the device has not confirmed it" if order.request
-                                        else self._why_not())
-                    self._raise_failure()
-            finally:
-                if order in self._orders:
-                    self._orders.remove(order)
-            if order.lost:
-                raise LinkError("the link ended before the device confirmed it, so it may or may not have arrived")
-            return order.number
-
-    def _raise_failure(self) -> None:
-        if self._failure:
-            raise self._failure
+    def _rivals(self) -> Sequence[HeardDevice]:
+        return self._several
 
     def _why_not(self) -> str:
         wanted = f"device {self._device}" if self._device else "device"
@@ -160,12 +99,8 @@ class Companion:
 
     def _run(self) -> None:
         try:
-            while not self._stop:
+            while not self._failure:
                 self._turn()
-        except Exception as error:  # a bug in this module; the waiting threads raise this error
-            with self._changed:
-                self._failure = GuilinkError(f"the link's thread failed: {error!r}")
-                self._failure.__cause__ = error
         finally:
             if self._connection:
                 self._drop(self._connection)
@@ -190,7 +125,7 @@ class Companion:
             if connection:
                 selector.register(connection, selectors.EVENT_READ
                                   | (selectors.EVENT_WRITE if connection.wants_to_write else 0))
-                wait = max(0.0, self._next_words - time.monotonic())
+                wait = max(0.0, self._next_send - time.monotonic())
             ready = {key.fileobj: mask for key, mask in selector.select(wait)}
 
         if self._wake_receiver in ready:
@@ -205,7 +140,7 @@ class Companion:
         if self._listener in ready:
             self._accept()
         if self._connection:
-            self._talk(self._connection)
+            self._send(self._connection)
 
     def _handle_broadcast(self, broadcast: Broadcast) -> None:
         if not self._wants(broadcast):
@@ -229,8 +164,8 @@ class Companion:
             return True  # the most recently linked device; its identity or its address may have changed
         if self._device or self._linked_to:
             return self._device in names
-        self._rivals = (broadcast.device, *broadcast.rivals) if broadcast.rivals else ()
-        if self._rivals:
+        self._several = (broadcast.device, *broadcast.rivals) if broadcast.rivals else ()
+        if self._several:
             self._changed.notify_all()
         return broadcast.alone
 
@@ -252,7 +187,7 @@ class Companion:
             if link:
                 self._drop(link)
             self._connection = Connection(connected, address, self._answered[address])
-            self._next_words = 0.0
+            self._next_send = 0.0
             return
 
     @staticmethod
@@ -274,30 +209,30 @@ class Companion:
     def _report(self, connection: Connection) -> None:
         with self._changed:
             self._status = LinkStatus(True, connection.address, *connection.identity)
-            self._linked_to, self._rivals = self._status, ()
+            self._linked_to, self._several = self._status, ()
             self._changed.notify_all()
 
     def _confirm(self, connection: Connection) -> None:
         with self._changed:
             for order in self._orders:
                 if order.request and order.request <= connection.answered and not order.done:
-                    order.done, order.number = True, self.pictures.number
+                    self._finish(order)
             self._changed.notify_all()
 
-    def _talk(self, connection: Connection) -> None:
+    def _send(self, connection: Connection) -> None:
         if connection.ready:
             self._send_orders(connection)
         now = time.monotonic()
-        if now > connection.received_at + SILENCE:
+        if now > connection.received_at + LINK_SILENCE:
             connection.ended = True
         if connection.wants_to_write:
             connection.flush()
-        if now >= self._next_words and not connection.ended:
-            self._say_what_is_due(connection, now)
+        if now >= self._next_send and not connection.ended:
+            self._send_what_is_due(connection, now)
         if connection.ended:
             self._drop(connection)
 
-    def _say_what_is_due(self, connection: Connection, now: float) -> None:
+    def _send_what_is_due(self, connection: Connection, now: float) -> None:
         if not connection.image_seen:
             connection.send(MessageType.CONNECT_REQUEST)
         connection.send(MessageType.CONTROL)
@@ -307,7 +242,7 @@ class Companion:
         due = connection.requests % ASK_EVERY == READY_REQUESTS
         if (quiet or unconfirmed) if connection.ready else due:
             connection.send(MessageType.IDENTITY_REQUEST)
-        self._next_words = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
+        self._next_send = now + (KEEP_ALIVE if connection.ready else REQUEST_INTERVAL)
 
     def _send_orders(self, connection: Connection) -> None:
         """Sends each unsent order, and an IdentityRequest after it. The answer will confirm the order."""
@@ -321,12 +256,8 @@ class Companion:
                     order.request = connection.asked
 
     def _drop(self, connection: Connection) -> None:
-        """Closes the connection. Each order that was sent but not confirmed is lost."""
         connection.close()
         self._connection = None
         with self._changed:
-            for order in self._orders:
-                order.lost = bool(order.request) and not order.done
-            self.pictures.link_ended()
             self._status = LinkStatus()
-            self._changed.notify_all()
+            self._lose("the link")

@@ -25,7 +25,7 @@ class View:
         if not 0 <= tolerance <= 15:
             raise ValueError(f"the tolerance is {tolerance}; it must be 0 to 15 steps of a channel")
         self.region, self.tolerance = region, tolerance
-        self._mask: NDArray[np.bool_] | list[Box] = mask if isinstance(mask, np.ndarray) else list(mask)
+        self._mask: NDArray[np.bool_] | list[Box] = mask if isinstance(mask, np.ndarray) else [*mask]
 
     def of(self, screen: Screen) -> Screen:
         """Returns the part of the screen inside the region. If the region extends beyond the screen, returns the whole

@@ -1,11 +1,14 @@
-"""The interface of every link to a device, and the errors that its methods raise."""
+"""What every link to a device has in common, and the errors that its methods raise."""
 from __future__ import annotations
 
 import threading
 import time
+from abc import ABC, abstractmethod
 from collections import deque
 from dataclasses import dataclass, field
-from typing import Callable, NamedTuple, Protocol
+from typing import Callable, NamedTuple, Sequence
+
+from guilink.wire import MessageType
 
 HISTORY = 5.0              # s; pictures are kept for this long, because a failed wait saves them
 HISTORY_BYTES = 64 << 20   # bytes; limit for all kept payloads together
@@ -55,30 +58,130 @@ class Picture(NamedTuple):
 Listener = Callable[[Picture], None]  # is called on the link's thread, so it must neither block nor raise
 
 
-class Link(Protocol):
-    """A link to a device. Any thread may call the methods. `deadline` is a value of time.monotonic().
+@dataclass(eq=False)
+class Order:
+    """A press or a text for the device."""
 
-    Two classes implement this interface: Companion has a link of its own, and Viewer uses the link of a running viewer.
+    kind: MessageType
+    payload: bytes
+    request: int = 0      # number of the request whose answer will confirm this order; 0 until the order is sent
+    number: int = 0       # number of the newest picture at the time of the confirmation
+    done: bool = False
+    why_not: str = ""     # why the device may not have handled it
+
+
+class Link(ABC):
+    """A link to a device. Any thread may call the public methods. `deadline` is a value of time.monotonic().
+
+    Two classes extend this one: Companion has a link of its own, and Viewer uses the link of a running viewer. Each of
+    them does its work in `_run`, on a thread that they must start.
     """
 
-    pictures: Pictures
+    def __init__(self) -> None:
+        self._changed = threading.Condition()  # guards all members that both the thread and its callers use
+        self.pictures = Pictures(self._changed, lambda: self._failure)
+        self._failure: Exception | None = None  # why the link is of no more use
+        self._orders: list[Order] = []
+        self._thread = threading.Thread(target=self._work, name="guilink", daemon=True)
 
-    def status(self) -> LinkStatus: ...
+    @abstractmethod
+    def status(self) -> LinkStatus:
+        """Returns whether there is a link, and to which device."""
 
+    @abstractmethod
     def devices(self) -> list[HeardDevice]:
         """Returns all devices that have broadcast. The device with the newest broadcast comes first."""
 
     def wait_linked(self, deadline: float) -> LinkStatus:
-        """Waits until the device accepts button presses. At the deadline, raises LinkError with the reason."""
+        """Waits until the device accepts presses. At the deadline, raises LinkError with the reason."""
+        with self._changed:
+            while not self._ready():
+                self._raise_failure()
+                if rivals := self._rivals():
+                    raise SeveralDevicesError("several devices are in sight: " + "; ".join(map(str, rivals))
+                                              + "; choose one by its identity or address")
+                self._wait(deadline)
+            return self.status()
 
     def press(self, button: int, deadline: float) -> int:
-        """Waits for a link, presses a button, and waits until the device confirms the press. Returns the number of the
-        newest picture at the time of the confirmation. Raises LinkError."""
+        """Waits for a link, presses a button, and waits until the press is confirmed. Returns the number of the newest
+        picture at that time. Raises LinkError."""
+        return self._deliver(Order(MessageType.BUTTON, bytes([button])), deadline)
 
     def send_text(self, text: bytes, deadline: float) -> int:
         """Sends a line for the device's log. Waits, returns and raises like `press`."""
+        return self._deliver(Order(MessageType.DATA, text), deadline)
 
-    def close(self) -> None: ...
+    def close(self) -> None:
+        """Ends the link and its thread."""
+        with self._changed:
+            self._failure = self._failure or LinkError("the link was closed")
+            self._changed.notify_all()
+        self._wake()
+        self._thread.join()
+
+    @abstractmethod
+    def _run(self) -> None:
+        """Works until there is a `_failure`."""
+
+    @abstractmethod
+    def _wake(self) -> None:
+        """Makes the thread look at `_orders` and `_failure`. Called from any thread."""
+
+    @abstractmethod
+    def _ready(self) -> bool:
+        """Whether the wanted device accepts presses, and is known by its identity."""
+
+    @abstractmethod
+    def _rivals(self) -> Sequence[HeardDevice]:
+        """The devices between which the caller must choose, if any."""
+
+    @abstractmethod
+    def _why_not(self) -> str:
+        """Why there is no link."""
+
+    def _deliver(self, order: Order, deadline: float) -> int:
+        with self._changed:
+            self._raise_failure()
+            self._orders.append(order)
+            self._wake()
+            try:
+                while not order.done:
+                    self._wait(deadline, order)
+                    self._raise_failure()
+            finally:
+                self._orders.remove(order)
+            if order.why_not:
+                raise LinkError(order.why_not)
+            return order.number
+
+    def _wait(self, deadline: float, order: Order | None = None) -> None:
+        if not self._changed.wait(max(0.0, deadline - time.monotonic())):
+            raise LinkError("the device has not confirmed it" if order and order.request else self._why_not())
+
+    def _finish(self, order: Order, why_not: str = "") -> None:
+        order.done, order.number, order.why_not = True, self.pictures.number, why_not
+
+    def _lose(self, what: str) -> None:
+        """Notes that the link has ended. Each order that was sent but not confirmed is lost."""
+        for order in self._orders:
+            if order.request and not order.done:
+                self._finish(order, f"{what} ended before the device confirmed it, so it may or may not have arrived")
+        self.pictures.link_ended()
+        self._changed.notify_all()
+
+    def _raise_failure(self) -> None:
+        if self._failure:
+            raise self._failure
+
+    def _work(self) -> None:
+        try:
+            self._run()
+        except Exception as error:  # a bug in this package; the waiting threads raise this error
+            with self._changed:
+                self._failure = GuilinkError(f"the link's thread failed: {error!r}")
+                self._failure.__cause__ = error
+                self._changed.notify_all()
 
 
 @dataclass
