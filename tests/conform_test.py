@@ -129,7 +129,8 @@ def test_companion_that_does_not_start_is_an_error():
 
 @pytest.mark.parametrize("command", [
     [PROGRAMS / "guilink-viewer"],
-    [sys.executable, ROOT / "docs/examples/minimal_companion.py", "--frames", "0", "--follow", "--timeout", "3600"],
+    [sys.executable, ROOT / "docs/examples/minimal_companion.py", "--frames", "0", "--press", "7",
+     "--follow", "--timeout", "3600"],
 ], ids=["viewer", "minimal"])
 def test_our_companions_pass(command, tmp_path):
     picture = tmp_path / "shown.png"

@@ -155,6 +155,10 @@ def test_failure_leaves_evidence_and_says_what_to_look_at(link, device):
     assert Image.open(folder / "last-seconds.png").size == (32, 24 + 40)
     with pytest.raises(guilink.WaitTimeoutError, match=r"(?s)the condition never.*wait-2"):
         device.wait_for(lambda screen: False, name="the condition never")
+    link.status = LinkStatus
+    with pytest.raises(guilink.WaitTimeoutError, match="no link at the moment") as failure:
+        device.wait_for(TARGET)
+    assert "ignored" not in str(failure.value)
 
 
 def test_stable_means_unchanged_where_one_looks(link, device):

@@ -133,6 +133,13 @@ def test_wait_outlives_a_restart_and_ends_by_interrupt(tmp_path):
     assert (tmp_path / "run.gif").exists()
 
 
+def test_minimal_companion_links_to_the_service(tmp_path):
+    said = subprocess.check_output([sys.executable, ROOT / "docs/examples/minimal_companion.py", "--press", "15",
+                                    "--timeout", str(LIMIT), tmp_path / "shown.png"], text=True)
+    assert said.startswith("device 11111, firmware fw1.1\n") and "\n1280 x 960, " in said
+    assert guilink.Screen.load(tmp_path / "shown.png").width == 1280
+
+
 def test_installs_without_a_network(tmp_path):
     source = tmp_path / "source"
     shutil.copytree(ROOT / "devkit/python", source)

@@ -52,10 +52,18 @@ def pytest_configure(config: pytest.Config) -> None:
 @pytest.fixture(scope="session")
 def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
     """The connected device, which all tests share. Override this fixture to connect in another way."""
-    option = pytestconfig.getoption
+    option, said = pytestconfig.getoption, set[str]()
+
+    def say(text: str) -> None:
+        if text not in said:
+            said.add(text)
+            reporter: TerminalReporter = pytestconfig.pluginmanager.getplugin("terminalreporter")
+            reporter.ensure_newline()
+            reporter.write_line(f"guilink: {text}")
+
     with guilink.connect(option("--guilink-device"), viewer=option("--guilink-viewer"),
                          timeout=option("--guilink-timeout"), labels=option("--guilink-labels"),
-                         artifacts=option("--guilink-artifacts")) as device:
+                         artifacts=option("--guilink-artifacts"), progress=say) as device:
         yield device
 
 
@@ -105,6 +113,12 @@ def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> Ass
 def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> None:
     if call.excinfo and isinstance(error := call.excinfo.value, guilink.WaitTimeoutError):
         item.user_properties.append((PROPERTY, str(error.folder)))
+
+
+def pytest_assertrepr_compare(op: str, left: object, right: object) -> list[str] | None:
+    if op == "==" and isinstance(left, guilink.Screen) and isinstance(right, guilink.Screen):
+        return ["two screens are equal", str(left.diff(right))]
+    return None
 
 
 def pytest_terminal_summary(terminalreporter: TerminalReporter, config: pytest.Config) -> None:
