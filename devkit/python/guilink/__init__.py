@@ -6,7 +6,10 @@
         device.press("down")
         device.wait_for("menu.png", mask=[(30, 10, 200, 50)])
 
-docs/testing.md shows how to write a first test.
+`connect` returns a Device, which presses, waits, compares and records. Its pictures are Screens. If the screen does not
+show in time what it should, a wait raises WaitTimeoutError; if there is no link, LinkError. A wrong argument raises
+ValueError. For tests, the pytest plugin has the fixtures `device` and `assert_screen`. docs/testing.md shows how to
+write a first test.
 """
 from __future__ import annotations
 

@@ -31,6 +31,7 @@ class Buttons:
                              'array of {"button": NUMBER, "label": TEXT}') from error
 
     def number(self, button: str | int) -> int:
+        """Returns the number of a button that is given by name or number. Raises ValueError if there is none."""
         if isinstance(button, str):
             text = button.strip().casefold()
             number = self._numbers.get(text, int(text) if text.isdecimal() else -1)
@@ -42,4 +43,5 @@ class Buttons:
         return number
 
     def name(self, number: int) -> str:
+        """Returns the button's name, or its number as text if it has no name."""
         return next((label for label, button in self._labels.items() if button == number), str(number))

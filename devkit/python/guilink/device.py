@@ -98,7 +98,8 @@ class Device:
     # --- press -------------------------------------------------------------------------------------
 
     def press(self, button: str | int, timeout: float | None = None) -> None:
-        """Presses a button, by name or number. Returns when the device has handled the press."""
+        """Presses a button, by name or number. Returns when the device has handled the press. Raises LinkError if it
+        has not done so by the time-out."""
         number = self.buttons.number(button)
         recent = self._link.pictures.recent()
         self._shown_at_press = recent[-1].payload if recent else None
@@ -166,6 +167,7 @@ class Device:
                     still: float = STILL, pictures: int = STILL_PICTURES,
                     timeout: float | None = None) -> Screen:
         """Waits until the screen has not changed for `still` seconds and for `pictures` pictures. Returns the screen.
+        Raises WaitTimeoutError.
 
         If you know what the screen will show, use wait_for. A busy device may react to a press only
         after `still` seconds."""
@@ -193,7 +195,7 @@ class Device:
                     region: Box | None = None, mask: Mask = (), tolerance: int = 0,
                     timeout: float | None = None, name: str | None = None) -> Screen:
         """Presses a button until the screen shows `what`, at most `at_most` times. If the screen already shows
-        `what`, does not press.
+        `what`, does not press. Raises WaitTimeoutError.
 
         Presses again only after the region has changed and is stable again. If a part of the region moves by itself,
         mask this part. `timeout` limits the wait after each press.

@@ -41,6 +41,8 @@ class HeardDevice:
 
 @dataclass(frozen=True)
 class LinkStatus:
+    """Whether there is a link, and to which device."""
+
     linked: bool = False
     address: str = ""
     identity: str = ""

@@ -51,10 +51,12 @@ class Screen:
 
     @property
     def width(self) -> int:
+        """In pixels."""
         return self.pixels.shape[1]
 
     @property
     def height(self) -> int:
+        """In pixels."""
         return self.pixels.shape[0]
 
     @cached_property
@@ -71,6 +73,7 @@ class Screen:
         self.image().save(path)
 
     def crop(self, box: Box) -> Screen:
+        """Returns the part of the screen inside the box. Raises ValueError if the box extends beyond the screen."""
         x, y, width, height = box
         if not (0 <= x < x + width <= self.width and 0 <= y < y + height <= self.height):
             raise ValueError(f"the region {box} is not within a screen of {self.width} x {self.height}")
