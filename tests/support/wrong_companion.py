@@ -45,7 +45,7 @@ WRONG = {  # key: what the companion does wrong; value: the rule that this break
 # Further names, of companions that are wrong in ways that a single rule does not describe:
 #   "dies of half a header", "leaves inside a frame": must not make the kit wait for ever
 #   "dies of the first reset", "dies of the first end": works after a restart
-#   "serves four connections": works for a while after each start
+#   "serves 4 connections": works for a while after each start
 CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, MessageType.CONTROL,
                                                   MessageType.IDENTITY_REQUEST))
 
@@ -185,7 +185,7 @@ class Companion:
             self.others.append(connected)
             return
         self.served += 1
-        if wrong("serves four connections") and self.served > 4:
+        if wrong("serves 4 connections") and self.served > 4:
             self.others.append(connected)
             return
         self.leave()
