@@ -43,14 +43,15 @@ class Capture:
     def read(self, *options):
         """Returns tshark's output for the capture."""
         pcap = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 1 << 18, 101) + b"".join(self.packets)
-        # As root, Wireshark loads no scripts. Another user may not be able to read the checkout, hence the copy.
+        # Wireshark loads no scripts for root. Another user may not be able to read the checkout, hence the copy.
+        user = {} if os.geteuid() else {"user": "nobody", "group": "nogroup", "extra_groups": []}
         with tempfile.NamedTemporaryFile(suffix=".lua") as copy:
             copy.write(DISSECTOR.read_bytes())
             copy.flush()
             os.chmod(copy.name, 0o644)
             done = subprocess.run(["tshark", "-r", "-", "-X", f"lua_script:{copy.name}", "-o",
                                    "tcp.reassemble_out_of_order:TRUE", *options], input=pcap, capture_output=True,
-                                  user=None if os.geteuid() else "nobody")
+                                  env={**os.environ, "HOME": "/nonexistent"}, **user)
         assert done.returncode == 0 and b"Lua Error" not in done.stderr + done.stdout, done
         return done.stdout.decode()
 
