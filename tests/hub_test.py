@@ -191,14 +191,17 @@ def test_a_slow_reader_slows_nobody(viewer):
     until(lambda: state()["streams"] == 0)
 
 
-def test_the_viewer_ends_and_comes_back():
+def test_the_viewer_ends_and_comes_back(tmp_path):
     command = BIN / "guilink-viewer", "--device", "11111"
     with pytest.raises(guilink.LinkError, match="cannot be reached.*is it running"):
         guilink.connect(viewer=URL, link_timeout=0.1)
     with ExitStack() as stack:
         with running(*command):
-            device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT))
+            device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT, artifacts=tmp_path))
         until(lambda: not device.linked)
+        for shown in (device.last_screen(), lambda _: True):
+            with pytest.raises(guilink.WaitTimeoutError, match="no link at the moment"):
+                device.wait_for(shown, timeout=0.1)
         with running(*command):
             device.press("down")
             device.press("up")
@@ -238,3 +241,13 @@ def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
         new_core("--fault", "late")
         device.press("down")
         device.wait_for(second, **look)
+
+
+def test_a_lost_device_shows_nothing_through_the_viewer(viewer, tmp_path):
+    with guilink.connect(viewer=URL, timeout=LIMIT, artifacts=tmp_path) as device:
+        device.screen()
+        end_service()
+        with pytest.raises(guilink.WaitTimeoutError, match="no link at the moment"):
+            while True:  # the viewer may stay linked for a moment after the service has ended
+                device.wait_for(lambda _: True, timeout=0.2)
+        assert device.last_screen() is not None

@@ -110,7 +110,7 @@ def test_wrong_arguments_are_refused_before_there_is_a_link(arguments, words):
 
 
 def test_wait_outlives_a_restart_and_ends_by_interrupt(tmp_path):
-    with guilink.connect("11111", timeout=2 * LIMIT) as device:
+    with guilink.connect("11111", timeout=2 * LIMIT, artifacts=tmp_path) as device:
         shown = device.wait_stable(region=PANEL, mask=MOVING)
         end_service()
         with pytest.raises(guilink.WaitTimeoutError, match="no link at the moment"):
