@@ -1,8 +1,8 @@
-// guilink-latency LINK [SECONDS [SCENE]]: measures how long a frame takes from push_frame to the
-// companion, and how long a button press takes from the companion to the device's control service.
+// guilink-latency [SECONDS]: measures how long a frame takes from push_frame to the companion, and
+// how long a button press takes from the companion to the device's control service, over loopback.
 // The real service and the companion run in this process. Start guilink-latency only inside the
-// sandbox. Each printed line has four fields, separated by tabs: LINK, the scene or "button", the
-// name of a statistic, and its value.
+// sandbox. Each printed line has three fields, separated by tabs: the scene or "button", the name
+// of a statistic, and its value.
 #include <poll.h>
 
 #include <algorithm>
@@ -79,14 +79,13 @@ class Watch {
 
 class Report {
   public:
-    Report(std::string link, double seconds)
-        : m_link(std::move(link)),
-          m_time(
+    explicit Report(double seconds)
+        : m_time(
               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))) {
     }
     Clock::duration time() const { return m_time; }  // duration of each measurement
     void figure(const std::string& subject, const std::string& name, double value) const {
-        std::cout << m_link << '\t' << subject << '\t' << name << '\t' << value << '\n';
+        std::cout << subject << '\t' << name << '\t' << value << '\n';
     }
     // Prints the median and the 99th percentile of `values` (milliseconds).
     void spread(const std::string& subject, const std::string& name,
@@ -98,60 +97,12 @@ class Report {
     }
 
   private:
-    const std::string m_link;
     const Clock::duration m_time;
 };
 
 double since(Clock::time_point start, Clock::time_point end) {
     return Milliseconds(end - start).count();
 }
-
-// Measures how long a datagram waits in the send queue of the loopback interface. The link's bytes
-// wait in the same queue.
-class Queue {
-  public:
-    Queue() {
-        sockaddr_in name = {};
-        socklen_t size = sizeof name;
-        auto* const address = reinterpret_cast<sockaddr*>(&name);
-        if (getsockname(m_socket.fd(), address, &size) != 0 ||
-            connect(m_socket.fd(), address, size) != 0) {
-            throw std::runtime_error("guilink-latency: cannot connect a socket to itself");
-        }
-    }
-    ~Queue() {
-        m_stop = true;
-        m_thread.join();
-    }
-    Queue(const Queue&) = delete;
-    Queue& operator=(const Queue&) = delete;
-
-    void probe() const {
-        const auto now = Clock::now();
-        ::send(m_socket.fd(), &now, sizeof now, MSG_DONTWAIT);
-    }
-    std::vector<double> take_all() {
-        const std::lock_guard lock(m_mutex);
-        return std::exchange(m_times, {});
-    }
-
-  private:
-    void receive() {
-        Clock::time_point sent;
-        while (!m_stop) {
-            if (!m_socket.readable(100ms)) continue;
-            if (recv(m_socket.fd(), &sent, sizeof sent, 0) != sizeof sent) continue;
-            const std::lock_guard lock(m_mutex);
-            m_times.push_back(since(sent, Clock::now()));
-        }
-    }
-
-    const test::Socket m_socket{SOCK_DGRAM, "127.0.0.1", 0};
-    std::mutex m_mutex;
-    std::vector<double> m_times;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread{&Queue::receive, this};
-};
 
 // Pushes frames into the service, and sets the first pixel of each frame to a new stamp.
 class Device {
@@ -201,7 +152,6 @@ void one_by_one(Device& device, Watch& watch, BenchPicture& picture, const Repor
 // Pushes frames at the full frame rate. Measures the age of each frame when the companion receives
 // it, and its age when the next frame replaces it.
 void flooded(Device& device, Watch& watch, BenchPicture& picture, const Report& report) {
-    Queue queue;
     std::map<uint16_t, Clock::time_point> pushed;
     const auto start = Clock::now();
     uint16_t last = 0;
@@ -210,7 +160,6 @@ void flooded(Device& device, Watch& watch, BenchPicture& picture, const Report& 
         std::this_thread::sleep_until(next);
         const auto now = Clock::now();
         pushed[last = device.push(picture)] = now;
-        queue.probe();
     }
     watch.wait(last);
     std::vector<double> young;
@@ -224,7 +173,6 @@ void flooded(Device& device, Watch& watch, BenchPicture& picture, const Report& 
     }
     report.spread(picture.name, "age when shown", young);
     report.spread(picture.name, "age when replaced", old);
-    report.spread(picture.name, "queue", queue.take_all());
     report.figure(picture.name, "frames a second",
                   static_cast<double>(young.size()) * 1000 / since(start, Clock::now()));
 }
@@ -255,18 +203,11 @@ BenchPicture largest(BenchPicture blank) {
 }
 
 int run(int argc, char** argv) {
-    if (argc < 2) {
-        throw std::runtime_error("usage: scripts/sandbox guilink-latency LINK [SECONDS [SCENE]]");
-    }
-    const Report report(argv[1], argc > 2 ? std::stod(argv[2]) : SECONDS);
+    const Report report(argc > 1 ? std::stod(argv[1]) : SECONDS);
 
     ControlService control;
     Watch watch;
-    std::atomic<int> lost{0};
-    Companion companion({
-        .status = [&](const LinkStatus& status) { lost += !status.linked; },
-        .image = [&](const SharedImage& image) { watch.take(image); },
-    });
+    Companion companion({.image = [&](const SharedImage& image) { watch.take(image); }});
     Device device;
     std::vector<BenchPicture> pictures = draw_pictures(1280, 960);
     // Noise, the last picture, is too large for a message. Replace it with the largest picture that
@@ -274,18 +215,10 @@ int run(int argc, char** argv) {
     pictures.back() = largest(pictures.front());
     link_up(device, watch, pictures.front());
     for (BenchPicture& picture : pictures) {
-        if (argc > 3 && picture.name != argv[3]) continue;
-        const int before = lost;
-        try {
-            one_by_one(device, watch, picture, report);
-            flooded(device, watch, picture, report);
-        } catch (const Missing&) {
-            if (lost == before) throw;
-            link_up(device, watch, pictures.front());
-        }
-        report.figure(picture.name, "links lost", lost - before);
+        one_by_one(device, watch, picture, report);
+        flooded(device, watch, picture, report);
     }
-    if (argc <= 3) buttons(companion, control, report);
+    buttons(companion, control, report);
     return 0;
 }
 

@@ -83,49 +83,28 @@ def report_speed(runs):
     table(["ratio of times", "goal, at least", "reached", "goal met"], rows)
 
 
-def read_links(folder):
-    """Returns {rate in Mbit/s, 0 for plain loopback: {scene or "button": {statistic: [value of each run]}}}."""
-    links = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
+def report_latency(folder):
+    figures = collections.defaultdict(list)  # values of all runs by (scene or "button", statistic)
     for path in glob.glob(folder + "/*.tsv"):
         with open(path, encoding="utf-8") as file:
             for line in file:
-                if line.count("\t") != 3:
-                    continue  # a log line of the service
-                link, subject, statistic, value = line.rstrip("\n").split("\t")
-                links[float(link)][subject][statistic].append(float(value))
-    return links
+                if line.count("\t") == 2:  # not a log line of the service
+                    subject, statistic, value = line.rstrip("\n").split("\t")
+                    figures[subject, statistic].append(float(value))
 
-
-def report_links(links):
-    def cell(figures, *names):
+    def cell(*keys):
         """Returns the smallest value of each figure, because a busy machine can only increase the times."""
-        found = [min(figures[name]) for name in names if name in figures]
-        return " / ".join(f"{value:.{2 if value < 1 else 1 if value < 100 else 0}f}" for value in found) or "none"
+        return " / ".join(f"{min(figures[key]):.{2 if min(figures[key]) < 1 else 1}f}" for key in keys)
 
-    print("\nLatency in milliseconds:")
-    rows = []
-    presses = []
-    for rate, scenes in sorted(links.items()):
-        name = f"{rate:g} Mbit/s" if rate else "loopback"
-        for scene in ["overlay", "menu", "text", "largest"]:
-            if not (figures := scenes[scene]):
-                continue
-            age = ("age when shown median", "age when shown p99")
-            limit = sum(min(figures[each], default=0) for each in ("received median", "queue median")) + 10
-            met = age[1] in figures and min(figures[age[0]]) <= limit and min(figures[age[1]]) <= 2 * limit
-            rows.append(
-                [name, scene]
-                + [cell(figures, f"{each} median") for each in ("received", "decoded", "queue")]
-                + [cell(figures, *age)]
-                + [f"{max(figures.get('frames a second', [0])):.3g}"]
-                + [f"{max(figures.get('links lost', [0])):.0f}", "yes" if met else "**no**"]
-            )
-        if "button" in scenes:
-            presses.append([name, cell(scenes["button"], "sent on median"), cell(scenes["button"], "sent on p99")])
-    table("link, scene, received, decoded, queue, age, frames/s, links lost, goal met".split(", "), rows)
-
-    print("\nA press on an idle link, in milliseconds:")
-    table(["link", "median", "99th percentile"], presses)
+    print("\nLatency over loopback, in milliseconds:")
+    rows = [
+        [scene, cell((scene, "received median")), cell((scene, "decoded median"))]
+        + [cell((scene, "age when shown median"), (scene, "age when shown p99"))]
+        + [f"{max(figures[scene, 'frames a second']):.3g}"]
+        for scene in ["overlay", "menu", "text", "largest"]
+    ]
+    table(["scene", "received", "decoded", "age", "frames/s"], rows)
+    print("\nA press: " + cell(("button", "sent on median"), ("button", "sent on p99")))
 
 
 def draw(runs, path):
@@ -169,7 +148,7 @@ def main():
         report_speed(runs)
         draw(runs, chart)
         print(f"\nThe chart is in {chart}.")
-    report_links(read_links(folder))
+    report_latency(folder)
 
 
 main()
