@@ -47,15 +47,25 @@ use() {  # ROOT PACKAGES CORE SCRATCH
     "$3" --still --frames 1 --dump "$scratch/expected"
     "${inside[@]}" guilinkd
     "${inside[@]}" guilink-core --still --dump /drawn &
-    local core=$! try snapshot=(guilink-viewer --timeout 300 --frames 1 --snapshot /picture.png --raw)
-    "${inside[@]}" "${snapshot[@]}" /menu
+    local core=$! try
+    snapshot() {  # FILE [ARGUMENT...]: writes the pixels to FILE, as the core's --dump does
+        "${inside[@]}" guilink-viewer --timeout 300 --snapshot /picture.png "${@:2}"
+        python3 - "$root/picture.png" "$1" <<'EOF'
+import sys
+import numpy
+from PIL import Image
+red, green, blue, alpha = numpy.moveaxis(numpy.asarray(Image.open(sys.argv[1]), "<u2") // 17, 2, 0)
+(alpha << 12 | red << 8 | green << 4 | blue).tofile(sys.argv[2])
+EOF
+    }
+    snapshot "$root/menu"
     cmp "$scratch/expected" "$root/menu" || fail "the picture differs from this machine's"
 
     # A press must change the picture.
-    "${inside[@]}" "${snapshot[@]}" /pressed --press 1
+    snapshot "$root/pressed" --press 1
     for ((try = 0; try < 20; ++try)); do
         cmp -s "$root/menu" "$root/pressed" || break
-        "${inside[@]}" "${snapshot[@]}" /pressed
+        snapshot "$root/pressed"
     done
     ((try < 20)) || fail "a press does not change the picture"
     kill $core

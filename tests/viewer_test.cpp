@@ -47,9 +47,8 @@ TEST(Requests, AreReadToTheLetter) {
         return read_request({method, target, "localhost", "", "", "text"}, "labels");
     };
     EXPECT_EQ(std::get<Choice>(read("POST", "/device/a%20%41%4%")).device, "a A%4%");
-    const Asked asked = read("GET", "/snapshot.png?after=7&over=white");
+    const Asked asked = read("GET", "/snapshot.png?after=7");
     EXPECT_EQ(std::get<Snapshot>(asked).after, 7u);
-    EXPECT_EQ(std::get<Snapshot>(asked).kind, Rendition::png_over_white);
     for (const auto& [method, target, status] : {std::tuple{"GET", "/labels.json", 200u},
                                                  {"HEAD", "/", 200},
                                                  {"HEAD", "/stream.mjpg", 405},
@@ -63,7 +62,7 @@ TEST(Requests, AreReadToTheLetter) {
 
 TEST(PageMessages, CarryAnIdIfTheyWantAnAnswer) {
     EXPECT_EQ(parse_page_message(R"({"press":255,"id":3})")->id, 3u);
-    EXPECT_EQ(std::get<Choice>(parse_page_message(R"({"device":"x"})")->order).device, "x");
+    EXPECT_EQ(std::get<Choice>(parse_page_message(R"({"device":"x"})")->content).device, "x");
     for (const char* wrong : {"", "[]", R"({"press":256})", R"({"press":1,"text":"a"})",
                               R"({"press":1,"id":-1})", R"({"id":1})", R"({"text":1})"})
         EXPECT_FALSE(parse_page_message(wrong)) << wrong;
@@ -130,7 +129,7 @@ TEST(Options, ThatContradictEachOtherAreRefused) {
     EXPECT_TRUE(accepted({"--listen", "[::]:1", "--labels", "f"}));
     EXPECT_TRUE(accepted({"--listen", "[::]:1", "--exec", "env", "viewer"}));
     EXPECT_TRUE(accepted({"--list"}) && accepted({"--snapshot", "f", "--device", "1"}));
-    EXPECT_TRUE(accepted({"--snapshot", "f", "--press", "1", "--press", "2", "--raw", "g"}));
+    EXPECT_TRUE(accepted({"--snapshot", "f", "--press", "1", "--press", "2"}));
     for (const auto& arguments :
          std::vector<std::vector<const char*>>{{"--snapshot", "f", "--listen", "[::]:1"},
                                                {"--snapshot", "f", "--labels", "f"},
@@ -138,7 +137,6 @@ TEST(Options, ThatContradictEachOtherAreRefused) {
                                                {"--labels", "f", "--exec", "env"},
                                                {"--list", "--device", "1"},
                                                {"--press", "1"},
-                                               {"--raw", "g"},
                                                {"--snapshot", "f", "--press", "256"}})
         EXPECT_FALSE(accepted(arguments)) << testing::PrintToString(arguments);
 }

@@ -9,6 +9,7 @@
 #include "devkit/viewer/access_policy.h"
 #include "devkit/viewer/page_session.h"
 #include "devkit/viewer/requests.h"
+#include "devkit/viewer/session.h"
 #include "devkit/viewer/stream_session.h"
 
 namespace guilink {
@@ -48,7 +49,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         http::async_read(m_stream, m_received, *m_parser,
                          [self = shared_from_this()](error_code error, size_t) {
                              if (error == http::error::body_limit)
-                                 self->answer({413, "text/plain", "The body is too long.\n"});
+                                 self->respond({413, "text/plain", "The body is too long.\n"});
                              else if (!error)
                                  self->serve();
                          });
@@ -68,8 +69,21 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             if (program || from_our_page(plain.host, plain.origin))
                 return start_page_session(m_hub, m_stream.release_socket(), request, program);
         }
-        std::visit([this](const auto& asked) { answer(asked); },
-                   read_request(plain, m_hub.labels()));
+        const Asked asked = read_request(plain, m_hub.labels());
+        if (const auto* const reply = std::get_if<Reply>(&asked))
+            respond(*reply);
+        else if (const auto* const snapshot = std::get_if<Snapshot>(&asked))
+            await_picture(*snapshot);
+        else if (const auto* const order = std::get_if<Order>(&asked))
+            await_confirmation(*order);
+        else if (const auto* const choice = std::get_if<Choice>(&asked))
+            choose(*choice);
+        else if (std::holds_alternative<State>(asked))
+            respond({200, "application/json", state_json(m_hub.report())});
+        else if (std::holds_alternative<Metrics>(asked))
+            respond({200, OPENMETRICS, metrics_text(m_hub.report())});
+        else
+            start_stream_session(m_hub, m_stream.release_socket());
     }
 
     bool is_local() {
@@ -81,10 +95,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         return address.is_loopback();
     }
 
-    void answer(const Reply& reply) { answer(reply, {}); }
-
-    // If `picture` is set, the response has the header Guilink-Picture with this picture number.
-    void answer(const Reply& reply, std::optional<uint64_t> picture) {
+    void respond(const Reply& reply) {
         const Request& request = m_parser->get();
         m_timer.cancel();
         m_response = {};
@@ -98,7 +109,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         m_response.set(http::field::cache_control, "no-store");
         if (reply.status != 204) m_response.set(http::field::content_type, view(reply.type));
         if (!reply.allow.empty()) m_response.set(http::field::allow, view(reply.allow));
-        if (picture) m_response.set("Guilink-Picture", std::to_string(*picture));
+        if (reply.picture) m_response.set("Guilink-Picture", std::to_string(*reply.picture));
         m_response.body() = reply.body;
         m_response.prepare_payload();
         if (request.method() == http::verb::head) m_response.body().clear();
@@ -109,47 +120,40 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
                           });
     }
 
-    void answer(const State&) { answer({200, "application/json", state_json(m_hub.report())}); }
-    void answer(const Metrics&) { answer({200, OPENMETRICS, metrics_text(m_hub.report())}); }
-    void answer(const Stream&) { start_stream_session(m_hub, m_stream.release_socket()); }
-
-    void answer(const Snapshot& snapshot) {
+    void await_picture(const Snapshot& snapshot) {
         const ReceivedImage& newest = m_hub.newest();
         if (newest.data == nullptr && !snapshot.after)
-            return answer({503, "text/plain", "There is no picture: no device is linked.\n"});
+            return respond({503, "text/plain", "There is no picture: no device is linked.\n"});
         const uint64_t turn = wait(503, "No newer picture has arrived in time.\n");
         m_hub.renditions().get(
-            snapshot.kind, snapshot.after.value_or(newest.number - 1), weak_from_this(),
+            Rendition::png, snapshot.after.value_or(newest.number - 1), weak_from_this(),
             [this, turn](const Renditions::Bytes& bytes, uint64_t number) {
                 if (turn != m_turn) return;
                 ++m_turn;
                 if (bytes == nullptr)
-                    return answer({503, "text/plain", "The newest picture is damaged.\n"});
-                answer({200, "image/png", *bytes}, number);
+                    return respond({503, "text/plain", "The newest picture is damaged.\n"});
+                respond({.type = "image/png", .body = *bytes, .picture = number});
             });
     }
 
-    void answer(const Press& press) { pass_on(press); }
-    void answer(const Text& text) { pass_on(text); }
-
-    template <typename Order>
-    void pass_on(const Order& order) {
+    void await_confirmation(const Order& order) {
         const uint64_t turn = wait(
             504, "The device has not confirmed it in time, so it may or may not have arrived.\n");
-        m_hub.pass_on(order, weak_from_this(),
-                      [this, turn](const std::optional<std::string>& why_not, uint64_t picture) {
-                          if (turn != m_turn) return;
-                          ++m_turn;
-                          if (why_not) return answer({409, "text/plain", *why_not + '\n'});
-                          answer({204, "", ""}, picture);
-                      });
+        m_hub.send_confirmed(
+            order, weak_from_this(),
+            [this, turn](const std::optional<std::string>& why_not, uint64_t picture) {
+                if (turn != m_turn) return;
+                ++m_turn;
+                if (why_not) return respond({409, "text/plain", *why_not + '\n'});
+                respond({.status = 204, .picture = picture});
+            });
     }
 
-    void answer(const Choice& choice) {
+    void choose(const Choice& choice) {
         const Hub::Found found = m_hub.choose(choice);
-        if (found == Hub::Found::one) return answer({204, "", ""});
-        answer({found == Hub::Found::none ? 404u : 409u, "text/plain",
-                Hub::sentence(found) + std::string("\n")});
+        if (found == Hub::Found::one) return respond({204});
+        respond({found == Hub::Found::none ? 404u : 409u, "text/plain",
+                 Hub::sentence(found) + std::string("\n")});
     }
 
     // Starts the timer for a request that must wait for the device. If the request has no answer
@@ -162,7 +166,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             [self = shared_from_this(), turn = m_turn, status, why](error_code error) {
                 if (error || turn != self->m_turn) return;
                 ++self->m_turn;
-                self->answer({status, "text/plain", why});
+                self->respond({status, "text/plain", why});
             });
         return m_turn;
     }

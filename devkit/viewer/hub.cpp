@@ -1,7 +1,6 @@
 #include "devkit/viewer/hub.h"
 
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 
 #include <algorithm>
 
@@ -20,8 +19,6 @@ constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // time over whic
 constexpr size_t MAX_WATCHERS = 256;
 // HTTP sessions plus streams. The limit leaves file descriptors for the link to the device.
 constexpr size_t MAX_VISITORS = 256;
-constexpr int SEND_BUFFER = 131072;  // bytes; holds two or three pictures of a menu
-constexpr int UNSENT_LOW = 16384;    // bytes; value of TCP_NOTSENT_LOWAT
 
 tcp family(int listener) {
     sockaddr_storage address = {};
@@ -32,18 +29,11 @@ tcp family(int listener) {
 
 }  // namespace
 
-void keep_backlog_short(tcp::socket& socket) {
-    error_code ignored;
-    socket.set_option(tcp::no_delay(true), ignored);
-    socket.set_option(asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
-    setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &UNSENT_LOW,
-               sizeof UNSENT_LOW);
-}
-
-Hub::Hub(int listener, std::string labels, PageHandlers handlers)
+Hub::Hub(int listener, std::string labels, Send send, Choose choose)
     : m_acceptor(m_loop, family(listener), listener),
       m_labels(std::move(labels)),
-      m_handlers(std::move(handlers)) {
+      m_send(std::move(send)),
+      m_choose(std::move(choose)) {
     accept();
 }
 
@@ -111,23 +101,14 @@ Report Hub::report() {
     return report;
 }
 
-uint64_t Hub::await(const std::weak_ptr<void>& owner, Outcome outcome) {
-    m_orders[++m_last_order] = {owner, std::move(outcome)};
-    return m_last_order;
+void Hub::send_confirmed(const Order& order, const std::weak_ptr<void>& owner, Outcome outcome) {
+    const uint64_t number = ++m_last_number;
+    m_sent[number] = {owner, std::move(outcome)};
+    if (!m_send(order, number)) set_outcome(number, Delivery::refused, 0);
 }
 
-void Hub::pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome) {
-    const uint64_t order = await(owner, std::move(outcome));
-    if (!m_handlers.press(press.button, order)) set_outcome(order, Delivery::refused, 0);
-}
-
-void Hub::pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome) {
-    const uint64_t order = await(owner, std::move(outcome));
-    if (!m_handlers.text(text.text, order)) set_outcome(order, Delivery::refused, 0);
-}
-
-void Hub::set_outcome(uint64_t order, Delivery delivery, uint64_t picture) {
-    const auto found = m_orders.extract(order);
+void Hub::set_outcome(uint64_t number, Delivery delivery, uint64_t picture) {
+    const auto found = m_sent.extract(number);
     if (found.empty()) return;
     const auto owner = found.mapped().owner.lock();
     if (owner == nullptr) return;
@@ -148,7 +129,7 @@ Hub::Found Hub::choose(const Choice& choice) {
     for (const SearchingDevice& device : m_devices) note(device.identity, device.address);
     if (m_status.linked) note(m_status.identity, m_status.address);
     if (addresses.size() != 1) return addresses.empty() ? Found::none : Found::several;
-    m_handlers.choose(choice.device);
+    m_choose(choice.device);
     return Found::one;
 }
 

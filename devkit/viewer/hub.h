@@ -22,28 +22,8 @@
 #include "devkit/viewer/received_image.h"
 #include "devkit/viewer/renditions.h"
 #include "devkit/viewer/report.h"
-#include "devkit/viewer/web_server.h"
 
 namespace guilink {
-
-constexpr auto PATIENCE = std::chrono::seconds(10);  // time limit of a request, an answer or a pong
-
-// Makes the socket's buffers in the kernel small. Pictures then wait in the session instead, where
-// a newer picture replaces an older one.
-void keep_backlog_short(boost::asio::ip::tcp::socket& socket);
-
-// Adds 1 to `count` as long as the object exists. A session class with such a member counts its
-// sessions.
-class Counted {
-  public:
-    explicit Counted(size_t& count) : m_count(++count) {}
-    ~Counted() { --m_count; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-
-  private:
-    size_t& m_count;
-};
 
 class Hub {
   public:
@@ -55,13 +35,20 @@ class Hub {
         virtual void offer_image(const ReceivedImage& image) = 0;
         bool is_program = false;
     };
-    // Called with the outcome of an order. An order is a press or a text. `why_not` is the reason
-    // why the order failed; it is empty if the device confirmed the order. `picture` is the number
-    // of the newest picture at the time of the confirmation.
+    // Called with the outcome of an order. `why_not` is the reason why the order failed; it is
+    // empty if the device confirmed the order. `picture` is the number of the newest picture at the
+    // time of the confirmation.
     using Outcome =
         std::function<void(const std::optional<std::string>& why_not, uint64_t picture)>;
 
-    Hub(int listener, std::string labels, PageHandlers handlers);
+    // `send` gives an order to the companion. If its number is not 0, the outcome must be reported
+    // to set_outcome. If `send` returns false, it has dropped the order, and there is no outcome to
+    // report. `choose` tells the companion which device to link to.
+    using Send = std::function<bool(const Order&, uint64_t number)>;
+    using Choose = std::function<void(const std::string& device)>;
+
+    // Takes ownership of a listening socket. `labels` is JSON, as load_labels returns it.
+    Hub(int listener, std::string labels, Send send, Choose choose);
 
     boost::asio::io_context& loop() { return m_loop; }
     const std::string& labels() const { return m_labels; }
@@ -78,14 +65,12 @@ class Hub {
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // Sends an order to the device. Calls `outcome` once, possibly before `pass_on` returns. Does
-    // not call `outcome` if `owner` is destroyed first.
-    void pass_on(const Press& press, const std::weak_ptr<void>& owner, Outcome outcome);
-    void pass_on(const Text& text, const std::weak_ptr<void>& owner, Outcome outcome);
     // Sends an order to the device. The caller does not learn the outcome.
-    void pass_on(const Press& press) { m_handlers.press(press.button, 0); }
-    void pass_on(const Text& text) { m_handlers.text(text.text, 0); }
-    void set_outcome(uint64_t order, Delivery delivery, uint64_t picture);
+    void send(const Order& order) { m_send(order, 0); }
+    // Sends an order to the device. Calls `outcome` once, possibly before send_confirmed returns.
+    // Does not call `outcome` if `owner` is destroyed first.
+    void send_confirmed(const Order& order, const std::weak_ptr<void>& owner, Outcome outcome);
+    void set_outcome(uint64_t number, Delivery delivery, uint64_t picture);
 
     // If exactly one device matches `choice`, links to this device. Returns how many devices match.
     enum class Found { one, none, several };
@@ -99,7 +84,7 @@ class Hub {
     uint64_t skipped_pictures = 0;  // not sent, because a WebSocket client was too slow
 
   private:
-    struct Order {
+    struct Sent {
         std::weak_ptr<void> owner;
         Outcome outcome;
     };
@@ -110,20 +95,20 @@ class Hub {
     };
 
     void accept();
-    uint64_t await(const std::weak_ptr<void>& owner, Outcome outcome);
 
     boost::asio::io_context m_loop{1};
     boost::asio::ip::tcp::acceptor m_acceptor;
     boost::asio::steady_timer m_retry{m_loop};
     const std::string m_labels;
-    const PageHandlers m_handlers;
+    const Send m_send;
+    const Choose m_choose;
     std::set<std::shared_ptr<Watcher>> m_watchers;
     LinkStatus m_status;
     std::vector<SearchingDevice> m_devices;
     ReceivedImage m_newest;  // newest picture of the current link
     std::deque<Sample> m_samples;
-    uint64_t m_last_order = 0;
-    std::map<uint64_t, Order> m_orders;  // by number; orders that have no outcome yet
+    uint64_t m_last_number = 0;
+    std::map<uint64_t, Sent> m_sent;  // by number; orders that have no outcome yet
     Renditions m_renditions{m_loop};
 };
 

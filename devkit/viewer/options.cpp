@@ -38,15 +38,10 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
         ->excludes(command)
         ->excludes(device)
         ->excludes(file);
-    app.add_option("--raw", snapshot.raw_file, "Also write the picture's 16-bit pixels")
-        ->needs(file);
     app.add_option("--press", snapshot.presses,
                    "Press this button first (a device knows 0 to 15; repeatable)")
         ->needs(file)
         ->allow_extra_args(false);
-    app.add_option("--frames", snapshot.frames, "Images to wait for after the last press")
-        ->needs(file)
-        ->capture_default_str();
     unsigned timeout = static_cast<unsigned>(snapshot.timeout.count());
     app.add_option("--timeout", timeout, "Seconds after which to give up")
         ->needs(file)

@@ -17,10 +17,10 @@ std::optional<PageMessage> parse_page_message(std::string_view json) {
     const auto& value = message.front();
     if (message.contains("press")) {
         if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT8_MAX) return std::nullopt;
-        return PageMessage{Press{value.get<uint8_t>()}, id};
+        return PageMessage{Order{Press{value.get<uint8_t>()}}, id};
     }
     if (!value.is_string()) return std::nullopt;
-    if (message.contains("text")) return PageMessage{Text{value.get<std::string>()}, id};
+    if (message.contains("text")) return PageMessage{Order{Text{value.get<std::string>()}}, id};
     if (message.contains("device")) return PageMessage{Choice{value.get<std::string>()}, id};
     return std::nullopt;
 }

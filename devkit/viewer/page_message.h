@@ -18,13 +18,15 @@ struct Text {
     std::string text;
 };
 
+using Order = std::variant<Press, Text>;  // what the device is to do
+
 // The choice of the device to link to.
 struct Choice {
     std::string device;  // identity or address
 };
 
 struct PageMessage {
-    std::variant<Press, Text, Choice> order;
+    std::variant<Order, Choice> content;
     std::optional<uint64_t> id;
 };
 

@@ -6,6 +6,8 @@
 #include <boost/beast/websocket.hpp>
 #include <nlohmann/json.hpp>
 
+#include "devkit/viewer/session.h"
+
 namespace guilink {
 
 namespace asio = boost::asio;
@@ -63,23 +65,25 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
                 parse_page_message({static_cast<const char*>(data.data()), data.size()});
             self->m_received.consume(data.size());
             if (!message || self->m_answers.size() >= MAX_ANSWERS) return self->close();
-            std::visit([&](const auto& order) { self->carry_out(order, message->id); },
-                       message->order);
+            if (const auto* const order = std::get_if<Order>(&message->content))
+                self->send(*order, message->id);
+            else
+                self->choose(std::get<Choice>(message->content), message->id);
             self->read();
         });
     }
 
-    template <typename Order>
-    void carry_out(const Order& order, std::optional<uint64_t> id) {
-        if (!id) return m_hub.pass_on(order);
-        m_hub.pass_on(order, weak_from_this(),
-                      [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
-                          if (!why_not && m_image.number <= picture) drop_image();
-                          answer(*id, why_not);
-                      });
+    void send(const Order& order, std::optional<uint64_t> id) {
+        if (!id) return m_hub.send(order);
+        m_hub.send_confirmed(
+            order, weak_from_this(),
+            [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
+                if (!why_not && m_image.number <= picture) drop_image();
+                answer(*id, why_not);
+            });
     }
 
-    void carry_out(const Choice& choice, std::optional<uint64_t> id) {
+    void choose(const Choice& choice, std::optional<uint64_t> id) {
         const Hub::Found found = m_hub.choose(choice);
         if (!id) return;
         if (found == Hub::Found::one) return answer(*id, {});

@@ -16,33 +16,24 @@ namespace {
 constexpr int JPEG_QUALITY = 90;  // of 100; thin lines stay clear
 
 // Returns the bytes R, G, B and A of each pixel.
-std::vector<unsigned char> rgba_of(const Picture& picture, Backdrop backdrop) {
+std::vector<unsigned char> rgba_of(const Picture& picture, bool over_black) {
     std::vector<unsigned char> rgba;
     rgba.reserve(4 * picture.pixels.size());
-    const int behind = backdrop == Backdrop::white ? 15 : 0;
     for (const uint16_t pixel : picture.pixels) {
-        const int alpha = backdrop == Backdrop::none ? 15 : pixel >> 12;
+        const int alpha = pixel >> 12;
         for (const int shift : {8, 4, 0}) {
-            const int colour = (pixel >> shift & 0xF) * alpha + behind * (15 - alpha);
+            const int colour = (pixel >> shift & 0xF) * (over_black ? alpha : 15);
             rgba.push_back(static_cast<unsigned char>(colour * 17 / 15));
         }
-        rgba.push_back(
-            static_cast<unsigned char>((backdrop == Backdrop::none ? pixel >> 12 : 0xF) * 17));
+        rgba.push_back(static_cast<unsigned char>((over_black ? 15 : alpha) * 17));
     }
     return rgba;
 }
 
-void write(const std::string& file, const void* data, size_t size) {
-    std::ofstream stream(file, std::ios::binary);
-    stream.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
-    if (!stream.flush())
-        throw std::runtime_error("cannot write " + file + ": " + std::strerror(errno));
-}
-
 }  // namespace
 
-std::string encode_png(const Picture& picture, Backdrop backdrop) {
-    const std::vector<unsigned char> rgba = rgba_of(picture, backdrop);
+std::string encode_png(const Picture& picture) {
+    const std::vector<unsigned char> rgba = rgba_of(picture, false);
     png_image png = {};
     png.version = PNG_IMAGE_VERSION;
     png.width = picture.width;
@@ -57,7 +48,7 @@ std::string encode_png(const Picture& picture, Backdrop backdrop) {
 }
 
 std::string encode_jpeg(const Picture& picture) {
-    const std::vector<unsigned char> rgba = rgba_of(picture, Backdrop::black);
+    const std::vector<unsigned char> rgba = rgba_of(picture, true);
     const std::unique_ptr<void, int (*)(tjhandle)> encoder(tjInitCompress(), tjDestroy);
     std::string encoded(tjBufSize(picture.width, picture.height, TJSAMP_444), '\0');
     auto* buffer = reinterpret_cast<unsigned char*>(encoded.data());
@@ -72,11 +63,10 @@ std::string encode_jpeg(const Picture& picture) {
 
 void write_png(const std::string& file, const Picture& picture) {
     const std::string png = encode_png(picture);
-    write(file, png.data(), png.size());
-}
-
-void write_raw(const std::string& file, const Picture& picture) {
-    write(file, picture.pixels.data(), picture.pixels.size() * sizeof(uint16_t));
+    std::ofstream stream(file, std::ios::binary);
+    stream.write(png.data(), static_cast<std::streamsize>(png.size()));
+    if (!stream.flush())
+        throw std::runtime_error("cannot write " + file + ": " + std::strerror(errno));
 }
 
 }  // namespace guilink

@@ -19,11 +19,8 @@ namespace {
 Renditions::Bytes encode(Rendition kind, const SharedImage& image) try {
     Picture picture;
     decode_image(*image, picture);
-    return std::make_shared<const std::string>(
-        kind == Rendition::jpeg             ? encode_jpeg(picture)
-        : kind == Rendition::png_over_black ? encode_png(picture, Backdrop::black)
-        : kind == Rendition::png_over_white ? encode_png(picture, Backdrop::white)
-                                            : encode_png(picture));
+    return std::make_shared<const std::string>(kind == Rendition::jpeg ? encode_jpeg(picture)
+                                                                       : encode_png(picture));
 } catch (const std::runtime_error&) {
     return nullptr;
 }

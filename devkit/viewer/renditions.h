@@ -15,8 +15,8 @@
 
 namespace guilink {
 
-enum class Rendition { png, png_over_black, png_over_white, jpeg };
-constexpr size_t RENDITIONS = 4;
+enum class Rendition { png, jpeg };
+constexpr size_t RENDITIONS = 2;
 
 // Use this class only on the event loop's thread.
 class Renditions {

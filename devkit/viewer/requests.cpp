@@ -37,22 +37,10 @@ std::string decoded(std::string_view text) {
 }
 
 Asked read_snapshot(std::string_view query) {
-    Snapshot snapshot;
-    while (!query.empty()) {
-        const std::string_view option = query.substr(0, query.find('&'));
-        query.remove_prefix(std::min(query.size(), option.size() + 1));
-        if (option == "over=black") {
-            snapshot.kind = Rendition::png_over_black;
-        } else if (option == "over=white") {
-            snapshot.kind = Rendition::png_over_white;
-        } else if (option.starts_with("after=") && number(option.substr(6))) {
-            snapshot.after = number(option.substr(6));
-        } else {
-            return Reply{400, "text/plain",
-                         "The options are over=black or over=white, and after=NUMBER.\n"};
-        }
-    }
-    return snapshot;
+    if (query.empty()) return Snapshot{};
+    if (const auto after = query.starts_with("after=") ? number(query.substr(6)) : std::nullopt)
+        return Snapshot{after};
+    return Reply{400, "text/plain", "The only option is after=NUMBER.\n"};
 }
 
 Asked read_get(std::string_view path, std::string_view query, bool head,
@@ -76,13 +64,13 @@ Asked read_get(std::string_view path, std::string_view query, bool head,
 Asked read_post(std::string_view path, std::string_view body) {
     if (path.starts_with("/press/")) {
         const auto button = number(path.substr(7));
-        if (button && *button < BUTTONS) return Press{static_cast<uint8_t>(*button)};
+        if (button && *button < BUTTONS) return Order{Press{static_cast<uint8_t>(*button)}};
         return Reply{404, "text/plain", "There is no such button; there are 0 to 15.\n"};
     }
     if (path.starts_with("/device/")) return Choice{decoded(path.substr(8))};
     if (body.empty() || body.size() > Companion::max_text)
         return Reply{400, "text/plain", "The body must be a text of 1 to 4096 bytes.\n"};
-    return Text{std::string(body)};
+    return Order{Text{std::string(body)}};
 }
 
 }  // namespace

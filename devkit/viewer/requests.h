@@ -8,7 +8,6 @@
 #include <variant>
 
 #include "devkit/viewer/page_message.h"
-#include "devkit/viewer/renditions.h"
 
 namespace guilink {
 
@@ -25,19 +24,19 @@ struct HttpRequest {
 struct Reply {
     unsigned status = 200;
     std::string_view type = "text/plain";
-    std::string body;
-    std::string_view allow = {};  // the methods that are allowed, for status 405
+    std::string body = {};
+    std::string_view allow = {};           // the methods that are allowed, for status 405
+    std::optional<uint64_t> picture = {};  // for the header Guilink-Picture
 };
 
 struct Snapshot {
-    Rendition kind = Rendition::png;
     std::optional<uint64_t> after;  // if set: wait for a picture with a number above `after`
 };
 struct Stream {};
 struct State {};
 struct Metrics {};
 
-using Asked = std::variant<Reply, Snapshot, Stream, State, Metrics, Press, Text, Choice>;
+using Asked = std::variant<Reply, Snapshot, Stream, State, Metrics, Order, Choice>;
 
 Asked read_request(const HttpRequest& request, const std::string& labels);
 

@@ -11,11 +11,9 @@
 #include <iostream>
 #include <stdexcept>
 
-#include "base/mutex.h"
 #include "devkit/viewer/labels.h"
 #include "devkit/viewer/listening_address.h"
-#include "devkit/viewer/web_server.h"
-#include "guilink/companion.h"
+#include "devkit/viewer/viewer.h"
 
 namespace guilink {
 
@@ -68,50 +66,11 @@ void serve(const ServeOptions& options) {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    // The server must outlive the companion, because the companion's handlers call the server.
-    // The server holds the mutex while it calls the companion, so that the companion is not
-    // destroyed during the call. While there is no companion, presses and texts are dropped.
-    struct {
-        Mutex mutex;
-        Companion* companion GUARDED_BY(mutex) = nullptr;
-    } shared;
-    WebServer* published = nullptr;  // set before any handler is called
-    const auto report_to = [&](uint64_t order) -> Companion::DeliveryHandler {
-        if (order == 0) return {};
-        return [&, order](Delivery delivery) { published->publish_delivery(order, delivery); };
-    };
-    WebServer server(listener, labels,
-                     {[&](uint8_t button, uint64_t order) {
-                          const Lock lock(shared.mutex);
-                          return shared.companion != nullptr &&
-                                 shared.companion->press(button, report_to(order));
-                      },
-                      [&](const std::string& text, uint64_t order) {
-                          const Lock lock(shared.mutex);
-                          return shared.companion != nullptr &&
-                                 shared.companion->send_text(text, report_to(order));
-                      },
-                      [&](const std::string& device) {
-                          const Lock lock(shared.mutex);
-                          if (shared.companion != nullptr) shared.companion->choose(device);
-                      }});
-    published = &server;
-    Companion link(
-        {[&](const LinkStatus& status) { server.publish_status(status); },
-         [&](const SharedImage& payload) { server.publish_image(payload); },
-         {},
-         [&](const std::vector<SearchingDevice>& devices) { server.publish_devices(devices); }},
-        options.device);
-    {
-        const Lock lock(shared.mutex);
-        shared.companion = &link;
-    }
+    const Viewer viewer(listener, labels, options.device);
     std::cout << "Open this page to see the device: " << url_of(listener) << std::endl;
 
     int signal = 0;
     sigwait(&signals, &signal);
-    const Lock lock(shared.mutex);
-    shared.companion = nullptr;
 }
 
 }  // namespace guilink

@@ -15,6 +15,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr auto SETTLE = std::chrono::seconds(1);  // time for the GUI to draw the effect of a press
+
 // What the companion has received so far.
 class Received {
   public:
@@ -27,36 +29,49 @@ class Received {
         m_changed.notify_all();
     }
 
-    void image(const SharedImage& payload) {
+    void image(const SharedImage& image) {
         const Lock lock(m_mutex);
-        m_newest = payload;
+        m_newest = image;
         m_last_time = Clock::now();
         if (++m_images == 1) m_first_time = m_last_time;
-        m_bytes += payload->size();
+        m_bytes += image->size();
         m_changed.notify_all();
     }
 
-    // Waits until `count` images and the device's identity have arrived. Returns the number of
-    // images received so far.
-    uint64_t wait_for_images(uint64_t count) {
+    void delivered(Delivery delivery) {
+        const Lock lock(m_mutex);
+        if (delivery == Delivery::confirmed) ++m_confirmed;
+        m_lost |= delivery != Delivery::confirmed;
+        m_changed.notify_all();
+    }
+
+    // Waits until an image and the device's identity have arrived.
+    void wait_for_device() {
         Lock lock(m_mutex);
         if (!m_changed.wait_until(lock, m_deadline, [&]() REQUIRES(m_mutex) {
-                return m_images >= count && !m_status.identity.empty();
+                return m_images > 0 && !m_status.identity.empty();
             })) {
             throw std::runtime_error(
                 m_several ? "several devices are in sight; choose one with --device (see --list)"
                 : m_status.identity.empty()
                     ? "no device has linked in time; is guilinkd running in this network?"
-                : m_images == 0
-                    ? "the device has sent no image in time; does its core draw (guilink-core)?"
-                    : "the device has not sent enough images in time; use fewer --frames or a "
-                      "longer --timeout");
+                    : "the device has sent no image in time; does its core draw (guilink-core)?");
         }
-        return m_images;
     }
 
-    SharedImage newest() {
-        const Lock lock(m_mutex);
+    void wait_for_presses(size_t count) {
+        Lock lock(m_mutex);
+        m_changed.wait_until(lock, m_deadline,
+                             [&]() REQUIRES(m_mutex) { return m_confirmed == count || m_lost; });
+        if (m_confirmed < count)
+            throw std::runtime_error("the device has not confirmed each press; is it still there?");
+    }
+
+    SharedImage wait_for_image(Clock::time_point since) {
+        Lock lock(m_mutex);
+        if (!m_changed.wait_until(lock, m_deadline,
+                                  [&]() REQUIRES(m_mutex) { return m_last_time >= since; }))
+            throw std::runtime_error("the device sends no more images; use a longer --timeout");
         return m_newest;
     }
 
@@ -80,6 +95,8 @@ class Received {
     SharedImage m_newest GUARDED_BY(m_mutex);
     uint64_t m_images GUARDED_BY(m_mutex) = 0;
     uint64_t m_bytes GUARDED_BY(m_mutex) = 0;
+    size_t m_confirmed GUARDED_BY(m_mutex) = 0;  // presses
+    bool m_lost GUARDED_BY(m_mutex) = false;     // a press was not confirmed
     Clock::time_point m_first_time GUARDED_BY(m_mutex);
     Clock::time_point m_last_time GUARDED_BY(m_mutex);
 };
@@ -88,22 +105,18 @@ class Received {
 
 void take_snapshot(const SnapshotOptions& options) {
     Received received(Clock::now() + options.timeout);
-    Companion companion({[&](const LinkStatus& status) { received.status(status); },
-                         [&](const SharedImage& payload) { received.image(payload); },
-                         {}},
+    Companion companion({.status = [&](const auto& status) { received.status(status); },
+                         .image = [&](const auto& image) { received.image(image); }},
                         options.device);
-    // As soon as an image and the identity have arrived, the companion sends presses without delay.
-    const uint64_t images = received.wait_for_images(1);
+    received.wait_for_device();
     for (const uint8_t button : options.presses) {
-        if (!companion.press(button))
+        if (!companion.press(button, [&](Delivery delivery) { received.delivered(delivery); }))
             throw std::runtime_error("too many presses are queued; use fewer --press");
     }
-    received.wait_for_images(images + options.frames);
-
+    received.wait_for_presses(options.presses.size());
     Picture picture;
-    decode_image(*received.newest(), picture);
+    decode_image(*received.wait_for_image(Clock::now() + SETTLE), picture);
     write_png(options.file, picture);
-    if (!options.raw_file.empty()) write_raw(options.raw_file, picture);
     received.print();
     std::cout << "picture   " << options.file << ", " << picture.width << " x " << picture.height
               << '\n';

@@ -6,6 +6,8 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/write.hpp>
 
+#include "devkit/viewer/session.h"
+
 namespace guilink {
 
 namespace asio = boost::asio;

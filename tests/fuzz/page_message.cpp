@@ -19,11 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const std::string json(reinterpret_cast<const char*>(data), size);
     const auto message = parse_page_message(json);
     if (!message) return 0;
-    const auto* const press = std::get_if<Press>(&message->order);
-    const auto* const text = std::get_if<Text>(&message->order);
+    const auto* const order = std::get_if<Order>(&message->content);
+    const auto* const press = order != nullptr ? std::get_if<Press>(order) : nullptr;
+    const auto* const text = order != nullptr ? std::get_if<Text>(order) : nullptr;
     const std::string said = press != nullptr  ? std::to_string(press->button)
                              : text != nullptr ? text->text
-                                               : std::get<Choice>(message->order).device;
+                                               : std::get<Choice>(message->content).device;
     fuzz::require(json.find(said) != std::string::npos ||
                       (press == nullptr && json.find('\\') != std::string::npos),
                   "the parsed value is part of the message");

@@ -1,7 +1,7 @@
 // Shows the device's screen and statistics of the link, and handles the page's controls.
-import { connect } from './bytes.js';
+import { connect } from './viewer.js';
 import { makeDevices } from './devices.js';
-import { decode } from './pixels.js';
+import { decode } from './picture.js';
 import { makeButtons } from './input.js';
 
 const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last image every 500 ms
@@ -14,7 +14,7 @@ const context = canvas.getContext('2d');
 
 // The page draws only the newest image, just before the browser repaints.
 let newest = null;
-let image = null;
+let picture = null;
 let drawing = false;
 let lastImageTime = null;
 let shown = 0; // images drawn since the last update of the statistics
@@ -22,15 +22,15 @@ let received = 0; // bytes received since the last update of the statistics
 
 function draw() {
   drawing = false;
-  const decoded = decode(newest, image);
+  const decoded = decode(newest, picture);
   if (!decoded) return note('A damaged image was ignored');
-  if (canvas.width !== decoded.width || canvas.height !== decoded.height || !image) {
+  if (canvas.width !== decoded.width || canvas.height !== decoded.height || !picture) {
     canvas.width = decoded.width;
     canvas.height = decoded.height;
     $('size').textContent = `${decoded.width} × ${decoded.height}`;
   }
-  image = decoded;
-  context.putImageData(image, 0, 0);
+  picture = decoded;
+  context.putImageData(picture, 0, 0);
   canvas.dataset.frames = Number(canvas.dataset.frames ?? 0) + 1;
   ++shown;
   showFrozen(false);
@@ -52,9 +52,9 @@ function showLink(state, text) {
 }
 
 const viewer = connect({
-  image(payload) {
-    newest = payload;
-    received += payload.byteLength;
+  image(image) {
+    newest = image;
+    received += image.byteLength;
     lastImageTime = performance.now();
     if (!drawing) {
       drawing = true;
@@ -146,7 +146,7 @@ function save(blob, extension) {
 }
 
 $('screenshot').addEventListener('click', () => {
-  if (!image) return note('No picture yet');
+  if (!picture) return note('No picture yet');
   canvas.toBlob((blob) => save(blob, 'png'));
 });
 

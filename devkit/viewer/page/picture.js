@@ -1,7 +1,7 @@
-// Decodes the payload of an ImageMessage: 16-bit little-endian words; width, height, then pairs of
+// Decodes an image: 16-bit little-endian words; width, height, then pairs of
 // run length and pixel value (ARGB 4:4:4:4), row by row.
 
-const MOST_PIXELS = 1280 * 960; // the largest screen; larger images are rejected
+const MAX_PIXELS = 1280 * 960; // the largest screen; larger images are rejected
 
 // Maps a pixel value to the bytes R, G, B, A in memory order.
 const RGBA = new Uint32Array(65536);
@@ -16,16 +16,16 @@ const RGBA = new Uint32Array(65536);
   }
 }
 
-// Returns the image as an ImageData, or null for a damaged payload. Overwrites and returns `reuse` if that
+// Returns the picture as an ImageData, or null for a damaged image. Overwrites and returns `reuse` if that
 // ImageData has the right size.
-export function decode(payload, reuse = null) {
-  if (payload.byteLength < 4 || payload.byteLength % 4 !== 0) return null;
-  const words = new Uint16Array(payload);
+export function decode(image, reuse = null) {
+  if (image.byteLength < 4 || image.byteLength % 4 !== 0) return null;
+  const words = new Uint16Array(image);
   const [width, height] = words;
   const count = width * height;
-  if (count === 0 || count > MOST_PIXELS) return null;
-  const image = reuse?.width === width && reuse?.height === height ? reuse : new ImageData(width, height);
-  const pixels = new Uint32Array(image.data.buffer);
+  if (count === 0 || count > MAX_PIXELS) return null;
+  const picture = reuse?.width === width && reuse?.height === height ? reuse : new ImageData(width, height);
+  const pixels = new Uint32Array(picture.data.buffer);
 
   let position = 0;
   for (let i = 2; i < words.length; i += 2) {
@@ -37,5 +37,5 @@ export function decode(payload, reuse = null) {
   // The device never sends the last pixel: copy its left neighbour.
   if (position !== count - 1) return null;
   pixels[position] = position > 0 ? pixels[position - 1] : 0;
-  return image;
+  return picture;
 }

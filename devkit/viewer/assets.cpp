@@ -1,0 +1,46 @@
+// The assembler reads the page's files (PAGE is their folder).
+#include "devkit/viewer/assets.h"
+
+#define EMBED(name, file)                                                      \
+    __asm__(                                                                   \
+        ".pushsection .rodata\n"                                               \
+        "guilink_page_" #name ": .incbin \"" PAGE "/" file                     \
+        "\"\n"                                                                 \
+        "guilink_page_" #name                                                  \
+        "_end:\n"                                                              \
+        ".popsection\n");                                                      \
+    extern "C" [[gnu::visibility("hidden")]] const char guilink_page_##name[]; \
+    extern "C" [[gnu::visibility("hidden")]] const char guilink_page_##name##_end[]
+#define CONTENT(name) \
+    { guilink_page_##name, guilink_page_##name##_end }
+
+EMBED(index, "index.html");
+EMBED(style, "style.css");
+EMBED(icon, "icon.svg");
+EMBED(devices, "devices.js");
+EMBED(input, "input.js");
+EMBED(picture, "picture.js");
+EMBED(view, "view.js");
+EMBED(viewer, "viewer.js");
+
+namespace guilink {
+
+const Asset* find_asset(std::string_view path) {
+    static const Asset ASSETS[] = {
+        {"/", "text/html", CONTENT(index)},
+        {"/index.html", "text/html", CONTENT(index)},
+        {"/style.css", "text/css", CONTENT(style)},
+        {"/icon.svg", "image/svg+xml", CONTENT(icon)},
+        {"/devices.js", "text/javascript", CONTENT(devices)},
+        {"/input.js", "text/javascript", CONTENT(input)},
+        {"/picture.js", "text/javascript", CONTENT(picture)},
+        {"/view.js", "text/javascript", CONTENT(view)},
+        {"/viewer.js", "text/javascript", CONTENT(viewer)},
+    };
+    for (const Asset& asset : ASSETS) {
+        if (asset.path == path) return &asset;
+    }
+    return nullptr;
+}
+
+}  // namespace guilink

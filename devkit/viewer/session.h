@@ -1,0 +1,42 @@
+// What the sessions of the web server share.
+#pragma once
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/socket_base.hpp>
+#include <chrono>
+#include <cstddef>
+
+namespace guilink {
+
+constexpr auto PATIENCE = std::chrono::seconds(10);  // time limit of a request, an answer or a pong
+
+// Makes the socket's buffers in the kernel small. Images then wait in the session instead, where a
+// newer image replaces an older one.
+inline void keep_backlog_short(boost::asio::ip::tcp::socket& socket) {
+    constexpr int SEND_BUFFER = 131072;  // bytes; holds two or three images of a menu
+    constexpr int UNSENT_LOW = 16384;    // bytes
+    boost::system::error_code ignored;
+    socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    socket.set_option(boost::asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
+    setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &UNSENT_LOW,
+               sizeof UNSENT_LOW);
+}
+
+// Adds 1 to `count` as long as the object exists. A session class with such a member counts its
+// sessions.
+class Counted {
+  public:
+    explicit Counted(size_t& count) : m_count(++count) {}
+    ~Counted() { --m_count; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+  private:
+    size_t& m_count;
+};
+
+}  // namespace guilink
