@@ -2,7 +2,7 @@
 #include <zlib.h>
 
 #include "bench/measures.h"
-#include "tests/support/literal_crc32.h"
+#include "reference/crc32.h"
 #include "wire/crc32.h"
 
 namespace guilink {

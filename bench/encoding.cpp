@@ -9,7 +9,7 @@
 #include "bench/measures.h"
 #include "link/read_frame.h"
 #include "protocol/image.h"
-#include "tests/support/literal_encoder.h"
+#include "reference/encoder.h"
 
 namespace guilink {
 

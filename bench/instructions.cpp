@@ -10,8 +10,8 @@
 #include "bench/pictures.h"
 #include "link/read_frame.h"
 #include "protocol/image.h"
-#include "tests/support/literal_crc32.h"
-#include "tests/support/literal_encoder.h"
+#include "reference/crc32.h"
+#include "reference/encoder.h"
 #include "wire/crc32.h"
 
 namespace {

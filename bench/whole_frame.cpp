@@ -11,8 +11,8 @@
 
 #include "bench/measures.h"
 #include "protocol/image.h"
-#include "tests/support/literal_crc32.h"
-#include "tests/support/literal_encoder.h"
+#include "reference/crc32.h"
+#include "reference/encoder.h"
 #include "wire/frame.h"
 
 namespace guilink {

@@ -18,8 +18,6 @@
 #include "ipc/svc_register.h"
 #include "link/com_lib_interface.h"
 
-static_assert(offsetof(GuiBufferArg, phys_addr) == 0 && offsetof(GuiBufferArg, size) == 8);
-
 namespace {
 
 constexpr const char* SETTINGS_FILE = "/tmp/FL0/kel.ini";

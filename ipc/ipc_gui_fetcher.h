@@ -13,18 +13,9 @@
 
 #include "base/mutex.h"
 #include "ipc/ambaipc.h"
+#include "ipc/core_calls.h"
 
 class ComLibInterface;
-
-constexpr uint32_t IPC_PROG_GUI_BUF = 0x70000004;
-constexpr uint32_t IPC_PROG_QR_BODY = 0x70000005;
-constexpr uint32_t IPC_SVC_VERSION = 1;  // version of the two programs above
-
-// The argument of ipcGuiBufReceiver, little-endian.
-struct GuiBufferArg {
-    uint64_t phys_addr;  // address of the frame's first byte
-    uint32_t size;       // size of the frame in bytes
-};
 
 class IpcGuiFetcher {
   public:

@@ -12,8 +12,7 @@
 #include <vector>
 
 #include "devkit/ambaipc/caller.h"
-#include "devkit/ambaipc/gui_buffer.h"
-#include "devkit/ambaipc/wire.h"
+#include "devkit/ambaipc/messages.h"
 
 namespace guilink {
 namespace {

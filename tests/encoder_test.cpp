@@ -16,7 +16,7 @@
 
 #include "guilink/companion.h"
 #include "protocol/image.h"
-#include "tests/support/literal_encoder.h"
+#include "reference/encoder.h"
 
 namespace {
 

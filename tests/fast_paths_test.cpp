@@ -6,7 +6,7 @@
 #include <random>
 
 #include "protocol/veltrane_communicator.h"
-#include "tests/support/literal_crc32.h"
+#include "reference/crc32.h"
 #include "tests/support/raw_companion.h"
 #include "wire/crc32.h"
 

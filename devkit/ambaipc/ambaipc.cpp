@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "devkit/ambaipc/wire.h"
+#include "devkit/ambaipc/messages.h"
 
 namespace guilink {
 namespace {

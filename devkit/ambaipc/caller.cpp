@@ -11,7 +11,7 @@
 #include <system_error>
 #include <vector>
 
-#include "devkit/ambaipc/wire.h"
+#include "devkit/ambaipc/messages.h"
 
 namespace guilink {
 

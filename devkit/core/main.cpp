@@ -12,11 +12,11 @@
 #include <optional>
 
 #include "devkit/ambaipc/caller.h"
-#include "devkit/ambaipc/gui_buffer.h"
 #include "devkit/core/control_service.h"
 #include "devkit/core/faults.h"
 #include "devkit/core/frame_memory.h"
 #include "devkit/core/scenes.h"
+#include "ipc/core_calls.h"
 
 namespace {
 
@@ -69,7 +69,8 @@ std::string wall_clock() {
 class Service {
   public:
     void announce(uint64_t address, uint32_t size) {
-        call(m_gui, gui_buffer_argument(address, size));
+        const GuiBufferArg frame = {address, size};
+        call(m_gui, {reinterpret_cast<const unsigned char*>(&frame), 12});
     }
 
     // Retries until guilinkd accepts the text.
@@ -85,7 +86,7 @@ class Service {
         if (m_away_since && Clock::now() < *m_away_since + SERVICE_RETRY) return false;
         try {
             _AMBA_IPC_SVC_RESULT_s_ record = {};
-            caller.call(ONLY_PROCEDURE, argument, record);
+            caller.call(0, argument, record);
             if (m_away_since) std::cerr << "guilink-core: guilinkd accepts frames again\n";
             m_away_since.reset();
             return true;
@@ -97,8 +98,8 @@ class Service {
         }
     }
 
-    AmbaipcCaller m_gui{GUI_BUFFER_PROGRAM, GUI_SERVICE_VERSION};
-    AmbaipcCaller m_qr{QR_BODY_PROGRAM, GUI_SERVICE_VERSION};
+    AmbaipcCaller m_gui{IPC_PROG_GUI_BUF, IPC_SVC_VERSION};
+    AmbaipcCaller m_qr{IPC_PROG_QR_BODY, IPC_SVC_VERSION};
     std::optional<Clock::time_point> m_away_since;
 };
 

@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "devkit/ambaipc/wire.h"
+#include "devkit/ambaipc/messages.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace guilink::fuzz {

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "devkit/ambaipc/caller.h"
-#include "ipc/ipc_gui_fetcher.h"
+#include "ipc/core_calls.h"
 #include "tests/support/raw_companion.h"
 
 namespace guilink::test {
