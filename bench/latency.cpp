@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <iostream>
@@ -20,7 +21,6 @@
 #include "devkit/core/control_service.h"
 #include "guilink/companion.h"
 #include "link/com_lib_interface.h"
-#include "tests/support/socket.h"
 #include "wire/frame.h"
 
 namespace {
