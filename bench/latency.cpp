@@ -6,10 +6,8 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <iostream>
 #include <map>
 #include <mutex>
