@@ -64,8 +64,8 @@ def caught(prove, rule):
 
 
 def missed(programs, prove):
-    """Returns the programs that the kit judges wrongly. Each program breaks one rule, and the kit must report this rule
-    and no other. Tests every eighth program; if GUILINK_WRONG=all, tests every program."""
+    """Returns the programs about which the kit is wrong. Each program breaks one rule, and the kit must report this
+    rule and no other. Tests every eighth program; if GUILINK_WRONG=all, tests every program."""
     if os.environ.get("GUILINK_WRONG") != "all":
         programs = dict(list(programs.items())[::8])
     with ThreadPoolExecutor(4) as pool:

@@ -297,7 +297,7 @@ def run(case=None, **environment):
         return {"end": "", "wrong": "the day broke", "log": done.stdout}, sites
 
 
-def judge(case, outcome):
+def verdict_on(case, outcome):
     """Returns what the service did wrong, or None."""
     kind, allowed = case.split(":")[0], {"serves on"}
     if kind in ALLOCATIONS + ["pthread_create", "bind"]:
@@ -319,7 +319,7 @@ def play_case(case):
     for _ in range(2):  # twice, because timing decides whether the service reaches the call that must fail
         outcome, sites = run(case)
         if any(failed for _, _, failed in sites.values()):
-            return case, outcome["end"], judge(case, outcome), outcome["log"]
+            return case, outcome["end"], verdict_on(case, outcome), outcome["log"]
     return case, "not reached", outcome["wrong"], outcome["log"]
 
 
@@ -360,7 +360,7 @@ def main():
         # Prove that this test can fail: make the service crash, hang and send a damaged frame.
         proofs = [f"{kind}:{max(sites[kind], key=sites[kind].get)}:1:{fault}"
                   for kind, fault in (("poll", "crash"), ("sigaction", "hang"), ("send", "garble"))]
-        noticed = pool.map(lambda proof: judge(proof, run(proof, GUILINK_FAULT_LIMIT="10")[0]), proofs)
+        noticed = pool.map(lambda proof: verdict_on(proof, run(proof, GUILINK_FAULT_LIMIT="10")[0]), proofs)
         for case, end, wrong, log in pool.map(play_case, cases):
             ends[case.split(":")[0]]["WRONG" if wrong else end] += 1
             if wrong:

@@ -117,6 +117,8 @@ def test_waits_look_at_a_region_without_its_mask(link, device):
                           ((5, 10, 30, 30), r"within 1 x 1 at \(9, 20\)")):
         with pytest.raises(guilink.WaitTimeoutError, match=words):
             device.wait_for(TARGET, region=region)
+    with pytest.raises(guilink.WaitTimeoutError, match=r"region \(0, 0, 65, 1\) is not within the screen of 64 x 48"):
+        device.wait_for(lambda part: part.width == 65, region=(0, 0, 65, 1))
     with pytest.raises(guilink.WaitTimeoutError, match="the sizes differ: 64 x 48, not 48 x 64"):
         device.wait_for(guilink.Screen(TARGET.pixels.T))
 

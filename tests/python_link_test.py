@@ -136,7 +136,7 @@ def second_address():
 
 
 def test_links_shows_and_presses(link, device):
-    device.call(frame(MessageType.IDENTITY, device.identity) + b"!")  # must be ignored because of the "!"
+    device.broadcast(frame(MessageType.IDENTITY, device.identity) + b"!")  # must be ignored because of the "!"
     device.link()
     with pytest.raises(LinkError, match="answered at 10.77.0.1"):
         link.wait_linked(time.monotonic())
@@ -174,7 +174,7 @@ def test_is_the_link_without_a_picture_after_the_third_request(link, device):
 
 
 def test_dead_connections_do_not_stand_in_the_way(link, device):
-    device.call_until_answered()
+    device.broadcast_until_answered()
     dead = [socket.create_connection(("10.77.0.1", 8399), LIMIT) for _ in range(9)]
     for connection in dead[:-1]:
         connection.close()
@@ -186,7 +186,7 @@ def test_dead_connections_do_not_stand_in_the_way(link, device):
 
 def test_takes_the_wanted_device_only(link, device, second_address):
     with FakeDevice("22222", address="10.77.0.2") as other:
-        other.call()
+        other.broadcast()
         device.link()
         assert not other.answered(0)
         device.show(BLACK)
@@ -195,7 +195,7 @@ def test_takes_the_wanted_device_only(link, device, second_address):
         # If the device returns with another identity, the companion must link to it again.
         device.disconnect()
         device.identity = b"33333fw2"
-        other.call()
+        other.broadcast()
         device.link().show(BLACK)
         assert not other.answered(0)
         assert link.pictures.newer(1, soon()) and link.status().identity == "33333"
@@ -204,8 +204,8 @@ def test_takes_the_wanted_device_only(link, device, second_address):
 def test_takes_none_of_several_unless_one_is_chosen(device, second_address):
     with closing(Companion()) as link, FakeDevice("22222", address="10.77.0.2") as other:
         for _ in range(2):
-            device.call()
-            other.call()
+            device.broadcast()
+            other.broadcast()
         with pytest.raises(SeveralDevicesError, match="22222 .fw1.1. at 10.77.0.2.*choose one"):
             link.wait_linked(soon())
         assert not device.answered(0) and not other.answered(0)
@@ -216,7 +216,7 @@ def test_two_interfaces_in_one_network_make_no_device_the_only_one(device, secon
     """Over two interfaces, each broadcast arrives twice."""
     with closing(Companion()) as link, FakeDevice("22222", address="10.77.0.2") as other:
         for each in (device, device, other, other):
-            each.call()
+            each.broadcast()
         with pytest.raises(SeveralDevicesError):
             link.wait_linked(soon())
         assert not device.answered(0) and not other.answered(0)
@@ -247,8 +247,8 @@ def test_flood_of_noise_does_not_end_the_link(link, device):
     link.wait_linked(soon())
     noise = np.random.default_rng(3).bytes(1 << 20)
     for i in range(300):
-        device.call(frame(MessageType.IDENTITY, b"%05dfw" % i))
-        device.call(noise[:1000])
+        device.broadcast(frame(MessageType.IDENTITY, b"%05dfw" % i))
+        device.broadcast(noise[:1000])
     device.send(noise, START, noise, frame(MessageType.IMAGE, b"no picture"))
     device.show(BLACK)
     assert picture.decode(link.pictures.newer(2, soon()).payload).shape == BLACK.shape

@@ -25,7 +25,7 @@ class FakeDevice:
         self.udp.close()
         self.disconnect()
 
-    def call(self, datagram=None):
+    def broadcast(self, datagram=None):
         self.udp.sendto(frame(MessageType.IDENTITY, self.identity) if datagram is None else datagram,
                         BROADCAST)
 
@@ -39,9 +39,9 @@ class FakeDevice:
         except (TimeoutError, BlockingIOError):
             return False
 
-    def call_until_answered(self):
+    def broadcast_until_answered(self):
         for _ in range(LIMIT * 4):
-            self.call()
+            self.broadcast()
             if self.answered(0.25):
                 return self
         raise AssertionError("the companion does not answer")
@@ -57,7 +57,7 @@ class FakeDevice:
 
     def link(self):
         """Lets the companion find this device, connects, and waits for a ConnectRequest."""
-        self.call_until_answered().connect().expect(MessageType.CONNECT_REQUEST)
+        self.broadcast_until_answered().connect().expect(MessageType.CONNECT_REQUEST)
         return self
 
     def next(self):

@@ -302,7 +302,10 @@ class Device:
         difference = None
         if expectation:
             lines.append(f"compared: {expectation.view} with {expectation.name}")
-            if last is not None and (difference := expectation.difference(last)):
+            region = expectation.view.region
+            if last is not None and region and (last.width, last.height) != region[2:]:
+                lines.append(f"the region {region} is not within the screen of {last.width} x {last.height}")
+            elif last is not None and (difference := expectation.difference(last)):
                 lines.append(f"last picture: {difference}")
             if last is not None and self.linked and self._press_changed_nothing(expectation.view, last):
                 press = self.presses[-1]

@@ -75,7 +75,7 @@ class CompanionSubject:
         return self.process.crash()
 
     def output(self) -> str:
-        return self.process.last_words()
+        return self.process.last_output()
 
 
 class DeviceSubject:

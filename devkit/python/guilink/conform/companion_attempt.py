@@ -96,7 +96,7 @@ class CompanionAttempt(Attempt):
             if not self.subject.has_answered:
                 raise ValueError(f"cannot prove the companion: it ended with {self.subject.end()} before it "
                                  "answered anything; its last lines:\n"
-                                 + (self.subject.last_words().strip() or "(none)"))
+                                 + (self.subject.last_output().strip() or "(none)"))
             self.fail("LINK-10", "the companion has ended")
         probe = UdpSocket(self.loop, (self.device.address, 0))
         probe.send(frame(MessageType.IDENTITY, self.device.identity), (COMPANION, 3152))

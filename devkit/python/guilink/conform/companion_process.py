@@ -10,7 +10,7 @@ from typing import Sequence
 
 from guilink.conform.strict import Fault
 
-LAST_WORDS = 4000       # bytes; a report shows this much of the end of the companion's output
+LAST_OUTPUT = 4000       # bytes; a report shows this much of the end of the companion's output
 LAST_LINES = 3          # number of output lines that a fault quotes if the companion has crashed
 ASKED_TO_END = 2.0      # s between SIGTERM and SIGKILL
 
@@ -45,7 +45,7 @@ class CompanionProcess:
         """Returns a fault if the companion has ended by itself, and not with status 0."""
         if self.alive() or not self.status:
             return None
-        lines = " / ".join(self.last_words().strip().splitlines()[-LAST_LINES:])
+        lines = " / ".join(self.last_output().strip().splitlines()[-LAST_LINES:])
         return Fault("LINK-10", f"the companion has ended with {self.end()}"
                      + (f"; its last lines: {lines}" if lines else ""))
 
@@ -73,9 +73,9 @@ class CompanionProcess:
         number = self.status or 0
         return f"signal {-number}" if number < 0 else f"status {number}"
 
-    def last_words(self) -> str:
+    def last_output(self) -> str:
         size = self._output.seek(0, os.SEEK_END)
-        self._output.seek(max(0, size - LAST_WORDS))
+        self._output.seek(max(0, size - LAST_OUTPUT))
         return self._output.read().decode("utf-8", "replace")
 
 

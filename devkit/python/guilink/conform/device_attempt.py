@@ -64,10 +64,10 @@ class DeviceAttempt(Attempt):
         self.wanted = wanted
         self.channels: list[Channel] = []  # connections that the device has opened
         self.broadcasts: list[Datagram] = []
-        self.speaking: set[int] = set()    # numbers of the channels on which the kit sends keep-alives
+        self.kept_alive: set[int] = set()    # numbers of the channels on which the kit sends keep-alives
         self._read = 0
         try:
-            self._ear = UdpSocket(loop, ("", 3152))
+            self._discovery = UdpSocket(loop, ("", 3152))
         except OSError as error:
             raise GuilinkError(f"cannot listen on UDP port 3152: {error.strerror}; "
                                "is another companion or viewer running?") from error
@@ -75,9 +75,9 @@ class DeviceAttempt(Attempt):
 
     # --- discovery -----------------------------------------------------------------------------------
 
-    def hear(self) -> int:
+    def count_broadcasts(self) -> int:
         """Checks the new broadcasts of the device under test. Returns the number of its broadcasts so far."""
-        for datagram in self._ear.arrived[self._read:]:
+        for datagram in self._discovery.arrived[self._read:]:
             self._read += 1
             said = identity_datagram(datagram.data)
             if self.wanted.name and said and self.wanted.name not in (said.id, datagram.sender[0]):
@@ -104,8 +104,8 @@ class DeviceAttempt(Attempt):
 
     def broadcast(self, rule: str = "DISC-1", text: str = "no broadcast is received") -> Datagram:
         """Waits for a new broadcast. If no broadcast comes, `rule` counts as broken."""
-        before = self.hear()
-        self.require(rule, self.loop.until(lambda: self.hear() > before), text)
+        before = self.count_broadcasts()
+        self.require(rule, self.loop.until(lambda: self.count_broadcasts() > before), text)
         return self.broadcasts[-1]
 
     def answer(self, broadcast: Datagram, data: bytes = ANSWER) -> None:
@@ -118,29 +118,29 @@ class DeviceAttempt(Attempt):
         """Answers broadcasts until the device connects. Returns the new connection."""
         before = len(self.channels)
         for _ in range(CONNECT_PATIENCE):
-            called = self.broadcast(rule, "the device does not broadcast" if rule == "DISC-1" else
-                                    "the device does not broadcast again")
-            self.answer(called)
-            heard = self.hear()
-            if self.loop.until(lambda: len(self.channels) > before or self.hear() > heard) and \
+            broadcast = self.broadcast(rule, "the device does not broadcast" if rule == "DISC-1" else
+                                       "the device does not broadcast again")
+            self.answer(broadcast)
+            heard = self.count_broadcasts()
+            if self.loop.until(lambda: len(self.channels) > before or self.count_broadcasts() > heard) and \
                     len(self.channels) > before:
                 self.kept.add("DISC-8")
                 return self.channels[-1]
         self.fail("DISC-8", f"no connection to TCP port 8399 after {CONNECT_PATIENCE} answers")
         raise AssertionError("a must was broken")
 
-    def speak(self, channel: Channel, *kinds: int) -> None:
+    def keep_alive(self, channel: Channel, *kinds: int) -> None:
         """From now on, sends messages of these types every KEEP_ALIVE seconds, to keep the connection alive."""
-        self.speaking.add(channel.number)
+        self.kept_alive.add(channel.number)
         words = b"".join(map(frame, kinds))
-        self.loop.every(KEEP_ALIVE, lambda: channel.number in self.speaking and channel.send(words))
+        self.loop.every(KEEP_ALIVE, lambda: channel.number in self.kept_alive and channel.send(words))
 
     def link(self, rule: str = "DISC-1") -> Channel:
         """Waits for a connection from the device, makes it the link, and returns it. If the device closes the
         connection, tries again with the next connection."""
         for _ in range(CONNECT_PATIENCE):
             channel = self.candidate(rule)
-            self.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
+            self.keep_alive(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
             if self.loop.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 4) \
                     and not channel.ended:
                 return channel

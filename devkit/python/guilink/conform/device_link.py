@@ -34,9 +34,9 @@ def ignores_strange_answers(attempt: DeviceAttempt) -> None:
     """The companion sends datagrams that are almost an answer; the device must not connect."""
     strange = [ANSWER[:-1], ANSWER + b"\0", bytes([ANSWER[0] ^ 1]) + ANSWER[1:], ANSWER[:-1] + b"\1",
                b"", ANSWER[:40] + b"\5\0", ANSWER[:36] + b"\1" + ANSWER[37:], ANSWER * 2]
-    called = attempt.broadcast()
+    broadcast = attempt.broadcast()
     for datagram in strange:
-        attempt.answer(called, datagram)
+        attempt.answer(broadcast, datagram)
     for _ in range(3):
         attempt.broadcast()
     attempt.require("DISC-9", not attempt.channels, "a datagram that is not the answer leads to a connection")
@@ -52,9 +52,9 @@ def answers_a_candidate(attempt: DeviceAttempt) -> None:
     attempt.require("LINK-14", answered and not channel.ended,
                     f"3 IdentityRequests, {channel.count(MessageType.IDENTITY)} answers")
     said = {payload for payload in channel.payloads(MessageType.IDENTITY)}
-    called = attempt.broadcasts[-1].data
-    attempt.require("LINK-14", {frame(MessageType.IDENTITY, each) for each in said} == {called},
-                    "the answer differs from the broadcast", called, b"".join(said))
+    broadcast = attempt.broadcasts[-1].data
+    attempt.require("LINK-14", {frame(MessageType.IDENTITY, each) for each in said} == {broadcast},
+                    "the answer differs from the broadcast", broadcast, b"".join(said))
     attempt.require("LINK-18", not channel.count(MessageType.IMAGE), "a candidate gets an image")
 
 
@@ -73,21 +73,21 @@ def first_request_wins(attempt: DeviceAttempt) -> None:
     both = attempt.loop.until(lambda: two_connections(attempt), 3 * attempt.loop.patience)
     attempt.require("DISC-8", both, "two answers to one broadcast do not lead to two connections")
     first, link = attempt.channels[-2:]
-    attempt.speak(link, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
+    attempt.keep_alive(link, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
     closed = attempt.loop.until(lambda: first.ended or link.ended)
     attempt.require("LINK-12", closed and not link.ended, "the other connection is not closed"
                     if not link.ended else "the connection that asked is closed")
     attempt.ask(link, "LINK-14", "an IdentityRequest on the link is not answered")
-    heard, answers = attempt.hear(), link.count(MessageType.IDENTITY)
+    heard, answers = attempt.count_broadcasts(), link.count(MessageType.IDENTITY)
     alive = attempt.loop.until(lambda: link.ended or link.count(MessageType.IDENTITY) >= answers + 7)
     attempt.require("LINK-12", alive and not link.ended, "the link does not last")
-    attempt.require("DISC-12", attempt.hear() <= heard + 1, "the device broadcasts although it is linked")
+    attempt.require("DISC-12", attempt.count_broadcasts() <= heard + 1, "the device broadcasts although it is linked")
 
 
 def two_connections(attempt: DeviceAttempt) -> bool:
     """Answers each new broadcast twice. Returns whether two connections are open."""
     heard = len(attempt.broadcasts)
-    if attempt.hear() > heard:
+    if attempt.count_broadcasts() > heard:
         for _ in range(2):
             attempt.answer(attempt.broadcasts[-1])
     return len(attempt.channels) >= 2 and not any(each.ended for each in attempt.channels[-2:])
@@ -97,7 +97,7 @@ def two_connections(attempt: DeviceAttempt) -> bool:
 def companion_falls_silent(attempt: DeviceAttempt) -> None:
     """The companion falls silent; the device must close the link and search again."""
     channel = attempt.link()
-    attempt.speaking.clear()
+    attempt.kept_alive.clear()
     closed = attempt.loop.until(lambda: channel.ended, LINK_SILENCE + attempt.loop.patience)
     attempt.require("TIME-9", closed, "the link stays open")
     attempt.broadcast("LINK-17", "no broadcast after the companion fell silent")
@@ -118,9 +118,9 @@ def link_ends_in_every_way(attempt: DeviceAttempt) -> None:
 @case("device", "LINK-16", gentle=False)
 def flood_of_answers(attempt: DeviceAttempt) -> None:
     """The companion answers one broadcast many times; the device must open at most 8 connections."""
-    called = attempt.broadcast()
+    broadcast = attempt.broadcast()
     for _ in range(FLOOD):
-        attempt.answer(called)
+        attempt.answer(broadcast)
     for _ in range(2):
         attempt.broadcast()
     attempt.require("LINK-16", len(attempt.channels) <= PER_HOST,
@@ -140,6 +140,6 @@ def companion_does_not_read(attempt: DeviceAttempt) -> None:
     if rate * limit < BUFFERS:
         raise UntestableError(f"{rate / 1000:.0f} kB of images a second do not fill the buffers in {limit:g} s")
     channel.readable = False
-    heard = attempt.hear()
-    found = attempt.loop.until(lambda: attempt.hear() > heard, limit)
+    heard = attempt.count_broadcasts()
+    found = attempt.loop.until(lambda: attempt.count_broadcasts() > heard, limit)
     attempt.require("TIME-10", found, "the link stays although nothing is read")

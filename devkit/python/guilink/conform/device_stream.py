@@ -37,7 +37,7 @@ def frames_cut_and_joined(attempt: DeviceAttempt) -> None:
 def silent_link(attempt: DeviceAttempt) -> Channel:
     """Returns a link on which the kit sends no keep-alives, so the test case must send them."""
     channel = attempt.link()
-    attempt.speaking.clear()
+    attempt.kept_alive.clear()
     channel.send(frame(MessageType.CONTROL))
     attempt.ask(channel, "LINK-14", "an IdentityRequest on the link is not answered")
     # The device answers in order, so it has answered all earlier IdentityRequests by now.
@@ -125,7 +125,7 @@ def gate_closes(attempt: DeviceAttempt) -> None:
     attempt.loop.until(lambda: len(set(channel.payloads(MessageType.IMAGE))) > 1)
     if len(set(channel.payloads(MessageType.IMAGE))) < 2:
         raise UntestableError("the device's picture does not change by itself")
-    attempt.speaking.clear()
+    attempt.kept_alive.clear()
     attempt.loop.every(0.5, lambda: channel.send(ASK))
     closed = time.monotonic()
     attempt.loop.until(lambda: channel.ended or time.monotonic() > closed + GATE, 2 * GATE)
@@ -133,7 +133,7 @@ def gate_closes(attempt: DeviceAttempt) -> None:
     attempt.image(channel, 3)
     late = set(channel.payloads(MessageType.IMAGE)[before:])
     attempt.require("TIME-8", len(late) == 1, f"{len(late)} different images without a ControlMessage")
-    attempt.speaking.add(channel.number)
+    attempt.kept_alive.add(channel.number)
     news = attempt.loop.until(lambda: channel.ended or channel.payloads(MessageType.IMAGE)[-1] not in late)
     attempt.require("TIME-8", news and not channel.ended, "no new image after a ControlMessage")
 
@@ -141,7 +141,7 @@ def gate_closes(attempt: DeviceAttempt) -> None:
 @case("device", "PRESS-3", "PRESS-4", gentle=False)
 def presses_buttons(attempt: DeviceAttempt) -> None:
     """The companion sends valid and invalid ButtonMessages; the device must pass the right presses on."""
-    attempt.hear()
+    attempt.count_broadcasts()
     attempt.broadcast()
     port = attempt.control_port()
     channel = silent_link(attempt)
@@ -173,7 +173,7 @@ def candidate_cannot_press(attempt: DeviceAttempt) -> None:
     port = attempt.control_port()
     channel = attempt.candidate()
     channel.send(frame(MessageType.BUTTON, b"\1") + REQUEST + frame(MessageType.BUTTON, b"\2"))
-    attempt.speak(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
+    attempt.keep_alive(channel, MessageType.CONNECT_REQUEST, MessageType.CONTROL, MessageType.IDENTITY_REQUEST)
     attempt.loop.until(lambda: channel.ended or channel.count(MessageType.IDENTITY) >= 3)
     if channel.ended:
         raise UntestableError("the device has given the connection up")

@@ -12,7 +12,7 @@ from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
 from guilink.link import GuilinkError
 
-# If one of these rules is broken, no other rule can be judged.
+# If one of these rules is broken, no other rule can be checked.
 BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
 RESTART = 3  # number of the attempt before which the subject is started afresh
 GIVE_UP = 2  # if this many consecutive cases find that a BASIC rule is broken, the kit runs no further case

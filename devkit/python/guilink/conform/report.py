@@ -36,10 +36,10 @@ def listing(side: str) -> str:
     for case in CASES[side]:
         gentle = "" if case.gentle or side == "companion" else "  (not with --gentle)"
         lines += [f"{case.name}  {' '.join(case.rules)}{gentle}", f"    {case.text.splitlines()[0]}"]
-    judged = {rule for case in CASES[side] for rule in case.rules}
+    checked = {rule for case in CASES[side] for rule in case.rules}
     lines += ["", "in every case: " + " ".join(IN_EVERY_CASE[side]), ""]
     for rule in RULES.values():
-        if rule.binds(side) and rule.id not in judged and rule.id in NO_CASE:
+        if rule.binds(side) and rule.id not in checked and rule.id in NO_CASE:
             lines.append(f"without a case: {rule.id}: {NO_CASE[rule.id]}")
     return "\n".join(lines)
 

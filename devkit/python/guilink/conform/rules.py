@@ -83,7 +83,7 @@ PRESS-4 device must If a ButtonMessage holds a number above 15, the device repea
 PRESS-5 device must The device writes the text of a DataMessage to its log.
 """
 
-# Rules that no test case can judge, with the reason.
+# Rules that no test case can check, with the reason.
 NO_CASE = {
     "LINK-11": "only a companion's author can end it the orderly way",
     "PRESS-5": "the log is not visible on the wire",
@@ -98,7 +98,7 @@ IN_EVERY_CASE = {
                   "PRESS-1", "PRESS-2"),
     "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19", "DISC-2"),
 }
-# Reasons why a rule was not judged, although its test cases were run.
+# Reasons why a rule was not checked, although its test cases were run.
 NEEDS = {"PRESS-2": "the companion has pressed no button; docs/conformance.md shows how to make it press"}
 
 
