@@ -4,7 +4,6 @@
 Run this test as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS. The browser runs in the sandbox, too.
 """
 import hashlib
-import os
 import pathlib
 import shutil
 import socket

@@ -207,6 +207,7 @@ def record(options: argparse.Namespace) -> Result:
 def shell(options: argparse.Namespace) -> Result:
     with connect(options) as device:
         names = {"device": device, "guilink": guilink}
+        signal.signal(signal.SIGTERM, signal.SIG_DFL)  # because the shell survives a KeyboardInterrupt
         readline.set_completer(rlcompleter.Completer(names).complete)
         readline.parse_and_bind("tab: complete")
         banner = (f"device {device.identity} at {device.address}; try device.press('down'), "
