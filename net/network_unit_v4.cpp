@@ -169,8 +169,10 @@ NetworkUnit::Progress NetworkUnitV4::flush() {
     if (!_queue.empty()) {
         const ssize_t sent = send_some(fd, _queue.data() + _accepted, _queue.size() - _accepted);
         if (sent > 0) _accepted += static_cast<size_t>(sent);
-        if (_accepted == _queue.size()) {
-            _queue = {};  // returns the memory; on a fast network, nothing is ever queued
+        // A peer may never let the queue run empty. So return the memory as soon as this copies no
+        // more bytes than were accepted.
+        if (2 * _accepted >= _queue.size()) {
+            _queue = {_queue.begin() + static_cast<ptrdiff_t>(_accepted), _queue.end()};
             _accepted = 0;
         }
     }

@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <fstream>
 #include <mutex>
 #include <random>
 #include <set>
@@ -308,6 +309,37 @@ TEST_F(Connection, QueuesForASlowPeerUpToALimit) {
     EXPECT_FALSE(send(data) && send(data));  // exceeds the limit
     EXPECT_TRUE(m_unit->stopped());
     EXPECT_FALSE(send(PAYLOAD));  // nothing may follow a part of a frame
+}
+
+// Returns KiB of RssAnon.
+size_t memory() {
+    std::ifstream status("/proc/self/status");
+    size_t kibibytes = 0;
+    for (std::string word; kibibytes == 0 && status >> word;) {
+        if (word == "RssAnon:") status >> kibibytes;
+    }
+    return kibibytes;
+}
+
+TEST_F(Connection, KeepsNothingThatWasSent) {
+    constexpr int size = 0x10000;  // fixed, so that the sockets do not hold more and more
+    setsockopt(m_host.fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    const Bytes piece(0x8000);
+    size_t limit = 0;
+    for (const Socket peer = connect(); send(piece);) ++limit;
+
+    const Socket peer = connect();
+    const Chatter chatter(peer, bytes("x"));
+    for (size_t i = 0; i < limit - 16; ++i) ASSERT_TRUE(send(piece));
+    [[maybe_unused]] const size_t before = memory();
+    for (int i = 0; i < 2000; ++i) {  // the queue never runs empty
+        peer.read(piece.size());
+        ASSERT_TRUE(send(piece));
+        m_unit->flush();
+    }
+#if defined(NDEBUG)  // sanitizers keep freed memory
+    EXPECT_LT(memory(), before + 0x2000);
+#endif
 }
 
 TEST_F(Connection, SendAtOnceQueuesNothing) {
