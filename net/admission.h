@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -28,12 +29,17 @@ class Admission {
     // so it is safe as long as it is among the newest. The majority loses its oldest candidate, so
     // that neither forged answers (never connected) nor hosts that only hold a connection leave
     // the other kind without room.
+    // Looks at each candidate once, because a connection may begin or end at any time.
     template <typename Candidates>
     static auto makes_room(Candidates& candidates) {
-        const auto is_connected = [](const auto& unit) { return unit->connected(); };
-        const auto connected = std::ranges::count_if(candidates, is_connected);
-        const bool victim = 2 * connected > std::ranges::ssize(candidates);
-        return std::ranges::find(candidates, victim, is_connected);
+        std::array oldest = {candidates.end(), candidates.end()};  // unconnected, connected
+        ptrdiff_t connected = 0;
+        for (auto unit = candidates.begin(); unit != candidates.end(); ++unit) {
+            const bool is_connected = (*unit)->connected();
+            connected += is_connected;
+            if (oldest[is_connected] == candidates.end()) oldest[is_connected] = unit;
+        }
+        return oldest[2 * connected > std::ranges::ssize(candidates)];
     }
 
   private:

@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <list>
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -47,6 +48,19 @@ TEST(Admission, TheOldestOfTheMajorityMakesRoom) {
     EXPECT_EQ(after_adding({}), 1);                     // left: one of each
     EXPECT_EQ(after_adding({false}), 0);                // left: connected, unconnected
     EXPECT_EQ(after_adding({true, true}), 0);
+}
+
+struct FleetingCandidate {
+    bool connected() { return std::exchange(is_connected, !is_connected); }
+    bool is_connected;
+};
+
+TEST(Admission, OneMakesRoomWhileAllConnectionsBeginOrEnd) {
+    for (const bool connected : {true, false}) {
+        std::list<std::unique_ptr<FleetingCandidate>> candidates;
+        candidates.emplace_back(new FleetingCandidate{connected});
+        EXPECT_EQ(Admission::makes_room(candidates), candidates.begin());
+    }
 }
 
 }  // namespace
