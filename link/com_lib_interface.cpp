@@ -78,7 +78,7 @@ void ComLibInterface::_sender_loop() {
     const Lock wait_lock(m_wait_mutex);
     while (!m_stop) {
         // Do not fetch a frame before it can be sent, so that a newer frame can still replace it.
-        if (!m_controller->wait_until_sent()) continue;
+        if (!m_controller->wait_until_sent() || m_stop) continue;
         // A notification during SendImage is lost. But m_frame_ready is true then, so wait_for
         // returns at once.
         const auto ready = [this]() REQUIRES(m_frame_mutex) { return m_frame_ready; };
