@@ -146,9 +146,9 @@ def can_save(path: str | os.PathLike[str]) -> bool:
     return os.path.splitext(path)[1].lower() in ANIMATIONS or shutil.which("ffmpeg") is not None
 
 
-def check_writable(path: str | os.PathLike[str], endings: Sequence[str]) -> None:
+def check_writable(path: str | os.PathLike[str], endings: Sequence[str] = ()) -> None:
     """Raises ValueError if `path` has none of the endings, or its folder cannot be written to."""
-    if os.path.splitext(path)[1].lower() not in endings:
+    if endings and os.path.splitext(path)[1].lower() not in endings:
         raise ValueError(f"cannot write {os.fspath(path)}: its name must end in {' or '.join(endings)}")
     folder = os.path.dirname(path) or "."
     if not os.access(folder, os.W_OK) or os.path.isdir(path):

@@ -23,6 +23,7 @@ from guilink.conform.report import as_json, listing, summary, write_json, write_
 from guilink.conform.rules import RULES
 from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
+from guilink.film import check_writable
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
@@ -120,6 +121,9 @@ def conform_device(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
 
 def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | DeviceSubject,
             gentle: bool) -> tuple[dict[str, Any], str]:
+    for path in (options.report, options.junit, options.html, getattr(options, "picture", None)):
+        if path:
+            check_writable(path)
     cases = select(side, options.names, options.rules, gentle)
     if not cases:
         raise ValueError(f"no case is selected; guilink conform {side} --list lists them")
