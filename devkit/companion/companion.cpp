@@ -250,8 +250,8 @@ bool Companion::Impl::wants(const Discovery::Broadcast& broadcast) {
     };
     if (is_named(m_last.identity) || is_named(m_last.address)) return true;
     if (!m_status.wanted.empty()) return is_named(m_device);
-    m_status.several = broadcast.others_since.value_or(0) > 0;
-    return broadcast.others_since == 0u;
+    m_status.several = broadcast.several;
+    return broadcast.alone;
 }
 
 void Companion::Impl::take_choice() {

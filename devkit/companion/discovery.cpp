@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -16,10 +17,16 @@
 #include "wire/frame.h"
 #include "wire/ports.h"
 
+using namespace std::chrono_literals;
+
 namespace guilink {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+constexpr auto INTERVAL = 1500ms;    // a searching device broadcasts again within this time
+constexpr auto GONE = 2 * INTERVAL;  // a device that was silent for so long no longer searches
 constexpr int MAX_AT_ONCE = 64;      // datagrams per call; a flood must not starve the link
 constexpr size_t MAX_DEVICES = 64;   // entries; forged broadcasts must not fill the memory
 constexpr size_t MAX_FIRMWARE = 64;  // bytes; a longer version text is cut off
@@ -46,7 +53,6 @@ std::string dotted(uint32_t address) {
 }
 
 std::vector<SearchingDevice> find_devices(std::chrono::milliseconds time) {
-    using Clock = std::chrono::steady_clock;
     Discovery discovery;
     const auto end = Clock::now() + time;
     while (Clock::now() < end) {
@@ -83,31 +89,40 @@ bool Discovery::receive(const std::function<bool(const Broadcast&)>& wanted) {
         if (!device) continue;
         heard = true;
         device->address = dotted(sender.sin_addr.s_addr);
-        device->heard = std::chrono::steady_clock::now();
-        const auto others_since = note(std::move(*device));
-        if (!wanted({m_devices.front(), sender.sin_addr.s_addr, others_since})) continue;
+        device->heard = Clock::now();
+        if (!wanted(note(std::move(*device), sender.sin_addr.s_addr))) continue;
         sendto(descriptor(), acceptance.data(), acceptance.size(), 0,
                reinterpret_cast<const sockaddr*>(&sender), sizeof sender);
     }
     return heard;
 }
 
-// Puts the device at the front of m_devices. Returns the device's old position, which is the number
-// of devices that have broadcast since this device's previous broadcast. Returns nothing for a new
-// device.
-std::optional<size_t> Discovery::note(SearchingDevice device) {
-    const auto known = std::ranges::find_if(m_devices, [&](const SearchingDevice& other) {
-        return other.identity == device.identity && other.address == device.address;
+// Measures time instead of counting broadcasts: a computer with two interfaces in the device's
+// network receives each broadcast twice.
+Discovery::Broadcast Discovery::note(SearchingDevice device, uint32_t address) {
+    const auto now = device.heard;
+    const auto known = std::ranges::find_if(m_searches, [&](const Search& search) {
+        return search.device.identity == device.identity && search.device.address == device.address;
     });
-    std::optional<size_t> others_since;
-    if (known != m_devices.end()) {
-        others_since = static_cast<size_t>(known - m_devices.begin());
-        m_devices.erase(known);
-    } else if (m_devices.size() == MAX_DEVICES) {
-        m_devices.pop_back();
+    auto since = now;
+    if (known != m_searches.end()) {
+        if (now - known->device.heard <= GONE) since = known->since;
+        m_searches.erase(known);
+    } else if (m_searches.size() == MAX_DEVICES) {
+        m_searches.pop_back();
     }
-    m_devices.insert(m_devices.begin(), std::move(device));
-    return others_since;
+    // An entry with the same address is the same device, before its identity changed.
+    const bool several = std::ranges::any_of(m_searches, [&](const Search& search) {
+        return search.device.address != device.address && now - search.device.heard <= GONE;
+    });
+    m_searches.insert(m_searches.begin(), {std::move(device), since});
+    return {m_searches.front().device, address, several, !several && now - since >= INTERVAL};
+}
+
+std::vector<SearchingDevice> Discovery::devices() const {
+    std::vector<SearchingDevice> devices;
+    for (const Search& search : m_searches) devices.push_back(search.device);
+    return devices;
 }
 
 }  // namespace guilink

@@ -2,9 +2,9 @@
 // companion. Remembers these devices, and answers those that the caller chooses.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,9 +21,8 @@ class Discovery {
     struct Broadcast {
         const SearchingDevice& device;  // valid only until `wanted` returns
         uint32_t address;               // IPv4, network byte order
-        // Number of other devices that have broadcast since this device's previous broadcast; empty
-        // if there was no previous broadcast.
-        std::optional<size_t> others_since;
+        bool several;                   // other devices search, too
+        bool alone;  // no other device searches, or it would have broadcast by now
     };
 
     // Throws std::runtime_error when it cannot bind the port.
@@ -38,13 +37,17 @@ class Discovery {
     bool receive(const std::function<bool(const Broadcast&)>& wanted);
 
     // The devices that have broadcast; the device with the most recent broadcast comes first.
-    const std::vector<SearchingDevice>& devices() const { return m_devices; }
+    std::vector<SearchingDevice> devices() const;
 
   private:
-    std::optional<size_t> note(SearchingDevice device);
+    struct Search {
+        SearchingDevice device;
+        std::chrono::steady_clock::time_point since;
+    };
+    Broadcast note(SearchingDevice device, uint32_t address);
 
     const Descriptor m_socket;
-    std::vector<SearchingDevice> m_devices;
+    std::vector<Search> m_searches;  // the one with the most recent broadcast comes first
 };
 
 }  // namespace guilink

@@ -62,7 +62,7 @@ class GoodCompanion {
                   if (!status.linked) m_images = 0;
               };
               return std::make_unique<Companion>(
-                  Companion::Handlers{count, [this](const auto&) { ++m_images; }});
+                  Companion::Handlers{count, [this](const auto&) { ++m_images; }}, "10.77.0.1");
           })) {}
 
     // Returns the number of images received on the current link.

@@ -8,9 +8,8 @@
 // images, so a handler must keep those that it needs.
 //
 // The companion answers only the chosen device. If no device was chosen, the companion answers the
-// only device in sight. A device is the only one in sight if it broadcasts twice with no broadcast
-// of another device in between. A device that was linked stays chosen, even if its identity or its
-// address changes.
+// only device in sight, after 1.5 s in which another device would have broadcast. A device that was
+// linked stays chosen, even if its identity or its address changes.
 //
 // This header is the whole library. It needs C++17, includes nothing but the standard library,
 // defines no macro, and has no upper-case name that a macro of yours could replace.
