@@ -83,8 +83,8 @@ class NetworkUnit {
     // Like send, but queues nothing: returns false if the socket does not accept all the data.
     virtual bool send_at_once(const unsigned char* data, unsigned long length) = 0;
 
-    // Sends what is queued, as far as the socket accepts it, without blocking. Sent: less than a
-    // segment has not left yet. Stalled: nothing has left for 3 s.
+    // Sends what is queued, as far as the socket accepts it, without blocking. Sent: nothing is
+    // queued, and less than a segment has not left yet. Stalled: nothing has left for 3 s.
     enum class Progress { Sent, Sending, Stalled };
     virtual Progress flush() = 0;
 

@@ -160,8 +160,8 @@ bool NetworkUnitV4::_send(const unsigned char* data, size_t length, size_t room)
     return true;
 }
 
-// Ignores the last segment if it is incomplete, because TCP may hold such a segment back until
-// earlier data is acknowledged.
+// Ignores the socket's last segment if it is incomplete, because TCP may hold such a segment back
+// until earlier data is acknowledged. The queue's last bytes need another call.
 NetworkUnit::Progress NetworkUnitV4::flush() {
     const Lock lock(_mutex);
     if (_socket == nullptr) return Progress::Sent;
@@ -178,7 +178,7 @@ NetworkUnit::Progress NetworkUnitV4::flush() {
     }
     const size_t before = _unsent;
     _unsent = _queue.size() - _accepted + unsent(fd);
-    if (_unsent < segment_size(fd)) _unsent = 0;
+    if (_queue.empty() && _unsent < segment_size(fd)) _unsent = 0;
     if (_unsent == 0) return Progress::Sent;
     const auto now = std::chrono::steady_clock::now();
     if (before == 0 || _unsent < before) _last_progress = now;
