@@ -68,8 +68,10 @@ void Hub::set_devices(const std::vector<SearchingDevice>& devices) {
 }
 
 void Hub::set_image(const ReceivedImage& image) {
-    m_newest = image;
     const auto now = std::chrono::steady_clock::now();
+    // A device whose core draws nothing repeats its image, so a repeated image shows no progress.
+    if (m_newest.data == nullptr || *m_newest.data != *image.data) m_changed = now;
+    m_newest = image;
     m_samples.push_back({now, image.number, image.bytes});
     while (m_samples.front().time < now - RATE_WINDOW) m_samples.pop_front();
     for (const auto& watcher : m_watchers) watcher->offer_image(image);
@@ -84,6 +86,7 @@ Report Hub::report() {
     const auto now = std::chrono::steady_clock::now();
     if (!m_samples.empty()) {
         report.age = now - m_samples.back().time;
+        report.unchanged = now - m_changed;
         while (m_samples.size() > 1 && m_samples.front().time < now - RATE_WINDOW)
             m_samples.pop_front();
         const Sample& first = m_samples.front();

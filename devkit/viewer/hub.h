@@ -105,7 +105,8 @@ class Hub {
     std::set<std::shared_ptr<Watcher>> m_watchers;
     LinkStatus m_status;
     std::vector<SearchingDevice> m_devices;
-    ReceivedImage m_newest;  // newest picture of the current link
+    ReceivedImage m_newest;                           // newest picture of the current link
+    std::chrono::steady_clock::time_point m_changed;  // when an image differed from the last one
     std::deque<Sample> m_samples;
     uint64_t m_last_number = 0;
     std::map<uint64_t, Sent> m_sent;  // by number; orders that have no outcome yet

@@ -53,7 +53,11 @@ std::string state_json(const Report& report) {
     } else {
         state["size"] = nullptr;
     }
-    state["age"] = report.age ? json(report.age->count()) : json(nullptr);  // seconds
+    const auto seconds = [](const auto& time) {
+        return time ? json(time->count()) : json(nullptr);
+    };
+    state["age"] = seconds(report.age);
+    state["unchanged"] = seconds(report.unchanged);
     state["pictures"] = report.newest.number;
     state["pictures_per_second"] = report.pictures_per_second;
     state["bytes_per_second"] = report.bytes_per_second;
@@ -95,6 +99,9 @@ std::string metrics_text(const Report& report) {
     counter("guilink_picture_bytes", "Bytes of the pictures received.", report.newest.bytes);
     if (report.age)
         gauge("guilink_picture_age_seconds", "Age of the newest picture.", report.age->count());
+    if (report.unchanged)
+        gauge("guilink_picture_unchanged_seconds",
+              "Time since a picture differed from the last one.", report.unchanged->count());
     counter("guilink_skipped_pictures", "Pictures that pages and programs were too slow for.",
             report.skipped);
     gauge("guilink_pages", "Open pages.", static_cast<double>(report.pages));

@@ -16,7 +16,8 @@ struct Report {
     LinkStatus status;
     std::vector<SearchingDevice> devices;  // the device with the latest broadcast comes first
     ReceivedImage newest;
-    std::optional<std::chrono::duration<double>> age;  // time since the newest picture
+    std::optional<std::chrono::duration<double>> age;        // time since the newest picture
+    std::optional<std::chrono::duration<double>> unchanged;  // time since it last changed
     double pictures_per_second = 0;
     double bytes_per_second = 0;
     uint64_t skipped = 0;  // pictures not sent, because a page or program was too slow

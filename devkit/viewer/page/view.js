@@ -5,6 +5,7 @@ import { decode } from './picture.js';
 import { makeButtons } from './input.js';
 
 const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last image every 500 ms
+const UNCHANGED_AFTER = 3000; // ms; equal images for this time are worth a remark
 const FIGURES_EVERY = 500; // ms between two updates of the statistics
 const EVENTS_KEPT = 100;
 
@@ -17,6 +18,7 @@ let newest = null;
 let picture = null;
 let drawing = false;
 let lastImageTime = null;
+let lastChangeTime = null; // when an image differed from the one before
 let shown = 0; // images drawn since the last update of the statistics
 let received = 0; // bytes received since the last update of the statistics
 
@@ -36,6 +38,13 @@ function draw() {
   showFrozen(false);
 }
 
+// Returns whether two images have the same bytes. `one` may be null.
+function equal(one, other) {
+  if (one?.byteLength !== other.byteLength || other.byteLength % 4 !== 0) return false;
+  const [words, others] = [new Uint32Array(one), new Uint32Array(other)];
+  return words.every((word, i) => word === others[i]);
+}
+
 function showFrozen(frozen) {
   $('screen').classList.toggle('frozen', frozen);
   $('veil').hidden = !frozen;
@@ -53,6 +62,7 @@ function showLink(state, text) {
 
 const viewer = connect({
   image(image) {
+    if (!equal(newest, image)) lastChangeTime = performance.now();
     newest = image;
     received += image.byteLength;
     lastImageTime = performance.now();
@@ -88,6 +98,8 @@ setInterval(() => {
   shown = received = 0;
 
   const age = lastImageTime === null ? null : now - lastImageTime;
+  const unchanged = lastChangeTime === null ? 0 : now - lastChangeTime;
+  $('unchanged').textContent = unchanged > UNCHANGED_AFTER ? `${(unchanged / 1000).toFixed(0)} s` : '–';
   const frozen = age === null || age > FROZEN_AFTER;
   $('age').textContent = age === null ? '–' : age < 1000 ? `${age.toFixed(0)} ms` : `${(age / 1000).toFixed(0)} s`;
   $('age').classList.toggle('old', frozen && age !== null);
