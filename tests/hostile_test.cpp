@@ -26,7 +26,7 @@ class HostileNeighbour : public BadDay {
   protected:
     void keeps_nobody_out(const Manners& manners) {
         const HostileHosts hostile(manners);
-        EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));  // the attack has begun
+        EXPECT_TRUE(wait_until([&] { return hostile.searches() >= 3; }));  // the attack has begun
         size_t threads = 0;
         double longest = 0;
         const auto start = std::chrono::steady_clock::now();
@@ -72,7 +72,7 @@ class HostileNeighbour : public BadDay {
     }
     void keeps_out_no_late_one(const Manners& manners) {
         const HostileHosts hostile(manners);
-        EXPECT_TRUE(wait_until([&] { return hostile.sweeps() >= 3; }));
+        EXPECT_TRUE(wait_until([&] { return hostile.searches() >= 3; }));
         keeps_out_no_late_one(m_peer, 20ms);
     }
 

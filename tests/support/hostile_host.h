@@ -32,14 +32,14 @@ class HostileHosts {
             if (!m_manners.words) m_hosts.back().refuse();
         }
         for (RawCompanion& host : m_hosts) host.hear();
-        m_thread = std::thread([this] { harass(); });
+        m_thread = std::thread([this] { run(); });
     }
     ~HostileHosts() {
         m_stop = true;
         m_thread.join();
     }
 
-    int sweeps() const { return m_sweeps; }  // broadcasts that m_hosts.front() has received
+    int searches() const { return m_searches; }  // broadcasts that m_hosts.front() has received
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -48,10 +48,10 @@ class HostileHosts {
         Clock::time_point next_words;
     };
 
-    void harass() {
+    void run() {
         std::deque<Held> held;
         for (; !m_stop; std::this_thread::sleep_for(1ms)) {
-            m_sweeps += m_hosts.front().asked();
+            m_searches += m_hosts.front().asked();
             for (RawCompanion& host : m_hosts) {
                 const bool asked = host.asked();
                 if (asked) host.hear();
@@ -76,7 +76,7 @@ class HostileHosts {
 
     const Manners m_manners;
     std::vector<RawCompanion> m_hosts;
-    std::atomic<int> m_sweeps{0};
+    std::atomic<int> m_searches{0};
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
