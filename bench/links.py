@@ -258,7 +258,7 @@ def run(table, name, service, seconds):
 
 
 def spread(values, *parts):
-    """Returns values in milliseconds: the median for the part 0.5, the maximum for 1."""
+    """Returns values in milliseconds: the median for the quantile 0.5, the maximum for 1."""
     values = sorted(values)
     chosen = [1000 * values[min(int(len(values) * part), len(values) - 1)] for part in parts if values]
     return " / ".join(f"{value:.{0 if value >= 10 else 1}f}" for value in chosen) or "none"

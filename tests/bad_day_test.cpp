@@ -154,7 +154,7 @@ TEST_F(BadDay, OneOfSeveralCandidatesBecomesTheLink) {
 TEST_F(BadDay, InterfaceGoesComesAndChangesItsAddress) {
     const GoodCompanion good(m_far);
     ASSERT_TRUE(good.linked_within(LIMIT));
-    for (const char* const address : {"10.77.0.1", "10.77.0.9"}) {
+    for (const char* const address : {"10.77.0.9", "10.77.0.1"}) {
         // Change the interface's address only while linked. Without a link, the service might
         // search at that moment, and abort because it cannot bind to the old address.
         EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
