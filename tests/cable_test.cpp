@@ -28,7 +28,7 @@ class BadCable : public BadDay {
 TEST_F(BadCable, SlowNetworkCarriesTheNewestImagesAndEachPress) {
     m_cable.set("rate 10");
     const Frames at_60_per_second(16ms);
-    GoodCompanion good(m_end);
+    GoodCompanion good(m_end, "10.78.0.1");
     EXPECT_TRUE(wait_until([&] { return good.images() > 5; }));
     press_and_expect(good);
 }
@@ -36,13 +36,13 @@ TEST_F(BadCable, SlowNetworkCarriesTheNewestImagesAndEachPress) {
 TEST_F(BadCable, LinkSurvivesLossDelayAndDisorder) {
     Frames::draw_pictures(5'000);
     m_cable.set("rate 20 delay 50 loss 5 duplicate 5 reorder 10");
-    GoodCompanion good(m_end);
+    GoodCompanion good(m_end, "10.78.0.1");
     EXPECT_TRUE(wait_until([&] { return good.images() > 50; }));
     press_and_expect(good);
 }
 
 TEST_F(BadCable, LongOutageEndsInANewLink) {
-    GoodCompanion good(m_end);
+    GoodCompanion good(m_end, "10.78.0.1");
     EXPECT_TRUE(good.linked_within(LIMIT));
     m_cable.set("down 1");
     EXPECT_TRUE(wait_until([&] { return good.images() == 0; }));

@@ -56,13 +56,14 @@ class FarHost {
 // A well-behaved companion on the far host.
 class GoodCompanion {
   public:
-    explicit GoodCompanion(const FarHost& host)
-        : m_companion(host.inside([this] {
+    // `device` is the address from which the host hears the device.
+    explicit GoodCompanion(const FarHost& host, const char* device = "10.77.0.1")
+        : m_companion(host.inside([this, device] {
               const auto count = [this](const LinkStatus& status) {
                   if (!status.linked) m_images = 0;
               };
               return std::make_unique<Companion>(
-                  Companion::Handlers{count, [this](const auto&) { ++m_images; }}, "10.77.0.1");
+                  Companion::Handlers{count, [this](const auto&) { ++m_images; }}, device);
           })) {}
 
     // Returns the number of images received on the current link.
