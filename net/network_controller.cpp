@@ -1,13 +1,17 @@
 #include "net/network_controller.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <iterator>
 #include <list>
 #include <utility>
+#include <vector>
 
 #include "base/detached_thread.h"
 #include "base/mutex.h"
@@ -21,9 +25,12 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr unsigned short PEER_PORT = LINK_PORT;
-constexpr auto SWEEP_INTERVAL = 1s;  // pause between searches; after it, candidates are dropped
-constexpr auto SENT_WAIT = 500ms;    // longest wait of wait_until_sent
-constexpr auto SENT_LOOK = 2ms;      // pause between its looks at the socket
+constexpr auto SWEEP_INTERVAL = 1s;     // pause between searches; after it, candidates are dropped
+constexpr size_t MAX_CANDIDATES = 32;   // each costs a socket and a thread
+constexpr size_t MAX_CONNECTING = 512;  // each costs a socket
+constexpr int CONNECT_LOOK = 10;        // ms; a new connect joins the poll after this time
+constexpr auto SENT_WAIT = 500ms;       // longest wait of wait_until_sent
+constexpr auto SENT_LOOK = 2ms;         // pause between its looks at the socket
 
 }  // namespace
 
@@ -36,6 +43,8 @@ struct NetworkController::State {
     std::atomic<bool> m_stop{false};
     Mutex m_mutex;  // never held while the worker is called, a socket waits or a unit is destroyed
 
+    Units m_connecting GUARDED_BY(m_mutex);  // units that may become candidates, the oldest first
+    std::condition_variable_any m_connect_begun;
     Units m_candidates GUARDED_BY(m_mutex);  // units of peers that may become the link
     Units m_seekers GUARDED_BY(m_mutex);     // units that search the interfaces for peers
     Units m_current GUARDED_BY(m_mutex);     // the linked peer, or empty
@@ -74,6 +83,7 @@ NetworkController::~NetworkController() {
     _clear_all(m_state);
     {
         const Lock lock(state.m_mutex);
+        state.m_connect_begun.notify_one();
         if (!state.m_current.empty()) state.drop(state.m_current, state.m_current.begin());
     }
     m_worker_thread.join();
@@ -112,7 +122,55 @@ void NetworkController::_worker_handler() {
             };
             NetworkUnitV4::enumerate_interfaces(found, worker->GetIdentityFrame());
         }
-        std::this_thread::sleep_for(SWEEP_INTERVAL);
+        _connect_until(state, std::chrono::steady_clock::now() + SWEEP_INTERVAL);
+    }
+}
+
+// Polls all connects together, so that they need no threads: a neighbour may forge any number of
+// answers, and a host must keep its place until its handshake is over.
+void NetworkController::_connect_until(const SharedState& state,
+                                       std::chrono::steady_clock::time_point end) {
+    while (!state->m_stop && std::chrono::steady_clock::now() < end) {
+        std::vector<pollfd> connects;
+        {
+            Lock lock(state->m_mutex);
+            const auto due = [&]() REQUIRES(state->m_mutex) {
+                return state->m_stop || !state->m_connecting.empty();
+            };
+            if (!state->m_connect_begun.wait_until(lock, end, due)) return;
+            for (const auto& unit : state->m_connecting) {
+                connects.push_back({unit->descriptor(), POLLOUT, 0});
+            }
+        }
+        poll(connects.data(), connects.size(), CONNECT_LOOK);
+        _take_connected(state);
+        _destroy_finished(state);
+    }
+}
+
+// Makes candidates of the units that have connected. The oldest candidate makes room: a good
+// companion becomes the link within milliseconds, so being among the newest is all it needs.
+void NetworkController::_take_connected(const SharedState& state) {
+    State::Units failed;  // destroyed after the lock is released
+    const Lock lock(state->m_mutex);
+    auto& connecting = state->m_connecting;
+    for (auto unit = connecting.begin(); unit != connecting.end();) {
+        const auto next = std::next(unit);
+        const auto connect = (*unit)->connect_state();
+        if (connect == NetworkUnit::Connect::Failed || !state->m_current.empty()) {
+            failed.splice(failed.end(), connecting, unit);
+        } else if (connect == NetworkUnit::Connect::Succeeded) {
+            auto& candidates = state->m_candidates;
+            if (candidates.size() == MAX_CANDIDATES) state->drop(candidates, candidates.begin());
+            candidates.splice(candidates.end(), connecting, unit);
+            // Listed first, the candidate can become the link with its first bytes.
+            candidates.back()->tcp_connect(
+                PEER_PORT,
+                [state](const unsigned char* data, unsigned long length, NetworkUnit* from) {
+                    _data_receive(state, data, length, from);
+                });
+        }
+        unit = next;
     }
 }
 
@@ -126,24 +184,21 @@ void NetworkController::_seeker_found(const SharedState& state,
 
 void NetworkController::_peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit) {
     if (unit == nullptr) return;
-    _destroy_finished(state);  // makes room where connections have failed
     {
         const Lock lock(state->m_mutex);
         if (state->m_stop || !state->m_current.empty()) return;
         if (!state->m_admission.admit(unit->address())) return;
     }
-    unit->tcp_connect(PEER_PORT,
-                      [state](const unsigned char* data, unsigned long length, NetworkUnit* from) {
-                          _data_receive(state, data, length, from);
-                      });
-    State::Units replaced;  // destroyed here, after the lock is released: a flood of answers waits
+    if (!unit->begin_connect(PEER_PORT)) return;
+    State::Units oldest;  // destroyed after the lock is released
     const Lock lock(state->m_mutex);
     if (state->m_stop || !state->m_current.empty()) return;
-    auto& candidates = state->m_candidates;
-    if (candidates.size() >= Admission::MAX_CANDIDATES) {
-        replaced.splice(replaced.end(), candidates, Admission::makes_room(candidates));
+    auto& connecting = state->m_connecting;
+    if (connecting.size() == MAX_CONNECTING) {
+        oldest.splice(oldest.end(), connecting, connecting.begin());
     }
-    candidates.push_back(std::move(unit));
+    connecting.push_back(std::move(unit));
+    state->m_connect_begun.notify_one();
 }
 
 void NetworkController::_data_receive(const SharedState& state, const unsigned char* data,
@@ -187,7 +242,7 @@ void NetworkController::_set_current(const SharedState& state, const NetworkUnit
         const Lock lock(state->m_mutex);
         auto& candidates = state->m_candidates;
         const auto node = State::find(candidates, unit);
-        // A candidate that is not in the list yet, or was dropped, cannot become the link.
+        // A candidate that was dropped cannot become the link.
         if (node == candidates.end() || unit->stopped()) return;
         auto& current = state->m_current;
         if (!current.empty()) state->drop(current, current.begin());
@@ -233,10 +288,12 @@ void NetworkController::_clear_current(const SharedState& state, const NetworkUn
     if (!current.empty() && current.front().get() == unit) state->drop(current, current.begin());
 }
 
-// Drops all candidates. Does not end the searches (m_seekers), because all searches share a port,
-// so an old search may receive the answer to a newer broadcast.
+// Drops all candidates, and all connects. Does not end the searches (m_seekers), because all
+// searches share a port, so an old search may receive the answer to a newer broadcast.
 void NetworkController::_clear_all(const SharedState& state) {
+    State::Units connecting;  // destroyed after the lock is released
     const Lock lock(state->m_mutex);
+    connecting.splice(connecting.end(), state->m_connecting);
     while (!state->m_candidates.empty()) {
         state->drop(state->m_candidates, state->m_candidates.begin());
     }

@@ -10,6 +10,7 @@
 // they share the ownership of State, and use nothing else of the controller.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -75,6 +76,8 @@ class NetworkController {
     static void _worker_launcher(NetworkController* controller);
     void _worker_handler();
     static void _seeker_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit);
+    static void _connect_until(const SharedState& state, std::chrono::steady_clock::time_point end);
+    static void _take_connected(const SharedState& state);
     static void _peer_found(const SharedState& state, std::unique_ptr<NetworkUnit>& unit);
     static void _clear_all(const SharedState& state);
     static void _clear_current(const SharedState& state, const NetworkUnit* unit);

@@ -47,6 +47,11 @@ class NetworkUnit {
     // failures, send() returns false.
     virtual void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) = 0;
 
+    // Begins to connect, for the next tcp_connect to go on with. Neither blocks nor starts a
+    // thread, so a unit that is destroyed while it connects costs nothing. Returns false if this
+    // fails at once, and logs it as tcp_connect does.
+    virtual bool begin_connect(unsigned short port) = 0;
+
     // Sends on the TCP connection, without blocking. What the socket does not accept is queued, and
     // sent by later calls of flush. Returns false if the connection has ended, or if the queue
     // would exceed MAX_QUEUED; then nothing more can be sent.
@@ -74,8 +79,9 @@ class NetworkUnit {
     // Returns whether stop has been called since the last tcp_connect.
     virtual bool stopped() const = 0;
 
-    // Returns whether the TCP connection is established.
-    virtual bool connected() const = 0;
+    // Where a connection that begin_connect has begun stands now.
+    enum class Connect { Waits, Succeeded, Failed };
+    virtual Connect connect_state() const = 0;
 
     // Returns whether all threads of the unit have ended, so that destroying it does not block.
     virtual bool finished() const = 0;
@@ -90,6 +96,9 @@ class NetworkUnit {
 
     // IPv4 address in network byte order.
     virtual uint32_t address() const = 0;
+
+    // The TCP connection's socket, for poll; -1 before the first connection.
+    virtual int descriptor() const = 0;
 
     NetworkUnit(const NetworkUnit&) = delete;
     NetworkUnit& operator=(const NetworkUnit&) = delete;

@@ -31,10 +31,12 @@ std::string dotted(uint32_t address) {
     return inet_ntoa(in_addr{address});
 }
 
-bool has_peer(int fd) {
-    sockaddr_in peer;
-    socklen_t size = sizeof peer;
-    return getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
+// Returns a state of TCP, such as TCP_ESTABLISHED.
+int tcp_state(int fd) {
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return TCP_CLOSE;
+    return info.tcpi_state;
 }
 
 size_t unsent(int fd) {
@@ -114,14 +116,7 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
         const Lock lock(_mutex);
         _tcp_stop = true;
         if (_tcp_thread.joinable()) _tcp_thread.join();
-        _socket = std::make_unique<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-        const int fd = _socket->descriptor();
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
-        setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
-        // Deliberate: passes 8 bytes, although the system reads only 4. On a little-endian machine,
-        // the first 4 bytes hold the value.
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
+        if (!std::exchange(_begun, false)) _open_socket();
         _queue.clear();
         _accepted = 0;
         _unsent = 0;
@@ -136,6 +131,43 @@ void NetworkUnitV4::tcp_connect(unsigned short port, const DataReceivedCallback&
     } catch (...) {
         write_line(STDERR_FILENO, "NetworkUnitV4: tcp connection error");
     }
+}
+
+void NetworkUnitV4::_open_socket() {
+    _socket = std::make_unique<NetSocket<>>(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    const int fd = _socket->descriptor();
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof SEND_TIMEOUT);
+    setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &SYN_RETRANSMISSIONS, sizeof SYN_RETRANSMISSIONS);
+    // Deliberate: passes 8 bytes, although the system reads only 4. On a little-endian machine, the
+    // first 4 bytes hold the value.
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &BUFFER_SIZE, sizeof BUFFER_SIZE);
+}
+
+bool NetworkUnitV4::begin_connect(unsigned short port) {
+    try {
+        const Lock lock(_mutex);
+        _open_socket();
+        _begun = true;
+    } catch (...) {
+        write_line(STDERR_FILENO, "NetworkUnitV4: tcp connection error");
+        return false;
+    }
+    return _start_connect(port);
+}
+
+NetworkUnit::Connect NetworkUnitV4::connect_state() const {
+    const Lock lock(_mutex);
+    if (_socket == nullptr) return Connect::Failed;
+    const int state = tcp_state(_socket->descriptor());
+    return state == TCP_SYN_SENT ? Connect::Waits
+           : state == TCP_CLOSE  ? Connect::Failed
+                                 : Connect::Succeeded;
+}
+
+int NetworkUnitV4::descriptor() const {
+    const Lock lock(_mutex);
+    return _socket == nullptr ? -1 : _socket->descriptor();
 }
 
 bool NetworkUnitV4::send(const unsigned char* data, unsigned long length) {
@@ -185,11 +217,6 @@ NetworkUnit::Progress NetworkUnitV4::flush() {
     return now - _last_progress < STALL_TIMEOUT ? Progress::Sending : Progress::Stalled;
 }
 
-bool NetworkUnitV4::connected() const {
-    const Lock lock(_mutex);
-    return _socket != nullptr && has_peer(_socket->descriptor());
-}
-
 void NetworkUnitV4::stop() {
     const Lock lock(_mutex);
     _shut_down();
@@ -232,19 +259,27 @@ void NetworkUnitV4::_tcp_connection_receive_launcher(const NetworkUnitV4* unit, 
     --unit->_running;
 }
 
-// Polls a non-blocking connect, because not every kernel lets stop() interrupt a blocking one.
-bool NetworkUnitV4::_connect(unsigned short port) const {
+// Returns false if the connection has failed already.
+bool NetworkUnitV4::_start_connect(unsigned short port) const {
     sockaddr_in peer = {};
     peer.sin_family = AF_INET;
     peer.sin_addr.s_addr = _address;
     peer.sin_port = htons(port);
     const int fd = _socket->descriptor();
     fcntl(fd, F_SETFL, O_NONBLOCK);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == _socket->invalid()) {
-        if (errno != EINPROGRESS) return false;
-        pollfd event = {fd, POLLOUT, 0};
-        // A stop() before connect has not shut anything down, so look at the flag here.
-        if (_tcp_stop || poll(&event, 1, POLL_TIMEOUT) != 1 || !has_peer(fd)) return false;
+    return connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) !=
+               _socket->invalid() ||
+           errno == EINPROGRESS || errno == EALREADY || errno == EISCONN;
+}
+
+// Polls a non-blocking connect, because not every kernel lets stop() interrupt a blocking one.
+bool NetworkUnitV4::_connect(unsigned short port) const {
+    // A stop() before connect has not shut anything down, so look at the flag here.
+    if (!_start_connect(port) || _tcp_stop) return false;
+    const int fd = _socket->descriptor();
+    pollfd event = {fd, POLLOUT, 0};
+    if (poll(&event, 1, POLL_TIMEOUT) != 1 || (event.revents & (POLLERR | POLLHUP)) != 0) {
+        return false;
     }
     fcntl(fd, F_SETFL, 0);
     return true;

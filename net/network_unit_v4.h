@@ -26,17 +26,19 @@ class NetworkUnitV4 : public NetworkUnit {
                                      const std::vector<unsigned char>& ping_packet);
 
     void tcp_connect(unsigned short port, const DataReceivedCallback& on_data) override;
+    bool begin_connect(unsigned short port) override;
     bool send(const unsigned char* data, unsigned long length) override;
     void ping(const UnitFoundCallback& on_found) override;
     void join() override;
     void print_host() const override;
     void stop() override;
     bool stopped() const override { return _tcp_stop; }
-    bool connected() const override;
+    Connect connect_state() const override;
     bool finished() const override { return _running == 0; }
     bool send_at_once(const unsigned char* data, unsigned long length) override;
     Progress flush() override;
     uint32_t address() const override { return _address; }
+    int descriptor() const override;
 
     // Entry functions of threads. They return at once if `unit` is null.
     static void _ping_send_launcher(const NetworkUnitV4* unit, UnitFoundCallback on_found);
@@ -50,6 +52,8 @@ class NetworkUnitV4 : public NetworkUnit {
     void _icmp_ping_receive(const UnitFoundCallback& on_found, const NetSocket<>& socket) const;
     void _udp_ping_send(const UnitFoundCallback& on_found) const;
     void _udp_ping_receive(const UnitFoundCallback& on_found, const NetSocket<>& socket) const;
+    void _open_socket() REQUIRES(_mutex);
+    bool _start_connect(unsigned short port) const;
     bool _connect(unsigned short port) const;
     void _tcp_receive(unsigned short port, const DataReceivedCallback& on_data) const;
     bool _send(const unsigned char* data, size_t length, size_t room);
@@ -62,6 +66,7 @@ class NetworkUnitV4 : public NetworkUnit {
     // The TCP connection's socket; null until the first tcp_connect. The receiver uses the socket
     // without the mutex, so tcp_connect replaces the socket only while no receiver runs.
     std::unique_ptr<NetSocket<>> _socket;
+    bool _begun GUARDED_BY(_mutex) = false;  // begin_connect has made the socket
 
     std::vector<unsigned char> _queue GUARDED_BY(_mutex);  // data that the socket has not accepted
     size_t _accepted GUARDED_BY(_mutex) = 0;  // bytes of _queue that the socket accepted since

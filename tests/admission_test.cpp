@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
-#include <list>
-#include <memory>
 #include <utility>
 
 namespace {
@@ -25,42 +22,6 @@ TEST(Admission, RefusesNobodyForTheAnswersOfOthers) {
         EXPECT_TRUE(admission.admit(host));
     }
     EXPECT_TRUE(admission.admit(1));
-}
-
-struct Candidate {
-    bool connected() const { return is_connected; }
-    bool is_connected;
-};
-
-TEST(Admission, TheOldestOfTheMajorityMakesRoom) {
-    std::list<std::unique_ptr<Candidate>> candidates;
-    const auto after_adding = [&](std::initializer_list<bool> connected) {
-        for (const bool each : connected) {
-            candidates.emplace_back(new Candidate{each});
-        }
-        const auto victim = Admission::makes_room(candidates);
-        const auto position = std::distance(candidates.begin(), victim);
-        candidates.erase(victim);
-        return position;
-    };
-    EXPECT_EQ(after_adding({false, false, false}), 0);  // left: two unconnected
-    EXPECT_EQ(after_adding({true, true}), 0);           // as many of each; left: one, two
-    EXPECT_EQ(after_adding({}), 1);                     // left: one of each
-    EXPECT_EQ(after_adding({false}), 0);                // left: connected, unconnected
-    EXPECT_EQ(after_adding({true, true}), 0);
-}
-
-struct FleetingCandidate {
-    bool connected() { return std::exchange(is_connected, !is_connected); }
-    bool is_connected;
-};
-
-TEST(Admission, OneMakesRoomWhileAllConnectionsBeginOrEnd) {
-    for (const bool connected : {true, false}) {
-        std::list<std::unique_ptr<FleetingCandidate>> candidates;
-        candidates.emplace_back(new FleetingCandidate{connected});
-        EXPECT_EQ(Admission::makes_room(candidates), candidates.begin());
-    }
 }
 
 }  // namespace

@@ -360,7 +360,6 @@ TEST_F(Connection, SendFailsAfterTheReset) {
 TEST_F(Connection, StopEndsAConnectThatWaits) {
     m_unit = unit("10.77.0.77", SINGLE);  // nobody has this address
     m_unit->tcp_connect(PORT, m_receiver.callback());
-    EXPECT_FALSE(m_unit->connected());
     m_unit->stop();
     const auto start = std::chrono::steady_clock::now();
     m_unit->join();
