@@ -62,7 +62,6 @@ FAULTS = {kind: faults.split() for kinds, faults in {
     "send": "short EAGAIN ECONNRESET EHOSTUNREACH EINTR ENOBUFS ENOMEM EPIPE ETIMEDOUT",
     "sendto": "ENOBUFS EAGAIN ECONNREFUSED EHOSTUNREACH EINTR ENETDOWN ENETUNREACH ENOMEM EPERM",
     "ioctl": "ENOMEM ENOTTY",
-    "getpeername": "ENOBUFS ENOTCONN",
     "getsockopt, setsockopt": "ENOMEM ENOPROTOOPT",
     "shutdown": "ENOTCONN",
     "sigaction": "EINVAL",
