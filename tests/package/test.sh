@@ -6,7 +6,7 @@ here=$(realpath "${BASH_SOURCE[0]%/*}")
 prefix=$1 scratch=$2
 
 rm -rf "$scratch"
-cmake -S "$here" -B "$scratch" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake -G Ninja -S "$here" -B "$scratch" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$scratch"
 "$here/../../scripts/sandbox" "$scratch/companion"
 
