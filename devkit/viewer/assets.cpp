@@ -11,8 +11,7 @@
         ".popsection\n");                                                      \
     extern "C" [[gnu::visibility("hidden")]] const char guilink_page_##name[]; \
     extern "C" [[gnu::visibility("hidden")]] const char guilink_page_##name##_end[]
-#define CONTENT(name) \
-    { guilink_page_##name, guilink_page_##name##_end }
+#define CONTENT(name) std::string_view(guilink_page_##name, guilink_page_##name##_end)
 
 EMBED(index, "index.html");
 EMBED(style, "style.css");
