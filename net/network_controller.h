@@ -1,6 +1,6 @@
 // Keeps the device linked to one peer. Without a link, the controller begins to search every
-// network interface about once a second (a sweep). Each host that answers becomes a candidate: a
-// network unit connects to the host by TCP, and the controller passes the received bytes to the
+// network interface about once a second (a sweep). A network unit connects by TCP to each host that
+// answers. Once connected, it is a candidate, and the controller passes the received bytes to the
 // worker (the link protocol). When the worker accepts a candidate, its unit becomes the link, and
 // the controller drops all other candidates. If a send fails or the connection ends, the controller
 // drops the link and the data being sent, and searches again.
