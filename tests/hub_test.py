@@ -1,4 +1,5 @@
 """Tests the viewer as a hub. The network has two devices; people and programs share one of them."""
+import asyncio
 import http.client
 import io
 import json
@@ -10,6 +11,7 @@ from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
 import pytest
+import websockets
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
 from support.fake_device import LIMIT
 from support.service import end_service, start_service
@@ -73,6 +75,39 @@ def state(host="127.0.0.1"):
 
 def linked_to(identity, host="127.0.0.1"):
     return until(lambda: (now := state(host)).get("identity") == identity and now["pictures_per_second"] > 0 and now)
+
+
+HEADERS = "additional_headers" if int(websockets.__version__.split(".")[0]) >= 14 else "extra_headers"
+
+
+class Page:
+    """The WebSocket of a page."""
+    def __init__(self, url=f"ws://127.0.0.1:{PORT}/link", origin=URL, headers=()):
+        self._loop = asyncio.new_event_loop()
+        self._socket = self._do(self._connect(url, origin=origin, **{HEADERS: dict(headers)}))
+        self.first = json.loads(self._do(self._socket.recv()))
+
+    async def _connect(self, url, **options):
+        return await websockets.connect(url, **options)
+
+    def _do(self, work):
+        return self._loop.run_until_complete(asyncio.wait_for(work, LIMIT))
+
+    def send(self, **message):
+        self._do(self._socket.send(json.dumps(message)))
+
+    def said(self):
+        """Returns the next message that is neither a picture nor the link's state."""
+        while isinstance(message := self._do(self._socket.recv()), bytes) or "state" in json.loads(message):
+            pass
+        return json.loads(message)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._do(self._socket.close())
+        self._loop.close()
 
 
 @contextmanager
@@ -171,6 +206,21 @@ def test_pictures_figures_and_orders(viewer):
         assert families["guilink_device"].samples[0].labels["identity"] == "11111"
         now = state()
         assert now["size"] == [1280, 960] and now["programs"] == 1 and now["age"] < LIMIT
+
+
+def test_pages_learn_what_others_do(viewer):
+    linked_to("11111")
+    address = {"address": "127.0.0.1"}
+    with Page() as one, Page() as other, guilink.connect(viewer=URL) as program:
+        assert one.first["may"] == state()["may"] == "press"
+        one.send(press=1, id=1)
+        assert one.said() == {"delivered": 1}  # no event about its own press
+        assert other.said() == {"event": "press", "button": 1, "from": "page", **address}
+        program.text("secret")
+        assert ask("POST", "/device/11111")[0] == 204
+        for each in one, other:
+            assert each.said() == {"event": "text", "from": "program", **address}
+            assert each.said() == {"event": "device", "device": "11111", "from": "program", **address}
 
 
 def test_a_slow_reader_slows_nobody(viewer):

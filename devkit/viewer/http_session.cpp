@@ -36,10 +36,22 @@ beast::string_view view(std::string_view text) {
     return {text.data(), text.size()};
 }
 
+// Returns the address of the other end, as an IPv4 address if it is one.
+asio::ip::address address_of(const tcp::socket& socket) {
+    error_code error;
+    const auto address = socket.remote_endpoint(error).address();
+    if (address.is_v6() && address.to_v6().is_v4_mapped())
+        return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6());
+    return address;
+}
+
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
   public:
     HttpSession(Hub& hub, tcp::socket socket)
-        : m_hub(hub), m_counted(hub.visitors), m_stream(std::move(socket)) {}
+        : m_hub(hub),
+          m_counted(hub.visitors),
+          m_address(address_of(socket)),
+          m_stream(std::move(socket)) {}
 
     void read() {
         m_parser.emplace();
@@ -65,10 +77,13 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             view(request[http::field::host]), view(request[http::field::origin]),
             view(request["Sec-Fetch-Site"]),  request.body()};
         if (beast::websocket::is_upgrade(request) && plain.target == "/link") {
-            const bool program = plain.origin.empty() && host_allowed(plain.host) && is_local();
+            const bool program =
+                plain.origin.empty() && host_allowed(plain.host) && m_address.is_loopback();
             if (program || from_our_page(plain.host, plain.origin))
-                return start_page_session(m_hub, m_stream.release_socket(), request, program);
+                return start_page_session(m_hub, m_stream.release_socket(), request,
+                                          {m_address.to_string(), program, Access::press});
         }
+        m_client = {m_address.to_string(), plain.origin.empty(), Access::press};
         const Asked asked = read_request(plain, m_hub.labels());
         if (const auto* const reply = std::get_if<Reply>(&asked))
             respond(*reply);
@@ -79,20 +94,11 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         else if (const auto* const choice = std::get_if<Choice>(&asked))
             choose(*choice);
         else if (std::holds_alternative<State>(asked))
-            respond({200, "application/json", state_json(m_hub.report())});
+            respond({200, "application/json", state_json(m_hub.report(), m_client.access)});
         else if (std::holds_alternative<Metrics>(asked))
             respond({200, OPENMETRICS, metrics_text(m_hub.report())});
         else
             start_stream_session(m_hub, m_stream.release_socket());
-    }
-
-    bool is_local() {
-        error_code error;
-        const auto address = m_stream.socket().remote_endpoint(error).address();
-        if (error) return false;
-        if (address.is_v6() && address.to_v6().is_v4_mapped())
-            return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).is_loopback();
-        return address.is_loopback();
     }
 
     void respond(const Reply& reply) {
@@ -140,7 +146,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         const uint64_t turn = wait(
             504, "The device has not confirmed it in time, so it may or may not have arrived.\n");
         m_hub.send_confirmed(
-            order, weak_from_this(),
+            order, m_client, weak_from_this(),
             [this, turn](const std::optional<std::string>& why_not, uint64_t picture) {
                 if (turn != m_turn) return;
                 ++m_turn;
@@ -150,7 +156,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     }
 
     void choose(const Choice& choice) {
-        const Hub::Found found = m_hub.choose(choice);
+        const Hub::Found found = m_hub.choose(choice, m_client);
         if (found == Hub::Found::one) return respond({204});
         respond({found == Hub::Found::none ? 404u : 409u, "text/plain",
                  Hub::sentence(found) + std::string("\n")});
@@ -173,6 +179,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     Hub& m_hub;
     const Counted m_counted;
+    const asio::ip::address m_address;  // unspecified if the connection has already ended
+    Client m_client;                    // who has sent the current request
     beast::tcp_stream m_stream;
     beast::flat_buffer m_received;
     std::optional<http::request_parser<http::string_body>> m_parser;

@@ -97,17 +97,23 @@ Report Hub::report() {
         report.bytes_per_second = static_cast<double>(m_newest.bytes - first.bytes) / time.count();
     }
     report.skipped = skipped_pictures;
-    report.programs = static_cast<size_t>(
-        std::ranges::count_if(m_watchers, [](const auto& watcher) { return watcher->is_program; }));
+    report.programs = static_cast<size_t>(std::ranges::count_if(
+        m_watchers, [](const auto& watcher) { return watcher->client.is_program; }));
     report.pages = m_watchers.size() - report.programs;
     report.streams = streams;
     return report;
 }
 
-void Hub::send_confirmed(const Order& order, const std::weak_ptr<void>& owner, Outcome outcome) {
+void Hub::send(const Order& order, const Client& by) {
+    if (m_send(order, 0)) announce(event_json(order, by), by);
+}
+
+void Hub::send_confirmed(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
+                         Outcome outcome) {
     const uint64_t number = ++m_last_number;
     m_sent[number] = {owner, std::move(outcome)};
-    if (!m_send(order, number)) set_outcome(number, Delivery::refused, 0);
+    if (!m_send(order, number)) return set_outcome(number, Delivery::refused, 0);
+    announce(event_json(order, by), by);
 }
 
 void Hub::set_outcome(uint64_t number, Delivery delivery, uint64_t picture) {
@@ -124,7 +130,7 @@ void Hub::set_outcome(uint64_t number, Delivery delivery, uint64_t picture) {
     found.mapped().outcome(why_not, picture);
 }
 
-Hub::Found Hub::choose(const Choice& choice) {
+Hub::Found Hub::choose(const Choice& choice, const Client& by) {
     std::set<std::string> addresses;
     const auto note = [&](const std::string& identity, const std::string& address) {
         if (choice.device == identity || choice.device == address) addresses.insert(address);
@@ -133,7 +139,14 @@ Hub::Found Hub::choose(const Choice& choice) {
     if (m_status.linked) note(m_status.identity, m_status.address);
     if (addresses.size() != 1) return addresses.empty() ? Found::none : Found::several;
     m_choose(choice.device);
+    announce(event_json(choice, by), by);
     return Found::one;
+}
+
+void Hub::announce(const std::string& event, const Client& by) {
+    for (const auto& watcher : m_watchers) {
+        if (!watcher->client.is_program && &watcher->client != &by) watcher->offer_event(event);
+    }
 }
 
 const char* Hub::sentence(Found found) {

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "devkit/viewer/client.h"
 #include "devkit/viewer/page_message.h"
 #include "devkit/viewer/received_image.h"
 #include "devkit/viewer/renditions.h"
@@ -33,7 +34,9 @@ class Hub {
         virtual ~Watcher() = default;
         virtual void offer_status(bool new_link) = 0;
         virtual void offer_image(const ReceivedImage& image) = 0;
-        bool is_program = false;
+        // Called when another client has pressed a button, sent a text or chosen a device.
+        virtual void offer_event(const std::string& event) = 0;
+        Client client;
     };
     // Called with the outcome of an order. `why_not` is the reason why the order failed; it is
     // empty if the device confirmed the order. `picture` is the number of the newest picture at the
@@ -54,7 +57,9 @@ class Hub {
     const std::string& labels() const { return m_labels; }
     const ReceivedImage& newest() const { return m_newest; }
     Renditions& renditions() { return m_renditions; }
-    std::string status(uint64_t skipped) const { return page_status(m_status, m_devices, skipped); }
+    std::string status(Access access, uint64_t skipped) const {
+        return page_status(m_status, m_devices, access, skipped);
+    }
     Report report();
 
     void set_status(const LinkStatus& status);
@@ -65,16 +70,19 @@ class Hub {
     bool add(const std::shared_ptr<Watcher>& watcher);
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
+    // The functions below tell all pages but the sender's, which is `by`, what has been sent.
+
     // Sends an order to the device. The caller does not learn the outcome.
-    void send(const Order& order) { m_send(order, 0); }
+    void send(const Order& order, const Client& by);
     // Sends an order to the device. Calls `outcome` once, possibly before send_confirmed returns.
     // Does not call `outcome` if `owner` is destroyed first.
-    void send_confirmed(const Order& order, const std::weak_ptr<void>& owner, Outcome outcome);
+    void send_confirmed(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
+                        Outcome outcome);
     void set_outcome(uint64_t number, Delivery delivery, uint64_t picture);
 
     // If exactly one device matches `choice`, links to this device. Returns how many devices match.
     enum class Found { one, none, several };
-    Found choose(const Choice& choice);
+    Found choose(const Choice& choice, const Client& by);
     static const char* sentence(Found found);
 
     // Counters. They are declared before the event loop, because the event loop's destructor may
@@ -95,6 +103,7 @@ class Hub {
     };
 
     void accept();
+    void announce(const std::string& event, const Client& by);
 
     boost::asio::io_context m_loop{1};
     boost::asio::ip::tcp::acceptor m_acceptor;

@@ -19,12 +19,16 @@ using boost::system::error_code;
 namespace {
 
 constexpr size_t MAX_ANSWERS = 1024;  // queued answers to a client that does not read
+constexpr size_t MAX_EVENTS = 64;     // with more texts in the queue, drops events
 
 // The session of one client: a page or a program. Writes one message at a time. While a message is
 // being written, keeps all new answers, but only the newest picture and status.
 class PageSession : public Hub::Watcher, public std::enable_shared_from_this<PageSession> {
   public:
-    PageSession(Hub& hub, tcp::socket socket) : m_hub(hub), m_stream(std::move(socket)) {}
+    PageSession(Hub& hub, tcp::socket socket, Client who)
+        : m_hub(hub), m_stream(std::move(socket)) {
+        client = std::move(who);
+    }
 
     template <typename Request>
     void run(const Request& request) {
@@ -56,6 +60,12 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         write();
     }
 
+    void offer_event(const std::string& event) override {
+        if (m_texts.size() >= MAX_EVENTS) return;
+        m_texts.push_back(event);
+        write();
+    }
+
   private:
     void read() {
         m_stream.async_read(m_received, [self = shared_from_this()](error_code error, size_t) {
@@ -64,7 +74,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
             const auto message =
                 parse_page_message({static_cast<const char*>(data.data()), data.size()});
             self->m_received.consume(data.size());
-            if (!message || self->m_answers.size() >= MAX_ANSWERS) return self->close();
+            if (!message || self->m_texts.size() >= MAX_ANSWERS) return self->close();
             if (const auto* const order = std::get_if<Order>(&message->content))
                 self->send(*order, message->id);
             else
@@ -74,9 +84,9 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     void send(const Order& order, std::optional<uint64_t> id) {
-        if (!id) return m_hub.send(order);
+        if (!id) return m_hub.send(order, client);
         m_hub.send_confirmed(
-            order, weak_from_this(),
+            order, client, weak_from_this(),
             [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
                 if (!why_not && m_image.number <= picture) drop_image();
                 answer(*id, why_not);
@@ -84,7 +94,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     void choose(const Choice& choice, std::optional<uint64_t> id) {
-        const Hub::Found found = m_hub.choose(choice);
+        const Hub::Found found = m_hub.choose(choice, client);
         if (!id) return;
         if (found == Hub::Found::one) return answer(*id, {});
         answer(*id, Hub::sentence(found));
@@ -93,7 +103,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     void answer(uint64_t id, const std::optional<std::string>& why_not) {
         const nlohmann::json message = why_not ? nlohmann::json{{"failed", id}, {"why", *why_not}}
                                                : nlohmann::json{{"delivered", id}};
-        m_answers.push_back(message.dump());
+        m_texts.push_back(message.dump());
         write();
     }
 
@@ -104,14 +114,14 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
 
     void write() {
         if (m_writing || !m_open) return;
-        if (!m_answers.empty()) {
-            m_text = std::move(m_answers.front());
-            m_answers.pop_front();
+        if (!m_texts.empty()) {
+            m_text = std::move(m_texts.front());
+            m_texts.pop_front();
             write_text();
         } else if (m_status_waits) {
             m_status_waits = false;
             m_skipped_reported = m_skipped;
-            m_text = m_hub.status(m_skipped);
+            m_text = m_hub.status(client.access, m_skipped);
             write_text();
         } else if (m_image.data != nullptr) {
             m_written = std::move(m_image.data);
@@ -157,7 +167,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     beast::flat_buffer m_received;
     bool m_open = false;
     bool m_writing = false;
-    std::deque<std::string> m_answers;  // waiting to be written
+    std::deque<std::string> m_texts;  // answers and events, waiting to be written
     bool m_status_waits = false;
     ReceivedImage m_image;   // waiting to be written, unless its payload is null
     SharedImage m_written;   // being written
@@ -171,10 +181,8 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
 
 void start_page_session(Hub& hub, tcp::socket socket,
                         const beast::http::request<beast::http::string_body>& request,
-                        bool program) {
-    const auto session = std::make_shared<PageSession>(hub, std::move(socket));
-    session->is_program = program;
-    session->run(request);
+                        Client client) {
+    std::make_shared<PageSession>(hub, std::move(socket), std::move(client))->run(request);
 }
 
 }  // namespace guilink

@@ -7,11 +7,19 @@
 // message to the client is JSON. It is either the link's status (page_status), or the answer to a
 // message with an "id": {"delivered": ID} or {"failed": ID, "why": TEXT}. A picture that follows
 // {"delivered": ID} reached the viewer after the device had confirmed the press or text.
+//
+// A page, but no program, also learns what other clients send:
+//   {"event": "press", "button": BUTTON, "address": ADDRESS, "from": "page" or "program"}
+//   {"event": "text", "address": ADDRESS, "from": ...}
+//   {"event": "device", "device": ID, "address": ADDRESS, "from": ...}: has chosen another device
+// ADDRESS is the other client's.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
+
+#include "devkit/viewer/client.h"
 
 namespace guilink {
 
@@ -19,6 +27,6 @@ class Hub;
 
 void start_page_session(Hub& hub, boost::asio::ip::tcp::socket socket,
                         const boost::beast::http::request<boost::beast::http::string_body>& request,
-                        bool program);
+                        Client client);
 
 }  // namespace guilink

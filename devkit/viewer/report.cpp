@@ -15,7 +15,8 @@ std::string text_of(const json& value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-json status_json(const LinkStatus& status, const std::vector<SearchingDevice>& devices) {
+json status_json(const LinkStatus& status, const std::vector<SearchingDevice>& devices,
+                 Access access) {
     json heard = json::array();
     const auto now = std::chrono::steady_clock::now();
     for (const SearchingDevice& device : devices) {
@@ -32,20 +33,38 @@ json status_json(const LinkStatus& status, const std::vector<SearchingDevice>& d
             {"identity", status.identity},
             {"firmware", status.firmware},
             {"wanted", status.wanted},
+            {"may", access == Access::press ? "press" : "view"},
             {"devices", heard}};
+}
+
+std::string event(const char* what, json details, const Client& by) {
+    details["event"] = what;
+    details["address"] = by.address;
+    details["from"] = by.is_program ? "program" : "page";
+    return text_of(details);
 }
 
 }  // namespace
 
 std::string page_status(const LinkStatus& status, const std::vector<SearchingDevice>& devices,
-                        uint64_t skipped) {
-    json message = status_json(status, devices);
+                        Access access, uint64_t skipped) {
+    json message = status_json(status, devices, access);
     message["skipped"] = skipped;
     return text_of(message);
 }
 
-std::string state_json(const Report& report) {
-    json state = status_json(report.status, report.devices);
+std::string event_json(const Order& order, const Client& by) {
+    const auto* const press = std::get_if<Press>(&order);
+    return press != nullptr ? event("press", {{"button", press->button}}, by)
+                            : event("text", json::object(), by);
+}
+
+std::string event_json(const Choice& choice, const Client& by) {
+    return event("device", {{"device", choice.device}}, by);
+}
+
+std::string state_json(const Report& report, Access access) {
+    json state = status_json(report.status, report.devices, access);
     if (report.newest.data != nullptr && report.newest.data->size() >= 4) {
         uint16_t size[2];
         std::memcpy(size, report.newest.data->data(), sizeof size);

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "devkit/viewer/client.h"
+#include "devkit/viewer/page_message.h"
 #include "devkit/viewer/received_image.h"
 #include "guilink/companion.h"
 
@@ -26,11 +28,17 @@ struct Report {
     size_t streams = 0;
 };
 
-// Returns JSON: the link, the devices in the network, and how many pictures a page has skipped.
+// Returns JSON: the link, the devices in the network, what the reader may do ("press" or "view"),
+// and how many pictures the reader has skipped.
 std::string page_status(const LinkStatus& status, const std::vector<SearchingDevice>& devices,
-                        uint64_t skipped);
+                        Access access, uint64_t skipped);
 
-std::string state_json(const Report& report);
+// Returns JSON: what a client has done, and who it is (see page_session.h). Does not contain texts,
+// because those who may only look read it, too.
+std::string event_json(const Order& order, const Client& by);
+std::string event_json(const Choice& choice, const Client& by);
+
+std::string state_json(const Report& report, Access access);
 
 constexpr const char* OPENMETRICS = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 std::string metrics_text(const Report& report);
