@@ -39,7 +39,7 @@ void count_block(qemu_plugin_id_t, qemu_plugin_tb* block) {
 
 void see_syscall(qemu_plugin_id_t, unsigned, int64_t number, uint64_t, uint64_t, uint64_t, uint64_t,
                  uint64_t, uint64_t, uint64_t, uint64_t) {
-    if (number != guilink::MARK) return;
+    if (number != MARK) return;
     if (between_marks) {
         std::fprintf(stderr, "%llu\n", static_cast<unsigned long long>(executed - at_first_mark));
     }

@@ -1,9 +1,4 @@
-// Constants of guilink-instructions and of the plugin that counts instructions (count_plugin.cpp).
 #pragma once
 
-namespace guilink {
-
-constexpr long MARK = 26'485;  // unused system call number; each call starts or stops a count
-constexpr long KNOWN_LENGTH = 10'000'000;  // instructions in the loop that checks the plugin
-
-}  // namespace guilink
+// Unused system call number. Each call starts or stops a count (count_plugin.cpp).
+constexpr long MARK = 26'485;
