@@ -99,7 +99,8 @@ TEST(Labels, AreCheckedEntryByEntry) {
         std::ofstream(file) << json;
         return load_labels(file);
     };
-    const std::string good = R"([{"button":255,"key":"z","label":"Up","place":"up"}])";
+    const std::string good =
+        R"([{"button":255,"confirm":true,"key":"z","label":"Up","place":"up"}])";
     EXPECT_EQ(load(good), good);
     for (const auto& [json, why] :
          {std::pair{"[", "parse error"},
@@ -110,6 +111,7 @@ TEST(Labels, AreCheckedEntryByEntry) {
           {R"([{"button":1}])", R"("label" must)"},
           {R"([{"button":1,"label":"A","kye":"x"}])", R"("kye")"},
           {R"([{"button":1,"label":"A","place":"on"}])", R"("place")"},
+          {R"([{"button":1,"label":"A","confirm":1}])", R"("confirm")"},
           {R"([{"button":1,"label":"A"},{"button":1,"label":"B"}])", "already"}}) {
         const std::string text = json;  // clang 14 cannot capture a structured binding
         EXPECT_THAT([&] { load(text); }, ThrowsMessage<std::runtime_error>(HasSubstr(why))) << text;

@@ -26,7 +26,7 @@ constexpr const char* DEFAULTS = R"([
     {"button": 13, "label": "Hide", "key": "h"},
     {"button": 14, "label": "Size", "key": "s"},
     {"button": 15, "label": "Info", "key": "i"},
-    {"button": 7, "label": "Power", "key": "p", "place": "wide"}
+    {"button": 7, "label": "Power", "key": "p", "place": "wide", "confirm": true}
 ])";
 
 constexpr size_t MAX_LABEL = 24;  // bytes; more would not fit a button
@@ -52,8 +52,9 @@ void check(const nlohmann::json& labels) {
                 "\"label\" must be a text of at most 24 bytes" + where);
         for (const auto& [name, value] : entry.items()) {
             const bool known = name == "button" || name == "label";
-            require(known || ((name == "key" || name == "place") && value.is_string()),
-                    "\"" + name + "\" is unknown or not a text" + where);
+            require(known || ((name == "key" || name == "place") && value.is_string()) ||
+                        (name == "confirm" && value.is_boolean()),
+                    "\"" + name + "\" is unknown or of the wrong type" + where);
             require(name != "place" ||
                         std::ranges::count(PLACES, value.get_ref<const std::string&>()) == 1,
                     "unknown \"place\"" + where);
