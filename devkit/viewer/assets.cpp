@@ -18,7 +18,10 @@ EMBED(style, "style.css");
 EMBED(icon, "icon.svg");
 EMBED(devices, "devices.js");
 EMBED(input, "input.js");
+EMBED(picker, "picker.js");
 EMBED(picture, "picture.js");
+EMBED(recording, "recording.js");
+EMBED(settings, "settings.js");
 EMBED(view, "view.js");
 EMBED(viewer, "viewer.js");
 
@@ -32,7 +35,10 @@ const Asset* find_asset(std::string_view path) {
         {"/icon.svg", "image/svg+xml", CONTENT(icon)},
         {"/devices.js", "text/javascript", CONTENT(devices)},
         {"/input.js", "text/javascript", CONTENT(input)},
+        {"/picker.js", "text/javascript", CONTENT(picker)},
         {"/picture.js", "text/javascript", CONTENT(picture)},
+        {"/recording.js", "text/javascript", CONTENT(recording)},
+        {"/settings.js", "text/javascript", CONTENT(settings)},
         {"/view.js", "text/javascript", CONTENT(view)},
         {"/viewer.js", "text/javascript", CONTENT(viewer)},
     };

@@ -29,6 +29,7 @@ export function makeDevices(root, choose) {
     root.replaceChildren(...entries.map((device) => {
       const button = document.createElement('button');
       button.type = 'button';
+      button.disabled = status.may === 'view';
       button.setAttribute('aria-pressed', Boolean(device.linked));
       for (const [name, text] of [['strong', device.identity], ['span', device.firmware], ['span', device.address]]) {
         button.appendChild(document.createElement(name)).textContent = text;

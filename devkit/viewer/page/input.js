@@ -6,28 +6,32 @@ const REPEAT = { first: 450, next: 120 }; // ms before the first repeat, and bet
 // clicks during this time are ignored.
 const CLICK = 50;
 
-// labels: [{button, label, key, place}]. press(button, label) sends a press.
-export function makeButtons(pad, labels, press) {
+// labels: [{button, label, key, place, confirm}]. press(entry) sends a press. A button with `confirm` is pressed once,
+// after confirm(entry). Returns functions that switch the buttons, and the keys for them, on and off.
+export function makeButtons(pad, labels, press, confirm) {
   const held = new Map(); // entry of `labels` -> timer of the entry's next repeat
+  let shortcuts = true;
 
-  const send = (entry) => press(entry.button, entry.label);
   const down = (entry) => {
-    if (held.has(entry)) return;
+    if (held.has(entry) || entry.element.disabled) return;
+    if (entry.confirm) return confirm(entry);
     entry.element.classList.add('down');
     const repeat = (wait) =>
-      held.set(entry, setTimeout(() => { send(entry); repeat(REPEAT.next); }, wait));
+      held.set(entry, setTimeout(() => { press(entry); repeat(REPEAT.next); }, wait));
     repeat(REPEAT.first);
-    send(entry);
+    press(entry);
   };
   const up = (entry) => {
     clearTimeout(held.get(entry));
     held.delete(entry);
     entry.element.classList.remove('down');
   };
+  const release = () => [...held.keys()].forEach(up);
 
   for (const entry of labels) {
     const element = document.createElement('button');
     element.type = 'button';
+    element.disabled = true;
     element.dataset.button = entry.button;
     if (entry.place) element.dataset.place = entry.place;
     const name = document.createElement('span');
@@ -37,11 +41,10 @@ export function makeButtons(pad, labels, press) {
       const key = document.createElement('kbd');
       key.textContent = shown(entry.key);
       element.append(key);
-      element.setAttribute('aria-keyshortcuts', entry.key);
     }
     entry.element = element;
     element.addEventListener('pointerdown', (event) => {
-      if (event.button !== 0) return;
+      if (event.button !== 0 || entry.confirm) return;
       element.setPointerCapture(event.pointerId);
       down(entry);
     });
@@ -51,17 +54,20 @@ export function makeButtons(pad, labels, press) {
     element.addEventListener('contextmenu', (event) => event.preventDefault());
     // A click with detail 0 comes from the keyboard or from assistive technology.
     element.addEventListener('click', (event) => {
-      if (event.detail === 0) { down(entry); setTimeout(() => up(entry), CLICK); }
+      if (event.detail === 0 || entry.confirm) { down(entry); setTimeout(() => up(entry), CLICK); }
     });
     pad.append(element);
   }
+  // The Tab key visits the buttons as the eye does, row by row.
+  const position = ({ offsetTop, offsetLeft }) => 1e5 * offsetTop + offsetLeft;
+  pad.append(...[...pad.children].sort((one, other) => position(one) - position(other)));
 
   const entryOf = (event) => {
-    if (event.ctrlKey || event.altKey || event.metaKey) return undefined;
-    if (event.target.closest?.('input:not([type="checkbox"]), select')) return undefined;
-    // The browser itself applies Enter and space to the control that has the focus.
-    if (event.target.closest?.('button, input') && ['Enter', ' '].includes(event.key)) return undefined;
-    return labels.find(({ key }) => key && key.toLowerCase() === event.key.toLowerCase());
+    if (!shortcuts || event.ctrlKey || event.altKey || event.metaKey) return undefined;
+    if (event.target.closest?.('input') || document.querySelector('dialog[open]')) return undefined;
+    // The browser itself applies Enter and space to the button that has the focus.
+    if (event.target.closest?.('button') && ['Enter', ' '].includes(event.key)) return undefined;
+    return labels.find(({ key, element }) => key?.toLowerCase() === event.key.toLowerCase() && !element.disabled);
   };
   // Keyed by event.code, because event.key can change between keydown and keyup when Shift is released.
   const keys = new Map(); // event.code -> entry of `labels`
@@ -79,7 +85,22 @@ export function makeButtons(pad, labels, press) {
   });
   // Take the focus away from a clicked button, because Enter would click a focused button again.
   addEventListener('click', ({ detail, target }) => { if (detail > 0) target.closest('button')?.blur(); });
-  addEventListener('blur', () => [...held.keys()].forEach(up));
+  addEventListener('blur', release);
+
+  return {
+    enable(on) {
+      if (!on) release();
+      for (const { element } of labels) element.disabled = !on;
+    },
+    setShortcuts(on) {
+      shortcuts = on;
+      pad.classList.toggle('keyless', !on);
+      for (const { element, key } of labels) {
+        if (key && on) element.setAttribute('aria-keyshortcuts', key);
+        else element.removeAttribute('aria-keyshortcuts');
+      }
+    },
+  };
 }
 
 function shown(key) {

@@ -3,6 +3,9 @@ import { connect } from './viewer.js';
 import { makeDevices } from './devices.js';
 import { decode } from './picture.js';
 import { makeButtons } from './input.js';
+import { makePicker } from './picker.js';
+import { record } from './recording.js';
+import { load, makeSwitch, save } from './settings.js';
 
 const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last image every 500 ms
 const UNCHANGED_AFTER = 3000; // ms; equal images for this time are worth a remark
@@ -29,6 +32,7 @@ function draw() {
   if (canvas.width !== decoded.width || canvas.height !== decoded.height || !picture) {
     canvas.width = decoded.width;
     canvas.height = decoded.height;
+    $('overlay').setAttribute('viewBox', `0 0 ${decoded.width} ${decoded.height}`);
     $('size').textContent = `${decoded.width} × ${decoded.height}`;
   }
   picture = decoded;
@@ -51,13 +55,23 @@ function showFrozen(frozen) {
 }
 
 let link = 'connecting';
-function showLink(state, text) {
+let mayPress = true; // some visitors may only look
+let buttons = null;
+let labels = [];
+function showLink(state, text, title = text) {
+  document.title = `${title} – Guilink`;
   if ($('link').textContent === text) return;
   link = state;
   $('link').dataset.state = state;
   $('link').textContent = text;
   $('device').hidden = state !== 'linked';
+  enableButtons();
   note(text);
+}
+
+function enableButtons() {
+  buttons?.enable(link === 'linked' && mayPress);
+  $('send').disabled = link !== 'linked';
 }
 
 const viewer = connect({
@@ -72,8 +86,10 @@ const viewer = connect({
     }
   },
   state(status) {
-    const { state, address, identity, firmware, wanted, skipped } = status;
-    if (state === 'linked') showLink(state, `Linked to ${address}`);
+    const { state, address, identity, firmware, wanted, skipped, may } = status;
+    mayPress = may !== 'view';
+    $('text').hidden = !mayPress;
+    if (state === 'linked') showLink(state, `Linked to ${address}${mayPress ? '' : ', view only'}`, `${identity}: linked`);
     else if (state === 'several') showLink(state, 'Several devices: choose one');
     else showLink(state, `Searching for ${wanted || 'a device'}`);
     showDevices(status);
@@ -81,12 +97,25 @@ const viewer = connect({
     $('firmware').textContent = firmware;
     $('skipped').textContent = skipped;
   },
+  event({ event, button, device, address, from }) {
+    const who = `by a ${from} at ${address}`;
+    if (event === 'press') note(`${labelOf(button)} pressed ${who}`);
+    if (event === 'text') note(`Text sent ${who}`);
+    if (event === 'device') note(`${device} chosen ${who}`);
+  },
   offline() {
     showLink('offline', 'The viewer is not running');
   },
 });
 
+const labelOf = (button) => labels.find((label) => label.button === button)?.label ?? `Button ${button}`;
 const showDevices = makeDevices($('devices'), (device) => viewer.choose(device));
+
+function duration(ms) {
+  if (ms < 1000) return `${ms.toFixed(0)} ms`;
+  const [size, unit] = [[3600, 'h'], [60, 'min'], [1, 's']].find(([seconds]) => ms >= 1000 * seconds);
+  return `${Math.floor(ms / 1000 / size)} ${unit}`;
+}
 
 let figuresTime = performance.now();
 setInterval(() => {
@@ -98,15 +127,17 @@ setInterval(() => {
   shown = received = 0;
 
   const age = lastImageTime === null ? null : now - lastImageTime;
-  const unchanged = lastChangeTime === null ? 0 : now - lastChangeTime;
-  $('unchanged').textContent = unchanged > UNCHANGED_AFTER ? `${(unchanged / 1000).toFixed(0)} s` : '–';
   const frozen = age === null || age > FROZEN_AFTER;
-  $('age').textContent = age === null ? '–' : age < 1000 ? `${age.toFixed(0)} ms` : `${(age / 1000).toFixed(0)} s`;
+  $('age').textContent = age === null ? '–' : duration(age);
   $('age').classList.toggle('old', frozen && age !== null);
   showFrozen(frozen);
   showDevices();
-  $('veil').textContent = link === 'several' ? 'Choose a device above'
+  const reason = link === 'several' ? 'Choose a device above'
     : age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
+  if ($('veil').textContent !== reason) $('veil').textContent = reason; // a screen reader says it each time
+  const unchanged = lastChangeTime === null ? 0 : now - lastChangeTime;
+  $('unchanged').hidden = frozen || unchanged < UNCHANGED_AFTER;
+  $('unchanged').textContent = `Unchanged for ${duration(unchanged)}`;
 }, FIGURES_EVERY);
 
 // Adds a line to the list of events. If the newest line has the same text, only increments the count of that line.
@@ -127,6 +158,12 @@ function note(text) {
   while ($('log').children.length > EVENTS_KEPT) $('log').lastChild.remove();
 }
 
+// Also makes a screen reader say it. The list of events would be too much to listen to.
+function say(text) {
+  note(text);
+  $('spoken').textContent = text;
+}
+
 // Sends only while a device is linked. Without a link, the viewer would queue the message and deliver it much later.
 const sent = (send) => link === 'linked' && send();
 
@@ -138,57 +175,89 @@ $('text').addEventListener('submit', (event) => {
     note(`Sent: ${text}`);
     $('line').value = '';
   } else {
-    note('The text was not sent: no device');
+    say('The text was not sent: no device');
   }
 });
 
-$('backdrop').addEventListener('change', (event) => { $('screen').dataset.backdrop = event.target.value; });
-$('sharp').addEventListener('change', (event) => $('screen').classList.toggle('sharp', event.target.checked));
+function showBackdrop(backdrop) {
+  $('screen').dataset.backdrop = backdrop;
+  for (const button of $('backdrops').children) button.setAttribute('aria-pressed', button.dataset.backdrop === backdrop);
+}
+showBackdrop(load('backdrop', 'checker'));
+$('backdrops').addEventListener('click', ({ target }) => {
+  if (!target.dataset.backdrop) return;
+  showBackdrop(target.dataset.backdrop);
+  save('backdrop', target.dataset.backdrop);
+});
+makeSwitch($('sharp'), false, (on) => $('screen').classList.toggle('sharp', on));
+
+$('fullscreen').hidden = !document.fullscreenEnabled; // as in browsers on small phones
 $('fullscreen').addEventListener('click', () => {
-  $('screen').requestFullscreen().catch(({ message }) => note(message));
+  $('screen').requestFullscreen().catch(({ message }) => say(message));
 });
 
-function save(blob, extension) {
+makePicker($('overlay'), $('place'), (pixel) => { $('pixel').textContent = pixel; });
+$('copy').addEventListener('click', ({ currentTarget }) => {
+  if ($('place').value === '') return say('Drag a box on the picture first');
+  $('place').select();
+  document.execCommand('copy'); // navigator.clipboard is missing where the page comes by plain HTTP from afar
+  currentTarget.focus();
+  say(`Copied ${$('place').value}`);
+});
+
+function download(blob, extension) {
   const anchor = document.createElement('a');
   anchor.href = URL.createObjectURL(blob);
   anchor.download = `guilink-${new Date().toISOString().slice(0, 19).replaceAll(':', '-')}.${extension}`;
   anchor.click();
   setTimeout(() => URL.revokeObjectURL(anchor.href), 10_000);
-  note(`Saved ${anchor.download}`);
+  say(`Saved ${anchor.download}`);
 }
 
 $('screenshot').addEventListener('click', () => {
-  if (!picture) return note('No picture yet');
-  canvas.toBlob((blob) => save(blob, 'png'));
+  if (!picture) return say('No picture yet');
+  canvas.toBlob((blob) => download(blob, 'png'));
 });
 
 let recorder = null;
+const askFirst = (event) => event.preventDefault(); // before the page is left
+function showRecording(on) {
+  $('record').setAttribute('aria-pressed', on);
+  $('record').textContent = on ? 'Stop recording' : 'Record';
+  (on ? addEventListener : removeEventListener)('beforeunload', askFirst);
+}
 $('record').addEventListener('click', () => {
   if (recorder) return recorder.stop();
-  const parts = [];
   try {
-    recorder = new MediaRecorder(canvas.captureStream(), { mimeType: 'video/webm' });
+    recorder = record(canvas, (video) => {
+      recorder = null;
+      showRecording(false);
+      download(video, 'webm');
+    });
   } catch ({ message }) {
-    return note(`This browser cannot record: ${message}`);
+    return say(`This browser cannot record: ${message}`);
   }
-  recorder.ondataavailable = ({ data }) => parts.push(data);
-  recorder.onstop = () => {
-    recorder = null;
-    $('record').setAttribute('aria-pressed', 'false');
-    $('record').textContent = 'Record';
-    save(new Blob(parts, { type: 'video/webm' }), 'webm');
-  };
-  recorder.start(1000);
-  $('record').setAttribute('aria-pressed', 'true');
-  $('record').textContent = 'Stop recording';
-  note('Recording');
+  showRecording(true);
+  say('Recording');
 });
 
+function press({ button, label }) {
+  if (sent(() => viewer.press(button))) note(`${label} pressed`);
+  else say(`${label} was not sent: no device`);
+}
+
+function confirm(entry) {
+  $('question').textContent = `Press ${entry.label}?`;
+  $('confirm').returnValue = '';
+  $('confirm').onclose = ({ target }) => { if (target.returnValue) press(entry); };
+  $('confirm').showModal();
+}
+
 try {
-  const labels = await (await fetch('labels.json')).json();
-  makeButtons($('pad'), labels, (button, label) => {
-    note(sent(() => viewer.press(button)) ? `${label} pressed` : `${label} was not sent: no device`);
-  });
+  labels = await (await fetch('labels.json')).json();
+  buttons = makeButtons($('pad'), labels, press, confirm);
+  enableButtons();
+  makeSwitch($('shortcuts'), true, buttons.setShortcuts);
 } catch {
-  note('Cannot load the buttons; reload the page');
+  say('Cannot load the buttons; reload the page');
 }

@@ -1,15 +1,17 @@
 // The WebSocket between viewer and page.
 //
 // Viewer to page: a binary message is the payload of an ImageMessage as the device sent it; a text
-// message is JSON, {"state", "address", "identity", "firmware", "wanted", "devices", "skipped"}.
+// message is JSON, {"state", "address", "identity", "firmware", "wanted", "may", "devices", "skipped"} or, after
+// another page or program has pressed a button, sent a text or chosen a device, {"event", "address", "from", ...}.
 // Page to viewer: JSON, {"press": BUTTON}, {"text": TEXT} or {"device": ID}.
 
 const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled each time
 
 // Connects, and reconnects whenever the connection is lost. handlers: image(ArrayBuffer),
-// state(object), offline().
+// state(object), event(object), offline().
 export function connect(handlers) {
-  const url = `ws://${location.host}/link`;
+  const url = new URL('link', location.href);
+  url.protocol = url.protocol.replace('http', 'ws');
   let socket = null;
   let wait = BACK_OFF.first;
 
@@ -18,8 +20,10 @@ export function connect(handlers) {
     socket.binaryType = 'arraybuffer';
     socket.onmessage = ({ data }) => {
       wait = BACK_OFF.first;
-      if (data instanceof ArrayBuffer) handlers.image(data);
-      else handlers.state(JSON.parse(data));
+      if (data instanceof ArrayBuffer) return handlers.image(data);
+      const message = JSON.parse(data);
+      if (message.event) handlers.event(message);
+      else handlers.state(message);
     };
     socket.onclose = () => {
       handlers.offline();
