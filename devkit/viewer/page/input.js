@@ -40,6 +40,7 @@ export function makeButtons(pad, labels, press, confirm) {
     if (entry.key) {
       const key = document.createElement('kbd');
       key.textContent = shown(entry.key);
+      key.ariaHidden = true; // aria-keyshortcuts tells it
       element.append(key);
     }
     entry.element = element;

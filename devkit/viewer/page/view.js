@@ -49,6 +49,13 @@ function equal(one, other) {
   return words.every((word, i) => word === others[i]);
 }
 
+// Asks for how long the pictures had been equal before this page came.
+async function askForLastChange() {
+  const first = lastChangeTime;
+  const { unchanged } = await (await fetch('state')).json();
+  if (lastChangeTime === first) lastChangeTime -= unchanged * 1000;
+}
+
 function showFrozen(frozen) {
   $('screen').classList.toggle('frozen', frozen);
   $('veil').hidden = !frozen;
@@ -77,6 +84,7 @@ function enableButtons() {
 const viewer = connect({
   image(image) {
     if (!equal(newest, image)) lastChangeTime = performance.now();
+    if (!newest) askForLastChange();
     newest = image;
     received += image.byteLength;
     lastImageTime = performance.now();
@@ -105,6 +113,9 @@ const viewer = connect({
   },
   offline() {
     showLink('offline', 'The viewer is not running');
+  },
+  refused() {
+    showLink('offline', 'The viewer asks for its token: reload this page');
   },
 });
 

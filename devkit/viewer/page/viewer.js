@@ -6,9 +6,10 @@
 // Page to viewer: JSON, {"press": BUTTON}, {"text": TEXT} or {"device": ID}.
 
 const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled each time
+const ANSWER = 1000; // ms; a viewer that does not answer for this time is not running
 
 // Connects, and reconnects whenever the connection is lost. handlers: image(ArrayBuffer),
-// state(object), event(object), offline().
+// state(object), event(object), offline(), refused(). After refused(), does not try again.
 export function connect(handlers) {
   const url = new URL('link', location.href);
   url.protocol = url.protocol.replace('http', 'ws');
@@ -25,7 +26,9 @@ export function connect(handlers) {
       if (message.event) handlers.event(message);
       else handlers.state(message);
     };
-    socket.onclose = () => {
+    socket.onclose = async () => {
+      const answer = await fetch('labels.json', { signal: AbortSignal.timeout(ANSWER) }).catch(() => null);
+      if (answer?.status === 401) return handlers.refused();
       handlers.offline();
       setTimeout(open, wait * (0.5 + Math.random())); // jitter: pages must not reconnect all at once
       wait = Math.min(2 * wait, BACK_OFF.most);
