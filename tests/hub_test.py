@@ -1,26 +1,21 @@
 """Tests the viewer as a hub. The network has two devices; people and programs share one of them."""
-import asyncio
-import http.client
 import io
 import json
 import os
 import socket
 import subprocess
-import time
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
 import pytest
-import websockets
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
 from support.fake_device import LIMIT
 from support.service import end_service, start_service
+from support.visitor import PORT, URL, Page, ask, until
 
 import guilink
 
 BIN = Path(os.environ["GUILINK_BIN"])
-PORT = 8080
-URL = f"http://127.0.0.1:{PORT}"
 
 
 @pytest.fixture(scope="module")
@@ -51,21 +46,6 @@ def devices(far_host):
     end_service()
 
 
-def until(condition):
-    end = time.monotonic() + LIMIT
-    while not (result := condition()):
-        assert time.monotonic() < end, "it has not come in time"
-        time.sleep(0.05)
-    return result
-
-
-def ask(method, path, body=None, host="127.0.0.1", **headers):
-    connection = http.client.HTTPConnection(host, PORT, timeout=LIMIT)
-    connection.request(method, path, body, {name.replace("_", "-"): value for name, value in headers.items()})
-    answer = connection.getresponse()
-    return answer.status, answer.read(), answer.headers
-
-
 def state(host="127.0.0.1"):
     try:
         return json.loads(ask("GET", "/state", host=host)[1])
@@ -75,39 +55,6 @@ def state(host="127.0.0.1"):
 
 def linked_to(identity, host="127.0.0.1"):
     return until(lambda: (now := state(host)).get("identity") == identity and now["pictures_per_second"] > 0 and now)
-
-
-HEADERS = "additional_headers" if int(websockets.__version__.split(".")[0]) >= 14 else "extra_headers"
-
-
-class Page:
-    """The WebSocket of a page."""
-    def __init__(self, url=f"ws://127.0.0.1:{PORT}/link", origin=URL, headers=()):
-        self._loop = asyncio.new_event_loop()
-        self._socket = self._do(self._connect(url, origin=origin, **{HEADERS: dict(headers)}))
-        self.first = json.loads(self._do(self._socket.recv()))
-
-    async def _connect(self, url, **options):
-        return await websockets.connect(url, **options)
-
-    def _do(self, work):
-        return self._loop.run_until_complete(asyncio.wait_for(work, LIMIT))
-
-    def send(self, **message):
-        self._do(self._socket.send(json.dumps(message)))
-
-    def said(self):
-        """Returns the next message that is neither a picture nor the link's state."""
-        while isinstance(message := self._do(self._socket.recv()), bytes) or "state" in json.loads(message):
-            pass
-        return json.loads(message)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self._do(self._socket.close())
-        self._loop.close()
 
 
 @contextmanager
@@ -151,15 +98,15 @@ def test_without_a_choice_it_asks(viewer):
 
 
 def test_each_companion_keeps_its_device(viewer, far_host):
-    with running(*far_host, BIN / "guilink-viewer", "--device", "22222", "--listen", "10.77.0.2:8080"):
+    with running(*far_host, BIN / "guilink-viewer", "--device", "22222", "--listen", "10.77.0.2:8080",
+                 "--no-token"):
         links = [linked_to("11111"), linked_to("22222", "10.77.0.2")]
         pictures = [link["pictures"] for link in links]
         until(lambda: all(state(host)["pictures"] > before + 5
                           for host, before in zip(("127.0.0.1", "10.77.0.2"), pictures)))
         assert [state()["identity"], state("10.77.0.2")["identity"]] == ["11111", "22222"]
-        # The viewer on 10.77.0.2 accepts only programs on its own host.
-        with pytest.raises(guilink.LinkError, match="refuses this program"):
-            guilink.connect(viewer="http://10.77.0.2:8080", link_timeout=0.5)
+        with guilink.connect(viewer="http://10.77.0.2:8080") as device:
+            assert device.identity == "22222"
 
 
 def test_other_sites_see_and_press_nothing(viewer):
@@ -177,7 +124,7 @@ def test_other_sites_see_and_press_nothing(viewer):
     for method, path, body, status in (
             ("GET", "/press/1", None, 405), ("PUT", "/state", b"", 405), ("POST", "/press/16", b"", 404),
             ("POST", "/press/-1", b"", 404), ("POST", "/text", b"", 400), ("POST", "/text", b"x" * 4097, 413),
-            ("GET", "/snapshot.png?before=1", None, 400), ("GET", "/no", None, 404), ("GET", "/link", None, 403)):
+            ("GET", "/snapshot.png?before=1", None, 400), ("GET", "/no", None, 404), ("GET", "/link", None, 426)):
         answer = ask(method, path, body)
         assert (answer[0], answer[1][-1:]) == (status, b"\n"), (method, path)
     assert ask("GET", "/snapshot.png")[1] == before

@@ -6,7 +6,7 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 
-#include "devkit/viewer/access_policy.h"
+#include "devkit/viewer/connections.h"
 #include "devkit/viewer/page_session.h"
 #include "devkit/viewer/requests.h"
 #include "devkit/viewer/session.h"
@@ -22,10 +22,12 @@ using boost::system::error_code;
 
 namespace {
 
+using Request = http::request<http::string_body>;
+
 constexpr size_t MAX_REQUEST_HEADER = 8192;  // bytes
 constexpr const char* SECURITY_POLICY =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
-    "connect-src 'self'; base-uri 'none'; form-action 'none'; "
+    "connect-src 'self'; base-uri 'none'; form-action 'self'; "
     "frame-ancestors 'none'";
 
 std::string_view view(beast::string_view text) {
@@ -36,69 +38,113 @@ beast::string_view view(std::string_view text) {
     return {text.data(), text.size()};
 }
 
-// Returns the address of the other end, as an IPv4 address if it is one.
-asio::ip::address address_of(const tcp::socket& socket) {
-    error_code error;
-    const auto address = socket.remote_endpoint(error).address();
-    if (address.is_v6() && address.to_v6().is_v4_mapped())
-        return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6());
-    return address;
+HttpRequest plain(const Request& request) {
+    std::string_view forwarded_for;  // the last one, because a client may send others
+    for (auto [field, end] = request.equal_range("X-Forwarded-For"); field != end; ++field)
+        forwarded_for = view(field->value());
+    return {.method = view(request.method_string()),
+            .target = view(request.target()),
+            .body = request.body(),
+            .host = view(request[http::field::host]),
+            .origin = view(request[http::field::origin]),
+            .fetch_site = view(request["Sec-Fetch-Site"]),
+            .authorization = view(request[http::field::authorization]),
+            .cookie = view(request[http::field::cookie]),
+            .forwarded_for = forwarded_for,
+            .forwarded_proto = view(request["X-Forwarded-Proto"])};
 }
 
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
   public:
-    HttpSession(Hub& hub, tcp::socket socket)
-        : m_hub(hub),
-          m_counted(hub.visitors),
-          m_address(address_of(socket)),
-          m_stream(std::move(socket)) {}
+    HttpSession(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place)
+        : m_hub(hub), m_place(std::move(place)), m_stream(std::move(socket)) {}
 
     void read() {
         m_parser.emplace();
         m_parser->header_limit(MAX_REQUEST_HEADER);
         m_parser->body_limit(Companion::max_text);
+        rest();
         m_stream.expires_after(PATIENCE);
         http::async_read(m_stream, m_received, *m_parser,
                          [self = shared_from_this()](error_code error, size_t) {
-                             if (error == http::error::body_limit)
-                                 self->respond({413, "text/plain", "The body is too long.\n"});
-                             else if (!error)
-                                 self->serve();
+                             if (error) return self->refuse(error);
+                             self->receive();
                          });
     }
 
   private:
-    using Request = http::request<http::string_body>;
+    void rest() {
+        m_place->rest([session = weak_from_this()] {
+            if (const auto self = session.lock()) self->m_stream.close();
+        });
+    }
+
+    // Answers a request that was not read completely. What follows it cannot be read either.
+    void refuse(error_code error) {
+        m_readable = false;
+        if (error == http::error::body_limit)
+            respond({.status = 413, .body = "The body is too long.\n"});
+        else if (error == http::error::header_limit)
+            respond({.status = 431, .body = "The headers are too long.\n"});
+        else if (error != http::error::end_of_stream && error != http::error::partial_message &&
+                 error.category() == make_error_code(http::error::end_of_stream).category())
+            respond({.status = 400, .body = "This is no valid HTTP request.\n"});
+    }
+
+    void receive() {
+        if (m_parser->get().count(http::field::host) != 1) {
+            m_readable = false;
+            return respond({.status = 400, .body = "A request needs one Host header.\n"});
+        }
+        const HttpRequest request = plain(m_parser->get());
+        const auto address = address_of(m_stream.socket());
+        m_client = {address.to_string(), request.is_from_program(), Access::none};
+        m_sender = sender_of(address);
+        if (const std::string client = m_hub.policy().forwarded_address(request);
+            address.is_loopback() && !client.empty()) {
+            m_client.address = client;
+            m_sender = sender_of(asio::ip::make_address(client));
+        }
+        if (m_hub.policy().token_in(request).empty()) return serve();
+        m_timer.expires_after(m_hub.guesses.wait(m_sender, Guesses::Clock::now()));
+        m_timer.async_wait([self = shared_from_this()](error_code error) {
+            if (!error) self->serve();
+        });
+    }
 
     void serve() {
-        const Request& request = m_parser->get();
-        const HttpRequest plain = {
-            view(request.method_string()),    view(request.target()),
-            view(request[http::field::host]), view(request[http::field::origin]),
-            view(request["Sec-Fetch-Site"]),  request.body()};
-        if (beast::websocket::is_upgrade(request) && plain.target == "/link") {
-            const bool program =
-                plain.origin.empty() && host_allowed(plain.host) && m_address.is_loopback();
-            if (program || from_our_page(plain.host, plain.origin))
-                return start_page_session(m_hub, m_stream.release_socket(), request,
-                                          {m_address.to_string(), program, Access::press});
-        }
-        m_client = {m_address.to_string(), plain.origin.empty(), Access::press};
-        const Asked asked = read_request(plain, m_hub.labels());
-        if (const auto* const reply = std::get_if<Reply>(&asked))
+        const HttpRequest request = plain(m_parser->get());
+        const std::string_view token = m_hub.policy().token_in(request);
+        m_client.access = m_hub.policy().access_of(token);
+        if (m_client.access != Access::none)
+            m_place->work();
+        else if (!token.empty())
+            m_hub.guesses.add(m_sender, std::string(token), Guesses::Clock::now());
+        const Asked asked = read_request(request, m_hub.policy(), m_client.access, m_hub.labels());
+        if (const auto* const reply = std::get_if<Reply>(&asked)) {
+            if (!reply->refused.empty()) m_hub.log.refused(m_client.address, reply->refused);
             respond(*reply);
-        else if (const auto* const snapshot = std::get_if<Snapshot>(&asked))
+        } else if (const auto* const snapshot = std::get_if<Snapshot>(&asked)) {
             await_picture(*snapshot);
-        else if (const auto* const order = std::get_if<Order>(&asked))
+        } else if (const auto* const order = std::get_if<Order>(&asked)) {
             await_confirmation(*order);
-        else if (const auto* const choice = std::get_if<Choice>(&asked))
+        } else if (const auto* const choice = std::get_if<Choice>(&asked)) {
             choose(*choice);
-        else if (std::holds_alternative<State>(asked))
+        } else if (std::holds_alternative<State>(asked)) {
             respond({200, "application/json", state_json(m_hub.report(), m_client.access)});
-        else if (std::holds_alternative<Metrics>(asked))
+        } else if (std::holds_alternative<Metrics>(asked)) {
             respond({200, OPENMETRICS, metrics_text(m_hub.report())});
-        else
-            start_stream_session(m_hub, m_stream.release_socket());
+        } else if (std::holds_alternative<Stream>(asked)) {
+            start_stream_session(m_hub, m_stream.release_socket(), std::move(m_place),
+                                 m_parser->get().method() == http::verb::head);
+        } else if (beast::websocket::is_upgrade(m_parser->get())) {
+            start_page_session(m_hub, m_stream.release_socket(), std::move(m_place),
+                               m_parser->get(), m_client);
+        } else {
+            respond({.status = 426,
+                     .body = "This is a WebSocket, for the page and for programs.\n",
+                     .headers = {{"Upgrade", "websocket"}}});
+        }
     }
 
     void respond(const Reply& reply) {
@@ -106,7 +152,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         m_timer.cancel();
         m_response = {};
         m_response.version(request.version());
-        m_response.keep_alive(request.keep_alive() && reply.status != 413);
+        m_response.keep_alive(m_readable && request.keep_alive());
         m_response.result(reply.status);
         m_response.set("Content-Security-Policy", SECURITY_POLICY);
         m_response.set("X-Content-Type-Options", "nosniff");
@@ -114,16 +160,35 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         m_response.set("Cross-Origin-Resource-Policy", "same-origin");
         m_response.set(http::field::cache_control, "no-store");
         if (reply.status != 204) m_response.set(http::field::content_type, view(reply.type));
-        if (!reply.allow.empty()) m_response.set(http::field::allow, view(reply.allow));
-        if (reply.picture) m_response.set("Guilink-Picture", std::to_string(*reply.picture));
+        for (const auto& [name, value] : reply.headers) m_response.set(view(name), value);
         m_response.body() = reply.body;
         m_response.prepare_payload();
         if (request.method() == http::verb::head) m_response.body().clear();
         m_stream.expires_after(PATIENCE);
         http::async_write(m_stream, m_response,
                           [self = shared_from_this()](error_code error, size_t) {
-                              if (!error && self->m_response.keep_alive()) self->read();
+                              if (error) return;
+                              if (self->m_response.keep_alive()) return self->read();
+                              self->close();
                           });
+    }
+
+    // Closes the connection, but not before the client has read the response: data that nobody has
+    // read when a socket is closed makes the kernel discard the response.
+    void close() {
+        error_code ignored;
+        m_stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        rest();
+        m_stream.expires_after(PATIENCE);
+        discard();
+    }
+
+    void discard() {
+        m_received.clear();
+        m_stream.async_read_some(m_received.prepare(MAX_REQUEST_HEADER),
+                                 [self = shared_from_this()](error_code error, size_t) {
+                                     if (!error) self->discard();
+                                 });
     }
 
     void await_picture(const Snapshot& snapshot) {
@@ -133,12 +198,14 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         const uint64_t turn = wait(503, "No newer picture has arrived in time.\n");
         m_hub.renditions().get(
             Rendition::png, snapshot.after.value_or(newest.number - 1), weak_from_this(),
-            [this, turn](const Renditions::Bytes& bytes, uint64_t number) {
+            [this, turn](const Renditions::Bytes& bytes, const ReceivedImage& image) {
                 if (turn != m_turn) return;
                 ++m_turn;
                 if (bytes == nullptr)
                     return respond({503, "text/plain", "The newest picture is damaged.\n"});
-                respond({.type = "image/png", .body = *bytes, .picture = number});
+                respond({.type = "image/png",
+                         .body = *bytes,
+                         .headers = {{"Guilink-Picture", std::to_string(image.number)}}});
             });
     }
 
@@ -151,7 +218,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
                 if (turn != m_turn) return;
                 ++m_turn;
                 if (why_not) return respond({409, "text/plain", *why_not + '\n'});
-                respond({.status = 204, .picture = picture});
+                respond({.status = 204, .headers = {{"Guilink-Picture", std::to_string(picture)}}});
             });
     }
 
@@ -178,13 +245,14 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     }
 
     Hub& m_hub;
-    const Counted m_counted;
-    const asio::ip::address m_address;  // unspecified if the connection has already ended
-    Client m_client;                    // who has sent the current request
+    std::unique_ptr<Connections::Place> m_place;
+    Client m_client;       // who has sent the current request
+    std::string m_sender;  // the client's address, as sender_of returns it
     beast::tcp_stream m_stream;
     beast::flat_buffer m_received;
     std::optional<http::request_parser<http::string_body>> m_parser;
     http::response<http::string_body> m_response;
+    bool m_readable = true;  // another request may follow
     asio::steady_timer m_timer{m_hub.loop()};
     uint64_t m_turn = 0;  // incremented with each answer to a request that waited for the device
 };
@@ -192,7 +260,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 }  // namespace
 
 void start_http_session(Hub& hub, tcp::socket socket) {
-    std::make_shared<HttpSession>(hub, std::move(socket))->read();
+    auto place = hub.connections.enter(sender_of(address_of(socket)));
+    if (place != nullptr)
+        return std::make_shared<HttpSession>(hub, std::move(socket), std::move(place))->read();
+    hub.log.refused(address_of(socket).to_string(), "too many connections");
 }
 
 }  // namespace guilink

@@ -16,9 +16,6 @@ namespace {
 
 constexpr auto ACCEPT_RETRY = std::chrono::milliseconds(100);  // wait when out of descriptors
 constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // time over which rates are measured
-constexpr size_t MAX_WATCHERS = 256;
-// HTTP sessions plus streams. The limit leaves file descriptors for the link to the device.
-constexpr size_t MAX_VISITORS = 256;
 
 tcp family(int listener) {
     sockaddr_storage address = {};
@@ -29,9 +26,10 @@ tcp family(int listener) {
 
 }  // namespace
 
-Hub::Hub(int listener, std::string labels, Send send, Choose choose)
+Hub::Hub(int listener, std::string labels, AccessPolicy policy, Send send, Choose choose)
     : m_acceptor(m_loop, family(listener), listener),
       m_labels(std::move(labels)),
+      m_policy(std::move(policy)),
       m_send(std::move(send)),
       m_choose(std::move(choose)) {
     accept();
@@ -40,7 +38,7 @@ Hub::Hub(int listener, std::string labels, Send send, Choose choose)
 void Hub::accept() {
     m_acceptor.async_accept([this](error_code error, tcp::socket socket) {
         if (!error) {
-            if (visitors + streams < MAX_VISITORS) start_http_session(*this, std::move(socket));
+            start_http_session(*this, std::move(socket));
             return accept();
         }
         m_retry.expires_after(ACCEPT_RETRY);
@@ -48,13 +46,8 @@ void Hub::accept() {
     });
 }
 
-bool Hub::add(const std::shared_ptr<Watcher>& watcher) {
-    if (m_watchers.size() >= MAX_WATCHERS) return false;
-    m_watchers.insert(watcher);
-    return true;
-}
-
 void Hub::set_status(const LinkStatus& status) {
+    log.status(status);
     m_status = status;
     m_newest.data = nullptr;
     m_samples.clear();
@@ -105,7 +98,7 @@ Report Hub::report() {
 }
 
 void Hub::send(const Order& order, const Client& by) {
-    if (m_send(order, 0)) announce(event_json(order, by), by);
+    if (m_send(order, 0)) announce(order, by);
 }
 
 void Hub::send_confirmed(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
@@ -113,7 +106,7 @@ void Hub::send_confirmed(const Order& order, const Client& by, const std::weak_p
     const uint64_t number = ++m_last_number;
     m_sent[number] = {owner, std::move(outcome)};
     if (!m_send(order, number)) return set_outcome(number, Delivery::refused, 0);
-    announce(event_json(order, by), by);
+    announce(order, by);
 }
 
 void Hub::set_outcome(uint64_t number, Delivery delivery, uint64_t picture) {
@@ -139,11 +132,14 @@ Hub::Found Hub::choose(const Choice& choice, const Client& by) {
     if (m_status.linked) note(m_status.identity, m_status.address);
     if (addresses.size() != 1) return addresses.empty() ? Found::none : Found::several;
     m_choose(choice.device);
-    announce(event_json(choice, by), by);
+    announce(choice, by);
     return Found::one;
 }
 
-void Hub::announce(const std::string& event, const Client& by) {
+template <typename What>
+void Hub::announce(const What& what, const Client& by) {
+    log.sent(what, by);
+    const std::string event = event_json(what, by);
     for (const auto& watcher : m_watchers) {
         if (!watcher->client.is_program && &watcher->client != &by) watcher->offer_event(event);
     }

@@ -18,7 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "devkit/viewer/access_policy.h"
 #include "devkit/viewer/client.h"
+#include "devkit/viewer/connections.h"
+#include "devkit/viewer/guesses.h"
+#include "devkit/viewer/log.h"
 #include "devkit/viewer/page_message.h"
 #include "devkit/viewer/received_image.h"
 #include "devkit/viewer/renditions.h"
@@ -51,10 +55,11 @@ class Hub {
     using Choose = std::function<void(const std::string& device)>;
 
     // Takes ownership of a listening socket. `labels` is JSON, as load_labels returns it.
-    Hub(int listener, std::string labels, Send send, Choose choose);
+    Hub(int listener, std::string labels, AccessPolicy policy, Send send, Choose choose);
 
     boost::asio::io_context& loop() { return m_loop; }
     const std::string& labels() const { return m_labels; }
+    const AccessPolicy& policy() const { return m_policy; }
     const ReceivedImage& newest() const { return m_newest; }
     Renditions& renditions() { return m_renditions; }
     std::string status(Access access, uint64_t skipped) const {
@@ -66,11 +71,10 @@ class Hub {
     void set_devices(const std::vector<SearchingDevice>& devices);
     void set_image(const ReceivedImage& image);
 
-    // Returns false if there are too many watchers.
-    bool add(const std::shared_ptr<Watcher>& watcher);
+    void add(const std::shared_ptr<Watcher>& watcher) { m_watchers.insert(watcher); }
     void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
 
-    // The functions below tell all pages but the sender's, which is `by`, what has been sent.
+    // The functions below log what has been sent, and tell all pages but the sender's, `by`.
 
     // Sends an order to the device. The caller does not learn the outcome.
     void send(const Order& order, const Client& by);
@@ -85,9 +89,11 @@ class Hub {
     Found choose(const Choice& choice, const Client& by);
     static const char* sentence(Found found);
 
-    // Counters. They are declared before the event loop, because the event loop's destructor may
-    // destroy sessions, which use the counters.
-    size_t visitors = 0;
+    Log log;
+    Guesses guesses;
+    // Declared before the event loop, because the event loop's destructor may destroy sessions,
+    // which use these members.
+    Connections connections;
     size_t streams = 0;
     uint64_t skipped_pictures = 0;  // not sent, because a WebSocket client was too slow
 
@@ -103,12 +109,14 @@ class Hub {
     };
 
     void accept();
-    void announce(const std::string& event, const Client& by);
+    template <typename What>
+    void announce(const What& what, const Client& by);
 
     boost::asio::io_context m_loop{1};
     boost::asio::ip::tcp::acceptor m_acceptor;
     boost::asio::steady_timer m_retry{m_loop};
     const std::string m_labels;
+    const AccessPolicy m_policy;
     const Send m_send;
     const Choose m_choose;
     std::set<std::shared_ptr<Watcher>> m_watchers;

@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "devkit/viewer/log.h"
 #include "guilink/companion.h"
 
 namespace guilink {
@@ -10,13 +11,6 @@ namespace {
 
 // How long to listen. A device broadcasts about once a second.
 constexpr auto TIME = std::chrono::seconds(3);
-
-std::string printable(std::string text) {
-    for (char& c : text) {
-        if (c < ' ' || c == 0x7F) c = '?';
-    }
-    return text;
-}
 
 }  // namespace
 

@@ -1,8 +1,21 @@
 #include "devkit/viewer/options.h"
 
 #include <CLI/CLI.hpp>
+#include <array>
 
 namespace guilink {
+
+namespace {
+
+// Returns what is wrong with a host name, or nothing.
+std::string is_no_host_name(const std::string& name) {
+    constexpr const char* ALLOWED =
+        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-._";
+    if (!name.empty() && name.find_first_not_of(ALLOWED) == std::string::npos) return {};
+    return "it must be a name or IPv4 address, without http:// and without a port";
+}
+
+}  // namespace
 
 std::optional<int> parse_options(int argc, const char* const* argv, Options& options) {
     CLI::App app(
@@ -21,6 +34,20 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
             ->expected(1, -1)
             ->excludes(labels);
 
+    const auto for_page = [&](auto* option) { return option->excludes(command)->group("Access"); };
+    auto* const token_file = for_page(app.add_option(
+        "--token-file", page.token_file,
+        "Read the tokens of visitors from this file: a line for pressing, one for looking"));
+    auto* const no_token = for_page(
+        app.add_flag("--no-token", page.no_token, "Let everybody press who can reach the address")
+            ->excludes(token_file));
+    auto* const hosts =
+        for_page(app.add_option("--allow-host", page.hosts,
+                                "Name of this host or of a proxy in front of it (repeatable)")
+                     ->check(CLI::Validator(is_no_host_name, "NAME"))
+                     ->allow_extra_args(false));
+    const std::array access = {token_file, no_token, hosts};
+
     auto* const device =
         app.add_option("--device", page.device,
                        "Link to the device with this identity or address (default: the only one)")
@@ -32,12 +59,14 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
             ->excludes(listen)
             ->excludes(labels)
             ->excludes(command);
-    app.add_flag("--list", options.list, "List the devices that search for a companion and exit")
-        ->excludes(listen)
-        ->excludes(labels)
-        ->excludes(command)
-        ->excludes(device)
-        ->excludes(file);
+    auto* const list = app.add_flag("--list", options.list,
+                                    "List the devices that search for a companion and exit")
+                           ->excludes(listen)
+                           ->excludes(labels)
+                           ->excludes(command)
+                           ->excludes(device)
+                           ->excludes(file);
+    for (auto* const option : access) option->excludes(file)->excludes(list);
     app.add_option("--press", snapshot.presses,
                    "Press this button first (a device knows 0 to 15; repeatable)")
         ->needs(file)

@@ -6,6 +6,7 @@
 #include <boost/beast/websocket.hpp>
 #include <nlohmann/json.hpp>
 
+#include "devkit/viewer/requests.h"
 #include "devkit/viewer/session.h"
 
 namespace guilink {
@@ -25,8 +26,8 @@ constexpr size_t MAX_EVENTS = 64;     // with more texts in the queue, drops eve
 // being written, keeps all new answers, but only the newest picture and status.
 class PageSession : public Hub::Watcher, public std::enable_shared_from_this<PageSession> {
   public:
-    PageSession(Hub& hub, tcp::socket socket, Client who)
-        : m_hub(hub), m_stream(std::move(socket)) {
+    PageSession(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place, Client who)
+        : m_hub(hub), m_place(std::move(place)), m_stream(std::move(socket)) {
         client = std::move(who);
     }
 
@@ -39,7 +40,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         m_stream.async_accept(request, [self = shared_from_this()](error_code error) {
             if (error) return;
             self->m_open = true;
-            if (!self->m_hub.add(self)) return self->close();
+            self->m_hub.add(self);
             self->m_last = self->m_hub.newest().number;
             self->offer_status(true);
             if (const ReceivedImage& newest = self->m_hub.newest(); newest.data != nullptr)
@@ -75,12 +76,19 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
                 parse_page_message({static_cast<const char*>(data.data()), data.size()});
             self->m_received.consume(data.size());
             if (!message || self->m_texts.size() >= MAX_ANSWERS) return self->close();
-            if (const auto* const order = std::get_if<Order>(&message->content))
+            if (self->client.access != Access::press)
+                self->refuse(message->id);
+            else if (const auto* const order = std::get_if<Order>(&message->content))
                 self->send(*order, message->id);
             else
                 self->choose(std::get<Choice>(message->content), message->id);
             self->read();
         });
+    }
+
+    void refuse(std::optional<uint64_t> id) {
+        m_hub.log.refused(client.address, "may only look");
+        if (id) answer(*id, ONLY_LOOK);
     }
 
     void send(const Order& order, std::optional<uint64_t> id) {
@@ -163,6 +171,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     Hub& m_hub;
+    const std::unique_ptr<Connections::Place> m_place;
     websocket::stream<beast::tcp_stream> m_stream;
     beast::flat_buffer m_received;
     bool m_open = false;
@@ -179,10 +188,11 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
 
 }  // namespace
 
-void start_page_session(Hub& hub, tcp::socket socket,
+void start_page_session(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place,
                         const beast::http::request<beast::http::string_body>& request,
                         Client client) {
-    std::make_shared<PageSession>(hub, std::move(socket), std::move(client))->run(request);
+    std::make_shared<PageSession>(hub, std::move(socket), std::move(place), std::move(client))
+        ->run(request);
 }
 
 }  // namespace guilink

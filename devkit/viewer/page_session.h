@@ -18,14 +18,17 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <memory>
 
 #include "devkit/viewer/client.h"
+#include "devkit/viewer/connections.h"
 
 namespace guilink {
 
 class Hub;
 
 void start_page_session(Hub& hub, boost::asio::ip::tcp::socket socket,
+                        std::unique_ptr<Connections::Place> place,
                         const boost::beast::http::request<boost::beast::http::string_body>& request,
                         Client client);
 

@@ -80,10 +80,10 @@ void Renditions::hand_out(Slot& slot) {
         if (waiter->after < slot.image.number) served.splice(served.end(), slot.waiters, waiter);
         waiter = next;
     }
-    const Bytes bytes = slot.bytes;  // a copy: `taken` may call get, which may replace slot.bytes
-    const uint64_t number = slot.image.number;
+    const Bytes bytes = slot.bytes;  // copies: `taken` may call get, which may replace these
+    const ReceivedImage image = slot.image;
     for (const Waiter& waiter : served) {
-        if (const auto owner = waiter.owner.lock()) waiter.taken(bytes, number);
+        if (const auto owner = waiter.owner.lock()) waiter.taken(bytes, image);
     }
 }
 

@@ -22,7 +22,7 @@ constexpr size_t RENDITIONS = 2;
 class Renditions {
   public:
     using Bytes = std::shared_ptr<const std::string>;
-    using Taken = std::function<void(const Bytes&, uint64_t number)>;
+    using Taken = std::function<void(const Bytes&, const ReceivedImage& image)>;
 
     explicit Renditions(boost::asio::io_context& loop);
     ~Renditions();

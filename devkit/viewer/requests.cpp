@@ -2,7 +2,6 @@
 
 #include <charconv>
 
-#include "devkit/viewer/access_policy.h"
 #include "devkit/viewer/assets.h"
 #include "guilink/companion.h"
 
@@ -43,22 +42,20 @@ Asked read_snapshot(std::string_view query) {
     return Reply{400, "text/plain", "The only option is after=NUMBER.\n"};
 }
 
-Asked read_get(std::string_view path, std::string_view query, bool head,
-               const std::string& labels) {
+Asked read_get(std::string_view path, std::string_view query, const std::string& labels) {
     if (path == "/labels.json") return Reply{200, "application/json", labels};
     if (path == "/state") return State{};
     if (path == "/metrics") return Metrics{};
-    if (path == "/link")
-        return Reply{403, "text/plain",
-                     "Only this server's own page, and programs on this computer, may connect.\n"};
-    if (path == "/snapshot.png" || path == "/stream.mjpg") {
-        if (head) return Reply{405, "text/plain", "", "GET"};
-        if (path == "/stream.mjpg") return Stream{};
-        return read_snapshot(query);
-    }
+    if (path == "/link") return Link{};
+    if (path == "/stream.mjpg") return Stream{};
+    if (path == "/snapshot.png") return read_snapshot(query);
     if (const Asset* const asset = find_asset(path))
         return Reply{200, asset->type, std::string(asset->content)};
     return Reply{404, "text/plain", "No such file.\n"};
+}
+
+Reply wrong_method(const char* why, const char* allowed) {
+    return {.status = 405, .body = why, .headers = {{"Allow", allowed}}};
 }
 
 Asked read_post(std::string_view path, std::string_view body) {
@@ -73,30 +70,64 @@ Asked read_post(std::string_view path, std::string_view body) {
     return Order{Text{std::string(body)}};
 }
 
+Reply wants_token(const HttpRequest& request, std::string_view path, bool wrong) {
+    Reply reply = {.status = 401,
+                   .body =
+                       "This needs the token that the viewer has printed: open its URL, or send "
+                       "the header Authorization: Bearer TOKEN.\n",
+                   .headers = {{"WWW-Authenticate", "Bearer"}},
+                   .refused = wrong ? "wrong token" : "no token"};
+    if (path != "/" || request.is_from_program()) return reply;
+    reply.type = "text/html";
+    reply.body = "<!doctype html><title>Guilink</title>";
+    // After a link on another site, the browser keeps the cookie back. It sends the cookie when
+    // this page loads itself again.
+    if (request.fetch_site == "cross-site" || request.fetch_site == "same-site")
+        reply.body += "<meta http-equiv=refresh content=0>";
+    reply.body +=
+        "<form>The viewer has printed a token: "
+        "<input name=token type=password autofocus> <button>Open</button></form>";
+    return reply;
+}
+
 }  // namespace
 
-Asked read_request(const HttpRequest& request, const std::string& labels) {
-    if (!host_allowed(request.host))
-        return Reply{403, "text/plain",
-                     "Call this server by its address in numbers or as localhost.\n"};
+Asked read_request(const HttpRequest& request, const AccessPolicy& policy, Access access,
+                   const std::string& labels) {
+    if (!policy.host_allowed(request.host))
+        return Reply{.status = 403,
+                     .body =
+                         "Call this server by its address in numbers, as localhost, or by a "
+                         "name that --allow-host permits.\n",
+                     .refused = "unknown Host"};
     const size_t mark = request.target.find('?');
     const std::string_view path = request.target.substr(0, mark);
     const std::string_view query =
         mark == std::string_view::npos ? "" : request.target.substr(mark + 1);
     // Other sites may link to the page's files, because these contain nothing from the device.
     if (find_asset(path) == nullptr &&
-        from_another_site(request.host, request.origin, request.fetch_site))
-        return Reply{403, "text/plain", "Only this server's own page and programs may do this.\n"};
+        policy.from_another_site(request.host, request.origin, request.fetch_site))
+        return Reply{.status = 403,
+                     .body = "Only this server's own page and programs may do this.\n",
+                     .refused = "another site's page"};
+    const std::string_view token = policy.token_in(request);
+    if (access == Access::none) return wants_token(request, path, !token.empty());
 
     const bool order =
         path == "/text" || path.starts_with("/press/") || path.starts_with("/device/");
-    const bool head = request.method == "HEAD";
     if (order) {
-        if (request.method == "POST") return read_post(path, request.body);
-        return Reply{405, "text/plain", "Only POST does this.\n", "POST"};
+        if (request.method != "POST") return wrong_method("Only POST does this.\n", "POST");
+        if (access == Access::press) return read_post(path, request.body);
+        return Reply{
+            .status = 403, .body = ONLY_LOOK + std::string("\n"), .refused = "may only look"};
     }
-    if (request.method == "GET" || head) return read_get(path, query, head, labels);
-    return Reply{405, "text/plain", "Only GET and HEAD are served.\n", "GET, HEAD"};
+    if (request.method != "GET" && request.method != "HEAD")
+        return wrong_method("Only GET and HEAD are served.\n", "GET, HEAD");
+    if (!token.empty() && token == token_in_url(request.target))
+        return Reply{
+            .status = 303,
+            .headers = {{"Location", "/"}, {"Set-Cookie", policy.cookie_with(access, request)}}};
+    return read_get(path, query, labels);
 }
 
 }  // namespace guilink

@@ -5,6 +5,7 @@
 #include <array>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/write.hpp>
+#include <cstdio>
 
 #include "devkit/viewer/session.h"
 
@@ -25,19 +26,33 @@ constexpr const char* HEAD =
     "Connection: close\r\n"
     "Cross-Origin-Resource-Policy: same-origin\r\n"
     "X-Content-Type-Options: nosniff\r\n"
-    "\r\n"
-    "--picture\r\n";
+    "\r\n";
+constexpr const char* BOUNDARY = "--picture\r\n";
 constexpr const char* END_OF_PART = "\r\n--picture\r\n";
+
+// Returns the time at which the viewer received the image, in seconds since 1970.
+std::string timestamp(const ReceivedImage& image) {
+    const auto time = image.time.time_since_epoch();
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+    char text[40];
+    std::snprintf(text, sizeof text, "%lld.%06lld", static_cast<long long>(micros / 1000000),
+                  static_cast<long long>(micros % 1000000));
+    return text;
+}
 
 class StreamSession : public std::enable_shared_from_this<StreamSession> {
   public:
-    StreamSession(Hub& hub, tcp::socket socket)
-        : m_hub(hub), m_counted(hub.streams), m_socket(std::move(socket)) {}
+    StreamSession(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place)
+        : m_hub(hub),
+          m_place(std::move(place)),
+          m_counted(hub.streams),
+          m_socket(std::move(socket)) {}
 
-    void run() {
+    void run(bool only_head) {
         keep_backlog_short(m_socket);
-        watch_for_the_end();
-        m_head = HEAD;
+        m_only_head = only_head;
+        if (!only_head) watch_for_the_end();
+        m_head = only_head ? HEAD : HEAD + std::string(BOUNDARY);
         write(nullptr);
     }
 
@@ -63,18 +78,19 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
         });
         asio::async_write(m_socket, buffers, [self = shared_from_this()](error_code error, size_t) {
             self->m_limit.cancel();
-            if (error) return self->close();
+            if (error || self->m_only_head) return self->close();
             self->next();
         });
     }
 
     void next() {
         m_hub.renditions().get(Rendition::jpeg, m_number, weak_from_this(),
-                               [this](const Renditions::Bytes& bytes, uint64_t number) {
-                                   m_number = number;
+                               [this](const Renditions::Bytes& bytes, const ReceivedImage& image) {
+                                   m_number = image.number;
                                    if (bytes == nullptr) return next();  // skip a damaged picture
                                    m_head = "Content-Type: image/jpeg\r\nContent-Length: " +
-                                            std::to_string(bytes->size()) + "\r\n\r\n";
+                                            std::to_string(bytes->size()) +
+                                            "\r\nX-Timestamp: " + timestamp(image) + "\r\n\r\n";
                                    write(bytes);
                                });
     }
@@ -85,6 +101,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     }
 
     Hub& m_hub;
+    const std::unique_ptr<Connections::Place> m_place;
     const Counted m_counted;
     tcp::socket m_socket;
     asio::steady_timer m_limit{m_hub.loop()};
@@ -92,12 +109,14 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     std::string m_head;           // being written, before m_picture
     Renditions::Bytes m_picture;  // being written
     uint64_t m_number = 0;        // number of the last picture written
+    bool m_only_head = false;
 };
 
 }  // namespace
 
-void start_stream_session(Hub& hub, tcp::socket socket) {
-    std::make_shared<StreamSession>(hub, std::move(socket))->run();
+void start_stream_session(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place,
+                          bool only_head) {
+    std::make_shared<StreamSession>(hub, std::move(socket), std::move(place))->run(only_head);
 }
 
 }  // namespace guilink

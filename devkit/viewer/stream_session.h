@@ -3,11 +3,16 @@
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
+#include <memory>
+
+#include "devkit/viewer/connections.h"
 
 namespace guilink {
 
 class Hub;
 
-void start_stream_session(Hub& hub, boost::asio::ip::tcp::socket socket);
+// With `only_head`, sends only the response's headers.
+void start_stream_session(Hub& hub, boost::asio::ip::tcp::socket socket,
+                          std::unique_ptr<Connections::Place> place, bool only_head);
 
 }  // namespace guilink

@@ -8,9 +8,9 @@
 
 namespace guilink {
 
-Viewer::Viewer(int listener, std::string labels, std::string device)
+Viewer::Viewer(int listener, std::string labels, AccessPolicy policy, std::string device)
     : m_hub(std::make_unique<Hub>(
-          listener, std::move(labels),
+          listener, std::move(labels), std::move(policy),
           [this](const Order& order, uint64_t number) { return send(order, number); },
           [this](const std::string& choice) { m_companion.choose(choice); })),
       m_companion({.status = [this](const auto& status) { on_status(status); },
@@ -31,7 +31,7 @@ void Viewer::on_image(const SharedImage& image) {
     ++m_last.number;
     m_last.bytes += image->size();
     const Lock lock(m_news_mutex);
-    m_news.image = {image, m_last.number, m_last.bytes};
+    m_news.image = {image, m_last.number, m_last.bytes, std::chrono::system_clock::now()};
     post();
 }
 

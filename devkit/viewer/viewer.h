@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/mutex.h"
+#include "devkit/viewer/access_policy.h"
 #include "devkit/viewer/page_message.h"
 #include "devkit/viewer/received_image.h"
 #include "guilink/companion.h"
@@ -27,7 +28,7 @@ class Viewer {
     // Takes ownership of a listening socket. `labels` is JSON, as load_labels returns it. `device`
     // is the identity or the address of the wanted device, or empty. Throws std::runtime_error if
     // the companion cannot listen on its ports.
-    Viewer(int listener, std::string labels, std::string device);
+    Viewer(int listener, std::string labels, AccessPolicy policy, std::string device);
     // Closes all connections without delay.
     ~Viewer();
     Viewer(const Viewer&) = delete;
