@@ -113,14 +113,33 @@ def test_waits_look_at_a_region_without_its_mask(link, device):
     device.wait_for(lambda part: (part.width, part.height) == (4, 2), region=(60, 46, 4, 2))
     clock[20, 9] = 0xFEFF
     link.pictures.add(encode(clock))
-    for region, words in (((5, 0, 30, 19), r"within 5 x 1 at \(5, 0\)"),
-                          ((5, 10, 30, 30), r"within 1 x 1 at \(9, 20\)")):
+    for region, words in (((5, 0, 30, 19), r"in \[\(5, 0, 5, 1\)\]\n.*outside.*also in \[\(9, 20, 1, 1\)\]"),
+                          ((5, 10, 30, 30), r"in \[\(9, 20, 1, 1\)\]\n.*outside.*also in \[\(0, 0, 10, 1\)\]")):
         with pytest.raises(guilink.WaitTimeoutError, match=words):
             device.wait_for(TARGET, region=region)
-    with pytest.raises(guilink.WaitTimeoutError, match=r"region \(0, 0, 65, 1\) is not within the screen of 64 x 48"):
-        device.wait_for(lambda part: part.width == 65, region=(0, 0, 65, 1))
-    with pytest.raises(guilink.WaitTimeoutError, match="the sizes differ: 64 x 48, not 48 x 64"):
-        device.wait_for(guilink.Screen(TARGET.pixels.T))
+
+
+def test_what_cannot_fit_the_screen_is_refused_at_once(link, device):
+    link.show(*[picture(3)] * 9)
+    device.screen()
+    for what, selection, words in (
+            (lambda _: True, {"region": (0, 0, 65, 1)}, r"region \(0, 0, 65, 1\) is not within the screen of 64 x 48"),
+            (TARGET, {"mask": np.zeros((48, 63), bool)}, r"the mask has \(63, 48\) pixels, the screen 64 x 48"),
+            (guilink.Screen(TARGET.pixels.T), {}, "the reference has 48 x 64 pixels, the screen 64 x 48")):
+        with pytest.raises(guilink.WaitTimeoutError, match=words + "\n  see "):
+            device.wait_for(what, **selection, timeout=threading.TIMEOUT_MAX)
+    assert link.pictures.script  # it has not waited for all pictures
+    for region in ((60, 0, 5, 5), (-1, 0, 5, 5), (0, 0, 5), (0, 0, 5, 0), 5):
+        with pytest.raises(ValueError, match="region"):
+            device.wait_for(TARGET, region=region)
+    for mask in ((0, 0, 5, 5), [(0, 0, -5, 5)]):
+        with pytest.raises(ValueError, match="no box of a mask"):
+            device.wait_for(TARGET, mask=mask)
+    # After a press, the screen may get the expected size.
+    link.show(*[picture(3)] * 9, picture(9, (50, 64)))
+    device.press("size")
+    link.pictures.script.pop(0)
+    device.wait_for(lambda part: True, region=(0, 0, 64, 50))
 
 
 def test_pictures_of_an_ended_link_do_not_count(link, device):
@@ -145,7 +164,7 @@ def test_failure_leaves_evidence_and_says_what_to_look_at(link, device):
         device.wait_for(TARGET, mask=[(0, 0, 1, 1)], tolerance=2, name="target.png")
     for words in ("did not become target.png within 5 s", "the whole screen, without [(0, 0, 1, 1)]",
                   "tolerance 2 of 15", "94 pixels differ", "nothing of it has changed since 'Zoom in'",
-                  "4 have arrived meanwhile", "linked to 11111", "artifacts/wait-1"):
+                  "4 have arrived meanwhile", "unchanged for ", "linked to 11111", "artifacts/wait-1"):
         assert words in str(failure.value)
     folder = failure.value.folder
     assert guilink.Screen.load(folder / "expected.png") == TARGET
@@ -168,7 +187,7 @@ def test_stable_means_unchanged_where_one_looks(link, device):
     assert device.wait_stable(still=0) == guilink.Screen(picture(3))
     link.show(*map(picture, range(5, 15)))
     device.wait_stable(region=(20, 0, 5, 5), still=0)
-    with pytest.raises(guilink.WaitTimeoutError, match=r"not still.*\n.*the one before\n.*94 pixels"):
+    with pytest.raises(guilink.WaitTimeoutError, match=r"not still.*\n.*\n.*meanwhile: \[\(5, 1, 10, 47\)\]"):
         device.wait_stable(still=0, tolerance=1)
 
 
@@ -194,7 +213,7 @@ def test_press_until_does_not_overrun_a_slow_device(link, device):
     with pytest.raises(guilink.WaitTimeoutError, match="'Right', pressed 5 times, did not lead to the reference"):
         device.press_until("right", guilink.Screen(picture(60)), at_most=5)
     link.on_press = lambda _: ([], [picture(len(link.pressed) - 1)] * 9)
-    with pytest.raises(guilink.WaitTimeoutError, match="pressed 1 times.*no new picture.*\n.*\n.*\n.*ignored"):
+    with pytest.raises(guilink.WaitTimeoutError, match="pressed 1 times.*no new picture.*\n.*\n.*\n.*nothing at all"):
         device.press_until("right", guilink.Screen(picture(60)))
 
 
@@ -242,7 +261,7 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
 
 
 # Each module may import only the modules that come before it in this list.
-LAYERS = """wire picture screen link discovery connection companion viewer film evidence recording expect
+LAYERS = """wire picture screen link discovery connection companion viewer recording evidence expect
             buttons device __init__ doctor pytest_plugin conform cli __main__""".split()
 
 

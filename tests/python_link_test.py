@@ -94,14 +94,25 @@ def test_difference_says_where_and_by_how_much():
     other = Screen(pixels)
     assert one != other and not one.diff(Screen(BLACK.copy()))
     difference = one.diff(other)
-    assert (difference.count, difference.box, difference.largest) == (2, (20, 10, 6, 3), 2)
-    assert str(difference) == ("2 pixels differ (0.07%), within 6 x 3 at (20, 10), by up to 2 of 15 steps in "
-                               "green, blue")
+    assert (difference.count, difference.boxes, difference.largest) == (2, [(20, 10, 6, 3)], 2)
+    assert str(difference) == ("2 pixels differ (0.07%), by up to 2 of 15 steps in green, blue, in [(20, 10, 6, 3)]")
     assert str(one.diff(other, tolerance=1)).startswith("1 pixel differs")
-    assert one.diff(other, tolerance=1).box == (20, 10, 1, 1) and not one.diff(other, tolerance=2)
+    assert one.diff(other, tolerance=1).boxes == [(20, 10, 1, 1)] and not one.diff(other, tolerance=2)
     assert not one.diff(other, mask=[(20, 10, 1, 1), (25, -5, 99, 99)])
     assert not one.diff(other, mask=one.pixels != other.pixels)
     assert "48 x 64" in str(one.diff(Screen(BLACK.T)))
+
+
+def test_each_patch_of_a_difference_has_a_box():
+    pixels = np.full((960, 1280), 0xF000, np.uint16)
+    one, patches = Screen(pixels), [(30, 10, 60, 20), (1000, 10, 40, 30), (94, 275, 500, 150), (700, 250, 90, 400)]
+    pixels = pixels.copy()
+    for x, y, width, height in patches:
+        pixels[y:y + height:5, x:x + width:5] = pixels[y + height - 1, x + width - 1] = 0xFFFF
+    other = Screen(pixels)
+    assert sorted(one.diff(other).boxes) == sorted(patches) and not one.diff(other, mask=one.diff(other).boxes)
+    pixels[::50, ::50] ^= 1
+    assert 0 < len(boxes := one.diff(Screen(pixels)).boxes) <= 12 and not one.diff(Screen(pixels), mask=boxes)
 
 
 def test_find_is_exact():

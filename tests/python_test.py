@@ -99,14 +99,19 @@ def test_command_line(tmp_path):
 
 
 @pytest.mark.parametrize("arguments, words", [
-    (["press", "dwn"], "no button 'dwn'"), (["wait", "absent.png"], "absent.png"),
-    (["wait", "--region", "1,2"], "invalid"), (["wait", "--tolerance", "16"], "invalid"),
-    (["record", "/no/y.mp4"], "no folder /no"), (["record", "y.txt"], "must end in .png or"),
-    (["record", "y.gif", "--seconds", "-1"], "invalid"), (["snapshot", "y.jpg"], "must end in .png"),
+    (["press", "dwn"], "no button 'dwn'"), (["wait", "absent.png"], "cannot read absent.png: No such file"),
+    (["wait", "--region", "1,2"], "is no box"), (["wait", "--mask", "1,2,0,4"], "is no box"),
+    (["wait", "--tolerance", "16"], "invalid"),
+    (["record", "/no/y.mp4"], "no folder /no"), (["record", "y.txt"], "must end in .png, .apng"),
+    (["record", "y.gif", "--seconds", "-1"], "no number"), (["snapshot", "y.jpg"], "must end in .png"),
+    (["press", "up", "--labels", "absent"], "labels in absent: No such file"),
+    (["press", "up", "--artifacts", "/dev/null/x"], "/dev/null is no folder"),
+    (["press", "up", "--viewer", "ftp://x/?token=secret"], "ftp://x is not the URL"),
+    (["press", "up", "--device", "10.77.0.256"], "neither the identity"),
 ], ids=lambda value: "-".join(value) if isinstance(value, list) else "")
 def test_wrong_arguments_are_refused_before_there_is_a_link(arguments, words):
-    said = run("guilink", *arguments, "--device", "nobody", status=2)
-    assert words in said and "no link" not in said
+    said = run("guilink", arguments[0], "--device", "22222", *arguments[1:], status=2)
+    assert words in said and "no link" not in said and said.count("\n") == 1
 
 
 def test_wait_outlives_a_restart_and_ends_by_interrupt(tmp_path):

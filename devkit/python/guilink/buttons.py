@@ -26,9 +26,11 @@ class Buttons:
         try:
             with open(path, encoding="utf-8") as file:
                 return cls({entry["label"]: int(entry["button"]) for entry in json.load(file)})
+        except OSError as error:
+            raise ValueError(f"cannot read the labels in {os.fspath(path)}: {error.strerror}") from None
         except (ValueError, KeyError, TypeError) as error:
             raise ValueError(f"cannot read the labels in {os.fspath(path)}: {error!r}; it must be a JSON "
-                             'array of {"button": NUMBER, "label": TEXT}') from error
+                             'array of {"button": NUMBER, "label": TEXT}') from None
 
     def number(self, button: str | int) -> int:
         """Returns the number of a button that is given by name or number. Raises ValueError if there is none."""

@@ -17,13 +17,13 @@ import threading
 import time
 from contextlib import contextmanager
 from types import FrameType
-from typing import Any, Callable, Iterator, Sequence
+from typing import Any, Callable, Iterator, NoReturn, Sequence
 
 import guilink
 from guilink import doctor
-from guilink.device import TIMEOUT
+from guilink.device import ARTIFACTS, TIMEOUT
 from guilink.expect import Expectation, View
-from guilink.film import can_save, check_writable
+from guilink.recording import can_save, check_writable
 
 Result = tuple[dict[str, Any], str]  # as JSON, and as text; "status" in the JSON is the exit status
 
@@ -32,6 +32,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     arguments = sys.argv[1:] if arguments is None else arguments
     signal.signal(signal.SIGTERM, interrupt)  # so that a recording is saved
     options = parser(arguments[0] if arguments else "").parse_args(arguments)
+    options.said = set[str]()
     try:
         result, text = options.run(options)
         status = 1 if result.get("devices") == [] else 0
@@ -45,7 +46,8 @@ def main(arguments: Sequence[str] | None = None) -> int:
     except guilink.GuilinkError as error:
         folder = getattr(error, "folder", None)
         result = {"error": str(error)} | ({"artifacts": str(folder)} if folder else {})
-        return report(options, result, f"guilink: {error}", 1)
+        text = f"gave up after {options.link_timeout:g} s" if str(error) in options.said else str(error)
+        return report(options, result, f"guilink: {text}", 1)
     except KeyboardInterrupt as error:
         number = error.args[0] if error.args else signal.SIGINT
         return report(options, {"error": "interrupted"}, "guilink: interrupted", 128 + number)
@@ -63,34 +65,39 @@ def report(options: argparse.Namespace, result: dict[str, Any], text: str, statu
     return status
 
 
-def parser(chosen: str = "") -> argparse.ArgumentParser:
+class Parser(argparse.ArgumentParser):
+    def error(self, message: str) -> NoReturn:
+        self.exit(2, f"{self.prog}: {message}; see {self.prog} --help\n")
+
+
+def parser(chosen: str = "") -> Parser:
     """Returns the parser. `chosen` is the command for which it must know all options."""
-    common = argparse.ArgumentParser(add_help=False)
+    common = Parser(add_help=False)
     common.add_argument("--json", action="store_true", help="print the result as JSON")
-    linked = argparse.ArgumentParser(add_help=False, parents=[common])
+    linked = Parser(add_help=False, parents=[common])
     linked.add_argument("--device", metavar="ID", help="identity or address of the device")
     linked.add_argument("--viewer", metavar="URL",
-                        help="share the link of a running viewer, such as http://127.0.0.1:8080")
+                        help="share the link of a running viewer, whose URL this is, as the viewer prints it")
     linked.add_argument("--link-timeout", metavar="S", type=seconds, default=guilink.LINK_TIMEOUT,
                         help="seconds to wait for the device (default %(default)g)")
     linked.add_argument("--timeout", metavar="S", type=seconds, default=TIMEOUT,
                         help="seconds to wait for a picture (default %(default)g)")
     linked.add_argument("--labels", metavar="FILE", help="names of the buttons, as for the viewer")
-    linked.add_argument("--artifacts", metavar="FOLDER", default="guilink-artifacts",
+    linked.add_argument("--artifacts", metavar="FOLDER", default=ARTIFACTS,
                         help="folder for the pictures of a failed wait (default %(default)s)")
-    viewed = argparse.ArgumentParser(add_help=False)
+    viewed = Parser(add_help=False)
     viewed.add_argument("--region", metavar="X,Y,W,H", type=box, help="compare only this part of the screen")
     viewed.add_argument("--mask", metavar="X,Y,W,H", type=box, action="append", default=[],
                         help="ignore this part of the screen; may be repeated")
     viewed.add_argument("--tolerance", metavar="N", type=int, default=0, choices=range(16),
                         help="difference of a channel that is ignored, 0 to 15")
 
-    whole = argparse.ArgumentParser(prog="guilink", description="Controls a device's GUI.")
+    whole = Parser(prog="guilink", description="Controls a device's GUI.")
     whole.add_argument("--version", action="version", version=f"guilink {guilink.__version__}")
     commands = whole.add_subparsers(required=True, metavar="COMMAND")
 
     def add(run: Callable[[argparse.Namespace], Result] | None, name: str, text: str,
-            *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
+            *parents: Parser) -> argparse.ArgumentParser:
         command = commands.add_parser(name, help=text, description=text, parents=list(parents))
         command.set_defaults(run=run)
         return command
@@ -116,14 +123,19 @@ def parser(chosen: str = "") -> argparse.ArgumentParser:
 
 
 def box(text: str) -> guilink.Box:
-    x, y, width, height = (int(part) for part in text.split(","))
-    return x, y, width, height
+    try:
+        return View([int(part) for part in text.split(",")]).region  # type: ignore
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is no box X,Y,WIDTH,HEIGHT, such as 30,10,200,50") from None
 
 
 def seconds(text: str) -> float:
-    if not 0 <= (value := float(text)) < threading.TIMEOUT_MAX:
-        raise ValueError
-    return value
+    try:
+        if 0 <= (value := float(text)) < threading.TIMEOUT_MAX:
+            return value
+    except ValueError:
+        pass
+    raise argparse.ArgumentTypeError(f"{text!r} is no number of seconds")
 
 
 def progress(text: str) -> None:
@@ -131,9 +143,13 @@ def progress(text: str) -> None:
 
 
 def connect(options: argparse.Namespace) -> guilink.Device:
+    def say(text: str) -> None:
+        options.said.add(text)
+        progress(text)
+
     return guilink.connect(options.device, viewer=options.viewer, link_timeout=options.link_timeout,
                            timeout=options.timeout, labels=options.labels, artifacts=options.artifacts,
-                           progress=progress)
+                           progress=say)
 
 
 @contextmanager
@@ -176,14 +192,14 @@ def press(options: argparse.Namespace) -> Result:
 
 
 def wait_for(options: argparse.Namespace) -> Result:
-    view = View(options.region, options.mask, options.tolerance)
-    reference = Expectation(options.reference, view).reference if options.reference else None
     selection = {"region": options.region, "mask": options.mask, "tolerance": options.tolerance}
+    if options.reference:
+        Expectation(options.reference, **selection)
     with connect(options) as device:
         started = time.monotonic()
         with slow(f"waiting for {options.reference or 'a still screen'}"):
-            if reference:
-                device.wait_for(reference, name=options.reference, **selection)
+            if options.reference:
+                device.wait_for(options.reference, **selection)
             else:
                 device.wait_stable(**selection)
         seconds = round(time.monotonic() - started, 3)
@@ -207,7 +223,7 @@ def record(options: argparse.Namespace) -> Result:
 def shell(options: argparse.Namespace) -> Result:
     with connect(options) as device:
         names = {"device": device, "guilink": guilink}
-        signal.signal(signal.SIGTERM, signal.SIG_DFL)  # because the shell survives a KeyboardInterrupt
+        signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))  # it survives a KeyboardInterrupt
         readline.set_completer(rlcompleter.Completer(names).complete)
         readline.parse_and_bind("tab: complete")
         banner = (f"device {device.identity} at {device.address}; try device.press('down'), "

@@ -4,26 +4,26 @@ from __future__ import annotations
 import os
 import time
 from collections import deque
-from contextlib import contextmanager
 from pathlib import Path
-from typing import Iterator, NoReturn
+from typing import Callable, Iterator, NoReturn
 
 from guilink.buttons import Buttons
 from guilink.evidence import new_folder, write_evidence
 from guilink.expect import Expectation, Reference, View
-from guilink.film import Press
 from guilink.link import GuilinkError, HeardDevice, Link, LinkError
 from guilink.picture import DamagedPictureError
-from guilink.recording import Recording
+from guilink.recording import Press, Recording
 from guilink.screen import Box, Difference, Mask, Screen
 
 TIMEOUT = 10.0       # s; default limit of every wait
+ARTIFACTS = "guilink-artifacts"  # default folder for what failed waits save
 STILL = 0.5          # s; a screen is stable if it has not changed for this long
 STILL_PICTURES = 3   # number of consecutive equal pictures that a stable screen needs
 HOLD_INTERVAL = 0.12  # s between two presses of a held button; the viewer's page uses the same value
 # Number of old pictures, drawn before a press, that may arrive after it. The device holds up to three such pictures;
 # the fourth is a margin.
 UNDER_WAY = 4
+RESIZE = 2.0         # s; after a press, the screen may take this long to get a new size
 MAX_TEXT = 4096      # bytes; longest text that `text` sends; the viewer has the same limit
 MAX_PRESSES = 10000  # number of presses that are remembered
 
@@ -45,13 +45,15 @@ class Device:
     """
 
     def __init__(self, link: Link, buttons: Buttons | None = None, timeout: float = TIMEOUT,
-                 artifacts: str | os.PathLike[str] = "guilink-artifacts"):
+                 artifacts: str | os.PathLike[str] = ARTIFACTS):
         self.timeout = timeout          # s; limit of each call that passes no `timeout`
         self.artifacts = Path(artifacts)  # folder in which each failed wait creates its own folder
         self.test_name = "wait"         # the folders of failed waits get this name and a number: wait-1, wait-2
         self.presses: deque[Press] = deque(maxlen=MAX_PRESSES)
         self.buttons = buttons or Buttons()
         self._link = link
+        self.video = False              # whether failed waits save a video instead of an animation; needs ffmpeg
+        self._pressed_at = -RESIZE      # time.monotonic() of the last press
         self._after = 0                 # number of the newest picture when the last press was confirmed
         self._decoded: tuple[bytes, Screen] | None = None
         self._shown_at_press: bytes | None = None
@@ -91,6 +93,11 @@ class Device:
         """Whether there is a link to the device."""
         return self._link.status().linked
 
+    @property
+    def unchanged(self) -> float:
+        """For how many seconds all pictures have been equal: the screen rests, or nothing draws it any more."""
+        return self._link.pictures.unchanged
+
     def devices(self) -> list[HeardDevice]:
         """Returns all devices whose broadcasts this script has received. The newest broadcast comes first."""
         return self._link.devices()
@@ -103,9 +110,8 @@ class Device:
         number = self.buttons.number(button)
         recent = self._link.pictures.recent()
         self._shown_at_press = recent[-1].payload if recent else None
-        press = Press(time.monotonic(), self.buttons.name(number))
-        with self._logged(press, f"press {press.name!r}"):
-            self._after = self._link.press(number, self._end(timeout))
+        name = self.buttons.name(number)
+        self._send(name, f"press {name!r}", lambda end: self._link.press(number, end), timeout)
 
     def hold(self, button: str | int, seconds: float, interval: float = HOLD_INTERVAL) -> int:
         """Presses a button repeatedly, as if it were held down. Returns the number of presses.
@@ -123,8 +129,7 @@ class Device:
         data = text.encode()
         if not 0 < len(data) <= MAX_TEXT:
             raise ValueError(f"the text has {len(data)} bytes; it must have 1 to {MAX_TEXT}")
-        with self._logged(Press(time.monotonic(), f"text {text!r}"), f"send the text {text!r}"):
-            self._after = self._link.send_text(data, self._end(timeout))
+        self._send(f"text {text!r}", f"send the text {text!r}", lambda end: self._link.send_text(data, end), timeout)
 
     # --- look --------------------------------------------------------------------------------------
 
@@ -144,24 +149,24 @@ class Device:
 
         Compares only `region`, without the parts that `mask` covers. A colour channel may differ by up to `tolerance`,
         0 to 15. If the screen was as expected before the last press, ignores the first UNDER_WAY pictures after that
-        press. Raises WaitTimeoutError at the time-out.
+        press. Raises WaitTimeoutError at the time-out, or earlier if the region or the reference does not fit the
+        screen's size.
         """
-        __tracebackhide__ = True  # pytest shows the script's line instead of this one
-        expectation = Expectation(what, View(region, mask, tolerance), name)
+        expectation = Expectation(what, region, mask, tolerance, name)
         start, last = time.monotonic(), None
         end = self._end(timeout)
         before = self._screen_at_press()
-        no_news = before is not None and expectation.met_by(expectation.view.of(before))
+        no_news = before is not None and expectation.met_by(before)
         met = False
-        for number, screen in self._screens(end):
-            met = expectation.met_by(last := expectation.view.of(screen))
+        for number, last in self._screens(expectation, end):
+            met = expectation.met_by(last)
             no_news &= met
             if met and (number > self._after + UNDER_WAY or not no_news):
-                return screen
-        if met and number > self._link.pictures.ended:  # the last screen before the time-out was as expected
-            return screen
+                return last
+        if met and last and number > self._link.pictures.ended:  # the last screen before the time-out was as expected
+            return last
         self._fail(f"the screen did not become {expectation.name} within {round(end - start, 1):g} s",
-                   start, expectation, last)
+                   start, expectation, last, expectation.difference(last) if last else None)
 
     def wait_stable(self, *, region: Box | None = None, mask: Mask = (), tolerance: int = 0,
                     still: float = STILL, pictures: int = STILL_PICTURES,
@@ -171,25 +176,24 @@ class Device:
 
         If you know what the screen will show, use wait_for. A busy device may react to a press only
         after `still` seconds."""
-        __tracebackhide__ = True
         view = View(region, mask, tolerance)
         start, end = time.monotonic(), self._end(timeout)
-        first: Screen | None = None    # the first screen after the most recent change
-        last: Screen | None = None     # the most recent screen
-        changed: Screen | None = None  # the screen before the most recent change
+        first: Screen | None = None  # the first screen after the most recent change
+        last: Screen | None = None   # the most recent screen
+        changes: Difference | None = None  # all pixels that have changed
         since, count = 0.0, 0
-        for _, screen in self._screens(end):
-            part, now = view.of(screen), time.monotonic()
-            if first is not None and (screen is last or not view.diff(part, first)):
+        for _, screen in self._screens(view, end):
+            change = view.diff(view.of(screen), view.of(first)) if first and screen is not last else None
+            if first and not change:
                 count += 1
-                if count >= pictures and now >= since + still:
+                if count >= pictures and time.monotonic() >= since + still:
                     return screen
             else:
-                changed, first, since, count = first, part, now, 1
+                changes = change.joined(changes) if change else changes
+                first, since, count = screen, time.monotonic(), 1
             last = screen
-        expectation = Expectation(changed, view, "the one before") if changed else None
         self._fail(f"the screen was not still for {still:g} s within {round(end - start, 1):g} s; mask what "
-                   "moves, or choose a region", start, expectation, first)
+                   "moves, or choose a region", start, view, last, changes)
 
     def press_until(self, button: str | int, what: Reference, *, at_most: int = 20,
                     region: Box | None = None, mask: Mask = (), tolerance: int = 0,
@@ -200,75 +204,87 @@ class Device:
         Presses again only after the region has changed and is stable again. If a part of the region moves by itself,
         mask this part. `timeout` limits the wait after each press.
         """
-        __tracebackhide__ = True
-        expectation = Expectation(what, View(region, mask, tolerance), name)
-        view, start = expectation.view, time.monotonic()
-        screen = self._news(view, self._end(timeout))
+        expectation = Expectation(what, region, mask, tolerance, name)
+        pressed, start = self.buttons.name(self.buttons.number(button)), time.monotonic()
+        screen = self._news(expectation, self._end(timeout))
         for count in range(at_most + 1):
-            if expectation.met_by(before := view.of(screen)):
+            if expectation.met_by(before := screen):
                 return screen
             if count == at_most:
                 break
             self.press(button)
             end = self._end(timeout)
             seen: list[Screen] = []  # the screens since the most recent change, which are all equal
-            for _, screen in self._screens(end):
-                part = view.of(screen)
-                if expectation.met_by(part):
+            for _, screen in self._screens(expectation, end):
+                if expectation.met_by(screen):
                     return screen
-                if seen and view.diff(part, seen[-1]):
+                part = expectation.of(screen)
+                if seen and expectation.diff(part, seen[-1]):
                     seen.clear()
                 seen.append(part)
-                if len(seen) >= STILL_PICTURES and view.diff(part, before):
+                if len(seen) >= STILL_PICTURES and expectation.diff(part, expectation.of(before)):
                     break
             else:
-                self._fail(f"{self._name(button)!r}, pressed {count + 1} times for {expectation.name}, has "
-                           "led to no new picture that is still", start, expectation,
-                           seen[-1] if seen else None)
-        self._fail(f"{self._name(button)!r}, pressed {at_most} times, did not lead to {expectation.name}",
-                   start, expectation, before)
+                self._fail(f"{pressed!r}, pressed {count + 1} times for {expectation.name}, has "
+                           "led to no new picture that is still", start, expectation, screen,
+                           expectation.difference(screen))
+        self._fail(f"{pressed!r}, pressed {at_most} times, did not lead to {expectation.name}",
+                   start, expectation, screen, expectation.difference(screen))
 
     def record(self, path: str | os.PathLike[str]) -> Recording:
         """Records pictures and presses, until the recording's `stop()` or end of `with`, or the device's `close()`."""
         self._recordings.append(Recording(self._link, path, self.presses, self._recordings.remove))
         return self._recordings[-1]
 
+    def save_evidence(self, message: str, *, expected: Screen | None = None, actual: Screen | None = None,
+                      difference: Difference | None = None) -> Path:
+        """Saves the pictures of the last seconds, the presses and these arguments in a new folder below `artifacts`.
+        Returns the folder."""
+        folder = new_folder(self.artifacts, self.test_name)
+        write_evidence(folder, message, expected, actual or self.last_screen(), difference,
+                       self._link.pictures.recent(), list(self.presses), self.video)
+        return folder
+
     # --- private -----------------------------------------------------------------------------------
 
     def _end(self, timeout: float | None) -> float:
         return time.monotonic() + (self.timeout if timeout is None else timeout)
 
-    def _name(self, button: str | int) -> str:
-        return self.buttons.name(self.buttons.number(button))
-
-    @contextmanager
-    def _logged(self, press: Press, attempt: str) -> Iterator[None]:
+    def _send(self, name: str, attempt: str, send: Callable[[float], int], timeout: float | None) -> None:
+        press = Press(time.monotonic(), name)
         self.presses.append(press)
+        self._pressed_at = press.time
         try:
-            yield
+            self._after = send(self._end(timeout))
         except LinkError as error:
-            raise LinkError(f"cannot {attempt}: {error}") from error
+            raise LinkError(f"cannot {attempt}: {error}") from None
         press.confirmed = True
 
-    def _screens(self, end: float) -> Iterator[tuple[int, Screen]]:
+    def _screens(self, view: View, end: float) -> Iterator[tuple[int, Screen]]:
         """Yields the screens that arrive on this link, after the confirmation of the last press, with their numbers,
         until `end`. If several screens arrive while the caller is busy, yields only the newest of them. Equal
-        consecutive pictures give the same Screen object."""
-        number = self._after
+        consecutive pictures give the same Screen object. Raises WaitTimeoutError if the view does not fit their size
+        and no press can be the reason."""
+        number, start, unfit = self._after, time.monotonic(), None
         while picture := self._link.pictures.newer(number, end):
             number = picture.number
             if screen := self._decode(picture.payload):
-                yield number, screen
+                unfit = screen if view.misfit(screen) else None
+                if not unfit:
+                    yield number, screen
+                elif number > self._after + UNDER_WAY and time.monotonic() > self._pressed_at + RESIZE:
+                    break
             if time.monotonic() >= end:
-                return
+                break
+        if unfit:
+            self._fail(view.misfit(unfit), start, view, unfit)
 
     def _news(self, view: View, end: float) -> Screen:
         """Returns the first screen that was certainly drawn after the last press. If there is none by `end`, returns
         the newest screen."""
         before, screen, number = self._screen_at_press(), None, 0
-        for number, screen in self._screens(end):
-            if (before is None or number > self._after + UNDER_WAY
-                    or view.diff(view.of(before), view.of(screen))):
+        for number, screen in self._screens(view, end):
+            if before is None or number > self._after + UNDER_WAY or view.differs(before, screen):
                 break
         if screen is None or number <= self._link.pictures.ended:
             raise LinkError(f"no picture in time: {self._pictures_since(0)}")
@@ -288,39 +304,37 @@ class Device:
         state = (f"linked to {link.identity} at {link.address}" if link.linked
                  else "there is no link at the moment")
         if not arrived:
-            return f"none has arrived meanwhile, {state}"
+            return f"none has arrived meanwhile; {state}"
         age = time.monotonic() - arrived[-1].time
-        frozen = len(arrived) > 1 and all(each.payload is arrived[0].payload for each in arrived)
-        return (f"{len(arrived)} have arrived meanwhile, {'all alike, ' if frozen else ''}the last {age:.1f} s ago; "
-                f"{state}")
+        return (f"{len(arrived)} have arrived meanwhile, the last {age:.1f} s ago, "
+                f"unchanged for {self.unchanged:.1f} s; {state}")
 
-    def _fail(self, headline: str, start: float, expectation: Expectation | None,
-              last: Screen | None) -> NoReturn:
+    def _fail(self, headline: str, start: float, view: View, screen: Screen | None,
+              difference: Difference | None = None) -> NoReturn:
         """Saves the pictures and the message in a new folder, and raises WaitTimeoutError."""
-        __tracebackhide__ = True
-        lines = [headline]
-        difference = None
-        if expectation:
-            lines.append(f"compared: {expectation.view} with {expectation.name}")
-            region = expectation.view.region
-            if last is not None and region and (last.width, last.height) != region[2:]:
-                lines.append(f"the region {region} is not within the screen of {last.width} x {last.height}")
-            elif last is not None and (difference := expectation.difference(last)):
-                lines.append(f"last picture: {difference}")
-            if last is not None and self.linked and self._press_changed_nothing(expectation.view, last):
-                press = self.presses[-1]
-                lines.append(f"nothing of it has changed since {press.name!r} was pressed, "
-                             f"{time.monotonic() - press.time:.1f} s ago: was the button ignored?")
-        lines.append(f"pictures: {self._pictures_since(start)}")
-        folder = new_folder(self.artifacts, self.test_name)
-        lines.append(f"see {folder}")
-        write_evidence(folder, "\n".join(lines), expectation.reference if expectation else None, last,
-                       difference, self._link.pictures.recent(), list(self.presses))
-        raise WaitTimeoutError("\n  ".join(lines), folder, difference)
+        lines, reference = [headline], view.reference if isinstance(view, Expectation) else None
+        if screen is None or not view.misfit(screen):
+            lines.append(f"compared: {view}")
+            if screen and difference:
+                lines += view.explain(screen, difference)
+            if screen and self.linked and self._press_changed_nothing(view, screen):
+                ago = time.monotonic() - self.presses[-1].time
+                what, why = (("nothing at all", "does the device's core still draw?") if self._frozen()
+                             else ("nothing of it", "was the button ignored?"))
+                lines.append(f"{what} has changed since {self.presses[-1].name!r} was pressed, {ago:.1f} s ago: {why}")
+            lines.append(f"pictures: {self._pictures_since(start)}")
+            screen = screen and view.of(screen)
+        folder = self.save_evidence("\n".join(lines), expected=reference, actual=screen, difference=difference)
+        raise WaitTimeoutError("\n  ".join([*lines, f"see {folder}"]), folder, difference)
 
-    def _press_changed_nothing(self, view: View, last: Screen) -> bool:
+    def _frozen(self) -> bool:
+        """Whether several pictures that were certainly drawn after the last press are all equal."""
+        drawn = [each.payload for each in self._link.pictures.recent() if each.number > self._after + UNDER_WAY]
+        return len(drawn) > 1 and all(payload is drawn[0] for payload in drawn)
+
+    def _press_changed_nothing(self, view: View, screen: Screen) -> bool:
         before = self._screen_at_press()
-        return before is not None and bool(self.presses) and not view.diff(view.of(before), last)
+        return before is not None and bool(self.presses) and not view.differs(before, screen)
 
     def _screen_at_press(self) -> Screen | None:
         return self._decode(self._shown_at_press) if self._shown_at_press else None

@@ -6,8 +6,8 @@ from datetime import datetime, timedelta
 from pathlib import Path
 from typing import Sequence
 
-from guilink.film import Film, Press, Shot
 from guilink.link import Picture
+from guilink.recording import Film, Press
 from guilink.screen import Difference, Screen
 
 
@@ -25,8 +25,9 @@ def new_folder(parent: Path, name: str) -> Path:
 
 def write_evidence(folder: Path, message: str, expected: Screen | None, actual: Screen | None,
                    difference: Difference | None, pictures: Sequence[Picture],
-                   presses: Sequence[Press]) -> None:
-    """Writes expected.png, actual.png, difference.png, last-seconds.png (animated), keys.txt, message.txt."""
+                   presses: Sequence[Press], video: bool) -> None:
+    """Writes expected.png, actual.png, difference.png, last-seconds.png (animated, or last-seconds.mp4), keys.txt,
+    message.txt."""
     now = time.monotonic()
     if expected:
         expected.save(folder / "expected.png")
@@ -35,8 +36,7 @@ def write_evidence(folder: Path, message: str, expected: Screen | None, actual: 
     if difference and difference.where is not None:
         difference.image().save(folder / "difference.png")
     if pictures:
-        shots = [Shot(picture.time, picture.payload) for picture in pictures]
-        Film(shots, presses, shots[0].time, now).save(folder / "last-seconds.png")
+        Film(pictures, presses, pictures[0].time, now).save(folder / f"last-seconds.{'mp4' if video else 'png'}")
     (folder / "keys.txt").write_text(_keys(presses, now), encoding="utf-8")
     (folder / "message.txt").write_text(message + "\n", encoding="utf-8")
 

@@ -14,6 +14,9 @@ HISTORY = 5.0              # s; pictures are kept for this long, because a faile
 HISTORY_BYTES = 64 << 20   # bytes; limit for all kept payloads together
 
 
+Progress = Callable[[str], None]  # receives a line about what is being done
+
+
 class GuilinkError(Exception):
     """Base class of the errors that this package defines."""
 
@@ -196,6 +199,7 @@ class Pictures:
     _bytes: int = 0
     _number: int = 0
     _ended: int = 0
+    _changed_at: float = 0.0
     _listeners: list[Listener] = field(default_factory=list)
 
     @property
@@ -208,6 +212,11 @@ class Pictures:
         """The number of the newest picture when a link last ended. Pictures up to this number may be out of date."""
         return self._ended
 
+    @property
+    def unchanged(self) -> float:
+        """For how many seconds all pictures have been equal; 0 if none has arrived."""
+        return time.monotonic() - self._changed_at if self._number else 0.0
+
     def link_ended(self) -> None:
         with self.condition:
             self._ended = self._number
@@ -219,6 +228,7 @@ class Pictures:
                 payload = self._recent[-1].payload
             else:
                 self._bytes += len(payload)
+                self._changed_at = time.monotonic()
             self._number += 1
             picture = Picture(self._number, time.monotonic(), payload)
             self._recent.append(picture)

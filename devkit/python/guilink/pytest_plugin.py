@@ -1,5 +1,5 @@
-"""A pytest plugin with the fixtures `device` and `assert_screen`. If a wait fails, the test report names the folder
-with its pictures.
+"""A pytest plugin with the fixtures `device`, `assert_screen` and `press_until`. If a wait fails, the test report names
+the folder with its pictures.
 
     def test_down(device, assert_screen):
         device.press("down")
@@ -7,14 +7,16 @@ with its pictures.
 """
 from __future__ import annotations
 
+import shutil
 import sys
 from pathlib import Path
-from typing import Iterator, Protocol
+from typing import Any, Generator, Iterator, Protocol
 
 import pytest
 from _pytest.terminal import TerminalReporter  # pytest has no public name for this class
 
 import guilink
+from guilink.device import ARTIFACTS
 from guilink.expect import Expectation, View
 
 REFERENCES = "screens"  # folder of the reference pictures, beside the test
@@ -30,40 +32,67 @@ class AssertScreen(Protocol):
         """Waits until the device shows the reference picture `name`, as Device.wait_for does."""
 
 
+class PressUntil(Protocol):
+    def __call__(self, button: str | int, name: str, *, at_most: int, region: guilink.Box | None = None,
+                 mask: guilink.Mask = (), tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
+        """Presses a button until the device shows the reference picture `name`, as Device.press_until does. Under
+        --guilink-update, presses `at_most` times, or until the device shows the present reference."""
+
+
 def pytest_addoption(parser: pytest.Parser) -> None:
     group = parser.getgroup("guilink", "a device's GUI")
     group.addoption("--guilink-device", metavar="ID", help="identity or address of the device")
     group.addoption("--guilink-viewer", metavar="URL",
-                    help="share the link of a running viewer, such as http://127.0.0.1:8080")
+                    help="share the link of a running viewer, whose URL this is, as the viewer prints it")
     group.addoption("--guilink-timeout", metavar="S", type=float, default=10.0,
                     help="seconds that a wait may take (default 10)")
     group.addoption("--guilink-labels", metavar="FILE", help="names of the buttons, as for the viewer")
     group.addoption("--guilink-update", action="store_true",
                     help="write the reference pictures instead of comparing with them")
-    group.addoption("--guilink-artifacts", metavar="FOLDER", default="guilink-artifacts",
-                    help="where failed tests leave their pictures (default guilink-artifacts)")
+    group.addoption("--guilink-artifacts", metavar="FOLDER", default=ARTIFACTS,
+                    help=f"where failed tests leave their pictures (default {ARTIFACTS})")
+    group.addoption("--guilink-video", action="store_true",
+                    help="save a video of the last seconds of each failed test, with ffmpeg")
 
 
 def pytest_configure(config: pytest.Config) -> None:
     config.stash[UPDATED] = list[Path]()
     config.stash[USED] = dict[Path, tuple[str, guilink.Screen]]()
+    for name in [name for name in sys.modules if name.startswith("guilink.")]:
+        # For these errors, pytest shows the line of the test, not the lines of this package.
+        setattr(sys.modules[name], "__tracebackhide__",
+                lambda error: isinstance(error.value, (guilink.GuilinkError, ValueError)))
+    try:
+        guilink.check_arguments(*map(config.getoption, ("--guilink-device", "--guilink-viewer", "--guilink-labels",
+                                                        "--guilink-artifacts", "--guilink-timeout")))
+        if config.getoption("--guilink-video") and not shutil.which("ffmpeg"):
+            raise ValueError("--guilink-video needs ffmpeg, which is not installed")
+    except ValueError as error:
+        raise pytest.UsageError(f"guilink: {error}") from None
 
 
 @pytest.fixture(scope="session")
 def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
     """The connected device, which all tests share. Override this fixture to connect in another way."""
-    option, said = pytestconfig.getoption, set[str]()
+    option, manager = pytestconfig.getoption, pytestconfig.pluginmanager
 
     def say(text: str) -> None:
-        if text not in said:
-            said.add(text)
-            reporter: TerminalReporter = pytestconfig.pluginmanager.getplugin("terminalreporter")
-            reporter.ensure_newline()
-            reporter.write_line(f"guilink: {text}")
+        if reporter := manager.getplugin("terminalreporter"):  # a worker of pytest-xdist has none
+            with manager.getplugin("capturemanager").global_and_fixture_disabled():
+                reporter.ensure_newline()
+                reporter.write_line(f"guilink: {text}")
 
-    with guilink.connect(option("--guilink-device"), viewer=option("--guilink-viewer"),
-                         timeout=option("--guilink-timeout"), labels=option("--guilink-labels"),
-                         artifacts=option("--guilink-artifacts"), progress=say) as device:
+    why = ""
+    try:
+        device = guilink.connect(option("--guilink-device"), viewer=option("--guilink-viewer"),
+                                 timeout=option("--guilink-timeout"), labels=option("--guilink-labels"),
+                                 artifacts=option("--guilink-artifacts"), progress=say)
+    except guilink.LinkError as error:
+        why = str(error)
+    if why:  # pytest remembers this failure, so the other tests do not wait
+        pytest.fail(f"guilink: {why}", pytrace=False)
+    with device:
+        device.video = option("--guilink-video")
         yield device
 
 
@@ -76,48 +105,100 @@ def device(guilink_device: guilink.Device, request: pytest.FixtureRequest) -> gu
     return guilink_device
 
 
+class References:
+    """The reference pictures beside a test. Under --guilink-update, writes them."""
+
+    def __init__(self, device: guilink.Device, request: pytest.FixtureRequest):
+        self.update: bool = request.config.getoption("--guilink-update")
+        self._device, self._request = device, request
+
+    def path(self, name: str) -> Path:
+        path = self._request.path.parent / REFERENCES / f"{name}.png"
+        if not self.update and not path.exists():
+            pytest.fail(f"there is no {path}: write it with --guilink-update, and look at it", pytrace=False)
+        return path
+
+    def still(self, view: View, timeout: float | None) -> guilink.Screen:
+        return self._device.wait_stable(region=view.region, mask=view.mask, tolerance=view.tolerance,
+                                        timeout=timeout, pictures=UPDATE_PICTURES)
+
+    def write(self, path: Path, view: View, screen: guilink.Screen) -> guilink.Screen:
+        part, caller = view.of(screen), sys._getframe(2)
+        place = f"{caller.f_code.co_filename}:{caller.f_lineno} in {self._request.node.name}"
+        first, seen = self._request.config.stash[USED].setdefault(path, (place, part))
+        if view.diff(part, seen):
+            pytest.fail(f"{path.name} has two meanings: {place} sees another picture than {first}; "
+                        "give one of them another name", pytrace=False)
+        if not shows(path, view, screen):
+            path.parent.mkdir(exist_ok=True)
+            part.save(path)
+            self._request.config.stash[UPDATED].append(path)
+        return screen
+
+
+def shows(path: Path, view: View, screen: guilink.Screen) -> bool:
+    try:
+        return Expectation(path, view.region, view.mask, view.tolerance).met_by(screen)
+    except ValueError:  # there is no such file, or the region is now larger than the picture in it
+        return False
+
+
 @pytest.fixture
 def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> AssertScreen:
     """Returns a function that compares the screen with a reference picture beside the test."""
-    folder = request.path.parent / REFERENCES
+    references = References(device, request)
 
     def check(name: str, *, region: guilink.Box | None = None, mask: guilink.Mask = (),
               tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
-        __tracebackhide__ = True
-        path = folder / f"{name}.png"
-        if request.config.getoption("--guilink-update"):
-            screen = device.wait_stable(region=region, mask=mask, tolerance=tolerance, timeout=timeout,
-                                        pictures=UPDATE_PICTURES)
+        path = references.path(name)
+        if references.update:
             view = View(region, mask, tolerance)
-            part = view.of(screen)
-            caller = sys._getframe(1)
-            place = f"{caller.f_code.co_filename}:{caller.f_lineno} in {request.node.name}"
-            first, seen = request.config.stash[USED].setdefault(path, (place, part))
-            if view.diff(part, seen):
-                pytest.fail(f"{path.name} has two meanings: {place} sees another picture than {first}; "
-                            "give one of them another name", pytrace=False)
-            if not path.exists() or not Expectation(path, view).met_by(part):
-                folder.mkdir(exist_ok=True)
-                part.save(path)
-                request.config.stash[UPDATED].append(path)
-            return screen
-        if not path.exists():
-            pytest.fail(f"there is no {path}: write it with --guilink-update, and look at it", pytrace=False)
+            return references.write(path, view, references.still(view, timeout))
         return device.wait_for(path, region=region, mask=mask, tolerance=tolerance, timeout=timeout,
                                name=path.name)
 
     return check
 
 
-@pytest.hookimpl(tryfirst=True)
-def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> None:
-    if call.excinfo and isinstance(error := call.excinfo.value, guilink.WaitTimeoutError):
-        item.user_properties.append((PROPERTY, str(error.folder)))
+@pytest.fixture
+def press_until(device: guilink.Device, request: pytest.FixtureRequest) -> PressUntil:
+    """Returns a function that presses a button until the screen shows a reference picture beside the test."""
+    references = References(device, request)
+
+    def check(button: str | int, name: str, *, at_most: int, region: guilink.Box | None = None,
+              mask: guilink.Mask = (), tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
+        path = references.path(name)
+        if references.update:
+            view = View(region, mask, tolerance)
+            screen = references.still(view, timeout)
+            for _ in range(at_most):
+                if shows(path, view, screen):
+                    break
+                device.press(button)
+                screen = references.still(view, timeout)
+            return references.write(path, view, screen)
+        return device.press_until(button, path, at_most=at_most, region=region, mask=mask, tolerance=tolerance,
+                                  timeout=timeout, name=path.name)
+
+    return check
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Generator[None, Any, None]:
+    error = call.excinfo.value if call.excinfo else None
+    outcome = yield
+    device: guilink.Device | None = getattr(item, "funcargs", {}).get("device")
+    folder = error.folder if isinstance(error, guilink.WaitTimeoutError) else None
+    if not folder and device and device.video and call.when == "call" and outcome.get_result().failed:
+        folder = device.save_evidence(str(error))
+        outcome.get_result().sections.append(("guilink", f"see {folder}"))
+    if folder:
+        item.user_properties.append((PROPERTY, str(folder)))
 
 
 def pytest_assertrepr_compare(op: str, left: object, right: object) -> list[str] | None:
     if op == "==" and isinstance(left, guilink.Screen) and isinstance(right, guilink.Screen):
-        return ["two screens are equal", str(left.diff(right))]
+        return [f"screen == screen: {left.diff(right)}"]
     return None
 
 

@@ -2,7 +2,7 @@
 from __future__ import annotations
 
 import os
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from functools import cache, cached_property
 from typing import Iterable, Union
 
@@ -16,6 +16,8 @@ Box = tuple[int, int, int, int]  # x, y, width, height; in pixels from the top l
 Mask = Union[Iterable[Box], NDArray[np.bool_]]  # boxes to ignore, or an array that is True for ignored pixels
 
 SHIFTS = {"alpha": 12, "red": 8, "green": 4, "blue": 0}  # bit position of each channel in a pixel; a channel has 4 bits
+PATCH_GAP = 16    # pixels; differences that are closer than this belong to one patch, such as the digits of a clock
+MAX_PATCHES = 12  # more patches are joined, so that a message stays readable
 STEP = 17  # factor that converts 4 bits to 8; 15 becomes 255
 
 
@@ -40,9 +42,14 @@ class Screen:
 
     @classmethod
     def load(cls, path: str | os.PathLike[str]) -> Screen:
-        """Reads a file that `save` wrote, or any picture whose colours fit into 4 bits per channel."""
-        with Image.open(path) as image:
-            rgba: NDArray[np.uint8] = np.asarray(image.convert("RGBA"))
+        """Reads a file that `save` wrote, or any picture whose colours fit into 4 bits per channel. Raises ValueError
+        if it cannot."""
+        try:
+            with Image.open(path) as image:
+                rgba: NDArray[np.uint8] = np.asarray(image.convert("RGBA"))
+        except (OSError, SyntaxError) as error:  # Pillow raises SyntaxError for a damaged PNG file
+            why = getattr(error, "strerror", None) or "it is no picture, or a damaged one"
+            raise ValueError(f"cannot read {os.fspath(path)}: {why}; `guilink snapshot` saves the screen") from None
         if (rgba % STEP).any():
             raise ValueError(f"cannot compare with {os.fspath(path)}: it has colours that no device can "
                              "show (4 bits a channel); take it with save, not with another program")
@@ -148,6 +155,23 @@ def steps(one: Screen, other: Screen) -> NDArray[np.uint16]:
     return largest
 
 
+def _patches(where: NDArray[np.bool_], x: int, y: int, gap: int) -> list[Box]:
+    """Returns the boxes that remain when `where`, whose top left is at (x, y), is cut along all empty stripes of at
+    least `gap` rows or columns, again and again."""
+    rows, columns = np.flatnonzero(where.any(axis=1)), np.flatnonzero(where.any(axis=0))
+    if not rows.size:
+        return []
+    where = where[rows[0]:rows[-1] + 1, columns[0]:columns[-1] + 1]
+    x, y = x + int(columns[0]), y + int(rows[0])
+    for filled, across in ((rows - rows[0], False), (columns - columns[0], True)):
+        if (stripes := np.flatnonzero(np.diff(filled) > gap)).size:
+            at = int(filled[stripes[0]]) + 1  # cut behind the first part
+            if across:
+                return _patches(where[:, :at], x, y, gap) + _patches(where[:, at:], x + at, y, gap)
+            return _patches(where[:at], x, y, gap) + _patches(where[at:], x, y + at, gap)
+    return [(x, y, where.shape[1], where.shape[0])]
+
+
 @dataclass(frozen=True, eq=False)
 class Difference:
     """The difference of two screens. It is true if the screens differ. str() describes where and by how much."""
@@ -165,32 +189,39 @@ class Difference:
         """How many pixels differ."""
         return self.one.pixels.size if self.where is None else int(np.count_nonzero(self.where))
 
-    @property
-    def box(self) -> Box | None:
-        """The box around all pixels that differ, in coordinates of the device's screen."""
-        if self.where is None or not self:
-            return None
-        rows, columns = np.flatnonzero(self.where.any(axis=1)), np.flatnonzero(self.where.any(axis=0))
-        x, y = int(columns[0]), int(rows[0])
-        return (x + self.origin[0], y + self.origin[1], int(columns[-1]) - x + 1, int(rows[-1]) - y + 1)
+    @cached_property
+    def boxes(self) -> list[Box]:
+        """A box around each patch that differs, in coordinates of the device's screen. Together, the boxes are a mask
+        that covers all differences."""
+        if self.where is None:
+            return []
+        found, gap = _patches(self.where, *self.origin, PATCH_GAP), PATCH_GAP
+        while len(found) > MAX_PATCHES:
+            found = _patches(self.where, *self.origin, gap := 2 * gap)
+        return found
 
     @property
     def largest(self) -> int:
         """The largest difference in any channel of any pixel, 0 to 15."""
-        return int(steps(self.one, self.other)[self.where].max()) if self.box else 0
+        return int(steps(self.one, self.other)[self.where].max()) if self.boxes else 0
 
     def __str__(self) -> str:
         if self.where is None:
             return (f"the sizes differ: {self.one.width} x {self.one.height}, "
                     f"not {self.other.width} x {self.other.height}")
-        if not (box := self.box):
+        if not self:
             return "no pixel differs"
-        x, y, width, height = box
         changed = int(np.bitwise_or.reduce((self.one.pixels ^ self.other.pixels)[self.where]))
         channels = [name for name, shift in SHIFTS.items() if changed >> shift & 15]
         pixels = "1 pixel differs" if self.count == 1 else f"{self.count} pixels differ"
-        return (f"{pixels} ({self.count / self.where.size:.2%}), within {width} x {height} at ({x}, {y}), "
-                f"by up to {self.largest} of 15 steps in {', '.join(channels)}")
+        return (f"{pixels} ({self.count / self.where.size:.2%}), by up to {self.largest} of 15 steps in "
+                f"{', '.join(channels)}, in {self.boxes}")
+
+    def joined(self, earlier: Difference | None) -> Difference:
+        """Returns this difference with the pixels of an earlier one."""
+        if earlier is None or self.where is None or earlier.where is None or self.where.shape != earlier.where.shape:
+            return self
+        return replace(self, where=self.where | earlier.where)
 
     def image(self) -> Image.Image:
         """Returns `one` in dim grey. The pixels that differ are red."""

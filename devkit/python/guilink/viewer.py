@@ -6,9 +6,13 @@ from __future__ import annotations
 
 import asyncio
 import json
+import logging
+import os
+import re
+import ssl
 import time
-from typing import Any, Sequence
-from urllib.parse import urlsplit
+from typing import Any, NamedTuple, Sequence
+from urllib.parse import parse_qs, urlsplit
 
 import websockets
 from websockets.exceptions import InvalidHandshake, WebSocketException
@@ -18,6 +22,26 @@ from guilink.wire import MAX_PAYLOAD, MessageType
 
 RECONNECT = 0.25  # s between two attempts to connect
 HANDSHAKE = 10.0  # s; limit for each attempt to connect
+# Debug lines of this library contain the token, so they are never written.
+LOG = logging.getLogger("guilink.websockets")
+LOG.setLevel(logging.INFO)
+HEADERS = "additional_headers" if int(websockets.version.version.split(".")[0]) >= 14 else "extra_headers"
+
+
+class ViewerUrl(NamedTuple):
+    """Where a viewer is, and the token with which it lets a program in."""
+
+    page: str   # for messages, without the token
+    link: str   # the WebSocket
+    token: str  # empty if there is none
+
+    @classmethod
+    def parse(cls, url: str) -> ViewerUrl:
+        parts = urlsplit(url if "://" in url else f"http://{url}")
+        page = f"{parts.scheme}://{parts.netloc.rpartition('@')[2]}{parts.path.rstrip('/')}"
+        if parts.scheme not in ("http", "https") or not parts.hostname:
+            raise ValueError(f"{page} is not the URL of a viewer, such as http://127.0.0.1:8080")
+        return cls(page, f"ws{page[4:]}/link", parse_qs(parts.query).get("token", [""])[0])
 
 
 class Viewer(Link):
@@ -25,12 +49,9 @@ class Viewer(Link):
 
     def __init__(self, url: str, device: str | None = None):
         super().__init__()
-        parts = urlsplit(url if "://" in url else f"http://{url}")
-        if parts.scheme != "http" or not parts.hostname:
-            raise ValueError(f"{url!r} is not the URL of a viewer, such as http://127.0.0.1:8080")
-        self._url, self._device = f"ws://{parts.netloc}/link", device
+        self._url, self._device = ViewerUrl.parse(url), device
         self._names = {device}  # all identities and addresses that the wanted device has had
-        self._name = f"the viewer at http://{parts.netloc}"
+        self._name = f"the viewer at {self._url.page}"
         # Guarded by self._changed.
         self._away = "has not answered yet"  # why there is no connection to the viewer; empty while there is one
         self._state: dict[str, Any] = {}
@@ -113,23 +134,35 @@ class Viewer(Link):
         self._loop.create_task(send())
 
     async def _stay_connected(self) -> None:
+        headers = {HEADERS: {"Authorization": f"Bearer {self._url.token}"}} if self._url.token else {}
         # `close` sets _failure before it cancels this task. If an attempt to connect fails at the same moment, it
         # raises its own error instead of CancelledError.
         while not self._failure:
             try:
-                async with websockets.connect(self._url, max_size=MAX_PAYLOAD, compression=None,  # type: ignore
-                                              open_timeout=HANDSHAKE, close_timeout=1) as socket:
+                async with websockets.connect(  # type: ignore
+                        self._url.link, max_size=MAX_PAYLOAD, compression=None, open_timeout=HANDSHAKE,
+                        close_timeout=1, logger=LOG, **headers) as socket:
                     self._socket = socket
                     async for message in socket:
                         self._take(message)
                 self._disconnected("has ended the connection")
             except InvalidHandshake as error:
-                self._disconnected(f"refuses this program ({error}); it must run on the same computer")
+                self._disconnected(self._refusal(error))
+            except ssl.SSLCertVerificationError as error:
+                self._disconnected(f"has a certificate that this system does not trust: {error.verify_message}")
             except (OSError, WebSocketException, asyncio.TimeoutError) as error:
-                self._disconnected(f"cannot be reached: {getattr(error, 'strerror', None) or error}; is it running?")
+                self._disconnected(f"cannot be reached: {_reason(error)}; is it running?")
             finally:
                 self._socket = None
             await asyncio.sleep(RECONNECT)
+
+    def _refusal(self, error: InvalidHandshake) -> str:
+        response = getattr(error, "response", error)  # older versions of websockets have no response
+        status = getattr(response, "status_code", None)
+        if status == 401:
+            return (f"{'does not know this token' if self._url.token else 'asks for a token'}: use the URL that it "
+                    "prints when it starts, which ends in ?token=...")
+        return f"refuses this program ({f'HTTP status {status}' if status else error})"
 
     def _disconnected(self, why: str) -> None:
         with self._changed:
@@ -166,3 +199,9 @@ class Viewer(Link):
         if self._device and not self._ready() and self._state.get("wanted") != self._device:
             if any(self._device in (each.identity, each.address) for each in self.devices()):
                 self._send({"device": self._device})
+
+
+def _reason(error: Exception) -> str:
+    """Returns why a connection failed, without the addresses, which may be many."""
+    numbers = re.findall(r"\[Errno (\d+)\]", str(error))
+    return os.strerror(int(numbers[0])) if numbers else str(getattr(error, "strerror", None) or error or "no answer")

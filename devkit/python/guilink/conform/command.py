@@ -23,7 +23,7 @@ from guilink.conform.report import as_json, listing, summary, write_json, write_
 from guilink.conform.rules import RULES
 from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
-from guilink.film import check_writable
+from guilink.recording import check_writable
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
