@@ -244,7 +244,7 @@ def test_behind_a_proxy_with_tls(tmp_path):
                     "-keyout", tmp_path / "key", "-out", pem], check=True, capture_output=True)
     trust = ssl.create_default_context(cafile=pem)
     pem.write_text(pem.read_text() + (tmp_path / "key").read_text())
-    documented = (DOCS / "examples/haproxy.cfg").read_text()
+    documented = re.search(r"```\n(defaults\n.*?)```", (DOCS / "remote.md").read_text(), re.S)[1]
     assert f"/etc/haproxy/{name}.pem" in documented
     (tmp_path / "cfg").write_text(documented.replace(f"/etc/haproxy/{name}.pem", str(pem)))
 
