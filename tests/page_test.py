@@ -1,17 +1,12 @@
 #!/usr/bin/python3
-"""Tests the viewer's page in a real browser, with the real service and the simulated core.
-
-Run this test as scripts/sandbox tests/page_test.py DIRECTORY_OF_PROGRAMS. The browser runs in the sandbox, too.
+"""Tests what the viewer's page shows, in a real browser, with the real service and the simulated core. Run it in
+scripts/sandbox, with the directory of the programs in the environment variable GUILINK_BIN.
 """
 import hashlib
 import pathlib
-import shutil
 import socket
 import statistics
 import struct
-import subprocess
-import sys
-import tempfile
 import time
 import unittest
 import urllib.request
@@ -19,30 +14,12 @@ import zlib
 
 import numpy
 from PIL import Image
-from selenium import webdriver
-from selenium.webdriver import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
-from selenium.webdriver.chrome.service import Service
-from selenium.webdriver.support.ui import WebDriverWait
+from support.page import ADDRESS, BIN, LIMIT, URL, Browser, Loop
 from support.service import end_service, start_service
 
-BIN = pathlib.Path(sys.argv.pop(1)).resolve()
-ADDRESS = ("127.0.0.1", 8080)
-URL = "http://127.0.0.1:8080/"
-LIMIT = 240  # s; how long each wait may take, even on a slow machine
 START = bytes.fromhex("5A1E9C03D7B24F6681E0C3A95B7D2E4F0C6A18B3E59D7F2041C8A6E3B9D05F17")  # start sequence of a frame
-
-# Hashes the canvas's pixels, rounded to ARGB 4:4:4:4, because a canvas does not keep the low bits of 8-bit colours.
-CANVAS_HASH = """
-const done = arguments[0], canvas = document.getElementById('canvas');
-const {data} = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
-const pixels = new Uint16Array(data.length / 4), nibble = (i) => Math.floor((data[i] + 8) / 17);
-for (let i = 0; i < pixels.length; ++i)
-  pixels[i] = nibble(4*i+3) << 12 | nibble(4*i) << 8 | nibble(4*i+1) << 4 | nibble(4*i+2);
-crypto.subtle.digest('SHA-256', pixels).then((hash) =>
-  done([...new Uint8Array(hash)].map((byte) => byte.toString(16).padStart(2, '0')).join('')));
-"""
 
 # Presses a button and measures the time until the canvas changes. The core must draw a still picture.
 PRESS_LATENCY = """
@@ -99,27 +76,6 @@ def handshake(origin="http://127.0.0.1:8080"):
     return connection, connection.makefile("rb").readline().decode()
 
 
-class Loop(unittest.TestCase):
-    """Starts the service before each test. Ends the service and the test's programs after each test."""
-
-    def setUp(self):
-        self.processes = []
-        self.directory = tempfile.mkdtemp()
-        start_service(BIN)
-
-    def tearDown(self):
-        for process in reversed(self.processes):
-            process.terminate()
-            self.assertEqual(process.wait(LIMIT), 0, "also what a sanitizer finds at the end")
-        end_service()
-        shutil.rmtree(self.directory)
-
-    def start(self, name, *arguments):
-        process = subprocess.Popen([BIN / name, *arguments], stdout=subprocess.DEVNULL)
-        self.processes.append(process)
-        return process
-
-
 class Snapshot(Loop):
     def test_is_exactly_what_the_core_drew(self):
         for size in ("1280x960", "1024x768"):
@@ -134,52 +90,7 @@ class Snapshot(Loop):
             self.assertEqual(pixels.tobytes(), arrived(dump).tobytes())
 
 
-class Page(Loop):
-    def setUp(self):
-        super().setUp()
-        self.start("guilink-viewer")
-        self.browser = self.open_browser()
-
-    def tearDown(self):
-        self.browser.quit()
-        super().tearDown()
-
-    def open_browser(self):
-        options = webdriver.ChromeOptions()
-        for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-quic", "no-first-run",
-                         "disable-background-networking", "disable-component-update", "disable-sync",
-                         "window-size=1280,900", f"user-data-dir={self.directory}/profile"):
-            options.add_argument("--" + argument)
-        browser = webdriver.Chrome(service=Service(shutil.which("chromedriver")), options=options)
-        browser.set_script_timeout(LIMIT)
-        for _ in range(LIMIT * 10):
-            try:
-                socket.create_connection(ADDRESS).close()
-                break
-            except ConnectionRefusedError:
-                time.sleep(0.1)
-        browser.get(URL)
-        return browser
-
-    def wait(self, condition):
-        WebDriverWait(self.browser, LIMIT, poll_frequency=0.05).until(lambda _: condition())
-
-    def element(self, name):
-        return self.browser.find_element(By.ID, name)
-
-    def text(self, name):
-        return self.element(name).text
-
-    def wait_for_frames(self, count):
-        def frames():
-            return int(self.browser.execute_script("return canvas.dataset.frames ?? 0"))
-
-        end = frames() + count
-        self.wait(lambda: frames() >= end)
-
-    def hash(self):
-        return self.browser.execute_async_script(CANVAS_HASH)
-
+class Page(Browser):
     def test_shows_exactly_what_the_core_drew(self):
         for size in ("1280x960", "1024x768"):
             for scene in ("menu", "gradient"):
@@ -233,69 +144,16 @@ class Page(Loop):
         self.browser.switch_to.active_element.send_keys(Keys.ENTER)
         self.wait(lambda: "OK pressed" in self.text("log"))
 
-    def test_fits_a_phone(self):
+    def test_stalled_page_slows_nobody(self):
         self.start("guilink-core")
-        self.wait_for_frames(1)
-        for width, height in ((320, 568), (390, 844), (844, 390)):
-            self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-                "width": width, "height": height, "deviceScaleFactor": 1, "mobile": True})
-            screen, pad = (self.browser.find_element(By.ID, name).rect for name in ("screen", "pad"))
-            ends = [(box["x"] + box["width"], box["y"] + box["height"]) for box in (screen, pad)]
-            below, beside = pad["y"] >= ends[0][1], pad["x"] >= ends[0][0]
-            self.assertEqual((below, beside), (width < height, width > height))
-            for right, bottom in ends:
-                self.assertLessEqual(right, width)
-                self.assertLessEqual(bottom, height)
-            buttons = self.browser.find_elements(By.CSS_SELECTOR, "#pad button")
-            self.assertEqual(len(buttons), 16)
-            for button in buttons:
-                self.assertGreaterEqual(button.rect["height"], 32)
-
-        # Browsers on small phones have no full screen.
-        self.browser.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {
-            "source": "delete Document.prototype.fullscreenEnabled; delete Element.prototype.requestFullscreen"})
-        self.assertTrue(self.element("fullscreen").is_displayed())
-        self.browser.refresh()
-        self.wait_for_frames(1)
-        self.assertFalse(self.element("fullscreen").is_displayed())
-
-    def test_keeps_what_a_visitor_has_chosen(self):
-        self.start("guilink-core", "--still")
-        self.wait_for_frames(1)
-        self.browser.find_element(By.CSS_SELECTOR, '[data-backdrop="green"][aria-label]').click()
-        self.element("sharp").click()
-        self.browser.switch_to.active_element.send_keys(Keys.ARROW_DOWN, Keys.ENTER)
-        self.wait(lambda: "OK pressed" in self.text("log") and "Down pressed" in self.text("log"))
-        self.element("shortcuts").click()
-
-        self.browser.refresh()
-        self.wait_for_frames(1)
-        pressed = self.browser.find_elements(By.CSS_SELECTOR, ".actions [aria-pressed=true]")
-        self.assertEqual([button.accessible_name for button in pressed], ["Green", "Sharp pixels"])
-        self.assertEqual(self.browser.find_elements(By.CSS_SELECTOR, "[aria-keyshortcuts]"), [])
-        self.browser.find_element(By.TAG_NAME, "body").send_keys(Keys.ARROW_DOWN)
-        self.browser.find_element(By.CSS_SELECTOR, '[data-button="0"]').click()
-        self.wait(lambda: "Up pressed" in self.text("log"))
-        self.assertNotIn("Down pressed", self.text("log"))
-
-    def test_power_asks_first(self):
-        self.start("guilink-core", "--still")
-        self.wait_for_frames(1)
-        dialog = self.element("confirm")
-        before = self.hash()
-        for ask in (lambda: self.browser.find_element(By.TAG_NAME, "body").send_keys("p"),
-                    self.browser.find_element(By.CSS_SELECTOR, '[data-button="7"]').click):
-            ask()
-            self.assertTrue(dialog.is_displayed())
-            self.browser.switch_to.active_element.send_keys(Keys.ARROW_DOWN, Keys.ENTER)  # on "Cancel"
-            self.assertFalse(dialog.is_displayed())
-        self.wait_for_frames(60)
-        self.assertEqual(self.hash(), before)
-        self.assertNotIn("pressed", self.text("log"))
-        self.browser.find_element(By.CSS_SELECTOR, '[data-button="7"]').send_keys(Keys.ENTER)
-        dialog.find_element(By.CSS_SELECTOR, "[value=press]").click()
-        self.wait(lambda: self.hash() != before)
-        self.assertIn("Power pressed", self.text("log"))
+        stalled = [handshake()[0] for _ in range(3)]  # they never read what the viewer sends
+        self.browser.switch_to.new_window("window")
+        self.browser.get(URL)
+        for window in self.browser.window_handles:
+            self.browser.switch_to.window(window)
+            self.wait_for_frames(60)
+        for connection in stalled:
+            connection.close()
 
     def test_tells_what_others_do_and_that_nothing_changes(self):
         self.start("guilink-core", "--still")
@@ -322,70 +180,6 @@ class Page(Loop):
             self.wait(lambda: event in self.text("log"))
         self.wait(lambda: not unchanged.is_displayed())
         self.wait(lambda: self.browser.title == "11111: linked – Guilink")
-
-    def test_picks_pixels_and_boxes(self):
-        self.start("guilink-core", "--size", "1024x768", "--still")
-        self.wait(lambda: self.text("size") == "1024 × 768")
-        left, top, width = self.browser.execute_script(
-            "window.ends = [];"
-            "for (const end of ['pointerdown', 'pointerup']) addEventListener(end, ({x, y}) => ends.push([x, y]));"
-            "const {x, y, width} = canvas.getBoundingClientRect(); return [x, y, width]")
-
-        def drag(x, y):
-            actions = ActionChains(self.browser).move_to_element_with_offset(self.element("overlay"), 50, 30)
-            actions.click_and_hold().move_by_offset(x, y).release().perform()
-            return [[int((a - left) * 1024 / width), int((b - top) * 1024 / width)]
-                    for a, b in self.browser.execute_script("return ends.splice(0)")]
-
-        (x, y), _ = drag(0, 0)
-        self.assertEqual(self.element("place").get_attribute("value"), f"({x}, {y})")
-        (right, bottom), (x, y) = drag(-200, -100)
-        picked = f"({x}, {y}, {right - x + 1}, {bottom - y + 1})"
-        self.assertEqual(self.element("place").get_attribute("value"), picked)
-        self.assertEqual(self.text("pixel"), f"({x}, {y})")
-        self.element("copy").click()
-        self.element("line").send_keys(Keys.CONTROL, "v")
-        self.assertEqual(self.element("line").get_attribute("value"), picked)
-
-        self.element("place").clear()
-        self.element("place").send_keys("(10, 20, 30, 40)")
-        box = self.browser.find_element(By.CSS_SELECTOR, "#overlay rect")
-        self.assertEqual([box.get_attribute(name) for name in ("x", "y", "width", "height")], ["10", "20", "30", "40"])
-
-    def test_recording_knows_its_duration(self):
-        self.browser.execute_cdp_cmd("Browser.setDownloadBehavior",
-                                     {"behavior": "allow", "downloadPath": self.directory})
-        self.start("guilink-core")
-        self.wait_for_frames(1)
-        begin = time.monotonic()
-        self.element("record").click()
-        self.wait_for_frames(60)
-        may_leave = "return dispatchEvent(new Event('beforeunload', {cancelable: true}))"
-        self.assertFalse(self.browser.execute_script(may_leave))
-        self.element("record").click()
-        self.wait(lambda: list(pathlib.Path(self.directory).glob("*.webm")))
-        elapsed = time.monotonic() - begin
-        self.assertTrue(self.browser.execute_script(may_leave))
-        video, = pathlib.Path(self.directory).glob("*.webm")
-        ffprobe = ["ffprobe", "-loglevel", "error", "-count_frames", "-of", "csv=p=0", "-show_entries"]
-        told = subprocess.run([*ffprobe, "format=duration:stream=nb_read_frames", video],
-                              check=True, capture_output=True)
-        frames, duration = told.stdout.split()
-        self.assertGreater(int(frames), 1)
-        self.assertGreater(float(duration), 0)
-        self.assertLessEqual(float(duration), elapsed)
-        self.assertEqual(told.stderr, b"")
-
-    def test_stalled_page_slows_nobody(self):
-        self.start("guilink-core")
-        stalled = [handshake()[0] for _ in range(3)]  # they never read what the viewer sends
-        self.browser.switch_to.new_window("window")
-        self.browser.get(URL)
-        for window in self.browser.window_handles:
-            self.browser.switch_to.window(window)
-            self.wait_for_frames(60)
-        for connection in stalled:
-            connection.close()
 
     def test_service_ends_and_comes_back(self):
         self.start("guilink-core")
