@@ -193,7 +193,7 @@ class Companion:
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         connected.settimeout(3)
         self.reader = self.reader if wrong("one reader for all") else Reader()
-        self.linked, self.quiet, self.pressed, self.deaf, self.requests = 0.0, False, False, 0.0, 0
+        self.early, self.linked, self.quiet, self.pressed, self.deaf, self.requests = b"", 0.0, False, False, 0.0, 0
         self.heard, self.next, self.next_control = time.monotonic(), 0.0, 0.0
 
     def leave(self):
@@ -214,7 +214,7 @@ class Companion:
             self.leave()
             return
         self.heard = time.monotonic()
-        damaged = wrong("asks until a damaged image") and b"\2\0\x40\0\x30\0" in data
+        damaged = wrong("asks until a damaged image") and b"\2\0\0\4\0\3" in data
         self.quiet |= bool(damaged)
         messages = self.reader.feed(data)
         inside = START in self.reader._buffer
@@ -230,7 +230,7 @@ class Companion:
                 return
             self.quiet |= wrong("asks until an identity") and message.type == MessageType.IDENTITY
             if message.type == MessageType.IDENTITY and self.requests == 2 and wrong("presses after two requests"):
-                self.connection.sendall(frame(1, b"\1"))
+                self.early = frame(1, b"\1")
             if message.type == MessageType.IMAGE:
                 self.linked = self.linked or time.monotonic()
                 if wrong("reads every 4 s"):
@@ -265,6 +265,7 @@ class Companion:
             self.pressed = True
             words += {"button 16": frame(1, b"\x10"), "two buttons": frame(1, b"\1\2"),
                       "a text of 2 MiB": START + bytes(4) + b"\0\0\x20\0" + b"\6\0"}.get(NAME, frame(1, b"\1"))
+        words, self.early = words + self.early, b""
         try:
             if wrong("sends pieces"):
                 self.connection.sendall(words[:-20])

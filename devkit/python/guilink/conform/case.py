@@ -9,7 +9,7 @@ from typing import Any, Callable
 from guilink.conform.exchange import Exchange
 from guilink.conform.rules import RULES
 from guilink.conform.event_loop import DeadlineError, EventLoop
-from guilink.conform.strict import Fault
+from guilink.conform.strict import Fault, Screens
 
 PASSED, FAILED, WARNED, UNTESTABLE, EXPECTED = "passed", "failed", "warned", "untestable", "expected"
 RESTARTED = "restarted"  # passed only after the subject was started afresh
@@ -34,6 +34,8 @@ class Case:
     rules: tuple[str, ...]
     play: Callable[[Any], None]   # called with a CompanionAttempt or a DeviceAttempt
     gentle: bool = True           # whether the case is harmless for a real device
+    needs: tuple[str, ...] = ()   # if one of these cases has failed, this case would fail for the same reason
+    fresh: bool = False           # whether the subject is started afresh before the case
 
     @property
     def text(self) -> str:
@@ -43,13 +45,15 @@ class Case:
 CASES: dict[str, list[Case]] = {"companion": [], "device": []}
 
 
-def case(side: str, *rules: str, gentle: bool = True) -> Callable[[Any], Any]:
+def case(side: str, *rules: str, gentle: bool = True, needs: tuple[str, ...] = (),
+         fresh: bool = False) -> Callable[[Any], Any]:
     """Registers a function as a case. The case gets the function's name and docstring."""
     unknown = [rule for rule in rules if not RULES[rule].binds(side)]
+    unknown += set(needs) - {each.name for each in CASES[side]}
     assert not unknown, unknown
 
     def register(play: Callable[[Any], None]) -> Callable[[Any], None]:
-        CASES[side].append(Case(play.__name__, side, rules, play, gentle))
+        CASES[side].append(Case(play.__name__, side, rules, play, gentle, needs, fresh))
         return play
 
     return register
@@ -76,9 +80,10 @@ class Attempt:
         if broken:
             self.fail(rule, text, b"", actual)
 
-    def fail(self, rule: str, text: str, expected: bytes = b"", actual: bytes = b"") -> None:
+    def fail(self, rule: str, text: str, expected: bytes = b"", actual: bytes = b"",
+             screens: Screens | None = None) -> None:
         """Records the rule as broken. If its strength is "must", raises RuleBrokenError."""
-        fault = Fault(rule, text, expected, actual)
+        fault = Fault(rule, text, expected, actual, screens)
         if RULES[rule].strength == "must":
             raise RuleBrokenError(fault)
         self.warnings.append(fault)
@@ -90,6 +95,10 @@ class Attempt:
     def crash(self) -> Fault | None:
         """Returns a fault if the subject has crashed."""
         return None
+
+    def late(self) -> list[Fault]:
+        """Returns what the subject did too late on any connection of the case."""
+        return []
 
     def gave_up(self) -> str:
         """If the subject is not to blame for a broken rule, returns the reason. Otherwise returns an empty string."""
@@ -107,6 +116,7 @@ class Result:
     exchange: Exchange = field(default_factory=Exchange)
     seconds: float = 0.0
     attempts: int = 1
+    earlier: str = ""           # what was wrong in an earlier attempt
     output: str = ""            # the end of the subject's output
 
     @property
@@ -128,17 +138,22 @@ def run_once(case: Case, attempt: Attempt) -> Result:
         broken = [Fault(case.rules[0], str(error))]
     except UntestableError as error:
         result.verdict, result.reason = UNTESTABLE, str(error)
+    late = attempt.late()
     gave_up = attempt.gave_up() if broken else ""
     crash = attempt.crash()
     result.crashed = crash is not None
     # Report a crash or faulty bytes first, because they may be the cause of the fault that `case.play` found.
-    faults = [*([crash] if crash else []), *(f for f in loop.faults if RULES[f.rule].strength == "must"), *broken]
+    faults = [*([crash] if crash else []), *filter(_required, loop.faults), *broken, *filter(_required, late)]
     if faults and not gave_up:
         result.verdict, result.fault = FAILED, faults[0]
     elif faults:
         result.verdict, result.reason = UNTESTABLE, gave_up
-    elif warned := attempt.warnings + loop.faults:
+    elif warned := attempt.warnings + loop.faults + late:
         result.verdict, result.fault = WARNED, warned[0]
-    result.kept -= {each.rule for each in faults + attempt.warnings + loop.faults}
+    result.kept -= {each.rule for each in faults + attempt.warnings + loop.faults + late}
     result.seconds = time.monotonic() - started
     return result
+
+
+def _required(fault: Fault) -> bool:
+    return RULES[fault.rule].strength == "must"

@@ -9,8 +9,7 @@ from pathlib import Path
 from typing import Any, Sequence
 
 from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  registers the cases
-                             companion_pictures, device_link, device_stream,
-                             private_network)
+                             companion_pictures, companion_plain, device_link, device_stream, private_network)
 from guilink.conform.case import FAILED, RESTARTED, Result
 from guilink.conform.companion_attempt import Shown, CompanionAttempt
 from guilink.conform.companion_process import CompanionProcess
@@ -51,6 +50,8 @@ def add_options(parser: argparse.ArgumentParser) -> None:
                            help="the file in which COMMAND saves its picture; without it, images are untestable")
     companion.add_argument("--picture-from", metavar="COMMAND",
                            help="a command that prints the companion's picture as PNG")
+    companion.add_argument("--press", metavar="COMMAND",
+                           help="a command that makes the companion press button {}, a number that the kit fills in")
     companion.add_argument("command", metavar="COMMAND", nargs="*", help="the command that starts the companion")
     companion.set_defaults(run=conform_companion)
     device = sides.add_parser("device", parents=[common], help="test a device in this network")
@@ -63,11 +64,11 @@ def add_options(parser: argparse.ArgumentParser) -> None:
 
 
 class CompanionSubject:
-    def __init__(self, process: CompanionProcess, shown: Shown):
-        self.process, self.shown = process, shown
+    def __init__(self, process: CompanionProcess, shown: Shown, press: Sequence[str]):
+        self.process, self.shown, self.press = process, shown, press
 
     def attempt(self, loop: EventLoop) -> CompanionAttempt:
-        return CompanionAttempt(loop, self.process, self.shown)
+        return CompanionAttempt(loop, self.process, self.shown, self.press)
 
     def restart(self) -> None:
         self.process.stop()
@@ -103,11 +104,12 @@ def conform_companion(options: argparse.Namespace) -> tuple[dict[str, Any], str]
         raise ValueError("no companion was given; usage: guilink conform companion [OPTION...] -- COMMAND...")
     private_network.enter(sys.argv[1:])
     network = private_network.PrivateNetwork()
-    process = CompanionProcess(options.command, network.within)
+    process = CompanionProcess(options.command, network.within, network.holder)
     try:
         looking = [*network.within, *shlex.split(options.picture_from)] if options.picture_from else []
         shown = Shown(Path(options.picture) if options.picture else None, looking)
-        return conform("companion", options, CompanionSubject(process, shown), False)
+        pressing = [*network.within, *shlex.split(options.press)] if options.press else []
+        return conform("companion", options, CompanionSubject(process, shown, pressing), False)
     finally:
         process.stop()
         network.close()
@@ -142,7 +144,7 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
 def repeated(options: argparse.Namespace) -> list[str]:
     """Returns those arguments of this run that are also needed to repeat a single case."""
     words: list[str] = []
-    for name in ("picture", "picture_from", "identity"):
+    for name in ("picture", "picture_from", "press", "identity"):
         if value := getattr(options, name, None):
             words += [f"--{name.replace('_', '-')}", value]
     return words + (["--", *options.command] if getattr(options, "command", None) else [])

@@ -6,7 +6,7 @@ import subprocess
 import time
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Sequence
+from typing import Iterator, Sequence
 
 import numpy as np
 from numpy.typing import NDArray
@@ -18,13 +18,17 @@ from guilink.conform.event_loop import Channel, EventLoop, UdpSocket
 from guilink.conform.private_network import COMPANION, DEVICE, OTHER_DEVICE
 from guilink.conform.scripted_device import Connection, ScriptedDevice
 from guilink.conform.strict import Fault
-from guilink.picture import Pixels
+from guilink.picture import Pixels, encode
 from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
-START_PATIENCE = 20.0  # s; a newly started companion has at least this long to answer the first broadcast
+START_PATIENCE = 15.0  # s; a newly started companion has at least this long to answer the first broadcast
 ABOUT_TO_END = 0.5     # s; if the companion exits normally within this time after a fault, it is not blamed
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
+PRESS_TIMEOUT = 10.0   # s; limit of the command that presses a button
+DRAWN = 0.6            # s; by then, a companion has surely seen its first image
+SETTLED = 50_000_000   # ns; a file that was last written longer ago has a new time if it is written again
+STARVED_POLL = 0.05    # s between two looks at how long the companion has waited for a processor
 SECOND = 1.0           # s; a companion must ignore its device's broadcasts for this long after the first image
 LINK_SILENCE = 3.0          # s; a companion closes the link if nothing arrives for this long
 
@@ -35,6 +39,7 @@ class Shown:
 
     file: Path | None = None
     command: Sequence[str] = ()
+    _last: tuple[tuple[int, int], NDArray[np.uint8]] | None = None  # the file's time and size, and its picture
 
     def __bool__(self) -> bool:
         return bool(self.file or self.command)
@@ -42,10 +47,19 @@ class Shown:
     def read(self) -> NDArray[np.uint8] | None:
         """Returns the picture as RGB or RGBA bytes, or None if there is no picture yet."""
         try:
-            data = (self.file.read_bytes() if self.file else
-                    subprocess.run(self.command, stdout=subprocess.PIPE, check=False).stdout)
+            if self.file:
+                state = self.file.stat()
+                key = state.st_mtime_ns, state.st_size
+                if self._last and self._last[0] == key:
+                    return self._last[1]
+                data = self.file.read_bytes()
+            else:
+                data = subprocess.run(self.command, stdout=subprocess.PIPE, check=False).stdout
             image = Image.open(io.BytesIO(data))
-            return np.asarray(image if image.mode in ("RGB", "RGBA") else image.convert("RGBA"))
+            read = np.asarray(image if image.mode in ("RGB", "RGBA") else image.convert("RGBA"))
+            if self.file and time.time_ns() > key[0] + SETTLED:
+                self._last = key, read
+            return read
         except (OSError, ValueError, SyntaxError):  # the picture does not exist yet, or is incomplete
             return None
 
@@ -53,17 +67,31 @@ class Shown:
 class CompanionAttempt(Attempt):
     """One attempt to run one case with a companion."""
 
-    def __init__(self, loop: EventLoop, subject: CompanionProcess, shown: Shown):
+    def __init__(self, loop: EventLoop, subject: CompanionProcess, shown: Shown, press: Sequence[str] = ()):
+        """`press` is the command that makes the companion press button {}."""
         super().__init__(loop)
-        self.subject, self.shown = subject, shown
+        self.subject, self.shown, self._press = subject, shown, press
+        loop.clock = self._clock
+        self._now, self._starved, self._starved_at = 0.0, 0.0, 0.0
         self._fresh = subject.ensure_running()
         self._seen: Pixels | None = None  # the most recent picture that the companion has shown correctly
         if shown.file:
             shown.file.unlink(missing_ok=True)
         self.device = ScriptedDevice(self, DEVICE)
+        self._devices = [self.device]
 
-    def other_device(self) -> ScriptedDevice:
-        return ScriptedDevice(self, OTHER_DEVICE, b"22222fw1.1")
+    def other_device(self, identity: bytes = b"11112fw1.1") -> ScriptedDevice:
+        self._devices.append(ScriptedDevice(self, OTHER_DEVICE, identity))
+        return self._devices[-1]
+
+    def _clock(self) -> float:
+        """A clock that stands still while the companion waits for a processor, so that a busy machine does not make it
+        late."""
+        now = time.monotonic()
+        if now > self._starved_at + STARVED_POLL:
+            self._starved, self._starved_at = self.subject.starved(), now
+        self._now = max(self._now, now - self._starved)
+        return self._now
 
     # --- used by case.run_once -----------------------------------------------------------------------
 
@@ -74,6 +102,9 @@ class CompanionAttempt(Attempt):
         if not self.subject_ended():
             self.kept.add("LINK-10")
         return self.subject.crash()
+
+    def late(self) -> list[Fault]:
+        return [fault for device in self._devices for each in device.connections for fault in each.late()]
 
     def gave_up(self) -> str:
         self.loop.until(self.subject_ended, ABOUT_TO_END)
@@ -123,6 +154,7 @@ class CompanionAttempt(Attempt):
             asked = self.loop.until(lambda: channel.count(MessageType.CONNECT_REQUEST) or channel.ended)
             if not channel.ended or time.monotonic() > end or self.subject_ended():
                 break
+            channel.close()
             self.loop.until(lambda: time.monotonic() > self.device.last_broadcast + BROADCAST_INTERVAL)
             find = True
         # LINK-1 applies to the companion's first connection, LINK-3 to all later connections.
@@ -139,83 +171,120 @@ class CompanionAttempt(Attempt):
         return channel
 
     def answer_to_lost_device(self, channel: Connection, identity: bytes) -> str:
-        """Lets the device send images for a second, then fall silent on the link and broadcast `identity`. Returns an
-        empty string if the companion answers within LINK_SILENCE, and otherwise an error message. A later answer proves
-        nothing, because the companion closes every silent link after LINK_SILENCE."""
-        began, showing = time.monotonic(), True
+        """Lets the device send images for more than a second, then fall silent on the link and broadcast `identity`.
+        Returns an empty string if the companion answers the first broadcast in time, and otherwise an error message."""
+        began, showing = self.loop.clock(), True
         self.loop.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
-        self.loop.until(lambda: time.monotonic() > began + SECOND)
+        self.loop.until(lambda: self.loop.clock() > began + SECOND + DRAWN)
         showing = channel.answering = False
-        quiet, before = time.monotonic(), self.device.answers
         self.device.show(channel, PLAIN)  # the last message on this link; from now on, the device only broadcasts
-        self.device.identity = identity
-        self.loop.every(0.5, self.device.broadcast)
-        if not self.loop.until(lambda: self.device.answers > before):
-            return "is not answered"
-        late = time.monotonic() > quiet + LINK_SILENCE
-        return f"is answered only after {LINK_SILENCE:.0f} s of silence have ended the link" if late else ""
+        self.device.identity, before, number = identity, self.device.answers, 0
+        while number < self.loop.patience:
+            self.device.broadcast()
+            number, sent = number + 1, self.loop.clock()
+            self.loop.until(lambda: self.device.answers > before or self.loop.clock() > sent + BROADCAST_INTERVAL)
+            if self.device.answers > before:
+                # A late answer proves nothing, because the companion closes every link that is silent for 3 s.
+                return "" if number == 1 else f"is answered only when it has come {number} times"
+        return "is not answered"
 
-    def picture(self, height: int = 8, width: int = 12) -> Pixels:
-        """Returns a random opaque picture, which differs from all earlier ones."""
-        drawn = np.random.default_rng().integers(0xF000, 0xFFFF, (height, width), np.uint16, endpoint=True)
-        return shown_of(drawn)
+    def large_images(self, number: int) -> Iterator[bytes]:
+        """Yields the payloads of `number` images of a quarter of a megabyte each."""
+        runs = np.random.default_rng(1).integers(0xF000, 0xFFFF, (number, SIZE[0] * SIZE[1] // RUN), np.uint16)
+        return (encode(np.repeat(each, RUN).reshape(SIZE)) for each in runs)
+
+    def picture(self) -> Pixels:
+        """Returns an opaque picture of some bands, which differs from all earlier ones."""
+        bands = np.random.default_rng().integers(0xF000, 0xFFFF, BANDS, np.uint16, endpoint=True)
+        return np.repeat(bands, SIZE[0] * SIZE[1] // BANDS).reshape(SIZE)
+
+    @property
+    def can_press(self) -> bool:
+        return bool(self._press)
+
+    @property
+    def can_choose(self) -> bool:
+        return "{}" in " ".join(self._press)
+
+    def press(self, button: int) -> None:
+        """Lets the user's command make the companion press a button, if there is such a command."""
+        if self._press:
+            subprocess.run([word.replace("{}", str(button)) for word in self._press], stdout=subprocess.DEVNULL,
+                           timeout=PRESS_TIMEOUT, check=False)
 
     def keep_alives(self, channel: Channel, more: int = 3) -> bool:
         """Waits for `more` further ControlMessages. By then, the companion has handled everything that the kit had sent
         before this call. Returns whether the connection still exists."""
         before = channel.count(MessageType.CONTROL)
-        return self.loop.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
-                               self.loop.patience + more) and not channel.ended
+        came = self.loop.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
+                               self.loop.patience + more)
+        self.require("TIME-2", came, "the companion falls silent on a connection that is still open")
+        return not channel.ended
 
-    def must_show(self, rule: str, pixels: Pixels, what: str) -> None:
+    def must_show(self, rule: str, pixels: Pixels, what: str, channel: Channel | None = None) -> None:
+        """Waits until the companion shows the picture. If `channel` ends first, waits no longer."""
         if not self.shown:
             raise UntestableError("what the companion shows is unknown; use --picture")
-        seen = self.loop.until(lambda: self.shows(pixels) or self.subject_ended())
-        seen = seen and (not self.subject_ended() or self.shows(pixels))
-        self._seen = pixels if seen else self._seen
-        if not seen and self._only_last_differs(pixels):
-            rule = "PICT-2"
-        self.require(rule, seen, f"{what}: {'' if seen else self._difference(pixels)}")
+        self.loop.until(lambda: self.shows(pixels) or self.subject_ended() or channel and channel.ended)
+        seen = self.shows(pixels) or self.loop.until(lambda: self.shows(pixels), ABOUT_TO_END)
+        if seen:
+            self._seen = pixels
+            self.kept.add(rule)
+            return
+        image = self.shown.read()
+        if channel and channel.ended and (image is None or self._seen is not None and self.shows(self._seen)):
+            self.fail(rule, f"{what}: the companion closes the connection")
+        if image is None:
+            self.fail(rule, f"{what}: no picture is shown")
+        elif self._seen is not None and self.shows(self._seen):
+            self.fail(rule, f"{what}: still the picture before it is shown")
+        else:
+            self.fail(picture_rule(rule, pixels, image), f"{what}: {difference(pixels, image)}",
+                      screens=(Screen(pixels).rgba, image))
 
     def shows(self, pixels: Pixels) -> bool:
         image = self.shown.read()
-        if image is None or image.shape[:2] != pixels.shape:
-            return False
-        wanted = Screen(pixels).rgba
-        if image.shape[2] == 4:
-            return bool(np.array_equal(image, wanted))
-        opaque = wanted[:, :, 3] == 255
-        return bool(np.array_equal(image[opaque], wanted[opaque][:, :3]))
-
-    def _only_last_differs(self, pixels: Pixels) -> bool:
-        image = self.shown.read()
-        if image is None or image.shape[:2] != pixels.shape or pixels.size < 2:
-            return False
-        wrong = (image != Screen(pixels).rgba[:, :, :image.shape[2]]).any(axis=2).reshape(-1)
-        return bool(wrong[-1] and not wrong[:-1].any())
-
-    def _difference(self, pixels: Pixels) -> str:
-        image = self.shown.read()
-        if image is None:
-            return "no picture is shown"
-        if self._seen is not None and self.shows(self._seen):
-            return "still the picture before it is shown"
-        height, width = pixels.shape
-        if image.shape[:2] != pixels.shape:
-            return f"{image.shape[1]} x {image.shape[0]} pixels are shown, not {width} x {height}"
-        channels = image.shape[2]
-        wrong = (image != Screen(pixels).rgba[:, :, :channels]).any(axis=2)
-        y, x = np.argwhere(wrong)[0]
-        return (f"{np.count_nonzero(wrong)} pixels differ, the first at ({x}, {y}): "
-                f"{image[y, x].tolist()}, not {Screen(pixels).rgba[y, x, :channels].tolist()}")
+        return image is not None and image.shape[:2] == pixels.shape and not wrong_pixels(pixels, image).any()
 
 
-def shown_of(pixels: Pixels) -> Pixels:
-    """Returns the picture that a companion shows for opaque `pixels`. The device does not send the last pixel, so the
-    companion repeats the pixel before it."""
-    seen = pixels.copy().reshape(-1)
-    seen[-1] = seen[-2]
-    return seen.reshape(pixels.shape)
+def wrong_pixels(pixels: Pixels, image: NDArray[np.uint8]) -> NDArray[np.bool_]:
+    """Returns which pixels of `image`, which has the same size, are not shown as `pixels`."""
+    wanted = Screen(pixels).rgba
+    wrong: NDArray[np.bool_] = (image != wanted[:, :, :image.shape[2]]).any(axis=2)
+    if image.shape[2] == 3:
+        return np.logical_and(wrong, wanted[:, :, 3] == 255)  # without alpha, the companion has chosen a background
+    # Nobody sees the colour of a transparent pixel.
+    seen: NDArray[np.bool_] = (wanted[:, :, 3] > 0) | (image[:, :, 3] > 0)
+    return wrong & seen
 
 
-PLAIN = np.full((48, 64), 0xF123, np.uint16)
+def picture_rule(rule: str, pixels: Pixels, image: NDArray[np.uint8]) -> str:
+    """Returns the rule of a picture that explains why `image` is shown instead of `pixels`, or else `rule`."""
+    if image.shape[:2] != pixels.shape:
+        return "PICT-4" if rule in PICTURES else rule
+    wrong = wrong_pixels(pixels, image).reshape(-1)
+    if wrong[-1] and not wrong[:-1].any():
+        return "PICT-2"
+    if rule not in PICTURES:
+        return rule
+    colours = np.pad(image, ((0, 0), (0, 0), (0, 4 - image.shape[2]))).view(np.uint32).reshape(-1)[:-1]
+    sent = pixels.reshape(-1)[:-1]
+    different = len(np.unique(colours))
+    mapped = len(np.unique(sent.astype(np.uint64) << 32 | colours)) == len(np.unique(sent))
+    return "PICT-3" if mapped and (different > 1 or len(np.unique(sent)) == 1) else "PICT-1"
+
+
+def difference(pixels: Pixels, image: NDArray[np.uint8]) -> str:
+    if image.shape[:2] != pixels.shape:
+        return f"{image.shape[1]} x {image.shape[0]} pixels are shown, not {pixels.shape[1]} x {pixels.shape[0]}"
+    wrong = np.argwhere(wrong_pixels(pixels, image))
+    y, x = wrong[0]
+    return (f"{len(wrong)} pixels differ, the first at ({x}, {y}): {image[y, x].tolist()}, not "
+            f"{Screen(pixels).rgba[y, x, :image.shape[2]].tolist()}")
+
+
+LARGE, SIZE = (960, 1280), (768, 1024)  # height and width; only these two are sure to be shown
+BANDS = 16  # number of coloured bands in a picture
+RUN = 12    # number of pixels of one colour in a large image
+PICTURES = ("PICT-1", "PICT-2", "PICT-3")
+PLAIN = np.full(SIZE, 0xF123, np.uint16)

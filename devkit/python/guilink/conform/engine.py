@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import signal
+import time
 from dataclasses import dataclass, field
 from typing import Callable, Protocol, Sequence
 
@@ -12,10 +13,9 @@ from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
 from guilink.link import GuilinkError
 
-# If one of these rules is broken, no other rule can be checked.
-BASIC = {"DISC-1", "DISC-3", "DISC-5", "DISC-7", "DISC-8", "LINK-1", "LINK-10"}
 RESTART = 3  # number of the attempt before which the subject is started afresh
-GIVE_UP = 2  # if this many consecutive cases find that a BASIC rule is broken, the kit runs no further case
+LIMIT = 90   # s; if a rule is broken, no further case begins after this time
+MOST_BYTES = 64  # a line shows this many bytes of a message
 NOT_RUN = "no case was run"
 
 
@@ -81,7 +81,9 @@ def select(side: str, names: Sequence[str], rules: Sequence[str], gentle: bool) 
         return ((not names or named)
                 and (not rules or any(rule in case.rules for rule in rules)) and (case.gentle or not gentle))
 
-    return [case for case in CASES[side] if wanted(case)]
+    found = [case for case in CASES[side] if wanted(case)]
+    needed = {name for case in found for name in case.needs} if rules else ()
+    return [case for case in CASES[side] if case in found or case.name in needed]
 
 
 def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) -> Run:
@@ -97,24 +99,27 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
 
 
 def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, options: Options) -> None:
-    lost = 0
+    failed: dict[str, str] = {}  # the rule that each failed case found broken
+    end = time.monotonic() + LIMIT
     for number, case in enumerate(cases, 1):
         note_late_crash(whole, subject, options)
         options.begin(f"[{number:2}/{len(cases)}] {case.name} ")
-        if lost >= GIVE_UP:
-            last = next(result.fault for result in reversed(whole.results) if result.fault)
-            result = Result(case, UNTESTABLE, reason=f"not run: {last.rule} is broken")
+        if lacking := [name for name in case.needs if name in failed]:
+            result = Result(case, UNTESTABLE, reason=f"not run: {lacking[0]} has failed ({failed[lacking[0]]})")
+        elif failed and time.monotonic() > end:
+            result = Result(case, UNTESTABLE, reason=f"not run: the failures have taken {LIMIT} s")
         else:
             try:
-                result = run_attempts(case, subject, options)
+                result = run_attempts(case, subject, options, set(failed.values()))
             except (ValueError, GuilinkError):
                 options.tell("error")
                 raise
-            lost = lost + 1 if result.fault and result.fault.rule in BASIC else 0
+            if result.fault and result.verdict in (FAILED, RESTARTED):
+                failed[case.name] = result.fault.rule
         if result.identifier in options.baseline and result.verdict in (FAILED, RESTARTED, WARNED):
             result.verdict = EXPECTED
         whole.results.append(result)
-        options.tell(line(result))
+        options.tell(line(result) + (dump(result.fault) if result.fault and len(failed) == 1 else ""))
         if options.fail_fast and result.fault and result.verdict != EXPECTED:
             break
 
@@ -128,12 +133,13 @@ def note_late_crash(whole: Run, subject: Subject, options: Options) -> None:
         subject.restart()
 
 
-def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
+def run_attempts(case: Case, subject: Subject, options: Options, broken: set[str]) -> Result:
     """Runs a case. If it fails, runs it again, because a busy machine may have caused the failure. Starts the subject
-    afresh only from attempt RESTART on, because a fault that a restart cures is a fault. Never forgives a crash."""
+    afresh only from attempt RESTART on, because a fault that a restart cures is a fault. Never forgives a crash, and
+    does not try again what breaks one of the rules that are known to be broken."""
     failed: Result | None = None
     for attempt in range(1, options.attempts + 1):
-        if attempt >= RESTART:
+        if attempt >= RESTART or case.fresh:
             subject.restart()
         loop = EventLoop(options.patience)
         try:
@@ -143,10 +149,11 @@ def run_attempts(case: Case, subject: Subject, options: Options) -> Result:
         result.attempts, result.output = attempt, subject.output()
         if result.verdict not in (FAILED, WARNED):
             if failed is None or attempt < RESTART:
+                result.earlier = f"{failed.fault.rule}: {failed.fault.text}" if failed and failed.fault else ""
                 return result
             failed.verdict = RESTARTED if failed.verdict == FAILED else WARNED
             return failed
-        if result.crashed:
+        if result.crashed or result.fault and result.fault.rule in broken:
             break
         failed = failed or result
     subject.restart()
@@ -161,5 +168,11 @@ def line(result: Result) -> str:
     elif result.reason:
         text += f"\n        {result.reason}"
     elif result.attempts > 1:
-        text += f" (in attempt {result.attempts})"
+        text += f" (in attempt {result.attempts}; before: {result.earlier})"
     return text
+
+
+def dump(fault: Fault) -> str:
+    """Returns the bytes of a fault as lines in hexadecimal."""
+    return "".join(f"\n        {what}: {data[:MOST_BYTES].hex(' ')}" + (" ..." if len(data) > MOST_BYTES else "")
+                   for what, data in (("expected", fault.expected), ("actual", fault.actual)) if data)

@@ -26,7 +26,7 @@ RESET_ON_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() then resets t
 class Arrived(NamedTuple):
     """A message that the companion or device under test has sent."""
 
-    time: float
+    time: float  # EventLoop.clock()
     message: Message
 
 
@@ -59,6 +59,7 @@ class EventLoop:
         self.patience = patience
         self.exchange = Exchange()
         self.faults: list[Fault] = []  # faults found in the bytes that the subject has sent
+        self.clock: Callable[[], float] = time.monotonic  # the time that the subject is judged by
         self._sources: list[Source] = []
         self._timers: list[tuple[float, Callable[[], object]]] = []
         self._due: list[float] = []
@@ -149,9 +150,10 @@ class Channel:
     def __init__(self, loop: EventLoop, connected: socket.socket, by_companion: bool):
         self.arrived: list[Arrived] = []
         self.ended = False      # the subject has ended the connection
+        self.over: float | None = None  # time at which one of the two sides has ended it
         self.readable = True    # if false, the kit does not read
         self.reader = StrictReader(by_companion)
-        self.image_sent = False  # the kit has sent a whole image
+        self.linked: float | None = None  # time at which the kit has sent the first whole image
         self._sent = FrameReader()
         self._sending, self._behind = False, bytearray()
         self.loop, self._socket, self._closed = loop, connected, False
@@ -196,7 +198,7 @@ class Channel:
 
     def take(self, message: Message) -> None:
         """Handles a message of the subject."""
-        self.arrived.append(Arrived(time.monotonic(), message))
+        self.arrived.append(Arrived(self.loop.clock(), message))
 
     def send(self, data: bytes) -> bool:
         """Sends data. Returns False if the subject has ended the connection, or reads nothing for `stall` seconds."""
@@ -246,7 +248,8 @@ class Channel:
             return False
         if data:
             self._log(KIT, "bytes", data)
-            self.image_sent |= any(each.type == MessageType.IMAGE for each in self._sent.feed(data))
+            if any(each.type == MessageType.IMAGE for each in self._sent.feed(data)) and self.linked is None:
+                self.linked = self.loop.clock()
         rest = memoryview(data)
         end, before = time.monotonic() + self.stall, -1
         while rest and not self.ended and time.monotonic() < end:
@@ -268,18 +271,30 @@ class Channel:
             self._closed, self.readable = True, False
             if not self.ended:
                 self._log(KIT, "ended")
+            self._note_end()
             self._socket.close()
+
+    def half_close(self) -> None:
+        """Ends the stream to the subject, but still reads what the subject sends."""
+        self._log(KIT, "ended")
+        self._note_end()
+        self._socket.shutdown(socket.SHUT_WR)
 
     def reset(self) -> None:
         if not self._closed:
             self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET_ON_CLOSE)
             self._closed, self.readable = True, False
             self._log(KIT, "reset")
+            self._note_end()
             self._socket.close()
 
     def _end(self, kind: str) -> None:
         self.ended, self.readable = True, False
+        self._note_end()
         self._log(SUBJECT, kind)
+
+    def _note_end(self) -> None:
+        self.over = self.loop.clock() if self.over is None else self.over
 
     def _log(self, speaker: str, kind: str, data: bytes = b"") -> None:
         ends = (self.here, self.there) if speaker == KIT else (self.there, self.here)

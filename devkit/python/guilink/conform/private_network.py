@@ -23,6 +23,8 @@ address add {DEVICE}/24 broadcast {BROADCAST} dev guilink0
 address add {OTHER_DEVICE}/24 broadcast {BROADCAST} dev guilink0
 link set dev guilink0 up
 """
+# The companion's receive buffers are small, so that the kit notices soon if the companion stops reading.
+RECEIVE_BUFFER = "4096 16384 65536"  # bytes: least, initial and greatest
 SUBJECT_SIDE = f"""link set dev lo up
 address add {COMPANION}/24 broadcast {BROADCAST} dev guilink1
 link set dev guilink1 up
@@ -63,10 +65,12 @@ class PrivateNetwork:
             stdout=subprocess.PIPE)
         assert self._holder.stdout
         self._holder.stdout.readline()  # wait until the namespace exists
+        self.holder = self._holder.pid
         self.within = ["nsenter", "--target", str(self._holder.pid), "--net", "--"]
         self._ip([], "link add dev guilink0 type veth peer name guilink1 netns "
                      f"{self._holder.pid}\n" + KIT_SIDE)
         self._ip(self.within, SUBJECT_SIDE)
+        subprocess.run([*self.within, "sh", "-c", f"echo {RECEIVE_BUFFER} >/proc/sys/net/ipv4/tcp_rmem"], check=True)
 
     @staticmethod
     def _ip(within: list[str], batch: str) -> None:

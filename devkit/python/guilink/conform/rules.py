@@ -37,7 +37,7 @@ FRAME-18 device must The device skips frames of type 2, of type 3, and of every 
 FRAME-19 device must The device sends only frames of the types 2, 3 and 6.
 LINK-1 companion must A ConnectRequest is the first frame that the companion sends on a connection.
 LINK-2 companion must The companion repeats the ConnectRequest with each keep-alive until an ImageMessage has arrived.
-LINK-3 companion must When a connection ends, the companion uses the next connection that the device has already opened, or answers the next broadcast.
+LINK-3 companion must When a connection ends, the companion uses the next connection that the device has already opened or, if there is none, answers the next broadcast.
 LINK-4 companion must If nothing has arrived on a candidate for a second, the companion uses the next connection that the device has already opened.
 LINK-5 companion should Once linked, the companion closes all connections except the link, even those that arrive later.
 LINK-6 companion must If the companion's device broadcasts more than a second after the link's first image, the companion closes the link and answers the broadcast.
@@ -81,6 +81,7 @@ PRESS-2 companion must A ButtonMessage holds one byte, 0 to 15.
 PRESS-3 device must For each ButtonMessage on the link, the device sends its user interface one message, whose number is 100 plus the button's number.
 PRESS-4 device must If a ButtonMessage holds a number above 15, the device repeats the last valid press. An empty ButtonMessage has no effect. The device ignores all bytes after the first.
 PRESS-5 device must The device writes the text of a DataMessage to its log.
+PRESS-6 companion must A DataMessage holds its text only, without a terminator.
 """
 
 # Rules that no test case can check, with the reason.
@@ -95,11 +96,12 @@ NO_CASE = {
 # Rules that each test case checks in all data from the companion or device under test.
 IN_EVERY_CASE = {
     "companion": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", "DISC-4", "LINK-1", "LINK-10",
-                  "PRESS-1", "PRESS-2"),
+                  "PRESS-1", "PRESS-2", "PRESS-6", "TIME-1", "TIME-2", "TIME-3"),
     "device": ("FRAME-1", "FRAME-2", "FRAME-3", "FRAME-19", "DISC-2"),
 }
 # Reasons why a rule was not checked, although its test cases were run.
-NEEDS = {"PRESS-2": "the companion has pressed no button; docs/conformance.md shows how to make it press"}
+NEEDS = {"PRESS-2": "the companion has pressed no button; docs/conformance.md shows how to make it press",
+         "PRESS-6": "the companion has sent no text"}
 
 
 @dataclass(frozen=True)

@@ -1,7 +1,9 @@
 """Plays a device for the companion under test: it broadcasts, connects, answers and sends images."""
 from __future__ import annotations
 
+import math
 import socket
+import statistics
 import time
 
 from guilink.conform.case import Attempt
@@ -15,6 +17,12 @@ from guilink.wire import Message, MessageType, frame
 BROADCAST_INTERVAL = 0.25  # s between two broadcasts, until the companion answers
 REPEAT = 0.5           # s; an image is sent again after this time
 SEND_BUFFER = 1 << 20  # bytes; SO_SNDBUF, as on a real device
+DATA_SEGMENTS_IN = 152  # bytes before tcpi_data_segs_in in Linux's struct tcp_info
+SURPLUS = 3  # number of answers that may belong to broadcasts of the case before
+MUST_SPEAK = 3.0       # s; longest permitted time between two messages on the link
+MUST_GAP = 2.0         # s; longest permitted time between two ControlMessages
+SHOULD_GAP = 1.0       # s; the kit warns if the typical time between two ControlMessages is longer
+FEWEST_GAPS = 3        # number of gaps from which a typical one is known
 REQUESTS_TO_PRESS = 3  # until the first image, a companion may press a button only after this many ConnectRequests
 
 
@@ -25,8 +33,27 @@ class Connection(Channel):
         super().__init__(attempt.loop, connected, by_companion=True)
         self.answering = True
         self._may_press = False
+        self._permitted = False  # the kit has sent the answer that permits presses
+        self._segments: int | None = None  # number of segments that have been read, if it is known
         self._requests = 0
+        self._unanswered: list[bool] = []  # for each IdentityRequest: whether its answer permits presses
         self._attempt, self._device = attempt, device
+
+    def receive(self) -> None:
+        self._may_press = self._permitted  # an answer to these messages cannot have arrived before them
+        before, segments = len(self.arrived), self._count_segments()
+        super().receive()
+        frames, known = len(self.arrived) - before, self._segments
+        # If another segment has just arrived, nobody knows whether it has been read.
+        self._segments = segments if segments == self._count_segments() else None
+        if known is not None and self._segments is not None and segments - known > frames > 0:
+            self.loop.faults.append(Fault("FRAME-11", f"{frames} frames arrive in {segments - known} segments"))
+
+    def _count_segments(self) -> int:
+        if self.over is not None:
+            return 0
+        information = self._socket.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, DATA_SEGMENTS_IN + 4)
+        return int.from_bytes(information[DATA_SEGMENTS_IN:], "little")
 
     def take(self, message: Message) -> None:
         super().take(message)
@@ -37,12 +64,16 @@ class Connection(Channel):
             faults.append(Fault("LINK-1", f"the first message has type {kind}", ANSWER, frame(kind, message.payload)))
         if kind == MessageType.CONNECT_REQUEST:
             self._requests += 1
-        elif kind == MessageType.IDENTITY_REQUEST and self.answering:
-            self.send(frame(MessageType.IDENTITY, self._device.identity))
-            self._may_press |= self._requests >= REQUESTS_TO_PRESS
+        elif kind == MessageType.IDENTITY_REQUEST:
+            self._unanswered.append(self._requests >= REQUESTS_TO_PRESS)
+            if self.answering:
+                self.answer(len(self._unanswered))
         elif kind in (MessageType.BUTTON, MessageType.DATA):
-            kept |= {"PRESS-1", "PRESS-2"} if kind == MessageType.BUTTON else {"PRESS-1"}
-            if not (self._may_press or self.image_sent):
+            kept |= {"PRESS-1", "PRESS-2" if kind == MessageType.BUTTON else "PRESS-6"}
+            if kind == MessageType.DATA and message.payload.endswith(b"\0"):
+                faults.append(Fault("PRESS-6", "a DataMessage whose text ends with a terminator", b"",
+                                    frame(kind, message.payload)))
+            if not (self._may_press or self.linked):
                 faults.append(Fault(
                     "PRESS-1", f"a {'Button' if kind == MessageType.BUTTON else 'Data'}Message before the first "
                     "image, and before the answer to an IdentityRequest that followed the third ConnectRequest; "
@@ -52,13 +83,51 @@ class Connection(Channel):
                 faults.append(Fault("PRESS-2", "a ButtonMessage that is not one byte from 0 to 15",
                                     b"", frame(kind, message.payload)))
 
+    def answer(self, number: int = 1) -> None:
+        """Answers the oldest IdentityRequests that have no answer yet."""
+        for permits in self._unanswered[:number]:
+            self.send(frame(MessageType.IDENTITY, self._device.identity))
+            self._permitted |= permits
+        del self._unanswered[:number]
+
+    def late(self) -> list[Fault]:
+        """Returns what the companion has not sent on this connection, or not in time."""
+        faults = []
+        linked = math.inf if self.linked is None else self.linked
+        candidate = [each.message.type for each in self.arrived if each.time < linked]
+        controls = [i for i, kind in enumerate(candidate) if kind == MessageType.CONTROL]
+        if any(MessageType.CONNECT_REQUEST not in candidate[a:b] for a, b in zip(controls, controls[1:])):
+            faults.append(Fault("LINK-2", "a keep-alive without a ConnectRequest before the first image"))
+        if self.linked is None:
+            return faults
+        end = self.loop.clock() if self.over is None else self.over
+        words = _gaps([each.time for each in self.arrived], linked, end)
+        controls_late = _gaps(self.times(MessageType.CONTROL), linked, end)
+        if max(words) > MUST_SPEAK:
+            faults.append(Fault("TIME-1", f"nothing is sent on the link for {max(words):.1f} s"))
+        if max(controls_late) > MUST_GAP:
+            faults.append(Fault("TIME-2", f"no ControlMessage on the link for {max(controls_late):.1f} s"))
+        typical = statistics.median(controls_late[:-1] or [0])
+        if len(controls_late) > FEWEST_GAPS and typical > SHOULD_GAP:
+            faults.append(Fault("TIME-3", f"a ControlMessage every {typical:.1f} s, not every 0.5 s "
+                                f"(up to {SHOULD_GAP:.0f} s is tolerated)"))
+        self._attempt.kept |= {"TIME-1", "TIME-2"} | ({"TIME-3"} if len(controls_late) > FEWEST_GAPS else set())
+        return faults
+
+
+def _gaps(times: list[float], begin: float, end: float) -> list[float]:
+    """Returns the times between two of `times`, `begin` and `end`."""
+    marks = [begin, *(each for each in times if begin < each < end), max(begin, end)]
+    return [after - before for before, after in zip(marks, marks[1:])]
+
 
 class ScriptedDevice:
     def __init__(self, attempt: Attempt, address: str, identity: bytes = b"11111fw1.1"):
         self.identity, self.address = identity, address
         self.udp = UdpSocket(attempt.loop, (address, 3153))
-        self._other_port = UdpSocket(attempt.loop, (address, 3152))  # finds answers to the wrong port
-        self._attempt, self._checked = attempt, 0
+        # These find answers to a wrong port or address.
+        self._astray = [UdpSocket(attempt.loop, (address, 3152)), UdpSocket(attempt.loop, (BROADCAST, 3153))]
+        self._attempt, self._checked, self.connections = attempt, 0, list[Connection]()
         self.broadcasts, self.last_broadcast = 0, 0.0
 
     def broadcast(self, datagram: bytes | None = None) -> None:
@@ -70,9 +139,13 @@ class ScriptedDevice:
     def answers(self) -> int:
         """The number of answers so far. Reading this property also checks the new answers."""
         faults = self._attempt.loop.faults
-        for datagram in self._other_port.arrived:
-            faults.append(Fault("DISC-4", "an answer to port 3152", ANSWER, datagram.data))
-        self._other_port.arrived.clear()
+        for socket_ in self._astray:
+            for datagram in socket_.arrived:
+                faults.append(Fault("DISC-4", "an answer to {} port {}".format(*socket_.address), ANSWER,
+                                    datagram.data))
+            socket_.arrived.clear()
+        if len(self.udp.arrived) > self.broadcasts + SURPLUS:
+            faults.append(Fault("DISC-4", f"{len(self.udp.arrived)} answers to {self.broadcasts} broadcasts"))
         for datagram in self.udp.arrived[self._checked:]:
             self._checked += 1
             if datagram.data != ANSWER:
@@ -94,15 +167,21 @@ class ScriptedDevice:
                 return False
         return False
 
-    def connect(self) -> Connection:
-        """Connects to the companion, as a device does after an answer."""
+    def connect(self, rule: str = "DISC-7") -> Connection:
+        """Connects to the companion, as a device does after an answer. If this fails, `rule` counts as broken."""
+        if (connection := self.try_to_connect()) is None:
+            self._attempt.fail(rule, "TCP port 8399 accepts no connection")
+            raise AssertionError("a must was broken")
+        return connection
+
+    def try_to_connect(self) -> Connection | None:
         try:
             connected = socket.create_connection((COMPANION, 8399), self._attempt.loop.patience, (self.address, 0))
-        except OSError as error:
-            self._attempt.fail("DISC-7", f"TCP port 8399 does not accept: {error.strerror}")
-            raise AssertionError("a must was broken") from error
+        except OSError:
+            return None
         connected.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, SEND_BUFFER)
-        return Connection(self._attempt, connected, self)
+        self.connections.append(Connection(self._attempt, connected, self))
+        return self.connections[-1]
 
     def show(self, channel: Channel, pixels: Pixels) -> bool:
         return self.show_payload(channel, encode(pixels))

@@ -8,8 +8,12 @@ import zlib
 from dataclasses import dataclass, field
 from typing import NamedTuple
 
+import numpy as np
+from numpy.typing import NDArray
+
 from guilink.wire import HEADER, MAX_PAYLOAD, START, Message, frame
 
+Screens = tuple[NDArray[np.uint8], NDArray[np.uint8]]  # the expected and the shown picture, as RGB or RGBA
 SENT_BY_COMPANION = frozenset({0, 1, 4, 5, 6})
 SENT_BY_DEVICE = frozenset({2, 3, 6})
 MAX_TO_DEVICE = MAX_PAYLOAD - HEADER.size
@@ -20,6 +24,7 @@ class Fault(NamedTuple):
     text: str
     expected: bytes = b""
     actual: bytes = b""
+    screens: Screens | None = None
 
 
 @dataclass

@@ -1,0 +1,71 @@
+"""Test cases: the plain things that all other cases for companions stand on."""
+from __future__ import annotations
+
+import numpy as np
+
+from guilink.conform.case import case
+from guilink.conform.companion_attempt import LINK_SILENCE, PLAIN, SECOND, SIZE, CompanionAttempt
+from guilink.picture import Pixels, encode
+from guilink.wire import MessageType, frame
+
+KEEP_ALIVES = 5  # number of ControlMessages to wait for
+
+FOUND = ("answers_a_broadcast",)
+LINKED = (*FOUND, "keeps_the_link_alive", "link_ends_in_every_way")
+SHOWN = (*LINKED, "shows_a_plain_image")  # what a case needs that looks at pictures
+
+
+@case("companion", "DISC-3", "DISC-4", "DISC-5", "DISC-7", "LINK-1", fresh=True)
+def answers_a_broadcast(attempt: CompanionAttempt) -> None:
+    """The device broadcasts; the companion must answer, accept the connection, and send a ConnectRequest at once."""
+    attempt.find()
+    began = attempt.loop.clock()
+    took = attempt.candidate(find=False).arrived[0].time - began
+    attempt.require("LINK-1", took <= SECOND, f"the first message comes {took:.1f} s after the connection; by then, "
+                    "a device has broadcast again and closed it")
+
+
+@case("companion", "TIME-1", "TIME-2", "TIME-3", "FRAME-1", "FRAME-2", "FRAME-3", "FRAME-10", "FRAME-11", needs=FOUND)
+def keeps_the_link_alive(attempt: CompanionAttempt) -> None:
+    """The device repeats its image; the companion must keep the link, and send keep-alives in time."""
+    channel = attempt.link()
+    attempt.loop.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= KEEP_ALIVES,
+                       attempt.loop.patience + LINK_SILENCE)
+    attempt.forbid("TIME-1", channel.ended, "the companion closes the link, although the device repeats its image")
+
+
+@case("companion", "LINK-3", "LINK-10", needs=LINKED[:2])
+def link_ends_in_every_way(attempt: CompanionAttempt) -> None:
+    """The device ends a connection in several ways; the companion must answer the next broadcast."""
+    inside = frame(MessageType.IMAGE, encode(PLAIN))[:50]
+    for way in ("close", "reset", "reset inside a frame", "half-close"):
+        channel = attempt.link()
+        attempt.keep_alives(channel, 1)
+        attempt.forbid("LINK-3", channel.ended, f"the companion closes the link before the {way}")
+        if "inside" in way:
+            channel.send(inside)
+        end = {"close": channel.close, "half-close": channel.half_close}.get(way, channel.reset)
+        end()
+        attempt.require("LINK-3", attempt.device.broadcast_until_answered(),
+                        f"no broadcast is answered after a {way} of the link")
+    attempt.device.connect().reset()
+    attempt.candidate().close()
+    attempt.kept |= {"LINK-3", "LINK-10"}
+
+
+@case("companion", "PICT-1", "PICT-2", "PICT-3", "PICT-4", needs=LINKED)
+def shows_a_plain_image(attempt: CompanionAttempt) -> None:
+    """The device sends an image of 1024 x 768 pixels; the companion must show it."""
+    channel = attempt.candidate()
+    attempt.device.repeat(channel, plain_image())
+    attempt.must_show("PICT-1", plain_image(), "an image of 1024 x 768 pixels", channel)
+
+
+def plain_image() -> Pixels:
+    """Returns an opaque picture with 16 colours, in runs that do not end with the rows."""
+    colours = np.array([0xF000 | red << 8 | green << 4 | blue for red in (0, 3, 12, 15)
+                        for green, blue in ((15, 1), (7, 8), (2, 15), (9, 4))], np.uint16)
+    places = np.arange(SIZE[0] * SIZE[1])
+    drawn: Pixels = colours[(places // 700 + places // 5001) % len(colours)].reshape(SIZE)
+    drawn[-1, -2:] = 0xF26A
+    return drawn
