@@ -17,6 +17,8 @@ from support.fake_device import LIMIT
 from support.service import end_service, start_service
 from support.visitor import PORT, Page, ask, until
 
+import guilink
+
 BIN = Path(os.environ["GUILINK_BIN"])
 DOCS = Path(__file__).resolve().parent.parent / "docs"
 HAPROXY = shutil.which("haproxy", path=f"{os.environ['PATH']}:/usr/sbin")
@@ -102,6 +104,25 @@ def test_each_route_needs_a_token(tmp_path):
                 page.send(press=1, id=1)
                 assert ("delivered" in page.said()) == (may == "press")
         assert "pressed by 127.0.0.1 (page)" in said()[1] and "pressed by 127.0.0.1 (program)" in said()[1]
+
+
+def test_programs_use_the_printed_url(tmp_path, caplog):
+    caplog.set_level("DEBUG")
+    with viewer(tmp_path, "--listen", "0.0.0.0:8080"):
+        page = "http://10.77.0.1:8080/"
+        with guilink.connect("11111", viewer=f"{page}?token={FULL}") as device:
+            device.press("down")
+        with guilink.connect(viewer=f"{page}?token={VIEW}", timeout=LIMIT) as device:
+            device.wait_stable()
+            with pytest.raises(guilink.LinkError, match="cannot press 'Down'.*only lets you look"):
+                device.press("down")
+        for query, words in (("", "asks for a token; use the URL"), (f"?token={WRONG}", "does not know this token")):
+            with pytest.raises(guilink.AccessError, match=words) as error:
+                guilink.connect(viewer=page + query)
+            assert WRONG not in str(error.value)
+        with pytest.raises(guilink.LinkError, match="not let you choose") as error:
+            guilink.connect("22222", viewer=f"{page}?token={VIEW}", link_timeout=1)
+    assert not [secret for secret in (FULL, VIEW, WRONG) if secret in caplog.text]
 
 
 def test_the_browser_keeps_the_token_in_a_cookie(tmp_path):
@@ -237,10 +258,10 @@ def test_the_log(tmp_path):
 
 
 @pytest.mark.skipif(not HAPROXY, reason="the package haproxy is missing")
-def test_behind_a_proxy_with_tls(tmp_path):
+def test_behind_a_proxy_with_tls(tmp_path, monkeypatch):
     pem, name = tmp_path / "both.pem", "device.example.org"
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                    "-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}", "-days", "1",
+                    "-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name},DNS:localhost", "-days", "1",
                     "-keyout", tmp_path / "key", "-out", pem], check=True, capture_output=True)
     trust = ssl.create_default_context(cafile=pem)
     pem.write_text(pem.read_text() + (tmp_path / "key").read_text())
@@ -286,6 +307,12 @@ def test_behind_a_proxy_with_tls(tmp_path):
                     assert one.first["may"] == may
             with pytest.raises(websockets.exceptions.InvalidHandshake):
                 page(FULL, "https://evil.example")
+
+            with pytest.raises(guilink.AccessError, match="does not trust: self-signed"):
+                guilink.connect(viewer=f"https://localhost/?token={FULL}")
+            monkeypatch.setenv("SSL_CERT_FILE", str(pem))
+            with guilink.connect(viewer=f"https://localhost/?token={FULL}") as device:
+                device.press("down")
         finally:
             proxy.terminate()
 

@@ -23,13 +23,14 @@ from guilink.buttons import Buttons
 from guilink.companion import Companion
 from guilink.device import ARTIFACTS, TIMEOUT, Device, WaitTimeoutError
 from guilink.discovery import devices
-from guilink.link import GuilinkError, HeardDevice, Link, LinkError, LinkStatus, Progress, SeveralDevicesError
+from guilink.link import (AccessError, GuilinkError, HeardDevice, Link, LinkError, LinkStatus, Progress,
+                          SeveralDevicesError)
 from guilink.recording import Recording
 from guilink.screen import Box, Difference, Mask, Screen
 from guilink.wire import ID_SIZE
 
-__all__ = ["Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError", "HeardDevice", "Link",
-           "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevicesError", "WaitTimeoutError",
+__all__ = ["AccessError", "Box", "Buttons", "Companion", "Device", "Difference", "GuilinkError", "HeardDevice",
+           "Link", "LinkError", "LinkStatus", "Mask", "Recording", "Screen", "SeveralDevicesError", "WaitTimeoutError",
            "connect", "devices"]
 
 __version__ = "0.1.0"
@@ -66,7 +67,7 @@ def connect(device: str | None = None, *, viewer: str | None = None,
             try:
                 link.wait_linked(min(end, time.monotonic() + PROGRESS_INTERVAL))
                 return Device(link, buttons, timeout, artifacts)
-            except SeveralDevicesError:
+            except (AccessError, SeveralDevicesError):
                 raise
             except LinkError as error:
                 if time.monotonic() >= end:

@@ -29,6 +29,10 @@ class SeveralDevicesError(LinkError):
     """Several devices are in sight and none was chosen."""
 
 
+class AccessError(LinkError):
+    """The viewer does not let this program in, and waiting will not change that."""
+
+
 @dataclass(frozen=True)
 class HeardDevice:
     """A device whose broadcast was received."""

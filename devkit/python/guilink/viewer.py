@@ -11,13 +11,14 @@ import os
 import re
 import ssl
 import time
-from typing import Any, NamedTuple, Sequence
+from dataclasses import dataclass, field
+from typing import Any, Sequence
 from urllib.parse import parse_qs, urlsplit
 
 import websockets
 from websockets.exceptions import InvalidHandshake, WebSocketException
 
-from guilink.link import HeardDevice, Link, LinkStatus
+from guilink.link import AccessError, HeardDevice, Link, LinkStatus
 from guilink.wire import MAX_PAYLOAD, MessageType
 
 RECONNECT = 0.25  # s between two attempts to connect
@@ -28,12 +29,13 @@ LOG.setLevel(logging.INFO)
 HEADERS = "additional_headers" if int(websockets.version.version.split(".")[0]) >= 14 else "extra_headers"
 
 
-class ViewerUrl(NamedTuple):
+@dataclass(frozen=True)
+class ViewerUrl:
     """Where a viewer is, and the token with which it lets a program in."""
 
-    page: str   # for messages, without the token
-    link: str   # the WebSocket
-    token: str  # empty if there is none
+    page: str  # for messages, without the token
+    link: str  # the WebSocket
+    token: str = field(repr=False)  # empty if there is none
 
     @classmethod
     def parse(cls, url: str) -> ViewerUrl:
@@ -94,7 +96,12 @@ class Viewer(Link):
             return f"{self._name} {self._away}"
         heard = "; ".join(map(str, self.devices())) or "none"
         wanted = self._device or self._state.get("wanted", "")
-        return f"{self._name} has no link to {f'device {wanted}' if wanted else 'a device'}; heard: {heard}"
+        only = "; this token does not let you choose the device" if self._may_only_look() else ""
+        wanted = f"device {wanted}" if wanted else "a device"
+        return f"{self._name} has no link to {wanted}; heard: {heard}{only}"
+
+    def _may_only_look(self) -> bool:
+        return self._state.get("may") == "view"
 
     def _wake(self) -> None:
         if self._thread.is_alive():
@@ -147,22 +154,31 @@ class Viewer(Link):
                         self._take(message)
                 self._disconnected("has ended the connection")
             except InvalidHandshake as error:
-                self._disconnected(self._refusal(error))
+                self._refused(error)
             except ssl.SSLCertVerificationError as error:
-                self._disconnected(f"has a certificate that this system does not trust: {error.verify_message}")
+                self._give_up(f"has a certificate that this system does not trust: {error.verify_message}")
             except (OSError, WebSocketException, asyncio.TimeoutError) as error:
                 self._disconnected(f"cannot be reached: {_reason(error)}; is it running?")
             finally:
                 self._socket = None
             await asyncio.sleep(RECONNECT)
 
-    def _refusal(self, error: InvalidHandshake) -> str:
+    def _refused(self, error: InvalidHandshake) -> None:
         response = getattr(error, "response", error)  # older versions of websockets have no response
         status = getattr(response, "status_code", None)
+        why = f"refuses this program ({f'HTTP status {status}' if status else error})"
         if status == 401:
-            return (f"{'does not know this token' if self._url.token else 'asks for a token'}: use the URL that it "
-                    "prints when it starts, which ends in ?token=...")
-        return f"refuses this program ({f'HTTP status {status}' if status else error})"
+            why = (f"{'does not know this token' if self._url.token else 'asks for a token'}; use the URL that it "
+                   "prints when it starts, with ?token=...")
+        if status and 400 <= status < 500:
+            self._give_up(why)
+        else:
+            self._disconnected(why)
+
+    def _give_up(self, why: str) -> None:
+        with self._changed:
+            self._failure = self._failure or AccessError(f"{self._name} {why}")
+            self._disconnected(why)
 
     def _disconnected(self, why: str) -> None:
         with self._changed:
@@ -196,7 +212,7 @@ class Viewer(Link):
         """If the wanted device has broadcast, but is not linked, asks the viewer to link to it."""
         if self._state.get("state") == "linked" and not self._state["identity"]:
             return  # the next state will say which device is linked
-        if self._device and not self._ready() and self._state.get("wanted") != self._device:
+        if self._device and not self._may_only_look() and not self._ready() and self._state.get("wanted") != self._device:
             if any(self._device in (each.identity, each.address) for each in self.devices()):
                 self._send({"device": self._device})
 
