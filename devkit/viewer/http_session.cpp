@@ -7,6 +7,7 @@
 #include <boost/beast/websocket/rfc6455.hpp>
 
 #include "devkit/viewer/connections.h"
+#include "devkit/viewer/http_message.h"
 #include "devkit/viewer/page_session.h"
 #include "devkit/viewer/requests.h"
 #include "devkit/viewer/session.h"
@@ -30,28 +31,8 @@ constexpr const char* SECURITY_POLICY =
     "connect-src 'self'; base-uri 'none'; form-action 'self'; "
     "frame-ancestors 'none'";
 
-std::string_view view(beast::string_view text) {
-    return {text.data(), text.size()};
-}
-
 beast::string_view view(std::string_view text) {
     return {text.data(), text.size()};
-}
-
-HttpRequest plain(const Request& request) {
-    std::string_view forwarded_for;  // the last one, because a client may send others
-    for (auto [field, end] = request.equal_range("X-Forwarded-For"); field != end; ++field)
-        forwarded_for = view(field->value());
-    return {.method = view(request.method_string()),
-            .target = view(request.target()),
-            .body = request.body(),
-            .host = view(request[http::field::host]),
-            .origin = view(request[http::field::origin]),
-            .fetch_site = view(request["Sec-Fetch-Site"]),
-            .authorization = view(request[http::field::authorization]),
-            .cookie = view(request[http::field::cookie]),
-            .forwarded_for = forwarded_for,
-            .forwarded_proto = view(request["X-Forwarded-Proto"])};
 }
 
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
@@ -96,7 +77,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             m_readable = false;
             return respond({.status = 400, .body = "A request needs one Host header.\n"});
         }
-        const HttpRequest request = plain(m_parser->get());
+        const HttpRequest request = read_headers(m_parser->get());
         const auto address = address_of(m_stream.socket());
         m_client = {address.to_string(), request.is_from_program(), Access::none};
         m_sender = sender_of(address);
@@ -113,7 +94,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     }
 
     void serve() {
-        const HttpRequest request = plain(m_parser->get());
+        const HttpRequest request = read_headers(m_parser->get());
         const std::string_view token = m_hub.policy().token_in(request);
         m_client.access = m_hub.policy().access_of(token);
         if (m_client.access != Access::none)
