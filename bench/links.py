@@ -1,14 +1,16 @@
 #!/usr/bin/python3
-"""links.py [--seconds N] [--only TABLE] GUILINKD...: measures the service on slow and bad networks. Prints tables.
+"""links.py [--seconds N] [--only TABLE] GUILINKD...: measures the service over loopback, and on slow and bad networks.
+Prints tables.
 
-The device pushes 60 frames a second; the companion of the package `guilink` presses a button twice a second. The
-network between them is build/release/bin/guilink-cable. Each measurement runs in a sandbox of its own. If several
-builds of the service are given, measures them at the same time, and prints a column for each.
+The device pushes 60 frames a second; the companion, bench/companion.cpp, presses a button twice a second. The network
+between them is tests/support/cable.cpp. Each measurement runs in a sandbox of its own. If several builds of the service
+are given, measures them at the same time, and prints a column for each.
 
 All times are in milliseconds. Columns:
   links lost  how often the link ended
   pause       the longest time without a new picture
-  age         from the core's call until the companion has the picture: median / 99 %
+  age         from the core's call until the companion has received the image: median / 99 %
+  decoded     the same until it has decoded the image
   presses     how many presses arrived at the control service
   press       from the press in the companion until it arrives: median / 99 % / maximum
 """
@@ -26,11 +28,9 @@ import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "devkit/python"))
-import guilink  # noqa: E402  the path comes first
+BIN = ROOT / "build/release/bin"
 
 FRAME_TIME = 1 / 60     # s between frames
-PRESS_TIME = 0.473      # s between presses; no multiple of the companion's other intervals
 PRESS_LIMIT = 7         # s; a press that arrives later counts as lost; after 16 presses, a button is pressed again
 FAULT_TIME = 10         # s from the end of a fault to the next one
 LIMIT = 60              # s; how long to wait for a link
@@ -42,8 +42,9 @@ ADDRESS = 0x10000000    # physical address of the frames
 
 # --- what is measured ---------------------------------------------------------------------------------
 
-class Scenario(collections.namedtuple("Scenario", "cable size fault", defaults=(None,))):
-    """`cable` has the settings of the cable, or is empty for loopback. `size` is the size of an image in bytes."""
+class Scenario(collections.namedtuple("Scenario", "cable frame fault", defaults=(None,))):
+    """`cable` has the settings of the cable, or is empty for loopback. `frame` is the size of an image in bytes, or a
+    scene of guilink-core."""
 
     @property
     def heavy(self):  # needs much processor time, so it runs alone
@@ -78,6 +79,7 @@ RATES = {"2 Mbit/s": "rate 2", "5 Mbit/s": "rate 5", "20 Mbit/s": "rate 20", "10
 GUI = SIZES["40 kB"]
 NORMAL = "rate 20 delay 5"
 TABLES = {
+    "latency": {scene: Scenario("", scene) for scene in ("overlay", "menu", "gradient", "noise")},
     "presses": {name: Scenario(rate and rate + " delay 5", SIZES["600 kB"]) for name, rate in RATES.items()},
     "slow": {f"{name}, {size}": Scenario(rate and rate + " delay 5", SIZES[size]) for name, rate in RATES.items()
              if rate for size in SIZES},
@@ -99,39 +101,18 @@ TABLES = {
 }
 
 
-# --- the companion, in a process of its own ---------------------------------------------------------------
-
-def companion():
-    """Prints a line for each event: its name, its time, and a number."""
-    def say(event, number=0, at=None):
-        os.write(sys.stdout.fileno(), f"{event} {at or time.monotonic()} {number}\n".encode())
-
-    def press(number):
-        begin = time.monotonic()
-        say("press", number, begin)
-        try:
-            link.press(number % 16, begin + PRESS_LIMIT)
-        except guilink.LinkError:
-            pass  # whether the press arrives is seen at the control service
-
-    def take(picture):
-        say("picture", struct.unpack_from("<H", picture.payload, 6)[0], picture.time)
-
-    link = guilink.Companion()
-    link.pictures.listen(take)
-    linked, presses, next_press = False, 0, 0.0
-    while True:
-        if link.status().linked != linked:
-            linked = not linked
-            say("linked" if linked else "lost")
-        if linked and time.monotonic() >= next_press:
-            next_press = time.monotonic() + PRESS_TIME
-            threading.Thread(target=press, args=[presses], daemon=True).start()
-            presses += 1
-        time.sleep(POLL)
-
-
 # --- the device, in a sandbox ---------------------------------------------------------------------------
+
+def draw(frame):
+    """Returns the pixels."""
+    if isinstance(frame, str):
+        file = Path("/tmp/FL0/frame")  # in the sandbox only
+        subprocess.run([BIN / "guilink-core", "--still", "--frames", "1", "--scene", frame, "--dump", file], check=True,
+                       stderr=subprocess.DEVNULL)
+        return file.read_bytes()
+    runs = frame // 4 - 2  # of one pixel each; the blank rest takes up to 20 runs
+    return (struct.pack("<HH", 0xF123, 0xFABC) * runs)[:2 * runs] + bytes(2 * (WIDTH * HEIGHT - runs))
+
 
 class Rig:
     """The cable, the service, its core and control service, and the companion."""
@@ -142,16 +123,18 @@ class Rig:
         self.arrived = []  # presses at the control service, as (button, time)
         self.moves, self.far, self.cable = 0, [], None
         if scenario.cable:
-            self.cable = subprocess.Popen([ROOT / "build/release/bin/guilink-cable"], stdin=subprocess.PIPE,
-                                          stdout=subprocess.PIPE, text=True)
+            self.cable = subprocess.Popen(BIN / "guilink-cable", stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                          text=True)
             assert self.cable.stdout.readline() == "ready\n"
             self.far = ["nsenter", f"--net=/proc/{self.cable.pid}/ns/net"]
             self.set_route()
             self.set_cable(scenario.cable)
+        memory = os.open("/dev/mem", os.O_RDWR)
+        os.pwrite(memory, draw(scenario.frame), ADDRESS)
         control = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         control.bind(("127.0.0.1", 3426))
         subprocess.run([service], check=True, stdout=subprocess.DEVNULL)
-        for task in (self.push, scenario.size), (self.receive, control):
+        for task in (self.push, memory), (self.receive, control):
             threading.Thread(target=task[0], args=task[1:], daemon=True).start()
         self.start_companion()
 
@@ -173,8 +156,8 @@ class Rig:
             self.set_route()
 
     def start_companion(self):
-        self.companion = subprocess.Popen([*self.far, sys.executable, __file__, "--companion"],
-                                          stdout=subprocess.PIPE, text=True)
+        self.companion = subprocess.Popen([*self.far, BIN / "guilink-bench-companion"], stdout=subprocess.PIPE,
+                                          text=True)
         threading.Thread(target=self.read_events, args=[self.companion.stdout], daemon=True).start()
 
     def read_events(self, lines):
@@ -183,11 +166,7 @@ class Rig:
             self.events.append((name, float(at), int(number)))
         self.events.append(("lost", time.monotonic(), 0))
 
-    def push(self, size):
-        memory = os.open("/dev/mem", os.O_RDWR)
-        runs = size // 4 - 2  # of one pixel each; the blank rest takes up to 20 runs
-        os.pwrite(memory, (struct.pack("<HH", 0xF123, 0xFABC) * runs)[:2 * runs] + bytes(2 * (WIDTH * HEIGHT - runs)),
-                  ADDRESS)
+    def push(self, memory):
         core = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         while core.connect_ex("\0ambaipc/70000004/1"):
             time.sleep(POLL)
@@ -207,7 +186,7 @@ class Rig:
 
     def wait_for_picture(self):
         end = time.monotonic() + LIMIT
-        while not any(name == "picture" for name, _, _ in self.events):
+        while not any(name == "decoded" for name, _, _ in self.events):
             if time.monotonic() > end:
                 raise TimeoutError("no picture within 60 s")
             time.sleep(POLL)
@@ -227,11 +206,11 @@ def measure(service, scenario, seconds):
     end = time.monotonic()
     time.sleep(PRESS_LIMIT)  # for the last presses
 
-    pictures, presses, lost = {}, [], 0  # pictures: time of arrival by stamp; presses: [time, button, arrival]
+    received, decoded, presses, lost = {}, {}, [], 0  # times by stamp; presses: [time, button, arrival]
     for name, at, number in list(rig.events):
         if begin <= at < end:
-            if name == "picture" and number in rig.pushed:
-                pictures.setdefault(number, at)
+            if name in ("received", "decoded") and number in rig.pushed:
+                (received if name == "received" else decoded).setdefault(number, at)
             if name == "press":
                 presses.append([at, number % 16, None])
             lost += name == "lost"
@@ -241,9 +220,10 @@ def measure(service, scenario, seconds):
             sent[-1][2] = at
     pauses = []
     for since, until in zip(cuts, cuts[1:] or [end]):
-        moments = [since, *(at for at in pictures.values() if since <= at < until), until]
+        moments = [since, *(at for at in received.values() if since <= at < until), until]
         pauses.append(max(after - before for before, after in zip(moments, moments[1:])))
-    return {"ages": [at - rig.pushed[stamp] for stamp, at in pictures.items()], "seconds": end - begin,
+    ages, decoded = ([at - rig.pushed[stamp] for stamp, at in times.items()] for times in (received, decoded))
+    return {"ages": ages, "decoded": decoded, "seconds": end - begin,
             "lost": lost, "faults": len(cuts) - 1, "pauses": pauses,
             "presses": len(presses), "times": [press[2] - press[0] for press in presses if press[2]]}
 
@@ -261,7 +241,7 @@ def spread(values, *parts):
     """Returns values in milliseconds: the median for the quantile 0.5, the maximum for 1."""
     values = sorted(values)
     chosen = [1000 * values[min(int(len(values) * part), len(values) - 1)] for part in parts if values]
-    return " / ".join(f"{value:.{0 if value >= 10 else 1}f}" for value in chosen) or "none"
+    return " / ".join(f"{value:.{0 if value >= 10 else 1 if value >= 1 else 2}f}" for value in chosen) or "none"
 
 
 CELLS = {
@@ -269,12 +249,14 @@ CELLS = {
     "pause": lambda got: spread(got["pauses"], 1),
     "pictures/s": lambda got: f"{len(got['ages']) / got['seconds']:.3g}",
     "age": lambda got: spread(got["ages"], 0.5, 0.99),
+    "decoded": lambda got: spread(got["decoded"], 0.5, 0.99),
     "presses": lambda got: f"{len(got['times'])} of {got['presses']}",
     "press": lambda got: spread(got["times"], 0.5, 0.99, 1),
 }
-COLUMNS = {"presses": ["presses", "press", "links lost"],
+COLUMNS = {"latency": ["age", "decoded", "pictures/s", "press"],
+           "presses": ["presses", "press", "links lost"],
            "slow": ["age", "pictures/s", "links lost"],
-           "bad": list(CELLS)}
+           "bad": [column for column in CELLS if column != "decoded"]}
 
 
 def main():
@@ -304,9 +286,7 @@ def main():
     return failed
 
 
-if sys.argv[1:] == ["--companion"]:
-    companion()
-elif sys.argv[1:2] == ["--inside"]:
+if sys.argv[1:2] == ["--inside"]:
     print(json.dumps(measure(sys.argv[4], TABLES[sys.argv[2]][sys.argv[3]], float(sys.argv[5]))))
 else:
     sys.exit(main())

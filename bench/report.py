@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
-"""report.py FOLDER CHART: prints tables of the results that scripts/bench has written to FOLDER, and draws CHART.
+"""report.py FOLDER: prints tables of the results that scripts/bench has written to FOLDER.
 
 All times are processor times. Each run of guilink-bench repeats every benchmark and reports the median time. The
 tables show the best result of all runs."""
 
-import collections
 import glob
 import json
 import sys
@@ -83,72 +82,4 @@ def report_speed(runs):
     table(["ratio of times", "goal, at least", "reached", "goal met"], rows)
 
 
-def report_latency(folder):
-    figures = collections.defaultdict(list)  # values of all runs by (scene or "button", statistic)
-    for path in glob.glob(folder + "/*.tsv"):
-        with open(path, encoding="utf-8") as file:
-            for line in file:
-                if line.count("\t") == 2:  # not a log line of the service
-                    subject, statistic, value = line.rstrip("\n").split("\t")
-                    figures[subject, statistic].append(float(value))
-
-    def cell(*keys):
-        """Returns the smallest value of each figure, because a busy machine can only increase the times."""
-        return " / ".join(f"{min(figures[key]):.{2 if min(figures[key]) < 1 else 1}f}" for key in keys)
-
-    print("\nLatency over loopback, in milliseconds:")
-    rows = [
-        [scene, cell((scene, "received median")), cell((scene, "decoded median"))]
-        + [cell((scene, "age when shown median"), (scene, "age when shown p99"))]
-        + [f"{max(figures[scene, 'frames a second']):.3g}"]
-        for scene in ["overlay", "menu", "text", "largest"]
-    ]
-    table(["scene", "received", "decoded", "age", "frames/s"], rows)
-    print("\nA press: " + cell(("button", "sent on median"), ("button", "sent on p99")))
-
-
-def draw(runs, path):
-    """Draws a bar chart of the microseconds for one 1280x960 frame of each scene."""
-    ways = [
-        ("memcpy", "memcpy of the frame", "#9aa5b1"),
-        ("encode", "encode", "#1f77b4"),
-        ("lz4", "LZ4", "#e0a030"),
-        ("literal", "literal encoder", "#c0504d"),
-    ]
-    bar, left, width = 14, 90, 560
-    longest = max(run[f"{scene}/1280x960/literal"] for scene in SCENES for run in runs) / 1000
-    parts = []
-    y = 40
-    for scene in SCENES:
-        parts.append(f'<text x="{left - 8}" y="{y + 2 * bar + 4}" text-anchor="end">{scene}</text>')
-        for way, _, colour in ways:
-            time = min(run[f"{scene}/1280x960/{way}"] for run in runs) / 1000
-            length = time / longest * width
-            parts.append(f'<rect x="{left}" y="{y}" width="{length:.1f}" height="{bar - 2}" fill="{colour}"/>')
-            parts.append(f'<text x="{left + length + 4:.1f}" y="{y + bar - 4}">{time:.0f} µs</text>')
-            y += bar
-        y += bar
-    x = left
-    for _, label, colour in ways:
-        parts.append(f'<rect x="{x}" y="12" width="12" height="12" fill="{colour}"/>')
-        parts.append(f'<text x="{x + 17}" y="22">{label}</text>')
-        x += 50 + 6.5 * len(label)
-    with open(path, "w", encoding="utf-8") as file:
-        file.write(
-            f'<svg xmlns="http://www.w3.org/2000/svg" width="{left + width + 80}" height="{y}" '
-            'font-family="sans-serif" font-size="11">\n<rect width="100%" height="100%" fill="white"/>\n'
-        )
-        file.write("\n".join(parts) + "\n</svg>\n")
-
-
-def main():
-    folder, chart = sys.argv[1:]
-    runs = read_runs(folder)
-    if runs:
-        report_speed(runs)
-        draw(runs, chart)
-        print(f"\nThe chart is in {chart}.")
-    report_latency(folder)
-
-
-main()
+report_speed(read_runs(sys.argv[1]))
