@@ -3,14 +3,14 @@
 
 #include <array>
 
-#include "tests/support/bad_day.h"
+#include "tests/support/recovery.h"
 
 namespace {
 
 using namespace guilink::test;
 
 // The good companion is at the far end of a cable.
-class BadCable : public BadDay {
+class RecoveryOverACable : public Recovery {
   protected:
     void press_and_expect(GoodCompanion& good) {
         const std::string before = m_daemon->output();
@@ -25,7 +25,7 @@ class BadCable : public BadDay {
     const FarHost m_end{m_cable.far_end()};
 };
 
-TEST_F(BadCable, SlowNetworkCarriesTheNewestImagesAndEachPress) {
+TEST_F(RecoveryOverACable, SlowNetworkCarriesTheNewestImagesAndEachPress) {
     m_cable.set("rate 10");
     const Frames at_60_per_second(16ms);
     GoodCompanion good(m_end, "10.78.0.1");
@@ -33,7 +33,7 @@ TEST_F(BadCable, SlowNetworkCarriesTheNewestImagesAndEachPress) {
     press_and_expect(good);
 }
 
-TEST_F(BadCable, LinkSurvivesLossDelayAndDisorder) {
+TEST_F(RecoveryOverACable, LinkSurvivesLossDelayAndDisorder) {
     Frames::draw_pictures(5'000);
     m_cable.set("rate 20 delay 50 loss 5 duplicate 5 reorder 10");
     GoodCompanion good(m_end, "10.78.0.1");
@@ -41,7 +41,7 @@ TEST_F(BadCable, LinkSurvivesLossDelayAndDisorder) {
     press_and_expect(good);
 }
 
-TEST_F(BadCable, LongOutageEndsInANewLink) {
+TEST_F(RecoveryOverACable, LongOutageEndsInANewLink) {
     GoodCompanion good(m_end, "10.78.0.1");
     EXPECT_TRUE(good.linked_within(LIMIT));
     m_cable.set("down 1");

@@ -100,10 +100,7 @@ class CompanionTest : public testing::Test {
     }
 
     static Bytes next_payload(const Socket& connection, uint16_t type) {
-        while (true) {
-            const Bytes next = connection.read_frame();
-            if (type_of(next) == type) return payload_of(next);
-        }
+        return payload_of(connection.read_frame(type));
     }
 
     // Answers the companion's identity request, and waits until the companion is linked.

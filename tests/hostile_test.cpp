@@ -1,7 +1,7 @@
 // While hosts attack, the service must link a good companion, and must not start too many threads.
-// After the attack, the fixture BadDay checks that the service has recovered.
-#include "tests/support/bad_day.h"
+// After the attack, the fixture Recovery checks that the service has recovered.
 #include "tests/support/hostile_host.h"
+#include "tests/support/recovery.h"
 
 namespace {
 
@@ -22,10 +22,10 @@ std::chrono::seconds storm() {
 // connections of two searches, with eight connections each and one thread per connection.
 constexpr size_t MORE_THREADS = 4 * 2 + 2 * 8;
 
-class HostileNeighbour : public BadDay {
+class HostileNeighbour : public Recovery {
   protected:
-    void keeps_nobody_out(const Manners& manners) {
-        const HostileHosts hostile(manners);
+    void keeps_nobody_out(const Behaviour& behaviour) {
+        const HostileHosts hostile(behaviour);
         EXPECT_TRUE(wait_until([&] { return hostile.searches() >= 3; }));  // the attack has begun
         size_t threads = 0;
         double longest = 0;
@@ -71,8 +71,8 @@ class HostileNeighbour : public BadDay {
         std::printf("linked beside them after %.1f s, %d searches\n", seconds_since(came),
                     searches);
     }
-    void keeps_out_no_late_one(const Manners& manners) {
-        const HostileHosts hostile(manners);
+    void keeps_out_no_late_one(const Behaviour& behaviour) {
+        const HostileHosts hostile(behaviour);
         EXPECT_TRUE(wait_until([&] { return hostile.searches() >= 3; }));
         keeps_out_no_late_one(m_peer, 20ms);
     }

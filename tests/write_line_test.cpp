@@ -1,4 +1,4 @@
-// Tests write_line with a reader that pauses. bad_day_test.cpp tests the whole service with such a
+// Tests write_line with a reader that pauses. recovery_test.cpp tests the whole service with such a
 // reader.
 #include "base/write_line.h"
 

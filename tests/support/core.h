@@ -1,7 +1,6 @@
 // Plays the real-time core of the device: draws frames and calls the service.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <string>
@@ -54,17 +53,13 @@ class Core {
 class Frames {
   public:
     explicit Frames(std::chrono::milliseconds pause = 0ms)
-        : m_thread([this, pause] {
+        : m_thread([pause](const std::stop_token& stop) {
               Core core;
-              for (uint64_t i = 0; !m_stop; ++i) {
+              for (uint64_t i = 0; !stop.stop_requested(); ++i) {
                   const bool taken = core.push(FRAME_MEMORY + i % 3 * FRAME_STEP);
                   if (!taken || pause != 0ms) std::this_thread::sleep_for(taken ? pause : 1ms);
               }
           }) {}
-    ~Frames() {
-        m_stop = true;
-        m_thread.join();
-    }
 
     // Draws pictures of `runs` runs of one pixel, 4 bytes each when encoded. The rest is blank.
     static void draw_pictures(size_t runs = 200'000) {
@@ -81,8 +76,7 @@ class Frames {
     }
 
   private:
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    const std::jthread m_thread;
 };
 
 }  // namespace guilink::test

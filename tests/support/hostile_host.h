@@ -15,8 +15,8 @@
 
 namespace guilink::test {
 
-// How hostile hosts behave on the connections that the service opens to them.
-struct Manners {
+// What hostile hosts do on the connections that the service opens to them.
+struct Behaviour {
     std::optional<Bytes> words = Bytes();  // bytes to send repeatedly; nullopt: refuse connections
     std::chrono::milliseconds words_after = 0ms;  // delay after accepting a connection
     std::chrono::milliseconds words_every = 10ms;
@@ -26,17 +26,13 @@ struct Manners {
 
 class HostileHosts {
   public:
-    explicit HostileHosts(Manners manners) : m_manners(std::move(manners)) {
-        for (size_t i = 1; i <= m_manners.addresses; ++i) {
+    explicit HostileHosts(Behaviour behaviour) : m_behaviour(std::move(behaviour)) {
+        for (size_t i = 1; i <= m_behaviour.addresses; ++i) {
             m_hosts.emplace_back(("127.0.66." + std::to_string(i)).c_str());
-            if (!m_manners.words) m_hosts.back().refuse();
+            if (!m_behaviour.words) m_hosts.back().refuse();
         }
         for (RawCompanion& host : m_hosts) host.hear();
-        m_thread = std::thread([this] { run(); });
-    }
-    ~HostileHosts() {
-        m_stop = true;
-        m_thread.join();
+        m_thread = std::jthread([this](const std::stop_token& stop) { run(stop); });
     }
 
     int searches() const { return m_searches; }  // broadcasts that m_hosts.front() has received
@@ -48,16 +44,16 @@ class HostileHosts {
         Clock::time_point next_words;
     };
 
-    void run() {
+    void run(const std::stop_token& stop) {
         std::deque<Held> held;
-        for (; !m_stop; std::this_thread::sleep_for(1ms)) {
+        for (; !stop.stop_requested(); std::this_thread::sleep_for(1ms)) {
             m_searches += m_hosts.front().asked();
             for (RawCompanion& host : m_hosts) {
                 const bool asked = host.asked();
                 if (asked) host.hear();
-                if (asked || m_manners.floods) host.answer();
-                while (m_manners.words && host.offered()) {
-                    held.push_back({host.accept(), Clock::now() + m_manners.words_after});
+                if (asked || m_behaviour.floods) host.answer();
+                while (m_behaviour.words && host.offered()) {
+                    held.push_back({host.accept(), Clock::now() + m_behaviour.words_after});
                 }
             }
             std::erase_if(held, [this](Held& each) { return !speak(each); });
@@ -67,18 +63,17 @@ class HostileHosts {
     // Returns false if the connection has ended.
     bool speak(Held& held) const {
         if (Clock::now() < held.next_words) return true;
-        held.next_words = Clock::now() + m_manners.words_every;
-        const Bytes& words = *m_manners.words;
+        held.next_words = Clock::now() + m_behaviour.words_every;
+        const Bytes& words = *m_behaviour.words;
         return send(held.socket.fd(), words.data(), words.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >=
                    0 ||
                errno == EAGAIN;
     }
 
-    const Manners m_manners;
+    const Behaviour m_behaviour;
     std::vector<RawCompanion> m_hosts;
     std::atomic<int> m_searches{0};
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 // Answers the service under addresses that are not its own, from the network namespace in which it
@@ -89,9 +84,9 @@ class ForgedAnswers {
     // hundredth time, else under 1000 addresses from 10.90.0.0 on.
     ForgedAnswers(int per_second, const char* good)
         : m_socket(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW)),
-          m_thread([this, per_second, victim = inet_addr(good)] {
+          m_thread([this, per_second, victim = inet_addr(good)](const std::stop_token& stop) {
               const auto start = std::chrono::steady_clock::now();
-              for (int sent = 0; !m_stop; std::this_thread::sleep_for(1ms)) {
+              for (int sent = 0; !stop.stop_requested(); std::this_thread::sleep_for(1ms)) {
                   const auto due = (std::chrono::steady_clock::now() - start) * per_second / 1s;
                   for (; sent < due; ++sent) {
                       const auto other = static_cast<uint32_t>(sent % 1000);
@@ -100,10 +95,6 @@ class ForgedAnswers {
                   }
               }
           }) {}
-    ~ForgedAnswers() {
-        m_stop = true;
-        m_thread.join();
-    }
 
   private:
     void answer(uint32_t source) const {
@@ -129,8 +120,7 @@ class ForgedAnswers {
     }
 
     const Socket m_socket;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    const std::jthread m_thread;
 };
 
 }  // namespace guilink::test

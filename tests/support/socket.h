@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -107,6 +106,14 @@ class Socket {
         return result;
     }
 
+    // Reads the frames up to the first one of this type, and returns this frame.
+    Bytes read_frame(uint16_t type) const {
+        while (true) {
+            const Bytes frame = read_frame();
+            if (type_of(frame) == type) return frame;
+        }
+    }
+
     // Returns whether bytes are available; the end of the stream does not count.
     bool has_data() const {
         char byte;
@@ -144,20 +151,17 @@ inline Pipe open_pipe() {
 class Chatter {
   public:
     Chatter(const Socket& socket, const Bytes& data)
-        : m_thread([this, &socket, data] {
+        : m_thread([&socket, data](const std::stop_token& stop) {
               try {
-                  for (; !m_stop; std::this_thread::sleep_for(20ms)) socket.write(data);
+                  for (; !stop.stop_requested(); std::this_thread::sleep_for(20ms)) {
+                      socket.write(data);
+                  }
               } catch (const std::runtime_error&) {  // the other end is gone
               }
           }) {}
-    ~Chatter() {
-        m_stop = true;
-        m_thread.join();
-    }
 
   private:
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    const std::jthread m_thread;
 };
 
 }  // namespace guilink::test

@@ -29,7 +29,7 @@ inline double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-class BadDay : public testing::Test {
+class Recovery : public testing::Test {
   protected:
     // Links the good companion, and waits until the service's use of resources is stable. m_before
     // then contains this use.
@@ -71,14 +71,12 @@ class BadDay : public testing::Test {
     // Requests the identity until an answer arrives; throws if no answer arrives in time.
     static bool answers(const Socket& link) {
         const Chatter chatter(link, frame(IdentityRequest));
-        while (type_of(link.read_frame()) != IdentityMessage) {
-        }
+        link.read_frame(IdentityMessage);
         return true;
     }
 
     // Returns whether the service is linked, no search thread is left, and the numbers of threads
     // and descriptors are the same as at the previous call.
-
     bool settled() {
         const Daemon::Level last = std::exchange(m_before, m_daemon->level());
         return m_daemon->threads("ping-") == 0 && m_daemon->threads("tcp-receive") == 1 &&
