@@ -21,6 +21,7 @@ inline HttpRequest read_headers(
     return {.method = view(message.method_string()),
             .target = view(message.target()),
             .body = message.body(),
+            .accept = view(message[field::accept]),
             .host = view(message[field::host]),
             .origin = view(message[field::origin]),
             .fetch_site = view(message["Sec-Fetch-Site"]),

@@ -9,6 +9,7 @@ struct HttpRequest {
     std::string_view method = {};
     std::string_view target = {};
     std::string_view body = {};
+    std::string_view accept = {};
     std::string_view host = {};
     std::string_view origin = {};
     std::string_view fetch_site = {};  // Sec-Fetch-Site
@@ -17,7 +18,7 @@ struct HttpRequest {
     std::string_view forwarded_for = {};    // the last X-Forwarded-For
     std::string_view forwarded_proto = {};  // X-Forwarded-Proto
 
-    // Only browsers send these headers.
+    // Browsers send one of these headers with each POST and WebSocket.
     bool is_from_program() const { return origin.empty() && fetch_site.empty(); }
 };
 

@@ -77,16 +77,16 @@ Reply wants_token(const HttpRequest& request, std::string_view path, bool wrong)
                        "the header Authorization: Bearer TOKEN.\n",
                    .headers = {{"WWW-Authenticate", "Bearer"}},
                    .refused = wrong ? "wrong token" : "no token"};
-    if (path != "/" || request.is_from_program()) return reply;
+    if (path != "/" || request.accept.find("text/html") == std::string_view::npos) return reply;
     reply.type = "text/html";
     reply.body = "<!doctype html><title>Guilink</title>";
-    // After a link on another site, the browser keeps the cookie back. It sends the cookie when
-    // this page loads itself again.
-    if (request.fetch_site == "cross-site" || request.fetch_site == "same-site")
-        reply.body += "<meta http-equiv=refresh content=0>";
-    reply.body +=
-        "<form>The viewer has printed a token: "
-        "<input name=token type=password autofocus> <button>Open</button></form>";
+    // When a link on another site leads here, the browser keeps the cookie back. It sends the
+    // cookie when this page, which is ours, leads to itself.
+    constexpr std::string_view AGAIN = "/?again";
+    reply.body += request.target != AGAIN
+                      ? "<meta http-equiv=refresh content=0;url=" + std::string(AGAIN) + ">"
+                      : "<form action=/>The viewer has printed a token: "
+                        "<input name=token type=password autofocus> <button>Open</button></form>";
     return reply;
 }
 
