@@ -13,6 +13,9 @@ from pathlib import Path
 
 import pytest
 import websockets
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
 from support.fake_device import LIMIT
 from support.service import end_service, start_service
 from support.visitor import PORT, Page, ask, until
@@ -138,6 +141,19 @@ def test_the_browser_keeps_the_token_in_a_cookie(tmp_path):
         for path, part in (("/", b"url=/?again"), ("/?again", b"<form"), ("/?token=x", b"url=/?again")):
             status, page, _ = ask("GET", path, Accept="text/html,*/*")  # a link on another site gets no cookie at first
             assert status == 401 and part in page
+
+
+def test_links_on_other_sites_find_the_cookie(tmp_path):
+    options = webdriver.ChromeOptions()
+    for argument in "headless=new", "no-sandbox", "disable-gpu", f"user-data-dir={tmp_path}/profile":
+        options.add_argument(f"--{argument}")
+    with viewer(tmp_path, "--listen", "0.0.0.0:8080"), \
+            webdriver.Chrome(service=Service(shutil.which("chromedriver")), options=options) as browser:
+        for query in f"?token={VIEW}", "":
+            browser.get(f"data:text/html,<a href='http://10.77.0.1:{PORT}/{query}'>the device</a>")
+            browser.find_element(By.TAG_NAME, "a").click()
+            until(lambda: [each.text for each in browser.find_elements(By.ID, "link")]
+                  == ["Linked to 10.77.0.1, view only"])
 
 
 def test_without_tokens(tmp_path):
