@@ -35,12 +35,13 @@ constexpr size_t MAX_CALLERS = 64;    // connections per program; one more close
 constexpr size_t PADDING = 64;        // zero bytes after the argument, to terminate a text
 constexpr auto ACCEPT_RETRY = 100ms;  // wait before the next accept when out of descriptors
 
-constexpr int UNREGISTERED = -1;
+constexpr int FREE = -1;
+constexpr int LEAVING = -2;  // unregistered, but the program's thread has not closed the socket yet
 
-// Belongs to one RPC program for ever, so a process can register a program only once.
+// Each slot belongs to the first RPC program that uses it, even after that program is unregistered.
 struct Slot {
-    uint64_t key = 0;                         // number and version of the program
-    std::atomic<int> listener{UNREGISTERED};  // the listening socket
+    uint64_t key = 0;                 // number and version of the RPC program; constant once set
+    std::atomic<int> listener{FREE};  // the listening socket, FREE or LEAVING
 };
 
 // Constant-initialised and never destroyed, because at exit the programs' threads still run, and
@@ -77,13 +78,16 @@ class Program {
         m_polled.push_back({m_listener, POLLIN, 0});
         for (;;) {
             if (poll(m_polled.data(), m_polled.size(), -1) < 0) continue;  // interrupted
-            if (m_polled[0].revents & POLLHUP) break;  // ambaipc_svc_unregister has shut it down
+            // Not as soon as the slot is LEAVING, because ambaipc_svc_unregister then still needs
+            // the socket for its `shutdown`.
+            if (m_polled[0].revents & POLLHUP) break;
             for (size_t i = 1; i < m_polled.size(); ++i)
                 if (m_polled[i].revents && !answer_call(m_polled[i].fd)) drop(i);
             std::erase_if(m_polled, [](const pollfd& polled) { return polled.fd < 0; });
             if (m_polled[0].revents) accept_caller();
         }
         for (const pollfd& polled : m_polled) close(polled.fd);
+        m_slot.listener.store(FREE, std::memory_order_release);
     }
 
   private:
@@ -129,7 +133,8 @@ class Program {
         }
         const size_t length = received - sizeof(CallHeader);
         if (length > MAX_ARGUMENT) return CallStatus::too_long;
-        if (m_slot.listener == UNREGISTERED) return CallStatus::unregistered;
+        if (m_slot.listener.load(std::memory_order_acquire) == LEAVING)
+            return CallStatus::unregistered;
         if (m_call.header.procedure >= m_procedures.size()) return CallStatus::no_such_procedure;
         std::memset(m_call.argument + length, 0, sizeof(m_call.argument) - length);
         m_procedures[m_call.header.procedure].procedure(m_call.argument, &m_call.header.record);
@@ -151,9 +156,26 @@ class Program {
 };
 
 Slot* find_slot(uint64_t key) {
-    for (size_t i = 0; i < slots_used; ++i)
+    const size_t used = slots_used.load(std::memory_order_acquire);
+    for (size_t i = 0; i < used; ++i)
         if (slots[i].key == key) return &slots[i];
     return nullptr;
+}
+
+// Throws std::runtime_error if the program is still registered or no slot is free.
+Slot& free_slot(uint64_t key) {
+    if (Slot* known = find_slot(key)) {
+        const int listener = known->listener.load(std::memory_order_acquire);
+        if (listener == FREE) return *known;
+        throw std::runtime_error(listener == LEAVING
+                                     ? "it is still being unregistered; register it again later"
+                                     : "it is registered already; unregister it first");
+    }
+    const size_t used = slots_used.load(std::memory_order_relaxed);
+    if (used == MAX_PROGRAMS) throw std::runtime_error("too many programs in this process");
+    slots[used].key = key;
+    slots_used.store(used + 1, std::memory_order_release);
+    return slots[used];
 }
 
 int listen_for(uint32_t program, uint32_t version) {
@@ -181,20 +203,15 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
         if (!name || !info || info->count < 1 || !info->procedures)
             throw std::runtime_error("it needs a name and at least one procedure");
         const Lock lock(register_mutex);
-        const uint64_t key = key_of(program, version);
-        if (find_slot(key)) throw std::runtime_error("this process has registered it already");
-        if (slots_used == MAX_PROGRAMS) throw std::runtime_error("too many programs");
+        Slot& slot = free_slot(key_of(program, version));
         listener = listen_for(program, version);
-        Slot& slot = slots[slots_used];
-        slot.key = key;
-        slot.listener = listener;
         std::thread thread([service = Program(name, *info, slot, listener), program]() mutable {
             char thread_name[16];  // bytes; the kernel's maximum
             std::snprintf(thread_name, sizeof(thread_name), "ipc %08x", program);
             pthread_setname_np(pthread_self(), thread_name);
             service.serve();
         });
-        ++slots_used;
+        slot.listener.store(listener, std::memory_order_release);
         thread.detach();
         return 0;
     } catch (const std::exception& error) {
@@ -209,8 +226,11 @@ int ambaipc_svc_register(uint32_t program, uint32_t version, const char* name, I
 // refused; the program's thread gets POLLHUP and closes the sockets.
 int ambaipc_svc_unregister(uint32_t program, uint32_t version) {
     if (Slot* slot = find_slot(key_of(program, version))) {
-        const int listener = slot->listener.exchange(UNREGISTERED);
-        if (listener != UNREGISTERED) return shutdown(listener, SHUT_RDWR);
+        int listener = slot->listener.load(std::memory_order_acquire);
+        if (listener >= 0 && slot->listener.compare_exchange_strong(listener, LEAVING)) {
+            shutdown(listener, SHUT_RDWR);
+            return 0;
+        }
     }
     return -1;
 }
