@@ -126,3 +126,40 @@ class Controls(Browser):
         self.assertGreater(float(duration), 0)
         self.assertLessEqual(float(duration), elapsed)
         self.assertEqual(told.stderr, b"")
+
+
+class Token(Browser):
+    url = "http://10.77.0.1:8080/"  # not encrypted and not on loopback: the browser tells the viewer less about itself
+
+    def start_viewer(self, press="p" * 32):
+        tokens = pathlib.Path(self.directory, "tokens")
+        tokens.touch(0o600)
+        tokens.write_text(f"{press}\n{'v' * 32}\n")
+        return self.start("guilink-viewer", "--listen", "0.0.0.0:8080", "--token-file", tokens)
+
+    def log_in(self, token):
+        self.browser.find_element(By.NAME, "token").send_keys(token, Keys.ENTER)
+
+    def test_says_what_a_visitor_may_do(self):
+        self.start("guilink-core")
+        self.log_in("w" * 32)
+        self.wait(lambda: "This token is wrong" in self.browser.find_element(By.TAG_NAME, "body").text)
+        self.log_in("v" * 32)
+        self.wait(lambda: self.text("link") == "Linked to 10.77.0.1, view only")
+        self.wait_for_frames(1)
+        self.assertEqual(self.browser.current_url, self.url)
+        button = self.browser.find_element(By.CSS_SELECTOR, '[data-button="1"]')
+        self.assertEqual([button.is_enabled(), self.element("text").is_displayed()], [False, False])
+
+        self.browser.switch_to.new_window("window")
+        self.browser.get(self.url + "?token=" + "p" * 32)
+        self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")
+        self.browser.find_element(By.CSS_SELECTOR, '[data-button="1"]').click()
+        self.wait(lambda: "Down pressed" in self.text("log"))
+        self.viewer.terminate()
+        self.viewer.wait()
+        self.viewer = self.start_viewer("q" * 32)
+        self.wait(lambda: self.text("link") == "The viewer asks for its token: reload this page")
+        self.browser.refresh()
+        self.log_in("q" * 32)
+        self.wait(lambda: self.text("link") == "Linked to 10.77.0.1")

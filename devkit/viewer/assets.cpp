@@ -22,6 +22,7 @@ EMBED(picker, "picker.js");
 EMBED(picture, "picture.js");
 EMBED(recording, "recording.js");
 EMBED(settings, "settings.js");
+EMBED(token, "token.html");
 EMBED(view, "view.js");
 EMBED(viewer, "viewer.js");
 
@@ -39,6 +40,7 @@ const Asset* find_asset(std::string_view path) {
         {"/picture.js", "text/javascript", CONTENT(picture)},
         {"/recording.js", "text/javascript", CONTENT(recording)},
         {"/settings.js", "text/javascript", CONTENT(settings)},
+        {"/token.html", "text/html", CONTENT(token)},
         {"/view.js", "text/javascript", CONTENT(view)},
         {"/viewer.js", "text/javascript", CONTENT(viewer)},
     };

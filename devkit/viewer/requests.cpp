@@ -79,14 +79,13 @@ Reply wants_token(const HttpRequest& request, std::string_view path, bool wrong)
                    .refused = wrong ? "wrong token" : "no token"};
     if (path != "/" || request.accept.find("text/html") == std::string_view::npos) return reply;
     reply.type = "text/html";
-    reply.body = "<!doctype html><title>Guilink</title>";
+    reply.body = find_asset("/token.html")->content;
     // When a link on another site leads here, the browser keeps the cookie back. It sends the
     // cookie when this page, which is ours, leads to itself.
-    constexpr std::string_view AGAIN = "/?again";
-    reply.body += request.target != AGAIN
-                      ? "<meta http-equiv=refresh content=0;url=" + std::string(AGAIN) + ">"
-                      : "<form action=/>The viewer has printed a token: "
-                        "<input name=token type=password autofocus> <button>Open</button></form>";
+    if (request.target == "/?wrong")
+        reply.body += "<p role=alert>This token is wrong.</p>";
+    else if (request.target != "/?again")
+        reply.headers.emplace_back("Refresh", wrong ? "0; url=/?wrong" : "0; url=/?again");
     return reply;
 }
 

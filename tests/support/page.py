@@ -53,10 +53,15 @@ class Loop(unittest.TestCase):
 
 
 class Browser(Loop):
+    url = URL
+
     def setUp(self):
         super().setUp()
-        self.start("guilink-viewer")
+        self.viewer = self.start_viewer()
         self.browser = self.open_browser()
+
+    def start_viewer(self):
+        return self.start("guilink-viewer")
 
     def tearDown(self):
         self.browser.quit()
@@ -76,7 +81,7 @@ class Browser(Loop):
                 break
             except ConnectionRefusedError:
                 time.sleep(0.1)
-        browser.get(URL)
+        browser.get(self.url)
         return browser
 
     def wait(self, condition):
