@@ -212,7 +212,9 @@ class Viewer(Link):
         """If the wanted device has broadcast, but is not linked, asks the viewer to link to it."""
         if self._state.get("state") == "linked" and not self._state["identity"]:
             return  # the next state will say which device is linked
-        if self._device and not self._may_only_look() and not self._ready() and self._state.get("wanted") != self._device:
+        if self._may_only_look() or not self._device or self._ready():
+            return
+        if self._state.get("wanted") != self._device:
             if any(self._device in (each.identity, each.address) for each in self.devices()):
                 self._send({"device": self._device})
 
