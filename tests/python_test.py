@@ -3,6 +3,7 @@ line, and a device that restarts."""
 import json
 import os
 import re
+import select
 import shutil
 import signal
 import subprocess
@@ -51,17 +52,19 @@ def test_examples_pass_and_failures_are_reported(tmp_path):
     assert "second_row.png; look at it" in run(*tests, "--guilink-update", cwd=tmp_path)
     before = written()
     run(*tests, "--guilink-update", "test_menu.py", cwd=tmp_path)  # must not write unchanged pictures
-    assert "9 passed" in run(*tests, cwd=tmp_path)
+    assert "10 passed" in run(*tests, cwd=tmp_path)
     assert written() == before
 
     # Make an example fail: give it a wrong reference picture.
     shutil.copy(tmp_path / "screens/first_row.png", tmp_path / "screens/second_row.png")
-    said = run(*tests, "test_menu.py", "--guilink-timeout=0.5", "--junit-xml=report.xml", status=1,
-               cwd=tmp_path)
+    said = run(*tests, "test_menu.py", "--guilink-timeout=0.5", "--junit-xml=report.xml", "--guilink-video",
+               status=1, cwd=tmp_path)
     assert "did not become second_row.png within 0.5 s" in said and "device.press(\"down\")" in said
     report = xml.etree.ElementTree.parse(tmp_path / "report.xml").find(".//property")
     assert report.get("name") == "guilink-artifacts"
-    assert (tmp_path / report.get("value") / "difference.png").exists()
+    folder = tmp_path / report.get("value")
+    assert (folder / "difference.png").exists()
+    assert (folder / "last-seconds.mp4").read_bytes()[4:8] == b"ftyp"
     with guilink.connect(timeout=LIMIT) as device:
         device.press("up")
 
@@ -77,6 +80,43 @@ def test_twice(device, assert_screen):
     said = run("pytest", "-q", "-p", "no:cacheprovider", "-p", "guilink.pytest_plugin", "--guilink-update",
                f"--guilink-timeout={LIMIT}", status=1, cwd=tmp_path)
     assert re.search(r"row.png has two meanings: \S+test_twice.py:6 .* than \S+test_twice.py:4 ", said), said
+
+
+def test_pytest_says_what_it_waits_for_and_waits_once(tmp_path):
+    (tmp_path / "test_three.py").write_text("""
+def test_one(device): pass
+def test_two(device): pass
+def test_three(): pass
+""")
+    tests = ["pytest", "-p", "no:cacheprovider", "-p", "guilink.pytest_plugin"]
+    said = run(*tests, "--guilink-viewer=http://127.0.0.1:9", "--guilink-link-timeout=5", status=1, cwd=tmp_path)
+    why = "guilink: the viewer at http://127.0.0.1:9 cannot be reached: Connection refused; is it running?"
+    assert said.splitlines().count(why) == 1 + 2 and "1 passed, 2 errors" in said and "Captured" not in said, said
+    for option, words in (("--guilink-device=1", "neither the identity"), ("--guilink-labels=no", "labels in no: "),
+                          ("--guilink-viewer=x:y://", "is not the URL"), ("--guilink-timeout=-1", "impossible")):
+        said = run(*tests, option, status=4, cwd=tmp_path)
+        assert words in said and said.strip().count("\n") == 0, said
+
+
+def test_shell_completes_and_saves_a_recording_at_its_end(tmp_path):
+    terminal, its_terminal = os.openpty()
+    with subprocess.Popen([sys.executable, "-m", "guilink", "shell", "--device", "11111"], cwd=tmp_path,
+                          stdin=its_terminal, stdout=its_terminal, stderr=its_terminal) as shell:
+        def enter(text, expected):
+            os.write(terminal, text)
+            said = b""
+            while expected not in said:
+                assert select.select([terminal], [], [], LIMIT)[0], said
+                said += os.read(terminal, 4096)
+
+        enter(b"", b">>> ")
+        enter(b"recording = device.rec\t", b"device.record(")
+        enter(b"'shell.gif'); print(device.identity)\n", b"11111\r\n>>> ")
+        shell.terminate()
+        assert shell.wait(LIMIT) == 128 + signal.SIGTERM
+    os.close(terminal)
+    os.close(its_terminal)
+    assert (tmp_path / "shell.gif").exists()
 
 
 def test_command_line(tmp_path):
@@ -95,7 +135,6 @@ def test_command_line(tmp_path):
     assert guilink_json("press", "up", "info", "5")["pressed"] == [0, 15, 5]
     assert guilink_json("record", "run.mp4", "--seconds", "1")["file"] == "run.mp4"
     assert (tmp_path / "run.mp4").read_bytes()[4:8] == b"ftyp"
-    assert "11111" in run("guilink", "shell", input="print(device.identity)\n")
 
 
 @pytest.mark.parametrize("arguments, words", [

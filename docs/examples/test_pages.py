@@ -64,6 +64,13 @@ def test_switch_turns_off_and_on(device, assert_screen):
     leave_page(device, "image")
 
 
+def test_list_reaches_a_clip(device, press_until):
+    open_page(device, "recordings")
+    press_until("down", "clip_7", region=PANEL, mask=TITLE, at_most=7)
+    press(device, "up", 7)
+    leave_page(device, "recordings")
+
+
 def test_list_scrolls_and_wraps(device, assert_screen):
     open_page(device, "recordings")
     for clip in [*range(12), 0]:

@@ -46,6 +46,8 @@ def pytest_addoption(parser: pytest.Parser) -> None:
                     help="share the link of a running viewer, whose URL this is, as the viewer prints it")
     group.addoption("--guilink-timeout", metavar="S", type=float, default=10.0,
                     help="seconds that a wait may take (default 10)")
+    group.addoption("--guilink-link-timeout", metavar="S", type=float, default=guilink.LINK_TIMEOUT,
+                    help="seconds to wait for the device, once (default %(default)g)")
     group.addoption("--guilink-labels", metavar="FILE", help="names of the buttons, as for the viewer")
     group.addoption("--guilink-update", action="store_true",
                     help="write the reference pictures instead of comparing with them")
@@ -64,7 +66,8 @@ def pytest_configure(config: pytest.Config) -> None:
                 lambda error: isinstance(error.value, (guilink.GuilinkError, ValueError)))
     try:
         guilink.check_arguments(*map(config.getoption, ("--guilink-device", "--guilink-viewer", "--guilink-labels",
-                                                        "--guilink-artifacts", "--guilink-timeout")))
+                                                        "--guilink-artifacts", "--guilink-timeout",
+                                                        "--guilink-link-timeout")))
         if config.getoption("--guilink-video") and not shutil.which("ffmpeg"):
             raise ValueError("--guilink-video needs ffmpeg, which is not installed")
     except ValueError as error:
@@ -84,9 +87,10 @@ def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
 
     why = ""
     try:
-        device = guilink.connect(option("--guilink-device"), viewer=option("--guilink-viewer"),
-                                 timeout=option("--guilink-timeout"), labels=option("--guilink-labels"),
-                                 artifacts=option("--guilink-artifacts"), progress=say)
+        device = guilink.connect(
+            option("--guilink-device"), viewer=option("--guilink-viewer"),
+            link_timeout=option("--guilink-link-timeout"), timeout=option("--guilink-timeout"),
+            labels=option("--guilink-labels"), artifacts=option("--guilink-artifacts"), progress=say)
     except guilink.LinkError as error:
         why = str(error)
     if why:  # pytest remembers this failure, so the other tests do not wait
