@@ -7,7 +7,7 @@ import numpy as np
 
 from guilink.conform.case import UntestableError, case
 from guilink.conform.device_link import ASK, REQUEST
-from guilink.conform.device_attempt import DeviceAttempt
+from guilink.conform.device_attempt import DeviceAttempt, Eavesdropper
 from guilink.conform.event_loop import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
@@ -154,7 +154,7 @@ def presses_buttons(attempt: DeviceAttempt) -> None:
     press(attempt, channel, port, "PRESS-4", bytes([5, 6, 7]), [5])
 
 
-def press(attempt: DeviceAttempt, channel: Channel, port: UdpSocket, rule: str, payload: bytes,
+def press(attempt: DeviceAttempt, channel: Channel, port: UdpSocket | Eavesdropper, rule: str, payload: bytes,
           expected: list[int]) -> None:
     """Sends a ButtonMessage, waits until the device has handled it, and checks which presses the device passed on."""
     before = len(port.arrived)

@@ -3,9 +3,14 @@ of the exchanged messages."""
 from __future__ import annotations
 
 import base64
+import io
 import time
 from html import escape
-from typing import Iterator, Sequence
+from typing import Iterable, Iterator, Sequence
+
+import numpy as np
+from numpy.typing import NDArray
+from PIL import Image
 
 from guilink.conform.case import FAILED, RESTARTED, WARNED, Result
 from guilink.conform.engine import Run
@@ -13,11 +18,13 @@ from guilink.conform.exchange import KIT, Event, Exchange
 from guilink.conform.pcap import capture
 from guilink.conform.report import VERDICTS, repeat_command
 from guilink.conform.rules import RULES
-from guilink.wire import HEADER, START, MessageType
+from guilink.wire import HEADER, START, FrameReader, MessageType
 
 MOST_EVENTS = 60   # number of events that a drawing shows; it omits earlier events
 MOST_BYTES = 96    # bytes; a hexadecimal dump is cut off after this many
 ROW = 22           # pixels; height of one event in a drawing
+
+KEEP_ALIVE = (MessageType.CONTROL, MessageType.CONNECT_REQUEST, MessageType.IDENTITY_REQUEST, MessageType.IDENTITY)
 
 STYLE = """
 body { font: 15px/1.45 system-ui, sans-serif; margin: 2rem auto; max-width: 62rem; padding: 0 1rem; color: #222 }
@@ -26,6 +33,7 @@ border-bottom: 1px solid #ddd; vertical-align: top } code, pre, svg text { font-
 pre { background: #f4f4f4; padding: .6rem; overflow-x: auto; white-space: pre-wrap } .bytes { display: grid;
 grid-template-columns: 1fr 1fr; gap: 1rem } b.passed { color: #17703a } b.failed, b.restarted { color: #b3261e }
 b.warned { color: #8a5a00 } b.untestable, b.expected { color: #666 } mark { background: #ffd0cc }
+img { display: block; max-width: 100%; background: repeating-conic-gradient(#ccc 0 25%, #eee 0 50%) 0 / 16px 16px }
 section { border: 1px solid #ccc; border-radius: 6px; padding: 0 1rem 1rem; margin: 1.2rem 0 }
 """
 
@@ -63,12 +71,22 @@ def _section(result: Result, arguments: Sequence[str]) -> str:
         expected, actual = _side_by_side(fault.expected, fault.actual)
         parts.append(f"<div class=bytes><div>expected<pre>{expected}</pre></div>"
                      f"<div>actual<pre>{actual}</pre></div></div>")
-    parts += [_picture(result.exchange), f"<p>Again: <code>{escape(repeat_command(result, arguments))}</code>",
+    if fault.screens:
+        parts.append("<div class=bytes>" + "".join(
+            f'<div>{what}<img src="data:image/png;base64,{_png(screen)}"></div>'
+            for what, screen in zip(("expected", "shown"), fault.screens)) + "</div>")
+    parts += [_drawing(result.exchange, not fault.screens), f"<p>Again: <code>{escape(repeat_command(result, arguments))}</code>",
               f'<p><a download="{result.case.name}.pcap" href="data:application/vnd.tcpdump.pcap;base64,{file}">'
               "capture file</a>"]
     if result.output and result.verdict in (FAILED, RESTARTED, WARNED):
         parts.append(f"<details><summary>its output</summary><pre>{escape(result.output)}</pre></details>")
     return "".join(parts) + "</section>"
+
+
+def _png(screen: NDArray[np.uint8]) -> str:
+    file = io.BytesIO()
+    Image.fromarray(screen).save(file, "PNG")
+    return base64.b64encode(file.getvalue()).decode()
 
 
 def _side_by_side(expected: bytes, actual: bytes) -> tuple[str, str]:
@@ -106,7 +124,13 @@ def describe(data: bytes) -> str:
     return ", ".join(words)
 
 
-def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
+def _is_news(event: Event) -> bool:
+    """Whether the event is more than a keep-alive or the answer to one."""
+    return event.kind != "bytes" or event.transport == "udp" or any(
+        each.type not in KEEP_ALIVE for each in FrameReader().feed(event.data))
+
+
+def _joined(exchange: Iterable[Event]) -> Iterator[tuple[Event, str, int]]:
     """Combines equal consecutive events, because the drawing shows them as one arrow. Yields the first event, its
     label and the number of events."""
     last: tuple[Event, str, int] | None = None
@@ -122,8 +146,8 @@ def _joined(exchange: Exchange) -> Iterator[tuple[Event, str, int]]:
         yield last
 
 
-def _picture(exchange: Exchange) -> str:
-    events = list(_joined(exchange))
+def _drawing(exchange: Exchange, keep_alives: bool) -> str:
+    events = list(_joined(each for each in exchange if keep_alives or _is_news(each)))
     if not events:
         return ""
     began, shown = events[0][0].time, events[-MOST_EVENTS:]
