@@ -5,10 +5,13 @@
 import os
 import select
 import socket
+import subprocess
 import sys
 import time
+from pathlib import Path
 
 import numpy as np
+from support.fault import NAME, wrong
 
 from guilink.picture import DamagedPictureError, decode
 from guilink.screen import Screen
@@ -41,11 +44,23 @@ WRONG = {  # key: what the companion does wrong; value: the rule that this break
     "believes sizes": "PICT-6", "presses early": "PRESS-1",
     "texts early": "PRESS-1", "presses after two requests": "PRESS-1",
     "button 16": "PRESS-2", "two buttons": "PRESS-2",
+    "answers 40 times": "DISC-4", "answers every other broadcast": "DISC-5", "listens late": "DISC-7",
+    "answers any type": "DISC-6", "compares four characters": "DISC-10", "one frame a read": "FRAME-4",
+    "sends presses in two pieces": "FRAME-11",
+    "asks late": "LINK-1", "asks five times": "LINK-2", "asks every other time": "LINK-2",
+    "ignores a half-close": "LINK-3", "leaves the silent late": "LINK-4", "keeps waiting connections": "LINK-5",
+    "answers the second broadcast": "LINK-6", "knows addresses only": "LINK-9", "knows versions only": "LINK-9",
+    "dies of long texts": "LINK-10", "is silent in a frame": "TIME-2", "pauses": "TIME-2",
+    "leaves after 1 s": "TIME-6", "leaves after 6 s": "TIME-6", "leaves at a damaged image": "PICT-5",
+    "opaque": "PICT-3", "presses once in its life": "PRESS-1", "presses at a late answer": "PRESS-1",
+    "presses 7 only": "PRESS-2", "ends its texts": "PRESS-6",
 }
 # Further names, of companions that are wrong in ways that a single rule does not describe:
 #   "dies of half a header", "leaves inside a frame": must not make the kit wait for ever
 #   "dies of the first reset", "dies of the first end": works after a restart
 #   "serves 4 connections": works for a while after each start
+#   "closes its port", "has two sizes": keep all rules, but do not do more
+#   "leaves a child": has a child in another session
 CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, MessageType.CONTROL,
                                                   MessageType.IDENTITY_REQUEST))
 
@@ -95,6 +110,8 @@ def picture(payload):
         count = int(words[0]) * int(words[1])
         seen = np.repeat(words[3::2], words[2::2])[:count]
         return np.pad(seen, (0, count - len(seen)), "edge").reshape(words[1], words[0]) if len(seen) else None
+    if wrong("has two sizes") and tuple(words[:2]) not in ((1024, 768), (1280, 960)):
+        return None
     try:
         pixels = decode(payload).copy()
     except DamagedPictureError:
@@ -107,6 +124,8 @@ def picture(payload):
         pixels[-1, -1] = 0xF000
     if wrong("blue is red"):
         pixels = pixels & 0xF0F0 | pixels >> 8 & 15 | (pixels & 15) << 8
+    if wrong("opaque"):
+        pixels = pixels | 0xF000
     if wrong("times 16"):
         pixels = pixels & 0xFFFE
     if wrong("size of the first"):
@@ -127,18 +146,30 @@ class Companion:
         else:
             self.udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
             self.udp.bind(("10.77.0.100" if wrong("listens on one address") else "", 3152))
-        self.tcp = socket.create_server(("127.0.0.1" if wrong("has no port") else "", 8399), backlog=64)
+        self.tcp, self.early, self.calls, self.presses = None, b"", 0, 0
+        if not wrong("listens late"):
+            self.listen()
+        if wrong("leaves a child"):
+            child = subprocess.Popen(["sleep", "1000"], start_new_session=True)
+            Path(path + ".child").write_text(str(child.pid))
+
+    def listen(self):
+        if not self.tcp:
+            self.tcp = socket.create_server(("127.0.0.1" if wrong("has no port") else "", 8399), backlog=64)
 
     def run(self):
         while True:
             now = time.monotonic()
             sources = []
+            if self.answered and now > self.answered + 0.3:
+                self.listen()
             if self.connection and now > self.deaf and not (self.linked and wrong("stops reading")):
                 # Keep this before self.tcp: the end of this connection must be handled before a new connection.
                 sources.append(self.connection)
             sources.append(self.udp)
-            if not self.connection or self.linked or now > self.heard + 1 and not wrong("waits for the silent"):
-                sources.append(self.tcp)
+            limit = 4 if wrong("leaves the silent late") else 1
+            if not self.connection or self.linked or now > self.heard + limit and not wrong("waits for the silent"):
+                sources += [self.tcp] if self.tcp else []
             for ready in select.select(sources, [], [], 0.05)[0]:
                 if ready is self.connection:
                     self.receive()
@@ -153,12 +184,17 @@ class Companion:
         if wrong("dies of an empty datagram"):
             data[0]
         short = wrong("answers short identities") and data[40:42] == b"\3\0" and len(data) == 46
-        if not said and not (wrong("answers noise") or short):
+        any_type = wrong("answers any type") and len(FrameReader().feed(data)) == 1 and len(data) > 46
+        if not said and not (wrong("answers noise") or short or any_type):
             return
         if self.connection and self.linked and not wrong("answers another device"):
             own = sender[0] == self.peer and not wrong("leaves in silence only")
             if said and said.id != self.called and wrong("a new identity is another device"):
                 own = False
+            self.calls += own
+            if wrong("answers the second broadcast") and self.calls % 2:
+                return
+            own |= bool(wrong("compares four characters") and said and said.id[:4] == self.called[:4])
             if not own or wrong("holds on") or now < self.linked + 1 and not wrong("leaves at any broadcast"):
                 return
             self.leave()
@@ -168,18 +204,29 @@ class Companion:
             self.device = self.device or said.id
             if said.id != self.device:
                 return
+        if wrong("knows addresses only", "knows versions only") and said:
+            known = sender[0] if wrong("knows addresses only") else said.firmware
+            self.device = self.device or known
+            if known != self.device:
+                return
+        self.calls += 1
+        if wrong("answers every other broadcast") and self.calls % 2:
+            return
         if (wrong("answers once") and self.answered or wrong("answers until connected") and self.once
                 or wrong("answers once a second") and now < self.answered + 1):
             return
         self.answered, self.called = now, said and said.id
         answer = {"answers 41 bytes": CONNECT[:41], "answers 43 bytes": CONNECT + b"\0",
                   "answers another type": ASK}.get(NAME, CONNECT)
-        self.udp.sendto(answer, (sender[0], 3152) if wrong("answers port 3152") else sender)
+        for _ in range(40 if wrong("answers 40 times") else 1):
+            self.udp.sendto(answer, (sender[0], 3152) if wrong("answers port 3152") else sender)
 
     def accept(self):
         connected, (peer, _) = self.tcp.accept()
         if self.connection and self.linked:
-            self.others.append(connected) if wrong("keeps further connections") else connected.close()
+            kept = wrong("keeps further connections") or (
+                wrong("keeps waiting connections") and time.monotonic() < self.linked + 0.5)
+            self.others.append(connected) if kept else connected.close()
             return
         if wrong("one connection in its life") and self.once:
             self.others.append(connected)
@@ -192,14 +239,16 @@ class Companion:
         self.once, self.connection, self.peer = True, connected, peer
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         connected.settimeout(3)
-        self.reader = self.reader if wrong("one reader for all") else Reader()
-        self.early, self.linked, self.quiet, self.pressed, self.deaf, self.requests = b"", 0.0, False, False, 0.0, 0
+        self.reader, self.found = self.reader if wrong("one reader for all") else Reader(), []
+        self.linked, self.quiet, self.pressed, self.deaf, self.requests = 0.0, False, False, 0.0, 0
+        self.early = b""
         self.heard, self.next, self.next_control = time.monotonic(), 0.0, 0.0
 
     def leave(self):
         if self.connection:
             self.connection.close()
         self.connection = None
+        self.listen()
 
     def receive(self):
         try:
@@ -208,6 +257,9 @@ class Companion:
             if wrong("dies of a reset") or wrong("dies of the first reset") and first_time(self.path):
                 raise
             data = b""
+        if not data and wrong("ignores a half-close"):
+            self.deaf = time.monotonic() + 9
+            return
         if not data:
             if wrong("dies of the first end") and first_time(self.path):
                 sys.exit(3)
@@ -216,7 +268,9 @@ class Companion:
         self.heard = time.monotonic()
         damaged = wrong("asks until a damaged image") and b"\2\0\0\4\0\3" in data
         self.quiet |= bool(damaged)
-        messages = self.reader.feed(data)
+        self.found += self.reader.feed(data)
+        messages = self.found[:1] if wrong("one frame a read") else self.found
+        self.found = self.found[len(messages):]
         inside = START in self.reader._buffer
         if wrong("dies of half a header") and inside and len(self.reader._buffer) < HEADER.size:
             sys.exit(3)
@@ -228,11 +282,18 @@ class Companion:
             if message.type > 6 and wrong("leaves at unknown types"):
                 self.leave()
                 return
+            if len(message.payload) > 2000 and message.type == MessageType.DATA and wrong("dies of long texts"):
+                sys.exit(3)
             self.quiet |= wrong("asks until an identity") and message.type == MessageType.IDENTITY
-            if message.type == MessageType.IDENTITY and self.requests == 2 and wrong("presses after two requests"):
+            if message.type == MessageType.IDENTITY and (
+                    self.requests == 2 and wrong("presses after two requests")
+                    or self.requests > 3 and not self.linked and wrong("presses at a late answer")):
                 self.early = frame(1, b"\1")
             if message.type == MessageType.IMAGE:
                 self.linked = self.linked or time.monotonic()
+                if wrong("closes its port") and self.tcp:
+                    self.tcp.close()
+                    self.tcp = None
                 if wrong("reads every 4 s"):
                     self.deaf = self.heard = time.monotonic() + 4
                 if wrong("decodes the newest only") and message is not newest[0]:
@@ -240,19 +301,30 @@ class Companion:
                 if (pixels := picture(message.payload)) is not None:
                     Screen(pixels).save(self.path + ".new.png")
                     os.replace(self.path + ".new.png", self.path)
+                elif wrong("leaves at a damaged image"):
+                    self.leave()
+                    return
 
     def speak(self, now):
-        if now > self.heard + 3 and not wrong("never leaves", "holds on", "stops reading"):
+        limit = {"leaves after 1 s": 1, "leaves after 6 s": 6}.get(NAME, 3)
+        if now > self.heard + limit and not wrong("never leaves", "holds on", "stops reading"):
             self.leave()
             return
         if now < self.next or wrong("falls silent") and self.linked:
             return
+        if (wrong("asks late") and self.next == 0 and now < self.heard + 1.5
+                or wrong("pauses") and self.linked and now % 4 < 2.6
+                or wrong("is silent in a frame") and START in self.reader._buffer):
+            return
         self.requests += 1
         first, self.next = self.next == 0, now + (0.5 if self.linked else 0.2)
         words = b"" if self.linked or self.quiet or wrong("asks once") and not first else CONNECT
+        if wrong("asks five times") and self.requests > 5 or wrong("asks every other time") and self.requests % 2 == 0:
+            words = b""
         if first:
             words = {"says nothing": b"", "control first": CONTROL + CONNECT,
                      "presses early": CONNECT + frame(1, b"\1"), "texts early": CONNECT + frame(6, b"text"),
+                     "presses once in its life": CONNECT + (b"" if self.presses else frame(1, b"\1")),
                      "sends an identity": CONNECT + frame(3, b"11111"), "line feeds": CONNECT + b"\n",
                      "a checksum of 1": CONNECT[:32] + b"\1" + CONNECT[33:],
                      "big endian": CONNECT[:40] + b"\0\4"}.get(NAME, CONNECT)
@@ -264,13 +336,23 @@ class Companion:
         if self.linked and not self.pressed:
             self.pressed = True
             words += {"button 16": frame(1, b"\x10"), "two buttons": frame(1, b"\1\2"),
+                      "ends its texts": frame(6, b"text\0"),
                       "a text of 2 MiB": START + bytes(4) + b"\0\0\x20\0" + b"\6\0"}.get(NAME, frame(1, b"\1"))
+        if first:
+            self.presses += 1
+        if self.linked and os.path.exists(self.path + ".press"):
+            asked = int(Path(self.path + ".press").read_text() or 7)
+            os.unlink(self.path + ".press")
+            words += frame(1, bytes([7 if wrong("presses 7 only") else asked]))
         words, self.early = words + self.early, b""
         try:
             if wrong("sends pieces"):
                 self.connection.sendall(words[:-20])
                 time.sleep(0.1)
                 words = words[-20:]
+            if wrong("sends presses in two pieces") and words.endswith(b"\1\0\1"):
+                self.connection.sendall(words[:-1])
+                words = words[-1:]
             self.connection.sendall(words)
         except OSError:
             self.leave()
@@ -285,11 +367,5 @@ def first_time(path):
         return False
 
 
-def wrong(*names):
-    return NAME in names
-
-
-NAME = "right"
 if __name__ == "__main__":
-    NAME = sys.argv[1]
     Companion(sys.argv[2]).run()

@@ -11,6 +11,8 @@ import sys
 import time
 import zlib
 
+from support.fault import NAME, wrong
+
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
 WRONG = {  # key: what the device does wrong; value: the rule that this breaks
@@ -25,6 +27,7 @@ WRONG = {  # key: what the device does wrong; value: the rule that this breaks
     "one image": "TIME-7", "no gate": "TIME-8", "gate stays shut": "TIME-8", "never leaves": "TIME-9",
     "waits for readers": "TIME-10", "sends the last pixel": "PICT-8", "raw transparency": "PICT-9",
     "short runs": "PICT-10", "640 x 480": "PICT-11", "buttons from 101": "PRESS-3", "ignores button 16": "PRESS-4",
+    "calls every 4 s": "DISC-1", "repeats every 2 s": "TIME-7", "leaves after 6 s": "TIME-9", "logs nothing": "PRESS-5",
 }
 HOST, IDENTITY = os.environ.get("DEVICE_HOST", "10.77.0.1"), b"11111fw1.1"
 ANSWER = frame(MessageType.CONNECT_REQUEST)
@@ -74,7 +77,8 @@ class Device:
                     self.hear()
                 elif each := next((each for each in every if each.socket is ready), None):
                     self.receive(each)
-            if self.link and time.monotonic() > self.link.heard + 3 and not wrong("never leaves"):
+            limit = 6 if wrong("leaves after 6 s") else 3
+            if self.link and time.monotonic() > self.link.heard + limit and not wrong("never leaves"):
                 self.drop(self.link)
 
     def call(self, now):
@@ -82,7 +86,7 @@ class Device:
             for each in list(self.candidates):
                 if now > each.heard + 0.5 or self.link:
                     self.drop(each)
-        self.next_call, self.opened = now + 1, 0
+        self.next_call, self.opened = now + (4 if wrong("calls every 4 s") else 1), 0
         if wrong("calls twice") and self.calls >= 2 or wrong("never calls again") and self.linked:
             return
         self.calls += 1
@@ -131,6 +135,7 @@ class Device:
             if wrong("one image") and self.number > 1:
                 return
             self.shown, self.repeat = image(self.number) if open_gate or not self.shown else self.shown, now + 0.5
+            self.repeat += 1.5 * wrong("repeats every 2 s")
             self.say(self.link, self.shown)
 
     def receive(self, each):
@@ -186,6 +191,8 @@ class Device:
             answer = frame(MessageType.IDENTITY, IDENTITY)
             self.say(each, {"line feeds": answer + b"\n", "sends control": answer + frame(0),
                             "a checksum of 1": answer[:32] + b"\1\0\0\0" + answer[36:]}.get(NAME, answer))
+        elif kind == MessageType.DATA and linked and not wrong("logs nothing"):
+            print("USER", payload.decode(), flush=True)
         elif kind == MessageType.CONTROL:
             each.control = time.monotonic()
         elif kind == MessageType.BUTTON and payload and (linked or wrong("candidates press")):
@@ -195,13 +202,7 @@ class Device:
                 self.control.sendto(self.json, ("127.0.0.1", 3426))
 
 
-def wrong(name):
-    return NAME == name
-
-
-NAME = "right"
 if __name__ == "__main__":
-    NAME = sys.argv[1]
     if len(sys.argv) > 2:
         device = subprocess.Popen([sys.executable, "-B", __file__, NAME])
         status = subprocess.call(sys.argv[2:])

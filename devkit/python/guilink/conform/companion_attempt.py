@@ -104,6 +104,8 @@ class CompanionAttempt(Attempt):
         return self.subject.crash()
 
     def late(self) -> list[Fault]:
+        for device in self._devices:
+            device.check_answers()
         return [fault for device in self._devices for each in device.connections for fault in each.late()]
 
     def gave_up(self) -> str:

@@ -14,7 +14,7 @@ AFTERMATH = 0.3  # s; how long to wait for surplus answers
 LARGEST = 1472  # bytes; the largest broadcast that fits into one Ethernet frame
 
 
-@case("companion", "DISC-5", needs=FOUND)
+@case("companion", "DISC-4", "DISC-5", needs=FOUND)
 def answers_every_broadcast(attempt: CompanionAttempt) -> None:
     """The device broadcasts several times in a row; the companion must answer each broadcast."""
     attempt.find()

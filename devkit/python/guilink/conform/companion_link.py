@@ -5,7 +5,7 @@ import time
 
 from guilink.conform.case import UntestableError, case
 from guilink.conform.companion_attempt import LINK_SILENCE, PLAIN, SECOND, CompanionAttempt
-from guilink.conform.companion_plain import LINKED
+from guilink.conform.companion_plain import LINKED, SOON
 from guilink.conform.scripted_device import Connection
 from guilink.picture import encode
 from guilink.wire import MessageType, frame
@@ -162,6 +162,16 @@ def reads_and_speaks_under_load(attempt: CompanionAttempt) -> None:
     attempt.require("TIME-4", attempt.keep_alives(channel), f"the companion closes the link after {LOAD} images")
 
 
+@case("companion", "LINK-3", needs=(*LINKED, "reads_and_speaks_under_load"))
+def stream_ends(attempt: CompanionAttempt) -> None:
+    """The device ends its stream, but goes on reading; the companion must close the link."""
+    channel = attempt.link()
+    attempt.keep_alives(channel, 1)
+    channel.half_close()
+    attempt.require("LINK-3", attempt.loop.until(lambda: channel.ended, SOON),
+                    "the companion does not close a link whose stream has ended")
+
+
 @case("companion", "TIME-5", "TIME-6", needs=LINKED)
 def device_falls_silent(attempt: CompanionAttempt) -> None:
     """The device sends one image and nothing more; the companion should close the link after 3 s."""
@@ -173,13 +183,13 @@ def device_falls_silent(attempt: CompanionAttempt) -> None:
     ended = attempt.loop.clock() if channel.over is None else channel.over
     asked, alive = (sum(began + SECOND < each < began + LINK_SILENCE for each in channel.times(kind))
                     for kind in (MessageType.IDENTITY_REQUEST, MessageType.CONTROL))
+    attempt.forbid("TIME-6", time.monotonic() < quiet + LINK_SILENCE - EARLY,
+                   f"the link is closed after {ended - began:.1f} s without a byte already")
     attempt.require("TIME-5", asked >= max(1, alive - 1), f"nothing arrives, but only {asked} of {alive} keep-alives "
                     "come with an IdentityRequest")
     attempt.require("TIME-6", closed, "the link is kept although nothing arrives")
     attempt.require("TIME-6", ended - began <= LINK_SILENCE + LATE,
                     f"the link is closed only after {ended - began:.1f} s without a byte")
-    attempt.forbid("TIME-6", time.monotonic() < quiet + LINK_SILENCE - EARLY,
-                   f"the link is closed after {ended - began:.1f} s without a byte already")
 
 
 @case("companion", "LINK-3", "LINK-10", gentle=False, needs=LINKED)

@@ -8,6 +8,7 @@ from guilink.conform.companion_attempt import LINK_SILENCE, PLAIN, SECOND, SIZE,
 from guilink.picture import Pixels, encode
 from guilink.wire import MessageType, frame
 
+SOON = 2.0       # s in which a companion notices the end of its link
 KEEP_ALIVES = 5  # number of ControlMessages to wait for
 
 FOUND = ("answers_a_broadcast",)
@@ -38,16 +39,18 @@ def keeps_the_link_alive(attempt: CompanionAttempt) -> None:
 def link_ends_in_every_way(attempt: CompanionAttempt) -> None:
     """The device ends a connection in several ways; the companion must answer the next broadcast."""
     inside = frame(MessageType.IMAGE, encode(PLAIN))[:50]
-    for way in ("close", "reset", "reset inside a frame", "half-close"):
+    for way in ("close", "reset", "reset inside a frame"):
         channel = attempt.link()
         attempt.keep_alives(channel, 1)
         attempt.forbid("LINK-3", channel.ended, f"the companion closes the link before the {way}")
         if "inside" in way:
             channel.send(inside)
-        end = {"close": channel.close, "half-close": channel.half_close}.get(way, channel.reset)
-        end()
+        channel.close() if way == "close" else channel.reset()
+        began = attempt.loop.clock()
         attempt.require("LINK-3", attempt.device.broadcast_until_answered(),
                         f"no broadcast is answered after a {way} of the link")
+        took = attempt.loop.clock() - began
+        attempt.require("LINK-3", took <= SOON, f"{way}: a broadcast is answered only {took:.1f} s later")
     attempt.device.connect().reset()
     attempt.candidate().close()
     attempt.kept |= {"LINK-3", "LINK-10"}

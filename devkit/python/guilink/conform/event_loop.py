@@ -244,7 +244,7 @@ class Channel:
         return int.from_bytes(left, "little")
 
     def _write(self, data: bytes) -> bool:
-        if self._closed or self.ended:
+        if self.over is not None:
             return False
         if data:
             self._log(KIT, "bytes", data)

@@ -75,7 +75,8 @@ def _section(result: Result, arguments: Sequence[str]) -> str:
         parts.append("<div class=bytes>" + "".join(
             f'<div>{what}<img src="data:image/png;base64,{_png(screen)}"></div>'
             for what, screen in zip(("expected", "shown"), fault.screens)) + "</div>")
-    parts += [_drawing(result.exchange, not fault.screens), f"<p>Again: <code>{escape(repeat_command(result, arguments))}</code>",
+    parts += [_drawing(result.exchange, not fault.screens),
+              f"<p>Again: <code>{escape(repeat_command(result, arguments))}</code>",
               f'<p><a download="{result.case.name}.pcap" href="data:application/vnd.tcpdump.pcap;base64,{file}">'
               "capture file</a>"]
     if result.output and result.verdict in (FAILED, RESTARTED, WARNED):

@@ -132,7 +132,7 @@ class ScriptedDevice:
         self.udp = UdpSocket(attempt.loop, (address, 3153))
         # These find answers to a wrong port or address.
         self._astray = [UdpSocket(attempt.loop, (address, 3152)), UdpSocket(attempt.loop, (BROADCAST, 3153))]
-        self._attempt, self._checked, self.connections = attempt, 0, list[Connection]()
+        self._attempt, self.connections = attempt, list[Connection]()
         self.broadcasts, self.last_broadcast = 0, 0.0
 
     def broadcast(self, datagram: bytes | None = None) -> None:
@@ -142,23 +142,23 @@ class ScriptedDevice:
 
     @property
     def answers(self) -> int:
-        """The number of answers so far. Reading this property also checks the new answers."""
+        """The number of answers so far."""
+        return len(self.udp.arrived)
+
+    def check_answers(self) -> None:
         faults = self._attempt.loop.faults
         for socket_ in self._astray:
-            for datagram in socket_.arrived:
+            for datagram in socket_.arrived[:1]:
                 faults.append(Fault("DISC-4", "an answer to {} port {}".format(*socket_.address), ANSWER,
                                     datagram.data))
-            socket_.arrived.clear()
         if len(self.udp.arrived) > self.broadcasts + SURPLUS:
             faults.append(Fault("DISC-4", f"{len(self.udp.arrived)} answers to {self.broadcasts} broadcasts"))
-        for datagram in self.udp.arrived[self._checked:]:
-            self._checked += 1
+        for datagram in self.udp.arrived:
             if datagram.data != ANSWER:
                 faults.append(Fault("DISC-4", f"an answer of {len(datagram.data)} bytes that is not the "
                                     "ConnectRequest", ANSWER, datagram.data))
             elif datagram.sender[0] != COMPANION:
                 faults.append(Fault("DISC-4", f"an answer from {datagram.sender[0]}, not from {COMPANION}"))
-        return len(self.udp.arrived)
 
     def broadcast_until_answered(self, patience: float | None = None) -> bool:
         """Broadcasts repeatedly until the companion answers. Returns whether it has answered."""
