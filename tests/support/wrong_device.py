@@ -10,6 +10,7 @@ import subprocess
 import sys
 import time
 import zlib
+from pathlib import Path
 
 from support.fault import NAME, wrong
 
@@ -192,7 +193,7 @@ class Device:
             self.say(each, {"line feeds": answer + b"\n", "sends control": answer + frame(0),
                             "a checksum of 1": answer[:32] + b"\1\0\0\0" + answer[36:]}.get(NAME, answer))
         elif kind == MessageType.DATA and linked and not wrong("logs nothing"):
-            print("USER", payload.decode(), flush=True)
+            Path(os.environ["DEVICE_LOG"]).write_text(f"USER {payload.decode()}\n")
         elif kind == MessageType.CONTROL:
             each.control = time.monotonic()
         elif kind == MessageType.BUTTON and payload and (linked or wrong("candidates press")):

@@ -56,6 +56,7 @@ def add_options(parser: argparse.ArgumentParser) -> None:
     companion.set_defaults(run=conform_companion)
     device = sides.add_parser("device", parents=[common], help="test a device in this network")
     device.add_argument("--identity", metavar="ID", help="identity or address of the device")
+    device.add_argument("--log", metavar="FILE", help="the file to which the device writes its log")
     device.add_argument("--gentle", action="store_true", help="leave out floods, damage and presses")
     device.set_defaults(run=conform_device)
     golden = sides.add_parser("golden", help="write files to test a decoder with")
@@ -118,7 +119,8 @@ def conform_companion(options: argparse.Namespace) -> tuple[dict[str, Any], str]
 def conform_device(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     if options.list:
         return {}, listing("device")
-    return conform("device", options, DeviceSubject(Wanted(options.identity)), options.gentle)
+    wanted = Wanted(options.identity, log=Path(options.log) if options.log else None)
+    return conform("device", options, DeviceSubject(wanted), options.gentle)
 
 
 def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | DeviceSubject,
@@ -144,7 +146,7 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
 def repeated(options: argparse.Namespace) -> list[str]:
     """Returns those arguments of this run that are also needed to repeat a single case."""
     words: list[str] = []
-    for name in ("picture", "picture_from", "press", "identity"):
+    for name in ("picture", "picture_from", "press", "identity", "log"):
         if value := getattr(options, name, None):
             words += [f"--{name.replace('_', '-')}", value]
     return words + (["--", *options.command] if getattr(options, "command", None) else [])

@@ -4,6 +4,7 @@ from __future__ import annotations
 import socket
 import time
 from dataclasses import dataclass
+from pathlib import Path
 
 from guilink.conform.case import Attempt, UntestableError
 from guilink.conform.rules import IN_EVERY_CASE
@@ -28,6 +29,10 @@ class Wanted:
     name: str | None = None
     address: str = ""
     identity: Identity | None = None
+    log: Path | None = None
+
+    def logged(self) -> bytes:
+        return self.log.read_bytes() if self.log and self.log.exists() else b""
 
 
 class Listener:

@@ -13,14 +13,17 @@ ASK = frame(MessageType.IDENTITY_REQUEST)
 FLOOD = 40       # number of answers to one broadcast
 BUFFERS = 8 << 20  # bytes; approximate size of all socket buffers between the device and the kit
 PER_HOST = 8     # number of connections that a device may open to one host
+EARLY = 0.6      # s; how much earlier than a rule says the device may do something: keep-alives are 0.4 s apart
+LATE = 1.5       # s; how much later
 LINK_SILENCE = 3.0    # s; a device closes the link if nothing arrives for this long
 
 
 @case("device", "DISC-1", "DISC-2")
 def broadcasts(attempt: DeviceAttempt) -> None:
     """The device has no companion, so it must broadcast again and again."""
-    for _ in range(3):
-        attempt.broadcast()
+    heard = [attempt.broadcast().time for _ in range(4)]
+    gap = sorted(after - before for before, after in zip(heard, heard[1:]))[1]
+    attempt.require("DISC-1", gap <= 1 + LATE, f"a broadcast every {gap:.1f} s")
 
 
 @case("device", "DISC-8")
@@ -98,8 +101,12 @@ def companion_falls_silent(attempt: DeviceAttempt) -> None:
     """The companion falls silent; the device must close the link and search again."""
     channel = attempt.link()
     attempt.kept_alive.clear()
+    began = time.monotonic()
     closed = attempt.loop.until(lambda: channel.ended, LINK_SILENCE + attempt.loop.patience)
+    took = time.monotonic() - began
     attempt.require("TIME-9", closed, "the link stays open")
+    attempt.require("TIME-9", LINK_SILENCE - EARLY <= took <= LINK_SILENCE + LATE,
+                    f"the link is closed after {took:.1f} s without a byte")
     attempt.broadcast("LINK-17", "no broadcast after the companion fell silent")
 
 

@@ -6,13 +6,14 @@ import time
 import numpy as np
 
 from guilink.conform.case import UntestableError, case
-from guilink.conform.device_link import ASK, REQUEST
+from guilink.conform.device_link import ASK, LATE, REQUEST
 from guilink.conform.device_attempt import DeviceAttempt, Eavesdropper
 from guilink.conform.event_loop import Channel, UdpSocket
 from guilink.wire import HEADER, MAX_PAYLOAD, START, MessageType, frame
 
 GATE = 4.0   # s; how long the kit sends no ControlMessage. After 2 s, the device must send no new image.
 AFTERMATH = 0.3  # s; how long to wait for surplus answers
+REPEAT = 0.5  # s between two images, if the picture does not change
 SIZES = {(1280, 960), (1024, 768)}
 
 
@@ -98,6 +99,9 @@ def shows_and_repeats(attempt: DeviceAttempt) -> None:
     attempt.image(channel, 4)
     for payload in channel.payloads(MessageType.IMAGE)[:50]:
         check_image(attempt, payload)
+    times = channel.times(MessageType.IMAGE)
+    gap = max(after - before for before, after in zip(times, times[1:]))
+    attempt.require("TIME-7", gap <= REPEAT + LATE, f"no image for {gap:.1f} s")
     attempt.kept |= {"TIME-7", "LINK-18"}
 
 
@@ -164,6 +168,17 @@ def press(attempt: DeviceAttempt, channel: Channel, port: UdpSocket | Eavesdropp
     got = b" ".join(each.data for each in port.arrived[before:])
     wanted = b" ".join(b'[{"msg_id":%d,"param":"On"}]' % (100 + button) for button in expected)
     attempt.require(rule, got == wanted, f"a press of {payload.hex() or 'nothing'}", wanted, got)
+
+
+@case("device", "PRESS-5", gentle=False)
+def logs_texts(attempt: DeviceAttempt) -> None:
+    """The companion sends a text; the device must write it to its log."""
+    if not attempt.wanted.log:
+        raise UntestableError("the device's log is unknown; use --log")
+    text = f"conform {time.monotonic_ns()}"
+    attempt.ask(attempt.link(), "PRESS-5", "no answer behind a text", frame(MessageType.DATA, text.encode()))
+    attempt.require("PRESS-5", attempt.loop.until(lambda: f"USER {text}".encode() in attempt.wanted.logged()),
+                    f"the log has no line 'USER {text}'")
 
 
 @case("device", "LINK-15", gentle=False)
