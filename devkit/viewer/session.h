@@ -32,7 +32,7 @@ inline void keep_backlog_short(boost::asio::ip::tcp::socket& socket) {
 // Returns the address of the other end, as an IPv4 address if it is one.
 inline boost::asio::ip::address address_of(const boost::asio::ip::tcp::socket& socket) {
     boost::system::error_code error;
-    const auto address = socket.remote_endpoint(error).address();
+    auto address = socket.remote_endpoint(error).address();
     if (!address.is_v6() || !address.to_v6().is_v4_mapped()) return address;
     return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6());
 }
