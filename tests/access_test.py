@@ -26,7 +26,8 @@ BIN = Path(os.environ["GUILINK_BIN"])
 DOCS = Path(__file__).resolve().parent.parent / "docs"
 HAPROXY = shutil.which("haproxy", path=f"{os.environ['PATH']}:/usr/sbin")
 FULL, VIEW, WRONG = "f" * 32, "v" * 32, "w" * 32
-ROUTES = ("/", "/style.css", "/labels.json", "/state", "/metrics", "/snapshot.png", "/stream.mjpg", "/link", "/no")
+ROUTES = ("/", "/style.css", "/labels.json", "/state", "/metrics", "/snapshot.png?after=0", "/stream.mjpg", "/link",
+          "/no")
 ORDERS = ("/press/1", "/text", "/device/11111")
 
 
@@ -53,7 +54,7 @@ def viewer(folder, *options, tokens=(FULL, VIEW), **environment):
         names = {"JOURNAL_STREAM": f"{journal.st_dev}:{journal.st_ino}"} if environment.get("journal") else {}
         process = subprocess.Popen([BIN / "guilink-viewer", *options], stdout=out, stderr=err, env=os.environ | names)
         try:
-            until(lambda: "device 11111 at" in files[1].read_text())
+            until(lambda: files[0].read_text() and "device 11111 at" in files[1].read_text())
             yield lambda: [file.read_text() for file in files]
         finally:
             process.terminate()
@@ -240,7 +241,7 @@ def test_bad_requests_get_an_answer(tmp_path):
                 ((b"GET / HTTP/1.1\r\n", host, b"a b: c\r\n\r\n"), 400),
                 ((b"POST /text HTTP/1.1\r\n", host, b"Content-Length: 99999\r\n\r\n", 99999 * b"x"), 413)):
             assert raw(*pieces)[0] == status, pieces
-        for path in "/", "/state", "/metrics", "/snapshot.png", "/labels.json", "/no":
+        for path in "/", "/state", "/metrics", "/snapshot.png?after=0", "/labels.json", "/no":
             (head, nothing, some), (got, _, others) = ask("HEAD", path), ask("GET", path)
             assert (head, nothing, some.keys()) == (got, b"", others.keys()), path
         assert ask("HEAD", "/stream.mjpg")[2].get_content_type() == "multipart/x-mixed-replace"

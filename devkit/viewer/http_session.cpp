@@ -86,8 +86,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             m_client.address = client;
             m_sender = sender_of(asio::ip::make_address(client));
         }
-        if (m_hub.policy().token_in(request).empty()) return serve();
-        m_timer.expires_after(m_hub.guesses.wait(m_sender, Guesses::Clock::now()));
+        const auto wait = m_hub.guesses.wait(m_sender, Guesses::Clock::now());
+        if (wait == wait.zero() || m_hub.policy().token_in(request).empty()) return serve();
+        m_timer.expires_after(wait);
         m_timer.async_wait([self = shared_from_this()](error_code error) {
             if (!error) self->serve();
         });
