@@ -8,8 +8,8 @@
 
 `connect` returns a Device, which presses, waits, compares and records. Its pictures are Screens. If the screen does not
 show in time what it should, a wait raises WaitTimeoutError; if there is no link, LinkError. A wrong argument raises
-ValueError. For tests, the pytest plugin has the fixtures `device` and `assert_screen`. docs/testing.md shows how to
-write a first test.
+ValueError. For tests, the pytest plugin has the fixtures `device`, `assert_screen` and `press_until`. docs/testing.md
+shows how to write a first test.
 """
 from __future__ import annotations
 
@@ -36,7 +36,7 @@ __all__ = ["AccessError", "Box", "Buttons", "Companion", "Device", "Difference",
 __version__ = "0.1.0"
 
 LINK_TIMEOUT = 30.0      # s; how long `connect` waits for a link by default
-PROGRESS_INTERVAL = 2.0  # s between two looks at the reason why there is no link; a healthy device needs less
+PROGRESS_INTERVAL = 3.0  # s between two looks at the reason why there is no link; a healthy device needs less
 
 
 def connect(device: str | None = None, *, viewer: str | None = None,
