@@ -191,8 +191,9 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
 void start_page_session(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place,
                         const beast::http::request<beast::http::string_body>& request,
                         Client client) {
-    std::make_shared<PageSession>(hub, std::move(socket), std::move(place), std::move(client))
-        ->run(request);
+    const auto session =
+        std::make_shared<PageSession>(hub, std::move(socket), std::move(place), std::move(client));
+    session->run(request);
 }
 
 }  // namespace guilink
