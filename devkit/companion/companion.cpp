@@ -28,6 +28,7 @@
 #include "devkit/companion/connection.h"
 #include "devkit/companion/descriptor.h"
 #include "devkit/companion/discovery.h"
+#include "devkit/companion/outbox.h"
 #include "wire/frame.h"
 #include "wire/ports.h"
 
@@ -46,7 +47,6 @@ constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
 constexpr auto ASK_AFTER = 1s;         // of silence: ask the device for its identity
 constexpr auto CLOSE_AFTER = 3s;       // of silence: close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
-constexpr size_t MAX_WAITING = 256;    // queued messages
 constexpr size_t MAX_ANSWERED = 64;    // addresses that may connect
 
 int listening_socket() {
@@ -75,20 +75,11 @@ class Companion::Impl {
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    struct Message {
-        uint16_t type;
-        std::vector<unsigned char> payload;
-        DeliveryHandler delivered;  // may be empty
-    };
-    bool enqueue(Message message);
+    bool add(Outbox::Message message);
     void choose(std::string device);
 
   private:
     using Clock = Connection::Clock;
-    struct Sent {
-        uint64_t identity_request;  // number of the request whose answer confirms the message
-        DeliveryHandler delivered;
-    };
 
     void run();
     void wait();
@@ -101,10 +92,7 @@ class Companion::Impl {
     void update_status();
     bool linked() const;
     void send_what_is_due(Connection& connection);
-    static void ask(Connection& connection);
-    void send_waiting();
-    void refuse_waiting();
-    void end_sent(uint64_t last_identity_request, Delivery delivery);
+    void send_messages();
     void drop_ended();
     LinkStatus unlinked() const;
     void report();
@@ -118,7 +106,6 @@ class Companion::Impl {
     std::string m_device;                 // identity or address of the chosen device, or empty
     LinkStatus m_last;                    // the device of m_used; kept after that connection ends
     std::deque<uint32_t> m_answered;      // addresses that may connect; network byte order
-    std::deque<Sent> m_sent;              // messages that were sent, but are not confirmed yet
     std::list<Connection> m_connections;  // oldest first
     // The newest of m_connections on which a valid message has arrived, or null. A candidate, or
     // the link.
@@ -126,10 +113,10 @@ class Companion::Impl {
     LinkStatus m_status;
     Clock::time_point m_next_accept = {};
 
-    Mutex m_waiting_mutex;
-    std::deque<Message> m_waiting GUARDED_BY(m_waiting_mutex);
+    Outbox m_outbox;
+    Mutex m_choice_mutex;
     // The argument of `choose`, until the companion's thread has applied it.
-    std::optional<std::string> m_choice GUARDED_BY(m_waiting_mutex);
+    std::optional<std::string> m_choice GUARDED_BY(m_choice_mutex);
 
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
@@ -141,12 +128,12 @@ Companion::Companion(Handlers handlers, std::string device)
 Companion::~Companion() = default;
 
 bool Companion::press(uint8_t button, DeliveryHandler delivered) {
-    return m_impl->enqueue({ButtonMessage, {button}, std::move(delivered)});
+    return m_impl->add({ButtonMessage, {button}, std::move(delivered)});
 }
 
 bool Companion::send_text(const std::string& text, DeliveryHandler delivered) {
     return text.size() <= max_text &&
-           m_impl->enqueue({DataMessage, {text.begin(), text.end()}, std::move(delivered)});
+           m_impl->add({DataMessage, {text.begin(), text.end()}, std::move(delivered)});
 }
 
 void Companion::choose(std::string device) {
@@ -169,18 +156,14 @@ Companion::Impl::~Impl() {
 
 void Companion::Impl::choose(std::string device) {
     {
-        const Lock lock(m_waiting_mutex);
+        const Lock lock(m_choice_mutex);
         m_choice = std::move(device);
     }
     eventfd_write(m_wake.get(), 1);
 }
 
-bool Companion::Impl::enqueue(Message message) {
-    {
-        const Lock lock(m_waiting_mutex);
-        if (m_waiting.size() == MAX_WAITING) return false;
-        m_waiting.push_back(std::move(message));
-    }
+bool Companion::Impl::add(Outbox::Message message) {
+    if (!m_outbox.add(std::move(message))) return false;
     eventfd_write(m_wake.get(), 1);
     return true;
 }
@@ -192,7 +175,7 @@ void Companion::Impl::run() {
         wait();
         take_choice();
         for (Connection& connection : m_connections) send_what_is_due(connection);
-        send_waiting();
+        send_messages();
         drop_ended();
     }
 }
@@ -257,7 +240,7 @@ bool Companion::Impl::wants(const Discovery::Broadcast& broadcast) {
 void Companion::Impl::take_choice() {
     bool same_choice = false;
     {
-        const Lock lock(m_waiting_mutex);
+        const Lock lock(m_choice_mutex);
         if (!m_choice) return;
         same_choice = *m_choice == m_device;
         m_device = std::move(*m_choice);
@@ -310,7 +293,7 @@ void Companion::Impl::take_frame(Connection& from, uint16_t type,
             m_last.identity = text.substr(0, ID_SIZE);
             m_last.firmware = text.substr(ID_SIZE);
             update_status();
-            end_sent(from.answered, Delivery::confirmed);
+            m_outbox.confirm(from);
             return;
         }
         case ImageMessage:
@@ -337,7 +320,7 @@ void Companion::Impl::use(Connection& connection) {
     for (Connection& other : m_connections) {
         if (&other != &connection) other.end();
     }
-    end_sent(UINT64_MAX, Delivery::unknown);
+    m_outbox.forget();
     m_used = &connection;
     m_status = {};  // so that every new link is reported
     m_last = {};
@@ -374,53 +357,16 @@ void Companion::Impl::send_what_is_due(Connection& connection) {
     const bool ready = connection.answered > 0;
     // Repeat the identity request while a message is unconfirmed, because the answer may have been
     // lost.
-    const bool unconfirmed = &connection == m_used && !m_sent.empty();
-    if (connection.requests > 1 && (!ready || unconfirmed || silence > ASK_AFTER)) ask(connection);
+    const bool unconfirmed = &connection == m_used && m_outbox.unconfirmed();
+    if (connection.requests > 1 && (!ready || unconfirmed || silence > ASK_AFTER)) connection.ask();
     if (&connection == m_used) update_status();
     connection.next_send = now + (ready && linked() ? KEEP_ALIVE_INTERVAL : REQUEST_INTERVAL);
 }
 
-void Companion::Impl::ask(Connection& connection) {
-    connection.send(IdentityRequest);
-    ++connection.asked;
-}
-
-// Sends queued messages until the socket accepts no more. The remaining messages stay queued.
-void Companion::Impl::send_waiting() {
-    if (m_used == nullptr || m_used->ended()) return refuse_waiting();
-    if (m_used->answered == 0 || !linked()) return;
-    const Lock lock(m_waiting_mutex);
-    while (!m_waiting.empty() && !m_used->wants_to_write() && !m_used->ended()) {
-        Message& message = m_waiting.front();
-        m_used->send(message.type, message.payload);
-        if (message.delivered) {
-            ask(*m_used);
-            m_sent.push_back({m_used->asked, std::move(message.delivered)});
-        }
-        m_waiting.pop_front();
-    }
-}
-
-// Refuses the queued messages that have a delivery handler. Messages without a handler stay queued
-// until there is a link.
-void Companion::Impl::refuse_waiting() {
-    std::vector<DeliveryHandler> refused;
-    {
-        const Lock lock(m_waiting_mutex);
-        for (Message& message : m_waiting) {
-            if (message.delivered) refused.push_back(message.delivered);
-        }
-        std::erase_if(m_waiting, [](const Message& message) { return !!message.delivered; });
-    }
-    for (const DeliveryHandler& delivered : refused) delivered(Delivery::refused);
-}
-
-void Companion::Impl::end_sent(uint64_t last_identity_request, Delivery delivery) {
-    while (!m_sent.empty() && m_sent.front().identity_request <= last_identity_request) {
-        const DeliveryHandler delivered = std::move(m_sent.front().delivered);
-        m_sent.pop_front();
-        delivered(delivery);
-    }
+// Sends the queued messages as soon as the device cannot drop them any more.
+void Companion::Impl::send_messages() {
+    if (m_used == nullptr || m_used->ended()) return m_outbox.refuse();
+    if (m_used->answered > 0 && linked()) m_outbox.send(*m_used);
 }
 
 void Companion::Impl::drop_ended() {
@@ -428,7 +374,7 @@ void Companion::Impl::drop_ended() {
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
     m_used = nullptr;
-    end_sent(UINT64_MAX, Delivery::unknown);
+    m_outbox.forget();
     m_status = unlinked();
     report();
 }

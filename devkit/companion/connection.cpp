@@ -53,6 +53,11 @@ void Connection::send(uint16_t type, std::span<const unsigned char> payload) {
     if (m_outgoing.size() > MAX_OUTGOING) m_ended = true;
 }
 
+void Connection::ask() {
+    send(IdentityRequest);
+    ++asked;
+}
+
 void Connection::flush() {
     const ssize_t count = ::send(descriptor(), m_outgoing.data(), m_outgoing.size(), MSG_NOSIGNAL);
     if (count > 0) {

@@ -30,6 +30,8 @@ class Connection {
 
     void receive(const FrameReader::FrameCallback& on_frame);
     void send(uint16_t type, std::span<const unsigned char> payload = {});
+    // Requests the device's identity.
+    void ask();
     void flush();
 
     // Set by the companion.
