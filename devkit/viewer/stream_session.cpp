@@ -105,7 +105,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     const Counted m_counted;
     tcp::socket m_socket;
     asio::steady_timer m_limit{m_hub.loop()};
-    std::array<char, 256> m_ignored;
+    std::array<char, 256> m_ignored = {};
     std::string m_head;           // being written, before m_picture
     Renditions::Bytes m_picture;  // being written
     uint64_t m_number = 0;        // number of the last picture written

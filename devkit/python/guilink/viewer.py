@@ -141,7 +141,7 @@ class Viewer(Link):
         self._loop.create_task(send())
 
     async def _stay_connected(self) -> None:
-        headers = {HEADERS: {"Authorization": f"Bearer {self._url.token}"}} if self._url.token else {}
+        headers: dict[str, Any] = {HEADERS: {"Authorization": f"Bearer {self._url.token}"}} if self._url.token else {}
         # `close` sets _failure before it cancels this task. If an attempt to connect fails at the same moment, it
         # raises its own error instead of CancelledError.
         while not self._failure:

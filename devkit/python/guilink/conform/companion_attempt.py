@@ -253,10 +253,10 @@ def wrong_pixels(pixels: Pixels, image: NDArray[np.uint8]) -> NDArray[np.bool_]:
     """Returns which pixels of `image`, which has the same size, are not shown as `pixels`."""
     wanted = Screen(pixels).rgba
     wrong: NDArray[np.bool_] = (image != wanted[:, :, :image.shape[2]]).any(axis=2)
-    if image.shape[2] == 3:
-        return np.logical_and(wrong, wanted[:, :, 3] == 255)  # without alpha, the companion has chosen a background
-    # Nobody sees the colour of a transparent pixel.
-    seen: NDArray[np.bool_] = (wanted[:, :, 3] > 0) | (image[:, :, 3] > 0)
+    # Without alpha, the companion has chosen a background. With alpha, nobody sees the colour of a transparent pixel.
+    seen: NDArray[np.bool_] = wanted[:, :, 3] == 255
+    if image.shape[2] == 4:
+        seen = (wanted[:, :, 3] > 0) | (image[:, :, 3] > 0)
     return wrong & seen
 
 
