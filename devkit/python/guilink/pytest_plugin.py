@@ -10,7 +10,7 @@ from __future__ import annotations
 import shutil
 import sys
 from pathlib import Path
-from typing import Any, Generator, Iterator, Protocol
+from typing import Any, Callable, Generator, Iterator
 
 import pytest
 from _pytest.terminal import TerminalReporter  # pytest has no public name for this class
@@ -24,19 +24,6 @@ UPDATE_PICTURES = 10  # number of equal consecutive pictures before `--guilink-u
 PROPERTY = "guilink-artifacts"  # property in the JUnit report: the folder in which a failed test saved pictures
 UPDATED = pytest.StashKey[list[Path]]()
 USED = pytest.StashKey[dict[Path, tuple[str, guilink.Screen]]]()  # the place that used a reference, and what it saw
-
-
-class AssertScreen(Protocol):
-    def __call__(self, name: str, *, region: guilink.Box | None = None, mask: guilink.Mask = (),
-                 tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
-        """Waits until the device shows the reference picture `name`, as Device.wait_for does."""
-
-
-class PressUntil(Protocol):
-    def __call__(self, button: str | int, name: str, *, at_most: int, region: guilink.Box | None = None,
-                 mask: guilink.Mask = (), tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
-        """Presses a button until the device shows the reference picture `name`, as Device.press_until does. Under
-        --guilink-update, presses `at_most` times, or until the device shows the present reference."""
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
@@ -63,7 +50,7 @@ def pytest_configure(config: pytest.Config) -> None:
     for name in [name for name in sys.modules if name.startswith("guilink.")]:
         # For these errors, pytest shows the line of the test, not the lines of this package.
         setattr(sys.modules[name], "__tracebackhide__",
-                lambda error: isinstance(error.value, (guilink.GuilinkError, ValueError)))
+                lambda error: isinstance(getattr(error, "value", None), (guilink.GuilinkError, ValueError)))
     try:
         guilink.check_arguments(*map(config.getoption, ("--guilink-device", "--guilink-viewer", "--guilink-labels",
                                                         "--guilink-artifacts", "--guilink-timeout",
@@ -113,34 +100,59 @@ class References:
     """The reference pictures beside a test. Under --guilink-update, writes them."""
 
     def __init__(self, device: guilink.Device, request: pytest.FixtureRequest):
-        self.update: bool = request.config.getoption("--guilink-update")
+        self._update: bool = request.config.getoption("--guilink-update")
         self._device, self._request = device, request
 
-    def path(self, name: str) -> Path:
+    def assert_screen(self, name: str, *, region: guilink.Box | None = None, mask: guilink.Mask = (),
+                      tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
+        """Waits until the device shows the reference picture `name`, as Device.wait_for does."""
+        path, view = self._path(name), View(region, mask, tolerance)
+        if self._update:
+            return self._write(path, view, self._still(view, timeout))
+        return self._device.wait_for(path, region=region, mask=mask, tolerance=tolerance, timeout=timeout,
+                                     name=path.name)
+
+    def press_until(self, button: str | int, name: str, *, at_most: int, region: guilink.Box | None = None,
+                    mask: guilink.Mask = (), tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
+        """Presses a button until the device shows the reference picture `name`, as Device.press_until does. Under
+        --guilink-update, presses `at_most` times, or until the device shows the present reference."""
+        path, view = self._path(name), View(region, mask, tolerance)
+        if not self._update:
+            return self._device.press_until(button, path, at_most=at_most, region=region, mask=mask,
+                                            tolerance=tolerance, timeout=timeout, name=path.name)
+        screen = self._still(view, timeout)
+        for _ in range(at_most):
+            if _shows(path, view, screen):
+                break
+            self._device.press(button)
+            screen = self._still(view, timeout)
+        return self._write(path, view, screen)
+
+    def _path(self, name: str) -> Path:
         path = self._request.path.parent / REFERENCES / f"{name}.png"
-        if not self.update and not path.exists():
+        if not self._update and not path.exists():
             pytest.fail(f"there is no {path}: write it with --guilink-update, and look at it", pytrace=False)
         return path
 
-    def still(self, view: View, timeout: float | None) -> guilink.Screen:
+    def _still(self, view: View, timeout: float | None) -> guilink.Screen:
         return self._device.wait_stable(region=view.region, mask=view.mask, tolerance=view.tolerance,
                                         timeout=timeout, pictures=UPDATE_PICTURES)
 
-    def write(self, path: Path, view: View, screen: guilink.Screen) -> guilink.Screen:
+    def _write(self, path: Path, view: View, screen: guilink.Screen) -> guilink.Screen:
         part, caller = view.of(screen), sys._getframe(2)
         place = f"{caller.f_code.co_filename}:{caller.f_lineno} in {self._request.node.name}"
         first, seen = self._request.config.stash[USED].setdefault(path, (place, part))
         if view.diff(part, seen):
             pytest.fail(f"{path.name} has two meanings: {place} sees another picture than {first}; "
                         "give one of them another name", pytrace=False)
-        if not shows(path, view, screen):
+        if not _shows(path, view, screen):
             path.parent.mkdir(exist_ok=True)
             part.save(path)
             self._request.config.stash[UPDATED].append(path)
         return screen
 
 
-def shows(path: Path, view: View, screen: guilink.Screen) -> bool:
+def _shows(path: Path, view: View, screen: guilink.Screen) -> bool:
     try:
         return Expectation(path, view.region, view.mask, view.tolerance).met_by(screen)
     except ValueError:  # there is no such file, or the region is now larger than the picture in it
@@ -148,43 +160,15 @@ def shows(path: Path, view: View, screen: guilink.Screen) -> bool:
 
 
 @pytest.fixture
-def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> AssertScreen:
+def assert_screen(device: guilink.Device, request: pytest.FixtureRequest) -> Callable[..., guilink.Screen]:
     """Returns a function that compares the screen with a reference picture beside the test."""
-    references = References(device, request)
-
-    def check(name: str, *, region: guilink.Box | None = None, mask: guilink.Mask = (),
-              tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
-        path = references.path(name)
-        if references.update:
-            view = View(region, mask, tolerance)
-            return references.write(path, view, references.still(view, timeout))
-        return device.wait_for(path, region=region, mask=mask, tolerance=tolerance, timeout=timeout,
-                               name=path.name)
-
-    return check
+    return References(device, request).assert_screen
 
 
 @pytest.fixture
-def press_until(device: guilink.Device, request: pytest.FixtureRequest) -> PressUntil:
+def press_until(device: guilink.Device, request: pytest.FixtureRequest) -> Callable[..., guilink.Screen]:
     """Returns a function that presses a button until the screen shows a reference picture beside the test."""
-    references = References(device, request)
-
-    def check(button: str | int, name: str, *, at_most: int, region: guilink.Box | None = None,
-              mask: guilink.Mask = (), tolerance: int = 0, timeout: float | None = None) -> guilink.Screen:
-        path = references.path(name)
-        if references.update:
-            view = View(region, mask, tolerance)
-            screen = references.still(view, timeout)
-            for _ in range(at_most):
-                if shows(path, view, screen):
-                    break
-                device.press(button)
-                screen = references.still(view, timeout)
-            return references.write(path, view, screen)
-        return device.press_until(button, path, at_most=at_most, region=region, mask=mask, tolerance=tolerance,
-                                  timeout=timeout, name=path.name)
-
-    return check
+    return References(device, request).press_until
 
 
 @pytest.hookimpl(hookwrapper=True)

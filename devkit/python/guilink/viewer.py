@@ -166,7 +166,7 @@ class Viewer(Link):
     def _refused(self, error: InvalidHandshake) -> None:
         response = getattr(error, "response", error)  # older versions of websockets have no response
         status = getattr(response, "status_code", None)
-        why = f"refuses this program ({f'HTTP status {status}' if status else error})"
+        why = f"refuses this program (HTTP status {status})" if status else f"does not answer like a viewer ({error})"
         if status == 401:
             why = (f"{'does not know this token' if self._url.token else 'asks for a token'}; use the URL that it "
                    "prints when it starts, with ?token=...")
