@@ -146,7 +146,7 @@ def test_command_line(tmp_path):
     (["press", "up", "--labels", "absent"], "labels in absent: No such file"),
     (["press", "up", "--artifacts", "/dev/null/x"], "/dev/null is no folder"),
     (["press", "up", "--viewer", "ftp://x/?token=secret"], "ftp://x is not the URL"),
-    (["press", "up", "--device", "10.77.0.256"], "neither the identity"),
+    (["press", "up", "--device", "10.77.0.256"], "neither the identity"), (["doctor", "--device", "1"], "neither the"),
 ], ids=lambda value: "-".join(value) if isinstance(value, list) else "")
 def test_wrong_arguments_are_refused_before_there_is_a_link(arguments, words):
     said = run("guilink", arguments[0], "--device", "22222", *arguments[1:], status=2)

@@ -12,6 +12,7 @@ import subprocess
 import time
 from typing import Any, Callable
 
+from guilink import check_arguments
 from guilink.companion import KEEP_ALIVE, LINK_PORT
 from guilink.connection import Connection
 from guilink.discovery import DISCOVERY_PORT, Broadcast, Discovery
@@ -258,6 +259,7 @@ def add_options(parser: argparse.ArgumentParser) -> None:
 
 
 def doctor(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
+    check_arguments(options.device)
     examination = Doctor(options)
     try:
         examination.examine()
