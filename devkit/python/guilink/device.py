@@ -23,7 +23,7 @@ HOLD_INTERVAL = 0.12  # s between two presses of a held button; the viewer's pag
 # Number of old pictures, drawn before a press, that may arrive after it. The device holds up to three such pictures;
 # the fourth is a margin.
 UNDER_WAY = 4
-RESIZE = 2.0         # s; after a press, the screen may take this long to get a new size
+RESIZE = 2.0         # s; after a press or a restart, the screen may take this long to get its size
 MAX_TEXT = 4096      # bytes; longest text that `text` sends; the viewer has the same limit
 MAX_PRESSES = 10000  # number of presses that are remembered
 
@@ -53,7 +53,7 @@ class Device:
         self.buttons = buttons or Buttons()
         self._link = link
         self.video = False              # whether failed waits save a video instead of an animation; needs ffmpeg
-        self._pressed_at = -RESIZE      # time.monotonic() of the last press
+        self._confirmed_at = -RESIZE    # time.monotonic() when the last press was confirmed
         self._after = 0                 # number of the newest picture when the last press was confirmed
         self._decoded: tuple[bytes, Screen] | None = None
         self._shown_at_press: bytes | None = None
@@ -253,18 +253,17 @@ class Device:
     def _send(self, name: str, attempt: str, send: Callable[[float], int], timeout: float | None) -> None:
         press = Press(time.monotonic(), name)
         self.presses.append(press)
-        self._pressed_at = press.time
         try:
             self._after = send(self._end(timeout))
         except LinkError as error:
             raise LinkError(f"cannot {attempt}: {error}") from None
-        press.confirmed = True
+        press.confirmed, self._confirmed_at = True, time.monotonic()
 
     def _screens(self, view: View, end: float) -> Iterator[tuple[int, Screen]]:
         """Yields the screens that arrive on this link, after the confirmation of the last press, with their numbers,
         until `end`. If several screens arrive while the caller is busy, yields only the newest of them. Equal
-        consecutive pictures give the same Screen object. Raises WaitTimeoutError if the view does not fit their size
-        and no press can be the reason."""
+        consecutive pictures give the same Screen object. Raises WaitTimeoutError if the view does not fit their size,
+        and neither a press nor a restart can be the reason."""
         number, start, unfit = self._after, time.monotonic(), None
         while picture := self._link.pictures.newer(number, end):
             number = picture.number
@@ -272,7 +271,8 @@ class Device:
                 unfit = screen if view.misfit(screen) else None
                 if not unfit:
                     yield number, screen
-                elif number > self._after + UNDER_WAY and time.monotonic() > self._pressed_at + RESIZE:
+                elif number > self._after + UNDER_WAY and time.monotonic() > RESIZE + max(
+                        self._confirmed_at, self._link.pictures.returned_at):
                     break
             if time.monotonic() >= end:
                 break

@@ -59,7 +59,7 @@ class View:
 
     def explain(self, screen: Screen, difference: Difference) -> list[str]:
         """Says in which parts the view has changed while a script waited."""
-        return [f"changed meanwhile: {difference.boxes}"]
+        return [f"changed meanwhile: {difference.boxes or 'the size'}"]
 
     def __str__(self) -> str:
         words = [f"region {self.region}" if self.region else "the whole screen"]

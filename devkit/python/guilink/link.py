@@ -204,6 +204,7 @@ class Pictures:
     _number: int = 0
     _ended: int = 0
     _changed_at: float = 0.0
+    _returned_at: float = 0.0
     _listeners: list[Listener] = field(default_factory=list)
 
     @property
@@ -215,6 +216,11 @@ class Pictures:
     def ended(self) -> int:
         """The number of the newest picture when a link last ended. Pictures up to this number may be out of date."""
         return self._ended
+
+    @property
+    def returned_at(self) -> float:
+        """time.monotonic() of the first picture after a lost link; 0 if no link was lost."""
+        return self._returned_at
 
     @property
     def unchanged(self) -> float:
@@ -233,6 +239,8 @@ class Pictures:
             else:
                 self._bytes += len(payload)
                 self._changed_at = time.monotonic()
+            if self._number == self._ended > 0:
+                self._returned_at = time.monotonic()
             self._number += 1
             picture = Picture(self._number, time.monotonic(), payload)
             self._recent.append(picture)
