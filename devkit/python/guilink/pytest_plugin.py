@@ -72,18 +72,15 @@ def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
                 reporter.ensure_newline()
                 reporter.write_line(f"guilink: {text}")
 
-    why = ""
     try:
         device = guilink.connect(
             option("--guilink-device"), viewer=option("--guilink-viewer"),
             link_timeout=option("--guilink-link-timeout"), timeout=option("--guilink-timeout"),
             labels=option("--guilink-labels"), artifacts=option("--guilink-artifacts"), progress=say)
     except guilink.LinkError as error:
-        why = str(error)
-    if why:  # pytest remembers this failure, so the other tests do not wait
-        pytest.fail(f"guilink: {why}", pytrace=False)
+        # pytest remembers this failure, so the other tests do not wait.
+        raise pytest.fail.Exception(f"guilink: {error}", pytrace=False) from None
     with device:
-        device.video = option("--guilink-video")
         yield device
 
 
@@ -93,6 +90,7 @@ def device(guilink_device: guilink.Device, request: pytest.FixtureRequest) -> gu
     name = request.node.name
     guilink_device.test_name = "".join(c if c.isalnum() or c in "-_" else "-" for c in name)
     guilink_device.presses.clear()
+    guilink_device.video = request.config.getoption("--guilink-video")
     return guilink_device
 
 
@@ -178,8 +176,11 @@ def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) ->
     device: guilink.Device | None = getattr(item, "funcargs", {}).get("device")
     folder = error.folder if isinstance(error, guilink.WaitTimeoutError) else None
     if not folder and device and device.video and call.when == "call" and outcome.get_result().failed:
-        folder = device.save_evidence(str(error))
-        outcome.get_result().sections.append(("guilink", f"see {folder}"))
+        try:
+            folder = device.save_evidence(str(error))
+            outcome.get_result().sections.append(("guilink", f"see {folder}"))
+        except (guilink.GuilinkError, OSError) as problem:
+            outcome.get_result().sections.append(("guilink", f"cannot save a video: {problem}"))
     if folder:
         item.user_properties.append((PROPERTY, str(folder)))
 
