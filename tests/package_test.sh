@@ -92,7 +92,7 @@ child=
 # shellcheck disable=SC2317  # called by the trap
 clean_up() {
     [[ ! $child ]] || kill -KILL $child || true
-    wait || true
+    wait 2>/dev/null || true
     [[ ! ${group-} ]] || wait_for "" rmdir_groups
     umount --recursive "$scratch"
     rm -rf "$scratch"
