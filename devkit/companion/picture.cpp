@@ -8,7 +8,7 @@ namespace guilink {
 
 namespace {
 
-constexpr uint32_t MAX_PIXELS = 1280 * 960;  // the largest screen; larger images are rejected
+constexpr uint32_t MAX_PIXELS = 1 << 22;  // three times the largest screen
 
 uint16_t word(const Image& image, size_t index) {
     uint16_t value;

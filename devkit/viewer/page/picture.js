@@ -1,7 +1,7 @@
 // Decodes an image: 16-bit little-endian words; width, height, then pairs of
 // run length and pixel value (ARGB 4:4:4:4), row by row.
 
-const MAX_PIXELS = 1280 * 960; // the largest screen; larger images are rejected
+const MAX_PIXELS = 1 << 22; // three times the largest screen
 
 // Maps a pixel value to the bytes R, G, B, A in memory order.
 const RGBA = new Uint32Array(65536);

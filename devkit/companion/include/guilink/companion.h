@@ -64,7 +64,7 @@ struct Picture {
 
 // Decodes into `picture` and reuses its memory. The device never sends the last pixel, so the
 // decoder copies the preceding pixel. If the image has only one pixel, the decoder writes 0. Throws
-// std::runtime_error if the image is incomplete or larger than any device's screen; the contents of
+// std::runtime_error if the image is incomplete or has more than 4,194,304 pixels; the contents of
 // `picture` are then undefined.
 void decode_image(const Image& image, Picture& picture);
 
