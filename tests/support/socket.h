@@ -109,7 +109,7 @@ class Socket {
     // Reads the frames up to the first one of this type, and returns this frame.
     Bytes read_frame(uint16_t type) const {
         while (true) {
-            const Bytes frame = read_frame();
+            Bytes frame = read_frame();
             if (type_of(frame) == type) return frame;
         }
     }
