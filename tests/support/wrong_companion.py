@@ -241,7 +241,7 @@ class Companion:
         connected.settimeout(3)
         self.reader, self.found = self.reader if wrong("one reader for all") else Reader(), []
         self.linked, self.quiet, self.pressed, self.deaf, self.requests = 0.0, False, False, 0.0, 0
-        self.early = b""
+        self.early, self.calls = b"", 0
         self.heard, self.next, self.next_control = time.monotonic(), 0.0, 0.0
 
     def leave(self):
