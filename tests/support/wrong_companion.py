@@ -233,7 +233,7 @@ class Companion:
             return
         self.served += 1
         if wrong("serves 4 connections") and self.served > 4:
-            self.others.append(connected)
+            connected.close()
             return
         self.leave()
         self.once, self.connection, self.peer = True, connected, peer
@@ -351,7 +351,9 @@ class Companion:
                 time.sleep(0.1)
                 words = words[-20:]
             if wrong("sends presses in two pieces") and words.endswith(b"\1\0\1"):
-                self.connection.sendall(words[:-1])
+                self.connection.sendall(words[:-43])
+                time.sleep(0.1)
+                self.connection.sendall(words[-43:-1])
                 words = words[-1:]
             self.connection.sendall(words)
         except OSError:

@@ -66,6 +66,7 @@ class Attempt:
         self.loop = loop
         self.kept: set[str] = set()
         self.warnings: list[Fault] = []
+        self.final = False  # no busy machine can have caused the fault
 
     def require(self, rule: str, holds: object, text: str, expected: bytes = b"",
                 actual: bytes = b"") -> None:
@@ -92,17 +93,13 @@ class Attempt:
         """Whether the subject is a process that has ended."""
         return False
 
-    def crash(self) -> Fault | None:
-        """Returns a fault if the subject has crashed."""
+    def crash(self, suspected: bool) -> Fault | None:
+        """Returns a fault if the subject has crashed. If `suspected`, waits a little for its end."""
         return None
 
     def late(self) -> list[Fault]:
         """Returns what the subject did too late on any connection of the case."""
         return []
-
-    def gave_up(self) -> str:
-        """If the subject is not to blame for a broken rule, returns the reason. Otherwise returns an empty string."""
-        return ""
 
 
 @dataclass
@@ -110,7 +107,7 @@ class Result:
     case: Case
     verdict: str
     fault: Fault | None = None  # not for the verdicts "passed" and "untestable"
-    crashed: bool = False
+    final: bool = False         # a further attempt cannot excuse the fault
     reason: str = ""            # only for the verdict "untestable"
     kept: set[str] = field(default_factory=set)
     exchange: Exchange = field(default_factory=Exchange)
@@ -139,15 +136,12 @@ def run_once(case: Case, attempt: Attempt) -> Result:
     except UntestableError as error:
         result.verdict, result.reason = UNTESTABLE, str(error)
     late = attempt.late()
-    gave_up = attempt.gave_up() if broken else ""
-    crash = attempt.crash()
-    result.crashed = crash is not None
+    crash = attempt.crash(bool(broken))
+    result.final = attempt.final or crash is not None
     # Report a crash or faulty bytes first, because they may be the cause of the fault that `case.play` found.
     faults = [*([crash] if crash else []), *filter(_required, loop.faults), *broken, *filter(_required, late)]
-    if faults and not gave_up:
+    if faults:
         result.verdict, result.fault = FAILED, faults[0]
-    elif faults:
-        result.verdict, result.reason = UNTESTABLE, gave_up
     elif warned := attempt.warnings + loop.faults + late:
         result.verdict, result.fault = WARNED, warned[0]
     result.kept -= {each.rule for each in faults + attempt.warnings + loop.faults + late}

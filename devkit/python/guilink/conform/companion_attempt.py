@@ -23,7 +23,7 @@ from guilink.screen import Screen
 from guilink.wire import MessageType, frame
 
 START_PATIENCE = 15.0  # s; a newly started companion has at least this long to answer the first broadcast
-ABOUT_TO_END = 0.5     # s; if the companion exits normally within this time after a fault, it is not blamed
+GRACE = 0.5            # s; how much later than its last connection a process ends, or its last image is shown
 BROADCAST_INTERVAL = 1.0  # s between two broadcasts of a device
 PRESS_TIMEOUT = 10.0   # s; limit of the command that presses a button
 DRAWN = 0.6            # s; by then, a companion has surely seen its first image
@@ -98,7 +98,9 @@ class CompanionAttempt(Attempt):
     def subject_ended(self) -> bool:
         return not self.subject.alive()
 
-    def crash(self) -> Fault | None:
+    def crash(self, suspected: bool) -> Fault | None:
+        if suspected:
+            self.loop.until(self.subject_ended, GRACE)
         if not self.subject_ended():
             self.kept.add("LINK-10")
         return self.subject.crash()
@@ -107,12 +109,6 @@ class CompanionAttempt(Attempt):
         for device in self._devices:
             device.check_answers()
         return [fault for device in self._devices for each in device.connections for fault in each.late()]
-
-    def gave_up(self) -> str:
-        self.loop.until(self.subject_ended, ABOUT_TO_END)
-        if self.subject_ended() and self.subject.status == 0:
-            return "the companion has ended by itself in the middle of the case"
-        return ""
 
     # --- used by the test cases ----------------------------------------------------------------------
 
@@ -161,6 +157,7 @@ class CompanionAttempt(Attempt):
             find = True
         # LINK-1 applies to the companion's first connection, LINK-3 to all later connections.
         rule = "LINK-3" if self.subject.greeted else "LINK-1"
+        self.final = not asked
         self.require(rule, asked and not channel.ended, "no ConnectRequest arrives on the connection"
                      + (", and the companion closes it" if channel.ended else ""))
         self.subject.greeted += 1
@@ -228,7 +225,7 @@ class CompanionAttempt(Attempt):
         if not self.shown:
             raise UntestableError("what the companion shows is unknown; use --picture")
         self.loop.until(lambda: self.shows(pixels) or self.subject_ended() or channel and channel.ended)
-        seen = self.shows(pixels) or self.loop.until(lambda: self.shows(pixels), ABOUT_TO_END)
+        seen = self.shows(pixels) or self.loop.until(lambda: self.shows(pixels), GRACE)
         if seen:
             self._seen = pixels
             self.kept.add(rule)

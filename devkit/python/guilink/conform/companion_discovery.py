@@ -125,12 +125,3 @@ def device_returns_changed(attempt: CompanionAttempt) -> None:
         channel.close()
         device.identity, attempt.device = identity, device
         attempt.require("LINK-9", device.broadcast_until_answered(), f"{what} is not answered")
-
-
-@case("companion", "LINK-9", needs=LINKED)
-def lost_device_has_a_new_identity(attempt: CompanionAttempt) -> None:
-    """The device falls silent, then broadcasts a new identity; the companion must answer."""
-    channel = attempt.candidate()
-    attempt.device.identity = b"44444fw1.1"
-    late = attempt.answer_to_lost_device(channel, b"44444fw1.1")
-    attempt.require("LINK-9", not late, f"the broadcast of a new identity from the same address {late}")

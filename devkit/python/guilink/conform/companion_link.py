@@ -13,10 +13,12 @@ from guilink.wire import MessageType, frame
 DEAD = 9               # number of connections that the device closes before the companion accepts them
 REPEATS = 3            # number of further ConnectRequests that the companion must send
 BLANK = 4.0            # s for which the device draws nothing
+CONNECTIONS = 70       # number of connections that the device drops
 SLOW = 1.5             # s; longest permitted time between two ConnectRequests, which should come every 0.5 s
 EARLY = 0.5            # s; how much earlier
 LATE = 1.5             # s; how much later than a rule says the companion may do something
 LOAD = 14              # number of images that the device sends without a pause
+MANY = 40              # number of small images before them
 STALL = 3.0            # s; if the device's send buffer stays full for this long, a device closes the link
 
 
@@ -138,6 +140,15 @@ def device_has_dropped_the_link(attempt: CompanionAttempt) -> None:
                     "the link is kept although its device broadcasts")
 
 
+@case("companion", "LINK-9", needs=(*LINKED, "device_has_dropped_the_link"))
+def lost_device_has_a_new_identity(attempt: CompanionAttempt) -> None:
+    """The device falls silent, then broadcasts a new identity; the companion must answer."""
+    channel = attempt.candidate()
+    attempt.device.identity = b"44444fw1.1"
+    late = attempt.answer_to_lost_device(channel, b"44444fw1.1")
+    attempt.require("LINK-9", not late, f"the broadcast of a new identity from the same address {late}")
+
+
 @case("companion", "LINK-7", needs=LINKED)
 def late_broadcast_of_an_old_search(attempt: CompanionAttempt) -> None:
     """The device broadcasts right after its first image; the companion must keep the link."""
@@ -154,6 +165,7 @@ def reads_and_speaks_under_load(attempt: CompanionAttempt) -> None:
     channel = attempt.link()
     attempt.keep_alives(channel, 1)
     channel.stall = STALL
+    channel.send(frame(MessageType.IMAGE, encode(PLAIN)) * MANY)
     for i, payload in enumerate(attempt.large_images(LOAD)):
         taken = attempt.device.show_payload(channel, payload)
         attempt.require("TIME-4", taken or channel.ended, f"image {i}: nothing is read for {STALL:.0f} s")
@@ -172,7 +184,7 @@ def stream_ends(attempt: CompanionAttempt) -> None:
                     "the companion does not close a link whose stream has ended")
 
 
-@case("companion", "TIME-5", "TIME-6", needs=LINKED)
+@case("companion", "TIME-5", "TIME-6", "LINK-11", needs=LINKED)
 def device_falls_silent(attempt: CompanionAttempt) -> None:
     """The device sends one image and nothing more; the companion should close the link after 3 s."""
     channel = attempt.candidate()
@@ -188,18 +200,19 @@ def device_falls_silent(attempt: CompanionAttempt) -> None:
     attempt.require("TIME-5", asked >= max(1, alive - 1), f"nothing arrives, but only {asked} of {alive} keep-alives "
                     "come with an IdentityRequest")
     attempt.require("TIME-6", closed, "the link is kept although nothing arrives")
-    attempt.require("TIME-6", ended - began <= LINK_SILENCE + LATE,
+    attempt.require("TIME-6", ended - began <= LINK_SILENCE + 1,
                     f"the link is closed only after {ended - began:.1f} s without a byte")
+    attempt.require("LINK-11", not channel.was_reset, "the companion resets a link on which it has read everything")
 
 
 @case("companion", "LINK-3", "LINK-10", gentle=False, needs=LINKED)
 def a_long_life_in_seconds(attempt: CompanionAttempt) -> None:
-    """The device drops the link twelve times; the companion must get a new link each time."""
-    for i in range(12):
+    """The device drops seventy connections; the companion must get a new link each time."""
+    for i in range(CONNECTIONS):
         channel = attempt.candidate()
-        for _ in range(2):
+        if i % 10 == 0:
             attempt.device.show(channel, PLAIN)
         attempt.loop.serve(0)
         channel.close() if i % 2 else channel.reset()
-    attempt.require("LINK-3", attempt.keep_alives(attempt.link()), "the companion closes link 13")
+    attempt.require("LINK-3", attempt.keep_alives(attempt.link()), f"the companion closes link {CONNECTIONS + 1}")
     attempt.kept.add("LINK-10")

@@ -32,6 +32,17 @@ def large(*pixels: int) -> Pixels:
     return drawn.reshape(SIZE)
 
 
+@case("companion", "PICT-4", needs=SHOWN)
+def size_changes(attempt: CompanionAttempt) -> None:
+    """The device sends a small, a large and a small image; the companion must show each."""
+    channel = attempt.candidate()
+    for size, colour in ((SIZE, 0xF00F), (LARGE, 0xF0F0), (SIZE, 0xFF00)):
+        wanted = np.full(size, colour, np.uint16)
+        wanted[100:150, ::2] = 0xFFFF
+        attempt.device.show(channel, wanted)
+        attempt.must_show("PICT-4", wanted, f"{size[1]} x {size[0]} pixels", channel)
+
+
 @case("companion", "PICT-1", needs=SHOWN)
 def documented_image(attempt: CompanionAttempt) -> None:
     """The device sends the pixels of the image in docs/link-protocol.md, but 1024 x 768; the companion must show it."""
@@ -59,6 +70,20 @@ def single_pixel(attempt: CompanionAttempt) -> None:
     attempt.forbid("LINK-10", channel.ended, "the companion closes the link after an image of one pixel")
 
 
+@case("companion", "PICT-7", "LINK-10", needs=SHOWN)
+def empty_run(attempt: CompanionAttempt) -> None:
+    """The device sends an image with a run of length 0; the companion must show it, or drop it."""
+    channel, before, after = attempt.candidate(), attempt.picture(), attempt.picture()
+    attempt.device.show(channel, before)
+    attempt.must_show("PICT-1", before, "an image", channel)
+    attempt.device.show_payload(channel, words(1024, 768, 0, 0xF00F) + encode(after)[4:])
+    attempt.keep_alives(channel, 2)
+    attempt.forbid("LINK-10", channel.ended, "the companion closes the link after a run of length 0")
+    if not attempt.shows(before):
+        attempt.must_show("PICT-1", after, "an image with a run of length 0", channel)
+    attempt.kept.add("PICT-7")
+
+
 @case("companion", "PICT-3", needs=SHOWN)
 def every_opaque_colour(attempt: CompanionAttempt) -> None:
     """The device sends an image with all 4096 opaque colours; the companion must show it exactly."""
@@ -75,20 +100,9 @@ def every_transparency(attempt: CompanionAttempt) -> None:
 @case("companion", "PICT-1", needs=SHOWN)
 def longest_runs(attempt: CompanionAttempt) -> None:
     """The device sends an image with runs of 65535 pixels; the companion must show it exactly."""
-    pixels = np.full(LARGE, 0xF123, np.uint16)
+    pixels = np.full(SIZE, 0xF123, np.uint16)
     pixels[500, 7] = 0xFABC
     show(attempt, "PICT-1", pixels, "runs of 65535 pixels")
-
-
-@case("companion", "PICT-4", needs=SHOWN)
-def size_changes(attempt: CompanionAttempt) -> None:
-    """The device sends a small, a large and a small image; the companion must show each."""
-    channel = attempt.candidate()
-    for size, colour in ((SIZE, 0xF00F), (LARGE, 0xF0F0), (SIZE, 0xFF00)):
-        wanted = np.full(size, colour, np.uint16)
-        wanted[100:150, ::2] = 0xFFFF
-        attempt.device.show(channel, wanted)
-        attempt.must_show("PICT-4", wanted, f"{size[1]} x {size[0]} pixels", channel)
 
 
 # The twelve longest runs of an image of 1024 x 768 pixels, of which eleven pixels are left.

@@ -1,10 +1,12 @@
 """Test cases: the plain things that all other cases for companions stand on."""
 from __future__ import annotations
 
+import struct
+
 import numpy as np
 
 from guilink.conform.case import case
-from guilink.conform.companion_attempt import LINK_SILENCE, PLAIN, SECOND, SIZE, CompanionAttempt
+from guilink.conform.companion_attempt import LARGE, LINK_SILENCE, PLAIN, SECOND, SIZE, CompanionAttempt
 from guilink.picture import Pixels, encode
 from guilink.wire import MessageType, frame
 
@@ -59,16 +61,26 @@ def link_ends_in_every_way(attempt: CompanionAttempt) -> None:
 @case("companion", "PICT-1", "PICT-2", "PICT-3", "PICT-4", needs=LINKED)
 def shows_a_plain_image(attempt: CompanionAttempt) -> None:
     """The device sends an image of 1024 x 768 pixels; the companion must show it."""
-    channel = attempt.candidate()
-    attempt.device.repeat(channel, plain_image())
-    attempt.must_show("PICT-1", plain_image(), "an image of 1024 x 768 pixels", channel)
+    channel, image = attempt.candidate(), plain_image()
+    attempt.device.show(channel, image)
+    if attempt.shown and not attempt.loop.until(lambda: attempt.shown.read() is not None):
+        for rule, other, what in (("PICT-2", encode(image) + struct.pack("<2H", 1, image[-1, -1]), "with a last pixel"),
+                                  ("PICT-4", encode(np.full(LARGE, image[0, 0])), "of 1280 x 960 pixels")):
+            attempt.device.show_payload(channel, other)
+            shown = attempt.loop.until(lambda: attempt.shown.read() is not None)
+            attempt.forbid(rule, shown, f"an image of 1024 x 768 pixels is not shown, but one {what} is")
+    attempt.must_show("PICT-1", image, "an image of 1024 x 768 pixels", channel)
+    second: Pixels = np.bitwise_xor(image, np.uint16(0x0FFF))  # as many bytes, but other colours
+    attempt.device.show(channel, second)
+    attempt.must_show("PICT-1", second, "a second image of the same size", channel)
 
 
 def plain_image() -> Pixels:
-    """Returns an opaque picture with 16 colours, in runs that do not end with the rows."""
+    """Returns an opaque picture with 16 colours, in runs that do not end with the rows, and some of the longest."""
     colours = np.array([0xF000 | red << 8 | green << 4 | blue for red in (0, 3, 12, 15)
                         for green, blue in ((15, 1), (7, 8), (2, 15), (9, 4))], np.uint16)
     places = np.arange(SIZE[0] * SIZE[1])
     drawn: Pixels = colours[(places // 700 + places // 5001) % len(colours)].reshape(SIZE)
+    drawn[300:450] = 0xF5A1
     drawn[-1, -2:] = 0xF26A
     return drawn

@@ -56,8 +56,8 @@ class CompanionProcess:
         return self.status is None
 
     def crash(self) -> Fault | None:
-        """Returns a fault if the companion has ended by itself, and not with status 0."""
-        if self.alive() or not self.status:
+        """Returns a fault if the companion has ended by itself."""
+        if self._process is None or self.alive():
             return None
         lines = " / ".join(self.last_output().strip().splitlines()[-LAST_LINES:])
         return Fault("LINK-10", f"the companion has ended with {self.end()}"

@@ -128,7 +128,7 @@ def note_late_crash(whole: Run, subject: Subject, options: Options) -> None:
     """If the subject has crashed after its last case, this case fails."""
     if whole.results and (crash := subject.crash()):
         result = whole.results[-1]
-        result.verdict, result.fault, result.crashed, result.output = FAILED, crash, True, subject.output()
+        result.verdict, result.fault, result.final, result.output = FAILED, crash, True, subject.output()
         options.tell(f"        after {result.case.name}: {line(result)}")
         subject.restart()
 
@@ -153,7 +153,7 @@ def run_attempts(case: Case, subject: Subject, options: Options, broken: set[str
                 return result
             failed.verdict = RESTARTED if failed.verdict == FAILED else WARNED
             return failed
-        if result.crashed or result.fault and result.fault.rule in broken:
+        if result.final or result.fault and result.fault.rule in broken:
             break
         failed = failed or result
     subject.restart()

@@ -150,6 +150,7 @@ class Channel:
     def __init__(self, loop: EventLoop, connected: socket.socket, by_companion: bool):
         self.arrived: list[Arrived] = []
         self.ended = False      # the subject has ended the connection
+        self.was_reset = False  # by a reset
         self.over: float | None = None  # time at which one of the two sides has ended it
         self.readable = True    # if false, the kit does not read
         self.reader = StrictReader(by_companion)
@@ -289,7 +290,7 @@ class Channel:
             self._socket.close()
 
     def _end(self, kind: str) -> None:
-        self.ended, self.readable = True, False
+        self.ended, self.readable, self.was_reset = True, False, kind == "reset"
         self._note_end()
         self._log(SUBJECT, kind)
 

@@ -86,10 +86,8 @@ PRESS-6 companion must A DataMessage holds its text only, without a terminator.
 
 # Rules that no test case can check, with the reason.
 NO_CASE = {
-    "LINK-11": "only a companion's author can end it the orderly way",
     "TIME-11": "what the core has drawn is not visible on the wire",
     "PICT-12": "needs a core that draws such an image; image_test proves it for our service",
-    "PICT-7": "both ways are allowed",
 }
 
 # Rules that each test case checks in all data from the companion or device under test.
