@@ -154,6 +154,7 @@ def must_drop(attempt: CompanionAttempt, rule: str, payloads: dict[str, bytes]) 
                            or attempt.subject.peak_memory() > used + MEMORY)
         for held, limit in ((attempt.subject.peak_memory() - used, MEMORY),
                             (attempt.subject.peak_reserved() - reserved, RESERVED)):
+            attempt.final = held > limit  # the next attempt would begin with this peak
             attempt.forbid(rule, held > limit, f"{what}: {held >> 20} MiB of memory are reserved", payload[:64])
         attempt.forbid(rule, channel.ended, f"{what}: the companion closes the link", payload[:64])
         attempt.forbid(rule if rule == "PICT-6" else "LINK-10", channel.count(MessageType.CONTROL) == before,

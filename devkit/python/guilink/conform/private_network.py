@@ -70,7 +70,9 @@ class PrivateNetwork:
         self._ip([], "link add dev guilink0 type veth peer name guilink1 netns "
                      f"{self._holder.pid}\n" + KIT_SIDE)
         self._ip(self.within, SUBJECT_SIDE)
-        subprocess.run([*self.within, "sh", "-c", f"echo {RECEIVE_BUFFER} >/proc/sys/net/ipv4/tcp_rmem"], check=True)
+        # Without tail-loss probes, a segment arrives once, so that the kit can count the segments of a frame.
+        subprocess.run([*self.within, "sh", "-c", f"cd /proc/sys/net/ipv4; echo {RECEIVE_BUFFER} >tcp_rmem; "
+                        "echo 0 >tcp_early_retrans"], check=True)
 
     @staticmethod
     def _ip(within: list[str], batch: str) -> None:

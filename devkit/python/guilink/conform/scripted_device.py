@@ -5,7 +5,6 @@ import math
 import socket
 import statistics
 import time
-from pathlib import Path
 
 from guilink.conform.case import Attempt
 from guilink.conform.event_loop import Channel, UdpSocket
@@ -18,7 +17,6 @@ from guilink.wire import Message, MessageType, frame
 BROADCAST_INTERVAL = 0.25  # s between two broadcasts, until the companion answers
 REPEAT = 0.5           # s; an image is sent again after this time
 SEND_BUFFER = 1 << 20  # bytes; SO_SNDBUF, as on a real device
-NETSTAT = Path("/proc/self/net/netstat")
 DATA_SEGMENTS_IN = 152  # bytes before tcpi_data_segs_in in Linux's struct tcp_info
 SURELY_SPLIT = 5  # number of split frames
 SURPLUS = 3  # number of answers that may belong to broadcasts of the case before
@@ -59,7 +57,7 @@ class Connection(Channel):
         if self.over is not None:
             return 0
         information = self._socket.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, DATA_SEGMENTS_IN + 4)
-        return int.from_bytes(information[DATA_SEGMENTS_IN:], "little") - _repeated_segments()
+        return int.from_bytes(information[DATA_SEGMENTS_IN:], "little")
 
     def take(self, message: Message) -> None:
         super().take(message)
@@ -125,12 +123,6 @@ def _gaps(times: list[float], begin: float, end: float) -> list[float]:
     """Returns the times between two of `times`, `begin` and `end`."""
     marks = [begin, *(each for each in times if begin < each < end), max(begin, end)]
     return [after - before for before, after in zip(marks, marks[1:])]
-
-
-def _repeated_segments() -> int:
-    """Returns how many segments have arrived twice in the kit's network."""
-    names, values = (line.split() for line in NETSTAT.read_text().splitlines()[:2])  # the lines of TcpExt
-    return sum(int(value) for name, value in zip(names, values) if name in ("TCPDSACKOldSent", "TCPDSACKOfoSent"))
 
 
 class ScriptedDevice:
