@@ -39,7 +39,8 @@ class DrainedConnection {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof address;
         auto* const name = reinterpret_cast<sockaddr*>(&address);
-        expect(bind(listener, name, size) == 0 && listen(listener, 1) == 0, "listen");
+        expect(listener >= 0 && bind(listener, name, size) == 0 && listen(listener, 1) == 0,
+               "listen");
         expect(getsockname(listener, name, &size) == 0, "find the port");
         const int buffer = 0x100000;  // bytes, as in the service
         setsockopt(m_sender, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);

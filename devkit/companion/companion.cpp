@@ -21,6 +21,7 @@
 #include <optional>
 #include <span>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -51,6 +52,7 @@ constexpr size_t MAX_ANSWERED = 64;    // addresses that may connect
 
 int listening_socket() {
     const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "no socket");
     const int on = 1;
     setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in any = {};

@@ -147,7 +147,7 @@ void run() {
     if (std::system("ip link set lo up") != 0) throw std::runtime_error("no loopback interface");
     const int far = make_end("cable1", "10.78.0.2");
     std::array directions = {Direction(near, far, 1), Direction(far, near, 2)};
-    std::cout << "ready" << std::endl;
+    std::cout << "ready\n" << std::flush;
 
     std::string line;
     while (true) {
