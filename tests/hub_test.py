@@ -191,8 +191,9 @@ def test_the_viewer_ends_and_comes_back(tmp_path):
     with ExitStack() as stack:
         with running(*command):
             device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT, artifacts=tmp_path))
+            last = device.screen()
         until(lambda: not device.linked)
-        for shown in (device.last_screen(), lambda _: True):
+        for shown in (last, lambda _: True):
             with pytest.raises(guilink.WaitTimeoutError, match="no link at the moment"):
                 device.wait_for(shown, timeout=0.1)
         with running(*command):
