@@ -50,7 +50,7 @@ def connect(device: str | None = None, *, viewer: str | None = None,
     device that broadcasts. `viewer` is the URL of a running viewer, as the viewer prints it; the script then uses the
     viewer's link. `timeout` is the default limit of each wait. `labels` is a file with button names, in the
     format of `guilink-viewer --labels`. `artifacts` is the folder for the pictures that are saved when a wait fails.
-    `progress` is told why there is no link yet, each reason once. If there is no link after `link_timeout`
+    `progress` gets the reason why there is no link yet, each reason once. If there is no link after `link_timeout`
     seconds, raises LinkError; if an argument is wrong, ValueError, before anything is started.
     """
     buttons = check_arguments(device, viewer, labels, artifacts, link_timeout, timeout)

@@ -1,7 +1,7 @@
 // Picks pixels and boxes on the picture, as text: "(x, y)" or "(x, y, width, height)", in the picture's pixels.
 
 // overlay: an SVG above the picture; its viewBox has the picture's size, so its coordinates are pixels. field: the
-// input for the text; what is typed there is shown on the picture. point(text) is told the pixel under the pointer.
+// input for the text; what is typed there is shown on the picture. point(text) gets the pixel under the pointer.
 export function makePicker(overlay, field, point) {
   const box = overlay.querySelector('rect');
   let start = null; // where the pointer went down

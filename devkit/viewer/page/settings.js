@@ -1,4 +1,4 @@
-// What a visitor has chosen. The browser keeps it for the next visit, unless it is told to keep nothing.
+// What a visitor has chosen. The browser keeps it for the next visit, if it keeps anything at all.
 
 export function load(name, otherwise) {
   try {
