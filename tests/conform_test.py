@@ -101,6 +101,14 @@ def test_first_fault_is_the_cause(name, rule, tmp_path):
     assert any("has failed" in case["text"] for case in cases if case["verdict"] == "untestable")
 
 
+@pytest.mark.parametrize("name, found", [
+    ("keeps further connections", ["warned", "passed", "passed"]), ("leaves at any broadcast", ["passed", "failed"])])
+def test_only_a_failure_ends_a_run(name, found, tmp_path):
+    names = ["-k", "closes_further", "-k", "late_broadcast", "-k", "stream_ends"]
+    cases = companion(name, tmp_path, "-x", "--attempts", 2, *names)["cases"]
+    assert [case["verdict"] for case in cases] == found, cases
+
+
 def test_no_process_of_the_companion_stays(tmp_path):
     companion("leaves a child", tmp_path, "-k", "answers_a_broadcast")
     with suppress(ProcessLookupError):  # it has ended

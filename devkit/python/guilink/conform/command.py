@@ -10,7 +10,7 @@ from typing import Any, Sequence
 
 from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  registers the cases
                              companion_pictures, companion_plain, device_link, device_stream, private_network)
-from guilink.conform.case import FAILED, RESTARTED, Result
+from guilink.conform.case import Result
 from guilink.conform.companion_attempt import Shown, CompanionAttempt
 from guilink.conform.companion_process import CompanionProcess
 from guilink.conform.device_attempt import DeviceAttempt, Wanted
@@ -43,7 +43,7 @@ def add_options(parser: argparse.ArgumentParser) -> None:
                         help="seconds to wait for what must happen (default %(default)g)")
     common.add_argument("--attempts", metavar="N", type=int, default=Options.attempts,
                         help="attempts; a case fails only if all of them fail (default %(default)s)")
-    common.add_argument("-x", "--fail-fast", action="store_true", help="end with the first case that fails")
+    common.add_argument("-x", "--fail-fast", action="store_true", help="end at the first failure; warnings are none")
     companion = sides.add_parser("companion", parents=[common], help="start a companion and test it",
                                  usage="guilink conform companion [OPTION...] -- COMMAND...")
     companion.add_argument("--picture", metavar="FILE",
@@ -138,8 +138,7 @@ def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | 
         begin=lambda text: None if quiet else print(text, end="", flush=True)))
     write_reports(whole, options, repeated(options))
     result = as_json(whole, repeated(options))
-    failed = whole.count(FAILED) or whole.count(RESTARTED)
-    result["status"] = 128 + whole.signal if whole.signal else 1 if failed else 0
+    result["status"] = 128 + whole.signal if whole.signal else int(whole.failed())
     return result, summary(whole)
 
 

@@ -52,6 +52,10 @@ class Run:
     def count(self, verdict: str) -> int:
         return sum(result.verdict == verdict for result in self.results)
 
+    def failed(self) -> bool:
+        """Whether a case has failed. Warnings are no failures."""
+        return any(result.verdict in (FAILED, RESTARTED) for result in self.results)
+
     def rule_verdicts(self) -> dict[str, tuple[str, str]]:
         """Returns the verdict and the reason for each rule that applies to the companion or device under test."""
         return {rule.id: self._verdict_of(rule.id) for rule in RULES.values() if rule.binds(self.side)}
@@ -103,6 +107,8 @@ def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, options: Opti
     end = time.monotonic() + LIMIT
     for number, case in enumerate(cases, 1):
         note_late_crash(whole, subject, options)
+        if options.fail_fast and whole.failed():
+            break
         options.begin(f"[{number:2}/{len(cases)}] {case.name} ")
         if lacking := [name for name in case.needs if name in failed]:
             result = Result(case, UNTESTABLE, reason=f"not run: {lacking[0]} has failed ({failed[lacking[0]]})")
@@ -120,8 +126,6 @@ def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, options: Opti
             result.verdict = EXPECTED
         whole.results.append(result)
         options.tell(line(result) + (dump(result.fault) if result.fault and len(failed) == 1 else ""))
-        if options.fail_fast and result.fault and result.verdict != EXPECTED:
-            break
 
 
 def note_late_crash(whole: Run, subject: Subject, options: Options) -> None:
