@@ -75,8 +75,7 @@ std::optional<Tokens> tokens_for(const ServeOptions& options, int listener) {
     if (!is_reachable_from_outside(listener) && options.hosts.empty()) return std::nullopt;
     if (!options.no_token) return make_tokens();
     std::cerr << "guilink-viewer: with --no-token, everybody who can reach this page sees the "
-                 "screen and can press the buttons\n"
-              << std::flush;
+                 "screen and can press the buttons\n";
     return std::nullopt;
 }
 
