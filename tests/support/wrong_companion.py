@@ -285,6 +285,8 @@ class Companion:
             if len(message.payload) > 2000 and message.type == MessageType.DATA and wrong("dies of long texts"):
                 sys.exit(3)
             self.quiet |= wrong("asks until an identity") and message.type == MessageType.IDENTITY
+            if message.type == MessageType.IDENTITY:
+                self.called = message.payload[:5].decode("latin-1")
             if message.type == MessageType.IDENTITY and (
                     self.requests == 2 and wrong("presses after two requests")
                     or self.requests > 3 and not self.linked and wrong("presses at a late answer")):

@@ -143,9 +143,7 @@ def device_has_dropped_the_link(attempt: CompanionAttempt) -> None:
 @case("companion", "LINK-9", needs=(*LINKED, "device_has_dropped_the_link"))
 def lost_device_has_a_new_identity(attempt: CompanionAttempt) -> None:
     """The device falls silent, then broadcasts a new identity; the companion must answer."""
-    channel = attempt.candidate()
-    attempt.device.identity = b"44444fw1.1"
-    late = attempt.answer_to_lost_device(channel, b"44444fw1.1")
+    late = attempt.answer_to_lost_device(attempt.candidate(), b"44444fw1.1")
     attempt.require("LINK-9", not late, f"the broadcast of a new identity from the same address {late}")
 
 
