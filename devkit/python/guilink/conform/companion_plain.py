@@ -62,15 +62,17 @@ def link_ends_in_every_way(attempt: CompanionAttempt) -> None:
 def shows_a_plain_image(attempt: CompanionAttempt) -> None:
     """The device sends an image of 1024 x 768 pixels; the companion must show it."""
     channel, image = attempt.candidate(), plain_image()
+    second: Pixels = np.bitwise_xor(image, np.uint16(0x0FFF))  # as many bytes, but other colours
     attempt.device.show(channel, image)
     if attempt.shown and not attempt.loop.until(lambda: attempt.shown.read() is not None):
-        for rule, other, what in (("PICT-2", encode(image) + struct.pack("<2H", 1, image[-1, -1]), "with a last pixel"),
+        full = encode(second) + struct.pack("<2H", 1, second[-1, -1])
+        for rule, other, what in (("PICT-2", full, "with a last pixel"),
                                   ("PICT-4", encode(np.full(LARGE, image[0, 0])), "of 1280 x 960 pixels")):
             attempt.device.show_payload(channel, other)
             shown = attempt.loop.until(lambda: attempt.shown.read() is not None)
+            attempt.forbid("PICT-1", attempt.shows(image), "an image is shown only when the next one arrives")
             attempt.forbid(rule, shown, f"an image of 1024 x 768 pixels is not shown, but one {what} is")
     attempt.must_show("PICT-1", image, "an image of 1024 x 768 pixels", channel)
-    second: Pixels = np.bitwise_xor(image, np.uint16(0x0FFF))  # as many bytes, but other colours
     attempt.device.show(channel, second)
     attempt.must_show("PICT-1", second, "a second image of the same size", channel)
 
