@@ -16,7 +16,7 @@ from guilink.conform.case import Attempt, UntestableError
 from guilink.conform.companion_process import CompanionProcess
 from guilink.conform.event_loop import Channel, EventLoop, UdpSocket
 from guilink.conform.private_network import COMPANION, DEVICE, OTHER_DEVICE
-from guilink.conform.scripted_device import Connection, ScriptedDevice
+from guilink.conform.scripted_device import MUST_GAP, Connection, ScriptedDevice
 from guilink.conform.strict import Fault
 from guilink.picture import Pixels, encode
 from guilink.screen import Screen
@@ -218,6 +218,9 @@ class CompanionAttempt(Attempt):
         came = self.loop.until(lambda: channel.ended or channel.count(MessageType.CONTROL) >= before + more,
                                self.loop.patience + more)
         self.require("TIME-2", came, "the companion falls silent on a connection that is still open")
+        if channel.over is not None and channel.linked is not None:
+            silent = channel.over - max([channel.linked, *channel.times(MessageType.CONTROL)])
+            self.forbid("TIME-2", silent > MUST_GAP, f"no ControlMessage on the link for {silent:.1f} s, then its end")
         return not channel.ended
 
     def must_show(self, rule: str, pixels: Pixels, what: str, channel: Channel | None = None) -> None:
