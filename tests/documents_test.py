@@ -7,7 +7,8 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DOCUMENTS = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")])
-FOLDERS = "|".join(path.name for path in ROOT.iterdir() if path.is_dir() and path.name not in ("build", ".git"))
+MADE = ("build", ".git", "guilink-artifacts")  # folders that a checkout does not have at first
+FOLDERS = "|".join(path.name for path in ROOT.iterdir() if path.is_dir() and path.name not in MADE)
 
 
 def anchors(path):
