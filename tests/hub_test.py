@@ -230,6 +230,9 @@ def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
             if fault in ("row", "colour"):
                 moved_from(shown)
                 device.wait_stable(pictures=20, **look)
+            if fault == "lost":
+                until(lambda: device.unchanged > 1)  # the pictures from before the press have arrived
+                device.press("down")
             with pytest.raises(guilink.WaitTimeoutError, match=words):
                 device.wait_for(second, timeout=3, **look)
         new_core("--fault", "late")
