@@ -49,8 +49,8 @@ class HostileNeighbour : public Recovery {
     }
 
     // The service must link the good companion, although other answers to the service's broadcast
-    // come before this companion's.
-    static void keeps_out_no_late_one(RawCompanion& good, std::chrono::milliseconds delay) {
+    // come before this companion's. Returns the number of searches that this takes.
+    static int keeps_out_no_late_one(RawCompanion& good, std::chrono::milliseconds delay) {
         const auto came = std::chrono::steady_clock::now();
         int searches = 0;
         EXPECT_TRUE(wait_until(
@@ -67,9 +67,9 @@ class HostileNeighbour : public Recovery {
                 return candidate.readable(1s) && candidate.has_data();
             },
             beside_limit()));
-        EXPECT_LE(searches, 12);
         std::printf("linked beside them after %.1f s, %d searches\n", seconds_since(came),
                     searches);
+        return searches;
     }
     void keeps_out_no_late_one(const Behaviour& behaviour) {
         const HostileHosts hostile(behaviour);
@@ -88,7 +88,8 @@ class HostileNeighbour : public Recovery {
             m_far.inside([&] { return std::make_unique<ForgedAnswers>(per_second, "10.77.0.2"); });
         for (int i = 0; i < 3; ++i) m_peer.hear();
         RawCompanion good = m_far.inside([] { return RawCompanion(); });
-        keeps_out_no_late_one(good, 100ms);
+        // One after another, the connects to the forged addresses would take 17 searches or more.
+        EXPECT_LE(keeps_out_no_late_one(good, 100ms), 12);
     }
 };
 
