@@ -28,6 +28,28 @@ TEST(FrameMemory, NoAddressIsEverUsedTwice) {
     }
 }
 
+TEST(FrameMemory, StaysInItsRegion) {
+    constexpr uint32_t SIZE = 1'572'864;
+    constexpr uint64_t LENGTH = FrameMemory::BUFFERS * (SIZE + 4096);
+    const Region region = {0x20000001, 0x20001000 + 2 * LENGTH};
+    uint64_t end = 0x20001000;  // the region's first page boundary
+    for (int start = 0; start < 2; ++start, end += LENGTH)
+        EXPECT_EQ(FrameMemory(SIZE, region).address(0), end);
+    EXPECT_EQ(end, region.end);
+    EXPECT_THROW(FrameMemory(SIZE, region), std::runtime_error);
+    EXPECT_EQ(FrameMemory(SIZE).address(0), region.end);
+}
+
+TEST(FrameMemory, OnlyRegionsBelow4GiBAreAccepted) {
+    const auto region = parse_region("0xfffff000:4096");
+    ASSERT_TRUE(region);
+    EXPECT_EQ(region->begin, 0xfffff000u);
+    EXPECT_EQ(region->end, 0x100000000u);
+    for (const char* const junk : {"", "1", "1:", ":1", "1:0", "1:1x", "x:1", "0xfffff000:4097",
+                                   "0x100000000:1", "-1:1", "1:-1"})
+        EXPECT_FALSE(parse_region(junk)) << junk;
+}
+
 TEST(ControlService, OnlyCommandsAreObeyed) {
     EXPECT_EQ(parse_command(R"([{"msg_id":100,"param":"On"}])"), Button::up);
     EXPECT_EQ(parse_command(R"([{"msg_id":115,"param":"On"}])"), Button::info);

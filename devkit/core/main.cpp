@@ -1,4 +1,4 @@
-// guilink-core simulates the device's real-time core: draws a GUI into simulated physical memory,
+// guilink-core simulates the device's real-time core: draws a GUI into physical memory,
 // announces each frame to guilinkd, and carries out the button commands that guilinkd sends.
 #include <poll.h>
 
@@ -17,6 +17,7 @@
 #include "devkit/core/frame_memory.h"
 #include "devkit/core/scenes.h"
 #include "ipc/core_calls.h"
+#include "link/read_frame.h"
 
 namespace {
 
@@ -45,14 +46,15 @@ struct Options {
     Fault fault = Fault::none;
     std::string qr_body;
     std::string dump;
+    std::optional<Region> memory;
 };
 
 // The canvas and the frame buffers of one screen size.
 struct Screen {
-    explicit Screen(bool is_large)
+    Screen(bool is_large, const std::optional<Region>& region)
         : large(is_large),
           canvas(is_large ? 1280 : 1024, is_large ? 960 : 768),
-          memory(uint32_t{canvas.width()} * canvas.height() * 2) {}
+          memory(uint32_t{canvas.width()} * canvas.height() * 2, region) {}
     const bool large;
     Canvas canvas;
     const FrameMemory memory;
@@ -123,9 +125,12 @@ bool take_buttons_until(Clock::time_point due, ControlService& control, Gui& gui
 }
 
 void write_dump(const std::string& file, std::span<const uint16_t> pixels) {
+    std::vector<char> bytes(pixels.size_bytes());
+    // Not straight from the memory, which may be device memory.
+    ReadFrame(reinterpret_cast<unsigned char*>(bytes.data()),
+              reinterpret_cast<const unsigned char*>(pixels.data()), bytes.size());
     std::ofstream stream(file, std::ios::binary);
-    stream.write(reinterpret_cast<const char*>(pixels.data()),
-                 static_cast<std::streamsize>(pixels.size_bytes()));
+    stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     if (!stream.flush()) throw std::runtime_error("cannot write " + file);
 }
 
@@ -134,7 +139,7 @@ void run(const Options& options) {
     Service service;
     Gui gui(options.qr_body.empty() ? "11111" : options.qr_body);
     bool large = options.large;
-    auto screen = std::make_unique<Screen>(large);
+    auto screen = std::make_unique<Screen>(large, options.memory);
     if (!options.qr_body.empty()) service.send_qr_body(options.qr_body);
 
     const std::chrono::duration<double> interval(1 / options.fps);
@@ -146,7 +151,7 @@ void run(const Options& options) {
     for (uint64_t frame = 1; !stopped; ++frame) {
         if (screen->large != large) {
             screen.reset();
-            screen = std::make_unique<Screen>(large);
+            screen = std::make_unique<Screen>(large, options.memory);
         }
         Moment moment = {frame, std::chrono::duration<double>(due - start).count(), wall_clock()};
         if (options.still) moment = {0, 0, "12:34:56"};
@@ -173,8 +178,8 @@ void run(const Options& options) {
 
 int main(int argc, char** argv) {
     CLI::App app(
-        "Simulates a device's real-time core: draws a GUI into simulated memory, announces\n"
-        "its frames to guilinkd and obeys the buttons. Run it in scripts/sandbox.");
+        "Simulates a device's real-time core: draws a GUI into physical memory, announces its\n"
+        "frames to guilinkd and obeys the buttons. Run it in scripts/sandbox, or on a board.");
     Options options;
     app.add_option_function<std::string>(
            "--size", [&](const std::string& name) { options.large = SIZES.at(name); },
@@ -201,6 +206,14 @@ int main(int argc, char** argv) {
                                                 : "guilinkd aborts unless it has 5 characters");
         });
     app.add_option("--dump", options.dump, "On exit, write the last frame's pixels to this file");
+    app.add_option_function<std::string>(
+           "--memory", [&](const std::string& text) { options.memory = parse_region(text); },
+           "Draw into this region of physical memory, ADDRESS:SIZE, which Linux must not use")
+        ->check([](const std::string& text) {
+            return std::string(parse_region(text) ? ""
+                                                  : "not ADDRESS:SIZE below 4 GiB, as in "
+                                                    "0x30000000:0x4000000");
+        });
     CLI11_PARSE(app, argc, argv);
 
     struct sigaction action = {};
