@@ -18,9 +18,10 @@ std::chrono::seconds storm() {
     return std::chrono::seconds(seconds != nullptr ? std::stoi(seconds) : 0);
 }
 
-// During an attack, the service may run four searches with two threads each. It may keep the
-// connections of two searches, with eight connections each and one thread per connection.
-constexpr size_t MORE_THREADS = 4 * 2 + 2 * 8;
+// How many more threads the service may have during an attack. An idle machine needs 24: two for
+// each of four searches, and one for each of eight connections of two searches. On a busy machine,
+// threads end later. Without limits, an attack would start hundreds.
+constexpr size_t MORE_THREADS = 4 * 24;
 
 class HostileNeighbour : public Recovery {
   protected:
