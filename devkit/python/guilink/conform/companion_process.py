@@ -86,9 +86,10 @@ class CompanionProcess:
                 continue
 
     def starved(self) -> float:
-        """Returns how long (s) the threads of the companion and the kit have waited for a processor."""
+        """Returns how long (s) the threads of the companion have waited for a processor. The kit waits, too, but is
+        only late by its latest wait, whatever the sum is."""
         if self._process:
-            for pid in (os.getpid(), *_family(self._process.pid)):
+            for pid in _family(self._process.pid):
                 for thread in Path(f"/proc/{pid}/task").glob("*/schedstat"):
                     try:
                         self._waited[thread] = int(thread.read_text().split()[1])
