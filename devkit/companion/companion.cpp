@@ -228,7 +228,14 @@ void Companion::Impl::receive_broadcasts() {
 }
 
 bool Companion::Impl::wants(const Discovery::Broadcast& broadcast) {
-    if (m_used != nullptr) return broadcast.address == m_used->address();
+    if (m_used != nullptr) {
+        if (broadcast.address == m_used->address()) return true;
+        // If our device has fallen silent, it has moved. Otherwise two have the same identity.
+        const bool moved = Clock::now() > m_used->last_received() + ASK_AFTER &&
+                           !m_last.identity.empty() && broadcast.device.identity == m_last.identity;
+        if (moved) m_used->end();
+        return moved;
+    }
     const auto is_named = [&](const std::string& name) {
         return !name.empty() &&
                (name == broadcast.device.identity || name == broadcast.device.address);

@@ -76,10 +76,10 @@ def save_png(name, width, height, rgba):
 
 
 def answer(discovery, only=None):
-    """Reads a broadcast, and answers it unless `only` is a different address. Returns whether it was answered."""
+    """Reads a broadcast; answers it unless `only` has neither its address nor its identity. Returns if it did."""
     call, device = discovery.recvfrom(2048)
-    calls = any(kind == IDENTITY and len(payload) >= 5 for kind, payload in messages_in(bytearray(call)))
-    if found := calls and only in (None, device[0]):
+    text = call[HEADER.size:]
+    if found := len(text) >= 5 and call == frame(IDENTITY, text) and (only is None or only & {device[0], text[:5]}):
         discovery.sendto(frame(CONNECT), device)
     return found
 
@@ -99,7 +99,7 @@ def connections(discovery, end):
 def messages(connection, discovery, end):
     """Yields the messages of a connection and keeps the connection alive. Ends when the device has gone."""
     connection.settimeout(SILENCE)  # s; limit of each send
-    peer, linked = connection.getpeername()[0], None  # `linked` will be the time of the first image
+    ours, linked = {connection.getpeername()[0]}, None  # the device's address and identity; time of the first image
     buffer, heard, next_alive, patience = bytearray(), time.monotonic(), 0, TURN
     while (now := time.monotonic()) < min(end, heard + patience):
         if now >= next_alive:
@@ -109,6 +109,8 @@ def messages(connection, discovery, end):
         if message := next(messages_in(buffer), None):  # one at a time, so that keep-alives go out in between
             yield message
             heard = time.monotonic()
+            if message[0] == IDENTITY:
+                ours.add(message[1][:5])
             if message[0] == IMAGE and not linked:
                 patience, linked = SILENCE, heard
             continue
@@ -120,10 +122,8 @@ def messages(connection, discovery, end):
             heard = time.monotonic()
             buffer += data
         if discovery in ready:
-            # Right after linking, ignore all broadcasts, because they may be late. Later, a broadcast from our device
-            # means that the device has dropped the link, so answer and return.
-            only = None if not linked else peer if now > linked + OLD_SEARCH else "nobody"
-            if answer(discovery, only) and linked:
+            # Right after linking, broadcasts may be late. Later, our device broadcasts if it has dropped the link.
+            if answer(discovery, None if not linked else ours if now > linked + OLD_SEARCH else set()) and linked:
                 return
 
 
