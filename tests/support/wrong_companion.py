@@ -34,7 +34,7 @@ WRONG = {  # key: what the companion does wrong; value: the rule that this break
     "waits for the silent": "LINK-4", "keeps further connections": "LINK-5", "holds on": "LINK-6",
     "leaves in silence only": "LINK-6", "leaves at any broadcast": "LINK-7",
     "one reader for all": "LINK-8", "knows identities only": "LINK-9",
-    "a new identity is another device": "LINK-9",
+    "a new identity is another device": "LINK-9", "a new address is another device": "LINK-9",
     "dies of a reset": "LINK-10", "dies of a damaged image": "LINK-10", "falls silent": "TIME-1",
     "control every 4 s": "TIME-2", "control every 1.5 s": "TIME-3", "stops reading": "TIME-4",
     "reads every 4 s": "TIME-4",
@@ -45,12 +45,14 @@ WRONG = {  # key: what the companion does wrong; value: the rule that this break
     "texts early": "PRESS-1", "presses after two requests": "PRESS-1",
     "button 16": "PRESS-2", "two buttons": "PRESS-2",
     "answers 40 times": "DISC-4", "answers every other broadcast": "DISC-5", "listens late": "DISC-7",
-    "answers any type": "DISC-6", "compares four characters": "DISC-10", "one frame a read": "FRAME-4",
+    "answers any type": "DISC-6", "answers more than a frame": "DISC-6",
+    "compares four characters": "DISC-10", "one frame a read": "FRAME-4",
     "sends presses in two pieces": "FRAME-11",
     "asks late": "LINK-1", "asks five times": "LINK-2", "asks every other time": "LINK-2",
     "ignores a half-close": "LINK-3", "leaves the silent late": "LINK-4", "keeps waiting connections": "LINK-5",
     "answers the second broadcast": "LINK-6", "knows addresses only": "LINK-9", "knows versions only": "LINK-9",
-    "dies of long texts": "LINK-10", "is silent in a frame": "TIME-2", "pauses": "TIME-2",
+    "dies of long texts": "LINK-10", "keeps damaged images": "LINK-10",
+    "is silent in a frame": "TIME-2", "pauses": "TIME-2",
     "leaves after 1 s": "TIME-6", "leaves after 6 s": "TIME-6", "leaves at a damaged image": "PICT-5",
     "opaque": "PICT-3", "presses once in its life": "PRESS-1", "presses at a late answer": "PRESS-1",
     "presses 7 only": "PRESS-2", "ends its texts": "PRESS-6",
@@ -115,6 +117,8 @@ def picture(payload):
     try:
         pixels = decode(payload).copy()
     except DamagedPictureError:
+        if wrong("keeps damaged images"):
+            Companion.kept.append(np.ones(2 << 20, np.uint8))
         return None
     if wrong("short runs"):
         return decode(payload) if max(words[2::2], default=0) < 1 << 15 else pixels * 0
@@ -135,7 +139,7 @@ def picture(payload):
 
 
 class Companion:
-    first = None
+    first, kept = None, []
 
     def __init__(self, path):
         self.path, self.connection, self.device, self.others = path, None, None, []
@@ -185,12 +189,13 @@ class Companion:
             data[0]
         short = wrong("answers short identities") and data[40:42] == b"\3\0" and len(data) == 46
         any_type = wrong("answers any type") and len(FrameReader().feed(data)) == 1 and len(data) > 46
-        if not said and not (wrong("answers noise") or short or any_type):
+        more = wrong("answers more than a frame") and [each.type for each in FrameReader().feed(data)] == [3]
+        if not said and not (wrong("answers noise") or short or any_type or more and len(data) > 46):
             return
         if self.connection and self.linked and not wrong("answers another device"):
-            own = sender[0] == self.peer and not wrong("leaves in silence only")
-            if said and said.id != self.called and wrong("a new identity is another device"):
-                own = False
+            place, name = sender[0] == self.peer, bool(said and said.id == self.called)
+            own = {"leaves in silence only": False, "a new identity is another device": name,
+                   "a new address is another device": place}.get(NAME, place or name)
             self.calls += own
             if wrong("answers the second broadcast") and self.calls % 2:
                 return

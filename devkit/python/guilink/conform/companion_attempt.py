@@ -169,22 +169,26 @@ class CompanionAttempt(Attempt):
         self.device.repeat(channel, PLAIN if pixels is None else pixels)
         return channel
 
-    def answer_to_lost_device(self, channel: Connection, identity: bytes) -> str:
-        """Lets the device send images for more than a second, then fall silent on the link and broadcast `identity`.
-        Returns an empty string if the companion answers the first broadcast in time, and otherwise an error message."""
+    def answer_to_lost_device(self, searching: ScriptedDevice, identity: bytes, tries: int = 1) -> str:
+        """Lets the device send images for more than a second, then fall silent on the link, and `searching` broadcast
+        `identity`. Returns an empty string if the companion answers one of the first `tries` broadcasts and closes the
+        link, and otherwise an error message."""
+        channel = self.candidate()
         began, showing = self.loop.clock(), True
         self.loop.every(0.5, lambda: showing and self.device.show(channel, PLAIN))
         self.loop.until(lambda: self.loop.clock() > began + SECOND + DRAWN)
         showing = channel.answering = False
         self.device.show(channel, PLAIN)  # the last message on this link; from now on, the device only broadcasts
-        self.device.identity, before, number = identity, self.device.answers, 0
+        searching.identity, before, number = identity, searching.answers, 0
         while number < self.loop.patience:
-            self.device.broadcast()
+            searching.broadcast()
             number, sent = number + 1, self.loop.clock()
-            self.loop.until(lambda: self.device.answers > before or self.loop.clock() > sent + BROADCAST_INTERVAL)
-            if self.device.answers > before:
+            self.loop.until(lambda: searching.answers > before or self.loop.clock() > sent + BROADCAST_INTERVAL)
+            if searching.answers > before:
                 # A late answer proves nothing, because the companion closes every link that is silent for 3 s.
-                return "" if number == 1 else f"is answered only when it has come {number} times"
+                if number > tries:
+                    return f"is answered only when it has come {number} times"
+                return "" if self.loop.until(lambda: channel.ended) else "is answered, but the link is kept"
         return "is not answered"
 
     def large_images(self, number: int) -> Iterator[bytes]:

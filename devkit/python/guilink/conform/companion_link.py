@@ -1,23 +1,19 @@
 """Test cases: how a companion gets a link, keeps it, and gets a new link after a loss."""
 from __future__ import annotations
 
-import time
-
 from guilink.conform.case import UntestableError, case
-from guilink.conform.companion_attempt import LINK_SILENCE, PLAIN, SECOND, CompanionAttempt
+from guilink.conform.companion_attempt import PLAIN, SECOND, CompanionAttempt
 from guilink.conform.companion_plain import LINKED, SOON
-from guilink.conform.scripted_device import Connection
 from guilink.picture import encode
 from guilink.wire import MessageType, frame
 
 DEAD = 9               # number of connections that the device closes before the companion accepts them
-REPEATS = 3            # number of further ConnectRequests that the companion must send
+REPEATS = 2            # number of further ConnectRequests that the companion must send
 BLANK = 4.0            # s for which the device draws nothing
 CONNECTIONS = 70       # number of connections that the device drops
 SLOW = 1.5             # s; longest permitted time between two ConnectRequests, which should come every 0.5 s
-EARLY = 0.5            # s; how much earlier
 LATE = 1.5             # s; how much later than a rule says the companion may do something
-LOAD = 14              # number of images that the device sends without a pause
+LOAD = 10              # number of images that the device sends without a pause
 MANY = 40              # number of small images before them
 STALL = 3.0            # s; if the device's send buffer stays full for this long, a device closes the link
 
@@ -63,7 +59,7 @@ def presses_nothing_early(attempt: CompanionAttempt) -> None:
     attempt.keep_alives(channel, 2)
     channel.close()
     channel = attempt.link()
-    attempt.keep_alives(channel)
+    attempt.keep_alives(channel, 1)
     attempt.kept.add("PRESS-1")
     if attempt.can_press:
         for button in (0, 7, 15):
@@ -118,33 +114,31 @@ def closes_further_connections(attempt: CompanionAttempt) -> None:
     attempt.device.repeat(channel, PLAIN)
     attempt.forbid("LINK-5", not attempt.keep_alives(channel), "the companion closes the link, and keeps a second "
                    "connection")
-    must_close(attempt, second, "a connection that waited when the link began stays open")
-    second.close()
-    if third := attempt.device.try_to_connect():
-        third.answering = False
-        must_close(attempt, third, "a second connection stays open")
-    attempt.forbid("LINK-5", not attempt.keep_alives(channel), "the link ends with a second connection")
-
-
-def must_close(attempt: CompanionAttempt, second: Connection, what: str) -> None:
-    attempt.require("LINK-5", attempt.loop.until(lambda: second.ended, attempt.loop.patience / 2), what)
+    third, began = attempt.device.try_to_connect() or second, attempt.loop.clock()
+    third.answering = False
+    attempt.loop.until(lambda: second.ended and third.ended or attempt.loop.clock() > began + SECOND + LATE)
+    attempt.final = not (second.ended and third.ended)
+    attempt.require("LINK-5", second.ended, "a connection that waited when the link began stays open")
+    attempt.require("LINK-5", third.ended, "a second connection stays open")
+    attempt.forbid("LINK-5", not attempt.keep_alives(channel, 1), "the link ends with a second connection")
 
 
 @case("companion", "LINK-6", needs=LINKED)
 def device_has_dropped_the_link(attempt: CompanionAttempt) -> None:
     """The device drops the link silently and broadcasts; the companion must close the link and answer."""
-    channel = attempt.candidate()
-    late = attempt.answer_to_lost_device(channel, attempt.device.identity)
+    late = attempt.answer_to_lost_device(attempt.device, attempt.device.identity)
     attempt.require("LINK-6", not late, f"a broadcast of the link's device {late}")
-    attempt.require("LINK-6", attempt.loop.until(lambda: channel.ended),
-                    "the link is kept although its device broadcasts")
 
 
 @case("companion", "LINK-9", needs=(*LINKED, "device_has_dropped_the_link"))
-def lost_device_has_a_new_identity(attempt: CompanionAttempt) -> None:
-    """The device falls silent, then broadcasts a new identity; the companion must answer."""
-    late = attempt.answer_to_lost_device(attempt.candidate(), b"44444fw1.1")
-    attempt.require("LINK-9", not late, f"the broadcast of a new identity from the same address {late}")
+def lost_device_has_changed(attempt: CompanionAttempt) -> None:
+    """The device falls silent, then broadcasts a new identity or from a new address; the companion must answer."""
+    if late := attempt.answer_to_lost_device(attempt.device, b"44444fw1.1"):
+        attempt.fail("LINK-9", f"the broadcast of a new identity from the same address {late}")
+        return
+    # A companion may wait for a second of silence, because two devices may have the same identity.
+    late = attempt.answer_to_lost_device(attempt.other_device(), attempt.device.identity, tries=3)
+    attempt.require("LINK-9", not late, f"the broadcast of the same identity from a new address {late}")
 
 
 @case("companion", "LINK-7", needs=LINKED)
@@ -160,12 +154,13 @@ def late_broadcast_of_an_old_search(attempt: CompanionAttempt) -> None:
 @case("companion", "TIME-2", "TIME-4", gentle=False, needs=LINKED)
 def reads_and_speaks_under_load(attempt: CompanionAttempt) -> None:
     """The device sends images without a pause; the companion must read them all and send keep-alives."""
-    channel = attempt.link()
+    images, channel = list(attempt.large_images(LOAD)), attempt.link()
     attempt.keep_alives(channel, 1)
     channel.stall = STALL
     channel.send(frame(MessageType.IMAGE, encode(PLAIN)) * MANY)
-    for i, payload in enumerate(attempt.large_images(LOAD)):
+    for i, payload in enumerate(images):
         taken = attempt.device.show_payload(channel, payload)
+        attempt.final = not (taken or channel.ended)
         attempt.require("TIME-4", taken or channel.ended, f"image {i}: nothing is read for {STALL:.0f} s")
         attempt.forbid("TIME-4", channel.ended, f"the companion closes the link at image {i}")
         attempt.loop.serve(0)
@@ -180,27 +175,6 @@ def stream_ends(attempt: CompanionAttempt) -> None:
     channel.half_close()
     attempt.require("LINK-3", attempt.loop.until(lambda: channel.ended, SOON),
                     "the companion does not close a link whose stream has ended")
-
-
-@case("companion", "TIME-5", "TIME-6", "LINK-11", needs=LINKED)
-def device_falls_silent(attempt: CompanionAttempt) -> None:
-    """The device sends one image and nothing more; the companion should close the link after 3 s."""
-    channel = attempt.candidate()
-    attempt.device.show(channel, PLAIN)
-    channel.answering = False
-    began, quiet = attempt.loop.clock(), time.monotonic()
-    closed = attempt.loop.until(lambda: channel.ended, LINK_SILENCE + attempt.loop.patience)
-    ended = attempt.loop.clock() if channel.over is None else channel.over
-    asked, alive = (sum(began + SECOND < each < began + LINK_SILENCE for each in channel.times(kind))
-                    for kind in (MessageType.IDENTITY_REQUEST, MessageType.CONTROL))
-    attempt.forbid("TIME-6", time.monotonic() < quiet + LINK_SILENCE - EARLY,
-                   f"the link is closed after {ended - began:.1f} s without a byte already")
-    attempt.require("TIME-5", asked >= max(1, alive - 1), f"nothing arrives, but only {asked} of {alive} keep-alives "
-                    "come with an IdentityRequest")
-    attempt.require("TIME-6", closed, "the link is kept although nothing arrives")
-    attempt.require("TIME-6", ended - began <= LINK_SILENCE + 1,
-                    f"the link is closed only after {ended - began:.1f} s without a byte")
-    attempt.require("LINK-11", not channel.was_reset, "the companion resets a link on which it has read everything")
 
 
 @case("companion", "LINK-3", "LINK-10", gentle=False, needs=LINKED)

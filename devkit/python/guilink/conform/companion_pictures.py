@@ -8,11 +8,14 @@ import numpy as np
 from guilink.conform.case import case
 from guilink.conform.companion_attempt import LARGE, SIZE, CompanionAttempt
 from guilink.conform.companion_plain import SHOWN
+from guilink.conform.scripted_device import Connection
+from guilink.conform.strict import Fault
 from guilink.picture import Pixels, encode
 from guilink.wire import MessageType, frame
 
 MEMORY = 1 << 29  # bytes of memory that a companion may use for a picture
 RESERVED = 1 << 31  # bytes of memory that it may reserve without using them
+AGAIN = 40  # how often the device sends all damaged images at once
 
 
 def words(*values: int) -> bytes:
@@ -129,7 +132,14 @@ NO_SCREEN = {
 @case("companion", "PICT-5", "LINK-10", needs=SHOWN)
 def damaged_images(attempt: CompanionAttempt) -> None:
     """The device sends damaged images between good ones; the companion must show only the good ones."""
-    must_drop(attempt, "PICT-5", DAMAGED)
+    channel, used = must_drop(attempt, "PICT-5", DAMAGED), attempt.subject.peak_memory()
+    channel.send(b"".join(frame(MessageType.IMAGE, payload) for payload in DAMAGED.values()) * AGAIN)
+    attempt.keep_alives(channel, 2)
+    grown = attempt.subject.peak_memory() - used
+    if grown > MEMORY:  # only a warning, because the memory may be garbage that is collected later
+        attempt.final = True
+        attempt.warnings.append(Fault("LINK-10", f"{AGAIN * len(DAMAGED)} damaged images at once use {grown >> 20} MiB "
+                                      "more memory"))
 
 
 @case("companion", "PICT-6", "LINK-10", gentle=False, needs=SHOWN)
@@ -138,9 +148,9 @@ def images_of_no_screen(attempt: CompanionAttempt) -> None:
     must_drop(attempt, "PICT-6", NO_SCREEN)
 
 
-def must_drop(attempt: CompanionAttempt, rule: str, payloads: dict[str, bytes]) -> None:
+def must_drop(attempt: CompanionAttempt, rule: str, payloads: dict[str, bytes]) -> Connection:
     """Sends a good image, all the payloads, another good image, and all the payloads again. The companion must show
-    the good images only."""
+    the good images only. Returns the connection."""
     channel = attempt.candidate()
     good, last = attempt.picture(), attempt.picture()
     attempt.device.show(channel, good)
@@ -167,3 +177,4 @@ def must_drop(attempt: CompanionAttempt, rule: str, payloads: dict[str, bytes]) 
         attempt.must_show(rule, good, "an image behind which the device has sent damaged ones", channel)
     channel.send(b"".join(frame(MessageType.IMAGE, payload) for payload in (encode(last), *payloads.values())))
     attempt.must_show(rule, last, "an image between damaged ones", channel)
+    return channel

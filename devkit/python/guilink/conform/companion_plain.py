@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import struct
+import time
 
 import numpy as np
 
@@ -10,6 +11,7 @@ from guilink.conform.companion_attempt import LARGE, LINK_SILENCE, PLAIN, SECOND
 from guilink.picture import Pixels, encode
 from guilink.wire import MessageType, frame
 
+EARLY = 0.5      # s; how much earlier than a rule says the companion may do something
 SOON = 2.0       # s in which a companion notices the end of its link
 KEEP_ALIVES = 5  # number of ControlMessages to wait for
 
@@ -56,6 +58,27 @@ def link_ends_in_every_way(attempt: CompanionAttempt) -> None:
     attempt.device.connect().reset()
     attempt.candidate().close()
     attempt.kept |= {"LINK-3", "LINK-10"}
+
+
+@case("companion", "TIME-5", "TIME-6", "LINK-11", needs=LINKED)
+def device_falls_silent(attempt: CompanionAttempt) -> None:
+    """The device sends one image and nothing more; the companion should close the link after 3 s."""
+    channel = attempt.candidate()
+    attempt.device.show(channel, PLAIN)
+    channel.answering = False
+    began, quiet = attempt.loop.clock(), time.monotonic()
+    closed = attempt.loop.until(lambda: channel.ended, LINK_SILENCE + attempt.loop.patience)
+    ended = attempt.loop.clock() if channel.over is None else channel.over
+    asked, alive = (sum(began + SECOND < each < began + LINK_SILENCE for each in channel.times(kind))
+                    for kind in (MessageType.IDENTITY_REQUEST, MessageType.CONTROL))
+    attempt.forbid("TIME-6", time.monotonic() < quiet + LINK_SILENCE - EARLY,
+                   f"the link is closed after {ended - began:.1f} s without a byte already")
+    attempt.require("TIME-5", asked >= max(1, alive - 1), f"nothing arrives, but only {asked} of {alive} keep-alives "
+                    "come with an IdentityRequest")
+    attempt.require("TIME-6", closed, "the link is kept although nothing arrives")
+    attempt.require("TIME-6", ended - began <= LINK_SILENCE + 1,
+                    f"the link is closed only after {ended - began:.1f} s without a byte")
+    attempt.require("LINK-11", not channel.was_reset, "the companion resets a link on which it has read everything")
 
 
 @case("companion", "PICT-1", "PICT-2", "PICT-3", "PICT-4", needs=LINKED)

@@ -116,7 +116,7 @@ def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, options: Opti
             result = Result(case, UNTESTABLE, reason=f"not run: the failures have taken {LIMIT} s")
         else:
             try:
-                result = run_attempts(case, subject, options, set(failed.values()))
+                result = run_attempts(case, subject, options, {r.fault.rule for r in whole.results if r.fault})
             except (ValueError, GuilinkError):
                 options.tell("error")
                 raise

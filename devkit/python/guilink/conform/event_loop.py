@@ -252,11 +252,11 @@ class Channel:
             if any(each.type == MessageType.IMAGE for each in self._sent.feed(data)) and self.linked is None:
                 self.linked = self.loop.clock()
         rest = memoryview(data)
-        end, before = time.monotonic() + self.stall, -1
-        while rest and not self.ended and time.monotonic() < end:
+        end, before = self.loop.clock() + self.stall, -1
+        while rest and not self.ended and self.loop.clock() < end:
             self.loop.check_deadline()
             if (left := self._left()) != before:  # some bytes have been sent or acknowledged
-                end, before = time.monotonic() + self.stall, left
+                end, before = self.loop.clock() + self.stall, left
             try:
                 rest = rest[self._socket.send(rest):]
             except BlockingIOError:
