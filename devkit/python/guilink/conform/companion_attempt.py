@@ -85,12 +85,12 @@ class CompanionAttempt(Attempt):
         return self._devices[-1]
 
     def _clock(self) -> float:
-        """A clock that stands still while the companion waits for a processor, so that a busy machine does not make it
-        late."""
+        """A clock that stands still while the companion waits for a processor, and while the kit does not listen, so
+        that a busy machine does not make the companion late."""
         now = time.monotonic()
         if now > self._starved_at + STARVED_POLL:
             self._starved, self._starved_at = self.subject.starved(), now
-        self._now = max(self._now, now - self._starved)
+        self._now = max(self._now, now - self._starved - self.loop.busy)
         return self._now
 
     # --- used by case.run_once -----------------------------------------------------------------------

@@ -132,9 +132,10 @@ NO_SCREEN = {
 @case("companion", "PICT-5", "LINK-10", needs=SHOWN)
 def damaged_images(attempt: CompanionAttempt) -> None:
     """The device sends damaged images between good ones; the companion must show only the good ones."""
-    channel, used = must_drop(attempt, "PICT-5", DAMAGED), attempt.subject.peak_memory()
-    channel.send(b"".join(frame(MessageType.IMAGE, payload) for payload in DAMAGED.values()) * AGAIN)
-    attempt.keep_alives(channel, 2)
+    channel, used, good = must_drop(attempt, "PICT-5", DAMAGED), attempt.subject.peak_memory(), attempt.picture()
+    payloads = [*DAMAGED.values()] * AGAIN + [encode(good)]
+    channel.send(b"".join(frame(MessageType.IMAGE, payload) for payload in payloads))
+    attempt.must_show("PICT-5", good, f"an image behind {AGAIN * len(DAMAGED)} damaged ones", channel)
     grown = attempt.subject.peak_memory() - used
     if grown > MEMORY:  # only a warning, because the memory may be garbage that is collected later
         attempt.final = True

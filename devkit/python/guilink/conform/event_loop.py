@@ -15,6 +15,7 @@ from guilink.conform.strict import Fault, StrictReader
 from guilink.wire import FrameReader, Message, MessageType
 
 POLL = 0.02          # s between two checks of a condition
+LISTENING = 0.2      # s; a kit that has not waited for its sockets for longer notices messages late
 DELIVERY_POLL = 0.001  # s between two checks whether the subject's TCP stack has acknowledged all bytes
 CHUNK = 1 << 18      # bytes; limit of one read
 CASE_LIMIT = 30.0    # s; a test case must end within this time and CASE_LIMIT_PATIENCES x the patience
@@ -60,6 +61,7 @@ class EventLoop:
         self.exchange = Exchange()
         self.faults: list[Fault] = []  # faults found in the bytes that the subject has sent
         self.clock: Callable[[], float] = time.monotonic  # the time that the subject is judged by
+        self.busy, self._waited = 0.0, time.monotonic()   # s in which the kit did not listen; end of its latest wait
         self._sources: list[Source] = []
         self._timers: list[tuple[float, Callable[[], object]]] = []
         self._due: list[float] = []
@@ -95,9 +97,16 @@ class EventLoop:
             if now >= self._due[i]:
                 self._due[i] = now + interval
                 action()
-        readable = [each for each in self._sources if each.readable]
-        for each in select.select(readable, [], [], wait)[0]:
+        for each in self.wait([each for each in self._sources if each.readable], [], wait)[0]:
             each.receive()
+
+    def wait(self, readable: list[Source], writable: list[Source], limit: float) -> tuple[list[Source], list[Source]]:
+        """Waits for sockets like `select.select`, and adds to `busy` if the previous wait was long ago."""
+        ready = select.select(readable, writable, [], limit)
+        before, self._waited = self._waited, time.monotonic()
+        if self._waited - before > LISTENING:
+            self.busy += self._waited - before
+        return ready[:2]
 
     def close(self) -> None:
         for each in self._sources:
@@ -232,7 +241,7 @@ class Channel:
         end = time.monotonic() + self.stall
         while not (self.ended or self.delivered()) and time.monotonic() < end:
             self.loop.check_deadline()
-            if select.select([self._socket] if self.readable else [], [], [], DELIVERY_POLL)[0]:
+            if self.loop.wait([self] if self.readable else [], [], DELIVERY_POLL)[0]:
                 self.receive()
         return not self.ended and self.delivered()
 
@@ -260,8 +269,7 @@ class Channel:
             try:
                 rest = rest[self._socket.send(rest):]
             except BlockingIOError:
-                readable = [self._socket] if self.readable else []
-                if select.select(readable, [self._socket], [], POLL)[0]:
+                if self.loop.wait([self] if self.readable else [], [self], POLL)[0]:
                     self.receive()
             except OSError as error:
                 self._end("reset" if error.errno == errno.ECONNRESET else "ended")
