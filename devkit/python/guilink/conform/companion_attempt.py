@@ -106,6 +106,7 @@ class CompanionAttempt(Attempt):
         return self.subject.crash()
 
     def late(self) -> list[Fault]:
+        self.loop.read()  # what has arrived is not late
         for device in self._devices:
             device.check_answers()
         return [fault for device in self._devices for each in device.connections for fault in each.late()]

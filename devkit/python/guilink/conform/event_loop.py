@@ -97,6 +97,10 @@ class EventLoop:
             if now >= self._due[i]:
                 self._due[i] = now + interval
                 action()
+        self.read(wait)
+
+    def read(self, wait: float = 0.0) -> None:
+        """Reads what arrives within `wait` seconds."""
         for each in self.wait([each for each in self._sources if each.readable], [], wait)[0]:
             each.receive()
 
