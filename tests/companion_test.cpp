@@ -68,15 +68,15 @@ class CompanionTest : public testing::Test {
     }
 
     // Acts as a device: broadcasts until the companion answers, and then connects to it.
-    Socket connect() {
-        m_search.emplace(SOCK_DGRAM, "127.0.0.1", 3153);
-        search_until_answered(*m_search);
-        return connect_from("127.0.0.1");
+    Socket connect(const char* address = "127.0.0.1", const Bytes& identity = IDENTITY) {
+        m_search.emplace(SOCK_DGRAM, address, 3153);
+        search_until_answered(*m_search, identity);
+        return connect_from(address);
     }
 
-    static void search_until_answered(const Socket& from) {
+    static void search_until_answered(const Socket& from, const Bytes& identity = IDENTITY) {
         EXPECT_TRUE(wait_until([&] {
-            search(from, IDENTITY);
+            search(from, identity);
             return from.readable(20ms);
         }));
     }
@@ -111,6 +111,16 @@ class CompanionTest : public testing::Test {
             const LinkStatus now = status();
             return now.linked && now.identity == "ABCDE" && now.firmware == "fw2";
         }));
+    }
+
+    // Acts as a device that has this identity and draws.
+    Socket begin(const char* address, const std::string& name) {
+        const Bytes identity = frame(IdentityMessage, bytes(name + "fw2"));
+        Socket device = connect(address, identity);
+        device.write(frame(ImageMessage, payload({1, 1})));
+        read_until(device, IdentityRequest);
+        device.write(identity);
+        return device;
     }
 
     LinkStatus status() {
@@ -331,9 +341,97 @@ TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
 }
 
 TEST_F(CompanionTest, TellsThatItsPortsAreTaken) {
-    EXPECT_THAT([] { Companion second({}); },
+    EXPECT_THAT([] { find_devices(0ms); },
                 testing::ThrowsMessage<std::runtime_error>(
                     testing::HasSubstr("is another companion running?")));
+}
+
+// A companion beside the fixture's, for a device of its own.
+struct Other {
+    explicit Other(const std::string& device)
+        : companion({.status =
+                         [this](const LinkStatus& status) {
+                             const std::lock_guard lock(mutex);
+                             link = status.linked ? status.identity + " " + status.address : "";
+                         }},
+                    device) {}
+    bool has(const std::string& wanted) {
+        return wait_until([&] {
+            const std::lock_guard lock(mutex);
+            return link == wanted;
+        });
+    }
+
+    std::mutex mutex;
+    std::string link;  // identity and address of the linked device, or empty
+    Companion companion;
+};
+
+Bytes identity(const std::string& identity) {
+    return frame(IdentityMessage, bytes(identity + "fw2"));
+}
+
+TEST_F(CompanionTest, EachOfSeveralCompanionsHasADeviceOfItsOwn) {
+    Other one("11111"), two("22222");
+    const Socket second = begin("127.0.0.2", "22222");
+    const Chatter second_lives(second, frame(DataMessage));
+    const Socket first = begin("127.0.0.1", "11111");
+    const Chatter first_lives(first, frame(DataMessage));
+    EXPECT_TRUE(one.has("11111 127.0.0.1") && two.has("22222 127.0.0.2"));
+    // The other two devices are not in the way of a companion that takes the only one in sight.
+    const Socket third = connect("127.0.0.3");
+    const Chatter third_lives(third, frame(DataMessage));
+    identify(third);
+
+    // A companion whose handler takes its time delays no other.
+    std::atomic<bool> waits{false}, go_on{false};
+    one.companion.press(1, [&](Delivery) {
+        waits = true;
+        wait_until([&] { return go_on.load(); });
+    });
+    EXPECT_EQ(next_payload(first, ButtonMessage), Bytes{1});
+    read_until(first, IdentityRequest);
+    first.write(identity("11111"));
+    EXPECT_TRUE(wait_until([&] { return waits.load(); }));
+    two.companion.press(2);
+    m_companion.press(3);
+    EXPECT_EQ(next_payload(second, ButtonMessage), Bytes{2});
+    EXPECT_EQ(next_payload(third, ButtonMessage), Bytes{3});
+    go_on = true;
+}
+
+TEST_F(CompanionTest, SeveralCompanionsNeverMixTheirDevicesUp) {
+    Other one("11111"), two("22222");
+    Socket first = begin("127.0.0.1", "11111");
+    Socket second = begin("127.0.0.2", "22222");
+    std::optional<Chatter> first_lives(std::in_place, first, frame(DataMessage));
+    std::optional<Chatter> second_lives(std::in_place, second, frame(DataMessage));
+    EXPECT_TRUE(one.has("11111 127.0.0.1") && two.has("22222 127.0.0.2"));
+
+    // A second device with the same identity is refused.
+    search(Socket(SOCK_DGRAM, "127.0.0.4", 3153), identity("22222"));
+    EXPECT_TRUE(connect_from("127.0.0.4").ended());
+
+    // The first device changes its identity into the other's, and both come back.
+    first.write(identity("22222"));
+    EXPECT_TRUE(one.has("22222 127.0.0.1"));
+    first_lives.reset();
+    second_lives.reset();
+    first.reset();
+    second.reset();
+    EXPECT_TRUE(one.has("") && two.has(""));
+    first = begin("127.0.0.1", "22222");
+    second = begin("127.0.0.2", "22222");
+    EXPECT_TRUE(one.has("22222 127.0.0.1") && two.has("22222 127.0.0.2"));
+
+    // Another device comes to the first one's address, and the first one to a new address.
+    Other three("33333");
+    first.reset();
+    EXPECT_TRUE(one.has(""));
+    const Socket third = begin("127.0.0.1", "33333");
+    EXPECT_TRUE(three.has("33333 127.0.0.1"));
+    first = begin("127.0.0.5", "11111");
+    EXPECT_TRUE(one.has("11111 127.0.0.5"));
 }
 
 }  // namespace

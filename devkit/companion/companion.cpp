@@ -5,33 +5,25 @@
 //   of candidates. So the companion waits until the connection is the link.
 #include "guilink/companion.h"
 
-#include <netinet/in.h>
+#include <arpa/inet.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <deque>
 #include <list>
 #include <optional>
 #include <span>
-#include <stdexcept>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "base/mutex.h"
 #include "devkit/companion/connection.h"
 #include "devkit/companion/descriptor.h"
-#include "devkit/companion/discovery.h"
 #include "devkit/companion/outbox.h"
+#include "devkit/companion/ports.h"
 #include "wire/frame.h"
-#include "wire/ports.h"
 
 using namespace std::chrono_literals;
 
@@ -48,32 +40,12 @@ constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
 constexpr auto ASK_AFTER = 1s;         // of silence: ask the device for its identity
 constexpr auto CLOSE_AFTER = 3s;       // of silence: close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
-constexpr size_t MAX_ANSWERED = 64;    // addresses that may connect
-
-int listening_socket() {
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "no socket");
-    const int on = 1;
-    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in any = {};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(LINK_PORT);
-    if (bind(descriptor, reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0 ||
-        listen(descriptor, SOMAXCONN) != 0) {
-        const int why = errno;
-        close(descriptor);
-        throw std::runtime_error("cannot listen on TCP port 8399: " +
-                                 std::string(std::strerror(why)) + "; is another viewer running?");
-    }
-    return descriptor;
-}
-
 }  // namespace
 
-class Companion::Impl {
+class Companion::Impl final : Ports::Subscriber {
   public:
     Impl(Handlers handlers, std::string device);
-    ~Impl();
+    ~Impl() override;
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
@@ -83,12 +55,25 @@ class Companion::Impl {
   private:
     using Clock = Connection::Clock;
 
+    // What has happened since the companion's thread looked last.
+    struct News {
+        std::optional<std::string> choice;  // the argument of `choose`
+        std::optional<std::vector<SearchingDevice>> devices;
+        bool several = false;
+        std::list<Connection> connections;
+    };
+
+    void on_devices(const std::vector<SearchingDevice>& devices, bool several) override;
+    void on_connection(int descriptor, uint32_t address) override;
+
     void run();
     void wait();
-    void receive_broadcasts();
-    bool wants(const Discovery::Broadcast& broadcast);
-    void take_choice();
-    void accept_connection();
+    void take_news();
+    void take_devices(const std::vector<SearchingDevice>& devices, bool several);
+    void take_connections(std::list<Connection> connections);
+    void take_choice(std::string choice);
+    void tell_wish();
+    bool silent() const;
     void take_frame(Connection& from, uint16_t type, std::span<const unsigned char> payload);
     void use(Connection& connection);
     void update_status();
@@ -100,25 +85,22 @@ class Companion::Impl {
     void report();
 
     const Handlers m_handlers;
-    Discovery m_discovery;  // used only by the companion's thread
-    const Descriptor m_listener;
+    const std::shared_ptr<Ports> m_ports = Ports::share();
     const Descriptor m_wake;  // eventfd that wakes the companion's thread
 
     // Used only by the companion's thread.
     std::string m_device;                 // identity or address of the chosen device, or empty
     LinkStatus m_last;                    // the device of m_used; kept after that connection ends
-    std::deque<uint32_t> m_answered;      // addresses that may connect; network byte order
     std::list<Connection> m_connections;  // oldest first
     // The newest of m_connections on which a valid message has arrived, or null. A candidate, or
     // the link.
     Connection* m_used = nullptr;
     LinkStatus m_status;
-    Clock::time_point m_next_accept = {};
+    bool m_told_silent = false;  // the last Wish::link_is_silent
 
     Outbox m_outbox;
-    Mutex m_choice_mutex;
-    // The argument of `choose`, until the companion's thread has applied it.
-    std::optional<std::string> m_choice GUARDED_BY(m_choice_mutex);
+    Mutex m_news_mutex;
+    News m_news GUARDED_BY(m_news_mutex);
 
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
@@ -144,22 +126,42 @@ void Companion::choose(std::string device) {
 
 Companion::Impl::Impl(Handlers handlers, std::string device)
     : m_handlers(std::move(handlers)),
-      m_listener(listening_socket()),
       m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       m_device(std::move(device)),
-      m_status(unlinked()),
-      m_thread(&Impl::run, this) {}
+      m_status(unlinked()) {
+    tell_wish();  // before the constructor returns, so that no broadcast is missed after it
+    m_thread = std::thread(&Impl::run, this);
+}
 
 Companion::Impl::~Impl() {
     m_stop = true;
     eventfd_write(m_wake.get(), 1);
     m_thread.join();
+    m_ports->unsubscribe(*this);
 }
 
 void Companion::Impl::choose(std::string device) {
     {
-        const Lock lock(m_choice_mutex);
-        m_choice = std::move(device);
+        const Lock lock(m_news_mutex);
+        m_news.choice = std::move(device);
+    }
+    eventfd_write(m_wake.get(), 1);
+}
+
+void Companion::Impl::on_devices(const std::vector<SearchingDevice>& devices, bool several) {
+    {
+        const Lock lock(m_news_mutex);
+        m_news.devices = devices;
+        m_news.several = several;
+    }
+    eventfd_write(m_wake.get(), 1);
+}
+
+void Companion::Impl::on_connection(int descriptor, uint32_t address) {
+    {
+        const Lock lock(m_news_mutex);
+        m_news.connections.emplace_back(descriptor, address);
+        if (m_news.connections.size() > MAX_CONNECTIONS) m_news.connections.pop_front();
     }
     eventfd_write(m_wake.get(), 1);
 }
@@ -175,7 +177,8 @@ void Companion::Impl::run() {
     if (!m_device.empty()) report();
     while (!m_stop) {
         wait();
-        take_choice();
+        take_news();
+        if (silent() != m_told_silent) tell_wish();
         for (Connection& connection : m_connections) send_what_is_due(connection);
         send_messages();
         drop_ended();
@@ -184,10 +187,7 @@ void Companion::Impl::run() {
 
 // Waits for events, at most REQUEST_INTERVAL, and processes what has arrived.
 void Companion::Impl::wait() {
-    std::vector<pollfd> events = {{m_wake.get(), POLLIN, 0},
-                                  {m_discovery.descriptor(), POLLIN, 0},
-                                  {m_listener.get(), POLLIN, 0}};
-    if (Clock::now() < m_next_accept) events[2].events = 0;
+    std::vector<pollfd> events = {{m_wake.get(), POLLIN, 0}};
     for (const Connection& connection : m_connections) {
         const bool writes = connection.wants_to_write();
         events.push_back(
@@ -198,11 +198,7 @@ void Companion::Impl::wait() {
 
     eventfd_t ignored;
     if (events[0].revents != 0) eventfd_read(m_wake.get(), &ignored);
-    // Read broadcasts before accepting a connection, because accept_connection rejects a device
-    // whose broadcast has not been answered. A device broadcasts before it connects, but the poll
-    // above may have seen only the connection.
-    if (events[1].revents != 0 || events[2].revents != 0) receive_broadcasts();
-    auto event = events.begin() + 3;
+    auto event = events.begin() + 1;
     for (Connection& connection : m_connections) {
         const short ready = event++->revents;
         if ((ready & POLLOUT) != 0) connection.flush();
@@ -211,84 +207,66 @@ void Companion::Impl::wait() {
         connection.receive(
             [&](uint16_t type, auto payload) { take_frame(connection, type, payload); });
     }
-    if (events[2].revents != 0) accept_connection();
 }
 
-void Companion::Impl::receive_broadcasts() {
-    const bool several = m_status.several;
-    const bool heard = m_discovery.receive([this](const Discovery::Broadcast& broadcast) {
-        if (!wants(broadcast)) return false;
-        std::erase(m_answered, broadcast.address);
-        m_answered.push_back(broadcast.address);
-        if (m_answered.size() > MAX_ANSWERED) m_answered.pop_front();
-        return true;
-    });
-    if (heard && m_handlers.devices) m_handlers.devices(m_discovery.devices());
-    if (m_status.several != several) report();
-}
-
-bool Companion::Impl::wants(const Discovery::Broadcast& broadcast) {
-    if (m_used != nullptr) {
-        if (broadcast.address == m_used->address()) return true;
-        // If our device has fallen silent, it has moved. Otherwise two have the same identity.
-        const bool moved = Clock::now() > m_used->last_received() + ASK_AFTER &&
-                           !m_last.identity.empty() && broadcast.device.identity == m_last.identity;
-        if (moved) m_used->end();
-        return moved;
-    }
-    const auto is_named = [&](const std::string& name) {
-        return !name.empty() &&
-               (name == broadcast.device.identity || name == broadcast.device.address);
-    };
-    if (is_named(m_last.identity) || is_named(m_last.address)) return true;
-    if (!m_status.wanted.empty()) return is_named(m_device);
-    m_status.several = broadcast.several;
-    return broadcast.alone;
-}
-
-void Companion::Impl::take_choice() {
-    bool same_choice = false;
+void Companion::Impl::take_news() {
+    News news;
     {
-        const Lock lock(m_choice_mutex);
-        if (!m_choice) return;
-        same_choice = *m_choice == m_device;
-        m_device = std::move(*m_choice);
-        m_choice.reset();
+        const Lock lock(m_news_mutex);
+        std::swap(news, m_news);
     }
+    if (news.devices) take_devices(*news.devices, news.several);
+    take_connections(std::move(news.connections));
+    if (news.choice) take_choice(std::move(*news.choice));
+}
+
+void Companion::Impl::take_devices(const std::vector<SearchingDevice>& devices, bool several) {
+    if (m_handlers.devices) m_handlers.devices(devices);
+    several &= m_used == nullptr && m_status.wanted.empty();
+    if (std::exchange(m_status.several, several) != several) report();
+}
+
+void Companion::Impl::take_connections(std::list<Connection> connections) {
+    m_connections.splice(m_connections.end(), connections);
+    while (m_connections.size() > MAX_CONNECTIONS) {
+        const auto oldest = std::ranges::find_if(
+            m_connections, [this](const Connection& connection) { return &connection != m_used; });
+        m_connections.erase(oldest);
+    }
+}
+
+void Companion::Impl::take_choice(std::string choice) {
+    const bool same_choice = choice == m_device;
+    m_device = std::move(choice);
     // If the device has not sent its identity yet, repeating the choice must not drop the new link.
     const bool chosen = (same_choice && m_last.identity.empty()) || m_device == m_last.address ||
                         m_device == m_last.identity;
-    if (m_used != nullptr && chosen) return;
+    if (m_used != nullptr && chosen) return tell_wish();
     m_last = {};
-    m_answered.clear();
     for (Connection& connection : m_connections) connection.end();
+    tell_wish();
+    {
+        const Lock lock(m_news_mutex);
+        m_news.connections.clear();  // of devices that are not wanted any more
+    }
     if (m_used != nullptr) return;  // drop_ended will report the status
     m_status = unlinked();
     report();
 }
 
-void Companion::Impl::accept_connection() {
-    sockaddr_in device = {};
-    socklen_t size = sizeof device;
-    const int descriptor = accept4(m_listener.get(), reinterpret_cast<sockaddr*>(&device), &size,
-                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor < 0) {  // out of descriptors: wait instead of spinning
-        m_next_accept = Clock::now() + REQUEST_INTERVAL;
-        return;
-    }
-    const uint32_t address = device.sin_addr.s_addr;
-    const bool expected = m_used != nullptr ? m_used->address() == address
-                                            : std::ranges::count(m_answered, address) > 0;
-    if (!expected) {
-        close(descriptor);
-        return;
-    }
-    m_connections.emplace_back(descriptor, address);
-    if (m_connections.size() > MAX_CONNECTIONS) {
-        const auto oldest = std::ranges::find_if(
-            m_connections, [this](const Connection& connection) { return &connection != m_used; });
-        m_connections.erase(oldest);
-    }
+// Tells the ports which device is wanted.
+void Companion::Impl::tell_wish() {
+    Ports::Wish wish;
+    wish.device = m_device;
+    wish.last_identity = m_last.identity;
+    inet_pton(AF_INET, m_last.address.c_str(), &wish.last_address);
+    if (m_used != nullptr && !m_used->ended()) wish.link = m_used->address();
+    wish.link_is_silent = m_told_silent = silent();
+    m_ports->set_wish(*this, wish);
+}
+
+bool Companion::Impl::silent() const {
+    return m_used != nullptr && Clock::now() > m_used->last_received() + ASK_AFTER;
 }
 
 void Companion::Impl::take_frame(Connection& from, uint16_t type,
@@ -299,7 +277,8 @@ void Companion::Impl::take_frame(Connection& from, uint16_t type,
             use(from);
             if (from.answered < from.asked) ++from.answered;
             const std::string text(payload.begin(), payload.end());
-            m_last.identity = text.substr(0, ID_SIZE);
+            const std::string identity = text.substr(0, ID_SIZE);
+            if (std::exchange(m_last.identity, identity) != identity) tell_wish();
             m_last.firmware = text.substr(ID_SIZE);
             update_status();
             m_outbox.confirm(from);
@@ -335,6 +314,7 @@ void Companion::Impl::use(Connection& connection) {
     m_last = {};
     m_last.linked = true;
     m_last.address = dotted(connection.address());
+    tell_wish();
 }
 
 bool Companion::Impl::linked() const {
@@ -383,6 +363,7 @@ void Companion::Impl::drop_ended() {
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
     m_used = nullptr;
+    tell_wish();
     m_outbox.forget();
     m_status = unlinked();
     report();

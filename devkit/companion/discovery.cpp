@@ -59,7 +59,7 @@ std::vector<SearchingDevice> find_devices(std::chrono::milliseconds time) {
         pollfd event = {discovery.descriptor(), POLLIN, 0};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
         poll(&event, 1, static_cast<int>(left.count()));
-        discovery.receive([](const Discovery::Broadcast&) { return false; });
+        discovery.receive([](const Discovery::Search&) { return false; });
     }
     return discovery.devices();
 }
@@ -75,7 +75,7 @@ Discovery::Discovery() : m_socket(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | S
     }
 }
 
-bool Discovery::receive(const std::function<bool(const Broadcast&)>& wanted) {
+bool Discovery::receive(const std::function<bool(const Search&)>& wanted) {
     static const std::vector<unsigned char> acceptance = BuildFrame(ConnectRequest, nullptr, 0);
     bool heard = false;
     for (int i = 0; i < MAX_AT_ONCE; ++i) {
@@ -97,26 +97,28 @@ bool Discovery::receive(const std::function<bool(const Broadcast&)>& wanted) {
     return heard;
 }
 
-// Measures time instead of counting broadcasts: a computer with two interfaces in the device's
-// network receives each broadcast twice.
-Discovery::Broadcast Discovery::note(SearchingDevice device, uint32_t address) {
-    const auto now = device.heard;
+const Discovery::Search& Discovery::note(SearchingDevice device, uint32_t address) {
     const auto known = std::ranges::find_if(m_searches, [&](const Search& search) {
-        return search.device.identity == device.identity && search.device.address == device.address;
+        return search.device.identity == device.identity && search.address == address;
     });
-    auto since = now;
+    auto since = device.heard;
     if (known != m_searches.end()) {
-        if (now - known->device.heard <= GONE) since = known->since;
+        if (known->goes_on()) since = known->since;
         m_searches.erase(known);
     } else if (m_searches.size() == MAX_DEVICES) {
         m_searches.pop_back();
     }
-    // An entry with the same address is the same device, before its identity changed.
-    const bool several = std::ranges::any_of(m_searches, [&](const Search& search) {
-        return search.device.address != device.address && now - search.device.heard <= GONE;
-    });
-    m_searches.insert(m_searches.begin(), {std::move(device), since});
-    return {m_searches.front().device, address, several, !several && now - since >= INTERVAL};
+    return *m_searches.insert(m_searches.begin(), {std::move(device), address, since});
+}
+
+bool Discovery::Search::goes_on() const {
+    return Clock::now() - device.heard <= GONE;
+}
+
+// Measures time instead of counting broadcasts: a computer with two interfaces in the device's
+// network receives each broadcast twice.
+bool Discovery::Search::is_settled() const {
+    return device.heard - since >= INTERVAL;
 }
 
 std::vector<SearchingDevice> Discovery::devices() const {

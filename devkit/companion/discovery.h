@@ -18,11 +18,14 @@ std::string dotted(uint32_t address);
 
 class Discovery {
   public:
-    struct Broadcast {
-        const SearchingDevice& device;  // valid only until `wanted` returns
-        uint32_t address;               // IPv4, network byte order
-        bool several;                   // other devices search, too
-        bool alone;  // no other device searches, or it would have broadcast by now
+    // A device that has broadcast.
+    struct Search {
+        SearchingDevice device;
+        uint32_t address;                             // IPv4, network byte order
+        std::chrono::steady_clock::time_point since;  // when the device began to search
+
+        bool goes_on() const;     // the device still searches, as far as we know
+        bool is_settled() const;  // any other device that searches would have broadcast by now
     };
 
     // Throws std::runtime_error when it cannot bind the port.
@@ -34,17 +37,14 @@ class Discovery {
     // Reads the datagrams that have arrived, but only a limited number per call. Answers each
     // broadcast for which `wanted` returns true. Never blocks. Returns whether at least one
     // datagram was a device's broadcast.
-    bool receive(const std::function<bool(const Broadcast&)>& wanted);
+    bool receive(const std::function<bool(const Search&)>& wanted);
 
     // The devices that have broadcast; the device with the most recent broadcast comes first.
+    const std::vector<Search>& searches() const { return m_searches; }
     std::vector<SearchingDevice> devices() const;
 
   private:
-    struct Search {
-        SearchingDevice device;
-        std::chrono::steady_clock::time_point since;
-    };
-    Broadcast note(SearchingDevice device, uint32_t address);
+    const Search& note(SearchingDevice device, uint32_t address);
 
     const Descriptor m_socket;
     std::vector<Search> m_searches;  // the one with the most recent broadcast comes first

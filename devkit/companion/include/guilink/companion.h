@@ -11,6 +11,10 @@
 // only device in sight, after 1.5 s in which another device would have broadcast. A device that was
 // linked stays chosen, even if its identity or its address changes.
 //
+// A program may have many companions, one for each device. They share the ports of the computer,
+// and each works on a thread of its own, so none delays another. A companion leaves alone the
+// devices that the other companions have chosen.
+//
 // This header is the whole library. It needs C++17, includes nothing but the standard library,
 // defines no macro, and has no upper-case name that a macro of yours could replace.
 #pragma once
@@ -90,8 +94,8 @@ class Companion {
     };
 
     // Starts to listen. `device` is the identity or the address of the wanted device; if it is
-    // empty, the companion chooses the only device in sight. Throws std::runtime_error if the
-    // companion cannot listen on its ports.
+    // empty, the companion chooses the only device in sight. Throws std::runtime_error if another
+    // program listens on the companion's ports.
     explicit Companion(Handlers handlers, std::string device = {});
     // Drops the link. If a handler is running, waits until the handler returns.
     ~Companion();
