@@ -223,6 +223,32 @@ def test_takes_none_of_several_unless_one_is_chosen(device, second_address):
         other.link()  # `device` no longer broadcasts, so the companion links to `other`
 
 
+def test_each_companion_of_a_process_has_a_device_of_its_own(link, device, second_address):
+    with closing(Companion("22222")) as second, FakeDevice("22222", address="10.77.0.2") as other:
+        other.link().show(BLACK)
+        device.link().show(BLACK)
+        assert link.wait_linked(soon()).address == "10.77.0.1" and second.wait_linked(soon()).address == "10.77.0.2"
+        with ThreadPoolExecutor() as pool:
+            for companion, its in ((second, other), (link, device)):
+                press = pool.submit(companion.press, 7, soon())
+                its.expect(MessageType.BUTTON)
+                its.expect(MessageType.IDENTITY_REQUEST)
+                its.send(frame(MessageType.IDENTITY, its.identity))
+                press.result()
+        # The first device takes the other's identity, and both come back: nothing is mixed up.
+        device.identity = other.identity
+        device.send(frame(MessageType.IDENTITY, device.identity))
+        while link.status().identity != "22222":
+            time.sleep(0.01)
+        for each in (device, other):
+            each.disconnect()
+        while link.status().linked or second.status().linked:
+            time.sleep(0.01)
+        for companion, its in ((link, device), (second, other)):
+            its.link().show(BLACK)
+            assert companion.wait_linked(soon()).address == its.address
+
+
 def test_two_interfaces_in_one_network_make_no_device_the_only_one(device, second_address):
     """Over two interfaces, each broadcast arrives twice."""
     with closing(Companion()) as link, FakeDevice("22222", address="10.77.0.2") as other:
@@ -266,9 +292,15 @@ def test_flood_of_noise_does_not_end_the_link(link, device):
     assert len(link.devices()) <= 64
 
 
-def test_ports_in_use_are_reported(link):
-    with pytest.raises(LinkError, match="UDP port 3152.*another companion"):
-        Companion()
+@pytest.mark.parametrize("kind, port", [(socket.SOCK_DGRAM, "UDP port 3152"), (socket.SOCK_STREAM, "TCP port 8399")])
+def test_ports_in_use_are_reported(kind, port):
+    with socket.socket(socket.AF_INET, kind) as taken:
+        taken.bind(("", int(port.split()[-1])))
+        if kind == socket.SOCK_STREAM:
+            taken.listen()
+        with pytest.raises(LinkError, match=f"{port}.*another companion"):
+            Companion()
+    Companion().close()
 
 
 # --- viewer -------------------------------------------------------------------------------------------

@@ -8,21 +8,22 @@ from __future__ import annotations
 import selectors
 import socket
 import time
+from collections import deque
 from typing import Sequence
 
 from guilink.connection import READY_REQUESTS, Connection
-from guilink.discovery import Broadcast, Discovery
-from guilink.link import HeardDevice, Link, LinkError, LinkStatus
+from guilink.discovery import Broadcast
+from guilink.link import HeardDevice, Link, LinkStatus
+from guilink.ports import LINK_PORT, Ports, Wish
 from guilink.wire import Identity, Message, MessageType
 
-LINK_PORT = 8399        # TCP port to which devices connect
 REQUEST_INTERVAL = 0.1  # s between two ConnectRequests before the link exists; a device waits 1 s for one
 KEEP_ALIVE = 0.5        # s between keep-alives; after 2 s without one, a device sends no new pictures
 LINK_SILENCE = 3.0      # s; if nothing arrives for this long, the companion closes the connection
 CANDIDATE_SILENCE = 1.0  # s; if a new connection is silent for this long, the companion accepts another one
 GRACE = 1.0             # s; the companion ignores the device's broadcasts for this long after linking
 MAX_ANSWERED = 64       # number of answered addresses that are remembered; only these may connect
-MAX_ACCEPTS = 16        # number of connections that one call of `_accept` handles; a flood must not delay the link
+MAX_WAITING = 16        # number of broadcasts and of connections that wait for the companion's thread
 ASK_EVERY = 5           # number of ConnectRequests per IdentityRequest, before the link exists
 
 
@@ -31,6 +32,9 @@ class Companion(Link):
 
     `device` is the identity or the address of the wanted device; the companion then answers no other device. Without
     `device`, the companion answers a device once no other device has broadcast for long enough.
+
+    A process may have many companions, one for each device. They share the ports of the computer, and each works on a
+    thread of its own. A companion leaves alone the devices that the other companions have chosen.
     """
 
     def __init__(self, device: str | None = None):
@@ -41,22 +45,18 @@ class Companion(Link):
         self._linked_to: LinkStatus | None = None  # the most recently linked device, or None
         self._several: tuple[HeardDevice, ...] = ()  # the broadcasting devices, if the caller must choose one
         self._answered: dict[str, Identity] = {}   # the devices that the companion has answered, by address
+        self.wish = Wish(device or "")  # read by the ports
+        # Written by the ports, and read by the companion's thread.
+        self._broadcasts: deque[Broadcast] = deque(maxlen=MAX_WAITING)
+        self._connected: deque[tuple[socket.socket, str]] = deque()
         # Used only by the companion's thread.
         self._connection: Connection | None = None
         self._next_send = 0.0
-        self._next_accept = 0.0
 
-        self._discovery = Discovery()
-        try:
-            self._listener = socket.create_server(("", LINK_PORT), backlog=64)
-        except OSError as error:
-            self._discovery.close()
-            raise LinkError(f"cannot listen on TCP port {LINK_PORT}: {error.strerror}; "
-                            "is another companion or viewer running?") from error
-        self._listener.setblocking(False)
         self._wake_receiver, self._wake_sender = socket.socketpair()
         self._wake_receiver.setblocking(False)
         self._wake_sender.setblocking(False)
+        self._ports = Ports.join(self)
         self._thread.start()
 
     # --- called from any thread --------------------------------------------------------------------
@@ -66,8 +66,7 @@ class Companion(Link):
             return self._status
 
     def devices(self) -> list[HeardDevice]:
-        with self._changed:
-            return self._discovery.devices()
+        return self._ports.devices()
 
     def _ready(self) -> bool:
         return self._status.linked and bool(self._status.identity)
@@ -82,7 +81,7 @@ class Companion(Link):
         if self._answered:
             return (f"no link: the {wanted} was answered at {', '.join(self._answered)} and has not "
                     f"connected; is TCP port {LINK_PORT} open in this machine's firewall?")
-        if heard := self._discovery.devices():
+        if heard := self._ports.devices():
             if not self._device:
                 return f"no link: listening whether other devices than {heard[0]} broadcast"
             return f"no link: there is no {wanted}; heard: {'; '.join(map(str, heard))}"
@@ -95,6 +94,27 @@ class Companion(Link):
         except OSError:  # the socket is closed, or full; if it is full, the thread will wake anyway
             pass
 
+    # --- on the thread of the ports -----------------------------------------------------------------
+
+    def on_broadcast(self, broadcast: Broadcast) -> None:
+        self._broadcasts.append(broadcast)
+        self._wake()
+
+    def on_several(self, devices: tuple[HeardDevice, ...]) -> None:
+        with self._changed:
+            self._several = devices
+            self._changed.notify_all()
+
+    def on_connection(self, connected: socket.socket, address: str) -> None:
+        self._connected.append((connected, address))
+        while len(self._connected) > MAX_WAITING:
+            self._connected.popleft()[0].close()
+        self._wake()
+
+    def on_failure(self, error: Exception) -> None:
+        self._fail(error)
+        self._wake()
+
     # --- on the companion's thread -----------------------------------------------------------------
 
     def _run(self) -> None:
@@ -102,10 +122,10 @@ class Companion(Link):
             while not self._failure:
                 self._turn()
         finally:
+            self._ports.leave(self)
             if self._connection:
                 self._drop(self._connection)
-            self._discovery.close()
-            for each in (self._wake_receiver, self._wake_sender, self._listener):
+            for each in (self._wake_receiver, self._wake_sender, *(connected for connected, _ in self._connected)):
                 each.close()
             with self._changed:
                 self._status = LinkStatus()
@@ -116,11 +136,6 @@ class Companion(Link):
         connection = self._connection
         with selectors.PollSelector() as selector:
             selector.register(self._wake_receiver, selectors.EVENT_READ)
-            selector.register(self._discovery, selectors.EVENT_READ)
-            # Do not accept another connection while the current one may still become the link.
-            idle = connection is None or connection.ready or self._is_silent(connection)
-            if idle and time.monotonic() >= self._next_accept:
-                selector.register(self._listener, selectors.EVENT_READ)
             wait = KEEP_ALIVE
             if connection:
                 selector.register(connection, selectors.EVENT_READ
@@ -133,18 +148,16 @@ class Companion(Link):
         if connection and ready.get(connection, 0) & selectors.EVENT_READ:
             for message in connection.receive():
                 self._take(connection, message)
-        if self._discovery in ready:
+        while self._broadcasts:
             with self._changed:
-                for broadcast in self._discovery.receive():
-                    self._handle_broadcast(broadcast)
-        if self._listener in ready:
-            self._accept()
+                self._handle_broadcast(self._broadcasts.popleft())
+        # Do not take another connection while the current one may still become the link.
+        if connection is None or connection.ready or self._is_silent(connection):
+            self._take_connection()
         if self._connection:
             self._send(self._connection)
 
     def _handle_broadcast(self, broadcast: Broadcast) -> None:
-        if not self._wants(broadcast):
-            return
         if (link := self._connection) and link.ready and link.address == broadcast.device.address:
             # Right after linking, ignore the device's broadcasts, because an old search may still be running.
             if time.monotonic() < (link.linked_since or 0) + GRACE:
@@ -156,30 +169,12 @@ class Companion(Link):
         self._answered[broadcast.device.address] = Identity(broadcast.device.identity, broadcast.device.firmware)
         if len(self._answered) > MAX_ANSWERED:
             del self._answered[next(iter(self._answered))]
-        self._discovery.answer(broadcast.sender)
+        self._ports.answer(broadcast.sender)
 
-    def _wants(self, broadcast: Broadcast) -> bool:
-        names = {broadcast.device.identity, broadcast.device.address}
-        if self._linked_to and names & {self._linked_to.identity, self._linked_to.address}:
-            return True  # the most recently linked device; its identity or its address may have changed
-        if self._device or self._linked_to:
-            return self._device in names
-        self._several = (broadcast.device, *broadcast.rivals) if broadcast.rivals else ()
-        if self._several:
-            self._changed.notify_all()
-        return broadcast.alone
-
-    def _accept(self) -> None:
-        """Accepts one connection from an answered device. Closes connections from other hosts. While there is a link,
-        closes every new connection."""
-        for _ in range(MAX_ACCEPTS):
-            try:
-                connected, (address, _) = self._listener.accept()
-            except BlockingIOError:
-                return
-            except OSError:  # no file descriptor is free; wait instead of spinning
-                self._next_accept = time.monotonic() + KEEP_ALIVE
-                return
+    def _take_connection(self) -> None:
+        """Takes one connection from an answered device. While there is a link, closes every new connection."""
+        while self._connected:
+            connected, address = self._connected.popleft()
             link = self._connection
             if address not in self._answered or (link and link.ready and not link.ended):
                 connected.close()
@@ -210,6 +205,7 @@ class Companion(Link):
         with self._changed:
             self._status = LinkStatus(True, connection.address, *connection.identity)
             self._linked_to, self._several = self._status, ()
+            self.wish = Wish(self._device or "", connection.identity.id, connection.address, connection.address)
             self._changed.notify_all()
 
     def _confirm(self, connection: Connection) -> None:
@@ -260,4 +256,5 @@ class Companion(Link):
         self._connection = None
         with self._changed:
             self._status = LinkStatus()
+            self.wish = self.wish._replace(link="")
             self._lose("the link")

@@ -29,7 +29,7 @@ class Broadcast(NamedTuple):
     device: HeardDevice
     sender: Sender
     rivals: tuple[HeardDevice, ...]  # the other devices that search, too
-    alone: bool  # it is the only device that searches; any other would have broadcast by now
+    settled: bool  # any other device that searches would have broadcast by now
 
 
 class Discovery:
@@ -45,7 +45,7 @@ class Discovery:
         except OSError as error:
             self._socket.close()
             raise LinkError(f"cannot listen for devices on UDP port {DISCOVERY_PORT}: {error.strerror}; "
-                            "is another companion or viewer running?") from error
+                            "is another companion or viewer running? You can share a viewer's link.") from error
 
     def fileno(self) -> int:
         return self._socket.fileno()
@@ -84,8 +84,7 @@ class Discovery:
             oldest = next(iter(self._heard))
             del self._heard[oldest], self._searching_since[oldest]
         # Measure time instead of counting broadcasts: over two interfaces, each broadcast arrives twice.
-        return Broadcast(device, sender, rivals,
-                         not rivals and device.heard >= self._searching_since[key] + INTERVAL)
+        return Broadcast(device, sender, rivals, device.heard >= self._searching_since[key] + INTERVAL)
 
     def answer(self, sender: Sender) -> None:
         """Asks the device to connect."""

@@ -13,11 +13,12 @@ import time
 from typing import Any, Callable
 
 from guilink import check_arguments
-from guilink.companion import KEEP_ALIVE, LINK_PORT
+from guilink.companion import KEEP_ALIVE
 from guilink.connection import Connection
 from guilink.discovery import DISCOVERY_PORT, Broadcast, Discovery
 from guilink.link import HeardDevice, LinkError
 from guilink.picture import DamagedPictureError, decode
+from guilink.ports import LINK_PORT
 from guilink.wire import Identity, Message, MessageType
 
 LIMIT = 8.0          # s to wait for a connection, an answer or an image

@@ -186,11 +186,15 @@ class Link(ABC):
     def _work(self) -> None:
         try:
             self._run()
-        except Exception as error:  # a bug in this package; the waiting threads raise this error
-            with self._changed:
-                self._failure = GuilinkError(f"the link's thread failed: {error!r}")
-                self._failure.__cause__ = error
-                self._changed.notify_all()
+        except Exception as error:
+            self._fail(error)
+
+    def _fail(self, error: Exception) -> None:
+        """Ends the link because of a bug in this package. The waiting threads raise this error."""
+        with self._changed:
+            self._failure = GuilinkError(f"the link's thread failed: {error!r}")
+            self._failure.__cause__ = error
+            self._changed.notify_all()
 
 
 @dataclass

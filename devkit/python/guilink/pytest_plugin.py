@@ -62,9 +62,11 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 @pytest.fixture(scope="session")
-def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
-    """The connected device, which all tests share. Override this fixture to connect in another way."""
+def guilink_connect(pytestconfig: pytest.Config) -> Iterator[Callable[[str | None], guilink.Device]]:
+    """Returns a function that connects to a device, once for all tests. Override this fixture to connect in another
+    way."""
     option, manager = pytestconfig.getoption, pytestconfig.pluginmanager
+    outcomes: dict[str | None, guilink.Device | guilink.LinkError] = {}
 
     def say(text: str) -> None:
         if reporter := manager.getplugin("terminalreporter"):  # a worker of pytest-xdist has none
@@ -72,26 +74,50 @@ def guilink_device(pytestconfig: pytest.Config) -> Iterator[guilink.Device]:
                 reporter.ensure_newline()
                 reporter.write_line(f"guilink: {text}")
 
-    try:
-        device = guilink.connect(
-            option("--guilink-device"), viewer=option("--guilink-viewer"),
-            link_timeout=option("--guilink-link-timeout"), timeout=option("--guilink-timeout"),
-            labels=option("--guilink-labels"), artifacts=option("--guilink-artifacts"), progress=say)
-    except guilink.LinkError as error:
-        # pytest remembers this failure, so the other tests do not wait.
-        raise pytest.fail.Exception(f"guilink: {error}", pytrace=False) from None
-    with device:
-        yield device
+    def connect(name: str | None) -> guilink.Device:
+        if name not in outcomes:
+            try:
+                outcomes[name] = guilink.connect(
+                    name, viewer=option("--guilink-viewer"),
+                    link_timeout=option("--guilink-link-timeout"), timeout=option("--guilink-timeout"),
+                    labels=option("--guilink-labels"), artifacts=option("--guilink-artifacts"), progress=say)
+            except guilink.LinkError as error:
+                outcomes[name] = error  # so that no other test waits
+        outcome = outcomes[name]
+        if isinstance(outcome, guilink.LinkError):
+            raise pytest.fail.Exception(f"guilink: {outcome}", pytrace=False)
+        return outcome
+
+    yield connect
+    for outcome in outcomes.values():
+        if isinstance(outcome, guilink.Device):
+            outcome.close()
 
 
 @pytest.fixture
-def device(guilink_device: guilink.Device, request: pytest.FixtureRequest) -> guilink.Device:
-    """The device, in the state in which the previous test left it."""
-    name = request.node.name
-    guilink_device.test_name = "".join(c if c.isalnum() or c in "-_" else "-" for c in name)
-    guilink_device.presses.clear()
-    guilink_device.video = request.config.getoption("--guilink-video")
-    return guilink_device
+def device_named(guilink_connect: Callable[[str | None], guilink.Device],
+                 request: pytest.FixtureRequest) -> Callable[[str | None], guilink.Device]:
+    """Returns a function that returns the device with an identity or an address, in the state in which the previous
+    test left it. A test may use several devices."""
+    test_name = "".join(c if c.isalnum() or c in "-_" else "-" for c in request.node.name)
+    prepared = set[guilink.Device]()
+
+    def named(name: str | None) -> guilink.Device:
+        device = guilink_connect(name)
+        if device not in prepared:
+            prepared.add(device)
+            device.test_name = test_name
+            device.presses.clear()
+            device.video = request.config.getoption("--guilink-video")
+        return device
+
+    return named
+
+
+@pytest.fixture
+def device(device_named: Callable[[str | None], guilink.Device], pytestconfig: pytest.Config) -> guilink.Device:
+    """The device of --guilink-device, or the only one in sight."""
+    return device_named(pytestconfig.getoption("--guilink-device"))
 
 
 class References:
