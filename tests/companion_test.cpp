@@ -432,6 +432,10 @@ TEST_F(CompanionTest, SeveralCompanionsNeverMixTheirDevicesUp) {
     EXPECT_TRUE(three.has("33333 127.0.0.1"));
     first = begin("127.0.0.5", "11111");
     EXPECT_TRUE(one.has("11111 127.0.0.5"));
+
+    // The second device has fallen silent, and comes back at a new address.
+    const Socket moved = begin("127.0.0.6", "22222");
+    EXPECT_TRUE(two.has("22222 127.0.0.6"));
 }
 
 }  // namespace

@@ -295,6 +295,7 @@ def test_flood_of_noise_does_not_end_the_link(link, device):
 @pytest.mark.parametrize("kind, port", [(socket.SOCK_DGRAM, "UDP port 3152"), (socket.SOCK_STREAM, "TCP port 8399")])
 def test_ports_in_use_are_reported(kind, port):
     with socket.socket(socket.AF_INET, kind) as taken:
+        taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         taken.bind(("", int(port.split()[-1])))
         if kind == socket.SOCK_STREAM:
             taken.listen()

@@ -184,6 +184,19 @@ def test_minimal_companion_links_to_the_service(tmp_path):
     assert guilink.Screen.load(tmp_path / "shown.png").width == 1280
 
 
+def test_one_test_uses_two_devices(tmp_path):
+    document = (ROOT / "docs/testing.md").read_text()
+    second_device = re.search(r"\n(unshare .*?) &\n", document, re.S)[1]
+    example = re.search(r"\n(def test_a_press_reaches_one_device.*?)```", document, re.S)[1]
+    (tmp_path / "test_two.py").write_text(example)
+    with subprocess.Popen(["sh", "-c", second_device], cwd=ROOT, stderr=subprocess.DEVNULL) as core:
+        try:
+            assert "1 passed" in run("pytest", "-q", "-p", "no:cacheprovider", "-p", "guilink.pytest_plugin",
+                                     f"--guilink-timeout={LIMIT}", cwd=tmp_path)
+        finally:
+            core.terminate()
+
+
 def test_installs_without_a_network(tmp_path):
     source = tmp_path / "source"
     shutil.copytree(ROOT / "devkit/python", source)

@@ -1,5 +1,4 @@
-"""Starts and ends guilinkd. The service detaches itself, so end_service finds its process by name; each sandbox
-contains only one service."""
+"""Starts guilinkd, and ends all services in the sandbox. They detach themselves, so end_service finds them by name."""
 import os
 import select
 import signal
