@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int MAPPED_FROM = 128 * 1024;  // bytes; malloc maps buffers of this size separately
+constexpr int MAPPED_FROM = 32 * 1024;  // bytes; malloc maps buffers of this size separately
 
 // Returns freed memory to the system at once, so that RSS does not creep over months.
 void return_freed_memory() {
