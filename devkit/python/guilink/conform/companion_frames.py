@@ -172,10 +172,10 @@ def damaged_length(attempt: CompanionAttempt) -> None:
     wanted = attempt.picture()
     channel = attempt.candidate()
     channel.send(HEADER.pack(START, 1, MAX_PAYLOAD, MessageType.IMAGE))
-    for payload in attempt.large_images(9):
+    for payload in attempt.large_images(5):
         attempt.device.show_payload(channel, payload)
     channel.send(image(wanted))
-    attempt.must_show("FRAME-12", wanted, "an image behind a damaged length and 2 MiB of other images", channel)
+    attempt.must_show("FRAME-12", wanted, "an image behind a damaged length and 1.25 MiB of other images", channel)
 
 
 @case("companion", "LINK-8", needs=SHOWN)

@@ -67,7 +67,7 @@ def single_pixel(attempt: CompanionAttempt) -> None:
     attempt.device.show(channel, before)
     attempt.must_show("PICT-2", before, "an image", channel)
     attempt.device.show_payload(channel, words(1, 1))
-    attempt.keep_alives(channel, 1)
+    attempt.keep_alives(channel, 2)
     if not attempt.shows(before):
         attempt.must_show("PICT-2", single, "an image of one pixel", channel)
     attempt.forbid("LINK-10", channel.ended, "the companion closes the link after an image of one pixel")
