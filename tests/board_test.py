@@ -1,6 +1,6 @@
 #!/usr/bin/python3 -B
-"""Tests the service on the virtual board: `scripts/board ARCHITECTURE --run tests/board_test.py ARCHITECTURE`. Boots it twice.
-All waits have the same limit, because emulation on a busy machine is slow."""
+"""Tests the service on the virtual board: `scripts/board ARCHITECTURE --run tests/board_test.py ARCHITECTURE`. Boots it
+three times. All waits have the same limit, because emulation on a busy machine is slow."""
 import base64
 import hashlib
 import itertools
@@ -191,12 +191,15 @@ restart_service()
 agent.run("systemctl restart guilink-core")
 device = linked_device()
 check_pictures(device)
-case("the waiting companion is linked again after a reboot")
-agent.run("systemd-run --on-active=1 systemctl reboot")
-wait_until(lambda: not device.linked, "the end of the link")
-wait_until(lambda: device.linked, "the next link")
-check_pictures(device)
-agent.run("test -e /tmp/FL0")
-assert agent.status == 1, "a boot of Debian no longer clears /tmp"
+
+for what, restart in {"a reboot": lambda: agent.run("systemd-run --on-active=1 systemctl reboot"),
+                      "a power cut": lambda: qmp.call("system_reset")}.items():
+    case(f"the waiting companion is linked again after {what}")
+    restart()
+    wait_until(lambda: not device.linked, "the end of the link")
+    wait_until(lambda: device.linked, "the next link")
+    check_pictures(device)
+    agent.run("test -e /tmp/FL0")
+    assert agent.status == 1, "a boot of Debian no longer clears /tmp"
 device.close()
 case("all passed")
