@@ -26,6 +26,13 @@ def soon():
     return time.monotonic() + LIMIT
 
 
+def until(condition):
+    end = soon()
+    while not condition():
+        assert time.monotonic() < end
+        time.sleep(0.01)
+
+
 # --- wire ---------------------------------------------------------------------------------------------
 
 def test_frame_of_the_document():
@@ -238,12 +245,10 @@ def test_each_companion_of_a_process_has_a_device_of_its_own(link, device, secon
         # The first device takes the other's identity, and both come back: nothing is mixed up.
         device.identity = other.identity
         device.send(frame(MessageType.IDENTITY, device.identity))
-        while link.status().identity != "22222":
-            time.sleep(0.01)
+        until(lambda: link.status().identity == "22222")
         for each in (device, other):
             each.disconnect()
-        while link.status().linked or second.status().linked:
-            time.sleep(0.01)
+        until(lambda: not link.status().linked and not second.status().linked)
         for companion, its in ((link, device), (second, other)):
             its.link().show(BLACK)
             assert companion.wait_linked(soon()).address == its.address

@@ -42,7 +42,7 @@ constexpr auto CLOSE_AFTER = 3s;       // of silence: close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
 }  // namespace
 
-class Companion::Impl final : Ports::Subscriber {
+class Companion::Impl final : Ports::Member {
   public:
     Impl(Handlers handlers, std::string device);
     ~Impl() override;
@@ -73,6 +73,7 @@ class Companion::Impl final : Ports::Subscriber {
     void take_connections(std::list<Connection> connections);
     void take_choice(std::string choice);
     void tell_wish();
+    Ports::Wish wish();
     bool silent() const;
     void take_frame(Connection& from, uint16_t type, std::span<const unsigned char> payload);
     void use(Connection& connection);
@@ -85,7 +86,7 @@ class Companion::Impl final : Ports::Subscriber {
     void report();
 
     const Handlers m_handlers;
-    const std::shared_ptr<Ports> m_ports = Ports::share();
+    const SharedPorts m_ports;
     const Descriptor m_wake;  // eventfd that wakes the companion's thread
 
     // Used only by the companion's thread.
@@ -129,15 +130,20 @@ Companion::Impl::Impl(Handlers handlers, std::string device)
       m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       m_device(std::move(device)),
       m_status(unlinked()) {
-    tell_wish();  // before the constructor returns, so that no broadcast is missed after it
-    m_thread = std::thread(&Impl::run, this);
+    m_ports->set_wish(*this, wish());
+    try {
+        m_thread = std::thread(&Impl::run, this);
+    } catch (...) {
+        m_ports->leave(*this);
+        throw;
+    }
 }
 
 Companion::Impl::~Impl() {
     m_stop = true;
     eventfd_write(m_wake.get(), 1);
     m_thread.join();
-    m_ports->unsubscribe(*this);
+    m_ports->leave(*this);
 }
 
 void Companion::Impl::choose(std::string device) {
@@ -227,6 +233,12 @@ void Companion::Impl::take_devices(const std::vector<SearchingDevice>& devices, 
 }
 
 void Companion::Impl::take_connections(std::list<Connection> connections) {
+    // The link may have begun while these connections waited.
+    if (m_used != nullptr && !m_used->ended() && !silent()) {
+        connections.remove_if([this](const Connection& connection) {
+            return connection.address() != m_used->address();
+        });
+    }
     m_connections.splice(m_connections.end(), connections);
     while (m_connections.size() > MAX_CONNECTIONS) {
         const auto oldest = std::ranges::find_if(
@@ -244,25 +256,28 @@ void Companion::Impl::take_choice(std::string choice) {
     if (m_used != nullptr && chosen) return tell_wish();
     m_last = {};
     for (Connection& connection : m_connections) connection.end();
-    tell_wish();
+    m_ports->begin_anew(*this, wish());
     {
         const Lock lock(m_news_mutex);
-        m_news.connections.clear();  // of devices that are not wanted any more
+        m_news.connections.clear();  // most likely of devices that are not wanted any more
     }
     if (m_used != nullptr) return;  // drop_ended will report the status
     m_status = unlinked();
     report();
 }
 
-// Tells the ports which device is wanted.
 void Companion::Impl::tell_wish() {
+    m_ports->set_wish(*this, wish());
+}
+
+Ports::Wish Companion::Impl::wish() {
     Ports::Wish wish;
     wish.device = m_device;
     wish.last_identity = m_last.identity;
     inet_pton(AF_INET, m_last.address.c_str(), &wish.last_address);
     if (m_used != nullptr && !m_used->ended()) wish.link = m_used->address();
     wish.link_is_silent = m_told_silent = silent();
-    m_ports->set_wish(*this, wish);
+    return wish;
 }
 
 bool Companion::Impl::silent() const {

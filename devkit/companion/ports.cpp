@@ -51,15 +51,6 @@ bool wants_any(const Ports::Wish& wish) {
 
 }  // namespace
 
-std::shared_ptr<Ports> Ports::share() {
-    static Mutex mutex;
-    static std::weak_ptr<Ports> shared;  // guarded by `mutex`
-    const Lock lock(mutex);
-    auto ports = shared.lock();
-    if (ports == nullptr) shared = ports = std::make_shared<Ports>();
-    return ports;
-}
-
 Ports::Ports()
     : m_listener(listening_socket()),
       m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
@@ -71,15 +62,22 @@ Ports::~Ports() {
     m_thread.join();
 }
 
-void Ports::set_wish(Subscriber& companion, Wish wish) {
-    const Lock lock(m_mutex);
-    auto entry = std::ranges::find(m_entries, &companion, &Entry::companion);
-    if (entry == m_entries.end()) entry = m_entries.insert(entry, {&companion, {}, {}});
-    if (wish.last_address == 0) entry->answered.clear();
-    entry->wish = std::move(wish);
+Ports::Entry& Ports::entry_of(Member& companion) {
+    const auto entry = std::ranges::find(m_entries, &companion, &Entry::companion);
+    return entry != m_entries.end() ? *entry : m_entries.emplace_back(Entry{&companion, {}, {}});
 }
 
-void Ports::unsubscribe(Subscriber& companion) {
+void Ports::set_wish(Member& companion, Wish wish) {
+    const Lock lock(m_mutex);
+    entry_of(companion).wish = std::move(wish);
+}
+
+void Ports::begin_anew(Member& companion, Wish wish) {
+    const Lock lock(m_mutex);
+    entry_of(companion) = {&companion, std::move(wish), {}};
+}
+
+void Ports::leave(Member& companion) {
     const Lock lock(m_mutex);
     std::erase_if(m_entries, [&](const Entry& entry) { return entry.companion == &companion; });
 }
@@ -94,14 +92,17 @@ void Ports::run() {
             std::chrono::ceil<std::chrono::milliseconds>(m_next_accept - Clock::now());
         if (pause > 0ms) events[2].events = 0;
         poll(events, std::size(events), pause > 0ms ? static_cast<int>(pause.count()) : -1);
-        if (events[1].revents != 0) receive_broadcasts();
+        // Read broadcasts before accepting a connection, because only a device that was answered
+        // may connect, and the poll may have seen only the connection.
+        if (events[1].revents != 0 || events[2].revents != 0) receive_broadcasts();
         if (events[2].revents != 0) accept_connection();
     }
 }
 
+// Takes the mutex for each broadcast anew, so that a flood keeps no companion waiting.
 void Ports::receive_broadcasts() {
-    const Lock lock(m_mutex);
     const bool heard = m_discovery.receive([this](const Discovery::Search& search) {
+        const Lock lock(m_mutex);
         Entry* const entry = claimant(search);
         if (entry == nullptr) return false;
         for (Entry& each : m_entries) std::erase(each.answered, search.address);
@@ -111,13 +112,14 @@ void Ports::receive_broadcasts() {
     });
     if (!heard) return;
     const auto devices = m_discovery.devices();
+    const Lock lock(m_mutex);
     const bool several = several_unclaimed();
     for (const Entry& entry : m_entries) entry.companion->on_devices(devices, several);
 }
 
 // Returns how good the companion's claim to a device is; 0 means that it has none. A device that
 // changes its identity into another's stays with its companion. A device that gets the address of
-// another one goes to the companion that names it.
+// another one goes to the companion that names it, once the link from this address has ended.
 int Ports::Entry::claim(const Discovery::Search& search) const {
     const bool address = wish.last_address == search.address;
     const bool identity = wish.last_identity == search.device.identity;
@@ -129,6 +131,7 @@ int Ports::Entry::claim(const Discovery::Search& search) const {
 
 bool Ports::Entry::expects(uint32_t address) const {
     if (wish.link == address) return true;
+    // A silent link is replaced by the first connection that delivers a message.
     return (wish.link == 0 || wish.link_is_silent) && std::ranges::count(answered, address) > 0;
 }
 
@@ -148,9 +151,9 @@ Ports::Entry* Ports::claimant(const Discovery::Search& search) {
         best = &entry;
         best_claim = claim;
     }
-    if (claimed || several_unclaimed() || !search.is_settled()) return best;
+    if (claimed || !search.is_settled()) return best;
     const auto first = std::ranges::find_if(m_entries, wants_any, &Entry::wish);
-    return first == m_entries.end() ? nullptr : &*first;
+    return first == m_entries.end() || several_unclaimed() ? nullptr : &*first;
 }
 
 bool Ports::is_claimed(const Discovery::Search& search) {
@@ -185,6 +188,25 @@ void Ports::accept_connection() {
     } else {
         entry->companion->on_connection(descriptor, address);
     }
+}
+
+namespace {
+
+Mutex sharing;
+std::weak_ptr<Ports> shared GUARDED_BY(sharing);
+
+}  // namespace
+
+SharedPorts::SharedPorts() {
+    const Lock lock(sharing);
+    m_ports = shared.lock();
+    if (m_ports == nullptr) shared = m_ports = std::make_shared<Ports>();
+}
+
+// Holds the mutex until the ports are closed, so that nobody finds them taken by this program.
+SharedPorts::~SharedPorts() {
+    const Lock lock(sharing);
+    m_ports.reset();
 }
 
 }  // namespace guilink

@@ -32,31 +32,31 @@ class Ports {
 
     // A companion. The ports' thread calls these functions for all companions, so they must return
     // at once, and must not call Ports.
-    class Subscriber {
+    class Member {
       public:
-        virtual ~Subscriber() = default;
+        virtual ~Member() = default;
         // `several` tells whether several devices search that no companion of this program claims.
         virtual void on_devices(const std::vector<SearchingDevice>& devices, bool several) = 0;
         // Takes ownership of the descriptor of a non-blocking socket.
         virtual void on_connection(int descriptor, uint32_t address) = 0;
     };
 
-    // Returns the ports of this program, and opens them if nobody else uses them. Throws
-    // std::runtime_error if another program has taken one.
-    static std::shared_ptr<Ports> share();
+    // Throws std::runtime_error if another program has taken one of the ports.
     Ports();
     ~Ports();
     Ports(const Ports&) = delete;
     Ports& operator=(const Ports&) = delete;
 
-    // Any thread may call these functions. A companion without any last device begins anew: devices
-    // that were answered for it before may not connect any more.
-    void set_wish(Subscriber& companion, Wish wish);
-    void unsubscribe(Subscriber& companion);
+    // Any thread may call these functions. The first wish makes a companion a member.
+    void set_wish(Member& companion, Wish wish);
+    // Forgets the devices that may connect because they were answered for an earlier wish.
+    void begin_anew(Member& companion, Wish wish);
+    // When it returns, no function of the companion is called any more.
+    void leave(Member& companion);
 
   private:
     struct Entry {
-        Subscriber* companion;
+        Member* companion;
         Wish wish;
         std::deque<uint32_t> answered;  // addresses that may connect
 
@@ -67,6 +67,7 @@ class Ports {
     void run();
     void receive_broadcasts();
     void accept_connection();
+    Entry& entry_of(Member& companion) REQUIRES(m_mutex);
     Entry* claimant(const Discovery::Search& search) REQUIRES(m_mutex);
     bool is_claimed(const Discovery::Search& search) REQUIRES(m_mutex);
     bool several_unclaimed() REQUIRES(m_mutex);
@@ -79,6 +80,19 @@ class Ports {
     std::list<Entry> m_entries GUARDED_BY(m_mutex);
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
+};
+
+// The ports of this program, which are open as long as there is such an object.
+class SharedPorts {
+  public:
+    SharedPorts();  // throws like Ports
+    ~SharedPorts();
+    SharedPorts(const SharedPorts&) = delete;
+    SharedPorts& operator=(const SharedPorts&) = delete;
+    Ports* operator->() const { return m_ports.get(); }
+
+  private:
+    std::shared_ptr<Ports> m_ports;
 };
 
 }  // namespace guilink

@@ -12,8 +12,8 @@ from collections import deque
 from typing import Sequence
 
 from guilink.connection import READY_REQUESTS, Connection
-from guilink.discovery import Broadcast
-from guilink.link import HeardDevice, Link, LinkStatus
+from guilink.discovery import MAX_AT_ONCE, Broadcast
+from guilink.link import HeardDevice, Link, LinkError, LinkStatus
 from guilink.ports import LINK_PORT, Ports, Wish
 from guilink.wire import Identity, Message, MessageType
 
@@ -23,7 +23,7 @@ LINK_SILENCE = 3.0      # s; if nothing arrives for this long, the companion clo
 CANDIDATE_SILENCE = 1.0  # s; if a new connection is silent for this long, the companion accepts another one
 GRACE = 1.0             # s; the companion ignores the device's broadcasts for this long after linking
 MAX_ANSWERED = 64       # number of answered addresses that are remembered; only these may connect
-MAX_WAITING = 16        # number of broadcasts and of connections that wait for the companion's thread
+MAX_WAITING = 16        # number of connections that wait for the companion's thread
 ASK_EVERY = 5           # number of ConnectRequests per IdentityRequest, before the link exists
 
 
@@ -47,7 +47,7 @@ class Companion(Link):
         self._answered: dict[str, Identity] = {}   # the devices that the companion has answered, by address
         self.wish = Wish(device or "")  # read by the ports
         # Written by the ports, and read by the companion's thread.
-        self._broadcasts: deque[Broadcast] = deque(maxlen=MAX_WAITING)
+        self._broadcasts: deque[Broadcast] = deque(maxlen=MAX_AT_ONCE)
         self._connected: deque[tuple[socket.socket, str]] = deque()
         # Used only by the companion's thread.
         self._connection: Connection | None = None
@@ -56,7 +56,12 @@ class Companion(Link):
         self._wake_receiver, self._wake_sender = socket.socketpair()
         self._wake_receiver.setblocking(False)
         self._wake_sender.setblocking(False)
-        self._ports = Ports.join(self)
+        try:
+            self._ports = Ports.join(self)
+        except LinkError:
+            self._wake_receiver.close()
+            self._wake_sender.close()
+            raise
         self._thread.start()
 
     # --- called from any thread --------------------------------------------------------------------
@@ -102,13 +107,14 @@ class Companion(Link):
 
     def on_several(self, devices: tuple[HeardDevice, ...]) -> None:
         with self._changed:
-            self._several = devices
-            self._changed.notify_all()
+            if self.wish == Wish():
+                self._several = devices
+                self._changed.notify_all()
 
     def on_connection(self, connected: socket.socket, address: str) -> None:
+        if len(self._connected) == MAX_WAITING:
+            return connected.close()
         self._connected.append((connected, address))
-        while len(self._connected) > MAX_WAITING:
-            self._connected.popleft()[0].close()
         self._wake()
 
     def on_failure(self, error: Exception) -> None:
@@ -136,7 +142,7 @@ class Companion(Link):
         connection = self._connection
         with selectors.PollSelector() as selector:
             selector.register(self._wake_receiver, selectors.EVENT_READ)
-            wait = KEEP_ALIVE
+            wait = 0.0 if self._connected else KEEP_ALIVE
             if connection:
                 selector.register(connection, selectors.EVENT_READ
                                   | (selectors.EVENT_WRITE if connection.wants_to_write else 0))

@@ -4,10 +4,12 @@ Decides which companion answers a device, and passes the device's connections to
 """
 from __future__ import annotations
 
+import os
 import selectors
 import socket
 import threading
 import time
+from contextlib import ExitStack, closing
 from typing import NamedTuple, Protocol
 
 from guilink.discovery import MAX_HEARD, Broadcast, Discovery, Sender
@@ -29,7 +31,7 @@ class Wish(NamedTuple):
         """Returns how good the claim to this device is; 0 means that there is none.
 
         A device that changes its identity into another's stays with its companion. A device that gets the address of
-        another one goes to the companion that names it."""
+        another one goes to the companion that names it, once the link from this address has ended."""
         address, identity = self.last_address == device.address, self.last_identity == device.identity
         if address and identity:
             return 4
@@ -48,7 +50,7 @@ class Member(Protocol):
         """These devices search that no companion of this process claims, if there are several."""
 
     def on_connection(self, connected: socket.socket, address: str) -> None:
-        """A device has connected whose broadcast this companion got."""
+        """A device has connected whose broadcast this companion got. Must take no lock."""
 
     def on_failure(self, error: Exception) -> None:
         """The ports are of no more use."""
@@ -68,7 +70,15 @@ class Ports:
             ports = cls._shared = cls._shared or cls()
             with ports._lock:
                 ports._members.append(member)
+                failure = ports._failure
+            if failure:
+                member.on_failure(failure)
             return ports
+
+    @classmethod
+    def _forget(cls) -> None:
+        """In a forked process, there is no thread that serves the ports."""
+        cls._shared, cls._sharing = None, threading.Lock()
 
     def leave(self, member: Member) -> None:
         """Closes the ports after the last member."""
@@ -80,27 +90,29 @@ class Ports:
             Ports._shared = None
             self._wake_sender.send(b"\0")
             self._thread.join()
-            for each in (self._wake_receiver, self._wake_sender, self._listener):
-                each.close()
-            self._discovery.close()
+            self._opened.close()
 
     def __init__(self) -> None:
-        self._lock = threading.Lock()  # guards _discovery and _members; never held while a member is called
-        self._discovery = Discovery()
+        self._lock = threading.Lock()  # guards _members, _failure, and what _discovery remembers
         self._members: list[Member] = []
-        try:
-            self._listener = socket.create_server(("", LINK_PORT), backlog=64)
-        except OSError as error:
-            self._discovery.close()
-            raise LinkError(f"cannot listen on TCP port {LINK_PORT}: {error.strerror}; "
-                            "is another companion or viewer running? You can share a viewer's link.") from error
-        self._listener.setblocking(False)
+        self._failure: Exception | None = None
         # Used only by the thread of the ports.
         self._next_accept = 0.0
-        self._owners: dict[str, Member] = {}  # who got the last broadcast from this address
-        self._wake_receiver, self._wake_sender = socket.socketpair()
-        self._thread = threading.Thread(target=self._work, name="guilink-ports", daemon=True)
-        self._thread.start()
+        self._owners: dict[str, Member] = {}  # who got the last broadcast from this address; the oldest comes first
+        with ExitStack() as opened:
+            self._discovery = opened.enter_context(closing(Discovery()))
+            try:
+                self._listener = opened.enter_context(socket.create_server(("", LINK_PORT), backlog=64))
+            except OSError as error:
+                raise LinkError(f"cannot listen on TCP port {LINK_PORT}: {error.strerror}; "
+                                "is another companion or viewer running? You can share a viewer's link.") from error
+            self._listener.setblocking(False)
+            self._wake_receiver, self._wake_sender = socket.socketpair()
+            opened.enter_context(self._wake_receiver)
+            opened.enter_context(self._wake_sender)
+            self._thread = threading.Thread(target=self._work, name="guilink-ports", daemon=True)
+            self._thread.start()
+            self._opened = opened.pop_all()
 
     def devices(self) -> list[HeardDevice]:
         """Returns the devices that have broadcast. The device with the newest broadcast comes first."""
@@ -126,12 +138,15 @@ class Ports:
                 with self._lock:
                     members = list(self._members)
                     broadcasts = self._discovery.receive() if self._discovery in ready else []
+                self._owners = {address: owner for address, owner in self._owners.items() if owner in members}
                 for broadcast in broadcasts:
                     self._pass_on(broadcast, members)
                 if self._listener in ready:
-                    self._accept(members)
+                    self._accept()
         except Exception as error:  # a bug in this package
-            for member in self._members:
+            with self._lock:
+                self._failure, members = error, list(self._members)
+            for member in members:
                 member.on_failure(error)
 
     def _pass_on(self, broadcast: Broadcast, members: list[Member]) -> None:
@@ -146,21 +161,24 @@ class Ports:
         else:
             owner = self._any(broadcast, members)
         if owner:
-            if len(self._owners) > MAX_HEARD:
-                self._owners.clear()
+            self._owners.pop(device.address, None)
             self._owners[device.address] = owner
+            if len(self._owners) > MAX_HEARD:
+                del self._owners[next(iter(self._owners))]
             owner.on_broadcast(broadcast)
 
     @staticmethod
     def _any(broadcast: Broadcast, members: list[Member]) -> Member | None:
         """Returns the companion that takes any device, if this device is the only one for it."""
         waiting = [member for member in members if member.wish == Wish()]
+        if not waiting:
+            return None
         rivals = [device for device in broadcast.rivals if not any(_claims(member, device) for member in members)]
         for member in waiting:
             member.on_several((broadcast.device, *rivals) if rivals else ())
-        return waiting[0] if waiting and not rivals and broadcast.settled else None
+        return waiting[0] if broadcast.settled and not rivals else None
 
-    def _accept(self, members: list[Member]) -> None:
+    def _accept(self) -> None:
         try:
             connected, (address, _) = self._listener.accept()
         except BlockingIOError:
@@ -169,11 +187,15 @@ class Ports:
             self._next_accept = time.monotonic() + ACCEPT_RETRY
             return
         owner = self._owners.get(address)
-        if owner and owner in members:
-            owner.on_connection(connected, address)
-        else:
-            connected.close()
+        with self._lock:  # a member that has left takes no connection
+            if owner and owner in self._members:
+                owner.on_connection(connected, address)
+            else:
+                connected.close()
 
 
 def _claims(member: Member, device: HeardDevice) -> bool:
     return member.wish.link == device.address or member.wish.claim(device) > 0
+
+
+os.register_at_fork(after_in_child=Ports._forget)

@@ -22,6 +22,7 @@ from guilink.expect import Expectation, View
 REFERENCES = "screens"  # folder of the reference pictures, beside the test
 UPDATE_PICTURES = 10  # number of equal consecutive pictures before `--guilink-update` saves a reference
 PROPERTY = "guilink-artifacts"  # property in the JUnit report: the folder in which a failed test saved pictures
+DEVICES = pytest.StashKey[list[guilink.Device]]()  # the devices that a test uses
 UPDATED = pytest.StashKey[list[Path]]()
 USED = pytest.StashKey[dict[Path, tuple[str, guilink.Screen]]]()  # the place that used a reference, and what it saw
 
@@ -75,6 +76,9 @@ def guilink_connect(pytestconfig: pytest.Config) -> Iterator[Callable[[str | Non
                 reporter.write_line(f"guilink: {text}")
 
     def connect(name: str | None) -> guilink.Device:
+        for known in outcomes.values():
+            if isinstance(known, guilink.Device) and name in (known.identity, known.address):
+                return known
         if name not in outcomes:
             try:
                 outcomes[name] = guilink.connect(
@@ -100,12 +104,12 @@ def device_named(guilink_connect: Callable[[str | None], guilink.Device],
     """Returns a function that returns the device with an identity or an address, in the state in which the previous
     test left it. A test may use several devices."""
     test_name = "".join(c if c.isalnum() or c in "-_" else "-" for c in request.node.name)
-    prepared = set[guilink.Device]()
+    devices = request.node.stash.setdefault(DEVICES, [])
 
     def named(name: str | None) -> guilink.Device:
         device = guilink_connect(name)
-        if device not in prepared:
-            prepared.add(device)
+        if device not in devices:
+            devices.append(device)
             device.test_name = test_name
             device.presses.clear()
             device.video = request.config.getoption("--guilink-video")
@@ -199,16 +203,17 @@ def press_until(device: guilink.Device, request: pytest.FixtureRequest) -> Calla
 def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Generator[None, Any, None]:
     error = call.excinfo.value if call.excinfo else None
     outcome = yield
-    device: guilink.Device | None = getattr(item, "funcargs", {}).get("device")
-    folder = error.folder if isinstance(error, guilink.WaitTimeoutError) else None
-    if not folder and device and device.video and call.when == "call" and outcome.get_result().failed:
-        try:
-            folder = device.save_evidence(str(error))
-            outcome.get_result().sections.append(("guilink", f"see {folder}"))
-        except (guilink.GuilinkError, OSError) as problem:
-            outcome.get_result().sections.append(("guilink", f"cannot save a video: {problem}"))
-    if folder:
-        item.user_properties.append((PROPERTY, str(folder)))
+    folders = [error.folder] if isinstance(error, guilink.WaitTimeoutError) else []
+    if not folders and call.when == "call" and outcome.get_result().failed:
+        for device in item.stash.get(DEVICES, []):
+            if not device.video:
+                continue
+            try:
+                folders.append(device.save_evidence(str(error)))
+                outcome.get_result().sections.append(("guilink", f"see {folders[-1]}"))
+            except (guilink.GuilinkError, OSError) as problem:
+                outcome.get_result().sections.append(("guilink", f"cannot save a video: {problem}"))
+    item.user_properties += [(PROPERTY, str(folder)) for folder in folders]
 
 
 def pytest_assertrepr_compare(op: str, left: object, right: object) -> list[str] | None:
