@@ -44,7 +44,8 @@ def connect(device: str | None = None, *, viewer: str | None = None,
             labels: str | os.PathLike[str] | None = None,
             artifacts: str | os.PathLike[str] = ARTIFACTS,
             progress: Progress = logging.getLogger("guilink").warning) -> Device:
-    """Connects this script to a device. Returns when the device accepts button presses.
+    """Connects this script to a device. Returns when the device accepts button presses. For several devices, call it
+    once for each, with its name.
 
     `device` is the identity or the address of the wanted device. Without `device`, the script connects to the only
     device that broadcasts. `viewer` is the URL of a running viewer, as the viewer prints it; the script then uses the
