@@ -21,7 +21,7 @@ std::chrono::seconds storm() {
 // How many more threads the service may have during an attack. An idle machine needs 24: two for
 // each of four searches, and one for each of eight connections of two searches. On a busy machine,
 // threads end later. Without limits, an attack would start hundreds.
-constexpr size_t MORE_THREADS = 4 * 24;
+constexpr size_t MORE_THREADS = 96;
 
 class HostileNeighbour : public Recovery {
   protected:
