@@ -372,6 +372,7 @@ Bytes identity(const std::string& identity) {
 }
 
 TEST_F(CompanionTest, EachOfSeveralCompanionsHasADeviceOfItsOwn) {
+    std::atomic<bool> waits{false}, go_on{false};
     Other one("11111"), two("22222");
     const Socket second = begin("127.0.0.2", "22222");
     const Chatter second_lives(second, frame(DataMessage));
@@ -384,7 +385,6 @@ TEST_F(CompanionTest, EachOfSeveralCompanionsHasADeviceOfItsOwn) {
     identify(third);
 
     // A companion whose handler takes its time delays no other.
-    std::atomic<bool> waits{false}, go_on{false};
     one.companion.press(1, [&](Delivery) {
         waits = true;
         wait_until([&] { return go_on.load(); });
