@@ -2,7 +2,7 @@
 from __future__ import annotations
 
 from guilink.conform.case import case
-from guilink.conform.companion_attempt import CompanionAttempt
+from guilink.conform.companion_attempt import SECOND, CompanionAttempt
 from guilink.conform.companion_plain import FOUND, LINKED
 from guilink.conform.event_loop import UdpSocket
 from guilink.conform.private_network import BROADCAST
@@ -122,6 +122,8 @@ def device_returns_changed(attempt: CompanionAttempt) -> None:
     for device, identity, what in ((first, b"33333fw1.1", "a new identity"), (first, b"33333fw2.0", "a new version"),
                                    (moved, b"33333fw2.0", "a new address")):
         channel = attempt.link()
+        # A companion that asks for the identity must have it before the link ends.
+        attempt.loop.until(lambda: channel.ended or channel.count(MessageType.IDENTITY_REQUEST) > 0, SECOND)
         attempt.keep_alives(channel, 1)
         channel.close()
         device.identity, attempt.device = identity, device
