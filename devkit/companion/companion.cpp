@@ -40,6 +40,7 @@ constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
 constexpr auto ASK_AFTER = 1s;         // of silence: ask the device for its identity
 constexpr auto CLOSE_AFTER = 3s;       // of silence: close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
+
 }  // namespace
 
 class Companion::Impl final : Ports::Member {

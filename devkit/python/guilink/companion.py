@@ -13,7 +13,7 @@ from typing import Sequence
 
 from guilink.connection import READY_REQUESTS, Connection
 from guilink.discovery import MAX_AT_ONCE, Broadcast
-from guilink.link import HeardDevice, Link, LinkError, LinkStatus
+from guilink.link import HeardDevice, Link, LinkStatus
 from guilink.ports import LINK_PORT, Ports, Wish
 from guilink.wire import Identity, Message, MessageType
 
@@ -58,7 +58,7 @@ class Companion(Link):
         self._wake_sender.setblocking(False)
         try:
             self._ports = Ports.join(self)
-        except LinkError:
+        except BaseException:
             self._wake_receiver.close()
             self._wake_sender.close()
             raise
