@@ -15,6 +15,7 @@ import guilink  # noqa: E402
 
 LIMIT = 1200  # s
 REGION_END = {"amd64": 0x60000000, "arm64": 0xC0000000}[sys.argv[1]]
+OF_KERNEL = {"amd64": 0x2000000, "arm64": 0x42000000}[sys.argv[1]]  # an address in its memory
 BUFFERS = 3 * (1280 * 960 * 2 + 4096)  # bytes; what the core needs in the region
 SETTINGS = "/tmp/FL0/kel.ini"
 
@@ -135,7 +136,7 @@ wait_until(lambda: logged("BUTTON 1") and logged("USER hello"), "press and text 
 
 case("the core is refused the kernel's memory")
 agent.run("systemctl stop guilink-core; rm /run/guilink-core")  # only addresses above those in the file are unused
-expect("guilink-core --memory 0x2000000:0x2000000 2>&1", "the kernel refuses 0x2000000")
+expect(f"guilink-core --memory {OF_KERNEL}:0x2000000 2>&1", f"the kernel refuses {OF_KERNEL:#x}")
 
 case("frames up to the last page of the region arrive, byte for byte")
 # After the region of the amd64 board comes the kernel's memory, which the service cannot map.
