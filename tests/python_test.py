@@ -109,11 +109,14 @@ def test_shell_completes_and_saves_a_recording_at_its_end(tmp_path):
                 assert select.select([terminal], [], [], LIMIT)[0], said
                 said += os.read(terminal, 4096)
 
-        enter(b"", b">>> ")
-        enter(b"recording = device.rec\t", b"device.record(")
-        enter(b"'shell.gif'); print(device.identity)\n", b"11111\r\n>>> ")
-        shell.terminate()
-        assert shell.wait(LIMIT) == 128 + signal.SIGTERM
+        try:
+            enter(b"", b">>> ")
+            enter(b"recording = device.rec\t", b"device.record(")
+            enter(b"'shell.gif'); print(device.identity)\n", b"11111\r\n>>> ")
+            shell.terminate()  # often before readline waits for a key
+            assert shell.wait(LIMIT) == 128 + signal.SIGTERM
+        finally:
+            shell.kill()
     os.close(terminal)
     os.close(its_terminal)
     assert (tmp_path / "shell.gif").exists()

@@ -12,6 +12,7 @@ import os
 import readline
 import rlcompleter
 import signal
+import socket
 import sys
 import threading
 import time
@@ -220,10 +221,30 @@ def record(options: argparse.Namespace) -> Result:
         return {"device": device.identity, "file": path}, path
 
 
+def end_by_sigterm() -> None:
+    """Lets SIGTERM end an interactive program, which catches KeyboardInterrupt."""
+    def end(number: int, _: FrameType | None) -> None:
+        signal.signal(number, signal.SIG_IGN)
+        sys.exit(128 + number)
+
+    def repeat() -> None:
+        # readline waits for a key even if a signal came just before its wait.
+        while number := receiver.recv(1):
+            if number[0] == signal.SIGTERM:
+                time.sleep(0.1)
+                signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGTERM)
+
+    receiver, sender = socket.socketpair()
+    sender.setblocking(False)
+    signal.set_wakeup_fd(sender.detach())
+    signal.signal(signal.SIGTERM, end)
+    threading.Thread(target=repeat, daemon=True).start()
+
+
 def shell(options: argparse.Namespace) -> Result:
     with connect(options) as device:
         names = {"device": device, "guilink": guilink}
-        signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))  # it survives a KeyboardInterrupt
+        end_by_sigterm()
         readline.set_completer(rlcompleter.Completer(names).complete)
         readline.parse_and_bind("tab: complete")
         banner = (f"device {device.identity} at {device.address}; try device.press('down'), "
