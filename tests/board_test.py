@@ -1,90 +1,22 @@
 #!/usr/bin/python3 -B
 """Tests the service on the virtual board: `scripts/board ARCHITECTURE --run tests/board_test.py ARCHITECTURE`. Boots it
-three times. All waits have the same limit, because emulation on a busy machine is slow."""
-import base64
+three times."""
 import hashlib
-import itertools
-import json
-import os
-import socket
 import sys
 import time
 
-sys.path.insert(0, "devkit/python")
+sys.path[:0] = ["devkit/python", "tests/support"]
 import guilink  # noqa: E402
+from board import LIMIT, Agent, Channel, wait_until  # noqa: E402
 
-LIMIT = 1200  # s
 REGION_END = {"amd64": 0x60000000, "arm64": 0xC0000000}[sys.argv[1]]
 OF_KERNEL = {"amd64": 0x2000000, "arm64": 0x42000000}[sys.argv[1]]  # an address in its memory
 BUFFERS = 3 * (1280 * 960 * 2 + 4096)  # bytes; what the core needs in the region
 SETTINGS = "/tmp/FL0/kel.ini"
 
 
-def wait_until(condition, what):
-    end = time.monotonic() + LIMIT
-    while not (result := condition()):
-        assert time.monotonic() < end, f"in {LIMIT} s, not seen: {what}"
-        time.sleep(0.5)
-    return result
-
-
 def case(what):
     print(f"{time.monotonic() - START:6.0f} s  {what}", flush=True)
-
-
-class Channel:
-    """A socket of QEMU, which carries lines of JSON."""
-
-    def __init__(self, name):
-        self.socket = socket.socket(socket.AF_UNIX)
-        file = f"{os.environ['GUILINK_BOARD']}/{name}"
-        wait_until(lambda: self.socket.connect_ex(file) == 0, f"QEMU's socket {name}")
-        self.received = b""
-
-    def send(self, command, **arguments):
-        self.socket.sendall(json.dumps({"execute": command, "arguments": arguments}).encode() + b"\n")
-
-    def line(self, limit=LIMIT):
-        self.socket.settimeout(limit)
-        while b"\n" not in self.received:
-            self.received += self.socket.recv(1 << 16)
-        line, _, self.received = self.received.partition(b"\n")
-        return line
-
-    def call(self, command, **arguments):
-        self.send(command, **arguments)
-        while True:
-            answer = json.loads(self.line())
-            assert "error" not in answer, answer
-            if "return" in answer:
-                return answer["return"]
-
-
-class Agent(Channel):
-    """Runs commands on the board."""
-
-    numbers = itertools.count(1)
-
-    def synchronise(self):
-        """Waits until the agent runs, and skips what it still had to say."""
-        number = next(self.numbers)
-        self.send("guest-sync", id=number)
-        try:
-            return wait_until(lambda: json.loads(self.line(20) or b"{}").get("return") == number, "the agent's answer")
-        except (TimeoutError, ValueError):
-            return False
-
-    def run(self, command):
-        wait_until(self.synchronise, "the agent")
-        pid = self.call("guest-exec", path="/bin/sh", arg=["-c", command], **{"capture-output": True})["pid"]
-        status = {}
-
-        def ended():
-            status.update(self.call("guest-exec-status", pid=pid))
-            return status["exited"]
-        wait_until(ended, f"the end of {command}")
-        self.status = status.get("exitcode")
-        return base64.b64decode(status.get("out-data", "") + "").decode().strip()
 
 
 START = time.monotonic()
@@ -136,7 +68,7 @@ wait_until(lambda: logged("BUTTON 1") and logged("USER hello"), "press and text 
 
 case("the core is refused the kernel's memory")
 agent.run("systemctl stop guilink-core; rm /run/guilink-core")  # only addresses above those in the file are unused
-expect(f"guilink-core --memory {OF_KERNEL}:0x2000000 2>&1", f"the kernel refuses {OF_KERNEL:#x}")
+expect(f"guilink-core --frames 1 --memory {OF_KERNEL}:0x2000000 2>&1", f"the kernel refuses {OF_KERNEL:#x}")
 
 case("frames up to the last page of the region arrive, byte for byte")
 # After the region of the amd64 board comes the kernel's memory, which the service cannot map.
