@@ -189,15 +189,15 @@ def test_minimal_companion_links_to_the_service(tmp_path):
 
 def test_one_test_uses_two_devices(tmp_path):
     document = (ROOT / "docs/testing.md").read_text()
-    second_device = re.search(r"\n(unshare .*?) &\n", document, re.S)[1]
+    assert "\nscripts/device 2 &\n" in document
     example = re.search(r"\n(def test_a_press_reaches_one_device.*?)```", document, re.S)[1]
     (tmp_path / "test_two.py").write_text(example)
-    with subprocess.Popen(["sh", "-c", second_device], cwd=ROOT, stderr=subprocess.DEVNULL) as core:
+    with subprocess.Popen([ROOT / "scripts/device", "2"], stderr=subprocess.DEVNULL) as second:
         try:
             assert "1 passed" in run("pytest", "-q", "-p", "no:cacheprovider", "-p", "guilink.pytest_plugin",
                                      f"--guilink-timeout={LIMIT}", cwd=tmp_path)
         finally:
-            core.terminate()
+            second.kill()
 
 
 def test_installs_without_a_network(tmp_path):
