@@ -27,7 +27,7 @@ TEST(Requests, AreReadToTheLetter) {
     EXPECT_EQ(std::get<Snapshot>(asked).after, 7u);
     EXPECT_TRUE(std::holds_alternative<Stream>(read("HEAD", "/stream.mjpg")));
     for (const auto& [method, target, status] : {std::tuple{"GET", "/labels.json", 200u},
-                                                 {"HEAD", "/", 200},
+                                                 {"HEAD", "/view.js", 200},
                                                  {"POST", "/press/", 404},
                                                  {"POST", "/press/1x", 404},
                                                  {"POST", "/press/4294967297", 404},

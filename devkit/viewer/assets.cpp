@@ -14,6 +14,8 @@
 #define CONTENT(name) std::string_view(guilink_page_##name, guilink_page_##name##_end)
 
 EMBED(index, "index.html");
+EMBED(bench, "bench.html");
+EMBED(bench_script, "bench.js");
 EMBED(style, "style.css");
 EMBED(icon, "icon.svg");
 EMBED(devices, "devices.js");
@@ -32,6 +34,8 @@ const Asset* find_asset(std::string_view path) {
     static const Asset ASSETS[] = {
         {"/", "text/html", CONTENT(index)},
         {"/index.html", "text/html", CONTENT(index)},
+        {"/bench.html", "text/html", CONTENT(bench)},
+        {"/bench.js", "text/javascript", CONTENT(bench_script)},
         {"/style.css", "text/css", CONTENT(style)},
         {"/icon.svg", "image/svg+xml", CONTENT(icon)},
         {"/devices.js", "text/javascript", CONTENT(devices)},

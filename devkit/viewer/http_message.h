@@ -18,7 +18,8 @@ inline HttpRequest read_headers(
     std::string_view forwarded_for;  // the last one, because a client may send others
     for (auto [each, end] = message.equal_range("X-Forwarded-For"); each != end; ++each)
         forwarded_for = view(each->value());
-    return {.method = view(message.method_string()),
+    HttpRequest request = {
+            .method = view(message.method_string()),
             .target = view(message.target()),
             .body = message.body(),
             .accept = view(message[field::accept]),
@@ -29,6 +30,8 @@ inline HttpRequest read_headers(
             .cookie = view(message[field::cookie]),
             .forwarded_for = forwarded_for,
             .forwarded_proto = view(message["X-Forwarded-Proto"])};
+    split_target(request);
+    return request;
 }
 
 }  // namespace guilink

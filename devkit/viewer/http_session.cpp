@@ -1,12 +1,12 @@
 #include "devkit/viewer/http_session.h"
 
-#include "devkit/viewer/hub.h"  // before Boost, which needs the <utility> that hub.h includes
+#include "devkit/viewer/devices.h"  // before Boost, which needs the <utility> that it includes
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 
-#include "devkit/viewer/connections.h"
+#include "devkit/viewer/assets.h"
 #include "devkit/viewer/http_message.h"
 #include "devkit/viewer/page_session.h"
 #include "devkit/viewer/requests.h"
@@ -37,10 +37,15 @@ beast::string_view view(std::string_view text) {
 
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
   public:
-    HttpSession(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place)
-        : m_hub(hub), m_place(std::move(place)), m_stream(std::move(socket)) {}
+    HttpSession(WebServer& server, Devices& devices, tcp::socket socket,
+                std::unique_ptr<Connections::Place> place)
+        : m_server(server),
+          m_devices(devices),
+          m_place(std::move(place)),
+          m_stream(std::move(socket)) {}
 
     void read() {
+        m_hub = nullptr;
         m_parser.emplace();
         m_parser->header_limit(MAX_REQUEST_HEADER);
         m_parser->body_limit(Companion::max_text);
@@ -81,13 +86,13 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         const auto address = address_of(m_stream.socket());
         m_client = {address.to_string(), request.is_from_program(), Access::none};
         m_sender = sender_of(address);
-        if (const std::string client = m_hub.policy().forwarded_address(request);
+        if (const std::string client = m_server.policy().forwarded_address(request);
             address.is_loopback() && !client.empty()) {
             m_client.address = client;
             m_sender = sender_of(asio::ip::make_address(client));
         }
-        const auto wait = m_hub.guesses.wait(m_sender, Guesses::Clock::now());
-        if (wait == wait.zero() || m_hub.policy().token_in(request).empty()) return serve();
+        const auto wait = m_server.guesses.wait(m_sender, Guesses::Clock::now());
+        if (wait == wait.zero() || m_server.policy().token_in(request).empty()) return serve();
         m_timer.expires_after(wait);
         m_timer.async_wait([self = shared_from_this()](error_code error) {
             if (!error) self->serve();
@@ -96,16 +101,31 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     void serve() {
         const HttpRequest request = read_headers(m_parser->get());
-        const std::string_view token = m_hub.policy().token_in(request);
-        m_client.access = m_hub.policy().access_of(token);
+        const std::string_view token = m_server.policy().token_in(request);
+        m_client.access = m_server.policy().access_of(token);
         if (m_client.access != Access::none)
             m_place->work();
         else if (!token.empty())
-            m_hub.guesses.add(m_sender, std::string(token), Guesses::Clock::now());
-        const Asked asked = read_request(request, m_hub.policy(), m_client.access, m_hub.labels());
+            m_server.guesses.add(m_sender, std::string(token), Guesses::Clock::now());
+        const Asked asked = read_request(request, m_server.policy(), m_client.access, m_server.labels());
         if (const auto* const reply = std::get_if<Reply>(&asked)) {
-            if (!reply->refused.empty()) m_hub.log.refused(m_client.address, reply->refused);
-            respond(*reply);
+            if (!reply->refused.empty()) m_server.log.refused(m_client.address, reply->refused);
+            return respond(*reply);
+        }
+        if (request.prefix.empty()) {
+            m_hub = m_devices.main();
+        } else {
+            auto found = m_devices.find(decoded(request.device()), m_client.access);
+            if (const auto* const reply = std::get_if<Reply>(&found)) return respond(*reply);
+            m_hub = std::get<std::shared_ptr<Hub>>(found);
+        }
+        if (std::holds_alternative<FrontPage>(asked)) {
+            const bool all = request.prefix.empty() && m_devices.known().size() > 1;
+            const Asset& page = *find_asset(all ? "/bench.html" : "/");
+            respond({200, page.type, std::string(page.content)});
+        } else if (const auto* const known = std::get_if<KnownDevices>(&asked)) {
+            if (known->use) m_devices.use_all(m_client.access);
+            respond({200, "application/json", devices_json(m_devices.known())});
         } else if (const auto* const snapshot = std::get_if<Snapshot>(&asked)) {
             await_picture(*snapshot);
         } else if (const auto* const order = std::get_if<Order>(&asked)) {
@@ -113,9 +133,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         } else if (const auto* const choice = std::get_if<Choice>(&asked)) {
             choose(*choice);
         } else if (std::holds_alternative<State>(asked)) {
-            respond({200, "application/json", state_json(m_hub.report(), m_client.access)});
+            respond({200, "application/json", state_json(m_hub->report(), m_client.access)});
         } else if (std::holds_alternative<Metrics>(asked)) {
-            respond({200, OPENMETRICS, metrics_text(m_hub.report())});
+            respond({200, OPENMETRICS, metrics_text(m_devices.known(), m_devices.heard())});
         } else if (std::holds_alternative<Stream>(asked)) {
             start_stream_session(m_hub, m_stream.release_socket(), std::move(m_place),
                                  m_parser->get().method() == http::verb::head);
@@ -174,27 +194,30 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     }
 
     void await_picture(const Snapshot& snapshot) {
-        const ReceivedImage& newest = m_hub.newest();
+        const ReceivedImage& newest = m_hub->newest();
         if (newest.data == nullptr && !snapshot.after)
             return respond({503, "text/plain", "There is no picture: no device is linked.\n"});
         const uint64_t turn = wait(503, "No newer picture has arrived in time.\n");
-        m_hub.renditions().get(
-            Rendition::png, snapshot.after.value_or(newest.number - 1), weak_from_this(),
-            [this, turn](const Renditions::Bytes& bytes, const ReceivedImage& image) {
+        const Rendition kind = snapshot.tile ? Rendition::tile : Rendition::png;
+        m_hub->renditions().get(
+            kind, snapshot.after.value_or(newest.number - 1), weak_from_this(),
+            [this, turn, kind](const Renditions::Bytes& bytes, const ReceivedImage& image) {
                 if (turn != m_turn) return;
                 ++m_turn;
                 if (bytes == nullptr)
                     return respond({503, "text/plain", "The newest picture is damaged.\n"});
-                respond({.type = "image/png",
+                respond({.type = kind == Rendition::png ? "image/png" : "image/jpeg",
                          .body = *bytes,
                          .headers = {{"Guilink-Picture", std::to_string(image.number)}}});
             });
     }
 
     void await_confirmation(const Order& order) {
+        if (const auto why_not = m_hub->held_from(m_client))
+            return respond({423, "text/plain", *why_not + '\n'});
         const uint64_t turn = wait(
             504, "The device has not confirmed it in time, so it may or may not have arrived.\n");
-        m_hub.send_confirmed(
+        m_hub->send_confirmed(
             order, m_client, weak_from_this(),
             [this, turn](const std::optional<std::string>& why_not, uint64_t picture) {
                 if (turn != m_turn) return;
@@ -205,10 +228,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     }
 
     void choose(const Choice& choice) {
-        const Hub::Found found = m_hub.choose(choice, m_client);
-        if (found == Hub::Found::one) return respond({204});
-        respond({found == Hub::Found::none ? 404u : 409u, "text/plain",
-                 Hub::sentence(found) + std::string("\n")});
+        if (const auto refusal = m_hub->choose(choice, m_client))
+            return respond({refusal->status, "text/plain", refusal->why + '\n'});
+        respond({204});
     }
 
     // Starts the timer for a request that must wait for the device. If the request has no answer
@@ -226,7 +248,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         return m_turn;
     }
 
-    Hub& m_hub;
+    WebServer& m_server;
+    Devices& m_devices;
+    std::shared_ptr<Hub> m_hub;  // which the current request is about
     std::unique_ptr<Connections::Place> m_place;
     Client m_client;       // who has sent the current request
     std::string m_sender;  // the client's address, as sender_of returns it
@@ -235,17 +259,18 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     std::optional<http::request_parser<http::string_body>> m_parser;
     http::response<http::string_body> m_response;
     bool m_readable = true;  // another request may follow
-    asio::steady_timer m_timer{m_hub.loop()};
+    asio::steady_timer m_timer{m_server.loop()};
     uint64_t m_turn = 0;  // incremented with each answer to a request that waited for the device
 };
 
 }  // namespace
 
-void start_http_session(Hub& hub, tcp::socket socket) {
-    auto place = hub.connections.enter(sender_of(address_of(socket)));
+void start_http_session(WebServer& server, Devices& devices, tcp::socket socket) {
+    auto place = server.connections.enter(sender_of(address_of(socket)));
     if (place != nullptr)
-        return std::make_shared<HttpSession>(hub, std::move(socket), std::move(place))->read();
-    hub.log.refused(address_of(socket).to_string(), "too many connections");
+        return std::make_shared<HttpSession>(server, devices, std::move(socket), std::move(place))
+            ->read();
+    server.log.refused(address_of(socket).to_string(), "too many connections");
 }
 
 }  // namespace guilink

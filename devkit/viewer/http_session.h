@@ -6,8 +6,9 @@
 
 namespace guilink {
 
-class Hub;
+class Devices;
+class WebServer;
 
-void start_http_session(Hub& hub, boost::asio::ip::tcp::socket socket);
+void start_http_session(WebServer& server, Devices& devices, boost::asio::ip::tcp::socket socket);
 
 }  // namespace guilink

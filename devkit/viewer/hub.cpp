@@ -1,63 +1,36 @@
 #include "devkit/viewer/hub.h"
 
-#include <netinet/in.h>
-
 #include <algorithm>
-
-#include "devkit/viewer/http_session.h"
 
 namespace guilink {
 
-namespace asio = boost::asio;
-using asio::ip::tcp;
 using boost::system::error_code;
 
 namespace {
 
-constexpr auto ACCEPT_RETRY = std::chrono::milliseconds(100);  // wait when out of descriptors
-constexpr auto RATE_WINDOW = std::chrono::seconds(2);          // time over which rates are measured
-
-tcp family(int listener) {
-    sockaddr_storage address = {};
-    socklen_t size = sizeof address;
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
-    return address.ss_family == AF_INET6 ? tcp::v6() : tcp::v4();
-}
+constexpr auto RATE_WINDOW = std::chrono::seconds(2);  // time over which rates are measured
 
 }  // namespace
 
-Hub::Hub(int listener, std::string labels, AccessPolicy policy, Send send, Choose choose)
-    : m_acceptor(m_loop, family(listener), listener),
-      m_labels(std::move(labels)),
-      m_policy(std::move(policy)),
+Hub::Hub(WebServer& server, Send send, Choose choose)
+    : m_server(server),
       m_send(std::move(send)),
-      m_choose(std::move(choose)) {
-    accept();
-}
-
-void Hub::accept() {
-    m_acceptor.async_accept([this](error_code error, tcp::socket socket) {
-        if (!error) {
-            start_http_session(*this, std::move(socket));
-            return accept();
-        }
-        m_retry.expires_after(ACCEPT_RETRY);
-        m_retry.async_wait([this](error_code) { accept(); });
-    });
-}
+      m_choose(std::move(choose)),
+      m_hold_timer(server.loop()),
+      m_renditions(std::make_shared<Renditions>(server.loop(), server.encoder)) {}
 
 void Hub::set_status(const LinkStatus& status) {
-    log.status(status);
+    m_server.log.status(m_status, status);
     m_status = status;
     m_newest.data = nullptr;
     m_samples.clear();
-    m_renditions.offer(m_newest);
-    for (const auto& watcher : m_watchers) watcher->offer_status(true);
+    m_renditions->offer(m_newest);
+    for (Watcher* const watcher : m_watchers) watcher->offer_status(true);
 }
 
 void Hub::set_devices(const std::vector<SearchingDevice>& devices) {
     m_devices = devices;
-    for (const auto& watcher : m_watchers) watcher->offer_status(false);
+    for (Watcher* const watcher : m_watchers) watcher->offer_status(false);
 }
 
 void Hub::set_image(const ReceivedImage& image) {
@@ -67,8 +40,8 @@ void Hub::set_image(const ReceivedImage& image) {
     m_newest = image;
     m_samples.push_back({now, image.number, image.bytes});
     while (m_samples.front().time < now - RATE_WINDOW) m_samples.pop_front();
-    for (const auto& watcher : m_watchers) watcher->offer_image(image);
-    m_renditions.offer(image);
+    for (Watcher* const watcher : m_watchers) watcher->offer_image(image);
+    m_renditions->offer(image);
 }
 
 Report Hub::report() {
@@ -91,18 +64,29 @@ Report Hub::report() {
     }
     report.skipped = skipped_pictures;
     report.programs = static_cast<size_t>(std::ranges::count_if(
-        m_watchers, [](const auto& watcher) { return watcher->client.is_program; }));
+        m_watchers, [](const Watcher* watcher) { return watcher->client.is_program; }));
     report.pages = m_watchers.size() - report.programs;
     report.streams = streams;
+    report.held = held(nullptr);
     return report;
 }
 
+std::string Hub::status(const Client& client, uint64_t skipped) const {
+    return page_status(m_status, m_devices, client.access, held(&client), skipped);
+}
+
+void Hub::remove(Watcher& watcher) {
+    m_watchers.erase(&watcher);
+    if (m_holder == &watcher) end_hold();
+}
+
 void Hub::send(const Order& order, const Client& by) {
-    if (m_send(order, 0)) announce(order, by);
+    if (!held_from(by) && m_send(order, 0)) announce(order, by);
 }
 
 void Hub::send_confirmed(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
                          Outcome outcome) {
+    if (const auto why_not = held_from(by)) return outcome(why_not, 0);
     const uint64_t number = ++m_last_number;
     m_sent[number] = {owner, std::move(outcome)};
     if (!m_send(order, number)) return set_outcome(number, Delivery::refused, 0);
@@ -123,31 +107,71 @@ void Hub::set_outcome(uint64_t number, Delivery delivery, uint64_t picture) {
     found.mapped().outcome(why_not, picture);
 }
 
-Hub::Found Hub::choose(const Choice& choice, const Client& by) {
+std::optional<Hub::Refusal> Hub::choose(const Choice& choice, const Client& by) {
+    if (const auto why_not = held_from(by)) return Refusal{423, *why_not};
     std::set<std::string> addresses;
     const auto note = [&](const std::string& identity, const std::string& address) {
         if (choice.device == identity || choice.device == address) addresses.insert(address);
     };
     for (const SearchingDevice& device : m_devices) note(device.identity, device.address);
     if (m_status.linked) note(m_status.identity, m_status.address);
-    if (addresses.size() != 1) return addresses.empty() ? Found::none : Found::several;
-    m_choose(choice.device);
+    if (addresses.empty())
+        return Refusal{404, "No device with this identity or address has called."};
+    if (addresses.size() > 1)
+        return Refusal{409, "Several devices have this identity; name one by its address."};
+    if (!m_choose(choice.device))
+        return Refusal{409, "This device has a page of its own: /device/" + choice.device + "/."};
     announce(choice, by);
-    return Found::one;
+    return std::nullopt;
+}
+
+std::optional<std::string> Hub::hold(const Hold& hold, const Watcher& by) {
+    if (auto why_not = held_from(by.client)) return why_not;
+    m_server.log.held(m_status.identity.empty() ? m_status.wanted : m_status.identity, hold.seconds,
+                      by.client);
+    if (hold.seconds == 0) {
+        end_hold();
+        return std::nullopt;
+    }
+    m_holder = &by;
+    m_hold_timer.expires_after(std::chrono::seconds(hold.seconds));
+    m_hold_timer.async_wait([weak = weak_from_this()](error_code error) {
+        const auto self = weak.lock();
+        if (self == nullptr || error) return;
+        // The hold may have been renewed at the same moment.
+        if (self->m_hold_timer.expiry() <= std::chrono::steady_clock::now()) self->end_hold();
+    });
+    for (Watcher* const watcher : m_watchers) watcher->offer_status(false);
+    return std::nullopt;
+}
+
+void Hub::end_hold() {
+    m_holder = nullptr;
+    m_hold_timer.cancel();
+    for (Watcher* const watcher : m_watchers) watcher->offer_status(false);
+}
+
+Held Hub::held(const Client* client) const {
+    if (m_holder == nullptr) return {};
+    const Client& holder = m_holder->client;
+    return {(holder.is_program ? "a program at " : "a page at ") + holder.address,
+            m_hold_timer.expiry() - std::chrono::steady_clock::now(), client == &holder};
+}
+
+std::optional<std::string> Hub::held_from(const Client& client) const {
+    const Held held = this->held(&client);
+    if (held.by.empty() || held.mine) return std::nullopt;
+    return "Held by " + held.by + " for " +
+           std::to_string(std::chrono::ceil<std::chrono::seconds>(held.rest).count()) + " s.";
 }
 
 template <typename What>
 void Hub::announce(const What& what, const Client& by) {
-    log.sent(what, by);
+    m_server.log.sent(what, by);
     const std::string event = event_json(what, by);
-    for (const auto& watcher : m_watchers) {
+    for (Watcher* const watcher : m_watchers) {
         if (!watcher->client.is_program && &watcher->client != &by) watcher->offer_event(event);
     }
-}
-
-const char* Hub::sentence(Found found) {
-    return found == Found::none ? "No device with this identity or address has called."
-                                : "Several devices have this identity; name one by its address.";
 }
 
 }  // namespace guilink

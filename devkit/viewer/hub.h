@@ -1,14 +1,13 @@
-// All sessions of the web server share one hub. The hub holds the device's state and newest
+// All sessions that are about one device share a hub. The hub holds the device's state and newest
 // picture, and passes button presses and texts on to the device. Use the hub only on the event
 // loop's thread.
 #pragma once
 
 #include <utility>  // Boost.Asio 1.74 uses std::exchange without including it
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -18,19 +17,16 @@
 #include <string>
 #include <vector>
 
-#include "devkit/viewer/access_policy.h"
 #include "devkit/viewer/client.h"
-#include "devkit/viewer/connections.h"
-#include "devkit/viewer/guesses.h"
-#include "devkit/viewer/log.h"
 #include "devkit/viewer/page_message.h"
 #include "devkit/viewer/received_image.h"
 #include "devkit/viewer/renditions.h"
 #include "devkit/viewer/report.h"
+#include "devkit/viewer/web_server.h"
 
 namespace guilink {
 
-class Hub {
+class Hub : public std::enable_shared_from_this<Hub> {
   public:
     // A WebSocket client that watches the device: a page in a browser, or a program.
     class Watcher {
@@ -50,31 +46,30 @@ class Hub {
 
     // `send` gives an order to the companion. If its number is not 0, the outcome must be reported
     // to set_outcome. If `send` returns false, it has dropped the order, and there is no outcome to
-    // report. `choose` tells the companion which device to link to.
+    // report. `choose` tells the companion which device to link to, unless this device has another
+    // companion; it then returns false. Make a hub with std::make_shared.
     using Send = std::function<bool(const Order&, uint64_t number)>;
-    using Choose = std::function<void(const std::string& device)>;
+    using Choose = std::function<bool(const std::string& device)>;
+    Hub(WebServer& server, Send send, Choose choose);
 
-    // Takes ownership of a listening socket. `labels` is JSON, as load_labels returns it.
-    Hub(int listener, std::string labels, AccessPolicy policy, Send send, Choose choose);
-
-    boost::asio::io_context& loop() { return m_loop; }
-    const std::string& labels() const { return m_labels; }
-    const AccessPolicy& policy() const { return m_policy; }
+    WebServer& server() { return m_server; }
+    const LinkStatus& link() const { return m_status; }
+    const std::vector<SearchingDevice>& searching() const { return m_devices; }
     const ReceivedImage& newest() const { return m_newest; }
-    Renditions& renditions() { return m_renditions; }
-    std::string status(Access access, uint64_t skipped) const {
-        return page_status(m_status, m_devices, access, skipped);
-    }
+    Renditions& renditions() { return *m_renditions; }
+    // Returns the status for this client, as JSON.
+    std::string status(const Client& client, uint64_t skipped) const;
     Report report();
 
     void set_status(const LinkStatus& status);
     void set_devices(const std::vector<SearchingDevice>& devices);
     void set_image(const ReceivedImage& image);
 
-    void add(const std::shared_ptr<Watcher>& watcher) { m_watchers.insert(watcher); }
-    void remove(const std::shared_ptr<Watcher>& watcher) { m_watchers.erase(watcher); }
+    void add(Watcher& watcher) { m_watchers.insert(&watcher); }
+    void remove(Watcher& watcher);
 
-    // The functions below log what has been sent, and tell all pages but the sender's, `by`.
+    // The functions below log what has been sent, and tell all pages but the sender's, `by`. They
+    // refuse everything while another client holds the device.
 
     // Sends an order to the device. The caller does not learn the outcome.
     void send(const Order& order, const Client& by);
@@ -84,16 +79,19 @@ class Hub {
                         Outcome outcome);
     void set_outcome(uint64_t number, Delivery delivery, uint64_t picture);
 
-    // If exactly one device matches `choice`, links to this device. Returns how many devices match.
-    enum class Found { one, none, several };
-    Found choose(const Choice& choice, const Client& by);
-    static const char* sentence(Found found);
+    // If exactly one device matches `choice`, links to this device. Returns why not, or nothing.
+    struct Refusal {
+        unsigned status;  // of HTTP
+        std::string why;
+    };
+    std::optional<Refusal> choose(const Choice& choice, const Client& by);
 
-    Log log;
-    Guesses guesses;
-    // Declared before the event loop, because the event loop's destructor may destroy sessions,
-    // which use these members.
-    Connections connections;
+    // Lets only this watcher's client press and send texts. The hold ends after the time, or with
+    // the watcher. Returns why not, or nothing.
+    std::optional<std::string> hold(const Hold& hold, const Watcher& by);
+    // Returns who holds the device, if that is not this client.
+    std::optional<std::string> held_from(const Client& client) const;
+
     size_t streams = 0;
     uint64_t skipped_pictures = 0;  // not sent, because a WebSocket client was too slow
 
@@ -108,26 +106,25 @@ class Hub {
         uint64_t bytes;
     };
 
-    void accept();
+    Held held(const Client* client) const;
+    void end_hold();
     template <typename What>
     void announce(const What& what, const Client& by);
 
-    boost::asio::io_context m_loop{1};
-    boost::asio::ip::tcp::acceptor m_acceptor;
-    boost::asio::steady_timer m_retry{m_loop};
-    const std::string m_labels;
-    const AccessPolicy m_policy;
+    WebServer& m_server;
     const Send m_send;
     const Choose m_choose;
-    std::set<std::shared_ptr<Watcher>> m_watchers;
+    std::set<Watcher*> m_watchers;
     LinkStatus m_status;
     std::vector<SearchingDevice> m_devices;
     ReceivedImage m_newest;                           // newest picture of the current link
     std::chrono::steady_clock::time_point m_changed;  // when an image differed from the last one
     std::deque<Sample> m_samples;
     uint64_t m_last_number = 0;
-    std::map<uint64_t, Sent> m_sent;  // by number; orders that have no outcome yet
-    Renditions m_renditions{m_loop};
+    std::map<uint64_t, Sent> m_sent;    // by number; orders that have no outcome yet
+    const Watcher* m_holder = nullptr;  // until m_hold_timer expires
+    boost::asio::steady_timer m_hold_timer;
+    const std::shared_ptr<Renditions> m_renditions;
 };
 
 }  // namespace guilink

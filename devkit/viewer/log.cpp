@@ -51,20 +51,19 @@ std::string Refusals::line(const std::string& address, std::string_view why,
 
 Log::Log() : m_adds_time(!read_by_journal()) {}
 
-void Log::status(const LinkStatus& status) {
+void Log::status(const LinkStatus& before, const LinkStatus& now) {
     const auto name = [](const LinkStatus& of) {
         return of.address + (of.identity.empty() ? "" : ", device " + of.identity);
     };
-    if (m_status.linked && (!status.linked || status.address != m_status.address))
-        write("link to " + name(m_status) + " ended");
-    if (status.linked && (!m_status.linked || status.address != m_status.address))
-        write("linked to " + status.address);
+    if (before.linked && (!now.linked || now.address != before.address))
+        write("link to " + name(before) + " ended");
+    if (now.linked && (!before.linked || now.address != before.address))
+        write("linked to " + now.address);
     // The device tells this later.
-    if (status.linked && !status.identity.empty() && status.identity != m_status.identity)
-        write("device " + status.identity + " at " + status.address + ", firmware " +
-              status.firmware);
-    m_status = status;
-}
+    if (now.linked && !now.identity.empty() && now.identity != before.identity)
+        write("device " + now.identity + " at " + now.address + ", firmware " +
+              now.firmware);
+    }
 
 void Log::sent(const Order& order, const Client& by) {
     if (const auto* const press = std::get_if<Press>(&order))
@@ -76,6 +75,10 @@ void Log::sent(const Order& order, const Client& by) {
 
 void Log::sent(const Choice& choice, const Client& by) {
     write("device " + choice.device + " chosen by " + name_of(by));
+}
+
+void Log::held(const std::string& device, uint32_t seconds, const Client& by) {
+    write("device " + device + " held for " + std::to_string(seconds) + " s by " + name_of(by));
 }
 
 void Log::refused(const std::string& address, std::string_view why) {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
@@ -36,16 +37,16 @@ class Log {
     Log();
 
     // Logs whether a link has begun or ended.
-    void status(const LinkStatus& status);
+    void status(const LinkStatus& before, const LinkStatus& now);
     void sent(const Order& order, const Client& by);
     void sent(const Choice& choice, const Client& by);
+    void held(const std::string& device, uint32_t seconds, const Client& by);
     void refused(const std::string& address, std::string_view why);
 
   private:
     void write(std::string_view line) const;
 
     const bool m_adds_time;
-    LinkStatus m_status;
     Refusals m_refusals;
 };
 

@@ -49,15 +49,24 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
     const std::array access = {token_file, no_token, hosts};
 
     auto* const device =
-        app.add_option("--device", page.device,
-                       "Link to the device with this identity or address (default: the only one)")
-            ->excludes(command);
+        app.add_option("--device", page.devices.named,
+                       "Serve only the device with this identity or address (repeatable)")
+            ->excludes(command)
+            ->allow_extra_args(false);
+    std::string link = "asked";
+    auto* const link_option =
+        app.add_option("--link", link,
+                       "Link to the devices that a visitor has asked for, or to all in sight")
+            ->check(CLI::IsMember({"asked", "all"}))
+            ->excludes(command)
+            ->capture_default_str();
 
     SnapshotOptions& snapshot = options.snapshot;
     auto* const file =
         app.add_option("--snapshot", snapshot.file, "Write one picture to this PNG file and exit")
             ->excludes(listen)
             ->excludes(labels)
+            ->excludes(link_option)
             ->excludes(command);
     auto* const list = app.add_flag("--list", options.list,
                                     "List the devices that search for a companion and exit")
@@ -65,6 +74,7 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
                            ->excludes(labels)
                            ->excludes(command)
                            ->excludes(device)
+                           ->excludes(link_option)
                            ->excludes(file);
     for (auto* const option : access) option->excludes(file)->excludes(list);
     app.add_option("--press", snapshot.presses,
@@ -77,11 +87,14 @@ std::optional<int> parse_options(int argc, const char* const* argv, Options& opt
         ->capture_default_str();
     try {
         app.parse(argc, argv);
+        if (!snapshot.file.empty() && page.devices.named.size() > 1)
+            throw CLI::ValidationError("--snapshot takes one --device");
     } catch (const CLI::ParseError& error) {
         return app.exit(error);
     }
     snapshot.timeout = std::chrono::seconds(timeout);
-    snapshot.device = page.device;
+    page.devices.link_all = link == "all";
+    if (!page.devices.named.empty()) snapshot.device = page.devices.named[0];
     return std::nullopt;
 }
 

@@ -19,6 +19,10 @@ std::optional<PageMessage> parse_page_message(std::string_view json) {
         if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT8_MAX) return std::nullopt;
         return PageMessage{Order{Press{value.get<uint8_t>()}}, id};
     }
+    if (message.contains("hold")) {
+        if (!value.is_number_unsigned() || value.get<uint64_t>() > MAX_HOLD) return std::nullopt;
+        return PageMessage{Hold{value.get<uint32_t>()}, id};
+    }
     if (!value.is_string()) return std::nullopt;
     if (message.contains("text")) return PageMessage{Order{Text{value.get<std::string>()}}, id};
     if (message.contains("device")) return PageMessage{Choice{value.get<std::string>()}, id};

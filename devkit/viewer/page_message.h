@@ -1,5 +1,5 @@
-// Messages from a page or a program to the viewer: {"press": BUTTON}, {"text": TEXT} or
-// {"device": ID}. The viewer answers a message that has an additional "id" (a number).
+// Messages from a page or a program to the viewer: {"press": BUTTON}, {"text": TEXT},
+// {"device": ID} or {"hold": SECONDS}. The viewer answers a message that has an additional "id" (a number).
 #pragma once
 
 #include <cstdint>
@@ -25,8 +25,15 @@ struct Choice {
     std::string device;  // identity or address
 };
 
+// From now on, only the sender may press and send texts, for this time. 0 ends it.
+struct Hold {
+    uint32_t seconds;  // at most MAX_HOLD
+};
+
+constexpr uint32_t MAX_HOLD = 86400;
+
 struct PageMessage {
-    std::variant<Order, Choice> content;
+    std::variant<Order, Choice, Hold> content;
     std::optional<uint64_t> id;
 };
 

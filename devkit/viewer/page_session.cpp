@@ -26,10 +26,15 @@ constexpr size_t MAX_EVENTS = 64;     // with more texts in the queue, drops eve
 // being written, keeps all new answers, but only the newest picture and status.
 class PageSession : public Hub::Watcher, public std::enable_shared_from_this<PageSession> {
   public:
-    PageSession(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place, Client who)
-        : m_hub(hub), m_place(std::move(place)), m_stream(std::move(socket)) {
+    PageSession(std::shared_ptr<Hub> hub, tcp::socket socket,
+                std::unique_ptr<Connections::Place> place, Client who)
+        : m_hub(std::move(hub)), m_place(std::move(place)), m_stream(std::move(socket)) {
         client = std::move(who);
     }
+
+    ~PageSession() override { m_hub->remove(*this); }
+    PageSession(const PageSession&) = delete;
+    PageSession& operator=(const PageSession&) = delete;
 
     template <typename Request>
     void run(const Request& request) {
@@ -40,10 +45,10 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         m_stream.async_accept(request, [self = shared_from_this()](error_code error) {
             if (error) return;
             self->m_open = true;
-            self->m_hub.add(self);
-            self->m_last = self->m_hub.newest().number;
+            self->m_hub->add(*self);
+            self->m_last = self->m_hub->newest().number;
             self->offer_status(true);
-            if (const ReceivedImage& newest = self->m_hub.newest(); newest.data != nullptr)
+            if (const ReceivedImage& newest = self->m_hub->newest(); newest.data != nullptr)
                 self->offer_image(newest);
             self->read();
         });
@@ -80,6 +85,8 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
                 self->refuse(message->id);
             else if (const auto* const order = std::get_if<Order>(&message->content))
                 self->send(*order, message->id);
+            else if (const auto* const hold = std::get_if<Hold>(&message->content))
+                self->finish(message->id, self->m_hub->hold(*hold, *self));
             else
                 self->choose(std::get<Choice>(message->content), message->id);
             self->read();
@@ -87,13 +94,13 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     void refuse(std::optional<uint64_t> id) {
-        m_hub.log.refused(client.address, "may only look");
-        if (id) answer(*id, ONLY_LOOK);
+        m_hub->server().log.refused(client.address, "may only look");
+        finish(id, ONLY_LOOK);
     }
 
     void send(const Order& order, std::optional<uint64_t> id) {
-        if (!id) return m_hub.send(order, client);
-        m_hub.send_confirmed(
+        if (!id) return m_hub->send(order, client);
+        m_hub->send_confirmed(
             order, client, weak_from_this(),
             [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
                 if (!why_not && m_image.number <= picture) drop_image();
@@ -102,10 +109,12 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     void choose(const Choice& choice, std::optional<uint64_t> id) {
-        const Hub::Found found = m_hub.choose(choice, client);
-        if (!id) return;
-        if (found == Hub::Found::one) return answer(*id, {});
-        answer(*id, Hub::sentence(found));
+        const auto refusal = m_hub->choose(choice, client);
+        finish(id, refusal ? std::optional(refusal->why) : std::nullopt);
+    }
+
+    void finish(std::optional<uint64_t> id, const std::optional<std::string>& why_not) {
+        if (id) answer(*id, why_not);
     }
 
     void answer(uint64_t id, const std::optional<std::string>& why_not) {
@@ -129,14 +138,14 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
         } else if (m_status_waits) {
             m_status_waits = false;
             m_skipped_reported = m_skipped;
-            m_text = m_hub.status(client.access, m_skipped);
+            m_text = m_hub->status(client, m_skipped);
             write_text();
         } else if (m_image.data != nullptr) {
             m_written = std::move(m_image.data);
             m_image.data = nullptr;
             if (m_image.number > m_last) {
                 m_skipped += m_image.number - m_last - 1;
-                m_hub.skipped_pictures += m_image.number - m_last - 1;
+                m_hub->skipped_pictures += m_image.number - m_last - 1;
             }
             m_last = m_image.number;
             if (m_skipped != m_skipped_reported) m_status_waits = true;
@@ -167,10 +176,10 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
 
     void end() {
         m_open = false;
-        m_hub.remove(shared_from_this());
+        m_hub->remove(*this);
     }
 
-    Hub& m_hub;
+    const std::shared_ptr<Hub> m_hub;
     const std::unique_ptr<Connections::Place> m_place;
     websocket::stream<beast::tcp_stream> m_stream;
     beast::flat_buffer m_received;
@@ -188,11 +197,12 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
 
 }  // namespace
 
-void start_page_session(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place,
+void start_page_session(std::shared_ptr<Hub> hub, tcp::socket socket,
+                        std::unique_ptr<Connections::Place> place,
                         const beast::http::request<beast::http::string_body>& request,
                         Client client) {
     const auto session =
-        std::make_shared<PageSession>(hub, std::move(socket), std::move(place), std::move(client));
+        std::make_shared<PageSession>(std::move(hub), std::move(socket), std::move(place), std::move(client));
     session->run(request);
 }
 

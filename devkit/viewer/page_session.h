@@ -12,7 +12,7 @@
 //   {"event": "press", "button": BUTTON, "address": ADDRESS, "from": "page" or "program"}
 //   {"event": "text", "address": ADDRESS, "from": ...}
 //   {"event": "device", "device": ID, "address": ADDRESS, "from": ...}: has chosen another device
-// ADDRESS is the other client's.
+// ADDRESS is the other client's. Everybody learns by the status who holds the device.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
@@ -27,7 +27,7 @@ namespace guilink {
 
 class Hub;
 
-void start_page_session(Hub& hub, boost::asio::ip::tcp::socket socket,
+void start_page_session(std::shared_ptr<Hub> hub, boost::asio::ip::tcp::socket socket,
                         std::unique_ptr<Connections::Place> place,
                         const boost::beast::http::request<boost::beast::http::string_body>& request,
                         Client client);

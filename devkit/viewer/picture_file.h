@@ -1,4 +1,4 @@
-// Encodes pictures as PNG or JPEG, and writes them to files.
+// Shrinks pictures, encodes them as PNG or JPEG, and writes them to files.
 #pragma once
 
 #include <string>
@@ -6,6 +6,10 @@
 #include "guilink/companion.h"
 
 namespace guilink {
+
+// Makes the picture smaller by this factor, by the mean of some pixels of each square. Leaves a
+// picture alone that is too small for it.
+void shrink(Picture& picture, unsigned factor);
 
 // encode_png and encode_jpeg return the bytes of a file. They throw std::runtime_error on failure.
 std::string encode_png(const Picture& picture);   // with transparency

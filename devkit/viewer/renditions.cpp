@@ -1,7 +1,5 @@
 #include "devkit/viewer/renditions.h"
 
-#include <pthread.h>
-
 #include <utility>  // Boost.Asio 1.74 uses std::exchange without including it
 
 #include <algorithm>
@@ -15,26 +13,20 @@ namespace guilink {
 
 namespace {
 
+constexpr unsigned TILE_SCALE = 4;  // a tile has this part of a picture's width and height
+
 // Returns null for a damaged picture.
 Renditions::Bytes encode(Rendition kind, const SharedImage& image) try {
     Picture picture;
     decode_image(*image, picture);
-    return std::make_shared<const std::string>(kind == Rendition::jpeg ? encode_jpeg(picture)
-                                                                       : encode_png(picture));
+    if (kind == Rendition::tile) shrink(picture, TILE_SCALE);
+    return std::make_shared<const std::string>(kind == Rendition::png ? encode_png(picture)
+                                                                      : encode_jpeg(picture));
 } catch (const std::runtime_error&) {
     return nullptr;
 }
 
 }  // namespace
-
-Renditions::Renditions(boost::asio::io_context& loop) : m_loop(loop) {
-    boost::asio::post(m_encoder, [] { pthread_setname_np(pthread_self(), "encoder"); });
-}
-
-Renditions::~Renditions() {
-    m_encoder.stop();
-    m_encoder.join();
-}
 
 void Renditions::offer(const ReceivedImage& newest) {
     m_newest = newest;
@@ -60,15 +52,18 @@ void Renditions::serve(Rendition kind) {
         return hand_out(slot);
     }
     slot.encoding = true;
-    boost::asio::post(m_encoder, [this, kind, image = m_newest] {
+    boost::asio::post(m_encoder, [&loop = m_loop, weak = weak_from_this(), kind,
+                                  image = m_newest] {
         auto bytes = encode(kind, image.data);
-        boost::asio::post(m_loop, [this, kind, image, bytes = std::move(bytes)] {
-            Slot& encoded = m_slots[static_cast<size_t>(kind)];
+        boost::asio::post(loop, [weak, kind, image, bytes = std::move(bytes)] {
+            const auto self = weak.lock();
+            if (self == nullptr) return;
+            Slot& encoded = self->m_slots[static_cast<size_t>(kind)];
             encoded.encoding = false;
             encoded.image = image;
             encoded.bytes = bytes;
-            hand_out(encoded);
-            serve(kind);
+            self->hand_out(encoded);
+            self->serve(kind);
         });
     });
 }

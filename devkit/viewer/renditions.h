@@ -1,5 +1,6 @@
-// Provides the newest picture as PNG and JPEG. Encodes each rendition on demand, at most once per
-// picture, on a separate thread. All callers share the encoded bytes.
+// Provides a device's newest picture as PNG, as JPEG, and as a small JPEG for a tile. Encodes each
+// rendition on demand, at most once per picture, on separate threads. All callers share the encoded
+// bytes.
 #pragma once
 
 #include <array>
@@ -15,19 +16,18 @@
 
 namespace guilink {
 
-enum class Rendition { png, jpeg };
-constexpr size_t RENDITIONS = 2;
+enum class Rendition { png, jpeg, tile };
+constexpr size_t RENDITIONS = 3;
 
 // Use this class only on the event loop's thread.
-class Renditions {
+class Renditions : public std::enable_shared_from_this<Renditions> {
   public:
     using Bytes = std::shared_ptr<const std::string>;
     using Taken = std::function<void(const Bytes&, const ReceivedImage& image)>;
 
-    explicit Renditions(boost::asio::io_context& loop);
-    ~Renditions();
-    Renditions(const Renditions&) = delete;
-    Renditions& operator=(const Renditions&) = delete;
+    // All devices share the encoder. Make a Renditions with std::make_shared.
+    Renditions(boost::asio::io_context& loop, boost::asio::thread_pool& encoder)
+        : m_loop(loop), m_encoder(encoder) {}
 
     // Sets the newest picture. A picture without payload means that there is no picture.
     void offer(const ReceivedImage& newest);
@@ -54,9 +54,9 @@ class Renditions {
     void hand_out(Slot& slot);
 
     boost::asio::io_context& m_loop;
+    boost::asio::thread_pool& m_encoder;
     ReceivedImage m_newest;
     std::array<Slot, RENDITIONS> m_slots;
-    boost::asio::thread_pool m_encoder{1};
 };
 
 }  // namespace guilink

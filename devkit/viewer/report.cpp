@@ -15,8 +15,13 @@ std::string text_of(const json& value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
+json held_json(const Held& held) {
+    if (held.by.empty()) return nullptr;
+    return {{"by", held.by}, {"seconds", held.rest.count()}, {"mine", held.mine}};
+}
+
 json status_json(const LinkStatus& status, const std::vector<SearchingDevice>& devices,
-                 Access access) {
+                 Access access, const Held& held) {
     json heard = json::array();
     const auto now = std::chrono::steady_clock::now();
     for (const SearchingDevice& device : devices) {
@@ -34,6 +39,7 @@ json status_json(const LinkStatus& status, const std::vector<SearchingDevice>& d
             {"firmware", status.firmware},
             {"wanted", status.wanted},
             {"may", access == Access::press ? "press" : "view"},
+            {"held", held_json(held)},
             {"devices", heard}};
 }
 
@@ -47,8 +53,8 @@ std::string event(const char* what, json details, const Client& by) {
 }  // namespace
 
 std::string page_status(const LinkStatus& status, const std::vector<SearchingDevice>& devices,
-                        Access access, uint64_t skipped) {
-    json message = status_json(status, devices, access);
+                        Access access, const Held& held, uint64_t skipped) {
+    json message = status_json(status, devices, access, held);
     message["skipped"] = skipped;
     return text_of(message);
 }
@@ -64,7 +70,7 @@ std::string event_json(const Choice& choice, const Client& by) {
 }
 
 std::string state_json(const Report& report, Access access) {
-    json state = status_json(report.status, report.devices, access);
+    json state = status_json(report.status, report.devices, access, report.held);
     if (report.newest.data != nullptr && report.newest.data->size() >= 4) {
         uint16_t size[2];
         std::memcpy(size, report.newest.data->data(), sizeof size);
@@ -87,45 +93,79 @@ std::string state_json(const Report& report, Access access) {
     return text_of(state) + '\n';
 }
 
-std::string metrics_text(const Report& report) {
+std::string devices_json(const std::vector<KnownDevice>& devices) {
+    json list = json::array();
+    for (const KnownDevice& device : devices) {
+        const Report& report = device.report;
+        list.push_back({{"id", device.id},
+                        {"identity", device.identity},
+                        {"firmware", device.firmware},
+                        {"address", device.address},
+                        {"state", report.status.linked ? "linked"
+                                  : device.searching   ? "searching"
+                                                       : "waiting"},
+                        {"age", report.age ? json(report.age->count()) : json(nullptr)},
+                        {"pictures", report.newest.data != nullptr ? report.newest.number : 0},
+                        {"held", held_json(report.held)}});
+    }
+    return text_of({{"devices", list}}) + '\n';
+}
+
+std::string metrics_text(const std::vector<KnownDevice>& devices, size_t heard) {
     std::ostringstream text;
+    // JSON escapes quotes and backslashes as OpenMetrics does. Control characters are dropped.
+    const auto quoted = [](std::string value) {
+        std::erase_if(value, [](char c) { return (c & 0xE0) == 0 || c == 0x7F; });
+        return text_of(value);
+    };
     const auto family = [&](const char* name, const char* type, const char* help) {
         text << "# TYPE " << name << ' ' << type << "\n# HELP " << name << ' ' << help << '\n';
     };
-    const auto gauge = [&](const char* name, const char* help, double value) {
-        family(name, "gauge", help);
-        text << name << ' ' << value << '\n';
+    // `value_of` returns the value for a device's report, or nothing if there is none.
+    const auto series = [&](const char* name, const char* type, const char* help,
+                            const auto& value_of) {
+        family(name, type, help);
+        for (const KnownDevice& device : devices) {
+            const std::optional<double> value = value_of(device.report);
+            if (!value) continue;
+            text << name << (type == std::string("counter") ? "_total" : "")
+                 << "{device=" << quoted(device.id) << "} " << *value << '\n';
+        }
     };
-    const auto counter = [&](const char* name, const char* help, uint64_t value) {
-        family(name, "counter", help);
-        text << name << "_total " << value << '\n';
+    const auto seconds = [](const std::optional<std::chrono::duration<double>>& time) {
+        return time ? std::optional(time->count()) : std::nullopt;
     };
-    gauge("guilink_linked", "1 while a device is linked.", report.status.linked);
-    if (report.status.linked) {
-        // JSON escapes quotes and backslashes as OpenMetrics does. Control characters are dropped.
-        const auto quoted = [](std::string value) {
-            std::erase_if(value, [](char c) { return (c & 0xE0) == 0 || c == 0x7F; });
-            return text_of(value);
-        };
-        family("guilink_device", "info", "The linked device.");
-        text << "guilink_device_info{identity=" << quoted(report.status.identity)
-             << ",firmware=" << quoted(report.status.firmware)
-             << ",address=" << quoted(report.status.address) << "} 1\n";
+    text.precision(15);
+    series("guilink_linked", "gauge", "1 while the device is linked.",
+           [](const Report& report) { return report.status.linked ? 1.0 : 0.0; });
+    family("guilink_device", "info", "A linked device.");
+    for (const KnownDevice& device : devices) {
+        if (device.report.status.linked)
+            text << "guilink_device_info{device=" << quoted(device.id)
+                 << ",identity=" << quoted(device.identity)
+                 << ",firmware=" << quoted(device.firmware)
+                 << ",address=" << quoted(device.address) << "} 1\n";
     }
-    gauge("guilink_devices", "Devices that were heard.",
-          static_cast<double>(report.devices.size()));
-    counter("guilink_pictures", "Pictures received.", report.newest.number);
-    counter("guilink_picture_bytes", "Bytes of the pictures received.", report.newest.bytes);
-    if (report.age)
-        gauge("guilink_picture_age_seconds", "Age of the newest picture.", report.age->count());
-    if (report.unchanged)
-        gauge("guilink_picture_unchanged_seconds",
-              "Time since a picture differed from the last one.", report.unchanged->count());
-    counter("guilink_skipped_pictures", "Pictures that pages and programs were too slow for.",
-            report.skipped);
-    gauge("guilink_pages", "Open pages.", static_cast<double>(report.pages));
-    gauge("guilink_programs", "Connected programs.", static_cast<double>(report.programs));
-    gauge("guilink_streams", "Readers of the stream.", static_cast<double>(report.streams));
+    family("guilink_devices", "gauge", "Devices that were heard.");
+    text << "guilink_devices " << heard << '\n';
+    series("guilink_pictures", "counter", "Pictures received.",
+           [](const Report& report) { return static_cast<double>(report.newest.number); });
+    series("guilink_picture_bytes", "counter", "Bytes of the pictures received.",
+           [](const Report& report) { return static_cast<double>(report.newest.bytes); });
+    series("guilink_picture_age_seconds", "gauge", "Age of the newest picture.",
+           [&](const Report& report) { return seconds(report.age); });
+    series("guilink_picture_unchanged_seconds", "gauge",
+           "Time since a picture differed from the last one.",
+           [&](const Report& report) { return seconds(report.unchanged); });
+    series("guilink_skipped_pictures", "counter",
+           "Pictures that pages and programs were too slow for.",
+           [](const Report& report) { return static_cast<double>(report.skipped); });
+    series("guilink_pages", "gauge", "Open pages.",
+           [](const Report& report) { return static_cast<double>(report.pages); });
+    series("guilink_programs", "gauge", "Connected programs.",
+           [](const Report& report) { return static_cast<double>(report.programs); });
+    series("guilink_streams", "gauge", "Readers of the stream.",
+           [](const Report& report) { return static_cast<double>(report.streams); });
     text << "# EOF\n";
     return text.str();
 }

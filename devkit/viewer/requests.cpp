@@ -18,37 +18,23 @@ std::optional<uint64_t> number(std::string_view text) {
     return value;
 }
 
-// Decodes a URL: %41 becomes A.
-std::string decoded(std::string_view text) {
-    std::string result;
-    for (size_t i = 0; i < text.size(); ++i) {
-        unsigned char byte = 0;
-        const char* const digits = text.data() + i + 1;
-        if (text[i] == '%' && i + 2 < text.size() &&
-            std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
-            result += static_cast<char>(byte);
-            i += 2;
-        } else {
-            result += text[i];
-        }
-    }
-    return result;
-}
-
-Asked read_snapshot(std::string_view query) {
-    if (query.empty()) return Snapshot{};
+Asked read_snapshot(std::string_view query, bool tile) {
+    if (query.empty()) return Snapshot{{}, tile};
     if (const auto after = query.starts_with("after=") ? number(query.substr(6)) : std::nullopt)
-        return Snapshot{after};
+        return Snapshot{after, tile};
     return Reply{400, "text/plain", "The only option is after=NUMBER.\n"};
 }
 
 Asked read_get(std::string_view path, std::string_view query, const std::string& labels) {
+    if (path == "/") return FrontPage{};
+    if (path == "/devices") return KnownDevices{query == "use"};
     if (path == "/labels.json") return Reply{200, "application/json", labels};
     if (path == "/state") return State{};
     if (path == "/metrics") return Metrics{};
     if (path == "/link") return Link{};
     if (path == "/stream.mjpg") return Stream{};
-    if (path == "/snapshot.png") return read_snapshot(query);
+    if (path == "/snapshot.png") return read_snapshot(query, false);
+    if (path == "/tile.jpg") return read_snapshot(query, true);
     if (const Asset* const asset = find_asset(path))
         return Reply{200, asset->type, std::string(asset->content)};
     return Reply{404, "text/plain", "No such file.\n"};
@@ -64,7 +50,8 @@ Asked read_post(std::string_view path, std::string_view body) {
         if (button && *button < BUTTONS) return Order{Press{static_cast<uint8_t>(*button)}};
         return Reply{404, "text/plain", "There is no such button; there are 0 to 15.\n"};
     }
-    if (path.starts_with("/device/")) return Choice{decoded(path.substr(8))};
+    if (path.starts_with(HttpRequest::DEVICE))
+        return Choice{decoded(path.substr(HttpRequest::DEVICE.size()))};
     if (body.empty() || body.size() > Companion::max_text)
         return Reply{400, "text/plain", "The body must be a text of 1 to 4096 bytes.\n"};
     return Order{Text{std::string(body)}};
@@ -85,11 +72,28 @@ Reply wants_token(const HttpRequest& request, std::string_view path, bool wrong)
     if (request.target == "/?wrong")
         reply.body += "<p role=alert>This token is wrong.</p>";
     else if (request.target != "/?again")
-        reply.headers.emplace_back("Refresh", wrong ? "0; url=/?wrong" : "0; url=/?again");
+        reply.headers.emplace_back("Refresh", "0; url=" + std::string(request.prefix) +
+                                                  (wrong ? "/?wrong" : "/?again"));
     return reply;
 }
 
 }  // namespace
+
+std::string decoded(std::string_view text) {
+    std::string result;
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned char byte = 0;
+        const char* const digits = text.data() + i + 1;
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+            result += static_cast<char>(byte);
+            i += 2;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
 
 Asked read_request(const HttpRequest& request, const AccessPolicy& policy, Access access,
                    const std::string& labels) {
@@ -112,8 +116,9 @@ Asked read_request(const HttpRequest& request, const AccessPolicy& policy, Acces
     const std::string_view token = policy.token_in(request);
     if (access == Access::none) return wants_token(request, path, !token.empty());
 
-    const bool order =
-        path == "/text" || path.starts_with("/press/") || path.starts_with("/device/");
+    const bool device_page = path.starts_with(HttpRequest::DEVICE) && request.method != "POST";
+    const bool order = path == "/text" || path.starts_with("/press/") ||
+                       (path.starts_with(HttpRequest::DEVICE) && !device_page);
     if (order) {
         if (request.method != "POST") return wrong_method("Only POST does this.\n", "POST");
         if (access == Access::press) return read_post(path, request.body);
@@ -125,7 +130,10 @@ Asked read_request(const HttpRequest& request, const AccessPolicy& policy, Acces
     if (!token.empty() && token == token_in_url(request.target))
         return Reply{
             .status = 303,
-            .headers = {{"Location", "/"}, {"Set-Cookie", policy.cookie_with(access, request)}}};
+            .headers = {{"Location", std::string(request.prefix) + "/"},
+                        {"Set-Cookie", policy.cookie_with(access, request)}}};
+    if (device_page)
+        return Reply{.status = 308, .headers = {{"Location", std::string(path) + "/"}}};
     return read_get(path, query, labels);
 }
 

@@ -26,15 +26,24 @@ struct Reply {
 
 struct Snapshot {
     std::optional<uint64_t> after;  // if set: wait for a picture with a number above `after`
+    bool tile = false;              // a small JPEG
+};
+struct FrontPage {};  // the page of the only device, or of all
+struct KnownDevices {
+    bool use;  // link to all of them
 };
 struct Link {};
 struct Stream {};
 struct State {};
 struct Metrics {};
 
-using Asked = std::variant<Reply, Snapshot, Link, Stream, State, Metrics, Order, Choice>;
+using Asked = std::variant<Reply, Snapshot, FrontPage, KnownDevices, Link, Stream, State, Metrics,
+                           Order, Choice>;
 
 constexpr const char* ONLY_LOOK = "This token only lets you look.";
+
+// Decodes a URL: %41 becomes A.
+std::string decoded(std::string_view text);
 
 // `access` is what the request's token permits.
 Asked read_request(const HttpRequest& request, const AccessPolicy& policy, Access access,

@@ -119,7 +119,7 @@ void serve(const ServeOptions& options) {
 
     unblock_standard_streams();
 
-    const Viewer viewer(listener, labels, AccessPolicy(tokens, options.hosts), options.device);
+    const Viewer viewer(listener, labels, AccessPolicy(tokens, options.hosts), options.devices);
     print_urls(options, listener, tokens);
 
     int signal = 0;

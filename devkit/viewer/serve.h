@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "devkit/viewer/served.h"
+
 namespace guilink {
 
 struct ServeOptions {
@@ -12,7 +14,7 @@ struct ServeOptions {
     std::string token_file;            // empty: makes tokens if others can reach the page
     bool no_token = false;             // needs no tokens, whoever can reach the page
     std::vector<std::string> hosts;    // names of this host or of a proxy (see access_policy.h)
-    std::string device;                // identity or address; empty: the only device in sight
+    Served devices;
     std::vector<std::string> command;  // see serve
 };
 

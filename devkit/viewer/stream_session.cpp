@@ -42,10 +42,10 @@ std::string timestamp(const ReceivedImage& image) {
 
 class StreamSession : public std::enable_shared_from_this<StreamSession> {
   public:
-    StreamSession(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place)
-        : m_hub(hub),
+    StreamSession(std::shared_ptr<Hub> hub, tcp::socket socket, std::unique_ptr<Connections::Place> place)
+        : m_hub(std::move(hub)),
           m_place(std::move(place)),
-          m_counted(hub.streams),
+          m_counted(m_hub->streams),
           m_socket(std::move(socket)) {}
 
     void run(bool only_head) {
@@ -84,7 +84,7 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     }
 
     void next() {
-        m_hub.renditions().get(Rendition::jpeg, m_number, weak_from_this(),
+        m_hub->renditions().get(Rendition::jpeg, m_number, weak_from_this(),
                                [this](const Renditions::Bytes& bytes, const ReceivedImage& image) {
                                    m_number = image.number;
                                    if (bytes == nullptr) return next();  // skip a damaged picture
@@ -100,11 +100,11 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
         m_socket.close(ignored);
     }
 
-    Hub& m_hub;
+    const std::shared_ptr<Hub> m_hub;
     const std::unique_ptr<Connections::Place> m_place;
     const Counted m_counted;
     tcp::socket m_socket;
-    asio::steady_timer m_limit{m_hub.loop()};
+    asio::steady_timer m_limit{m_hub->server().loop()};
     std::array<char, 256> m_ignored = {};
     std::string m_head;           // being written, before m_picture
     Renditions::Bytes m_picture;  // being written
@@ -114,9 +114,9 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
 
 }  // namespace
 
-void start_stream_session(Hub& hub, tcp::socket socket, std::unique_ptr<Connections::Place> place,
-                          bool only_head) {
-    const auto session = std::make_shared<StreamSession>(hub, std::move(socket), std::move(place));
+void start_stream_session(std::shared_ptr<Hub> hub, tcp::socket socket,
+                          std::unique_ptr<Connections::Place> place, bool only_head) {
+    const auto session = std::make_shared<StreamSession>(std::move(hub), std::move(socket), std::move(place));
     session->run(only_head);
 }
 

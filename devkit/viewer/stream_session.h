@@ -12,7 +12,7 @@ namespace guilink {
 class Hub;
 
 // With `only_head`, sends only the response's headers.
-void start_stream_session(Hub& hub, boost::asio::ip::tcp::socket socket,
+void start_stream_session(std::shared_ptr<Hub> hub, boost::asio::ip::tcp::socket socket,
                           std::unique_ptr<Connections::Place> place, bool only_head);
 
 }  // namespace guilink

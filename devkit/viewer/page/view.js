@@ -11,6 +11,9 @@ const FROZEN_AFTER = 2000; // ms without an image; the device repeats its last i
 const UNCHANGED_AFTER = 3000; // ms; equal images for this time are worth a remark
 const FIGURES_EVERY = 500; // ms between two updates of the statistics
 const EVENTS_KEPT = 100;
+const HOLD = 600; // s for which one can hold a device
+// The page of one of several devices is at device/ID/, and that of all is two levels up.
+const ONE_OF_SEVERAL = /\/device\/[^/]+\/$/.test(location.pathname);
 
 const $ = (id) => document.getElementById(id);
 const canvas = $('canvas');
@@ -63,6 +66,7 @@ function showFrozen(frozen) {
 
 let link = 'connecting';
 let mayPress = true; // some visitors may only look
+let held = null; // who holds the device: {by, mine, seconds}
 let buttons = null;
 let labels = [];
 function showLink(state, text, title = text) {
@@ -77,8 +81,20 @@ function showLink(state, text, title = text) {
 }
 
 function enableButtons() {
-  buttons?.enable(link === 'linked' && mayPress);
-  $('send').disabled = link !== 'linked';
+  const free = link === 'linked' && (!held || held.mine);
+  buttons?.enable(free && mayPress);
+  $('send').disabled = !free;
+  $('hold').disabled = !free;
+}
+
+function showHeld(now) {
+  const before = held;
+  held = now;
+  enableButtons();
+  $('hold').setAttribute('aria-pressed', Boolean(held?.mine));
+  if (held?.by === before?.by) return;
+  if (held && !held.mine) say(`Held by ${held.by}: nobody else can press`);
+  else if (before && !before.mine) say(`No longer held by ${before.by}`);
 }
 
 const viewer = connect({
@@ -94,13 +110,16 @@ const viewer = connect({
     }
   },
   state(status) {
-    const { state, address, identity, firmware, wanted, skipped, may } = status;
+    const { state, address, identity, firmware, wanted, skipped, may, devices } = status;
     mayPress = may !== 'view';
     $('text').hidden = !mayPress;
+    $('hold').hidden = !mayPress;
+    showHeld(status.held);
     if (state === 'linked') showLink(state, `Linked to ${address}${mayPress ? '' : ', view only'}`, `${identity}: linked`);
     else if (state === 'several') showLink(state, 'Several devices: choose one');
     else showLink(state, `Searching for ${wanted || 'a device'}`);
-    showDevices(status);
+    if (!ONE_OF_SEVERAL) showDevices(status);
+    $('all').hidden = !ONE_OF_SEVERAL && devices.every((device) => device.address === address);
     $('identity').textContent = identity;
     $('firmware').textContent = firmware;
     $('skipped').textContent = skipped;
@@ -142,7 +161,7 @@ setInterval(() => {
   $('age').textContent = age === null ? '–' : duration(age);
   $('age').classList.toggle('old', frozen && age !== null);
   showFrozen(frozen);
-  showDevices();
+  if (!ONE_OF_SEVERAL) showDevices();
   const reason = link === 'several' ? 'Choose a device above'
     : age === null ? 'Waiting for the first frame' : 'Frozen: no frame for 2 s';
   if ($('veil').textContent !== reason) $('veil').textContent = reason; // a screen reader says it each time
@@ -206,6 +225,9 @@ $('fullscreen').hidden = !document.fullscreenEnabled; // as in browsers on small
 $('fullscreen').addEventListener('click', () => {
   $('screen').requestFullscreen().catch(({ message }) => say(message));
 });
+
+$('hold').addEventListener('click', () => viewer.hold(held?.mine ? 0 : HOLD));
+if (ONE_OF_SEVERAL) $('all').href = '../../';
 
 makePicker($('overlay'), $('place'), (pixel) => { $('pixel').textContent = pixel; });
 $('copy').addEventListener('click', ({ currentTarget }) => {

@@ -1,9 +1,9 @@
 // The WebSocket between viewer and page.
 //
 // Viewer to page: a binary message is the payload of an ImageMessage as the device sent it; a text
-// message is JSON, {"state", "address", "identity", "firmware", "wanted", "may", "devices", "skipped"} or, after
+// message is JSON, {"state", "address", "identity", "firmware", "wanted", "may", "held", "devices", "skipped"} or, after
 // another page or program has pressed a button, sent a text or chosen a device, {"event", "address", "from", ...}.
-// Page to viewer: JSON, {"press": BUTTON}, {"text": TEXT} or {"device": ID}.
+// Page to viewer: JSON, {"press": BUTTON}, {"text": TEXT}, {"device": ID} or {"hold": SECONDS}.
 
 const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled each time
 const ANSWER = 1000; // ms; a viewer that does not answer for this time is not running
@@ -45,5 +45,6 @@ export function connect(handlers) {
     press: (button) => send({ press: button }),
     text: (text) => send({ text }),
     choose: (device) => send({ device }),
+    hold: (seconds) => send({ hold: seconds }),
   };
 }

@@ -1,0 +1,128 @@
+#include "devkit/viewer/devices.h"
+
+#include <algorithm>
+
+namespace guilink {
+
+namespace {
+
+constexpr auto LINGER = std::chrono::seconds(10);   // an unused link ends after this time
+constexpr auto IN_SIGHT = std::chrono::seconds(5);  // a device broadcasts about once a second
+constexpr auto TIDY_EVERY = std::chrono::seconds(1);
+constexpr size_t MAX_LINKS = 64;  // each has a thread
+
+}  // namespace
+
+Devices::Devices(WebServer& server, Served served)
+    : m_server(server),
+      m_served(std::move(served)),
+      m_timer(server.loop()),
+      m_main(server, m_served.named.empty() ? "" : m_served.named[0],
+             [this](const std::string& choice) { return !has_other(choice); }) {
+    for (size_t i = 1; i < m_served.named.size(); ++i) add(m_served.named[i], true);
+    tidy();
+}
+
+std::variant<std::shared_ptr<Hub>, Reply> Devices::find(const std::string& device, Access access) {
+    if (m_main.is_for(device)) return m_main.hub();
+    for (const auto& other : m_others) {
+        if (!other->link.is_for(device)) continue;
+        other->used = std::chrono::steady_clock::now();
+        return other->link.hub();
+    }
+    const auto& searching = main()->searching();
+    const bool served = std::ranges::any_of(searching, [&](const SearchingDevice& each) {
+        return (device == each.identity || device == each.address) &&
+               is_served(each.identity, each.address);
+    });
+    if (!served && !is_served(device, device))
+        return Reply{404, "text/plain", "This viewer does not serve this device; see --device.\n"};
+    if (m_main.wanted().empty() && !main()->link().linked && access == Access::press) {
+        m_main.choose(device);
+        return m_main.hub();
+    }
+    if (m_others.size() >= MAX_LINKS)
+        return Reply{503, "text/plain", "The viewer has links to too many devices.\n"};
+    return add(device, false).link.hub();
+}
+
+std::vector<KnownDevice> Devices::known() const {
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<KnownDevice> known;
+    const auto add_link = [&](const DeviceLink& link) {
+        KnownDevice device;
+        device.report = link.hub()->report();
+        const LinkStatus& status = device.report.status;
+        device.identity = status.identity;
+        device.firmware = status.firmware;
+        device.address = status.address;
+        if (!status.linked) device.identity = link.wanted();
+        if (status.linked || !link.wanted().empty()) known.push_back(std::move(device));
+    };
+    add_link(m_main);
+    for (const auto& other : m_others) add_link(other->link);
+    for (const SearchingDevice& each : main()->searching()) {
+        if (now - each.heard > IN_SIGHT || !is_served(each.identity, each.address)) continue;
+        const auto same = std::ranges::find_if(known, [&](const KnownDevice& device) {
+            return device.address == each.address ||
+                   (device.address.empty() &&
+                    (device.identity == each.identity || device.identity == each.address));
+        });
+        if (same != known.end() && same->report.status.linked) continue;
+        KnownDevice& device = same != known.end() ? *same : known.emplace_back();
+        device.identity = each.identity;
+        device.firmware = each.firmware;
+        device.address = each.address;
+        device.searching = true;
+    }
+    for (KnownDevice& device : known) {
+        const auto equal = std::ranges::count(known, device.identity, &KnownDevice::identity);
+        device.id = equal == 1 && !device.identity.empty() ? device.identity : device.address;
+    }
+    std::ranges::sort(known, {}, [](const KnownDevice& device) {
+        return std::pair(device.identity, device.address);
+    });
+    return known;
+}
+
+void Devices::use_all(Access access) {
+    for (const KnownDevice& device : known()) find(device.id, access);
+}
+
+bool Devices::is_served(const std::string& identity, const std::string& address) const {
+    return m_served.named.empty() ||
+           std::ranges::any_of(m_served.named, [&](const std::string& name) {
+               return name == identity || name == address;
+           });
+}
+
+bool Devices::has_other(const std::string& device) const {
+    return std::ranges::any_of(m_others,
+                               [&](const auto& other) { return other->link.is_for(device); });
+}
+
+Devices::Other& Devices::add(const std::string& device, bool named) {
+    // What a client of its page chooses has a page of its own, too.
+    const auto may_choose = [](const std::string&) { return false; };
+    m_others.emplace_back(new Other{{m_server, device, may_choose}, named, {}});
+    m_others.back()->used = std::chrono::steady_clock::now();
+    return *m_others.back();
+}
+
+// Ends links that nobody uses, and begins those that nobody needs to ask for.
+void Devices::tidy() {
+    const auto now = std::chrono::steady_clock::now();
+    m_others.remove_if([&](const auto& other) {
+        const bool linked = other->link.hub()->link().linked;
+        if (other->link.in_use() || other->named || (linked && m_served.link_all))
+            other->used = now;
+        return now - other->used > LINGER;
+    });
+    if (m_served.link_all) use_all(Access::press);
+    m_timer.expires_after(TIDY_EVERY);
+    m_timer.async_wait([this](const boost::system::error_code& error) {
+        if (!error) tidy();
+    });
+}
+
+}  // namespace guilink
