@@ -1,4 +1,4 @@
-"""Tests the viewer as a hub. The network has two devices; people and programs share one of them."""
+"""Tests the viewer as a hub. The network has two devices, which people and programs share."""
 import io
 import json
 import os
@@ -7,6 +7,7 @@ import subprocess
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
+import PIL.Image
 import pytest
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
 from support.fake_device import LIMIT
@@ -95,6 +96,70 @@ def test_without_a_choice_it_asks(viewer):
         assert linked_to(identity)["address"] == address
     with guilink.connect("22222", viewer=URL) as device:  # the viewer switches to this device
         assert device.address == "10.77.0.2"
+
+
+def known():
+    return {each["identity"]: each for each in json.loads(ask("GET", "/devices")[1])["devices"]}
+
+
+@pytest.mark.parametrize("viewer", [[]], indirect=True)
+def test_each_device_has_its_own_paths(viewer):
+    until(lambda: {each["state"] for each in known().values()} == {"searching"} and len(known()) == 2)
+    assert b"bench.js" in ask("GET", "/")[1] and b"view.js" in ask("GET", "/device/11111/")[1]
+    assert ask("GET", "/device/22222")[0] == 308
+    until(lambda: all((now := json.loads(ask("GET", f"/device/{identity}/state")[1]))["pictures_per_second"] > 0
+                      and now["identity"] == identity for identity in ("11111", "22222")))
+    before = {identity: ask("GET", f"/device/{identity}/snapshot.png")[1] for identity in known()}
+    status, _, headers = ask("POST", "/device/22222/press/1")
+    assert status == 204
+    until(lambda: ask("GET", f"/device/22222/snapshot.png?after={headers['Guilink-Picture']}")[1] != before["22222"])
+    assert ask("GET", "/device/11111/snapshot.png")[1] == before["11111"]
+    tile = PIL.Image.open(io.BytesIO(ask("GET", "/device/10.77.0.2/tile.jpg")[1]))
+    assert (tile.format, tile.size) == ("JPEG", (320, 240))
+    labels = {(sample.labels["device"], sample.value)
+              for family in text_string_to_metric_families(ask("GET", "/metrics")[1].decode())
+              for sample in family.samples if sample.name == "guilink_linked"}
+    assert labels == {("11111", 1), ("22222", 1)}
+    # The main device is the first that was asked for. The other one's link ends when nobody uses it.
+    assert ask("POST", "/device/22222")[0] == 409
+    until(lambda: known()["22222"]["state"] == "searching")
+    assert known()["11111"]["state"] == "linked"
+
+
+def test_a_device_that_was_not_named_is_not_served(viewer):
+    linked_to("11111")
+    assert ask("GET", "/device/22222/state")[0] == 404 and list(known()) == ["11111"]
+
+
+@pytest.mark.parametrize("viewer", [["--link", "all"], ["--device", "11111", "--device", "10.77.0.2"]], indirect=True)
+def test_all_devices_are_linked_unasked(viewer):
+    until(lambda: {name: each["state"] for name, each in known().items()} == {"11111": "linked", "22222": "linked"})
+    for _ in range(3):  # every second, the viewer looks for links that nobody uses
+        before = known()["22222"]["pictures"]
+        until(lambda: known()["22222"]["pictures"] > before)
+
+
+def test_who_holds_a_device_presses_alone(viewer):
+    linked_to("11111")
+    with Page() as other:
+        with Page() as holder:
+            holder.send(hold=60, id=1)
+            assert holder.said() == {"delivered": 1}
+            assert state()["held"]["by"] == "a page at 127.0.0.1"
+            other.send(press=1, id=2)
+            refused = other.said()
+            assert refused["failed"] == 2 and refused["why"].startswith("Held by a page at 127.0.0.1 for ")
+            for path in ("/press/1", "/text", "/device/11111"):
+                assert ask("POST", path, b"x")[0] == 423, path
+            assert ask("GET", "/snapshot.png")[0] == 200
+            holder.send(press=1, id=3)
+            assert holder.said() == {"delivered": 3}
+        until(lambda: state()["held"] is None)  # the hold ends with its holder
+        other.said()  # the event of the press above
+        other.send(hold=1, id=4)
+        assert other.said() == {"delivered": 4}
+        until(lambda: ask("POST", "/press/0")[0] == 204)  # or with its time
+        assert other.said()["event"] == "press"
 
 
 def test_each_companion_keeps_its_device(viewer, far_host):

@@ -18,16 +18,21 @@ using testing::ThrowsMessage;
 
 TEST(Requests, AreReadToTheLetter) {
     const auto read = [](std::string_view method, std::string_view target) {
-        return read_request(
-            {.method = method, .target = target, .body = "text", .host = "localhost"},
-            AccessPolicy(), Access::press, "labels");
+        HttpRequest request = {
+            .method = method, .target = target, .body = "text", .host = "localhost"};
+        split_target(request);
+        return read_request(request, AccessPolicy(), Access::press, "labels");
     };
     EXPECT_EQ(std::get<Choice>(read("POST", "/device/a%20%41%4%")).device, "a A%4%");
     const Asked asked = read("GET", "/snapshot.png?after=7");
     EXPECT_EQ(std::get<Snapshot>(asked).after, 7u);
     EXPECT_TRUE(std::holds_alternative<Stream>(read("HEAD", "/stream.mjpg")));
+    EXPECT_TRUE(std::holds_alternative<State>(read("GET", "/device/a%2Fb/state")));
+    EXPECT_TRUE(std::holds_alternative<FrontPage>(read("GET", "/device/1/?again")));
     for (const auto& [method, target, status] : {std::tuple{"GET", "/labels.json", 200u},
                                                  {"HEAD", "/view.js", 200},
+                                                 {"GET", "/device/1", 308},
+                                                 {"GET", "/device/1/device/2", 404},
                                                  {"POST", "/press/", 404},
                                                  {"POST", "/press/1x", 404},
                                                  {"POST", "/press/4294967297", 404},
@@ -39,8 +44,9 @@ TEST(Requests, AreReadToTheLetter) {
 TEST(PageMessages, CarryAnIdIfTheyWantAnAnswer) {
     EXPECT_EQ(parse_page_message(R"({"press":255,"id":3})")->id, 3u);
     EXPECT_EQ(std::get<Choice>(parse_page_message(R"({"device":"x"})")->content).device, "x");
-    for (const char* wrong : {"", "[]", R"({"press":256})", R"({"press":1,"text":"a"})",
-                              R"({"press":1,"id":-1})", R"({"id":1})", R"({"text":1})"})
+    for (const char* wrong :
+         {"", "[]", R"({"press":256})", R"({"press":1,"text":"a"})", R"({"hold":86401})",
+          R"({"press":1,"id":-1})", R"({"id":1})", R"({"text":1})"})
         EXPECT_FALSE(parse_page_message(wrong)) << wrong;
 }
 
@@ -114,22 +120,25 @@ TEST(Options, ThatContradictEachOtherAreRefused) {
     EXPECT_TRUE(accepted({"--listen", "[::]:1", "--labels", "f"}));
     EXPECT_TRUE(accepted({"--listen", "[::]:1", "--exec", "env", "viewer"}));
     EXPECT_TRUE(accepted({"--token-file", "f", "--allow-host", "a.b", "--allow-host", "C"}));
+    EXPECT_TRUE(accepted({"--device", "1", "--device", "2"}) && accepted({"--link", "all"}));
     EXPECT_TRUE(accepted({"--list"}) && accepted({"--snapshot", "f", "--device", "1"}));
     EXPECT_TRUE(accepted({"--snapshot", "f", "--press", "1", "--press", "2"}));
-    for (const auto& arguments :
-         std::vector<std::vector<const char*>>{{"--snapshot", "f", "--listen", "[::]:1"},
-                                               {"--snapshot", "f", "--labels", "f"},
-                                               {"--snapshot", "f", "--exec", "env"},
-                                               {"--labels", "f", "--exec", "env"},
-                                               {"--list", "--device", "1"},
-                                               {"--press", "1"},
-                                               {"--no-token", "--token-file", "f"},
-                                               {"--no-token", "--exec", "env"},
-                                               {"--no-token", "--list"},
-                                               {"--allow-host", "a", "--snapshot", "f"},
-                                               {"--allow-host", "http://a"},
-                                               {"--allow-host", "a:80"},
-                                               {"--snapshot", "f", "--press", "256"}})
+    for (const auto& arguments : std::vector<std::vector<const char*>>{
+             {"--snapshot", "f", "--listen", "[::]:1"},
+             {"--snapshot", "f", "--labels", "f"},
+             {"--snapshot", "f", "--exec", "env"},
+             {"--labels", "f", "--exec", "env"},
+             {"--list", "--device", "1"},
+             {"--snapshot", "f", "--device", "1", "--device", "2"},
+             {"--link", "none"},
+             {"--press", "1"},
+             {"--no-token", "--token-file", "f"},
+             {"--no-token", "--exec", "env"},
+             {"--no-token", "--list"},
+             {"--allow-host", "a", "--snapshot", "f"},
+             {"--allow-host", "http://a"},
+             {"--allow-host", "a:80"},
+             {"--snapshot", "f", "--press", "256"}})
         EXPECT_FALSE(accepted(arguments)) << testing::PrintToString(arguments);
 }
 

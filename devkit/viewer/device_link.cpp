@@ -88,7 +88,8 @@ void DeviceLink::choose(const std::string& device) {
 
 bool DeviceLink::is_for(const std::string& device) const {
     const LinkStatus& link = m_hub->link();
-    return device == m_wanted || (link.linked && (device == link.identity || device == link.address));
+    return device == m_wanted ||
+           (link.linked && (device == link.identity || device == link.address));
 }
 
 bool DeviceLink::send(const Order& order, uint64_t number) {

@@ -56,7 +56,7 @@ std::vector<KnownDevice> Devices::known() const {
         device.identity = status.identity;
         device.firmware = status.firmware;
         device.address = status.address;
-        if (!status.linked) device.identity = link.wanted();
+        if (device.identity.empty()) device.identity = link.wanted();  // until the device tells it
         if (status.linked || !link.wanted().empty()) known.push_back(std::move(device));
     };
     add_link(m_main);

@@ -18,18 +18,17 @@ inline HttpRequest read_headers(
     std::string_view forwarded_for;  // the last one, because a client may send others
     for (auto [each, end] = message.equal_range("X-Forwarded-For"); each != end; ++each)
         forwarded_for = view(each->value());
-    HttpRequest request = {
-            .method = view(message.method_string()),
-            .target = view(message.target()),
-            .body = message.body(),
-            .accept = view(message[field::accept]),
-            .host = view(message[field::host]),
-            .origin = view(message[field::origin]),
-            .fetch_site = view(message["Sec-Fetch-Site"]),
-            .authorization = view(message[field::authorization]),
-            .cookie = view(message[field::cookie]),
-            .forwarded_for = forwarded_for,
-            .forwarded_proto = view(message["X-Forwarded-Proto"])};
+    HttpRequest request = {.method = view(message.method_string()),
+                           .target = view(message.target()),
+                           .body = message.body(),
+                           .accept = view(message[field::accept]),
+                           .host = view(message[field::host]),
+                           .origin = view(message[field::origin]),
+                           .fetch_site = view(message["Sec-Fetch-Site"]),
+                           .authorization = view(message[field::authorization]),
+                           .cookie = view(message[field::cookie]),
+                           .forwarded_for = forwarded_for,
+                           .forwarded_proto = view(message["X-Forwarded-Proto"])};
     split_target(request);
     return request;
 }

@@ -107,7 +107,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             m_place->work();
         else if (!token.empty())
             m_server.guesses.add(m_sender, std::string(token), Guesses::Clock::now());
-        const Asked asked = read_request(request, m_server.policy(), m_client.access, m_server.labels());
+        const Asked asked =
+            read_request(request, m_server.policy(), m_client.access, m_server.labels());
         if (const auto* const reply = std::get_if<Reply>(&asked)) {
             if (!reply->refused.empty()) m_server.log.refused(m_client.address, reply->refused);
             return respond(*reply);

@@ -61,9 +61,8 @@ void Log::status(const LinkStatus& before, const LinkStatus& now) {
         write("linked to " + now.address);
     // The device tells this later.
     if (now.linked && !now.identity.empty() && now.identity != before.identity)
-        write("device " + now.identity + " at " + now.address + ", firmware " +
-              now.firmware);
-    }
+        write("device " + now.identity + " at " + now.address + ", firmware " + now.firmware);
+}
 
 void Log::sent(const Order& order, const Client& by) {
     if (const auto* const press = std::get_if<Press>(&order))

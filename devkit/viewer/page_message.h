@@ -1,5 +1,6 @@
 // Messages from a page or a program to the viewer: {"press": BUTTON}, {"text": TEXT},
-// {"device": ID} or {"hold": SECONDS}. The viewer answers a message that has an additional "id" (a number).
+// {"device": ID} or {"hold": SECONDS}. The viewer answers a message that has an additional "id" (a
+// number).
 #pragma once
 
 #include <cstdint>

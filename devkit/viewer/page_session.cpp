@@ -201,8 +201,8 @@ void start_page_session(std::shared_ptr<Hub> hub, tcp::socket socket,
                         std::unique_ptr<Connections::Place> place,
                         const beast::http::request<beast::http::string_body>& request,
                         Client client) {
-    const auto session =
-        std::make_shared<PageSession>(std::move(hub), std::move(socket), std::move(place), std::move(client));
+    const auto session = std::make_shared<PageSession>(std::move(hub), std::move(socket),
+                                                       std::move(place), std::move(client));
     session->run(request);
 }
 

@@ -46,8 +46,8 @@ void shrink(Picture& picture, unsigned factor) {
             unsigned mean = 0;
             for (const unsigned shift : {0u, 4u, 8u, 12u}) {
                 unsigned sum = 0;
-                for (const unsigned offset : {0u, step, step * picture.width,
-                                              step * picture.width + step})
+                for (const unsigned offset :
+                     {0u, step, step * picture.width, step * picture.width + step})
                     sum += corner[offset] >> shift & 0xF;
                 mean |= (sum + 2) / 4 << shift;
             }

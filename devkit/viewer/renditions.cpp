@@ -52,8 +52,7 @@ void Renditions::serve(Rendition kind) {
         return hand_out(slot);
     }
     slot.encoding = true;
-    boost::asio::post(m_encoder, [&loop = m_loop, weak = weak_from_this(), kind,
-                                  image = m_newest] {
+    boost::asio::post(m_encoder, [&loop = m_loop, weak = weak_from_this(), kind, image = m_newest] {
         auto bytes = encode(kind, image.data);
         boost::asio::post(loop, [weak, kind, image, bytes = std::move(bytes)] {
             const auto self = weak.lock();

@@ -143,8 +143,8 @@ std::string metrics_text(const std::vector<KnownDevice>& devices, size_t heard) 
         if (device.report.status.linked)
             text << "guilink_device_info{device=" << quoted(device.id)
                  << ",identity=" << quoted(device.identity)
-                 << ",firmware=" << quoted(device.firmware)
-                 << ",address=" << quoted(device.address) << "} 1\n";
+                 << ",firmware=" << quoted(device.firmware) << ",address=" << quoted(device.address)
+                 << "} 1\n";
     }
     family("guilink_devices", "gauge", "Devices that were heard.");
     text << "guilink_devices " << heard << '\n';

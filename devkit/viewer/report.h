@@ -43,7 +43,7 @@ struct KnownDevice {
     std::string identity;
     std::string firmware;
     std::string address;
-    Report report;            // if it is linked, or shall be
+    Report report;           // if it is linked, or shall be
     bool searching = false;  // for a companion
 };
 

@@ -72,8 +72,8 @@ Reply wants_token(const HttpRequest& request, std::string_view path, bool wrong)
     if (request.target == "/?wrong")
         reply.body += "<p role=alert>This token is wrong.</p>";
     else if (request.target != "/?again")
-        reply.headers.emplace_back("Refresh", "0; url=" + std::string(request.prefix) +
-                                                  (wrong ? "/?wrong" : "/?again"));
+        reply.headers.emplace_back(
+            "Refresh", "0; url=" + std::string(request.prefix) + (wrong ? "/?wrong" : "/?again"));
     return reply;
 }
 
@@ -128,11 +128,10 @@ Asked read_request(const HttpRequest& request, const AccessPolicy& policy, Acces
     if (request.method != "GET" && request.method != "HEAD")
         return wrong_method("Only GET and HEAD are served.\n", "GET, HEAD");
     if (!token.empty() && token == token_in_url(request.target))
-        return Reply{
-            .status = 303,
-            .headers = {{"Location", std::string(request.prefix) + "/"},
-                        {"Set-Cookie", policy.cookie_with(access, request)}}};
-    if (device_page)
+        return Reply{.status = 303,
+                     .headers = {{"Location", std::string(request.prefix) + "/"},
+                                 {"Set-Cookie", policy.cookie_with(access, request)}}};
+    if (device_page && request.prefix.empty())
         return Reply{.status = 308, .headers = {{"Location", std::string(path) + "/"}}};
     return read_get(path, query, labels);
 }

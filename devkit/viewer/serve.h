@@ -10,10 +10,10 @@ namespace guilink {
 
 struct ServeOptions {
     std::string listen = "127.0.0.1:8080";
-    std::string labels_file;           // empty for the default labels
-    std::string token_file;            // empty: makes tokens if others can reach the page
-    bool no_token = false;             // needs no tokens, whoever can reach the page
-    std::vector<std::string> hosts;    // names of this host or of a proxy (see access_policy.h)
+    std::string labels_file;         // empty for the default labels
+    std::string token_file;          // empty: makes tokens if others can reach the page
+    bool no_token = false;           // needs no tokens, whoever can reach the page
+    std::vector<std::string> hosts;  // names of this host or of a proxy (see access_policy.h)
     Served devices;
     std::vector<std::string> command;  // see serve
 };

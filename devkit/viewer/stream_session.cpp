@@ -42,7 +42,8 @@ std::string timestamp(const ReceivedImage& image) {
 
 class StreamSession : public std::enable_shared_from_this<StreamSession> {
   public:
-    StreamSession(std::shared_ptr<Hub> hub, tcp::socket socket, std::unique_ptr<Connections::Place> place)
+    StreamSession(std::shared_ptr<Hub> hub, tcp::socket socket,
+                  std::unique_ptr<Connections::Place> place)
         : m_hub(std::move(hub)),
           m_place(std::move(place)),
           m_counted(m_hub->streams),
@@ -85,14 +86,14 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
 
     void next() {
         m_hub->renditions().get(Rendition::jpeg, m_number, weak_from_this(),
-                               [this](const Renditions::Bytes& bytes, const ReceivedImage& image) {
-                                   m_number = image.number;
-                                   if (bytes == nullptr) return next();  // skip a damaged picture
-                                   m_head = "Content-Type: image/jpeg\r\nContent-Length: " +
-                                            std::to_string(bytes->size()) +
-                                            "\r\nX-Timestamp: " + timestamp(image) + "\r\n\r\n";
-                                   write(bytes);
-                               });
+                                [this](const Renditions::Bytes& bytes, const ReceivedImage& image) {
+                                    m_number = image.number;
+                                    if (bytes == nullptr) return next();  // skip a damaged picture
+                                    m_head = "Content-Type: image/jpeg\r\nContent-Length: " +
+                                             std::to_string(bytes->size()) +
+                                             "\r\nX-Timestamp: " + timestamp(image) + "\r\n\r\n";
+                                    write(bytes);
+                                });
     }
 
     void close() {
@@ -116,7 +117,8 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
 
 void start_stream_session(std::shared_ptr<Hub> hub, tcp::socket socket,
                           std::unique_ptr<Connections::Place> place, bool only_head) {
-    const auto session = std::make_shared<StreamSession>(std::move(hub), std::move(socket), std::move(place));
+    const auto session =
+        std::make_shared<StreamSession>(std::move(hub), std::move(socket), std::move(place));
     session->run(only_head);
 }
 

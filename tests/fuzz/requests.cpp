@@ -38,6 +38,7 @@ std::vector<Bytes> seeds() {
                     "Host: [::1]:80\r\nSec-Fetch-Site: same-origin\r\nCookie: "
                     "guilink_token_80=" +
                         TOKENS.view + "\r\n"),
+            request("GET /device/11111/tile.jpg?after=7", "Host: localhost\r\n"),
             request("HEAD /snapshot.png?after=7", "Host: localhost\r\nOrigin: null\r\n")};
 }
 
