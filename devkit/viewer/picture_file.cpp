@@ -34,29 +34,28 @@ std::vector<unsigned char> rgba_of(const Picture& picture, bool over_black) {
 }  // namespace
 
 void shrink(Picture& picture, unsigned factor) {
-    const unsigned width = picture.width / factor;
-    const unsigned height = picture.height / factor;
+    const size_t width = picture.width / factor;
+    const size_t height = picture.height / factor;
     if (width == 0 || height == 0) return;
     // Four pixels of each square show thin lines well enough, and cost less than all of them.
-    const unsigned step = std::max(1u, factor / 2);
-    for (unsigned y = 0; y < height; ++y) {
-        for (unsigned x = 0; x < width; ++x) {
-            const uint16_t* const corner =
-                &picture.pixels[size_t{y} * factor * picture.width + x * factor];
+    const size_t step = std::max(1u, factor / 2);
+    const size_t below = step * picture.width;
+    for (size_t y = 0; y < height; ++y) {
+        for (size_t x = 0; x < width; ++x) {
+            const uint16_t* const corner = &picture.pixels[y * factor * picture.width + x * factor];
             unsigned mean = 0;
             for (const unsigned shift : {0u, 4u, 8u, 12u}) {
                 unsigned sum = 0;
-                for (const unsigned offset :
-                     {0u, step, step * picture.width, step * picture.width + step})
+                for (const size_t offset : {size_t{0}, step, below, below + step})
                     sum += corner[offset] >> shift & 0xF;
                 mean |= (sum + 2) / 4 << shift;
             }
-            picture.pixels[size_t{y} * width + x] = static_cast<uint16_t>(mean);
+            picture.pixels[y * width + x] = static_cast<uint16_t>(mean);
         }
     }
     picture.width = static_cast<uint16_t>(width);
     picture.height = static_cast<uint16_t>(height);
-    picture.pixels.resize(size_t{width} * height);
+    picture.pixels.resize(width * height);
 }
 
 std::string encode_png(const Picture& picture) {
