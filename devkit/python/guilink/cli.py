@@ -17,6 +17,7 @@ import sys
 import threading
 import time
 from contextlib import contextmanager
+from dataclasses import asdict
 from types import FrameType
 from typing import Any, Callable, Iterator, NoReturn, Sequence
 
@@ -25,6 +26,7 @@ from guilink import doctor
 from guilink.device import ARTIFACTS, TIMEOUT
 from guilink.expect import Expectation, View
 from guilink.recording import can_save, check_writable
+from guilink.viewer_http import DEFAULT_URL
 
 Result = tuple[dict[str, Any], str]  # as JSON, and as text; "status" in the JSON is the exit status
 
@@ -75,10 +77,12 @@ def parser(chosen: str = "") -> Parser:
     """Returns the parser. `chosen` is the command for which it must know all options."""
     common = Parser(add_help=False)
     common.add_argument("--json", action="store_true", help="print the result as JSON")
-    linked = Parser(add_help=False, parents=[common])
+    shared = Parser(add_help=False)
+    shared.add_argument("--viewer", metavar="URL",
+                        help="share the link of a running viewer, whose URL this is, as the viewer prints it (default: "
+                        f"{DEFAULT_URL}, if a viewer there has the ports of this computer)")
+    linked = Parser(add_help=False, parents=[common, shared])
     linked.add_argument("--device", metavar="ID", help="identity or address of the device")
-    linked.add_argument("--viewer", metavar="URL",
-                        help="share the link of a running viewer, whose URL this is, as the viewer prints it")
     linked.add_argument("--link-timeout", metavar="S", type=seconds, default=guilink.LINK_TIMEOUT,
                         help="seconds to wait for the device (default %(default)g)")
     linked.add_argument("--timeout", metavar="S", type=seconds, default=TIMEOUT,
@@ -103,7 +107,7 @@ def parser(chosen: str = "") -> Parser:
         command.set_defaults(run=run)
         return command
 
-    add(list_devices, "devices", "List the devices that search for a companion.", common).add_argument(
+    add(list_devices, "devices", "List the devices that search for a companion.", common, shared).add_argument(
         "--seconds", metavar="S", type=seconds, default=3.0, help="how long to listen (default 3)")
     add(snapshot, "snapshot", "Save what the device shows.", linked).add_argument("file", metavar="FILE.png")
     add(press, "press", "Press buttons, one after the other.", linked).add_argument(
@@ -165,12 +169,12 @@ def slow(text: str) -> Iterator[None]:
 
 
 def list_devices(options: argparse.Namespace) -> Result:
-    if options.seconds > 1:
-        progress(f"listening for {options.seconds:g} s")
-    heard = guilink.devices(options.seconds)
-    now = time.monotonic()
-    result = [{"identity": each.identity, "firmware": each.firmware, "address": each.address,
-               "seconds_ago": round(now - each.heard, 1)} for each in heard]
+    with slow(f"listening for {options.seconds:g} s"):
+        heard = guilink.devices(options.seconds, viewer=options.viewer, progress=progress)
+    result = [asdict(each) for each in heard]
+    for each in result:
+        if "heard" in each:
+            each["seconds_ago"] = round(time.monotonic() - each.pop("heard"), 1)
     return {"devices": result}, "\n".join(map(str, heard)) or "no device searches for a companion"
 
 

@@ -253,7 +253,10 @@ class Companion(Link):
                 if connection.ended or connection.wants_to_write:
                     return
                 if not order.request:
-                    connection.send(order.kind, order.payload)
+                    if isinstance(order.value, int):
+                        connection.send(MessageType.BUTTON, bytes([order.value]))
+                    else:
+                        connection.send(MessageType.DATA, order.value.encode())
                     connection.send(MessageType.IDENTITY_REQUEST)
                     order.request = connection.asked
 

@@ -4,6 +4,7 @@ from __future__ import annotations
 import os
 import time
 from collections import deque
+from contextlib import ExitStack
 from pathlib import Path
 from typing import Callable, Iterator, NoReturn
 
@@ -126,10 +127,22 @@ class Device:
 
     def text(self, text: str, timeout: float | None = None) -> None:
         """Sends a text, which the device writes to its log."""
-        data = text.encode()
-        if not 0 < len(data) <= MAX_TEXT:
-            raise ValueError(f"the text has {len(data)} bytes; it must have 1 to {MAX_TEXT}")
-        self._send(f"text {text!r}", f"send the text {text!r}", lambda end: self._link.send_text(data, end), timeout)
+        if not 0 < (size := len(text.encode())) <= MAX_TEXT:
+            raise ValueError(f"the text has {size} bytes; it must have 1 to {MAX_TEXT}")
+        self._send(f"text {text!r}", f"send the text {text!r}", lambda end: self._link.send_text(text, end), timeout)
+
+    def lock(self, seconds: float, timeout: float | None = None) -> ExitStack:
+        """For this long, lets nobody else press or send texts, through the same viewer. Others may look.
+
+            with device.lock(60):
+                device.press("down")
+
+        Ends with the `with`, with the `close()` of what it returns, or with the device's. Raises LinkError if another
+        has a lock. Without a viewer, nobody else could press, so it does nothing."""
+        self._link.lock(seconds, self._end(timeout))
+        stack = ExitStack()
+        stack.callback(self._unlock)
+        return stack
 
     # --- look --------------------------------------------------------------------------------------
 
@@ -246,6 +259,12 @@ class Device:
         return folder
 
     # --- private -----------------------------------------------------------------------------------
+
+    def _unlock(self) -> None:
+        try:
+            self._link.lock(0, self._end(None))
+        except LinkError:
+            pass  # the viewer ends the lock with the connection
 
     def _end(self, timeout: float | None) -> float:
         return time.monotonic() + (self.timeout if timeout is None else timeout)

@@ -9,7 +9,7 @@ import socket
 import time
 from typing import NamedTuple
 
-from guilink.link import HeardDevice, LinkError
+from guilink.link import HeardDevice, PortsTakenError
 from guilink.wire import MessageType, frame, identity_datagram
 
 DISCOVERY_PORT = 3152  # UDP; devices send their broadcasts to this port
@@ -44,8 +44,7 @@ class Discovery:
             self._socket.bind(("", DISCOVERY_PORT))  # bound to one address, the socket would receive no broadcasts
         except OSError as error:
             self._socket.close()
-            raise LinkError(f"cannot listen for devices on UDP port {DISCOVERY_PORT}: {error.strerror}; "
-                            "is another companion or viewer running? You can share a viewer's link.") from error
+            raise PortsTakenError(f"UDP port {DISCOVERY_PORT}", error) from error
 
     def fileno(self) -> int:
         return self._socket.fileno()
@@ -94,7 +93,7 @@ class Discovery:
             pass
 
 
-def devices(seconds: float = 2 * INTERVAL) -> list[HeardDevice]:
+def heard_within(seconds: float) -> list[HeardDevice]:
     """Listens for `seconds` and returns the devices that search for a companion. Does not answer them."""
     end = time.monotonic() + seconds
     discovery = Discovery()

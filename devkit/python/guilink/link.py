@@ -8,7 +8,6 @@ from collections import deque
 from dataclasses import dataclass, field
 from typing import Callable, NamedTuple, Sequence
 
-from guilink.wire import MessageType
 
 HISTORY = 5.0              # s; pictures are kept for this long, because a failed wait saves them
 HISTORY_BYTES = 64 << 20   # bytes; limit for all kept payloads together
@@ -27,6 +26,14 @@ class LinkError(GuilinkError):
 
 class SeveralDevicesError(LinkError):
     """Several devices are in sight and none was chosen."""
+
+
+class PortsTakenError(LinkError):
+    """Another companion on this computer has its ports."""
+
+    def __init__(self, port: str, error: OSError):
+        super().__init__(f"cannot listen on {port}: {error.strerror}; is another companion or viewer running? "
+                         "To share a viewer's link, pass the URL that it prints (viewer=, --viewer).")
 
 
 class AccessError(LinkError):
@@ -69,10 +76,10 @@ Listener = Callable[[Picture], None]  # is called on the link's thread, so it mu
 
 @dataclass(eq=False)
 class Order:
-    """A press or a text for the device."""
+    """A press or a text for the device, or a lock, which only a viewer can grant."""
 
-    kind: MessageType
-    payload: bytes
+    name: str             # "press", "text" or "hold", as in the viewer's messages
+    value: int | str      # the number of the button, the text, or the lock's seconds
     request: int = 0      # number of the request whose answer will confirm this order; 0 until the order is sent
     number: int = 0       # number of the newest picture at the time of the confirmation
     done: bool = False
@@ -115,11 +122,15 @@ class Link(ABC):
     def press(self, button: int, deadline: float) -> int:
         """Waits for a link, presses a button, and waits until the press is confirmed. Returns the number of the newest
         picture at that time. Raises LinkError."""
-        return self._deliver(Order(MessageType.BUTTON, bytes([button])), deadline)
+        return self._deliver(Order("press", button), deadline)
 
-    def send_text(self, text: bytes, deadline: float) -> int:
+    def send_text(self, text: str, deadline: float) -> int:
         """Sends a line for the device's log. Waits, returns and raises like `press`."""
-        return self._deliver(Order(MessageType.DATA, text), deadline)
+        return self._deliver(Order("text", text), deadline)
+
+    def lock(self, seconds: float, deadline: float) -> None:
+        """For this long, or until the link is closed, refuses the orders of all others who share it; 0 ends this.
+        Raises LinkError if another has a lock. On a link that nobody shares, does nothing."""
 
     def close(self) -> None:
         """Ends the link and its thread."""

@@ -13,7 +13,7 @@ from contextlib import ExitStack, closing
 from typing import NamedTuple, Protocol
 
 from guilink.discovery import MAX_HEARD, Broadcast, Discovery, Sender
-from guilink.link import HeardDevice, LinkError
+from guilink.link import HeardDevice, PortsTakenError
 
 LINK_PORT = 8399    # TCP port to which devices connect
 ACCEPT_RETRY = 0.5  # s; wait when no file descriptor is free
@@ -64,8 +64,8 @@ class Ports:
 
     @classmethod
     def join(cls, member: Member) -> Ports:
-        """Returns the ports of this process, and opens them for the first member. Raises LinkError if another process
-        has taken one."""
+        """Returns the ports of this process, and opens them for the first member. Raises PortsTakenError if another
+        process has taken one."""
         with cls._sharing:
             ports = cls._shared = cls._shared or cls()
             with ports._lock:
@@ -104,8 +104,7 @@ class Ports:
             try:
                 self._listener = opened.enter_context(socket.create_server(("", LINK_PORT), backlog=64))
             except OSError as error:
-                raise LinkError(f"cannot listen on TCP port {LINK_PORT}: {error.strerror}; "
-                                "is another companion or viewer running? You can share a viewer's link.") from error
+                raise PortsTakenError(f"TCP port {LINK_PORT}", error) from error
             self._listener.setblocking(False)
             self._wake_receiver, self._wake_sender = socket.socketpair()
             opened.enter_context(self._wake_receiver)

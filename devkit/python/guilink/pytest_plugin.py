@@ -32,6 +32,8 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     group.addoption("--guilink-device", metavar="ID", help="identity or address of the device")
     group.addoption("--guilink-viewer", metavar="URL",
                     help="share the link of a running viewer, whose URL this is, as the viewer prints it")
+    group.addoption("--guilink-free-device", action="store_true",
+                    help="take any device of the viewer that nobody has locked, and lock it for all tests")
     group.addoption("--guilink-timeout", metavar="S", type=float, default=10.0,
                     help="seconds that a wait may take (default 10)")
     group.addoption("--guilink-link-timeout", metavar="S", type=float, default=guilink.LINK_TIMEOUT,
@@ -56,6 +58,8 @@ def pytest_configure(config: pytest.Config) -> None:
         guilink.check_arguments(*map(config.getoption, ("--guilink-device", "--guilink-viewer", "--guilink-labels",
                                                         "--guilink-artifacts", "--guilink-timeout",
                                                         "--guilink-link-timeout")))
+        if config.getoption("--guilink-free-device") and config.getoption("--guilink-device"):
+            raise ValueError("--guilink-free-device and --guilink-device exclude each other")
         if config.getoption("--guilink-video") and not shutil.which("ffmpeg"):
             raise ValueError("--guilink-video needs ffmpeg, which is not installed")
     except ValueError as error:
@@ -75,16 +79,19 @@ def guilink_connect(pytestconfig: pytest.Config) -> Iterator[Callable[[str | Non
                 reporter.ensure_newline()
                 reporter.write_line(f"guilink: {text}")
 
+    options: dict[str, Any] = {
+        "viewer": option("--guilink-viewer"), "link_timeout": option("--guilink-link-timeout"),
+        "timeout": option("--guilink-timeout"), "labels": option("--guilink-labels"),
+        "artifacts": option("--guilink-artifacts"), "progress": say}
+
     def connect(name: str | None) -> guilink.Device:
         for known in outcomes.values():
             if isinstance(known, guilink.Device) and name in (known.identity, known.address):
                 return known
         if name not in outcomes:
             try:
-                outcomes[name] = guilink.connect(
-                    name, viewer=option("--guilink-viewer"),
-                    link_timeout=option("--guilink-link-timeout"), timeout=option("--guilink-timeout"),
-                    labels=option("--guilink-labels"), artifacts=option("--guilink-artifacts"), progress=say)
+                free = name is None and option("--guilink-free-device")
+                outcomes[name] = guilink.connect_free(**options) if free else guilink.connect(name, **options)
             except guilink.LinkError as error:
                 outcomes[name] = error  # so that no other test waits
         outcome = outcomes[name]

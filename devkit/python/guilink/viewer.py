@@ -1,4 +1,4 @@
-"""Uses the link of a running guilink-viewer. People can then watch the viewer's page while a script runs.
+"""Uses a link of a running guilink-viewer. People can then watch the viewer's page while a script runs.
 
 A thread keeps a WebSocket open to the viewer. If the connection is lost, the thread reconnects.
 """
@@ -7,19 +7,19 @@ from __future__ import annotations
 import asyncio
 import json
 import logging
+import math
 import os
 import re
 import ssl
 import time
-from dataclasses import dataclass, field
 from typing import Any, Sequence
-from urllib.parse import parse_qs, urlsplit
 
 import websockets
 from websockets.exceptions import InvalidHandshake, WebSocketException
 
-from guilink.link import AccessError, HeardDevice, Link, LinkStatus
-from guilink.wire import MAX_PAYLOAD, MessageType
+from guilink.link import AccessError, HeardDevice, Link, LinkStatus, Order
+from guilink.viewer_http import ASKS_FOR_TOKEN, ViewerUrl
+from guilink.wire import MAX_PAYLOAD
 
 RECONNECT = 0.25  # s between two attempts to connect
 HANDSHAKE = 10.0  # s; limit for each attempt to connect
@@ -29,25 +29,9 @@ LOG.setLevel(logging.INFO)
 HEADERS = "additional_headers" if int(websockets.version.version.split(".")[0]) >= 14 else "extra_headers"
 
 
-@dataclass(frozen=True)
-class ViewerUrl:
-    """Where a viewer is, and the token with which it lets a program in."""
-
-    page: str  # for messages, without the token
-    link: str  # the WebSocket
-    token: str = field(repr=False)  # empty if there is none
-
-    @classmethod
-    def parse(cls, url: str) -> ViewerUrl:
-        parts = urlsplit(url if "://" in url else f"http://{url}")
-        page = f"{parts.scheme}://{parts.netloc.rpartition('@')[2]}{parts.path.rstrip('/')}"
-        if parts.scheme not in ("http", "https") or not parts.hostname:
-            raise ValueError(f"{page} is not the URL of a viewer, such as http://127.0.0.1:8080")
-        return cls(page, f"ws{page[4:]}/link", parse_qs(parts.query).get("token", [""])[0])
-
-
 class Viewer(Link):
-    """Implements `guilink.link.Link` through a running viewer. If `device` is given, the viewer must link to it."""
+    """Implements `guilink.link.Link` through a running viewer. Without `device`, uses the viewer's main device: the
+    only one in sight, or the first that somebody asked for."""
 
     def __init__(self, url: str, device: str | None = None):
         super().__init__()
@@ -59,6 +43,7 @@ class Viewer(Link):
         self._state: dict[str, Any] = {}
         self._state_time = 0.0
         self._requests = 0
+        self._locked_until = 0.0  # time.monotonic()
         self._socket: Any = None  # the WebSocket; None while it is not connected
         self._loop = asyncio.new_event_loop()
         self._task = self._loop.create_task(self._stay_connected())
@@ -80,13 +65,7 @@ class Viewer(Link):
                     for each in self._state.get("devices", [])]
 
     def _ready(self) -> bool:
-        if self._state.get("state") != "linked" or not self._state["identity"]:
-            return False
-        names = {self._state["identity"], self._state["address"]}
-        if self._device and not self._names & names:
-            return False
-        self._names |= names
-        return True
+        return self._state.get("state") == "linked" and bool(self._state["identity"])
 
     def _rivals(self) -> Sequence[HeardDevice]:
         return self.devices() if self._state.get("state") == "several" and not self._device else ()
@@ -96,12 +75,14 @@ class Viewer(Link):
             return f"{self._name} {self._away}"
         heard = "; ".join(map(str, self.devices())) or "none"
         wanted = self._device or self._state.get("wanted", "")
-        only = "; this token does not let you choose the device" if self._may_only_look() else ""
         wanted = f"device {wanted}" if wanted else "a device"
-        return f"{self._name} has no link to {wanted}; heard: {heard}{only}"
+        return f"{self._name} has no link to {wanted}; heard: {heard}"
 
-    def _may_only_look(self) -> bool:
-        return self._state.get("may") == "view"
+    def lock(self, seconds: float, deadline: float) -> None:
+        self._locked_until = 0.0
+        self._deliver(Order("hold", math.ceil(seconds)), deadline)
+        with self._changed:
+            self._locked_until = time.monotonic() + seconds
 
     def _wake(self) -> None:
         if self._thread.is_alive():
@@ -119,16 +100,15 @@ class Viewer(Link):
             self._loop.close()
 
     def _send_orders(self) -> None:
-        """Sends each unsent order, if there is a link. Ends the thread's work if there is a failure."""
+        """Sends each unsent order; a press or a text only to a linked device. If there is a failure, ends the thread's
+        work."""
         with self._changed:
             if self._failure:
                 self._task.cancel()
-            for order in self._orders if self._ready() else ():
-                if not order.request:
+            for order in self._orders:
+                if not order.request and (self._ready() or (order.name == "hold" and self._state)):
                     order.request = self._requests = self._requests + 1
-                    press = order.kind == MessageType.BUTTON
-                    self._send({"id": order.request, "press" if press else "text":
-                                order.payload[0] if press else order.payload.decode()})
+                    self._send({"id": order.request, order.name: order.value})
 
     def _send(self, message: dict[str, Any]) -> None:
         async def send() -> None:
@@ -141,15 +121,16 @@ class Viewer(Link):
         self._loop.create_task(send())
 
     async def _stay_connected(self) -> None:
-        headers: dict[str, Any] = {HEADERS: {"Authorization": f"Bearer {self._url.token}"}} if self._url.token else {}
+        headers: dict[str, Any] = {HEADERS: self._url.headers}
         # `close` sets _failure before it cancels this task. If an attempt to connect fails at the same moment, it
         # raises its own error instead of CancelledError.
         while not self._failure:
             try:
                 async with websockets.connect(  # type: ignore
-                        self._url.link, max_size=MAX_PAYLOAD, compression=None, open_timeout=HANDSHAKE,
+                        self._url.link(self._device), max_size=MAX_PAYLOAD, compression=None, open_timeout=HANDSHAKE,
                         close_timeout=1, logger=LOG, **headers) as socket:
                     self._socket = socket
+                    self._lock_again()
                     async for message in socket:
                         self._take(message)
                 self._disconnected("has ended the connection")
@@ -157,6 +138,8 @@ class Viewer(Link):
                 self._refused(error)
             except ssl.SSLCertVerificationError as error:
                 self._give_up(f"has a certificate that this system does not trust: {error.verify_message}")
+            except ConnectionAbortedError as error:
+                self._disconnected(str(error))
             except (OSError, WebSocketException, asyncio.TimeoutError) as error:
                 self._disconnected(f"cannot be reached: {_reason(error)}; is it running?")
             finally:
@@ -168,12 +151,19 @@ class Viewer(Link):
         status = getattr(response, "status_code", None)
         why = f"refuses this program (HTTP status {status})" if status else f"does not answer like a viewer ({error})"
         if status == 401:
-            why = (f"{'does not know this token' if self._url.token else 'asks for a token'}; use the URL that it "
-                   "prints when it starts, with ?token=...")
+            why = ASKS_FOR_TOKEN.replace("asks for a", "does not know this") if self._url.token else ASKS_FOR_TOKEN
+        if status == 404 and self._device:
+            why = f"does not serve device {self._device}; which devices it serves, its option --device says"
         if status and 400 <= status < 500:
             self._give_up(why)
         else:
             self._disconnected(why)
+
+    def _lock_again(self) -> None:
+        """A lock has ended with the connection."""
+        with self._changed:
+            if (left := self._locked_until - time.monotonic()) > 0:
+                self._send({"hold": math.ceil(left)})
 
     def _give_up(self, why: str) -> None:
         with self._changed:
@@ -195,7 +185,7 @@ class Viewer(Link):
             if "state" in said:
                 self._away, self._state, self._state_time = "", said, time.monotonic()
                 self._end_old_pictures()
-                self._choose()
+                self._check_device()
                 self._send_orders()
             for order in self._orders:
                 if order.request and order.request == said.get("delivered", said.get("failed")):
@@ -208,15 +198,14 @@ class Viewer(Link):
             if self._state.get("state") != "linked":
                 self.pictures.link_ended()
 
-    def _choose(self) -> None:
-        """If the wanted device has broadcast, but is not linked, asks the viewer to link to it."""
-        if self._state.get("state") == "linked" and not self._state["identity"]:
-            return  # the next state will say which device is linked
-        if self._may_only_look() or not self._device or self._ready():
-            return
-        if self._state.get("wanted") != self._device:
-            if any(self._device in (each.identity, each.address) for each in self.devices()):
-                self._send({"device": self._device})
+    def _check_device(self) -> None:
+        """If the viewer has linked to another device, which only its main link does, asks for our device again."""
+        with self._changed:
+            if self._device and self._state.get("state") == "linked" and self._state["identity"]:
+                names = {self._state["identity"], self._state["address"]}
+                if not self._names & names:
+                    raise ConnectionAbortedError(f"has linked to {self._state['identity']} instead")
+                self._names |= names
 
 
 def _reason(error: Exception) -> str:
