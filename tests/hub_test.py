@@ -2,8 +2,10 @@
 import io
 import json
 import os
+import re
 import socket
 import subprocess
+import sys
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
@@ -16,34 +18,27 @@ from support.visitor import PORT, URL, Page, ask, until
 
 import guilink
 
+ROOT = Path(__file__).parent.parent
 BIN = Path(os.environ["GUILINK_BIN"])
 
 
 @pytest.fixture(scope="module")
-def far_host():
-    """Adds a second host, 10.77.0.2, to the network. Returns the command prefix that runs a program there."""
-    with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as holder:
-        own = os.readlink("/proc/self/ns/net")
-        until(lambda: os.readlink(f"/proc/{holder.pid}/ns/net") != own)
-        subprocess.run(["ip", "link", "set", "guilink1", "netns", str(holder.pid)], check=True)
-        there = ["nsenter", f"--net=/proc/{holder.pid}/ns/net"]
-        for change in ("address add 10.77.0.2/24 broadcast + dev guilink1", "link set guilink1 up", "link set lo up"):
-            subprocess.run([*there, "ip", *change.split()], check=True)
-        yield there
-        holder.kill()
+def far_device():
+    """Adds device 22222 to the network, at 10.77.0.2. Returns the command prefix that runs a program on it."""
+    with subprocess.Popen([ROOT / "scripts/device", "2", "--still"], stderr=subprocess.DEVNULL) as device:
+        first = until(lambda: Path(f"/proc/{device.pid}/task/{device.pid}/children").read_text().strip())
+        yield ["nsenter", f"--net=/proc/{first}/ns/net"]
+        device.kill()
 
 
 @pytest.fixture(scope="module", autouse=True)
-def devices(far_host):
-    """Starts device 11111 here, and device 22222 on far_host. Only presses change the devices' pictures."""
+def near_core(far_device):
+    """Starts device 11111 here. Returns a list of its core. Only presses change the devices' pictures."""
     start_service(BIN)
-    subprocess.run([*far_host, BIN / "guilinkd"], check=True, stdout=subprocess.DEVNULL)
-    cores = [subprocess.Popen([*where, BIN / "guilink-core", "--still", *identity], stderr=subprocess.DEVNULL)
-             for where, identity in (([], []), (far_host, ["--qr-body", "22222"]))]
-    yield cores
-    for core in cores:
-        core.terminate()
-        core.wait(LIMIT)
+    core = [subprocess.Popen([BIN / "guilink-core", "--still"], stderr=subprocess.DEVNULL)]
+    yield core
+    core[0].terminate()
+    core[0].wait(LIMIT)
     end_service()
 
 
@@ -94,7 +89,7 @@ def test_without_a_choice_it_asks(viewer):
     for identity, address in (("22222", "10.77.0.2"), ("11111", "10.77.0.1")):
         assert ask("POST", f"/device/{address}")[0] == 204
         assert linked_to(identity)["address"] == address
-    with guilink.connect("22222", viewer=URL) as device:  # the viewer switches to this device
+    with guilink.connect("22222", viewer=URL) as device:  # the viewer links to this device, too
         assert device.address == "10.77.0.2"
 
 
@@ -122,7 +117,7 @@ def test_each_device_has_its_own_paths(viewer):
     assert labels == {("11111", 1), ("22222", 1)}
     # The main device is the first that was asked for. The other one's link ends when nobody uses it.
     assert ask("POST", "/device/22222")[0] == 409
-    until(lambda: known()["22222"]["state"] == "searching")
+    until(lambda: known().get("22222", {}).get("state") == "searching")
     assert known()["11111"]["state"] == "linked"
 
 
@@ -162,8 +157,65 @@ def test_who_holds_a_device_presses_alone(viewer):
         assert other.said()["event"] == "press"
 
 
-def test_each_companion_keeps_its_device(viewer, far_host):
-    with running(*far_host, BIN / "guilink-viewer", "--device", "22222", "--listen", "10.77.0.2:8080",
+@pytest.mark.parametrize("viewer", [[]], indirect=True)
+def test_scripts_share_the_viewers_devices(viewer):
+    said = []
+    with guilink.connect("11111", viewer=URL) as left, guilink.connect("22222", progress=said.append) as right:
+        assert f"another program has the ports of this computer; going through the viewer at {URL}" in said
+        shown = right.wait_stable()
+        left.press("size")
+        left.wait_for(lambda screen: screen.width == 1024)
+        left.press("size")
+        left.wait_for(lambda screen: screen.width == 1280)
+        assert right.screen() == shown
+        assert {each.identity: each.state for each in guilink.devices()} == {"11111": "linked", "22222": "linked"}
+        with guilink.connect("22222", viewer=URL) as other:
+            with right.lock(60):
+                for order in (lambda: other.press("down"), lambda: other.text("hello"), lambda: other.lock(1)):
+                    with pytest.raises(guilink.LinkError, match="Held by a program at 127.0.0.1 for "):
+                        order()
+                assert other.screen() == shown
+                assert guilink.devices()[1].held_by == "a program at 127.0.0.1"
+                left.press("info")
+                left.press("back")
+                right.press("down")
+            other.press("up")
+
+
+WORKER = """
+import pathlib, time
+
+def test_has_a_device_for_itself(device):
+    pathlib.Path(device.identity).touch()
+    while len(list(pathlib.Path(".").glob("?????"))) < 2:
+        time.sleep(0.05)
+    device.press("down")
+    device.press("up")
+"""
+
+
+@pytest.mark.parametrize("viewer", [["--device", "11111", "--device", "22222"]], indirect=True)
+def test_each_worker_takes_a_free_device(viewer, tmp_path):
+    (tmp_path / "test_worker.py").write_text(WORKER)
+
+    def worker(seconds=LIMIT):
+        return subprocess.Popen(
+            [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "-p", "guilink.pytest_plugin",
+             "--guilink-free-device", f"--guilink-link-timeout={seconds}", f"--guilink-timeout={LIMIT}"],
+            cwd=tmp_path, stdout=subprocess.PIPE, text=True,
+            env=os.environ | {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"})
+
+    workers = worker(), worker()
+    for each in workers:
+        said, _ = each.communicate(timeout=2 * LIMIT)
+        assert each.returncode == 0, said
+    with guilink.connect("11111") as left, guilink.connect("22222") as right, left.lock(60), right.lock(60):
+        said, _ = worker(1).communicate(timeout=2 * LIMIT)
+    assert re.search("no free device: 11111 .*held by a program.*; 22222 .*held by a program", said), said
+
+
+def test_each_companion_keeps_its_device(viewer, far_device):
+    with running(*far_device, BIN / "guilink-viewer", "--device", "22222", "--listen", "10.77.0.2:8080",
                  "--no-token"):
         links = [linked_to("11111"), linked_to("22222", "10.77.0.2")]
         pictures = [link["pictures"] for link in links]
@@ -257,6 +309,7 @@ def test_the_viewer_ends_and_comes_back(tmp_path):
         with running(*command):
             device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT, artifacts=tmp_path))
             last = device.screen()
+            device.lock(3600)
         until(lambda: not device.linked)
         for shown in (last, lambda _: True):
             with pytest.raises(guilink.WaitTimeoutError, match="no link at the moment"):
@@ -264,18 +317,18 @@ def test_the_viewer_ends_and_comes_back(tmp_path):
         with running(*command):
             device.press("down")
             device.press("up")
-            assert device.identity == "11111"
+            assert device.identity == "11111" and state()["held"]
 
 
-def test_faults_of_the_core_are_reported(viewer, devices, tmp_path):
+def test_faults_of_the_core_are_reported(viewer, near_core, tmp_path):
     look = {"region": (70, 260, 560, 630), "mask": [(540, 260, 60, 630)]}
     with guilink.connect(viewer=URL, timeout=LIMIT, artifacts=tmp_path) as device:
 
         def new_core(*options):
-            devices[0].terminate()
-            devices[0].wait(LIMIT)
+            near_core[0].terminate()
+            near_core[0].wait(LIMIT)
             frozen = device.wait_stable()
-            devices[0] = subprocess.Popen([BIN / "guilink-core", *options], stderr=subprocess.DEVNULL)
+            near_core[0] = subprocess.Popen([BIN / "guilink-core", *options], stderr=subprocess.DEVNULL)
             device.wait_for(lambda screen: screen != frozen)  # the new core draws a moving clock
             return device.wait_stable(pictures=20, **look)
 
