@@ -72,7 +72,7 @@ def save_png(name, width, height, rgba):
     with open(name, "wb") as file:
         file.write(b"\x89PNG\r\n\x1a\n"
                    + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 6, 0, 0, 0))
-                   + chunk(b"IDAT", zlib.compress(rows)) + chunk(b"IEND", b""))
+                   + chunk(b"IDAT", zlib.compress(rows, 1)) + chunk(b"IEND", b""))
 
 
 def answer(discovery, only=None):
@@ -84,9 +84,8 @@ def answer(discovery, only=None):
     return found
 
 
-def connections(discovery, end):
+def connections(discovery, listener, end):
     """Answers each device that searches for a companion; yields each connection that a device opens."""
-    listener = socket.create_server(("", 8399))
     while time.monotonic() < end:
         ready = select.select([discovery, listener], [], [], KEEP_ALIVE)[0]
         if discovery in ready:
@@ -96,7 +95,7 @@ def connections(discovery, end):
                 yield connection
 
 
-def messages(connection, discovery, end):
+def messages(connection, discovery, listener, end):
     """Yields the messages of a connection and keeps the connection alive. Ends when the device has gone."""
     connection.settimeout(SILENCE)  # s; limit of each send
     ours, linked = {connection.getpeername()[0]}, None  # the device's address and identity; time of the first image
@@ -114,7 +113,9 @@ def messages(connection, discovery, end):
             if message[0] == IMAGE and not linked:
                 patience, linked = SILENCE, heard
             continue
-        ready = select.select([connection, discovery], [], [], max(0, next_alive - time.monotonic()))[0]
+        settled = linked is not None and now > linked + OLD_SEARCH
+        wait = max(0, next_alive - time.monotonic())
+        ready = select.select([connection, discovery] + [listener] * settled, [], [], wait)[0]
         if connection in ready:
             data = connection.recv(1 << 20)
             if not data:
@@ -123,14 +124,16 @@ def messages(connection, discovery, end):
             buffer += data
         if discovery in ready:
             # Right after linking, broadcasts may be late. Later, our device broadcasts if it has dropped the link.
-            if answer(discovery, None if not linked else ours if now > linked + OLD_SEARCH else set()) and linked:
+            if answer(discovery, None if not linked else ours if settled else set()) and linked:
                 return
+        if listener in ready:
+            listener.accept()[0].close()  # the link needs no second connection
 
 
-def mirror(connection, discovery, options, end):
+def mirror(connection, discovery, listener, options, end):
     """Presses a button, waits for `frames` images, then saves one. Returns False if the connection ends first."""
     identity, images, size = None, 0, 0
-    for kind, payload in messages(connection, discovery, end):
+    for kind, payload in messages(connection, discovery, listener, end):
         if kind == IDENTITY and not identity:
             identity = payload.decode("latin-1")
             print(f"device {identity[:5]}, firmware {identity[5:]}")
@@ -161,9 +164,10 @@ def main():
     end = time.monotonic() + options.timeout
     discovery = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     discovery.bind(("", 3152))
-    for connection in connections(discovery, end):
+    listener = socket.create_server(("", 8399))
+    for connection in connections(discovery, listener, end):
         try:
-            if mirror(connection, discovery, options, end):
+            if mirror(connection, discovery, listener, options, end):
                 return 0
         except OSError as error:
             print(f"link lost: {error}", file=sys.stderr)
