@@ -13,7 +13,7 @@ from guilink.wire import MessageType, frame
 
 EARLY = 0.5      # s; how much earlier than a rule says the companion may do something
 SOON = 2.0       # s in which a companion notices the end of its link
-KEEP_ALIVES = 5  # number of ControlMessages to wait for
+KEEP_ALIVES = 4  # number of ControlMessages to wait for
 
 FOUND = ("answers_a_broadcast",)
 LINKED = (*FOUND, "keeps_the_link_alive", "link_ends_in_every_way")
