@@ -7,9 +7,9 @@
 
 namespace guilink {
 
-// Makes the picture smaller by this factor, by the mean of some pixels of each square. Leaves a
-// picture alone that is too small for it.
-void shrink(Picture& picture, unsigned factor);
+// Returns the picture, smaller by this factor. Each pixel is the mean of some pixels of a square. A
+// picture that is too small for the factor stays as it is.
+Picture shrunk(const Picture& picture, unsigned factor);
 
 // encode_png and encode_jpeg return the bytes of a file. They throw std::runtime_error on failure.
 std::string encode_png(const Picture& picture);   // with transparency

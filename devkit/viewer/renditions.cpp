@@ -17,11 +17,12 @@ constexpr unsigned TILE_SCALE = 4;  // a tile has this part of a picture's width
 
 // Returns null for a damaged picture.
 Renditions::Bytes encode(Rendition kind, const SharedImage& image) try {
-    Picture picture;
+    thread_local Picture picture;  // new memory for each picture would cost more than the decoding
     decode_image(*image, picture);
-    if (kind == Rendition::tile) shrink(picture, TILE_SCALE);
     return std::make_shared<const std::string>(kind == Rendition::png ? encode_png(picture)
-                                                                      : encode_jpeg(picture));
+                                               : kind == Rendition::jpeg
+                                                   ? encode_jpeg(picture)
+                                                   : encode_jpeg(shrunk(picture, TILE_SCALE)));
 } catch (const std::runtime_error&) {
     return nullptr;
 }
