@@ -183,9 +183,9 @@ class Viewer(Link):
         said = json.loads(message)
         with self._changed:
             if "state" in said:
+                self._check_device(said)
                 self._away, self._state, self._state_time = "", said, time.monotonic()
                 self._end_old_pictures()
-                self._check_device()
                 self._send_orders()
             for order in self._orders:
                 if order.request and order.request == said.get("delivered", said.get("failed")):
@@ -198,14 +198,14 @@ class Viewer(Link):
             if self._state.get("state") != "linked":
                 self.pictures.link_ended()
 
-    def _check_device(self) -> None:
-        """If the viewer has linked to another device, which only its main link does, asks for our device again."""
-        with self._changed:
-            if self._device and self._state.get("state") == "linked" and self._state["identity"]:
-                names = {self._state["identity"], self._state["address"]}
-                if not self._names & names:
-                    raise ConnectionAbortedError(f"has linked to {self._state['identity']} instead")
-                self._names |= names
+    def _check_device(self, state: dict[str, Any]) -> None:
+        """If the viewer's main link, which may be ours, is now for another device, ends the connection. The next one is
+        for our device again."""
+        if self._device and state["state"] == "linked" and state["identity"]:
+            names = {state["identity"], state["address"]}
+            if not self._names & names:
+                raise ConnectionAbortedError(f"has linked to {state['identity']} instead")
+            self._names |= names
 
 
 def _reason(error: Exception) -> str:
