@@ -187,17 +187,23 @@ def test_minimal_companion_links_to_the_service(tmp_path):
     assert guilink.Screen.load(tmp_path / "shown.png").width == 1280
 
 
-def test_one_test_uses_two_devices(tmp_path):
+@pytest.mark.parametrize("bench", ["scripts/device 2", "./demo --devices 2"])
+def test_one_test_uses_two_devices(bench, tmp_path):
     document = (ROOT / "docs/testing.md").read_text()
-    assert "\nscripts/device 2 &\n" in document
     example = re.search(r"\n(def test_a_press_reaches_one_device.*?)```", document, re.S)[1]
     (tmp_path / "test_two.py").write_text(example)
-    with subprocess.Popen([ROOT / "scripts/device", "2"], stderr=subprocess.DEVNULL) as second:
+    command, options = [ROOT / "scripts/device", "2"], []
+    if bench.startswith("./demo"):  # what it runs after the build
+        command = [BIN / "guilink-viewer", "--exec", "scripts/sandbox", "scripts/loop"]
+        options = ["--guilink-viewer", "http://127.0.0.1:8080"]
+    assert f"`{bench}" in document
+    with subprocess.Popen(command, cwd=ROOT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                          env=os.environ | {"GUILINK_DEVICES": "2"}) as devices:
         try:
             assert "1 passed" in run("pytest", "-q", "-p", "no:cacheprovider", "-p", "guilink.pytest_plugin",
-                                     f"--guilink-timeout={LIMIT}", cwd=tmp_path)
+                                     f"--guilink-timeout={LIMIT}", *options, cwd=tmp_path)
         finally:
-            second.kill()
+            devices.terminate() if options else devices.kill()
 
 
 def test_installs_without_a_network(tmp_path):
