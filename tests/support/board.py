@@ -1,5 +1,5 @@
-"""Controls the virtual board from a command that `scripts/board ARCHITECTURE --run COMMAND` runs. All waits have the same
-limit, because emulation on a busy machine is slow."""
+"""Controls the virtual board, for a command that `scripts/board ARCHITECTURE --run COMMAND` runs. All waits have the
+same limit, because emulation on a busy machine is slow."""
 import base64
 import itertools
 import json
@@ -7,7 +7,7 @@ import os
 import socket
 import time
 
-LIMIT = 1200  # s
+LIMIT = 600  # s
 
 
 def wait_until(condition, what):
