@@ -86,10 +86,13 @@ void DeviceLink::choose(const std::string& device) {
     m_companion.choose(device);
 }
 
-bool DeviceLink::is_for(const std::string& device) const {
+bool DeviceLink::is_to(const std::string& device) const {
     const LinkStatus& link = m_hub->link();
-    return device == m_wanted ||
-           (link.linked && (device == link.identity || device == link.address));
+    return link.linked && (device == link.identity || device == link.address);
+}
+
+bool DeviceLink::was_for(const std::string& device) const {
+    return device == m_wanted || (!m_hub->link().linked && device == m_hub->last_address());
 }
 
 bool DeviceLink::send(const Order& order, uint64_t number) {

@@ -2,6 +2,7 @@
 // thread never waits for the event loop.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -22,10 +23,15 @@ class DeviceLink {
     const std::shared_ptr<Hub>& hub() const { return m_hub; }
     const std::string& wanted() const { return m_wanted; }  // the chosen device, or empty
     void choose(const std::string& device);
-    // Whether the link is to this device, or shall be.
-    bool is_for(const std::string& device) const;
-    // Whether a session uses the hub.
-    bool in_use() const { return m_hub.use_count() > 1; }
+    // Whether the link is to the device with this identity or address.
+    bool is_to(const std::string& device) const;
+    // Whether the link was made for this device, or the device last linked had this address.
+    bool was_for(const std::string& device) const;
+    void use() { m_used = std::chrono::steady_clock::now(); }
+    // Returns when it was last used; that is now if a session has the hub.
+    std::chrono::steady_clock::time_point used() const {
+        return m_hub.use_count() > 1 ? std::chrono::steady_clock::now() : m_used;
+    }
 
   private:
     struct Inbox;
@@ -33,6 +39,7 @@ class DeviceLink {
     bool send(const Order& order, uint64_t number);
 
     std::string m_wanted;
+    std::chrono::steady_clock::time_point m_used = std::chrono::steady_clock::now();
     const std::shared_ptr<Hub> m_hub;
     const std::shared_ptr<Inbox> m_inbox;
     Companion m_companion;  // the first to be destroyed, because its thread uses the others

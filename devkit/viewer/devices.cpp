@@ -18,17 +18,18 @@ Devices::Devices(WebServer& server, Served served)
       m_served(std::move(served)),
       m_timer(server.loop()),
       m_main(server, m_served.named.empty() ? "" : m_served.named[0],
-             [this](const std::string& choice) { return !has_other(choice); }) {
+             [this](const std::string& choice) {
+                 const DeviceLink* const link = link_of(choice);
+                 return link == nullptr || link == &m_main;
+             }) {
     for (size_t i = 1; i < m_served.named.size(); ++i) add(m_served.named[i], true);
     tidy();
 }
 
 std::variant<std::shared_ptr<Hub>, Reply> Devices::find(const std::string& device, Access access) {
-    if (m_main.is_for(device)) return m_main.hub();
-    for (const auto& other : m_others) {
-        if (!other->link.is_for(device)) continue;
-        other->used = std::chrono::steady_clock::now();
-        return other->link.hub();
+    if (DeviceLink* const link = link_of(device)) {
+        link->use();
+        return link->hub();
     }
     const auto& searching = main()->searching();
     const bool served = std::ranges::any_of(searching, [&](const SearchingDevice& each) {
@@ -46,31 +47,31 @@ std::variant<std::shared_ptr<Hub>, Reply> Devices::find(const std::string& devic
     return add(device, false).link.hub();
 }
 
-std::vector<KnownDevice> Devices::known() const {
+std::vector<KnownDevice> Devices::known() {
     const auto now = std::chrono::steady_clock::now();
     std::vector<KnownDevice> known;
-    const auto add_link = [&](const DeviceLink& link) {
+    for (const DeviceLink* const link : links()) {
         KnownDevice device;
-        device.report = link.hub()->report();
+        device.report = link->hub()->report();
         const LinkStatus& status = device.report.status;
-        device.identity = status.identity;
+        device.identity = status.linked ? status.identity : status.wanted;
+        if (device.identity.empty()) device.identity = link->wanted();  // until the device tells it
+        if (!status.linked && device.identity.empty()) continue;
         device.firmware = status.firmware;
-        device.address = status.address;
-        if (device.identity.empty()) device.identity = link.wanted();  // until the device tells it
-        if (status.linked || !link.wanted().empty()) known.push_back(std::move(device));
-    };
-    add_link(m_main);
-    for (const auto& other : m_others) add_link(other->link);
+        device.address = status.linked ? status.address : link->hub()->last_address();
+        known.push_back(std::move(device));
+    }
     for (const SearchingDevice& each : main()->searching()) {
         if (now - each.heard > IN_SIGHT || !is_served(each.identity, each.address)) continue;
         const auto same = std::ranges::find_if(known, [&](const KnownDevice& device) {
             return device.address == each.address ||
-                   (device.address.empty() &&
+                   (!device.report.status.linked &&
                     (device.identity == each.identity || device.identity == each.address));
         });
         if (same != known.end() && same->report.status.linked) continue;
         KnownDevice& device = same != known.end() ? *same : known.emplace_back();
-        device.identity = each.identity;
+        // While a device starts, it may have another identity for a moment.
+        if (device.identity.empty()) device.identity = each.identity;
         device.firmware = each.firmware;
         device.address = each.address;
         device.searching = true;
@@ -96,16 +97,31 @@ bool Devices::is_served(const std::string& identity, const std::string& address)
            });
 }
 
-bool Devices::has_other(const std::string& device) const {
-    return std::ranges::any_of(m_others,
-                               [&](const auto& other) { return other->link.is_for(device); });
+std::vector<DeviceLink*> Devices::links() {
+    std::vector<DeviceLink*> links = {&m_main};
+    for (const auto& other : m_others) links.push_back(&other->link);
+    return links;
+}
+
+// Returns the link to this device, or the one that was made for it, or null.
+DeviceLink* Devices::link_of(const std::string& device) {
+    const auto all = links();
+    const auto to =
+        std::ranges::find_if(all, [&](const auto* link) { return link->is_to(device); });
+    if (to != all.end()) return *to;
+    // A device may change its identity, and another one may take the old identity.
+    const bool another = std::ranges::any_of(
+        main()->searching(), [&](const auto& each) { return each.identity == device; });
+    const auto was = std::ranges::find_if(all, [&](const auto* link) {
+        return link->was_for(device) && !(link->hub()->link().linked && another);
+    });
+    return was != all.end() ? *was : nullptr;
 }
 
 Devices::Other& Devices::add(const std::string& device, bool named) {
     // What a client of its page chooses has a page of its own, too.
     const auto may_choose = [](const std::string&) { return false; };
-    m_others.emplace_back(new Other{{m_server, device, may_choose}, named, {}});
-    m_others.back()->used = std::chrono::steady_clock::now();
+    m_others.emplace_back(new Other{{m_server, device, may_choose}, named});
     return *m_others.back();
 }
 
@@ -113,10 +129,9 @@ Devices::Other& Devices::add(const std::string& device, bool named) {
 void Devices::tidy() {
     const auto now = std::chrono::steady_clock::now();
     m_others.remove_if([&](const auto& other) {
-        const bool linked = other->link.hub()->link().linked;
-        if (other->link.in_use() || other->named || (linked && m_served.link_all))
-            other->used = now;
-        return now - other->used > LINGER;
+        if (other->named || (m_served.link_all && other->link.hub()->link().linked))
+            other->link.use();
+        return now - other->link.used() > LINGER;
     });
     if (m_served.link_all) use_all(Access::press);
     m_timer.expires_after(TIDY_EVERY);

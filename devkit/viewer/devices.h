@@ -29,7 +29,7 @@ class Devices {
     // not be in sight. Returns a reply if the viewer does not serve it.
     std::variant<std::shared_ptr<Hub>, Reply> find(const std::string& device, Access access);
     // Returns all devices that are linked, shall be linked, or search for a companion.
-    std::vector<KnownDevice> known() const;
+    std::vector<KnownDevice> known();
     // Links to all known devices, or keeps their links.
     void use_all(Access access);
     size_t heard() const { return main()->searching().size(); }
@@ -38,11 +38,11 @@ class Devices {
     struct Other {
         DeviceLink link;
         bool named;
-        std::chrono::steady_clock::time_point used;
     };
 
     bool is_served(const std::string& identity, const std::string& address) const;
-    bool has_other(const std::string& device) const;
+    std::vector<DeviceLink*> links();
+    DeviceLink* link_of(const std::string& device);
     Other& add(const std::string& device, bool named);
     void tidy();
 

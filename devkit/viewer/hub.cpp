@@ -22,6 +22,7 @@ Hub::Hub(WebServer& server, Send send, Choose choose)
 void Hub::set_status(const LinkStatus& status) {
     m_server.log.status(m_status, status);
     m_status = status;
+    if (status.linked) m_last_address = status.address;
     m_newest.data = nullptr;
     m_samples.clear();
     m_renditions->offer(m_newest);

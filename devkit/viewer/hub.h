@@ -54,6 +54,7 @@ class Hub : public std::enable_shared_from_this<Hub> {
 
     WebServer& server() { return m_server; }
     const LinkStatus& link() const { return m_status; }
+    const std::string& last_address() const { return m_last_address; }  // of a linked device
     const std::vector<SearchingDevice>& searching() const { return m_devices; }
     const ReceivedImage& newest() const { return m_newest; }
     Renditions& renditions() { return *m_renditions; }
@@ -116,6 +117,7 @@ class Hub : public std::enable_shared_from_this<Hub> {
     const Choose m_choose;
     std::set<Watcher*> m_watchers;
     LinkStatus m_status;
+    std::string m_last_address;
     std::vector<SearchingDevice> m_devices;
     ReceivedImage m_newest;                           // newest picture of the current link
     std::chrono::steady_clock::time_point m_changed;  // when an image differed from the last one
