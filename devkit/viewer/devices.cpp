@@ -52,6 +52,7 @@ std::vector<KnownDevice> Devices::known() {
     std::vector<KnownDevice> known;
     for (const DeviceLink* const link : links()) {
         KnownDevice device;
+        device.id = link->wanted();
         device.report = link->hub()->report();
         const LinkStatus& status = device.report.status;
         device.identity = status.linked ? status.identity : status.wanted;
@@ -78,7 +79,10 @@ std::vector<KnownDevice> Devices::known() {
     }
     for (KnownDevice& device : known) {
         const auto equal = std::ranges::count(known, device.identity, &KnownDevice::identity);
-        device.id = equal == 1 && !device.identity.empty() ? device.identity : device.address;
+        if (equal == 1 && !device.identity.empty())
+            device.id = device.identity;
+        else if (!device.address.empty())
+            device.id = device.address;
     }
     std::ranges::sort(known, {}, [](const KnownDevice& device) {
         return std::pair(device.identity, device.address);
@@ -109,11 +113,14 @@ DeviceLink* Devices::link_of(const std::string& device) {
     const auto to =
         std::ranges::find_if(all, [&](const auto* link) { return link->is_to(device); });
     if (to != all.end()) return *to;
-    // A device may change its identity, and another one may take the old identity.
-    const bool another = std::ranges::any_of(
-        main()->searching(), [&](const auto& each) { return each.identity == device; });
-    const auto was = std::ranges::find_if(all, [&](const auto* link) {
-        return link->was_for(device) && !(link->hub()->link().linked && another);
+    // A linked device may have changed its identity, and another one may have the old one.
+    const auto another_has_it = [&](const LinkStatus& link) {
+        return link.linked && std::ranges::any_of(main()->searching(), [&](const auto& each) {
+                   return each.identity == device && each.address != link.address;
+               });
+    };
+    const auto was = std::ranges::find_if(all, [&](const DeviceLink* link) {
+        return link->was_for(device) && !another_has_it(link->hub()->link());
     });
     return was != all.end() ? *was : nullptr;
 }
