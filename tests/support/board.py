@@ -7,7 +7,7 @@ import os
 import socket
 import time
 
-LIMIT = 600  # s
+LIMIT = 1200  # s
 
 
 def wait_until(condition, what):
