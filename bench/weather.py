@@ -32,6 +32,7 @@ def press(link, number):
         last = link.press((DOWN, UP)[number % 2], start + LIMIT)
         while (picture := link.pictures.newer(last, start + LIMIT)).payload == before:
             last = picture.number
+            assert time.monotonic() < start + LIMIT, "no picture shows the press"
     except LinkError:
         return []
     return [picture.time - start]
