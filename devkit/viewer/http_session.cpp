@@ -84,7 +84,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         }
         const HttpRequest request = read_headers(m_parser->get());
         const auto address = address_of(m_stream.socket());
-        m_client = {address.to_string(), request.is_from_program(), Access::none};
+        m_client = {address.to_string(), request.is_from_program(), Access::none,
+                    !request.prefix.empty()};
         m_sender = sender_of(address);
         if (const std::string client = m_server.policy().forwarded_address(request);
             address.is_loopback() && !client.empty()) {
@@ -138,7 +139,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         } else if (std::holds_alternative<Metrics>(asked)) {
             respond({200, OPENMETRICS, metrics_text(m_devices.known(), m_devices.heard())});
         } else if (std::holds_alternative<Stream>(asked)) {
-            start_stream_session(m_hub, m_stream.release_socket(), std::move(m_place),
+            start_stream_session(m_hub, m_stream.release_socket(), std::move(m_place), m_client,
                                  m_parser->get().method() == http::verb::head);
         } else if (beast::websocket::is_upgrade(m_parser->get())) {
             start_page_session(m_hub, m_stream.release_socket(), std::move(m_place),

@@ -120,6 +120,8 @@ std::optional<Hub::Refusal> Hub::choose(const Choice& choice, const Client& by) 
         return Refusal{404, "No device with this identity or address has called."};
     if (addresses.size() > 1)
         return Refusal{409, "Several devices have this identity; name one by its address."};
+    if (named > 0 && !addresses.contains(m_status.linked ? m_status.address : ""))
+        return Refusal{409, "Somebody has asked for the present device by its name."};
     if (!m_choose(choice.device))
         return Refusal{409, "This device has a page of its own: /device/" + choice.device + "/."};
     announce(choice, by);

@@ -94,6 +94,7 @@ class Hub : public std::enable_shared_from_this<Hub> {
     std::optional<std::string> held_from(const Client& client) const;
 
     size_t streams = 0;
+    size_t named = 0;               // sessions whose clients have asked for this device by its name
     uint64_t skipped_pictures = 0;  // not sent, because a WebSocket client was too slow
 
   private:

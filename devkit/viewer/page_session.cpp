@@ -28,7 +28,10 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
   public:
     PageSession(std::shared_ptr<Hub> hub, tcp::socket socket,
                 std::unique_ptr<Connections::Place> place, Client who)
-        : m_hub(std::move(hub)), m_place(std::move(place)), m_stream(std::move(socket)) {
+        : m_hub(std::move(hub)),
+          m_named(m_hub->named, who.named_device),
+          m_place(std::move(place)),
+          m_stream(std::move(socket)) {
         client = std::move(who);
     }
 
@@ -180,6 +183,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     const std::shared_ptr<Hub> m_hub;
+    const Counted m_named;
     const std::unique_ptr<Connections::Place> m_place;
     websocket::stream<beast::tcp_stream> m_stream;
     beast::flat_buffer m_received;
