@@ -121,6 +121,17 @@ def test_each_device_has_its_own_paths(viewer):
     assert known()["11111"]["state"] == "linked"
 
 
+@pytest.mark.parametrize("viewer", [[]], indirect=True)
+def test_made_up_names_harm_nobody(viewer):
+    until(lambda: len(known()) == 2)
+    assert {ask("GET", f"/device/{name}/state")[0] for name in ("a%01", "a%02", "%FE", "%FF")} == {404}
+    answers = [ask("GET", f"/device/made-up-{number}/state")[0] for number in range(64)]
+    assert 503 in answers and ask("GET", "/device/22222/state")[0] == 200
+    series = [(sample.name, sample.labels.get("device")) for family
+              in text_string_to_metric_families(ask("GET", "/metrics")[1].decode()) for sample in family.samples]
+    assert len(series) == len(set(series))
+
+
 def test_a_device_that_was_not_named_is_not_served(viewer):
     linked_to("11111")
     assert ask("GET", "/device/22222/state")[0] == 404 and list(known()) == ["11111"]

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "devkit/viewer/log.h"
+
 namespace guilink {
 
 namespace {
@@ -9,7 +11,8 @@ namespace {
 constexpr auto LINGER = std::chrono::seconds(10);   // an unused link ends after this time
 constexpr auto IN_SIGHT = std::chrono::seconds(5);  // a device broadcasts about once a second
 constexpr auto TIDY_EVERY = std::chrono::seconds(1);
-constexpr size_t MAX_LINKS = 64;  // each has a thread
+constexpr size_t MAX_LINKS = 64;    // each has a thread
+constexpr size_t MAX_UNHEARD = 32;  // leaves links for devices in sight, whatever names are made up
 
 }  // namespace
 
@@ -36,13 +39,14 @@ std::variant<std::shared_ptr<Hub>, Reply> Devices::find(const std::string& devic
         return (device == each.identity || device == each.address) &&
                is_served(each.identity, each.address);
     });
-    if (!served && !is_served(device, device))
+    // Made-up names of other bytes could not be told apart in JSON and metrics.
+    if (!served && (!is_served(device, device) || printable(device) != device))
         return Reply{404, "text/plain", "This viewer does not serve this device; see --device.\n"};
     if (m_main.wanted().empty() && !main()->link().linked && access == Access::press) {
         m_main.choose(device);
         return m_main.hub();
     }
-    if (m_others.size() >= MAX_LINKS)
+    if (m_others.size() >= (served ? MAX_LINKS : MAX_UNHEARD))
         return Reply{503, "text/plain", "The viewer has links to too many devices.\n"};
     return add(device, false).link.hub();
 }
@@ -79,7 +83,7 @@ std::vector<KnownDevice> Devices::known() {
     }
     for (KnownDevice& device : known) {
         const auto equal = std::ranges::count(known, device.identity, &KnownDevice::identity);
-        if (equal == 1 && !device.identity.empty())
+        if (equal == 1 && !device.identity.empty() && printable(device.identity) == device.identity)
             device.id = device.identity;
         else if (!device.address.empty())
             device.id = device.address;
