@@ -28,9 +28,9 @@ TEST(Requests, AreReadToTheLetter) {
     EXPECT_EQ(std::get<Snapshot>(asked).after, 7u);
     EXPECT_TRUE(std::holds_alternative<Stream>(read("HEAD", "/stream.mjpg")));
     EXPECT_TRUE(std::holds_alternative<State>(read("GET", "/device/a%2Fb/state")));
-    EXPECT_TRUE(std::holds_alternative<FrontPage>(read("GET", "/device/1/?again")));
     for (const auto& [method, target, status] : {std::tuple{"GET", "/labels.json", 200u},
-                                                 {"HEAD", "/view.js", 200},
+                                                 {"HEAD", "/", 200},
+                                                 {"GET", "/device/1/?again", 200},
                                                  {"GET", "/device/1", 308},
                                                  {"GET", "/device/1/device/2", 404},
                                                  {"POST", "/press/", 404},

@@ -23,6 +23,11 @@ struct HttpRequest {
     // The ID in `prefix`, still encoded, or nothing.
     std::string_view device() const { return prefix.substr(prefix.empty() ? 0 : DEVICE.size()); }
 
+    // Whether it asks for the page of the only device, or of all.
+    bool is_for_front_page() const {
+        return prefix.empty() && target.substr(0, target.find('?')) == "/";
+    }
+
     static constexpr std::string_view DEVICE = "/device/";
 
     // Browsers send one of these headers with each POST and WebSocket.

@@ -112,6 +112,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             read_request(request, m_server.policy(), m_client.access, m_server.labels());
         if (const auto* const reply = std::get_if<Reply>(&asked)) {
             if (!reply->refused.empty()) m_server.log.refused(m_client.address, reply->refused);
+            if (reply->status == 200 && request.is_for_front_page() && m_devices.known().size() > 1)
+                return respond({200, "text/html", std::string(find_asset("/bench.html")->content)});
             return respond(*reply);
         }
         if (request.prefix.empty()) {
@@ -121,11 +123,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             if (const auto* const reply = std::get_if<Reply>(&found)) return respond(*reply);
             m_hub = std::get<std::shared_ptr<Hub>>(found);
         }
-        if (std::holds_alternative<FrontPage>(asked)) {
-            const bool all = request.prefix.empty() && m_devices.known().size() > 1;
-            const Asset& page = *find_asset(all ? "/bench.html" : "/");
-            respond({200, page.type, std::string(page.content)});
-        } else if (const auto* const known = std::get_if<KnownDevices>(&asked)) {
+        if (const auto* const known = std::get_if<KnownDevices>(&asked)) {
             if (known->use) m_devices.use_all(m_client.access);
             respond({200, "application/json", devices_json(m_devices.known())});
         } else if (const auto* const snapshot = std::get_if<Snapshot>(&asked)) {

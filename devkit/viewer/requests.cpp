@@ -26,7 +26,6 @@ Asked read_snapshot(std::string_view query, bool tile) {
 }
 
 Asked read_get(std::string_view path, std::string_view query, const std::string& labels) {
-    if (path == "/") return FrontPage{};
     if (path == "/devices") return KnownDevices{query == "use"};
     if (path == "/labels.json") return Reply{200, "application/json", labels};
     if (path == "/state") return State{};

@@ -28,7 +28,6 @@ struct Snapshot {
     std::optional<uint64_t> after;  // if set: wait for a picture with a number above `after`
     bool tile = false;              // a small JPEG
 };
-struct FrontPage {};  // the page of the only device, or of all
 struct KnownDevices {
     bool use;  // link to all of them
 };
@@ -37,8 +36,8 @@ struct Stream {};
 struct State {};
 struct Metrics {};
 
-using Asked = std::variant<Reply, Snapshot, FrontPage, KnownDevices, Link, Stream, State, Metrics,
-                           Order, Choice>;
+using Asked =
+    std::variant<Reply, Snapshot, KnownDevices, Link, Stream, State, Metrics, Order, Choice>;
 
 constexpr const char* ONLY_LOOK = "This token only lets you look.";
 
