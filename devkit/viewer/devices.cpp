@@ -1,6 +1,7 @@
 #include "devkit/viewer/devices.h"
 
 #include <algorithm>
+#include <exception>
 
 #include "devkit/viewer/log.h"
 
@@ -48,7 +49,12 @@ std::variant<std::shared_ptr<Hub>, Reply> Devices::find(const std::string& devic
     }
     if (m_others.size() >= (served ? MAX_LINKS : MAX_UNHEARD))
         return Reply{503, "text/plain", "The viewer has links to too many devices.\n"};
-    return add(device, false).link.hub();
+    try {
+        return add(device, false).link.hub();
+    } catch (const std::exception& error) {  // no thread or descriptor is free
+        return Reply{503, "text/plain",
+                     std::string("The viewer cannot link: ") + error.what() + '\n'};
+    }
 }
 
 std::vector<KnownDevice> Devices::known() {
