@@ -254,7 +254,7 @@ CELLS = {
     "press": lambda got: spread(got["times"], 0.5, 0.99, 1),
 }
 COLUMNS = {"latency": ["age", "decoded", "pictures/s", "press"],
-           "presses": ["presses", "press", "links lost"],
+           "presses": ["presses", "press"],
            "slow": ["age", "pictures/s", "links lost"],
            "bad": [column for column in CELLS if column != "decoded"]}
 

@@ -9,21 +9,21 @@ namespace guilink {
 namespace {
 
 void draw_text(Canvas& canvas) {
-    constexpr int LINE = 34;  // line height, in pixels of a 1280 x 960 screen
-    canvas.fill({0, 0, 1280, 960}, 0, {0.05, 0.05, 0.1});
+    constexpr int LINE = 34;  // line height, in pixels
+    canvas.fill({0, 0, WIDTH, HEIGHT}, 0, {0.05, 0.05, 0.1});
     std::string line;
     for (int i = 0; i < 4; ++i) line += "The quick brown fox jumps over the lazy dog. ";
-    for (int y = LINE; y < 960; y += LINE) canvas.text(8 - y, y, 27, line + line, {1, 1, 1});
+    for (int y = LINE; y < HEIGHT; y += LINE) canvas.text(8 - y, y, 27, line + line, {1, 1, 1});
 }
 
 }  // namespace
 
-std::vector<BenchPicture> draw_pictures(uint16_t width, uint16_t height) {
-    Canvas canvas(width, height);
+std::vector<BenchPicture> draw_pictures() {
+    Canvas canvas(WIDTH, HEIGHT);
     const Gui gui("11111");
     const Moment moment = {.frame = 1, .seconds = 1, .clock = "12:00:00"};
     const auto blank = [&](const std::string& name) {
-        return BenchPicture{name, width, height, std::vector<uint16_t>(size_t{width} * height)};
+        return BenchPicture{name, std::vector<uint16_t>(WIDTH * HEIGHT)};
     };
     const auto drawn = [&](const std::string& name, Scene scene) {
         BenchPicture picture = blank(name);

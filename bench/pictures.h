@@ -8,10 +8,11 @@
 
 namespace guilink {
 
+constexpr uint16_t WIDTH = 1280;  // of all pictures
+constexpr uint16_t HEIGHT = 960;
+
 struct BenchPicture {
     std::string name;
-    uint16_t width;
-    uint16_t height;
     std::vector<uint16_t> pixels;
 
     size_t size() const { return pixels.size() * sizeof pixels[0]; }
@@ -19,6 +20,6 @@ struct BenchPicture {
 
 // Returns the pictures blank, overlay, menu, text, gradient and noise, in this order. Every call
 // returns the same pixels.
-std::vector<BenchPicture> draw_pictures(uint16_t width, uint16_t height);
+std::vector<BenchPicture> draw_pictures();
 
 }  // namespace guilink
