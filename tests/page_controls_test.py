@@ -16,6 +16,7 @@ class Controls(Browser):
         for width, height in ((320, 568), (390, 844), (844, 390)):
             self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
                 "width": width, "height": height, "deviceScaleFactor": 1, "mobile": True})
+            self.wait(lambda: self.browser.execute_script("return innerWidth") == width)
             screen, pad = (self.browser.find_element(By.ID, name).rect for name in ("screen", "pad"))
             ends = [(box["x"] + box["width"], box["y"] + box["height"]) for box in (screen, pad)]
             below, beside = pad["y"] >= ends[0][1], pad["x"] >= ends[0][0]

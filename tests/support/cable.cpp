@@ -6,8 +6,9 @@
 // it prints "ready". Each line of standard input changes settings, such as "rate 2 delay 50"; at
 // the end of standard input, the cable disappears. All settings apply to each direction separately:
 //   rate       Mbit/s; 0: unlimited
-//   queue      ms that a packet may wait because of the rate; a packet that would wait longer is
-//   lost delay      ms that each packet takes loss       percentage of packets that are lost
+//   queue      ms that a packet may wait because of the rate, before it is lost
+//   delay      ms that each packet takes
+//   loss       percentage of packets that are lost
 //   duplicate  percentage of packets that arrive twice
 //   reorder    percentage of packets that overtake others, because they take half the delay
 //   down       1: everything is lost; 0: the cable works
