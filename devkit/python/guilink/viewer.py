@@ -36,7 +36,6 @@ class Viewer(Link):
     def __init__(self, url: str, device: str | None = None):
         super().__init__()
         self._url, self._device = ViewerUrl.parse(url), device
-        self._names = {device}  # all identities and addresses that the wanted device has had
         self._name = f"the viewer at {self._url.page}"
         # Guarded by self._changed.
         self._away = "has not answered yet"  # why there is no connection to the viewer; empty while there is one
@@ -138,8 +137,6 @@ class Viewer(Link):
                 self._refused(error)
             except ssl.SSLCertVerificationError as error:
                 self._give_up(f"has a certificate that this system does not trust: {error.verify_message}")
-            except ConnectionAbortedError as error:
-                self._disconnected(str(error))
             except (OSError, WebSocketException, asyncio.TimeoutError) as error:
                 self._disconnected(f"cannot be reached: {_reason(error)}; is it running?")
             finally:
@@ -183,7 +180,6 @@ class Viewer(Link):
         said = json.loads(message)
         with self._changed:
             if "state" in said:
-                self._check_device(said)
                 self._away, self._state, self._state_time = "", said, time.monotonic()
                 self._end_old_pictures()
                 self._send_orders()
@@ -197,15 +193,6 @@ class Viewer(Link):
         with self._changed:
             if self._state.get("state") != "linked":
                 self.pictures.link_ended()
-
-    def _check_device(self, state: dict[str, Any]) -> None:
-        """If the viewer's main link, which may be ours, is now for another device, ends the connection. The next one is
-        for our device again."""
-        if self._device and state["state"] == "linked" and state["identity"]:
-            names = {state["identity"], state["address"]}
-            if not self._names & names:
-                raise ConnectionAbortedError(f"has linked to {state['identity']} instead")
-            self._names |= names
 
 
 def _reason(error: Exception) -> str:
