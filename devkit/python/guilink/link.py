@@ -214,37 +214,22 @@ class Pictures:
 
     condition: threading.Condition  # the link's condition; it guards all members, and each new picture notifies it
     failure: Callable[[], Exception | None] = lambda: None  # returns why no more pictures will come, or None
+    number: int = 0  # of the newest picture; 0 if none has arrived
+    ended: int = 0   # number of the newest picture when a link last ended; pictures up to it may be out of date
+    returned_at: float = 0.0  # time.monotonic() of the first picture after a lost link; 0 if no link was lost
     _recent: deque[Picture] = field(default_factory=deque)
     _bytes: int = 0
-    _number: int = 0
-    _ended: int = 0
     _changed_at: float = 0.0
-    _returned_at: float = 0.0
     _listeners: list[Listener] = field(default_factory=list)
-
-    @property
-    def number(self) -> int:
-        """The number of the newest picture, or 0 if no picture has arrived."""
-        return self._number
-
-    @property
-    def ended(self) -> int:
-        """The number of the newest picture when a link last ended. Pictures up to this number may be out of date."""
-        return self._ended
-
-    @property
-    def returned_at(self) -> float:
-        """time.monotonic() of the first picture after a lost link; 0 if no link was lost."""
-        return self._returned_at
 
     @property
     def unchanged(self) -> float:
         """For how many seconds all pictures have been equal; 0 if none has arrived."""
-        return time.monotonic() - self._changed_at if self._number else 0.0
+        return time.monotonic() - self._changed_at if self.number else 0.0
 
     def link_ended(self) -> None:
         with self.condition:
-            self._ended = self._number
+            self.ended = self.number
 
     def add(self, payload: bytes) -> None:
         with self.condition:
@@ -254,10 +239,10 @@ class Pictures:
             else:
                 self._bytes += len(payload)
                 self._changed_at = time.monotonic()
-            if self._number == self._ended > 0:
-                self._returned_at = time.monotonic()
-            self._number += 1
-            picture = Picture(self._number, time.monotonic(), payload)
+            if self.number == self.ended > 0:
+                self.returned_at = time.monotonic()
+            self.number += 1
+            picture = Picture(self.number, time.monotonic(), payload)
             self._recent.append(picture)
             while len(self._recent) > 1 and (self._recent[0].time < picture.time - HISTORY
                                              or self._bytes > HISTORY_BYTES):
@@ -273,7 +258,7 @@ class Pictures:
         """Waits for a picture of the present link with a number above `than`. Returns the newest one, or None at the
         deadline."""
         with self.condition:
-            while self._number <= max(than, self._ended):
+            while self.number <= max(than, self.ended):
                 if failure := self.failure():
                     raise failure
                 if not self.condition.wait(max(0.0, deadline - time.monotonic())):

@@ -6,6 +6,7 @@ import base64
 import io
 import time
 from html import escape
+from itertools import groupby
 from typing import Iterable, Iterator, Sequence
 
 import numpy as np
@@ -134,17 +135,13 @@ def _is_news(event: Event) -> bool:
 def _joined(exchange: Iterable[Event]) -> Iterator[tuple[Event, str, int]]:
     """Combines equal consecutive events, because the drawing shows them as one arrow. Yields the first event, its
     label and the number of events."""
-    last: tuple[Event, str, int] | None = None
-    for event in exchange:
+    def label(event: Event) -> tuple[str, str, int]:
         text = describe(event.data) or "empty" if event.kind == "bytes" else event.kind
-        if last and (last[1], last[0].speaker, last[0].channel) == (text, event.speaker, event.channel):
-            last = last[0], text, last[2] + 1
-            continue
-        if last:
-            yield last
-        last = event, text, 1
-    if last:
-        yield last
+        return text, event.speaker, event.channel
+
+    for (text, _, _), group in groupby(exchange, label):
+        events = list(group)
+        yield events[0], text, len(events)
 
 
 def _drawing(exchange: Exchange, keep_alives: bool) -> str:

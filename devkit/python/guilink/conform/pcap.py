@@ -34,30 +34,23 @@ def _packets(event: Event, sent: dict[tuple[int, Address], int]) -> Iterator[byt
         header = struct.pack(">HHHH", event.source[1], event.target[1], 8 + len(event.data), 0)
         yield _ip(UDP, event.source, event.target, header + event.data)
     else:
-        mine, other = (event.channel, event.source), (event.channel, event.target)
-
-        def segment(flags: int, data: bytes = b"", length: int = 0) -> bytes:
-            here, there = sent.get(mine, 0), sent.get(other, 0)
-            sent[mine] = here + (length or len(data))
-            header = struct.pack(">HHIIBBHHH", event.source[1], event.target[1], here & 0xFFFFFFFF,
-                                 there & 0xFFFFFFFF, 5 << 4, flags, 0xFFFF, 0, 0)
-            return _ip(TCP, event.source, event.target, header + data)
+        def segment(flags: int, data: bytes = b"", length: int = 0, turned: bool = False) -> bytes:
+            source, target = (event.target, event.source) if turned else (event.source, event.target)
+            here, there = (sent.get((event.channel, end), 0) for end in (source, target))
+            sent[event.channel, source] = here + (length or len(data))
+            header = struct.pack(">HHIIBBHHH", source[1], target[1], here & 0xFFFFFFFF, there & 0xFFFFFFFF,
+                                 5 << 4, flags, 0xFFFF, 0, 0)
+            return _ip(TCP, source, target, header + data)
 
         if event.kind == "opened":
             yield segment(SYN, length=1)
-            sent[other] = 1
-            yield _turned(event, SYN | ACK)
+            yield segment(SYN | ACK, length=1, turned=True)
             yield segment(ACK)
         elif event.kind == "bytes":
             for start in range(0, len(event.data), SEGMENT):
                 yield segment(PSH | ACK, event.data[start:start + SEGMENT])
         else:
             yield segment(FIN | ACK if event.kind == "ended" else RST | ACK, length=event.kind == "ended")
-
-
-def _turned(event: Event, flags: int) -> bytes:
-    header = struct.pack(">HHIIBBHHH", event.target[1], event.source[1], 0, 1, 5 << 4, flags, 0xFFFF, 0, 0)
-    return _ip(TCP, event.target, event.source, header)
 
 
 def _ip(protocol: int, source: Address, target: Address, data: bytes) -> bytes:
