@@ -30,7 +30,9 @@ DRAWN = 0.6            # s; by then, a companion has surely seen its first image
 SETTLED = 50_000_000   # ns; a file that was last written longer ago has a new time if it is written again
 STARVED_POLL = 0.05    # s between two looks at how long the companion has waited for a processor
 SECOND = 1.0           # s; a companion must ignore its device's broadcasts for this long after the first image
-LINK_SILENCE = 3.0          # s; a companion closes the link if nothing arrives for this long
+LINK_SILENCE = 3.0     # s; a companion closes the link if nothing arrives for this long
+SILENT = 2.0           # s; a connection on which the kit does not answer stays silent for this long at least
+STARVED = 0.5          # s; a companion that has waited for a processor for this long meanwhile gets messages again
 
 
 @dataclass
@@ -228,18 +230,26 @@ class CompanionAttempt(Attempt):
             self.forbid("TIME-2", silent > MUST_GAP, f"no ControlMessage on the link for {silent:.1f} s, then its end")
         return not channel.ended
 
-    def must_show(self, rule: str, pixels: Pixels, what: str, channel: Channel | None = None) -> None:
+    def must_show(self, rule: str, pixels: Pixels, what: str, channel: Connection) -> None:
         """Waits until the companion shows the picture. If `channel` ends first, waits no longer."""
         if not self.shown:
             raise UntestableError("what the companion shows is unknown; use --picture")
-        self.loop.until(lambda: self.shows(pixels) or self.subject_ended() or channel and channel.ended)
+
+        def over() -> bool:
+            return self.shows(pixels) or self.subject_ended() or channel.ended
+
+        began = self.loop.clock()
+        if not channel.answering and not self.loop.until(over, SILENT):
+            # A later byte may help the companion to find the image, so it gets one only if it needs the time.
+            channel.answering = self.loop.clock() < began + SILENT - STARVED
+        self.loop.until(over)
         seen = self.shows(pixels) or self.loop.until(lambda: self.shows(pixels), GRACE)
         if seen:
             self._seen = pixels
             self.kept.add(rule)
             return
         image = self.shown.read()
-        if channel and channel.ended and (image is None or self._seen is not None and self.shows(self._seen)):
+        if channel.ended and (image is None or self._seen is not None and self.shows(self._seen)):
             self.fail(rule, f"{what}: the companion closes the connection")
         if image is None:
             self.fail(rule, f"{what}: no picture is shown")

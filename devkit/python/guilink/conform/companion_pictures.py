@@ -15,7 +15,7 @@ from guilink.wire import MessageType, frame
 
 MEMORY = 1 << 29  # bytes of memory that a companion may use for a picture
 RESERVED = 1 << 31  # bytes of memory that it may reserve without using them
-GROUP = 3   # number of damaged images for each keep-alive
+GROUP = 4   # number of damaged images for each keep-alive
 PACE = 0.2  # s between two of them
 AGAIN = 40  # how often the device sends all damaged images at once
 
@@ -134,17 +134,7 @@ NO_SCREEN = {
 @case("companion", "PICT-5", "LINK-10", needs=SHOWN)
 def damaged_images(attempt: CompanionAttempt) -> None:
     """The device sends damaged images between good ones; the companion must show only the good ones."""
-    try:
-        channel = must_drop(attempt, "PICT-5", DAMAGED, GROUP)
-    except RuleBrokenError as error:
-        if error.fault.rule == "PICT-5":
-            attempt.device.connections[-1].close()
-            try:
-                must_drop(attempt, "PICT-5", DAMAGED)  # finds out which image is to blame
-            except RuleBrokenError as exact:
-                if exact.fault.rule == "PICT-5":
-                    raise
-        raise
+    channel = must_drop(attempt, "PICT-5", DAMAGED)
     used, good = attempt.subject.peak_memory(), attempt.picture()
     payloads = [*DAMAGED.values()] * AGAIN + [encode(good)]
     channel.send(b"".join(frame(MessageType.IMAGE, payload) for payload in payloads))
@@ -162,7 +152,22 @@ def images_of_no_screen(attempt: CompanionAttempt) -> None:
     must_drop(attempt, "PICT-6", NO_SCREEN)
 
 
-def must_drop(attempt: CompanionAttempt, rule: str, payloads: dict[str, bytes], group: int = 1) -> Connection:
+def must_drop(attempt: CompanionAttempt, rule: str, payloads: dict[str, bytes]) -> Connection:
+    """Sends the payloads in groups. If the companion breaks the rule, finds out which payload is to blame."""
+    try:
+        return drops_all(attempt, rule, payloads, GROUP)
+    except RuleBrokenError as error:
+        if error.fault.rule == rule and not attempt.final:
+            attempt.device.connections[-1].close()
+            try:
+                drops_all(attempt, rule, payloads, 1)
+            except RuleBrokenError as exact:
+                if exact.fault.rule == rule:
+                    raise
+        raise
+
+
+def drops_all(attempt: CompanionAttempt, rule: str, payloads: dict[str, bytes], group: int) -> Connection:
     """Sends a good image, all the payloads, another good image, and all the payloads again. The companion must show
     the good images only. Waits for a keep-alive behind each `group` of payloads. Returns the connection."""
     channel = attempt.candidate()

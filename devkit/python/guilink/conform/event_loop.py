@@ -171,6 +171,7 @@ class Channel:
         self._sent = FrameReader()
         self._sending, self._behind = False, bytearray()
         self.loop, self._socket, self._closed = loop, connected, False
+        self.sent_at = time.monotonic()
         self.stall = loop.patience  # s; if the subject reads nothing for this long, `send` fails
         connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -261,6 +262,7 @@ class Channel:
         if self.over is not None:
             return False
         if data:
+            self.sent_at = time.monotonic()
             self._log(KIT, "bytes", data)
             if any(each.type == MessageType.IMAGE for each in self._sent.feed(data)) and self.linked is None:
                 self.linked = self.loop.clock()

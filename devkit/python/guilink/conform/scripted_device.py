@@ -16,6 +16,7 @@ from guilink.wire import Message, MessageType, frame
 
 BROADCAST_INTERVAL = 0.25  # s between two broadcasts, until the companion answers
 REPEAT = 0.5           # s; an image is sent again after this time
+QUIET = 1.0            # s; a link on which the kit has sent nothing for this long gets a message, to keep it alive
 SEND_BUFFER = 1 << 20  # bytes; SO_SNDBUF, as on a real device
 DATA_SEGMENTS_IN = 152  # bytes before tcpi_data_segs_in in Linux's struct tcp_info
 SURELY_SPLIT = 5  # number of split frames
@@ -40,6 +41,11 @@ class Connection(Channel):
         self._requests = 0
         self._unanswered: list[bool] = []  # for each IdentityRequest: whether its answer permits presses
         self._attempt, self._device = attempt, device
+        self.loop.every(QUIET, self._keep_alive)
+
+    def _keep_alive(self) -> None:
+        if self.answering and self.linked and self.over is None and time.monotonic() > self.sent_at + QUIET:
+            self.send(frame(MessageType.IDENTITY, self._device.identity))
 
     def receive(self) -> None:
         self._may_press = self._permitted  # an answer to these messages cannot have arrived before them
