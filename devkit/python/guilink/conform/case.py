@@ -59,6 +59,20 @@ def case(side: str, *rules: str, gentle: bool = True, needs: tuple[str, ...] = (
     return register
 
 
+class Subject:
+    """The companion or device under test. A device is no process of the kit's, so nothing of this concerns it."""
+
+    def stop(self) -> None:
+        """Ends its process. The next attempt starts it afresh."""
+
+    def crash(self) -> Fault | None:
+        """Returns a fault if it has ended by itself since it was started."""
+        return None
+
+    def last_output(self) -> str:
+        return ""
+
+
 class Attempt:
     """One attempt to run one case. Records which rules were kept and broken."""
 

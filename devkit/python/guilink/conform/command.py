@@ -6,11 +6,11 @@ import os
 import shlex
 import sys
 from pathlib import Path
-from typing import Any, Sequence
+from typing import Any, Callable, Sequence
 
 from guilink.conform import (companion_discovery, companion_frames, companion_link,  # noqa: F401  registers the cases
                              companion_pictures, companion_plain, device_link, device_stream, private_network)
-from guilink.conform.case import Result
+from guilink.conform.case import Attempt, Subject
 from guilink.conform.companion_attempt import Shown, CompanionAttempt
 from guilink.conform.companion_process import CompanionProcess
 from guilink.conform.device_attempt import DeviceAttempt, Wanted
@@ -20,7 +20,6 @@ from guilink.conform.html import write_html
 from guilink.conform.pcap import capture
 from guilink.conform.report import as_json, listing, summary, write_json, write_junit
 from guilink.conform.rules import RULES
-from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
 from guilink.recording import check_writable
 
@@ -64,40 +63,6 @@ def add_options(parser: argparse.ArgumentParser) -> None:
     golden.set_defaults(run=lambda options: ({"files": write_golden(Path(options.folder))}, ""), json=False)
 
 
-class CompanionSubject:
-    def __init__(self, process: CompanionProcess, shown: Shown, press: Sequence[str]):
-        self.process, self.shown, self.press = process, shown, press
-
-    def attempt(self, loop: EventLoop) -> CompanionAttempt:
-        return CompanionAttempt(loop, self.process, self.shown, self.press)
-
-    def restart(self) -> None:
-        self.process.stop()
-
-    def crash(self) -> Fault | None:
-        return self.process.crash()
-
-    def output(self) -> str:
-        return self.process.last_output()
-
-
-class DeviceSubject:
-    def __init__(self, wanted: Wanted):
-        self.wanted = wanted
-
-    def attempt(self, loop: EventLoop) -> DeviceAttempt:
-        return DeviceAttempt(loop, self.wanted)
-
-    def restart(self) -> None:
-        pass
-
-    def crash(self) -> None:
-        return None
-
-    def output(self) -> str:
-        return ""
-
-
 def conform_companion(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     if options.list:
         return {}, listing("companion")
@@ -110,7 +75,8 @@ def conform_companion(options: argparse.Namespace) -> tuple[dict[str, Any], str]
         looking = [*network.within, *shlex.split(options.picture_from)] if options.picture_from else []
         shown = Shown(Path(options.picture) if options.picture else None, looking)
         pressing = [*network.within, *shlex.split(options.press)] if options.press else []
-        return conform("companion", options, CompanionSubject(process, shown, pressing), False)
+        return conform("companion", options, process,
+                       lambda loop: CompanionAttempt(loop, process, shown, pressing))
     finally:
         process.stop()
         network.close()
@@ -120,22 +86,20 @@ def conform_device(options: argparse.Namespace) -> tuple[dict[str, Any], str]:
     if options.list:
         return {}, listing("device")
     wanted = Wanted(options.identity, log=Path(options.log) if options.log else None)
-    return conform("device", options, DeviceSubject(wanted), options.gentle)
+    return conform("device", options, wanted, lambda loop: DeviceAttempt(loop, wanted))
 
 
-def conform(side: str, options: argparse.Namespace, subject: CompanionSubject | DeviceSubject,
-            gentle: bool) -> tuple[dict[str, Any], str]:
+def conform(side: str, options: argparse.Namespace, subject: Subject,
+            attempt: Callable[[EventLoop], Attempt]) -> tuple[dict[str, Any], str]:
     for path in (options.report, options.junit, options.html, getattr(options, "picture", None)):
         if path:
             check_writable(path)
-    cases = select(side, options.names, options.rules, gentle)
+    cases = select(side, options.names, options.rules, getattr(options, "gentle", False))
     if not cases:
         raise ValueError(f"no case is selected; guilink conform {side} --list lists them")
-    quiet = options.json
-    whole = run(side, cases, subject, Options(
+    whole = run(side, cases, subject, attempt, Options(
         options.patience, options.attempts, read_baseline(options.baseline), options.fail_fast,
-        tell=lambda text: None if quiet else print(text, flush=True),
-        begin=lambda text: None if quiet else print(text, end="", flush=True)))
+        tell=lambda text, end="\n": None if options.json else print(text, end=end, flush=True)))
     write_reports(whole, options, repeated(options))
     result = as_json(whole, repeated(options))
     result["status"] = 128 + whole.signal if whole.signal else int(whole.failed())
@@ -165,8 +129,4 @@ def write_reports(whole: Run, options: argparse.Namespace, arguments: Sequence[s
     if options.captures:
         os.makedirs(options.captures, exist_ok=True)
         for result in whole.results:
-            write_capture(Path(options.captures), result)
-
-
-def write_capture(folder: Path, result: Result) -> None:
-    (folder / f"{result.case.name}.pcap").write_bytes(capture(result.exchange))
+            (Path(options.captures) / f"{result.case.name}.pcap").write_bytes(capture(result.exchange))

@@ -8,6 +8,7 @@ import threading
 from pathlib import Path
 from typing import IO, Sequence
 
+from guilink.conform.case import Subject
 from guilink.conform.strict import Fault
 
 LAST_OUTPUT = 4000       # bytes; a report shows this much of the end of the companion's output
@@ -16,7 +17,7 @@ ASKED_TO_END = 2.0      # s between SIGTERM and SIGKILL
 OUTPUT_DELAY = 0.5      # s; how long to wait for the last output of a companion that has ended
 
 
-class CompanionProcess:
+class CompanionProcess(Subject):
     def __init__(self, command: Sequence[str], within: Sequence[str], network: int):
         """`within` is the command that runs another one in the companion's network namespace, which process `network`
         keeps open."""
@@ -56,7 +57,6 @@ class CompanionProcess:
         return self.status is None
 
     def crash(self) -> Fault | None:
-        """Returns a fault if the companion has ended by itself."""
         if self._process is None or self.alive():
             return None
         lines = " / ".join(self.last_output().strip().splitlines()[-LAST_LINES:])

@@ -6,7 +6,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from guilink.conform.case import Attempt, UntestableError
+from guilink.conform.case import Attempt, Subject, UntestableError
 from guilink.conform.rules import IN_EVERY_CASE
 from guilink.conform.event_loop import Channel, Datagram, EventLoop, UdpSocket
 from guilink.conform.strict import Fault, StrictReader
@@ -22,7 +22,7 @@ UDP_HEADER = 8         # bytes
 
 
 @dataclass
-class Wanted:
+class Wanted(Subject):
     """The device under test. `name` is its identity or address. Without a name, the first device that broadcasts is
     tested."""
 

@@ -4,10 +4,10 @@ from __future__ import annotations
 import signal
 import time
 from dataclasses import dataclass, field
-from typing import Callable, Protocol, Sequence
+from typing import Callable, Sequence
 
 from guilink.conform.case import (CASES, EXPECTED, FAILED, PASSED, RESTARTED, UNTESTABLE, WARNED, Attempt, Case,
-                                  Result, run_once)
+                                  Result, Subject, run_once)
 from guilink.conform.rules import NEEDS, NO_CASE, RULES
 from guilink.conform.strict import Fault
 from guilink.conform.event_loop import EventLoop
@@ -19,28 +19,13 @@ MOST_BYTES = 64  # a line shows this many bytes of a message
 NOT_RUN = "no case was run"
 
 
-class Subject(Protocol):
-    """The companion or device under test."""
-
-    def attempt(self, loop: EventLoop) -> Attempt: ...
-
-    def restart(self) -> None:
-        """Starts the subject afresh, if it is a process."""
-
-    def crash(self) -> Fault | None:
-        """Returns a fault if the subject has crashed since it was started."""
-
-    def output(self) -> str: ...
-
-
 @dataclass
 class Options:
     patience: float = 8.0
     attempts: int = 3
     baseline: frozenset[str] = frozenset()
     fail_fast: bool = False
-    tell: Callable[[str], None] = print
-    begin: Callable[[str], None] = lambda text: None
+    tell: Callable[..., None] = print
 
 
 @dataclass
@@ -90,11 +75,12 @@ def select(side: str, names: Sequence[str], rules: Sequence[str], gentle: bool) 
     return [case for case in CASES[side] if case in found or case.name in needed]
 
 
-def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) -> Run:
-    """Runs the cases. If Ctrl-C or a signal ends the run, returns the results so far."""
+def run(side: str, cases: Sequence[Case], subject: Subject, attempt: Callable[[EventLoop], Attempt],
+        options: Options) -> Run:
+    """Runs each case in an `attempt` of its own. If Ctrl-C or a signal ends the run, returns the results so far."""
     whole = Run(side)
     try:
-        run_cases(whole, cases, subject, options)
+        run_cases(whole, cases, subject, attempt, options)
         note_late_crash(whole, subject, options)
     except KeyboardInterrupt as error:
         options.tell("interrupted")
@@ -102,21 +88,23 @@ def run(side: str, cases: Sequence[Case], subject: Subject, options: Options) ->
     return whole
 
 
-def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, options: Options) -> None:
+def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, attempt: Callable[[EventLoop], Attempt],
+              options: Options) -> None:
     failed: dict[str, str] = {}  # the rule that each failed case found broken
     end = time.monotonic() + LIMIT
     for number, case in enumerate(cases, 1):
         note_late_crash(whole, subject, options)
         if options.fail_fast and whole.failed():
             break
-        options.begin(f"[{number:2}/{len(cases)}] {case.name} ")
+        options.tell(f"[{number:2}/{len(cases)}] {case.name} ", end="")
         if lacking := [name for name in case.needs if name in failed]:
             result = Result(case, UNTESTABLE, reason=f"not run: {lacking[0]} has failed ({failed[lacking[0]]})")
         elif failed and time.monotonic() > end:
             result = Result(case, UNTESTABLE, reason=f"not run: the failures have taken {LIMIT} s")
         else:
             try:
-                result = run_attempts(case, subject, options, {r.fault.rule for r in whole.results if r.fault})
+                broken = {each.fault.rule for each in whole.results if each.fault}
+                result = run_attempts(case, subject, attempt, options, broken)
             except (ValueError, GuilinkError):
                 options.tell("error")
                 raise
@@ -132,25 +120,27 @@ def note_late_crash(whole: Run, subject: Subject, options: Options) -> None:
     """If the subject has crashed after its last case, this case fails."""
     if whole.results and (crash := subject.crash()):
         result = whole.results[-1]
-        result.verdict, result.fault, result.final, result.output = FAILED, crash, True, subject.output()
+        result.verdict, result.fault, result.final = FAILED, crash, True
+        result.output = subject.last_output()
         options.tell(f"        after {result.case.name}: {line(result)}")
-        subject.restart()
+        subject.stop()
 
 
-def run_attempts(case: Case, subject: Subject, options: Options, broken: set[str]) -> Result:
+def run_attempts(case: Case, subject: Subject, begin: Callable[[EventLoop], Attempt], options: Options,
+                 broken: set[str]) -> Result:
     """Runs a case. If it fails, runs it again, because a busy machine may have caused the failure. Starts the subject
     afresh only from attempt RESTART on, because a fault that a restart cures is a fault. Never forgives a crash, and
     does not try again what breaks one of the rules that are known to be broken."""
     failed: Result | None = None
     for attempt in range(1, options.attempts + 1):
         if attempt >= RESTART or case.fresh:
-            subject.restart()
+            subject.stop()
         loop = EventLoop(options.patience)
         try:
-            result = run_once(case, subject.attempt(loop))
+            result = run_once(case, begin(loop))
         finally:
             loop.close()
-        result.attempts, result.output = attempt, subject.output()
+        result.attempts, result.output = attempt, subject.last_output()
         if result.verdict not in (FAILED, WARNED):
             if failed is None or attempt < RESTART:
                 result.earlier = f"{failed.fault.rule}: {failed.fault.text}" if failed and failed.fault else ""
@@ -160,7 +150,7 @@ def run_attempts(case: Case, subject: Subject, options: Options, broken: set[str
         if result.final or result.fault and result.fault.rule in broken:
             break
         failed = failed or result
-    subject.restart()
+    subject.stop()
     return result
 
 
