@@ -13,7 +13,7 @@ from typing import Sequence
 
 from guilink.connection import READY_REQUESTS, Connection
 from guilink.discovery import MAX_AT_ONCE, Broadcast
-from guilink.link import HeardDevice, Link, LinkStatus
+from guilink.link import HeardDevice, Link, LinkStatus, Order
 from guilink.ports import LINK_PORT, Ports, Wish
 from guilink.wire import Identity, Message, MessageType
 
@@ -72,6 +72,15 @@ class Companion(Link):
 
     def devices(self) -> list[HeardDevice]:
         return self._ports.devices()
+
+    @property
+    def connected(self) -> bool:
+        """Whether the device has connected, even if nothing shows yet that this connection is the link."""
+        return self._connection is not None
+
+    def ask(self, deadline: float) -> None:
+        """Waits until the device has handled everything that was sent before. Raises like `press`."""
+        self._deliver(Order("ask", ""), deadline)
 
     def _ready(self) -> bool:
         return self._status.linked and bool(self._status.identity)
@@ -255,7 +264,7 @@ class Companion(Link):
                 if not order.request:
                     if isinstance(order.value, int):
                         connection.send(MessageType.BUTTON, bytes([order.value]))
-                    else:
+                    elif order.name == "text":
                         connection.send(MessageType.DATA, order.value.encode())
                     connection.send(MessageType.IDENTITY_REQUEST)
                     order.request = connection.asked

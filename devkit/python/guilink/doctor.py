@@ -5,25 +5,23 @@ from __future__ import annotations
 import argparse
 import ipaddress
 import json
-import select
 import socket
 import struct
 import subprocess
 import time
+from contextlib import closing
 from typing import Any, Callable
 
 from guilink import check_arguments
-from guilink.companion import KEEP_ALIVE
-from guilink.connection import Connection
-from guilink.discovery import DISCOVERY_PORT, Broadcast, Discovery
-from guilink.link import HeardDevice, LinkError
+from guilink.companion import LINK_SILENCE, Companion
+from guilink.discovery import DISCOVERY_PORT
+from guilink.link import HeardDevice, LinkError, PortsTakenError
 from guilink.picture import DamagedPictureError, decode
 from guilink.ports import LINK_PORT
-from guilink.wire import Identity, Message, MessageType
 
 LIMIT = 8.0          # s to wait for a connection, an answer or an image
 BROADCASTS = 4.0     # s to wait for a broadcast; a device broadcasts once a second
-ANSWERED = 3         # number of broadcasts that are answered before the doctor gives up
+NOBODY = "nobody"    # no device has this identity, because an identity has 5 characters
 IMAGES = 3.0         # s during which images are counted
 SLOW = 1.0           # s; a slower answer counts as a fault, because a healthy network needs milliseconds
 JUMP = 0.5           # s; if the system clock and the monotonic clock drift apart by more, someone has set the clock
@@ -67,68 +65,6 @@ class Sniffer:
         return self.seen
 
 
-class Network:
-    """The ports of a companion. Receives the broadcasts of the wanted device, and its connection."""
-
-    def __init__(self, wanted: str | None):
-        self.broadcasts: list[Broadcast] = []  # those of the wanted device
-        self.connection: Connection | None = None
-        self.messages: list[tuple[float, Message]] = []
-        self._wanted = wanted
-        self.discovery = Discovery()
-        try:
-            self._listener = socket.create_server(("", LINK_PORT))
-        except OSError as error:
-            self.discovery.close()
-            raise LinkError(f"cannot listen on TCP port {LINK_PORT}: {error.strerror}") from error
-        self._next_send = 0.0
-
-    def close(self) -> None:
-        self.discovery.close()
-        self._listener.close()
-        if self.connection:
-            self.connection.close()
-
-    def until(self, condition: Callable[[], object], seconds: float = LIMIT) -> bool:
-        """Receives and sends until the condition holds. Returns False if `seconds` pass first."""
-        end = time.monotonic() + seconds
-        while not condition():
-            if time.monotonic() >= end:
-                return False
-            self._serve()
-        return True
-
-    def count(self, kind: MessageType) -> int:
-        return sum(message.type == kind for _, message in self.messages)
-
-    def _serve(self) -> None:
-        link = self.connection if self.connection and not self.connection.ended else None
-        ready = select.select([self.discovery, self._listener, *([link] if link else [])], [], [], POLL)[0]
-        if self.discovery in ready:
-            for each in self.discovery.receive():
-                if self._wanted in (None, each.device.identity, each.device.address):
-                    self._wanted = self._wanted or each.device.address
-                    self.broadcasts.append(each)
-        if self._listener in ready:
-            connected, (address, _) = self._listener.accept()
-            if self.connection or not self.broadcasts or address != self.broadcasts[-1].device.address:
-                connected.close()
-            else:
-                device = self.broadcasts[-1].device
-                self.connection = Connection(connected, address, Identity(device.identity, device.firmware))
-                self.connection.send(MessageType.CONNECT_REQUEST)
-        if link:
-            if link in ready:
-                for message in link.receive():
-                    link.note(message)
-                    self.messages.append((time.monotonic(), message))
-            if time.monotonic() >= self._next_send:
-                self._next_send = time.monotonic() + KEEP_ALIVE
-                link.send(MessageType.CONNECT_REQUEST)
-                link.send(MessageType.CONTROL)
-            link.flush()
-
-
 class Doctor:
     def __init__(self, options: argparse.Namespace):
         self.findings: list[dict[str, str]] = []
@@ -141,24 +77,22 @@ class Doctor:
         subnets = own_subnets()
         self._note("network", ", ".join(map(str, subnets)))
         try:
-            network = Network(self._options.device)
-        except LinkError as error:
+            with closing(Companion(NOBODY)) as listener:
+                self._note("ports", f"UDP {DISCOVERY_PORT} and TCP {LINK_PORT} are free")
+                device = self._find(listener, subnets)
+            self._note("broadcasts", str(device))
+            with closing(Companion(device.address)) as link:
+                self._connect(link)
+                self._note("connection", "the device has connected")
+                until(lambda: link.status().linked or not link.connected)
+                self._ask(link.ask, "requests", "right after it connected")
+                self._look(link)
+                self._ask(link.ask, "requests while images arrive", "while it showed images")
+                if (button := self._options.press) is not None:
+                    self._ask(lambda end: link.press(button, end), f"button {button}", "at a press")
+        except PortsTakenError as error:
             raise DiagnosisError(str(error).split(";")[0], "another companion or viewer runs on this computer",
                                  "end it, or share the viewer's link") from error
-        self._note("ports", f"UDP {DISCOVERY_PORT} and TCP {LINK_PORT} are free")
-        try:
-            device = self._find(network, subnets)
-            self._note("broadcasts", str(device))
-            link = self._connect(network)
-            self._note("connection", "the device has connected")
-            self._ask(network, link, "requests", "right after it connected")
-            self._look(network, link)
-            self._ask(network, link, "requests while images arrive", "while it showed images")
-            if self._options.press is not None:
-                link.send(MessageType.BUTTON, bytes([self._options.press]))
-                self._ask(network, link, f"button {self._options.press}", "at a press")
-        finally:
-            network.close()
         if abs(moved := time.time() - time.monotonic() - clock) > JUMP:
             raise DiagnosisError(f"the clock of this computer was set by {moved:.1f} s", "a time service, or a user",
                                  "let the companion measure time with a monotonic clock")
@@ -168,11 +102,16 @@ class Doctor:
         if not self._options.json:
             print(f"ok      {step}: {text}", flush=True)
 
-    def _find(self, network: Network, subnets: list[ipaddress.IPv4Interface]) -> HeardDevice:
+    def _find(self, listener: Companion, subnets: list[ipaddress.IPv4Interface]) -> HeardDevice:
         """Waits for a broadcast of the wanted device, and returns the device."""
-        if not network.until(lambda: self._sniffer.look() and False or network.broadcasts, BROADCASTS):
-            wanted = self._options.device
-            if others := network.discovery.devices():
+        wanted = self._options.device
+
+        def heard() -> list[HeardDevice]:
+            self._sniffer.look()
+            return [each for each in listener.devices() if wanted in (None, each.identity, each.address)]
+
+        if not until(heard, BROADCASTS):
+            if others := listener.devices():
                 raise DiagnosisError(f"device {wanted} is not heard, only "
                                      + ", ".join(sorted({each.address for each in others})),
                                      "another identity or address", "name one of those, or none")
@@ -186,23 +125,19 @@ class Doctor:
             raise DiagnosisError("no broadcast is heard", "the device is off, in another network, or linked to "
                                  f"another companion{why}",
                                  f"look at the device; end other companions; open UDP port {DISCOVERY_PORT}")
-        device = network.broadcasts[-1].device
+        device = heard()[0]
         if not any(ipaddress.IPv4Address(device.address) in each.network for each in subnets):
             raise DiagnosisError(f"the device at {device.address} is in none of this computer's subnets",
                                  "a wrong address or netmask here or there",
                                  f"give this computer an address near {device.address}")
         return device
 
-    def _connect(self, network: Network) -> Connection:
+    def _connect(self, link: Companion) -> None:
         """Answers broadcasts until the device connects."""
-        for _ in range(ANSWERED):
-            heard = len(network.broadcasts)
-            network.discovery.answer(network.broadcasts[-1].sender)
-            network.until(lambda: network.connection or len(network.broadcasts) > heard)
-            if network.connection:
-                return network.connection
-        before = len(network.broadcasts)
-        again = network.until(lambda: len(network.broadcasts) > before, BROADCASTS)
+        if until(lambda: self._sniffer.look() and False or link.connected):
+            return
+        before = time.monotonic()
+        again = until(lambda: any(each.heard > before for each in link.devices()), BROADCASTS)
         if ("tcp", LINK_PORT) in self._sniffer.look():
             raise DiagnosisError("connections arrive, and this computer drops them", "a firewall on this computer",
                                  f"open TCP port {LINK_PORT}")
@@ -213,43 +148,46 @@ class Doctor:
         raise DiagnosisError("the device has stopped broadcasting and has not connected here",
                              "another companion has answered first, or the device is down", "end the other companion")
 
-    def _ask(self, network: Network, link: Connection, step: str, when: str) -> None:
-        """Sends an IdentityRequest. Its answer proves that the device has read everything that was sent before."""
+    def _ask(self, deliver: Callable[[float], object], step: str, when: str) -> None:
+        """Sends the device something that it must answer."""
         began = time.monotonic()
-        link.send(MessageType.IDENTITY_REQUEST)
-        network.until(lambda: link.ended or link.answered >= link.asked)
-        check_link(link, when)
-        if link.answered < link.asked:
+        try:
+            deliver(began + LIMIT)
+        except LinkError as error:
+            if time.monotonic() < began + LINK_SILENCE:
+                raise closed(when) from error
             raise DiagnosisError("the device does not answer", "the device or its network is down",
-                                 "look at the device's cable")
+                                 "look at the device's cable") from error
         trip = time.monotonic() - began
         self._note(step, f"answered within {trip * 1000:.0f} ms")
         if trip > SLOW:
             raise DiagnosisError(f"the device needs {trip:.1f} s to answer", "a slow network, or a busy computer",
                                  "use a cable; look for what loads the network")
 
-    def _look(self, network: Network, link: Connection) -> None:
+    def _look(self, link: Companion) -> None:
         """Checks the first image, and how often images arrive."""
-        network.until(lambda: link.ended or link.image_seen)
-        check_link(link, "before it showed an image")
-        if not link.image_seen:
+        until(lambda: link.pictures.number or not link.connected)
+        if not link.pictures.number:
+            if not link.connected:
+                raise closed("before it showed an image")
             raise DiagnosisError("the link is up, and no image comes", "the device's core has drawn nothing, or draws "
                                  "too many colours for a frame", "start the GUI on the device")
-        images = [message.payload for _, message in network.messages if message.type == MessageType.IMAGE]
         try:
-            height, width = decode(images[-1]).shape
+            height, width = decode(link.pictures.recent()[-1].payload).shape
         except DamagedPictureError as error:
             raise DiagnosisError(f"the device sends a damaged image: {error}", "a fault in the device",
                                  "prove it with `guilink conform device`") from error
         self._note("image", f"{width} x {height} pixels")
-        network.until(lambda: link.ended, IMAGES)
-        check_link(link, "while it showed images")
-        times = [when for when, message in network.messages if message.type == MessageType.IMAGE] + [time.monotonic()]
+        began = time.monotonic()
+        ended = until(lambda: not link.connected, IMAGES)
+        times = [began, *(each.time for each in link.pictures.recent() if each.time > began), time.monotonic()]
         gap = max(after - before for before, after in zip(times, times[1:]))
         if gap > 2 * SLOW:
             raise DiagnosisError(f"no image for {gap:.1f} s", "the device is down, or the network loses packets",
                                  "look at the cable; use a cable instead of radio")
-        self._note("rate", f"{(len(times) - 1) / IMAGES:.1f} images a second, {gap:.2f} s between two at most")
+        if ended:
+            raise closed("while it showed images")
+        self._note("rate", f"{(len(times) - 2) / IMAGES:.1f} images a second, {gap:.2f} s between two at most")
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
@@ -297,7 +235,16 @@ def refused_at(address: str) -> bool:
     return False
 
 
-def check_link(link: Connection, when: str) -> None:
-    if link.ended:
-        raise DiagnosisError(f"the device has closed the link {when}", "it was switched off, restarted, or has got a "
-                             "new identity", "try again; look at the device's log")
+def until(condition: Callable[[], object], seconds: float = LIMIT) -> bool:
+    """Waits until the condition holds. Returns False if `seconds` pass first."""
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() >= end:
+            return False
+        time.sleep(POLL)
+    return True
+
+
+def closed(when: str) -> DiagnosisError:
+    return DiagnosisError(f"the device has closed the link {when}", "it was switched off, restarted, or has got a new "
+                          "identity", "try again; look at the device's log")

@@ -76,9 +76,9 @@ Listener = Callable[[Picture], None]  # is called on the link's thread, so it mu
 
 @dataclass(eq=False)
 class Order:
-    """A press or a text for the device, or a lock, which only a viewer can grant."""
+    """A press, a text or a question for the device, or a lock, which only a viewer can grant."""
 
-    name: str             # "press", "text" or "hold", as in the viewer's messages
+    name: str             # "press", "text" or "hold", as in the viewer's messages, or "ask"
     value: int | str      # the number of the button, the text, or the lock's seconds
     request: int = 0      # number of the request whose answer will confirm this order; 0 until the order is sent
     number: int = 0       # number of the newest picture at the time of the confirmation
