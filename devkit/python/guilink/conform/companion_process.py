@@ -27,6 +27,7 @@ class CompanionProcess(Subject):
         self._holder = network
         self._waited: dict[Path, int] = {}  # ns that each thread has waited for a processor
         self._output = bytearray()
+        self._missed: Fault | None = None  # a crash that nobody had noticed when the companion was started afresh
         self.status: int | None = None  # exit status, if the companion ended by itself
         self.has_answered = False       # whether it has answered any broadcast since the kit started
         self.greeted = 0                # connections on which it has sent a ConnectRequest since it started
@@ -35,6 +36,7 @@ class CompanionProcess(Subject):
         """Starts the companion unless it is running. Returns whether this call started it."""
         if self.alive():
             return False
+        self._missed = self.crash()
         self.stop()
         self._output.clear()
         self.status, self.greeted = None, 0
@@ -57,6 +59,9 @@ class CompanionProcess(Subject):
         return self.status is None
 
     def crash(self) -> Fault | None:
+        if missed := self._missed:
+            self._missed = None
+            return missed
         if self._process is None or self.alive():
             return None
         lines = " / ".join(self.last_output().strip().splitlines()[-LAST_LINES:])
@@ -109,7 +114,6 @@ class CompanionProcess(Subject):
         return sum(_peak(pid, name) for pid in _family(self._process.pid)) if self._process else 0
 
     def end(self) -> str:
-        """Returns how the companion ended, in words."""
         number = self.status or 0
         return f"signal {-number}" if number < 0 else f"status {number}"
 
