@@ -1,18 +1,18 @@
 """Implements a companion: answers a device's broadcast, waits until the device connects, and keeps the link alive.
 
-If the link is lost, the companion waits for the same device. It works on a thread of its own. Any thread may call
+If the link is lost, the companion waits for the same device. It works on the thread of the ports. Any thread may call
 its methods. "Becoming the link" and "Staying linked" in docs/link-protocol.md describe the rules.
 """
 from __future__ import annotations
 
-import selectors
+import math
 import socket
 import time
 from collections import deque
 from typing import Sequence
 
 from guilink.connection import READY_REQUESTS, Connection
-from guilink.discovery import MAX_AT_ONCE, Broadcast
+from guilink.discovery import Broadcast
 from guilink.link import HeardDevice, Link, LinkStatus, Order
 from guilink.ports import LINK_PORT, Ports, Wish
 from guilink.wire import Identity, Message, MessageType
@@ -33,8 +33,8 @@ class Companion(Link):
     `device` is the identity or the address of the wanted device; the companion then answers no other device. Without
     `device`, the companion answers a device once no other device has broadcast for long enough.
 
-    A process may have many companions, one for each device. They share the ports of the computer, and each works on a
-    thread of its own. A companion leaves alone the devices that the other companions have chosen.
+    A process may have many companions, one for each device. They share the ports of the computer. A companion leaves
+    alone the devices that the other companions have chosen.
     """
 
     def __init__(self, device: str | None = None):
@@ -45,24 +45,12 @@ class Companion(Link):
         self._linked_to: LinkStatus | None = None  # the most recently linked device, or None
         self._several: tuple[HeardDevice, ...] = ()  # the broadcasting devices, if the caller must choose one
         self._answered: dict[str, Identity] = {}   # the devices that the companion has answered, by address
-        self.wish = Wish(device or "")  # read by the ports
-        # Written by the ports, and read by the companion's thread.
-        self._broadcasts: deque[Broadcast] = deque(maxlen=MAX_AT_ONCE)
-        self._connected: deque[tuple[socket.socket, str]] = deque()
-        # Used only by the companion's thread.
-        self._connection: Connection | None = None
+        # Used only by the thread of the ports, or after it has let go of this companion.
+        self.wish = Wish(device or "")
+        self.connection: Connection | None = None
+        self._waiting: deque[tuple[socket.socket, str]] = deque()  # further connections
         self._next_send = 0.0
-
-        self._wake_receiver, self._wake_sender = socket.socketpair()
-        self._wake_receiver.setblocking(False)
-        self._wake_sender.setblocking(False)
-        try:
-            self._ports = Ports.join(self)
-        except BaseException:
-            self._wake_receiver.close()
-            self._wake_sender.close()
-            raise
-        self._thread.start()
+        self._ports = Ports.join(self)
 
     # --- called from any thread --------------------------------------------------------------------
 
@@ -76,7 +64,7 @@ class Companion(Link):
     @property
     def connected(self) -> bool:
         """Whether the device has connected, even if nothing shows yet that this connection is the link."""
-        return self._connection is not None
+        return self.connection is not None
 
     def ask(self, deadline: float) -> None:
         """Waits until the device has handled everything that was sent before. Raises like `press`."""
@@ -103,16 +91,14 @@ class Companion(Link):
                 "UDP port 3152 open in this machine's firewall?")
 
     def _wake(self) -> None:
-        try:
-            self._wake_sender.send(b"\0")
-        except OSError:  # the socket is closed, or full; if it is full, the thread will wake anyway
-            pass
+        self._ports.wake()
+
+    def close(self) -> None:
+        super().close()
+        self._ports.leave(self)
+        self._close_connections()
 
     # --- on the thread of the ports -----------------------------------------------------------------
-
-    def on_broadcast(self, broadcast: Broadcast) -> None:
-        self._broadcasts.append(broadcast)
-        self._wake()
 
     def on_several(self, devices: tuple[HeardDevice, ...]) -> None:
         with self._changed:
@@ -121,82 +107,59 @@ class Companion(Link):
                 self._changed.notify_all()
 
     def on_connection(self, connected: socket.socket, address: str) -> None:
-        if len(self._connected) == MAX_WAITING:
+        if len(self._waiting) == MAX_WAITING:
             return connected.close()
-        self._connected.append((connected, address))
-        self._wake()
+        self._waiting.append((connected, address))
 
     def on_failure(self, error: Exception) -> None:
         self._fail(error)
-        self._wake()
+        self._close_connections()
 
-    # --- on the companion's thread -----------------------------------------------------------------
-
-    def _run(self) -> None:
-        try:
-            while not self._failure:
-                self._turn()
-        finally:
-            self._ports.leave(self)
-            if self._connection:
-                self._drop(self._connection)
-            for each in (self._wake_receiver, self._wake_sender, *(connected for connected, _ in self._connected)):
-                each.close()
-            with self._changed:
-                self._status = LinkStatus()
-                self._changed.notify_all()
-
-    def _turn(self) -> None:
-        """Waits until data arrives or a message is due. Handles the data, then sends the due messages."""
-        connection = self._connection
-        with selectors.PollSelector() as selector:
-            selector.register(self._wake_receiver, selectors.EVENT_READ)
-            wait = 0.0 if self._connected else KEEP_ALIVE
-            if connection:
-                selector.register(connection, selectors.EVENT_READ
-                                  | (selectors.EVENT_WRITE if connection.wants_to_write else 0))
-                wait = max(0.0, self._next_send - time.monotonic())
-            ready = {key.fileobj: mask for key, mask in selector.select(wait)}
-
-        if self._wake_receiver in ready:
-            self._wake_receiver.recv(4096)
-        if connection and ready.get(connection, 0) & selectors.EVENT_READ:
-            for message in connection.receive():
-                self._take(connection, message)
-        while self._broadcasts:
-            with self._changed:
-                self._handle_broadcast(self._broadcasts.popleft())
+    def work(self, readable: bool) -> None:
+        if self.connection and readable:
+            for message in self.connection.receive():
+                self._take(self.connection, message)
         # Do not take another connection while the current one may still become the link.
-        if connection is None or connection.ready or self._is_silent(connection):
+        if self.connection is None or self.connection.ready or self._is_silent(self.connection):
             self._take_connection()
-        if self._connection:
-            self._send(self._connection)
+        if self.connection:
+            self._send(self.connection)
 
-    def _handle_broadcast(self, broadcast: Broadcast) -> None:
-        if (link := self._connection) and link.ready and link.address == broadcast.device.address:
+    def due(self) -> float:
+        return self._next_send if self.connection else 0.0 if self._waiting else math.inf
+
+    def _close_connections(self) -> None:
+        if self.connection:
+            self._drop(self.connection)
+        while self._waiting:
+            self._waiting.pop()[0].close()
+
+    def on_broadcast(self, broadcast: Broadcast) -> None:
+        if (link := self.connection) and link.ready and link.address == broadcast.device.address:
             # Right after linking, ignore the device's broadcasts, because an old search may still be running.
             if time.monotonic() < (link.linked_since or 0) + GRACE:
                 return
             link.ended = True  # the device searches again, so it has dropped the link
         elif link and link.ready:
             return
-        self._answered.pop(broadcast.device.address, None)
-        self._answered[broadcast.device.address] = Identity(broadcast.device.identity, broadcast.device.firmware)
-        if len(self._answered) > MAX_ANSWERED:
-            del self._answered[next(iter(self._answered))]
+        with self._changed:
+            self._answered.pop(broadcast.device.address, None)
+            self._answered[broadcast.device.address] = Identity(broadcast.device.identity, broadcast.device.firmware)
+            if len(self._answered) > MAX_ANSWERED:
+                del self._answered[next(iter(self._answered))]
         self._ports.answer(broadcast.sender)
 
     def _take_connection(self) -> None:
         """Takes one connection from an answered device. While there is a link, closes every new connection."""
-        while self._connected:
-            connected, address = self._connected.popleft()
-            link = self._connection
+        while self._waiting:
+            connected, address = self._waiting.popleft()
+            link = self.connection
             if address not in self._answered or (link and link.ready and not link.ended):
                 connected.close()
                 continue
             if link:
                 self._drop(link)
-            self._connection = Connection(connected, address, self._answered[address])
+            self.connection = Connection(connected, address, self._answered[address])
             self._next_send = 0.0
             return
 
@@ -271,7 +234,7 @@ class Companion(Link):
 
     def _drop(self, connection: Connection) -> None:
         connection.close()
-        self._connection = None
+        self.connection = None
         with self._changed:
             self._status = LinkStatus()
             self.wish = self.wish._replace(link="")

@@ -330,7 +330,6 @@ class Device:
 
     def _fail(self, headline: str, start: float, view: View, screen: Screen | None,
               difference: Difference | None = None) -> NoReturn:
-        """Saves the pictures and the message in a new folder, and raises WaitTimeoutError."""
         lines, reference = [headline], view.reference if isinstance(view, Expectation) else None
         if screen is None or not view.misfit(screen):
             lines.append(f"compared: {view}")

@@ -24,8 +24,6 @@ Sender = tuple[str, int]
 
 
 class Broadcast(NamedTuple):
-    """One broadcast of a device."""
-
     device: HeardDevice
     sender: Sender
     rivals: tuple[HeardDevice, ...]  # the other devices that search, too
@@ -86,7 +84,6 @@ class Discovery:
         return Broadcast(device, sender, rivals, device.heard >= self._searching_since[key] + INTERVAL)
 
     def answer(self, sender: Sender) -> None:
-        """Asks the device to connect."""
         try:
             self._socket.sendto(ANSWER, sender)
         except OSError:  # there is no network; the device will broadcast again

@@ -103,7 +103,6 @@ class Doctor:
             print(f"ok      {step}: {text}", flush=True)
 
     def _find(self, listener: Companion, subnets: list[ipaddress.IPv4Interface]) -> HeardDevice:
-        """Waits for a broadcast of the wanted device, and returns the device."""
         wanted = self._options.device
 
         def heard() -> list[HeardDevice]:
@@ -133,7 +132,6 @@ class Doctor:
         return device
 
     def _connect(self, link: Companion) -> None:
-        """Answers broadcasts until the device connects."""
         if until(lambda: self._sniffer.look() and False or link.connected):
             return
         before = time.monotonic()
@@ -236,7 +234,6 @@ def refused_at(address: str) -> bool:
 
 
 def until(condition: Callable[[], object], seconds: float = LIMIT) -> bool:
-    """Waits until the condition holds. Returns False if `seconds` pass first."""
     end = time.monotonic() + seconds
     while not condition():
         if time.monotonic() >= end:

@@ -12,7 +12,6 @@ from guilink.screen import Difference, Screen
 
 
 def new_folder(parent: Path, name: str) -> Path:
-    """Creates and returns parent/name-1; if that exists, name-2, and so on."""
     for number in range(1, 1 << 20):
         folder = parent / f"{name}-{number}"
         try:

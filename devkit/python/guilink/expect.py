@@ -41,7 +41,6 @@ class View:
         return ""
 
     def of(self, screen: Screen) -> Screen:
-        """Returns the part of the screen inside the region."""
         return screen.crop(self.region) if self.region else screen
 
     def diff(self, one: Screen, other: Screen) -> Difference:

@@ -90,7 +90,7 @@ class Link(ABC):
     """A link to a device. Any thread may call the public methods. `deadline` is a value of time.monotonic().
 
     Two classes extend this one: Companion has a link of its own, and Viewer uses the link of a running viewer. Each of
-    them does its work in `_run`, on a thread that they must start.
+    them works on a thread.
     """
 
     def __init__(self) -> None:
@@ -98,7 +98,6 @@ class Link(ABC):
         self.pictures = Pictures(self._changed, lambda: self._failure)
         self._failure: Exception | None = None  # why the link is of no more use
         self._orders: list[Order] = []
-        self._thread = threading.Thread(target=self._work, name="guilink", daemon=True)
 
     @abstractmethod
     def status(self) -> LinkStatus:
@@ -133,16 +132,10 @@ class Link(ABC):
         Raises LinkError if another has a lock. On a link that nobody shares, does nothing."""
 
     def close(self) -> None:
-        """Ends the link and its thread."""
+        """Ends the link."""
         with self._changed:
             self._failure = self._failure or LinkError("the link was closed")
             self._changed.notify_all()
-        self._wake()
-        self._thread.join()
-
-    @abstractmethod
-    def _run(self) -> None:
-        """Works until there is a `_failure`."""
 
     @abstractmethod
     def _wake(self) -> None:
@@ -193,12 +186,6 @@ class Link(ABC):
     def _raise_failure(self) -> None:
         if self._failure:
             raise self._failure
-
-    def _work(self) -> None:
-        try:
-            self._run()
-        except Exception as error:
-            self._fail(error)
 
     def _fail(self, error: Exception) -> None:
         """Ends the link because of a bug in this package. The waiting threads raise this error."""

@@ -1,17 +1,19 @@
-"""The ports on which devices find and reach the companions of this process.
+"""The ports on which devices find and reach the companions of this process, and the thread that serves them all.
 
 Decides which companion answers a device, and passes the device's connections to that companion.
 """
 from __future__ import annotations
 
+import math
 import os
 import selectors
 import socket
 import threading
 import time
-from contextlib import ExitStack, closing
-from typing import NamedTuple, Protocol
+from contextlib import ExitStack, closing, suppress
+from typing import NamedTuple, Protocol, Sequence
 
+from guilink.connection import Connection
 from guilink.discovery import MAX_HEARD, Broadcast, Discovery, Sender
 from guilink.link import HeardDevice, PortsTakenError
 
@@ -39,21 +41,23 @@ class Wish(NamedTuple):
 
 
 class Member(Protocol):
-    """A companion. The thread of the ports calls these methods for all companions, so they must return at once."""
+    """A companion. The thread of the ports calls these methods, one at a time, so they must return at once."""
 
     wish: Wish
+    connection: Connection | None
 
-    def on_broadcast(self, broadcast: Broadcast) -> None:
-        """A device broadcasts that this companion shall answer, if it wants to."""
+    def on_broadcast(self, broadcast: Broadcast) -> None: ...
+    def on_connection(self, connected: socket.socket, address: str) -> None: ...
+    def on_failure(self, error: Exception) -> None: ...
 
     def on_several(self, devices: tuple[HeardDevice, ...]) -> None:
         """These devices search that no companion of this process claims, if there are several."""
 
-    def on_connection(self, connected: socket.socket, address: str) -> None:
-        """A device has connected whose broadcast this companion got. Must take no lock."""
+    def work(self, readable: bool) -> None:
+        """Reads from the connection if it is `readable`. Sends what is due."""
 
-    def on_failure(self, error: Exception) -> None:
-        """The ports are of no more use."""
+    def due(self) -> float:
+        """When to call `work` at the latest, as a value of time.monotonic()."""
 
 
 class Ports:
@@ -70,9 +74,11 @@ class Ports:
             ports = cls._shared = cls._shared or cls()
             with ports._lock:
                 ports._members.append(member)
-                failure = ports._failure
-            if failure:
-                member.on_failure(failure)
+                if ports._failure:
+                    member.on_failure(ports._failure)
+            if not ports._thread.ident:
+                ports._thread.start()
+            ports.wake()
             return ports
 
     @classmethod
@@ -81,72 +87,91 @@ class Ports:
         cls._shared, cls._sharing = None, threading.Lock()
 
     def leave(self, member: Member) -> None:
-        """Closes the ports after the last member."""
+        """Calls no method of this member any more. Closes the ports after the last member."""
         with self._sharing:
             with self._lock:
-                self._members.remove(member)
-                if self._members:
+                if member not in self._members:
                     return
-            Ports._shared = None
-            self._wake_sender.send(b"\0")
-            self._thread.join()
-            self._opened.close()
+                self._members.remove(member)
+            if not self._members:
+                Ports._shared = None
+                self.wake()
+                self._thread.join()
+                self._opened.close()
 
     def __init__(self) -> None:
-        self._lock = threading.Lock()  # guards _members, _failure, and what _discovery remembers
+        self._lock = threading.Lock()  # guards _members and _failure; the thread holds it except while it waits
         self._members: list[Member] = []
         self._failure: Exception | None = None
-        # Used only by the thread of the ports.
+        self._devices: list[HeardDevice] = []  # replaced as a whole
+        # Used only by the thread.
         self._next_accept = 0.0
         self._owners: dict[str, Member] = {}  # who got the last broadcast from this address; the oldest comes first
+        self._thread = threading.Thread(target=self._work, name="guilink", daemon=True)
         with ExitStack() as opened:
             self._discovery = opened.enter_context(closing(Discovery()))
             try:
-                self._listener = opened.enter_context(socket.create_server(("", LINK_PORT), backlog=64))
+                self._listener = socket.create_server(("", LINK_PORT), backlog=64)
             except OSError as error:
                 raise PortsTakenError(f"TCP port {LINK_PORT}", error) from error
-            self._listener.setblocking(False)
             self._wake_receiver, self._wake_sender = socket.socketpair()
-            opened.enter_context(self._wake_receiver)
-            opened.enter_context(self._wake_sender)
-            self._thread = threading.Thread(target=self._work, name="guilink-ports", daemon=True)
-            self._thread.start()
+            for each in (self._listener, self._wake_receiver, self._wake_sender):
+                opened.enter_context(each).setblocking(False)
             self._opened = opened.pop_all()
 
     def devices(self) -> list[HeardDevice]:
-        """Returns the devices that have broadcast. The device with the newest broadcast comes first."""
-        with self._lock:
-            return self._discovery.devices()
+        return self._devices
 
     def answer(self, sender: Sender) -> None:
-        """Asks the device to connect."""
         self._discovery.answer(sender)
+
+    def wake(self) -> None:
+        """Makes the thread call `work`. Called from any thread."""
+        with suppress(OSError):  # it is closed, or full; if it is full, the thread will wake anyway
+            self._wake_sender.send(b"\0")
 
     def _work(self) -> None:
         try:
-            while True:
+            while self._members:
                 with selectors.PollSelector() as selector:
-                    selector.register(self._wake_receiver, selectors.EVENT_READ)
-                    selector.register(self._discovery, selectors.EVENT_READ)
-                    pause = self._next_accept - time.monotonic()
-                    if pause <= 0:
-                        selector.register(self._listener, selectors.EVENT_READ)
-                    ready = {key.fileobj for key, _ in selector.select(pause if pause > 0 else None)}
-                if self._wake_receiver in ready:
-                    return
+                    with self._lock:
+                        wait = self._register(selector)
+                    ready = [key.fileobj for key, mask in selector.select(wait) if mask & selectors.EVENT_READ]
                 with self._lock:
-                    members = list(self._members)
-                    broadcasts = self._discovery.receive() if self._discovery in ready else []
-                self._owners = {address: owner for address, owner in self._owners.items() if owner in members}
-                for broadcast in broadcasts:
-                    self._pass_on(broadcast, members)
-                if self._listener in ready:
-                    self._accept()
+                    self._serve(ready)
         except Exception as error:  # a bug in this package
             with self._lock:
-                self._failure, members = error, list(self._members)
-            for member in members:
-                member.on_failure(error)
+                self._failure = error
+                for member in self._members:
+                    member.on_failure(error)
+
+    def _register(self, selector: selectors.PollSelector) -> float | None:
+        """Registers what the thread waits for. Returns how long it may wait at most."""
+        now, dues = time.monotonic(), [member.due() for member in self._members]
+        if self._next_accept > now:
+            dues.append(self._next_accept)
+        else:
+            selector.register(self._listener, selectors.EVENT_READ)
+        selector.register(self._wake_receiver, selectors.EVENT_READ)
+        selector.register(self._discovery, selectors.EVENT_READ)
+        for connection in filter(None, (member.connection for member in self._members)):
+            writes = selectors.EVENT_WRITE if connection.wants_to_write else 0
+            selector.register(connection, selectors.EVENT_READ | writes)
+        return max(0.0, min(dues) - now) if min(dues, default=math.inf) < math.inf else None
+
+    def _serve(self, ready: Sequence[object]) -> None:
+        if self._wake_receiver in ready:
+            self._wake_receiver.recv(4096)
+        self._owners = {address: owner for address, owner in self._owners.items() if owner in self._members}
+        if self._discovery in ready:
+            broadcasts = self._discovery.receive()
+            self._devices = self._discovery.devices()
+            for broadcast in broadcasts:
+                self._pass_on(broadcast, self._members)
+        if self._listener in ready:
+            self._accept()
+        for member in self._members:
+            member.work(member.connection in ready)
 
     def _pass_on(self, broadcast: Broadcast, members: list[Member]) -> None:
         device = broadcast.device
@@ -185,12 +210,10 @@ class Ports:
         except OSError:  # no file descriptor is free; wait instead of spinning
             self._next_accept = time.monotonic() + ACCEPT_RETRY
             return
-        owner = self._owners.get(address)
-        with self._lock:  # a member that has left takes no connection
-            if owner and owner in self._members:
-                owner.on_connection(connected, address)
-            else:
-                connected.close()
+        if owner := self._owners.get(address):
+            owner.on_connection(connected, address)
+        else:
+            connected.close()
 
 
 def _claims(member: Member, device: HeardDevice) -> bool:

@@ -212,7 +212,6 @@ def check_writable(path: str | os.PathLike[str], endings: Sequence[str] = ()) ->
 
 
 def _rgb(payload: bytes, scale: int) -> Image.Image | None:
-    """Returns the picture on a black background, or None if the picture is damaged."""
     try:
         image = Screen.decode(payload).image().convert("RGBa")
     except DamagedPictureError:

@@ -11,6 +11,7 @@ import math
 import os
 import re
 import ssl
+import threading
 import time
 from typing import Any, Sequence
 
@@ -46,6 +47,7 @@ class Viewer(Link):
         self._socket: Any = None  # the WebSocket; None while it is not connected
         self._loop = asyncio.new_event_loop()
         self._task = self._loop.create_task(self._stay_connected())
+        self._thread = threading.Thread(target=self._run, name="guilink", daemon=True)
         self._thread.start()
 
     # --- called from any thread --------------------------------------------------------------------
@@ -87,6 +89,11 @@ class Viewer(Link):
         if self._thread.is_alive():
             self._loop.call_soon_threadsafe(self._send_orders)
 
+    def close(self) -> None:
+        super().close()
+        self._wake()
+        self._thread.join()
+
     # --- on the link's thread ----------------------------------------------------------------------
 
     def _run(self) -> None:
@@ -94,6 +101,8 @@ class Viewer(Link):
             self._loop.run_until_complete(self._task)
         except asyncio.CancelledError:
             pass
+        except Exception as error:
+            self._fail(error)
         finally:
             self._loop.run_until_complete(self._loop.shutdown_asyncgens())
             self._loop.close()

@@ -104,7 +104,6 @@ class Attempt:
         self.warnings.append(fault)
 
     def subject_ended(self) -> bool:
-        """Whether the subject is a process that has ended."""
         return False
 
     def crash(self, suspected: bool) -> Fault | None:
@@ -137,7 +136,6 @@ class Result:
 
 
 def run_once(case: Case, attempt: Attempt) -> Result:
-    """Runs a case once, and determines the verdict."""
     started, loop = time.monotonic(), attempt.loop
     result = Result(case, PASSED, kept=attempt.kept, exchange=loop.exchange)
     broken: list[Fault] = []

@@ -67,8 +67,6 @@ class Shown:
 
 
 class CompanionAttempt(Attempt):
-    """One attempt to run one case with a companion."""
-
     def __init__(self, loop: EventLoop, subject: CompanionProcess, shown: Shown, press: Sequence[str] = ()):
         """`press` is the command that makes the companion press button {}."""
         super().__init__(loop)
@@ -195,7 +193,6 @@ class CompanionAttempt(Attempt):
         return "is not answered"
 
     def large_images(self, number: int) -> Iterator[bytes]:
-        """Yields the payloads of `number` images of a quarter of a megabyte each."""
         runs = np.random.default_rng(1).integers(0xF000, 0xFFFF, (number, SIZE[0] * SIZE[1] // RUN), np.uint16)
         return (encode(np.repeat(each, RUN).reshape(SIZE)) for each in runs)
 

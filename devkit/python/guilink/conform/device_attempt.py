@@ -36,8 +36,6 @@ class Wanted(Subject):
 
 
 class Listener:
-    """The TCP port to which the device connects."""
-
     def __init__(self, attempt: DeviceAttempt):
         self.readable, self._attempt = True, attempt
         try:
@@ -89,8 +87,6 @@ class Eavesdropper:
 
 
 class DeviceAttempt(Attempt):
-    """One attempt to run one case with a device."""
-
     def __init__(self, loop: EventLoop, wanted: Wanted):
         super().__init__(loop)
         self.wanted = wanted
@@ -147,7 +143,6 @@ class DeviceAttempt(Attempt):
     # --- connections ---------------------------------------------------------------------------------
 
     def candidate(self, rule: str = "DISC-1") -> Channel:
-        """Answers broadcasts until the device connects. Returns the new connection."""
         before = len(self.channels)
         for _ in range(CONNECT_PATIENCE):
             broadcast = self.broadcast(rule, "the device does not broadcast" if rule == "DISC-1" else

@@ -42,7 +42,6 @@ class Run:
         return any(result.verdict in (FAILED, RESTARTED) for result in self.results)
 
     def rule_verdicts(self) -> dict[str, tuple[str, str]]:
-        """Returns the verdict and the reason for each rule that applies to the companion or device under test."""
         return {rule.id: self._verdict_of(rule.id) for rule in RULES.values() if rule.binds(self.side)}
 
     def _verdict_of(self, rule: str) -> tuple[str, str]:
@@ -117,7 +116,6 @@ def run_cases(whole: Run, cases: Sequence[Case], subject: Subject, attempt: Call
 
 
 def note_late_crash(whole: Run, subject: Subject, options: Options) -> None:
-    """If the subject has crashed after its last case, this case fails."""
     if whole.results and (crash := subject.crash()):
         result = whole.results[-1]
         result.verdict, result.fault, result.final = FAILED, crash, True
@@ -167,6 +165,5 @@ def line(result: Result) -> str:
 
 
 def dump(fault: Fault) -> str:
-    """Returns the bytes of a fault as lines in hexadecimal."""
     return "".join(f"\n        {what}: {data[:MOST_BYTES].hex(' ')}" + (" ..." if len(data) > MOST_BYTES else "")
                    for what, data in (("expected", fault.expected), ("actual", fault.actual)) if data)

@@ -25,8 +25,6 @@ RESET_ON_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() then resets t
 
 
 class Arrived(NamedTuple):
-    """A message that the companion or device under test has sent."""
-
     time: float  # EventLoop.clock()
     message: Message
 
@@ -100,7 +98,6 @@ class EventLoop:
         self.read(wait)
 
     def read(self, wait: float = 0.0) -> None:
-        """Reads what arrives within `wait` seconds."""
         for each in self.wait([each for each in self._sources if each.readable], [], wait)[0]:
             each.receive()
 
@@ -158,8 +155,6 @@ class UdpSocket:
 
 
 class Channel:
-    """One TCP connection between the kit and the subject."""
-
     def __init__(self, loop: EventLoop, connected: socket.socket, by_companion: bool):
         self.arrived: list[Arrived] = []
         self.ended = False      # the subject has ended the connection
@@ -212,7 +207,6 @@ class Channel:
             self.take(message)
 
     def take(self, message: Message) -> None:
-        """Handles a message of the subject."""
         self.arrived.append(Arrived(self.loop.clock(), message))
 
     def send(self, data: bytes) -> bool:
@@ -242,7 +236,6 @@ class Channel:
         return sent
 
     def _wait_delivered(self) -> bool:
-        """Reads until all sent bytes are delivered, or the connection ends."""
         end = time.monotonic() + self.stall
         while not (self.ended or self.delivered()) and time.monotonic() < end:
             self.loop.check_deadline()
@@ -290,7 +283,6 @@ class Channel:
             self._socket.close()
 
     def half_close(self) -> None:
-        """Ends the stream to the subject, but still reads what the subject sends."""
         self._log(KIT, "ended")
         self._note_end()
         self._socket.shutdown(socket.SHUT_WR)

@@ -71,7 +71,6 @@ def files() -> dict[str, bytes]:
 
 
 def write_golden(folder: Path) -> list[str]:
-    """Writes all files; returns their names."""
     for name, data in files().items():
         path = folder / name
         path.parent.mkdir(parents=True, exist_ok=True)

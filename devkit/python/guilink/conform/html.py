@@ -105,7 +105,6 @@ def _side_by_side(expected: bytes, actual: bytes) -> tuple[str, str]:
 
 
 def describe(data: bytes) -> str:
-    """Describes the frames in a piece of a stream."""
     words, position = [], 0
     while position < len(data):
         start = data.find(START, position)

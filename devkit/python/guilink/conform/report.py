@@ -14,7 +14,6 @@ VERDICTS = (PASSED, FAILED, RESTARTED, WARNED, UNTESTABLE, EXPECTED)
 
 
 def repeat_command(result: Result, arguments: Sequence[str]) -> str:
-    """Returns the command that runs only this case again."""
     return shlex.join(["guilink", "conform", result.case.side, "-k", result.case.name, *arguments])
 
 
@@ -31,7 +30,6 @@ def summary(run: Run) -> str:
 
 
 def listing(side: str) -> str:
-    """Lists each test case with its rules, then each rule that no test case checks."""
     lines = []
     for case in CASES[side]:
         gentle = "" if case.gentle or side == "companion" else "  (not with --gentle)"

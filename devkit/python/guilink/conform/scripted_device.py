@@ -126,7 +126,6 @@ class Connection(Channel):
 
 
 def _gaps(times: list[float], begin: float, end: float) -> list[float]:
-    """Returns the times between two of `times`, `begin` and `end`."""
     marks = [begin, *(each for each in times if begin < each < end), max(begin, end)]
     return [after - before for before, after in zip(marks, marks[1:])]
 
@@ -147,7 +146,6 @@ class ScriptedDevice:
 
     @property
     def answers(self) -> int:
-        """The number of answers so far."""
         return len(self.udp.arrived)
 
     def check_answers(self) -> None:
@@ -166,7 +164,6 @@ class ScriptedDevice:
                 faults.append(Fault("DISC-4", f"an answer from {datagram.sender[0]}, not from {COMPANION}"))
 
     def broadcast_until_answered(self, patience: float | None = None) -> bool:
-        """Broadcasts repeatedly until the companion answers. Returns whether it has answered."""
         before, loop = self.answers, self._attempt.loop
         limit = loop.patience if patience is None else patience
         for _ in range(max(1, round(limit / BROADCAST_INTERVAL))):
@@ -200,6 +197,5 @@ class ScriptedDevice:
         return channel.send(frame(MessageType.IMAGE, payload))
 
     def repeat(self, channel: Channel, pixels: Pixels) -> None:
-        """Sends the image now, and then twice a second."""
         payload = encode(pixels)
         self._attempt.loop.every(REPEAT, lambda: channel.ended or self.show_payload(channel, payload))
