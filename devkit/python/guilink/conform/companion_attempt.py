@@ -240,12 +240,12 @@ class CompanionAttempt(Attempt):
             # A later byte may help the companion to find the image, so it gets one only if it needs the time.
             channel.answering = self.loop.clock() < began + SILENT - STARVED
         self.loop.until(over)
-        seen = self.shows(pixels) or self.loop.until(lambda: self.shows(pixels), GRACE)
-        if seen:
+        self.loop.until(lambda: self.shows(pixels), GRACE)
+        image = self.shown.read()
+        if fits(pixels, image):
             self._seen = pixels
             self.kept.add(rule)
             return
-        image = self.shown.read()
         if channel.ended and (image is None or self._seen is not None and self.shows(self._seen)):
             self.fail(rule, f"{what}: the companion closes the connection")
         if image is None:
@@ -257,8 +257,11 @@ class CompanionAttempt(Attempt):
                       screens=(Screen(pixels).rgba, image))
 
     def shows(self, pixels: Pixels) -> bool:
-        image = self.shown.read()
-        return image is not None and image.shape[:2] == pixels.shape and not wrong_pixels(pixels, image).any()
+        return fits(pixels, self.shown.read())
+
+
+def fits(pixels: Pixels, image: NDArray[np.uint8] | None) -> bool:
+    return image is not None and image.shape[:2] == pixels.shape and not wrong_pixels(pixels, image).any()
 
 
 def wrong_pixels(pixels: Pixels, image: NDArray[np.uint8]) -> NDArray[np.bool_]:
