@@ -74,7 +74,7 @@ def companion_loses_power(rig):
     rig.start_companion()
 
 
-SIZES = {"10 kB": 10_000, "40 kB": 40_000, "600 kB": 600_000, "1 MiB": 1_048_000}
+SIZES = {"40 kB": 40_000, "600 kB": 600_000, "1 MiB": 1_048_000}
 RATES = {"2 Mbit/s": "rate 2", "5 Mbit/s": "rate 5", "20 Mbit/s": "rate 20", "100 Mbit/s": "rate 100", "loopback": ""}
 GUI = SIZES["40 kB"]
 NORMAL = "rate 20 delay 5"
