@@ -5,7 +5,9 @@ import json
 import sys
 from pathlib import Path
 
+SCENES = ["blank", "overlay", "menu", "text", "gradient", "noise"]
 WAYS = ["memcpy", "encode", "literal"]
+SIZES = ["16", "256", "4096", "1048576"]
 
 best: dict[str, float] = {}  # ns, by benchmark
 for file in sys.argv[1:]:
@@ -14,11 +16,9 @@ for file in sys.argv[1:]:
             name = result["run_name"]
             best[name] = min(result["cpu_time"], best.get(name, result["cpu_time"]))
 
-scenes = [name.removesuffix("/encode") for name in best if name.endswith("/encode")]
-sizes = [name.split("/")[1] for name in best if name.endswith("/zlib")]
 print(f"\n| scene | {' | '.join(WAYS)} |\n|{'---|' * (1 + len(WAYS))}")
-for scene in scenes:
+for scene in SCENES:
     print(f"| {scene} | " + " | ".join(f"{best[f'{scene}/{way}'] / 1000:.0f}" for way in WAYS) + " |")
-print(f"\n| bytes | {' | '.join(sizes)} |\n|{'---|' * (1 + len(sizes))}")
+print(f"\n| bytes | {' | '.join(SIZES)} |\n|{'---|' * (1 + len(SIZES))}")
 print("| zlib / ours | " + " | ".join(f"{best[f'checksum/{size}/zlib'] / best[f'checksum/{size}/crc32']:.2f}"
-                                      for size in sizes) + " |")
+                                      for size in SIZES) + " |")
