@@ -38,6 +38,12 @@ void count(const unsigned char*, Record*) {
     ++calls;
 }
 
+std::string text;  // the last argument of take_text
+
+void take_text(const unsigned char* argument, Record*) {
+    text = reinterpret_cast<const char*>(argument);
+}
+
 int register_program(uint32_t program, std::vector<IpcProc> procedures) {
     std::vector<IpcProcEntry> table;
     for (const IpcProc procedure : procedures) table.push_back({procedure, 0});
@@ -76,6 +82,15 @@ TEST(Ambaipc, RecordGoesThereAndBackByteForByte) {
     EXPECT_EQ(std::memcmp(&record, expected.data(), sizeof(record)), 0);
 }
 
+TEST(Ambaipc, ArgumentArrivesAsATextAndAlone) {
+    ASSERT_EQ(register_program(PROGRAM, {take_text}), 0);
+    AmbaipcCaller caller(PROGRAM, 1);
+    for (const std::string& sent : {std::string(MAX_ARGUMENT, 'x'), std::string("QR123")}) {
+        call(caller, 0, sent);
+        EXPECT_EQ(text, sent);
+    }
+}
+
 TEST(Ambaipc, WrongCallsAreRefusedAndTheServiceLivesOn) {
     AmbaipcCaller caller(PROGRAM, 1);
     const auto calling = [&](uint32_t procedure, size_t length) {
@@ -90,6 +105,13 @@ TEST(Ambaipc, WrongCallsAreRefusedAndTheServiceLivesOn) {
     AmbaipcCaller other_version(PROGRAM, 2);
     EXPECT_THAT([&] { call(other_version, 0); },
                 ThrowsMessage<std::runtime_error>(HasSubstr("no process serves it")));
+
+    const int connection = raw_connection();
+    Answer answer = {};
+    send(connection, &answer, sizeof(CallHeader) - 1, 0);
+    recv(connection, &answer, sizeof(answer), 0);
+    EXPECT_EQ(answer.status, CallStatus::too_short);
+    close(connection);
 
     EXPECT_EQ(calls, 0);
     call(caller, 0);
