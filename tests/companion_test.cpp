@@ -12,9 +12,59 @@ namespace {
 
 using namespace guilink::test;
 
-const Bytes IDENTITY = frame(IdentityMessage, bytes("ABCDEfw2"));
+Bytes identity(const std::string& identity, const std::string& firmware = "fw2") {
+    return frame(IdentityMessage, bytes(identity + firmware));
+}
 
-// Simulates a device with plain sockets, and records what the companion reports.
+const Bytes IDENTITY = identity("ABCDE");
+
+// A companion, and what it reports.
+class Watched {
+  public:
+    explicit Watched(const std::string& device = "")
+        : companion({[this](const LinkStatus& status) {
+                         const std::lock_guard lock(m_mutex);
+                         m_status = status;
+                     },
+                     [this](const auto&) { on_image(); },
+                     {},
+                     [this](const std::vector<SearchingDevice>& devices) {
+                         const std::lock_guard lock(m_mutex);
+                         m_devices = devices;
+                     }},
+                    device) {}
+
+    LinkStatus status() {
+        const std::lock_guard lock(m_mutex);
+        return m_status;
+    }
+    std::vector<SearchingDevice> devices() {
+        const std::lock_guard lock(m_mutex);
+        return m_devices;
+    }
+
+    bool links_to(const std::string& identity, const std::string& address) {
+        return wait_until([&] {
+            const LinkStatus now = status();
+            return now.linked && now.identity == identity && now.address == address;
+        });
+    }
+    bool loses_its_link() {
+        return wait_until([this] { return !status().linked; });
+    }
+
+    std::function<void()> on_image = [] {};
+
+  private:
+    std::mutex m_mutex;
+    LinkStatus m_status;
+    std::vector<SearchingDevice> m_devices;
+
+  public:
+    Companion companion;  // last, because its handlers use the other members
+};
+
+// Simulates devices with plain sockets.
 class CompanionTest : public testing::Test {
   protected:
     static void search(const Socket& from, const Bytes& datagram) {
@@ -71,48 +121,19 @@ class CompanionTest : public testing::Test {
 
     // Acts as a device that has this identity and draws.
     Socket begin(const char* address, const std::string& name) {
-        const Bytes identity = frame(IdentityMessage, bytes(name + "fw2"));
-        Socket device = connect(address, identity);
+        Socket device = connect(address, identity(name));
         device.write(frame(ImageMessage, payload({1, 1})));
         read_until(device, IdentityRequest);
-        device.write(identity);
+        device.write(identity(name));
         return device;
     }
 
-    LinkStatus status() {
-        const std::lock_guard lock(m_mutex);
-        return m_status;
-    }
+    LinkStatus status() { return m_watched.status(); }
 
     std::optional<Socket> m_search;  // socket that sent the last broadcast
-    std::mutex m_mutex;
-    LinkStatus m_status;
-    std::vector<SearchingDevice> m_devices;
-    std::function<void()> m_on_image = [] {};
-    Companion m_companion{{[this](const LinkStatus& status) {
-                               const std::lock_guard lock(m_mutex);
-                               m_status = status;
-                           },
-                           [this](const auto&) { m_on_image(); },
-                           {},
-                           [this](const std::vector<SearchingDevice>& devices) {
-                               const std::lock_guard lock(m_mutex);
-                               m_devices = devices;
-                           }}};
+    Watched m_watched;
+    Companion& m_companion = m_watched.companion;
 };
-
-TEST_F(CompanionTest, LinksAndKeepsAlive) {
-    const Socket device = connect();
-    EXPECT_EQ(m_search->read_some(), frame(ConnectRequest));
-    EXPECT_EQ(type_of(device.read_frame()), ConnectRequest);
-    EXPECT_EQ(type_of(device.read_frame()), ControlMessage);
-    // The companion sends two connect requests before the first identity request.
-    EXPECT_THAT(read_until(device, IdentityRequest), testing::Contains(ConnectRequest));
-    device.write(IDENTITY);
-    EXPECT_TRUE(wait_until([this] { return status().linked; }));
-    const Chatter chatter(device, frame(DataMessage));
-    for (int i = 0; i < 5; ++i) read_until(device, ControlMessage);
-}
 
 TEST_F(CompanionTest, ButtonsWaitForTheAnsweredIdentity) {
     for (const uint8_t button : Bytes{3, 1, 2}) EXPECT_TRUE(m_companion.press(button));
@@ -146,7 +167,7 @@ TEST_F(CompanionTest, ReportsWhatBecomesOfAMessage) {
     const auto press = [&](uint8_t button) {
         m_companion.press(button, [&](Delivery what) { note("CUR"[static_cast<int>(what)]); });
     };
-    m_on_image = [&] { note('P'); };
+    m_watched.on_image = [&] { note('P'); };
     press(1);
     expect("R");
     const Socket device = connect();
@@ -173,22 +194,19 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
         for (int i = 0; i < 3; ++i) {
             firmware += '9';
             search(one, IDENTITY);
-            search(other, frame(IdentityMessage, bytes("22222" + firmware)));
+            search(other, identity("22222", firmware));
         }
         EXPECT_TRUE(wait_until([&] {
-            const std::lock_guard lock(m_mutex);
-            return !m_devices.empty() &&
-                   m_devices[0].identity + m_devices[0].firmware == "22222" + firmware;
+            const auto devices = m_watched.devices();
+            return !devices.empty() && devices[0].identity == "22222" &&
+                   devices[0].firmware == firmware;
         }));
     };
     call();
     EXPECT_TRUE(wait_until([this] { return status().several; }));
     EXPECT_FALSE(one.readable(0ms) || other.readable(0ms));
-    {
-        const std::lock_guard lock(m_mutex);
-        ASSERT_EQ(m_devices.size(), 2u);
-        EXPECT_EQ(m_devices[1].address, "127.0.0.1");
-    }
+    ASSERT_EQ(m_watched.devices().size(), 2u);
+    EXPECT_EQ(m_watched.devices()[1].address, "127.0.0.1");
     for (const std::string choice : {"22222", "127.0.0.1"}) {
         m_companion.choose(choice);
         EXPECT_TRUE(wait_until([&] { return status().wanted == choice; }));
@@ -201,7 +219,7 @@ TEST_F(CompanionTest, AnswersTheChosenDeviceOnly) {
 
     // The companion must stay with this device, although the device's identity changes.
     Socket device = connect_from("127.0.0.1");
-    device.write(frame(IdentityMessage, bytes("33333fw9")) + frame(ImageMessage));
+    device.write(identity("33333") + frame(ImageMessage));
     EXPECT_TRUE(wait_until([this] { return status().identity == "33333"; }));
     device.reset();
     EXPECT_TRUE(wait_until([this] { return status().wanted == "33333"; }));
@@ -215,14 +233,14 @@ TEST_F(CompanionTest, ABroadcastThatArrivesTwiceHidesNoOtherDevice) {
     const Socket one(SOCK_DGRAM, "127.0.0.1", 3153);
     const Socket other(SOCK_DGRAM, "127.0.0.2", 3153);
     for (int i = 0; i < 2; ++i) search(one, IDENTITY);
-    for (int i = 0; i < 2; ++i) search(other, frame(IdentityMessage, bytes("22222fw9")));
+    for (int i = 0; i < 2; ++i) search(other, identity("22222"));
     EXPECT_TRUE(wait_until([this] { return status().several; }));
     EXPECT_FALSE(one.readable(0ms) || other.readable(0ms));
 }
 
 TEST_F(CompanionTest, RepeatedChoiceKeepsALinkWhoseIdentityIsUnknown) {
     std::atomic<int> images = 0;
-    m_on_image = [&] { ++images; };
+    m_watched.on_image = [&] { ++images; };
     m_companion.choose("ABCDE");
     ASSERT_TRUE(wait_until([this] { return status().wanted == "ABCDE"; }));
     const Socket device = connect();
@@ -254,23 +272,6 @@ TEST_F(CompanionTest, ADeviceThatReadsLateStillGetsEverything) {
     }
 }
 
-TEST_F(CompanionTest, AnswersNothingButAnIdentity) {
-    Bytes damaged = IDENTITY;
-    damaged.back() ^= 1;
-    std::vector<Socket> searches;
-    for (const Bytes& datagram :
-         {Bytes{}, bytes("?"), damaged, IDENTITY + bytes("?"), IDENTITY + IDENTITY,
-          frame(ConnectRequest), frame(IdentityMessage, bytes("ABCD"))}) {
-        searches.emplace_back(SOCK_DGRAM, "127.0.0.1", 0);
-        search(searches.back(), datagram);
-    }
-    const Socket good(SOCK_DGRAM, "127.0.0.1", 0);
-    search_until_answered(good);
-    EXPECT_EQ(good.read_some(HEADER_SIZE), frame(ConnectRequest));
-    // The invalid datagrams came first, so their answers would have arrived by now.
-    for (const Socket& search : searches) EXPECT_FALSE(search.readable(0ms));
-}
-
 TEST_F(CompanionTest, TakesTheNewestThatSpeaksAndRefusesOtherDevices) {
     const Socket first = connect();
     identify(first);
@@ -292,7 +293,7 @@ TEST_F(CompanionTest, LinksAgainAfterTheDeviceIsGone) {
         identify(device);
         if (i == 0) device.write(Bytes(STARTING_SEQUENCE.begin(), STARTING_SEQUENCE.end()));
         if (i != 1) device.reset();  // the second device only stops sending
-        EXPECT_TRUE(wait_until([this] { return !status().linked; }));
+        EXPECT_TRUE(m_watched.loses_its_link());
     }
 }
 
@@ -302,39 +303,14 @@ TEST_F(CompanionTest, TellsThatItsPortsAreTaken) {
                     testing::HasSubstr("is another companion running?")));
 }
 
-// A companion beside the fixture's, for a device of its own.
-struct Other {
-    explicit Other(const std::string& device)
-        : companion({.status =
-                         [this](const LinkStatus& status) {
-                             const std::lock_guard lock(mutex);
-                             link = status.linked ? status.identity + " " + status.address : "";
-                         }},
-                    device) {}
-    bool has(const std::string& wanted) {
-        return wait_until([&] {
-            const std::lock_guard lock(mutex);
-            return link == wanted;
-        });
-    }
-
-    std::mutex mutex;
-    std::string link;  // identity and address of the linked device, or empty
-    Companion companion;
-};
-
-Bytes identity(const std::string& identity) {
-    return frame(IdentityMessage, bytes(identity + "fw2"));
-}
-
 TEST_F(CompanionTest, EachOfSeveralCompanionsHasADeviceOfItsOwn) {
     std::atomic<bool> waits{false}, go_on{false};
-    Other one("11111"), two("22222");
+    Watched one("11111"), two("22222");
     const Socket second = begin("127.0.0.2", "22222");
     const Chatter second_lives(second, frame(DataMessage));
     const Socket first = begin("127.0.0.1", "11111");
     const Chatter first_lives(first, frame(DataMessage));
-    EXPECT_TRUE(one.has("11111 127.0.0.1") && two.has("22222 127.0.0.2"));
+    EXPECT_TRUE(one.links_to("11111", "127.0.0.1") && two.links_to("22222", "127.0.0.2"));
     // The other two devices are not in the way of a companion that takes the only one in sight.
     const Socket third = connect("127.0.0.3");
     const Chatter third_lives(third, frame(DataMessage));
@@ -357,12 +333,12 @@ TEST_F(CompanionTest, EachOfSeveralCompanionsHasADeviceOfItsOwn) {
 }
 
 TEST_F(CompanionTest, SeveralCompanionsNeverMixTheirDevicesUp) {
-    Other one("11111"), two("22222");
+    Watched one("11111"), two("22222");
     Socket first = begin("127.0.0.1", "11111");
     Socket second = begin("127.0.0.2", "22222");
     std::optional<Chatter> first_lives(std::in_place, first, frame(DataMessage));
     std::optional<Chatter> second_lives(std::in_place, second, frame(DataMessage));
-    EXPECT_TRUE(one.has("11111 127.0.0.1") && two.has("22222 127.0.0.2"));
+    EXPECT_TRUE(one.links_to("11111", "127.0.0.1") && two.links_to("22222", "127.0.0.2"));
 
     // A second device with the same identity is refused.
     search(Socket(SOCK_DGRAM, "127.0.0.4", 3153), identity("22222"));
@@ -370,28 +346,28 @@ TEST_F(CompanionTest, SeveralCompanionsNeverMixTheirDevicesUp) {
 
     // The first device changes its identity into the other's, and both come back.
     first.write(identity("22222"));
-    EXPECT_TRUE(one.has("22222 127.0.0.1"));
+    EXPECT_TRUE(one.links_to("22222", "127.0.0.1"));
     first_lives.reset();
     second_lives.reset();
     first.reset();
     second.reset();
-    EXPECT_TRUE(one.has("") && two.has(""));
+    EXPECT_TRUE(one.loses_its_link() && two.loses_its_link());
     first = begin("127.0.0.1", "22222");
     second = begin("127.0.0.2", "22222");
-    EXPECT_TRUE(one.has("22222 127.0.0.1") && two.has("22222 127.0.0.2"));
+    EXPECT_TRUE(one.links_to("22222", "127.0.0.1") && two.links_to("22222", "127.0.0.2"));
 
     // Another device comes to the first one's address, and the first one to a new address.
-    Other three("33333");
+    Watched three("33333");
     first.reset();
-    EXPECT_TRUE(one.has(""));
+    EXPECT_TRUE(one.loses_its_link());
     const Socket third = begin("127.0.0.1", "33333");
-    EXPECT_TRUE(three.has("33333 127.0.0.1"));
+    EXPECT_TRUE(three.links_to("33333", "127.0.0.1"));
     first = begin("127.0.0.5", "11111");
-    EXPECT_TRUE(one.has("11111 127.0.0.5"));
+    EXPECT_TRUE(one.links_to("11111", "127.0.0.5"));
 
     // The second device has fallen silent, and comes back at a new address.
     const Socket moved = begin("127.0.0.6", "22222");
-    EXPECT_TRUE(two.has("22222 127.0.0.6"));
+    EXPECT_TRUE(two.links_to("22222", "127.0.0.6"));
 }
 
 }  // namespace
