@@ -49,7 +49,7 @@ TEST_F(RecoveryOverACable, LongOutageEndsInANewLink) {
     while (m_peer.asked()) m_peer.hear();  // old broadcasts
     m_peer.hear();
     m_cable.set("down 0");
-    EXPECT_TRUE(good.linked_within(relink_limit()));
+    EXPECT_TRUE(good.linked_within(limit(RELINK)));
     press_and_expect(good);
 }
 

@@ -8,15 +8,7 @@ namespace {
 using namespace guilink;
 using namespace guilink::test;
 
-std::chrono::milliseconds beside_limit() {
-    return std::getenv("GUILINK_QUIET") != nullptr ? 10s : LIMIT;
-}
-
-// Returns how long an attack lasts at least. GUILINK_STORM_SECONDS sets this time.
-std::chrono::seconds storm() {
-    const char* const seconds = std::getenv("GUILINK_STORM_SECONDS");
-    return std::chrono::seconds(seconds != nullptr ? std::stoi(seconds) : 0);
-}
+constexpr auto LINK_BESIDE = 10s;  // how long a link may take during an attack
 
 // How many more threads the service may have during an attack. An idle machine needs 24: two for
 // each of four searches, and one for each of eight connections of two searches. On a busy machine,
@@ -40,10 +32,10 @@ class HostileNeighbour : public Recovery {
                     threads = std::max(threads, m_daemon->level().threads);
                     return good.images() > 0;
                 },
-                beside_limit()));
+                limit(LINK_BESIDE)));
             longest = std::max(longest, seconds_since(came));
             ++links;
-        } while (std::chrono::steady_clock::now() < start + storm());
+        } while (seconds_since(start) < number_in("GUILINK_STORM_SECONDS", 0));
         std::printf("linked beside it %d times, after %.1f s at most; %zu threads at most\n", links,
                     longest, threads);
         EXPECT_LE(threads, m_before.threads + MORE_THREADS);
@@ -67,7 +59,7 @@ class HostileNeighbour : public Recovery {
                 const Chatter chatter(candidate, frame(ConnectRequest) + frame(ControlMessage));
                 return candidate.readable(1s) && candidate.has_data();
             },
-            beside_limit()));
+            limit(LINK_BESIDE)));
         std::printf("linked beside them after %.1f s, %d searches\n", seconds_since(came),
                     searches);
         return searches;

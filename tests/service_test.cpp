@@ -3,9 +3,7 @@
 
 #include <random>
 
-#include "tests/support/core.h"
-#include "tests/support/daemon.h"
-#include "tests/support/far_host.h"
+#include "tests/support/recovery.h"
 
 namespace {
 
@@ -46,8 +44,7 @@ TEST(Service, NamesAnAddressThatItCannotMap) {
 // Meanwhile, frames arrive at full speed, and a companion links whenever it can and presses a
 // button.
 TEST(Service, TermEndsItWithStatus0UnderFullLoad) {
-    const char* const asked = std::getenv("GUILINK_TERM_ROUNDS");
-    const int rounds = asked != nullptr ? std::stoi(asked) : 5;
+    const double rounds = number_in("GUILINK_TERM_ROUNDS", 5);
     const FarHost far;
     GoodCompanion companion(far);
     const Frames at_full_speed;
@@ -66,7 +63,7 @@ TEST(Service, TermEndsItWithStatus0UnderFullLoad) {
         ASSERT_EQ(daemon.terminate(), 0) << daemon.output();
         slowest = std::max(slowest, {std::chrono::steady_clock::now() - signalled});
     }
-    std::printf("%d rounds, the slowest of which took %.3f s\n", rounds, slowest.count());
+    std::printf("%.0f rounds, the slowest of which took %.3f s\n", rounds, slowest.count());
 }
 
 }  // namespace

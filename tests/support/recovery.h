@@ -19,10 +19,17 @@ constexpr size_t MEMORY_SLACK = 384;  // KiB; how much RssAnon may grow
 constexpr size_t MEMORY_SLACK = SIZE_MAX / 2;  // sanitizers keep freed memory
 #endif
 
-// Returns how long a new link may take. If GUILINK_QUIET says that the machine is idle, this is the
-// time that docs/reliability.md promises.
-inline std::chrono::milliseconds relink_limit() {
-    return std::getenv("GUILINK_QUIET") != nullptr ? 5s : LIMIT;
+// Returns how long something may take: the time that docs/reliability.md promises, if GUILINK_QUIET
+// says that the machine is idle.
+inline std::chrono::milliseconds limit(std::chrono::milliseconds promised) {
+    return std::getenv("GUILINK_QUIET") != nullptr ? promised : LIMIT;
+}
+constexpr auto RELINK = 5s;
+
+// Returns the number in an environment variable that prolongs a test, or `otherwise`.
+inline double number_in(const char* variable, double otherwise) {
+    const char* const number = std::getenv(variable);
+    return number != nullptr ? std::stod(number) : otherwise;
 }
 
 inline double seconds_since(std::chrono::steady_clock::time_point start) {
@@ -49,7 +56,7 @@ class Recovery : public testing::Test {
         const auto end_of_trouble = std::chrono::steady_clock::now();
         ASSERT_TRUE(m_daemon->alive()) << m_daemon->output();
         const GoodCompanion good(m_far);
-        ASSERT_TRUE(good.linked_within(relink_limit()));
+        ASSERT_TRUE(good.linked_within(limit(RELINK)));
         const double took = seconds_since(end_of_trouble);
 
         Daemon::Level after;
