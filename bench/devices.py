@@ -23,6 +23,9 @@ import subprocess
 import sys
 import time
 
+import numpy as np
+
+from guilink.picture import encode
 from guilink.viewer import Viewer
 from guilink.wire import FrameReader, MessageType, frame
 
@@ -35,15 +38,10 @@ PAIRS = 9000    # runs in an image, as in a menu
 WIDTH, HEIGHT = 1280, 960
 
 
-def image(number):
-    """Returns an image whose first pixel is its number."""
-    runs = bytearray()
-    for i in range(PAIRS - 1):
-        length = WIDTH * HEIGHT // PAIRS
-        runs += length.to_bytes(2, "little") + (0xF000 + (number if i == 0 else i) % LAPS).to_bytes(2, "little")
-    rest = WIDTH * HEIGHT - 1 - (PAIRS - 1) * (WIDTH * HEIGHT // PAIRS)
-    return (WIDTH.to_bytes(2, "little") + HEIGHT.to_bytes(2, "little") + runs
-            + rest.to_bytes(2, "little") + b"\xff\xff")
+def image():
+    """Returns an image whose first pixel is to be replaced by its number."""
+    runs = np.repeat(0xF000 + np.arange(PAIRS, dtype=np.uint16) % LAPS, WIDTH * HEIGHT // PAIRS)
+    return encode(np.pad(runs, (0, WIDTH * HEIGHT - runs.size), "edge").reshape(HEIGHT, WIDTH))
 
 
 class Device:
@@ -51,7 +49,7 @@ class Device:
         self.address = f"127.0.1.{number}"
         self.identity = frame(MessageType.IDENTITY, b"%05d" % (10000 + number) + b"fw1.1")
         self.fault, self.sent, self.times, self.number = fault, sent, times, number
-        self.payload = bytearray(image(0))
+        self.payload = bytearray(image())
 
     def run(self):
         while True:

@@ -5,17 +5,20 @@
 import os
 import select
 import socket
+import struct
 import subprocess
 import sys
 import time
+import zlib
 from pathlib import Path
 
 import numpy as np
 from support.fault import NAME, wrong
 
+from guilink import wire
 from guilink.picture import DamagedPictureError, decode
 from guilink.screen import Screen
-from guilink.wire import HEADER, START, FrameReader, Message, MessageType, frame, identity_datagram
+from guilink.wire import HEADER, START, FrameReader, MessageType, frame, identity_datagram
 
 WRONG = {  # key: what the companion does wrong; value: the rule that this breaks
     "listens on one address": "DISC-3", "listens nowhere": "DISC-3", "answers 41 bytes": "DISC-4",
@@ -67,37 +70,31 @@ CONNECT, CONTROL, ASK = (frame(kind) for kind in (MessageType.CONNECT_REQUEST, M
                                                   MessageType.IDENTITY_REQUEST))
 
 
-class Reader(FrameReader):
-    """A frame reader that has the fault NAME, if NAME is a fault in reading frames."""
+class Header(struct.Struct):
+    """Reads headers with the fault NAME."""
 
+    def unpack_from(self, buffer, offset=0):
+        start, checksum, length, kind = super().unpack_from(buffer, offset)
+        if wrong("ignores checksums"):
+            checksum = zlib.crc32(buffer[offset + self.size:offset + self.size + length])
+        if wrong("reads inside unknown types") and kind > 6:
+            length = 0
+        if wrong("waits for 4 MiB") and (length, checksum) == (1 << 20, 1):
+            wire.MAX_PAYLOAD = length = 4 << 20
+        return start, checksum, length, kind
+
+
+wire.HEADER = Header(HEADER.format)
+wire.MAX_PAYLOAD = {"believes lengths": 1 << 32, "takes 512 KiB": 1 << 19}.get(NAME, wire.MAX_PAYLOAD)
+
+
+class Reader(FrameReader):
     def feed(self, data):
-        buffer = self._buffer
         if wrong("a frame a read"):
-            buffer.clear()
-        if wrong("drops what begins wrong") and not buffer and data[:4] != START[:4]:
+            self._buffer.clear()
+        if wrong("drops what begins wrong") and not self._buffer and data[:4] != START[:4]:
             return []
-        if not wrong("ignores checksums", "believes lengths", "reads inside unknown types", "takes 512 KiB",
-                     "waits for 4 MiB"):
-            return super().feed(data)
-        buffer += data
-        found = []
-        while (start := buffer.find(START)) >= 0 and len(buffer) >= start + HEADER.size:
-            del buffer[:start]
-            _, checksum, length, kind = HEADER.unpack_from(buffer)
-            if wrong("waits for 4 MiB") and length == 1 << 20 and checksum == 1:
-                length = 4 << 20
-            elif not wrong("believes lengths") and length > (1 << 19 if wrong("takes 512 KiB") else 1 << 20):
-                del buffer[:1]
-                continue
-            if len(buffer) < HEADER.size + length:
-                break
-            payload = bytes(buffer[HEADER.size:HEADER.size + length])
-            if wrong("reads inside unknown types") and kind > 6:
-                payload = b""
-            del buffer[:HEADER.size + len(payload)]
-            if wrong("ignores checksums") or frame(kind, payload)[32:36] == checksum.to_bytes(4, "little"):
-                found.append(Message(kind, payload))
-        return found
+        return super().feed(data)
 
 
 def picture(payload):

@@ -12,7 +12,6 @@ import os
 import readline
 import rlcompleter
 import signal
-import socket
 import sys
 import threading
 import time
@@ -231,18 +230,10 @@ def end_by_sigterm() -> None:
         signal.signal(number, signal.SIG_IGN)
         sys.exit(128 + number)
 
-    def repeat() -> None:
-        # readline waits for a key even if a signal came just before its wait.
-        while number := receiver.recv(1):
-            if number[0] == signal.SIGTERM:
-                time.sleep(0.1)
-                signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGTERM)
-
-    receiver, sender = socket.socketpair()
-    sender.setblocking(False)
-    signal.set_wakeup_fd(sender.detach())
     signal.signal(signal.SIGTERM, end)
-    threading.Thread(target=repeat, daemon=True).start()
+    # readline waits for a key even if a signal came just before its wait, so let another one follow.
+    signal.signal(signal.SIGALRM, lambda *_: None)
+    signal.setitimer(signal.ITIMER_REAL, 0.5, 0.5)
 
 
 def shell(options: argparse.Namespace) -> Result:
