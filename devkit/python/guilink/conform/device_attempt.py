@@ -8,7 +8,7 @@ from pathlib import Path
 
 from guilink.conform.case import Attempt, Subject, UntestableError
 from guilink.conform.rules import IN_EVERY_CASE
-from guilink.conform.event_loop import Channel, Datagram, EventLoop, UdpSocket
+from guilink.conform.event_loop import Channel, Datagram, EventLoop, Source, UdpSocket
 from guilink.conform.strict import Fault, StrictReader
 from guilink.discovery import ANSWER
 from guilink.link import GuilinkError
@@ -35,18 +35,15 @@ class Wanted(Subject):
         return self.log.read_bytes() if self.log and self.log.exists() else b""
 
 
-class Listener:
+class Listener(Source):
     def __init__(self, attempt: DeviceAttempt):
-        self.readable, self._attempt = True, attempt
+        self._attempt = attempt
         try:
-            self._socket = socket.create_server(("", 8399), backlog=64)
+            listener = socket.create_server(("", 8399), backlog=64)
         except OSError as error:
             raise GuilinkError(f"cannot listen on TCP port 8399: {error.strerror}; "
                                "is another companion or viewer running?") from error
-        self._socket.setblocking(False)
-
-    def fileno(self) -> int:
-        return self._socket.fileno()
+        super().__init__(attempt.loop, listener)
 
     def receive(self) -> None:
         try:
@@ -58,22 +55,16 @@ class Listener:
         else:
             connected.close()
 
-    def close(self) -> None:
-        self._socket.close()
 
-
-class Eavesdropper:
+class Eavesdropper(Source):
     """Reads the datagrams that arrive at a port of the loopback interface, which another program owns. Needs root."""
 
     def __init__(self, loop: EventLoop, port: int):
         self.arrived: list[Datagram] = []
-        self.readable, self._port = True, port
-        self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK, socket.htons(IPV4))
-        self._socket.bind(("lo", IPV4))
-        loop.add(self)
-
-    def fileno(self) -> int:
-        return self._socket.fileno()
+        self._port = port
+        packets = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(IPV4))
+        packets.bind(("lo", IPV4))
+        super().__init__(loop, packets)
 
     def receive(self) -> None:
         packet, (_, _, direction, *_) = self._socket.recvfrom(65536)
@@ -81,9 +72,6 @@ class Eavesdropper:
         if direction == socket.PACKET_HOST and packet[9] == socket.IPPROTO_UDP and \
                 int.from_bytes(ports[2:4], "big") == self._port:
             self.arrived.append(Datagram(time.monotonic(), ports[UDP_HEADER:], CONTROL_PORT))
-
-    def close(self) -> None:
-        self._socket.close()
 
 
 class DeviceAttempt(Attempt):
@@ -99,7 +87,7 @@ class DeviceAttempt(Attempt):
         except OSError as error:
             raise GuilinkError(f"cannot listen on UDP port 3152: {error.strerror}; "
                                "is another companion or viewer running?") from error
-        loop.add(Listener(self))
+        Listener(self)
 
     # --- discovery -----------------------------------------------------------------------------------
 

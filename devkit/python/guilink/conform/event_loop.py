@@ -8,7 +8,8 @@ import socket
 import struct
 import termios
 import time
-from typing import Callable, NamedTuple, Protocol
+from abc import ABC, abstractmethod
+from typing import Callable, NamedTuple
 
 from guilink.conform.exchange import KIT, SUBJECT, Address, Exchange
 from guilink.conform.strict import Fault, StrictReader
@@ -35,16 +36,22 @@ class Datagram(NamedTuple):
     sender: Address
 
 
-class Source(Protocol):
+class Source(ABC):
     """A socket that `EventLoop.serve` waits for and reads from."""
 
-    readable: bool
+    def __init__(self, loop: EventLoop, socket_: socket.socket):
+        self._socket, self.readable = socket_, True  # if it is not readable, the kit does not read
+        socket_.setblocking(False)
+        loop.add(self)
 
-    def fileno(self) -> int: ...
+    def fileno(self) -> int:
+        return self._socket.fileno()
 
+    @abstractmethod
     def receive(self) -> None: ...
 
-    def close(self) -> None: ...
+    def close(self) -> None:
+        self._socket.close()
 
 
 class DeadlineError(Exception):
@@ -114,22 +121,18 @@ class EventLoop:
             each.close()
 
 
-class UdpSocket:
+class UdpSocket(Source):
     def __init__(self, loop: EventLoop, address: Address):
         self.arrived: list[Datagram] = []
         self.refused = False  # a datagram that the kit sent reached a closed port
-        self._loop, self._socket = loop, socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._loop, self.channel = loop, loop.exchange.new_channel()
+        udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         for option in (socket.SO_BROADCAST, socket.SO_REUSEADDR):
-            self._socket.setsockopt(socket.SOL_SOCKET, option, 1)
-        self._socket.setsockopt(socket.IPPROTO_IP, IP_RECVERR, 1)
-        self._socket.bind(address)
-        self._socket.setblocking(False)
-        self.address: Address = self._socket.getsockname()
-        self.channel, self.readable = loop.exchange.new_channel(), True
-        loop.add(self)
-
-    def fileno(self) -> int:
-        return self._socket.fileno()
+            udp.setsockopt(socket.SOL_SOCKET, option, 1)
+        udp.setsockopt(socket.IPPROTO_IP, IP_RECVERR, 1)
+        udp.bind(address)
+        self.address: Address = udp.getsockname()
+        super().__init__(loop, udp)
 
     def send(self, data: bytes, target: Address) -> None:
         self._loop.exchange.add(KIT, "udp", self.channel, "bytes", self.address, target, data)
@@ -150,34 +153,26 @@ class UdpSocket:
         self._loop.exchange.add(SUBJECT, "udp", self.channel, "bytes", sender, self.address, data)
         self.arrived.append(Datagram(time.monotonic(), data, sender))
 
-    def close(self) -> None:
-        self._socket.close()
 
-
-class Channel:
+class Channel(Source):
     def __init__(self, loop: EventLoop, connected: socket.socket, by_companion: bool):
         self.arrived: list[Arrived] = []
         self.ended = False      # the subject has ended the connection
         self.was_reset = False  # by a reset
         self.over: float | None = None  # time at which one of the two sides has ended it
-        self.readable = True    # if false, the kit does not read
         self.reader = StrictReader(by_companion)
         self.linked: float | None = None  # time at which the kit has sent the first whole image
         self._sent = FrameReader()
         self._sending, self._behind = False, bytearray()
-        self.loop, self._socket, self._closed = loop, connected, False
+        self.loop, self._closed = loop, False
         self.sent_at = time.monotonic()
         self.stall = loop.patience  # s; if the subject reads nothing for this long, `send` fails
-        connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.here: Address = connected.getsockname()
         self.there: Address = connected.getpeername()
         self.number = loop.exchange.new_channel()
         self._log(SUBJECT if not by_companion else KIT, "opened")
-        loop.add(self)
-
-    def fileno(self) -> int:
-        return self._socket.fileno()
+        super().__init__(loop, connected)
 
     def count(self, kind: int) -> int:
         return sum(each.message.type == kind for each in self.arrived)

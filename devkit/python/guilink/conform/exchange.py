@@ -2,8 +2,7 @@
 from __future__ import annotations
 
 import time
-from dataclasses import dataclass, field
-from typing import Iterator
+from dataclasses import dataclass
 
 Address = tuple[str, int]
 KIT = "kit"          # plays the other end of the link
@@ -24,10 +23,8 @@ class Event:
     data: bytes = b""
 
 
-@dataclass
-class Exchange:
-    events: list[Event] = field(default_factory=list)
-    channels: int = 0
+class Exchange(list[Event]):
+    channels = 0
 
     def new_channel(self) -> int:
         self.channels += 1
@@ -35,7 +32,4 @@ class Exchange:
 
     def add(self, speaker: str, transport: str, channel: int, kind: str, source: Address, target: Address,
             data: bytes = b"") -> None:
-        self.events.append(Event(time.monotonic(), speaker, transport, channel, kind, source, target, data))
-
-    def __iter__(self) -> Iterator[Event]:
-        return iter(self.events)
+        self.append(Event(time.monotonic(), speaker, transport, channel, kind, source, target, data))
