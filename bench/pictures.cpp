@@ -23,7 +23,7 @@ std::vector<BenchPicture> draw_pictures() {
     const Gui gui("11111");
     const Moment moment = {.frame = 1, .seconds = 1, .clock = "12:00:00"};
     const auto blank = [&](const std::string& name) {
-        return BenchPicture{name, std::vector<uint16_t>(WIDTH * HEIGHT)};
+        return BenchPicture{name, std::vector<uint16_t>(size_t{WIDTH} * HEIGHT)};
     };
     const auto drawn = [&](const std::string& name, Scene scene) {
         BenchPicture picture = blank(name);
