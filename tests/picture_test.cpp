@@ -1,4 +1,4 @@
-// Tests the decoder of the companion library with damaged images; encoder_test.cpp has the sound
+// Tests the decoder of the companion library with damaged images; image_test.cpp has the sound
 // ones.
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-"""Decodes the payloads of encoder_test.cpp with the example companion of the docs, and compares the pixels with
+"""Decodes the payloads of image_test.cpp with the example companion of the docs, and compares the pixels with
 those of the C++ decoder."""
 import array
 import os

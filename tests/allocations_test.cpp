@@ -1,14 +1,11 @@
-// Compares the fast checksum with the reference checksum, and counts allocations per frame.
+// Counts the allocations per frame.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <new>
-#include <random>
 
 #include "protocol/veltrane_communicator.h"
-#include "reference/crc32.h"
 #include "tests/support/raw_companion.h"
-#include "wire/crc32.h"
 
 namespace {
 
@@ -43,19 +40,7 @@ namespace {
 
 using namespace guilink;
 
-TEST(FastPaths, ChecksumAsByTheTable) {
-    std::mt19937 random(1);
-    for (uint64_t length = 0; length < 1'000; ++length) {
-        for (const size_t offset : {0u, 1u, 7u, 15u}) {
-            std::vector<unsigned char> bytes(offset + length);
-            for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(random());
-            ASSERT_EQ(Crc32(bytes.data() + offset, length),
-                      crc32_literally(bytes.data() + offset, length));
-        }
-    }
-}
-
-TEST(FastPaths, NothingIsAllocatedForAFrame) {
+TEST(Allocations, AreNotMadeForAFrame) {
     const test::LastThreadsEnd last_threads_end;
     test::RawCompanion companion;
     const auto communicator = std::make_shared<VeltraneCommunicator>("11111", "fw1.1");
