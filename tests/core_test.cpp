@@ -62,8 +62,7 @@ TEST(ControlService, OnlyCommandsAreObeyed) {
     }
 }
 
-constexpr Scene SCENES[] = {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise,
-                            Scene::sweep};
+constexpr Scene SCENES[] = {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise};
 
 std::vector<uint16_t> drawn(const Gui& gui, Scene scene = Scene::menu, const Moment& moment = {}) {
     Canvas canvas(1024, 768);
