@@ -32,7 +32,7 @@ STARVED_POLL = 0.05    # s between two looks at how long the companion has waite
 SECOND = 1.0           # s; a companion must ignore its device's broadcasts for this long after the first image
 LINK_SILENCE = 3.0     # s; a companion closes the link if nothing arrives for this long
 SILENT = 2.0           # s; a connection on which the kit does not answer stays silent for this long at least
-STARVED = 0.5          # s; a companion that has waited for a processor for this long meanwhile gets messages again
+STARVED = 1.5          # s; a companion that has waited for a processor for this long meanwhile gets messages again
 
 
 @dataclass
