@@ -157,7 +157,8 @@ class Ports:
         for connection in filter(None, (member.connection for member in self._members)):
             writes = selectors.EVENT_WRITE if connection.wants_to_write else 0
             selector.register(connection, selectors.EVENT_READ | writes)
-        return max(0.0, min(dues) - now) if min(dues, default=math.inf) < math.inf else None
+        wait = min(dues, default=math.inf) - now
+        return None if wait == math.inf else max(0.0, wait)
 
     def _serve(self, ready: Sequence[object]) -> None:
         if self._wake_receiver in ready:
