@@ -7,13 +7,14 @@ import socket
 import subprocess
 import sys
 import time
+from concurrent.futures import ThreadPoolExecutor
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
 import PIL.Image
 import pytest
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
-from support.fake_device import LIMIT
+from support.fake_device import LIMIT, FakeDevice
 from support.service import end_service, start_service
 from support.visitor import PORT, URL, Page, ask, until
 
@@ -135,6 +136,59 @@ def test_made_up_names_harm_nobody(viewer):
     series = [(sample.name, sample.labels.get("device")) for family
               in text_string_to_metric_families(ask("GET", "/metrics")[1].decode()) for sample in family.samples]
     assert len(series) == len(set(series))
+
+
+@contextmanager
+def own_address(address):
+    """Gives this computer one more address."""
+    def change(action):
+        subprocess.run(["ip", "address", action, f"{address}/24", "dev", "guilink0"], check=True)
+
+    change("add")
+    try:
+        yield address
+    finally:
+        change("del")
+
+
+@pytest.mark.parametrize("viewer", [[]], indirect=True)
+def test_devices_with_one_identity_are_told_apart(viewer):
+    # Device 11111 searches with each address of this computer, unless it is linked.
+    assert ask("GET", "/device/11111/snapshot.png?after=0")[0] == 200
+    with own_address("10.77.0.4") as address, FakeDevice("22222", address=address) as twin:
+        def ids():
+            twin.broadcast()
+            return {each["id"] for each in json.loads(ask("GET", "/devices")[1])["devices"]}
+
+        until(lambda: ids() == {"11111", "10.77.0.2", address})
+        for method, path in ("GET", "/device/22222/state"), ("POST", "/device/22222"):
+            twin.broadcast()
+            assert ask(method, path)[:2] == (409, b"Several devices have this identity; name one by its address.\n")
+        assert ask("GET", "/device/10.77.0.2/snapshot.png?after=0")[0] == 200
+        known = json.loads(ask("GET", "/device/10.77.0.2/state")[1])
+        assert (known["identity"], known["address"]) == ("22222", "10.77.0.2")
+        assert json.loads(ask("GET", f"/device/{address}/state")[1])["state"] == "searching"
+        twin.link()
+        assert ask("GET", "/device/10.77.0.2/state")[0] == 200
+
+
+@pytest.mark.parametrize("viewer", [[]], indirect=True)
+def test_nobody_gets_another_device_than_asked_for(viewer):
+    until(lambda: len(known()) == 2)
+    assert ask("POST", "/device/11111")[0] == 204
+    pictures = linked_to("11111")["pictures"]
+    with ThreadPoolExecutor() as threads:
+        answer = threads.submit(ask, "GET", f"/device/11111/snapshot.png?after={pictures + 1000000}")
+        until(lambda: ask("POST", "/device/22222")[0] == 409 or answer.done())
+        assert answer.result(LIMIT)[0] == 503
+    before = ask("GET", "/device/22222/snapshot.png?after=0")[1]
+    until(lambda: known().get("22222", {}).get("state") == "searching")
+    with Page() as one, Page() as other:
+        one.send(device="22222", id=1)
+        assert one.said() == {"delivered": 1}
+        other.send(press=1)  # meant for the device before
+        linked_to("22222")
+        assert ask("GET", "/snapshot.png")[1] == before
 
 
 def test_a_device_that_was_not_named_is_not_served(viewer):

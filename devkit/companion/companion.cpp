@@ -93,6 +93,7 @@ class Companion::Impl final : Ports::Member {
     // Used only by the companion's thread.
     std::string m_device;                 // identity or address of the chosen device, or empty
     LinkStatus m_last;                    // the device of m_used; kept after that connection ends
+    Clock::time_point m_last_heard;       // on the last link that has ended
     std::list<Connection> m_connections;  // oldest first
     // The newest of m_connections on which a valid message has arrived, or null. A candidate, or
     // the link.
@@ -276,6 +277,7 @@ Ports::Wish Companion::Impl::wish() {
     wish.device = m_device;
     wish.last_identity = m_last.identity;
     inet_pton(AF_INET, m_last.address.c_str(), &wish.last_address);
+    wish.last_heard = m_used != nullptr ? m_used->last_received() : m_last_heard;
     if (m_used != nullptr && !m_used->ended()) wish.link = m_used->address();
     wish.link_is_silent = m_told_silent = silent();
     return wish;
@@ -376,6 +378,7 @@ void Companion::Impl::send_messages() {
 
 void Companion::Impl::drop_ended() {
     const bool link_ended = m_used != nullptr && m_used->ended();
+    if (link_ended) m_last_heard = m_used->last_received();
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
     m_used = nullptr;

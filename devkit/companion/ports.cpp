@@ -125,7 +125,10 @@ int Ports::Entry::claim(const Discovery::Search& search) const {
     const bool identity = wish.last_identity == search.device.identity;
     if (wish.link != 0 && wish.link == search.address) return 5;  // it has dropped the link
     if (address && identity) return 4;
-    if (wish.device == search.device.identity || wish.device == search.device.address) return 3;
+    if (wish.device == search.device.address) return 3;
+    // Another device with this identity has searched while the link still worked.
+    if (identity && search.since <= wish.last_heard) return 0;
+    if (wish.device == search.device.identity) return 3;
     return identity ? 2 : address ? 1 : 0;
 }
 

@@ -26,6 +26,7 @@ class Ports {
         std::string device;         // identity or dotted address of the chosen device; empty: any
         std::string last_identity;  // of the device that was linked last, or empty
         uint32_t last_address = 0;
+        std::chrono::steady_clock::time_point last_heard = {};  // when that link still worked
         uint32_t link = 0;  // the companion uses a connection from here, and wants no other device
         bool link_is_silent = false;  // so the device may have moved to another address
     };

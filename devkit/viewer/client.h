@@ -11,8 +11,6 @@ struct Client {
     std::string address;     // as text
     bool is_program = true;  // not a page in a browser
     Access access = Access::none;
-    bool named_device =
-        false;  // has asked for a device by its name, so it must not get another one
 };
 
 }  // namespace guilink

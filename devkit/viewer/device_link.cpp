@@ -66,15 +66,11 @@ struct DeviceLink::Inbox : std::enable_shared_from_this<DeviceLink::Inbox> {
     News news GUARDED_BY(mutex);
 };
 
-DeviceLink::DeviceLink(WebServer& server, std::string device, Hub::Choose may_choose)
+DeviceLink::DeviceLink(WebServer& server, std::string device, Hub::Choose choose)
     : m_wanted(device),
       m_hub(std::make_shared<Hub>(
           server, [this](const Order& order, uint64_t number) { return send(order, number); },
-          [this, may = std::move(may_choose)](const std::string& choice) {
-              if (!may(choice)) return false;
-              choose(choice);
-              return true;
-          })),
+          std::move(choose))),
       m_inbox(std::make_shared<Inbox>(m_hub)),
       m_companion({.status = [this](const auto& status) { m_inbox->on_status(status); },
                    .image = [this](const auto& image) { m_inbox->on_image(image); },
@@ -83,6 +79,7 @@ DeviceLink::DeviceLink(WebServer& server, std::string device, Hub::Choose may_ch
 
 void DeviceLink::choose(const std::string& device) {
     m_wanted = device;
+    if (!is_to(device)) m_hub->expect(device);
     m_companion.choose(device);
 }
 
@@ -92,18 +89,17 @@ bool DeviceLink::is_to(const std::string& device) const {
 }
 
 bool DeviceLink::was_for(const std::string& device) const {
-    return device == m_wanted || (!m_hub->link().linked && device == m_hub->last_address());
+    const LinkStatus& link = m_hub->link();
+    return device == m_wanted ||
+           (!link.linked && (device == link.wanted || device == m_hub->last_address()));
 }
 
 bool DeviceLink::send(const Order& order, uint64_t number) {
-    Companion::DeliveryHandler delivered;
-    if (number != 0) {
-        delivered = [inbox = m_inbox, number](Delivery delivery) {
-            boost::asio::post(inbox->loop, [inbox, number, delivery, image = inbox->last.number] {
-                if (const auto hub = inbox->hub.lock()) hub->set_outcome(number, delivery, image);
-            });
-        };
-    }
+    Companion::DeliveryHandler delivered = [inbox = m_inbox, number](Delivery delivery) {
+        boost::asio::post(inbox->loop, [inbox, number, delivery, image = inbox->last.number] {
+            if (const auto hub = inbox->hub.lock()) hub->set_outcome(number, delivery, image);
+        });
+    };
     if (const auto* const press = std::get_if<Press>(&order))
         return m_companion.press(press->button, std::move(delivered));
     return m_companion.send_text(std::get<Text>(order).text, std::move(delivered));

@@ -14,9 +14,9 @@ namespace guilink {
 class DeviceLink {
   public:
     // `device` is the identity or the address of the wanted device; empty: the only one in sight.
-    // `may_choose` tells whether a client may choose the device with this identity or address.
-    // Throws std::runtime_error if the companion cannot listen on its ports.
-    DeviceLink(WebServer& server, std::string device, Hub::Choose may_choose);
+    // Clients choose another one by `choose`. Throws std::runtime_error if the companion cannot
+    // listen on its ports.
+    DeviceLink(WebServer& server, std::string device, Hub::Choose choose);
     DeviceLink(const DeviceLink&) = delete;
     DeviceLink& operator=(const DeviceLink&) = delete;
 
@@ -25,7 +25,7 @@ class DeviceLink {
     void choose(const std::string& device);
     // Whether the link is to the device with this identity or address.
     bool is_to(const std::string& device) const;
-    // Whether the link was made for this device, or the device last linked had this address.
+    // Whether the link was made for this device, or waits for it to come back.
     bool was_for(const std::string& device) const;
     void use() { m_used = std::chrono::steady_clock::now(); }
     // Returns when it was last used; that is now if a session has the hub.

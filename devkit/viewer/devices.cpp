@@ -7,6 +7,8 @@
 
 namespace guilink {
 
+using namespace std::string_literals;
+
 namespace {
 
 constexpr auto LINGER = std::chrono::seconds(10);   // an unused link ends after this time
@@ -14,6 +16,15 @@ constexpr auto IN_SIGHT = std::chrono::seconds(5);  // a device broadcasts about
 constexpr auto TIDY_EVERY = std::chrono::seconds(1);
 constexpr size_t MAX_LINKS = 64;    // each has a thread
 constexpr size_t MAX_UNHEARD = 32;  // leaves links for devices in sight, whatever names are made up
+constexpr const char* SEVERAL = "Several devices have this identity; name one by its address.";
+
+bool is_named(const SearchingDevice& device, const std::string& name) {
+    return name == device.identity || name == device.address;
+}
+
+std::optional<Hub::Refusal> has_its_own_page(const std::string& device) {
+    return Hub::Refusal{409, "This device has a page of its own: /device/" + device + "/."};
+}
 
 }  // namespace
 
@@ -22,35 +33,33 @@ Devices::Devices(WebServer& server, Served served)
       m_served(std::move(served)),
       m_timer(server.loop()),
       m_main(server, m_served.named.empty() ? "" : m_served.named[0],
-             [this](const std::string& choice) {
-                 const DeviceLink* const link = link_of(choice);
-                 return link == nullptr || link == &m_main;
-             }) {
+             [this](const std::string& choice) { return choose(choice); }) {
     for (size_t i = 1; i < m_served.named.size(); ++i) add(m_served.named[i], true);
     tidy();
 }
 
 std::variant<std::shared_ptr<Hub>, Reply> Devices::find(const std::string& device, Access access) {
+    if (addresses_in_sight(device).size() > 1) return Reply{409, "text/plain", SEVERAL + "\n"s};
     if (DeviceLink* const link = link_of(device)) {
         link->use();
-        return link->hub();
+        return link->hub()->share_of_device();
     }
-    const auto& searching = main()->searching();
-    const bool served = std::ranges::any_of(searching, [&](const SearchingDevice& each) {
-        return (device == each.identity || device == each.address) &&
-               is_served(each.identity, each.address);
+    const bool served = std::ranges::any_of(main()->searching(), [&](const SearchingDevice& each) {
+        return is_named(each, device) && is_served(each.identity, each.address);
     });
     // Made-up names of other bytes could not be told apart in JSON and metrics.
     if (!served && (!is_served(device, device) || printable(device) != device))
         return Reply{404, "text/plain", "This viewer does not serve this device; see --device.\n"};
-    if (m_main.wanted().empty() && !main()->link().linked && access == Access::press) {
+    // Not if it waits for a device to come back: its clients must not get another one.
+    const bool is_free = m_main.wanted().empty() && main()->last_address().empty();
+    if (is_free && access == Access::press) {
         m_main.choose(device);
-        return m_main.hub();
+        return main()->share_of_device();
     }
     if (m_others.size() >= (served ? MAX_LINKS : MAX_UNHEARD))
         return Reply{503, "text/plain", "The viewer has links to too many devices.\n"};
     try {
-        return add(device, false).link.hub();
+        return add(device, false).link.hub()->share_of_device();
     } catch (const std::exception& error) {  // no thread or descriptor is free
         return Reply{503, "text/plain",
                      std::string("The viewer cannot link: ") + error.what() + '\n'};
@@ -58,7 +67,6 @@ std::variant<std::shared_ptr<Hub>, Reply> Devices::find(const std::string& devic
 }
 
 std::vector<KnownDevice> Devices::known() {
-    const auto now = std::chrono::steady_clock::now();
     std::vector<KnownDevice> known;
     for (const DeviceLink* const link : links()) {
         KnownDevice device;
@@ -72,16 +80,13 @@ std::vector<KnownDevice> Devices::known() {
         device.address = status.linked ? status.address : link->hub()->last_address();
         known.push_back(std::move(device));
     }
-    for (const SearchingDevice& each : main()->searching()) {
-        if (now - each.heard > IN_SIGHT || !is_served(each.identity, each.address)) continue;
+    for (const SearchingDevice& each : searching_now()) {
+        if (!is_served(each.identity, each.address)) continue;
         const auto same = std::ranges::find_if(known, [&](const KnownDevice& device) {
             return device.address == each.address ||
-                   (!device.report.status.linked &&
-                    (device.identity == each.identity || device.identity == each.address));
+                   (device.address.empty() && is_named(each, device.identity));
         });
-        if (same != known.end() && same->report.status.linked) continue;
         KnownDevice& device = same != known.end() ? *same : known.emplace_back();
-        // While a device starts, it may have another identity for a moment.
         if (device.identity.empty()) device.identity = each.identity;
         device.firmware = each.firmware;
         device.address = each.address;
@@ -102,6 +107,46 @@ std::vector<KnownDevice> Devices::known() {
 
 void Devices::use_all(Access access) {
     for (const KnownDevice& device : known()) find(device.id, access);
+}
+
+std::optional<Hub::Refusal> Devices::choose(const std::string& device) {
+    const auto in_sight = addresses_in_sight(device);
+    const auto named = [&](const auto& each) { return is_named(each, device); };
+    if (in_sight.empty() && std::ranges::none_of(main()->searching(), named))
+        return Hub::Refusal{404, "No device with this identity or address has called."};
+    if (in_sight.size() > 1) return Hub::Refusal{409, SEVERAL};
+    if (main()->is_asked_by_name() && !m_main.is_to(device))
+        return Hub::Refusal{409, "Somebody has asked for the present device by its name."};
+    const DeviceLink* const link = link_of(device);
+    if (link != nullptr && link != &m_main) return has_its_own_page(device);
+    m_main.choose(device);
+    return std::nullopt;
+}
+
+std::set<std::string> Devices::addresses_in_sight(const std::string& device) {
+    std::set<std::string> addresses;
+    for (const SearchingDevice& each : searching_now()) {
+        if (is_named(each, device)) addresses.insert(each.address);
+    }
+    for (const DeviceLink* const link : links()) {
+        if (link->is_to(device)) addresses.insert(link->hub()->link().address);
+    }
+    return addresses;
+}
+
+// Returns one entry for each address: while a device starts, it may have another's identity.
+std::vector<SearchingDevice> Devices::searching_now() {
+    std::set<std::string> addresses;
+    for (const DeviceLink* const link : links()) {
+        if (link->hub()->link().linked) addresses.insert(link->hub()->link().address);
+    }
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<SearchingDevice> searching;
+    for (const SearchingDevice& each : main()->searching()) {
+        if (now - each.heard <= IN_SIGHT && addresses.insert(each.address).second)
+            searching.push_back(each);
+    }
+    return searching;
 }
 
 bool Devices::is_served(const std::string& identity, const std::string& address) const {
@@ -136,9 +181,7 @@ DeviceLink* Devices::link_of(const std::string& device) {
 }
 
 Devices::Other& Devices::add(const std::string& device, bool named) {
-    // What a client of its page chooses has a page of its own, too.
-    const auto may_choose = [](const std::string&) { return false; };
-    m_others.emplace_back(new Other{{m_server, device, may_choose}, named});
+    m_others.emplace_back(new Other{{m_server, device, has_its_own_page}, named});
     return *m_others.back();
 }
 

@@ -8,6 +8,8 @@
 #include <chrono>
 #include <list>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
@@ -26,7 +28,8 @@ class Devices {
 
     const std::shared_ptr<Hub>& main() const { return m_main.hub(); }
     // Returns the hub of the device with this identity or address, and links to it. The device need
-    // not be in sight. Returns a reply if the viewer does not serve it.
+    // not be in sight. Returns a reply if the viewer does not serve it, or if several devices in
+    // sight have this identity.
     std::variant<std::shared_ptr<Hub>, Reply> find(const std::string& device, Access access);
     // Returns all devices that are linked, shall be linked, or search for a companion.
     std::vector<KnownDevice> known();
@@ -40,6 +43,10 @@ class Devices {
         bool named;
     };
 
+    // Makes this device the main one, or returns why not.
+    std::optional<Hub::Refusal> choose(const std::string& device);
+    std::set<std::string> addresses_in_sight(const std::string& device);
+    std::vector<SearchingDevice> searching_now();
     bool is_served(const std::string& identity, const std::string& address) const;
     std::vector<DeviceLink*> links();
     DeviceLink* link_of(const std::string& device);

@@ -45,7 +45,6 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
           m_stream(std::move(socket)) {}
 
     void read() {
-        m_hub = nullptr;
         m_parser.emplace();
         m_parser->header_limit(MAX_REQUEST_HEADER);
         m_parser->body_limit(Companion::max_text);
@@ -84,8 +83,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         }
         const HttpRequest request = read_headers(m_parser->get());
         const auto address = address_of(m_stream.socket());
-        m_client = {address.to_string(), request.is_from_program(), Access::none,
-                    !request.prefix.empty()};
+        m_client = {address.to_string(), request.is_from_program(), Access::none};
         m_sender = sender_of(address);
         if (const std::string client = m_server.policy().forwarded_address(request);
             address.is_loopback() && !client.empty()) {
@@ -137,7 +135,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         } else if (std::holds_alternative<Metrics>(asked)) {
             respond({200, OPENMETRICS, metrics_text(m_devices.known(), m_devices.heard())});
         } else if (std::holds_alternative<Stream>(asked)) {
-            start_stream_session(m_hub, m_stream.release_socket(), std::move(m_place), m_client,
+            start_stream_session(m_hub, m_stream.release_socket(), std::move(m_place),
                                  m_parser->get().method() == http::verb::head);
         } else if (beast::websocket::is_upgrade(m_parser->get())) {
             start_page_session(m_hub, m_stream.release_socket(), std::move(m_place),
@@ -152,6 +150,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     void respond(const Reply& reply) {
         const Request& request = m_parser->get();
         m_timer.cancel();
+        m_hub = nullptr;
         m_response = {};
         m_response.version(request.version());
         m_response.keep_alive(m_readable && request.keep_alive());
@@ -217,7 +216,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
             return respond({423, "text/plain", *why_not + '\n'});
         const uint64_t turn = wait(
             504, "The device has not confirmed it in time, so it may or may not have arrived.\n");
-        m_hub->send_confirmed(
+        m_hub->send(
             order, m_client, weak_from_this(),
             [this, turn](const std::optional<std::string>& why_not, uint64_t picture) {
                 if (turn != m_turn) return;
@@ -250,7 +249,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     WebServer& m_server;
     Devices& m_devices;
-    std::shared_ptr<Hub> m_hub;  // which the current request is about
+    std::shared_ptr<Hub> m_hub;  // which the current request is about, until the response
     std::unique_ptr<Connections::Place> m_place;
     Client m_client;       // who has sent the current request
     std::string m_sender;  // the client's address, as sender_of returns it

@@ -9,6 +9,7 @@ using boost::system::error_code;
 namespace {
 
 constexpr auto RATE_WINDOW = std::chrono::seconds(2);  // time over which rates are measured
+constexpr const char* NO_LINK = "No device is linked.";
 
 }  // namespace
 
@@ -18,6 +19,18 @@ Hub::Hub(WebServer& server, Send send, Choose choose)
       m_choose(std::move(choose)),
       m_hold_timer(server.loop()),
       m_renditions(std::make_shared<Renditions>(server.loop(), server.encoder)) {}
+
+std::shared_ptr<Hub> Hub::share_of_device() {
+    ++m_shares_of_device;
+    return {this, [self = shared_from_this()](Hub*) { --self->m_shares_of_device; }};
+}
+
+void Hub::expect(const std::string& device) {
+    m_last_address.clear();
+    LinkStatus status;
+    status.wanted = device;
+    set_status(status);
+}
 
 void Hub::set_status(const LinkStatus& status) {
     m_server.log.status(m_status, status);
@@ -35,6 +48,7 @@ void Hub::set_devices(const std::vector<SearchingDevice>& devices) {
 }
 
 void Hub::set_image(const ReceivedImage& image) {
+    if (!m_status.linked) return;  // from the device before the one that was just chosen
     const auto now = std::chrono::steady_clock::now();
     // A device whose core draws nothing repeats its image, so a repeated image shows no progress.
     if (m_newest.data == nullptr || *m_newest.data != *image.data) m_changed = now;
@@ -81,16 +95,13 @@ void Hub::remove(Watcher& watcher) {
     if (m_holder == &watcher) end_hold();
 }
 
-void Hub::send(const Order& order, const Client& by) {
-    if (!held_from(by) && m_send(order, 0)) announce(order, by);
-}
-
-void Hub::send_confirmed(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
-                         Outcome outcome) {
+void Hub::send(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
+               Outcome outcome) {
     if (const auto why_not = held_from(by)) return outcome(why_not, 0);
+    if (!m_status.linked) return outcome(NO_LINK, 0);
     const uint64_t number = ++m_last_number;
+    if (!m_send(order, number)) return outcome("Too many orders wait for the device.", 0);
     m_sent[number] = {owner, std::move(outcome)};
-    if (!m_send(order, number)) return set_outcome(number, Delivery::refused, 0);
     announce(order, by);
 }
 
@@ -103,33 +114,20 @@ void Hub::set_outcome(uint64_t number, Delivery delivery, uint64_t picture) {
     if (delivery == Delivery::unknown)
         why_not =
             "The link ended before the device confirmed it, so it may or may not have arrived.";
-    if (delivery == Delivery::refused)
-        why_not = m_status.linked ? "Too many orders wait for the device." : "No device is linked.";
+    if (delivery == Delivery::refused) why_not = NO_LINK;
     found.mapped().outcome(why_not, picture);
 }
 
 std::optional<Hub::Refusal> Hub::choose(const Choice& choice, const Client& by) {
     if (const auto why_not = held_from(by)) return Refusal{423, *why_not};
-    std::set<std::string> addresses;
-    const auto note = [&](const std::string& identity, const std::string& address) {
-        if (choice.device == identity || choice.device == address) addresses.insert(address);
-    };
-    for (const SearchingDevice& device : m_devices) note(device.identity, device.address);
-    if (m_status.linked) note(m_status.identity, m_status.address);
-    if (addresses.empty())
-        return Refusal{404, "No device with this identity or address has called."};
-    if (addresses.size() > 1)
-        return Refusal{409, "Several devices have this identity; name one by its address."};
-    if (named > 0 && !addresses.contains(m_status.linked ? m_status.address : ""))
-        return Refusal{409, "Somebody has asked for the present device by its name."};
-    if (!m_choose(choice.device))
-        return Refusal{409, "This device has a page of its own: /device/" + choice.device + "/."};
+    if (auto refusal = m_choose(choice.device)) return refusal;
     announce(choice, by);
     return std::nullopt;
 }
 
 std::optional<std::string> Hub::hold(const Hold& hold, const Watcher& by) {
     if (auto why_not = held_from(by.client)) return why_not;
+    if (!m_status.linked && m_status.wanted.empty()) return NO_LINK;
     m_server.log.held(m_status.identity.empty() ? m_status.wanted : m_status.identity, hold.seconds,
                       by.client);
     if (hold.seconds == 0) {

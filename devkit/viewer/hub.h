@@ -44,13 +44,22 @@ class Hub : public std::enable_shared_from_this<Hub> {
     using Outcome =
         std::function<void(const std::optional<std::string>& why_not, uint64_t picture)>;
 
-    // `send` gives an order to the companion. If its number is not 0, the outcome must be reported
-    // to set_outcome. If `send` returns false, it has dropped the order, and there is no outcome to
-    // report. `choose` tells the companion which device to link to, unless this device has another
-    // companion; it then returns false. Make a hub with std::make_shared.
+    struct Refusal {
+        unsigned status;  // of HTTP
+        std::string why;
+    };
+    // `send` gives an order to the companion, whose outcome must be reported to set_outcome. If
+    // `send` returns false, it has dropped the order, and there is no outcome to report. `choose`
+    // tells the companion which device to link to, or returns why not. Make a hub with
+    // std::make_shared.
     using Send = std::function<bool(const Order&, uint64_t number)>;
-    using Choose = std::function<bool(const std::string& device)>;
+    using Choose = std::function<std::optional<Refusal>(const std::string& device)>;
     Hub(WebServer& server, Send send, Choose choose);
+
+    // Returns a share for a client that has asked for the device by its name. As long as it exists,
+    // no other device may be chosen.
+    std::shared_ptr<Hub> share_of_device();
+    bool is_asked_by_name() const { return m_shares_of_device > 0; }
 
     WebServer& server() { return m_server; }
     const LinkStatus& link() const { return m_status; }
@@ -62,6 +71,8 @@ class Hub : public std::enable_shared_from_this<Hub> {
     std::string status(const Client& client, uint64_t skipped) const;
     Report report();
 
+    // From now on, waits for this device: nothing is for, or from, the one before.
+    void expect(const std::string& device);
     void set_status(const LinkStatus& status);
     void set_devices(const std::vector<SearchingDevice>& devices);
     void set_image(const ReceivedImage& image);
@@ -72,19 +83,13 @@ class Hub : public std::enable_shared_from_this<Hub> {
     // The functions below log what has been sent, and tell all pages but the sender's, `by`. They
     // refuse everything while another client holds the device.
 
-    // Sends an order to the device. The caller does not learn the outcome.
-    void send(const Order& order, const Client& by);
-    // Sends an order to the device. Calls `outcome` once, possibly before send_confirmed returns.
-    // Does not call `outcome` if `owner` is destroyed first.
-    void send_confirmed(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
-                        Outcome outcome);
+    // Sends an order to the device, if there is a link. Calls `outcome` once, possibly before
+    // `send` returns. Does not call `outcome` if `owner` is destroyed first.
+    void send(const Order& order, const Client& by, const std::weak_ptr<void>& owner,
+              Outcome outcome);
     void set_outcome(uint64_t number, Delivery delivery, uint64_t picture);
 
-    // If exactly one device matches `choice`, links to this device. Returns why not, or nothing.
-    struct Refusal {
-        unsigned status;  // of HTTP
-        std::string why;
-    };
+    // Links to another device. Returns why not, or nothing.
     std::optional<Refusal> choose(const Choice& choice, const Client& by);
 
     // Lets only this watcher's client press and send texts. The hold ends after the time, or with
@@ -94,7 +99,6 @@ class Hub : public std::enable_shared_from_this<Hub> {
     std::optional<std::string> held_from(const Client& client) const;
 
     size_t streams = 0;
-    size_t named = 0;               // sessions whose clients have asked for this device by its name
     uint64_t skipped_pictures = 0;  // not sent, because a WebSocket client was too slow
 
   private:
@@ -116,6 +120,7 @@ class Hub : public std::enable_shared_from_this<Hub> {
     WebServer& m_server;
     const Send m_send;
     const Choose m_choose;
+    size_t m_shares_of_device = 0;
     std::set<Watcher*> m_watchers;
     LinkStatus m_status;
     std::string m_last_address;

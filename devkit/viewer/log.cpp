@@ -77,7 +77,9 @@ void Log::sent(const Choice& choice, const Client& by) {
 }
 
 void Log::held(const std::string& device, uint32_t seconds, const Client& by) {
-    write("device " + device + " held for " + std::to_string(seconds) + " s by " + name_of(by));
+    write("device " + device +
+          (seconds == 0 ? " released" : " held for " + std::to_string(seconds) + " s") + " by " +
+          name_of(by));
 }
 
 void Log::refused(const std::string& address, std::string_view why) {

@@ -28,10 +28,7 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
   public:
     PageSession(std::shared_ptr<Hub> hub, tcp::socket socket,
                 std::unique_ptr<Connections::Place> place, Client who)
-        : m_hub(std::move(hub)),
-          m_named(m_hub->named, who.named_device),
-          m_place(std::move(place)),
-          m_stream(std::move(socket)) {
+        : m_hub(std::move(hub)), m_place(std::move(place)), m_stream(std::move(socket)) {
         client = std::move(who);
     }
 
@@ -102,13 +99,11 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     void send(const Order& order, std::optional<uint64_t> id) {
-        if (!id) return m_hub->send(order, client);
-        m_hub->send_confirmed(
-            order, client, weak_from_this(),
-            [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
-                if (!why_not && m_image.number <= picture) drop_image();
-                answer(*id, why_not);
-            });
+        m_hub->send(order, client, weak_from_this(),
+                    [this, id](const std::optional<std::string>& why_not, uint64_t picture) {
+                        if (id && !why_not && m_image.number <= picture) drop_image();
+                        finish(id, why_not);
+                    });
     }
 
     void choose(const Choice& choice, std::optional<uint64_t> id) {
@@ -183,7 +178,6 @@ class PageSession : public Hub::Watcher, public std::enable_shared_from_this<Pag
     }
 
     const std::shared_ptr<Hub> m_hub;
-    const Counted m_named;
     const std::unique_ptr<Connections::Place> m_place;
     websocket::stream<beast::tcp_stream> m_stream;
     beast::flat_buffer m_received;

@@ -49,18 +49,13 @@ inline std::string sender_of(const boost::asio::ip::address& address) {
 // sessions.
 class Counted {
   public:
-    explicit Counted(size_t& count, bool counts = true) : m_count(count), m_counts(counts) {
-        if (m_counts) ++m_count;
-    }
-    ~Counted() {
-        if (m_counts) --m_count;
-    }
+    explicit Counted(size_t& count) : m_count(count) { ++m_count; }
+    ~Counted() { --m_count; }
     Counted(const Counted&) = delete;
     Counted& operator=(const Counted&) = delete;
 
   private:
     size_t& m_count;
-    const bool m_counts;
 };
 
 }  // namespace guilink

@@ -43,11 +43,10 @@ std::string timestamp(const ReceivedImage& image) {
 class StreamSession : public std::enable_shared_from_this<StreamSession> {
   public:
     StreamSession(std::shared_ptr<Hub> hub, tcp::socket socket,
-                  std::unique_ptr<Connections::Place> place, const Client& client)
+                  std::unique_ptr<Connections::Place> place)
         : m_hub(std::move(hub)),
           m_place(std::move(place)),
           m_counted(m_hub->streams),
-          m_named(m_hub->named, client.named_device),
           m_socket(std::move(socket)) {}
 
     void run(bool only_head) {
@@ -105,7 +104,6 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
     const std::shared_ptr<Hub> m_hub;
     const std::unique_ptr<Connections::Place> m_place;
     const Counted m_counted;
-    const Counted m_named;
     tcp::socket m_socket;
     asio::steady_timer m_limit{m_hub->server().loop()};
     std::array<char, 256> m_ignored = {};
@@ -118,11 +116,9 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
 }  // namespace
 
 void start_stream_session(std::shared_ptr<Hub> hub, tcp::socket socket,
-                          std::unique_ptr<Connections::Place> place, const Client& client,
-                          bool only_head) {
-    const auto session = std::make_shared<StreamSession>(std::move(hub), std::move(socket),
-                                                         std::move(place), client);
-    session->run(only_head);
+                          std::unique_ptr<Connections::Place> place, bool only_head) {
+    std::make_shared<StreamSession>(std::move(hub), std::move(socket), std::move(place))
+        ->run(only_head);
 }
 
 }  // namespace guilink

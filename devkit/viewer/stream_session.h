@@ -5,7 +5,6 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <memory>
 
-#include "devkit/viewer/client.h"
 #include "devkit/viewer/connections.h"
 
 namespace guilink {
@@ -14,7 +13,6 @@ class Hub;
 
 // With `only_head`, sends only the response's headers.
 void start_stream_session(std::shared_ptr<Hub> hub, boost::asio::ip::tcp::socket socket,
-                          std::unique_ptr<Connections::Place> place, const Client& client,
-                          bool only_head);
+                          std::unique_ptr<Connections::Place> place, bool only_head);
 
 }  // namespace guilink

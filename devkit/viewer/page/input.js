@@ -66,8 +66,8 @@ export function makeButtons(pad, labels, press, confirm) {
   const entryOf = (event) => {
     if (!shortcuts || event.ctrlKey || event.altKey || event.metaKey) return undefined;
     if (event.target.closest?.('input') || document.querySelector('dialog[open]')) return undefined;
-    // The browser itself applies Enter and space to the button that has the focus.
-    if (event.target.closest?.('button') && ['Enter', ' '].includes(event.key)) return undefined;
+    // The browser itself applies Enter and space to the button or link that has the focus.
+    if (event.target.closest?.('button, a') && ['Enter', ' '].includes(event.key)) return undefined;
     return labels.find(({ key, element }) => key?.toLowerCase() === event.key.toLowerCase() && !element.disabled);
   };
   // Keyed by event.code, because event.key can change between keydown and keyup when Shift is released.

@@ -76,6 +76,7 @@ function showLink(state, text, title = text) {
   $('link').dataset.state = state;
   $('link').textContent = text;
   $('device').hidden = state !== 'linked';
+  $('refusal').textContent = '';
   enableButtons();
   note(text);
 }
@@ -130,8 +131,12 @@ const viewer = connect({
     if (event === 'text') note(`Text sent ${who}`);
     if (event === 'device') note(`${device} chosen ${who}`);
   },
-  offline() {
-    showLink('offline', 'The viewer is not running');
+  failed(why) {
+    $('refusal').textContent = why;
+    note(why);
+  },
+  offline(why) {
+    showLink('offline', why);
   },
   refused() {
     showLink('offline', 'The viewer asks for its token: reload this page');

@@ -3,13 +3,14 @@
 // Viewer to page: a binary message is the payload of an ImageMessage as the device sent it; a text
 // message is JSON, {"state", "address", "identity", "firmware", "wanted", "may", "held", "devices", "skipped"} or, after
 // another page or program has pressed a button, sent a text or chosen a device, {"event", "address", "from", ...}.
-// Page to viewer: JSON, {"press": BUTTON}, {"text": TEXT}, {"device": ID} or {"hold": SECONDS}.
+// Page to viewer: JSON, {"press": BUTTON}, {"text": TEXT}, {"device": ID} or {"hold": SECONDS}. With an "id", the viewer
+// answers {"delivered": ID} or {"failed": ID, "why": TEXT}.
 
 const BACK_OFF = { first: 250, most: 5000 }; // ms between attempts, doubled each time
 const ANSWER = 1000; // ms; a viewer that does not answer for this time is not running
 
 // Connects, and reconnects whenever the connection is lost. handlers: image(ArrayBuffer),
-// state(object), event(object), offline(), refused(). After refused(), does not try again.
+// state(object), event(object), failed(why), offline(why), refused(). After refused(), does not try again.
 export function connect(handlers) {
   const url = new URL('link', location.href);
   url.protocol = url.protocol.replace('http', 'ws');
@@ -24,12 +25,14 @@ export function connect(handlers) {
       if (data instanceof ArrayBuffer) return handlers.image(data);
       const message = JSON.parse(data);
       if (message.event) handlers.event(message);
-      else handlers.state(message);
+      else if (message.why) handlers.failed(message.why);
+      else if (message.state) handlers.state(message);
     };
     socket.onclose = async () => {
-      const answer = await fetch('labels.json', { signal: AbortSignal.timeout(ANSWER) }).catch(() => null);
+      const answer = await fetch('state', { signal: AbortSignal.timeout(ANSWER) }).catch(() => null);
       if (answer?.status === 401) return handlers.refused();
-      handlers.offline();
+      const why = answer === null || answer.ok ? 'The viewer is not running' : await answer.text().catch(() => '');
+      handlers.offline(why.trim());
       setTimeout(open, wait * (0.5 + Math.random())); // jitter: pages must not reconnect all at once
       wait = Math.min(2 * wait, BACK_OFF.most);
     };
@@ -44,7 +47,7 @@ export function connect(handlers) {
   return {
     press: (button) => send({ press: button }),
     text: (text) => send({ text }),
-    choose: (device) => send({ device }),
-    hold: (seconds) => send({ hold: seconds }),
+    choose: (device) => send({ device, id: 0 }),
+    hold: (seconds) => send({ hold: seconds, id: 0 }),
   };
 }
