@@ -78,8 +78,8 @@ DeviceLink::DeviceLink(WebServer& server, std::string device, Hub::Choose choose
                   std::move(device)) {}
 
 void DeviceLink::choose(const std::string& device) {
+    if (device != m_wanted && !is_to(device)) m_hub->expect(device);
     m_wanted = device;
-    if (!is_to(device)) m_hub->expect(device);
     m_companion.choose(device);
 }
 

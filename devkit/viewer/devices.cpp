@@ -73,8 +73,9 @@ std::vector<KnownDevice> Devices::known() {
         device.id = link->wanted();
         device.report = link->hub()->report();
         const LinkStatus& status = device.report.status;
-        device.identity = status.linked ? status.identity : status.wanted;
-        if (device.identity.empty()) device.identity = link->wanted();  // until the device tells it
+        device.identity = status.linked           ? status.identity
+                          : status.wanted.empty() ? link->wanted()
+                                                  : status.wanted;
         if (!status.linked && device.identity.empty()) continue;
         device.firmware = status.firmware;
         device.address = status.linked ? status.address : link->hub()->last_address();
@@ -134,11 +135,13 @@ std::set<std::string> Devices::addresses_in_sight(const std::string& device) {
     return addresses;
 }
 
-// Returns one entry for each address: while a device starts, it may have another's identity.
+// Returns one entry for each address: while a device starts, it may have another's identity. Leaves
+// out those whose links tell which they are.
 std::vector<SearchingDevice> Devices::searching_now() {
     std::set<std::string> addresses;
     for (const DeviceLink* const link : links()) {
-        if (link->hub()->link().linked) addresses.insert(link->hub()->link().address);
+        const LinkStatus& status = link->hub()->link();
+        if (status.linked && !status.identity.empty()) addresses.insert(status.address);
     }
     const auto now = std::chrono::steady_clock::now();
     std::vector<SearchingDevice> searching;

@@ -1,6 +1,7 @@
 #include "devkit/viewer/report.h"
 
 #include <cstring>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -121,12 +122,12 @@ std::string metrics_text(const std::vector<KnownDevice>& devices, size_t heard) 
     const auto family = [&](const char* name, const char* type, const char* help) {
         text << "# TYPE " << name << ' ' << type << "\n# HELP " << name << ' ' << help << '\n';
     };
-    // `value_of` returns the value for a device's report, or nothing if there is none.
+    // `value_of` tells the value of a device's report, or nothing if there is none.
     const auto series = [&](const char* name, const char* type, const char* help,
                             const auto& value_of) {
         family(name, type, help);
         for (const KnownDevice& device : devices) {
-            const std::optional<double> value = value_of(device.report);
+            const std::optional<double> value = std::invoke(value_of, device.report);
             if (!value) continue;
             text << name << (type == std::string("counter") ? "_total" : "")
                  << "{device=" << quoted(device.id) << "} " << *value << '\n';
@@ -149,23 +150,19 @@ std::string metrics_text(const std::vector<KnownDevice>& devices, size_t heard) 
     family("guilink_devices", "gauge", "Devices that were heard.");
     text << "guilink_devices " << heard << '\n';
     series("guilink_pictures", "counter", "Pictures received.",
-           [](const Report& report) { return static_cast<double>(report.newest.number); });
+           [](const Report& report) { return report.newest.number; });
     series("guilink_picture_bytes", "counter", "Bytes of the pictures received.",
-           [](const Report& report) { return static_cast<double>(report.newest.bytes); });
+           [](const Report& report) { return report.newest.bytes; });
     series("guilink_picture_age_seconds", "gauge", "Age of the newest picture.",
            [&](const Report& report) { return seconds(report.age); });
     series("guilink_picture_unchanged_seconds", "gauge",
            "Time since a picture differed from the last one.",
            [&](const Report& report) { return seconds(report.unchanged); });
     series("guilink_skipped_pictures", "counter",
-           "Pictures that pages and programs were too slow for.",
-           [](const Report& report) { return static_cast<double>(report.skipped); });
-    series("guilink_pages", "gauge", "Open pages.",
-           [](const Report& report) { return static_cast<double>(report.pages); });
-    series("guilink_programs", "gauge", "Connected programs.",
-           [](const Report& report) { return static_cast<double>(report.programs); });
-    series("guilink_streams", "gauge", "Readers of the stream.",
-           [](const Report& report) { return static_cast<double>(report.streams); });
+           "Pictures that pages and programs were too slow for.", &Report::skipped);
+    series("guilink_pages", "gauge", "Open pages.", &Report::pages);
+    series("guilink_programs", "gauge", "Connected programs.", &Report::programs);
+    series("guilink_streams", "gauge", "Readers of the stream.", &Report::streams);
     text << "# EOF\n";
     return text.str();
 }

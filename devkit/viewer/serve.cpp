@@ -1,9 +1,12 @@
 #include "devkit/viewer/serve.h"
 
+#include "devkit/viewer/devices.h"  // before Boost, which needs the <utility> that it includes
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <boost/asio/signal_set.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -18,7 +21,7 @@
 #include "devkit/viewer/labels.h"
 #include "devkit/viewer/listening_address.h"
 #include "devkit/viewer/tokens.h"
-#include "devkit/viewer/viewer.h"
+#include "devkit/viewer/web_server.h"
 
 namespace guilink {
 
@@ -109,21 +112,15 @@ void serve(const ServeOptions& options) {
     if (!options.command.empty()) become(options.command, listener);
     const std::optional<Tokens> tokens = tokens_for(options, listener);
 
-    // Block the signals before the first thread starts, because threads inherit the signal mask.
-    // sigwait below receives the signals.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     unblock_standard_streams();
 
-    const Viewer viewer(listener, labels, AccessPolicy(tokens, options.hosts), options.devices);
+    WebServer server(listener, labels, AccessPolicy(tokens, options.hosts));
+    boost::asio::signal_set signals(server.loop(), SIGINT, SIGTERM);
+    signals.async_wait([&](const boost::system::error_code&, int) { server.loop().stop(); });
+    Devices devices(server, options.devices);
+    server.accept(devices);
     print_urls(options, listener, tokens);
-
-    int signal = 0;
-    sigwait(&signals, &signal);
+    server.loop().run();
 }
 
 }  // namespace guilink

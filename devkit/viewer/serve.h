@@ -1,4 +1,9 @@
-// Serves the page.
+// The viewer: companions, and a web server that shares their links. Serves the pages, sends the
+// devices' images to all clients (browsers and programs), and passes on their presses and texts.
+// access_policy.h decides which clients may connect. requests.h and page_session.h list what
+// clients can do.
+//
+// Each companion works on a thread of its own.
 #pragma once
 
 #include <string>

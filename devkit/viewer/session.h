@@ -10,7 +10,6 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/socket_base.hpp>
 #include <chrono>
-#include <cstddef>
 #include <string>
 
 namespace guilink {
@@ -44,18 +43,5 @@ inline std::string sender_of(const boost::asio::ip::address& address) {
     std::fill(bytes.begin() + 8, bytes.end(), 0);
     return boost::asio::ip::address_v6(bytes).to_string();
 }
-
-// Adds 1 to `count` as long as the object exists. A session class with such a member counts its
-// sessions.
-class Counted {
-  public:
-    explicit Counted(size_t& count) : m_count(count) { ++m_count; }
-    ~Counted() { --m_count; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-
-  private:
-    size_t& m_count;
-};
 
 }  // namespace guilink

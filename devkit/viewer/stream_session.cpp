@@ -44,10 +44,13 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
   public:
     StreamSession(std::shared_ptr<Hub> hub, tcp::socket socket,
                   std::unique_ptr<Connections::Place> place)
-        : m_hub(std::move(hub)),
-          m_place(std::move(place)),
-          m_counted(m_hub->streams),
-          m_socket(std::move(socket)) {}
+        : m_hub(std::move(hub)), m_place(std::move(place)), m_socket(std::move(socket)) {
+        ++m_hub->streams;
+    }
+
+    ~StreamSession() { --m_hub->streams; }
+    StreamSession(const StreamSession&) = delete;
+    StreamSession& operator=(const StreamSession&) = delete;
 
     void run(bool only_head) {
         keep_backlog_short(m_socket);
@@ -103,7 +106,6 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
 
     const std::shared_ptr<Hub> m_hub;
     const std::unique_ptr<Connections::Place> m_place;
-    const Counted m_counted;
     tcp::socket m_socket;
     asio::steady_timer m_limit{m_hub->server().loop()};
     std::array<char, 256> m_ignored = {};
