@@ -267,7 +267,7 @@ def test_recording_keeps_each_change_and_marks_the_presses(link, device, tmp_pat
 
 
 # Each module may import only the modules that come before it in this list.
-LAYERS = """wire picture screen link discovery ports connection companion viewer_http viewer recording evidence expect
+LAYERS = """wire picture screen link discovery connection ports companion viewer_http viewer recording evidence expect
             buttons device __init__ doctor pytest_plugin conform cli __main__""".split()
 
 
