@@ -62,7 +62,8 @@ TEST(ControlService, OnlyCommandsAreObeyed) {
     }
 }
 
-constexpr Scene SCENES[] = {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise};
+constexpr Scene SCENES[] = {Scene::menu, Scene::overlay, Scene::gradient, Scene::noise,
+                            Scene::sweep};
 
 std::vector<uint16_t> drawn(const Gui& gui, Scene scene = Scene::menu, const Moment& moment = {}) {
     Canvas canvas(1024, 768);

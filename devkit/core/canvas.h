@@ -27,6 +27,7 @@ class Canvas {
 
     uint16_t width() const { return m_width; }
     uint16_t height() const { return m_height; }
+    cairo_t* context() const { return m_context.get(); }  // to draw shapes that Canvas lacks
 
     void clear();  // to transparent
     void fill(const Box& box, double radius, const Colour& colour);
@@ -41,7 +42,6 @@ class Canvas {
     void read(std::span<uint16_t> pixels) const;
 
   private:
-    cairo_t* context() const { return m_context.get(); }
     void path(const Box& box, double radius);
     void use(const Colour& colour);
 

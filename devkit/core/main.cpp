@@ -24,7 +24,6 @@ namespace {
 using namespace guilink;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto INTERVAL = Clock::duration(std::chrono::seconds(1)) / 60;  // from frame to frame
 constexpr auto SERVICE_RETRY = std::chrono::seconds(1);  // pause after a failed call
 constexpr int LATE = 300;                                // ms; delay of a frame with Fault::late
 
@@ -35,10 +34,12 @@ const std::map<std::string, bool> SIZES = {{"1280x960", true}, {"1024x768", fals
 const std::map<std::string, Scene> SCENES = {{"menu", Scene::menu},
                                              {"overlay", Scene::overlay},
                                              {"gradient", Scene::gradient},
-                                             {"noise", Scene::noise}};
+                                             {"noise", Scene::noise},
+                                             {"sweep", Scene::sweep}};
 
 struct Options {
     bool large = true;
+    double fps = 60;
     uint64_t frames = 0;  // exit after this many frames; 0: no limit
     Scene scene = Scene::menu;
     bool still = false;
@@ -141,6 +142,7 @@ void run(const Options& options) {
     auto screen = std::make_unique<Screen>(large, options.memory);
     if (!options.qr_body.empty()) service.send_qr_body(options.qr_body);
 
+    const std::chrono::duration<double> interval(1 / options.fps);
     const auto start = Clock::now();
     auto due = start;
     std::span<uint16_t> pixels;
@@ -162,7 +164,7 @@ void run(const Options& options) {
             service.announce(screen->memory.address(buffer), screen->memory.size());
         if (frame == options.frames) break;
 
-        due += INTERVAL;
+        due += std::chrono::duration_cast<Clock::duration>(interval);
         due = std::max(due, Clock::now());  // if late, skip frames instead of catching up
         if (take_buttons_until(due, control, gui, large, options.fault))
             pressed = true;
@@ -184,6 +186,9 @@ int main(int argc, char** argv) {
            "Screen size")
         ->check(CLI::IsMember(SIZES))
         ->default_str("1280x960");
+    app.add_option("--fps", options.fps, "Frames a second")
+        ->check(CLI::Range(0.1, 1000.0))
+        ->capture_default_str();
     app.add_option("--frames", options.frames, "Exit after this many frames");
     app.add_option_function<std::string>(
            "--scene", [&](const std::string& name) { options.scene = SCENES.at(name); },

@@ -54,6 +54,12 @@ void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& momen
                 return 0x8000 | value;
             });
         }
+        case Scene::sweep: {
+            const uint32_t bar = static_cast<uint32_t>(moment.frame % width);
+            return paint(canvas, pixels, [&](uint32_t x, uint32_t) {
+                return x >= bar && x < bar + 40 ? 0xFFFF : 0xF135;
+            });
+        }
     }
 }
 

@@ -8,13 +8,14 @@
 
 namespace guilink {
 
-enum class Scene { menu, overlay, gradient, noise };
+enum class Scene { menu, overlay, gradient, noise, sweep };
 
 // Draws one frame of a scene into the canvas's width x height pixels:
 //   menu      the GUI
 //   overlay   a sparse head-up display
 //   gradient  every colour, in broad steps
 //   noise     random colours, whose encoding almost fills a message
+//   sweep     a bar that moves one pixel per frame
 void draw_scene(Scene scene, const Gui& gui, Canvas& canvas, const Moment& moment,
                 std::span<uint16_t> pixels);
 
