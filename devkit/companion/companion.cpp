@@ -40,6 +40,15 @@ constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
 constexpr auto ASK_AFTER = 1s;         // of silence: ask the device for its identity
 constexpr auto CLOSE_AFTER = 3s;       // of silence: close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
+// A device with two addresses searches from both until it is linked. After this time, only another
+// device still does.
+constexpr auto SURE_AFTER = 6s;
+
+// Returns when the last bytes arrived, or nothing if the connection was too short to be sure.
+Connection::Clock::time_point last_heard(const Connection& connection) {
+    if (connection.lasted() < SURE_AFTER) return {};
+    return connection.last_received();
+}
 
 }  // namespace
 
@@ -277,7 +286,7 @@ Ports::Wish Companion::Impl::wish() {
     wish.device = m_device;
     wish.last_identity = m_last.identity;
     inet_pton(AF_INET, m_last.address.c_str(), &wish.last_address);
-    wish.last_heard = m_used != nullptr ? m_used->last_received() : m_last_heard;
+    wish.last_heard = m_used != nullptr ? last_heard(*m_used) : m_last_heard;
     if (m_used != nullptr && !m_used->ended()) wish.link = m_used->address();
     wish.link_is_silent = m_told_silent = silent();
     return wish;
@@ -378,7 +387,7 @@ void Companion::Impl::send_messages() {
 
 void Companion::Impl::drop_ended() {
     const bool link_ended = m_used != nullptr && m_used->ended();
-    if (link_ended) m_last_heard = m_used->last_received();
+    if (link_ended) m_last_heard = last_heard(*m_used);
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
     m_used = nullptr;

@@ -27,6 +27,7 @@ class Connection {
     // Returns the time at which the last bytes arrived. If no bytes have arrived yet, returns the
     // time at which this object was constructed.
     Clock::time_point last_received() const { return m_last_received; }
+    Clock::duration lasted() const { return m_last_received - m_begin; }
 
     void receive(const FrameReader::FrameCallback& on_frame);
     void send(uint16_t type, std::span<const unsigned char> payload = {});
@@ -46,7 +47,8 @@ class Connection {
     const uint32_t m_address;
     FrameReader m_reader;
     std::vector<unsigned char> m_outgoing;
-    Clock::time_point m_last_received = Clock::now();
+    const Clock::time_point m_begin = Clock::now();
+    Clock::time_point m_last_received = m_begin;
     bool m_ended = false;
 };
 
