@@ -254,6 +254,23 @@ def test_each_companion_of_a_process_has_a_device_of_its_own(link, device, secon
             assert companion.wait_linked(soon()).address == its.address
 
 
+def test_never_takes_another_device_with_the_identity_of_the_lost_one(link, device, second_address, monkeypatch):
+    monkeypatch.setattr("guilink.companion.SURE_AFTER", 0)
+    with FakeDevice("11111", address="10.77.0.2") as other:
+        device.link().show(BLACK)
+        link.wait_linked(soon())
+        other.broadcast()
+        until(lambda: other.address in [each.address for each in link.devices()])
+        device.show(BLACK)
+        assert link.pictures.newer(1, soon())
+        device.disconnect()
+        until(lambda: not link.status().linked)
+        for _ in range(5):
+            other.broadcast()
+        device.link().show(BLACK)
+        assert link.wait_linked(soon()).address == "10.77.0.1" and not other.answered(0)
+
+
 def test_follows_a_device_that_restarts_without_a_farewell(link, device):
     device.link().show(BLACK)
     assert link.pictures.newer(0, soon())

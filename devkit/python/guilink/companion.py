@@ -22,6 +22,7 @@ KEEP_ALIVE = 0.5        # s between keep-alives; after 2 s without one, a device
 LINK_SILENCE = 3.0      # s; if nothing arrives for this long, the companion closes the connection
 CANDIDATE_SILENCE = 1.0  # s; if a new connection is silent for this long, the companion accepts another one
 GRACE = 1.0             # s; the companion ignores the device's broadcasts for this long after linking
+SURE_AFTER = 6.0        # s; a device with two addresses searches from both until it is linked, and not for longer
 MAX_ANSWERED = 64       # number of answered addresses that are remembered; only these may connect
 MAX_WAITING = 16        # number of connections that wait for the companion's thread
 ASK_EVERY = 5           # number of ConnectRequests per IdentityRequest, before the link exists
@@ -237,5 +238,6 @@ class Companion(Link):
         self.connection = None
         with self._changed:
             self._status = LinkStatus()
-            self.wish = self.wish._replace(link="")
+            lasted = connection.received_at - (connection.linked_since or math.inf)
+            self.wish = self.wish._replace(link="", last_heard=connection.received_at if lasted > SURE_AFTER else 0.0)
             self._lose("the link")

@@ -27,7 +27,13 @@ class Broadcast(NamedTuple):
     device: HeardDevice
     sender: Sender
     rivals: tuple[HeardDevice, ...]  # the other devices that search, too
-    settled: bool  # any other device that searches would have broadcast by now
+    since: float  # when the device began to search
+
+    @property
+    def settled(self) -> bool:
+        """Whether any other device that searches would have broadcast by now. Measures time instead of counting
+        broadcasts: over two interfaces, each broadcast arrives twice."""
+        return self.device.heard >= self.since + INTERVAL
 
 
 class Discovery:
@@ -80,8 +86,7 @@ class Discovery:
         if len(self._heard) > MAX_HEARD:
             oldest = next(iter(self._heard))
             del self._heard[oldest], self._searching_since[oldest]
-        # Measure time instead of counting broadcasts: over two interfaces, each broadcast arrives twice.
-        return Broadcast(device, sender, rivals, device.heard >= self._searching_since[key] + INTERVAL)
+        return Broadcast(device, sender, rivals, self._searching_since[key])
 
     def answer(self, sender: Sender) -> None:
         try:

@@ -28,16 +28,21 @@ class Wish(NamedTuple):
     last_identity: str = ""  # of the device that was linked last
     last_address: str = ""
     link: str = ""           # the address of the linked device; the companion then wants no other
+    last_heard: float = 0.0  # when the last link still worked
 
-    def claim(self, device: HeardDevice) -> int:
-        """Returns how good the claim to this device is; 0 means that there is none.
+    def claim(self, device: HeardDevice, since: float = math.inf) -> int:
+        """Returns how good the claim to this device is; 0 means none. `since` is when the device began to search.
 
         A device that changes its identity into another's stays with its companion. A device that gets the address of
         another one goes to the companion that names it, once the link from this address has ended."""
         address, identity = self.last_address == device.address, self.last_identity == device.identity
         if address and identity:
             return 4
-        return 3 if self.device in (device.address, device.identity) else 2 if identity else 1 if address else 0
+        if self.device == device.address:
+            return 3
+        if identity and since <= self.last_heard:
+            return 0  # another device with this identity, because it has searched while the link still worked
+        return 3 if self.device == device.identity else 2 if identity else 1 if address else 0
 
 
 class Member(Protocol):
@@ -176,13 +181,13 @@ class Ports:
 
     def _pass_on(self, broadcast: Broadcast, members: list[Member]) -> None:
         device = broadcast.device
-        claimants = [member for member in members if _claims(member, device)]
+        claimants = [member for member in members if _claims(member, device, broadcast.since)]
         owner: Member | None
         if linked := [member for member in claimants if member.wish.link == device.address]:
             owner = linked[0]  # the device searches again, so it has dropped this link
         elif claimants:
             free = [member for member in claimants if not member.wish.link]
-            owner = max(free, key=lambda member: member.wish.claim(device)) if free else None
+            owner = max(free, key=lambda member: member.wish.claim(device, broadcast.since)) if free else None
         else:
             owner = self._any(broadcast, members)
         if owner:
@@ -217,8 +222,8 @@ class Ports:
             connected.close()
 
 
-def _claims(member: Member, device: HeardDevice) -> bool:
-    return member.wish.link == device.address or member.wish.claim(device) > 0
+def _claims(member: Member, device: HeardDevice, since: float = math.inf) -> bool:
+    return member.wish.link == device.address or member.wish.claim(device, since) > 0
 
 
 os.register_at_fork(after_in_child=Ports._forget)
