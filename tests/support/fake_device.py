@@ -4,7 +4,7 @@ import socket
 from guilink.picture import encode
 from guilink.wire import FrameReader, MessageType, frame
 
-LIMIT = 30  # s; how long each wait may take, even on a slow machine
+LIMIT = 60  # s; how long each wait may take, even on a slow machine
 BROADCAST = ("10.77.0.255", 3152)
 
 
