@@ -60,7 +60,7 @@ class LinkedFacade : public testing::Test {
             const Image image = next_image();
             if (image.first_pixel != pixel) return image;
         }
-        throw std::runtime_error("no new image");
+        throw_missing_event("no new image");
     }
 
     static constexpr int REPEATS = 20;  // images that next_image_other_than skips before it throws

@@ -20,7 +20,7 @@ class RawCompanion {
 
     // Waits for a broadcast and returns its payload. answer() then replies to this broadcast.
     Bytes hear() {
-        if (!m_discovery.readable(LIMIT)) throw std::runtime_error("no broadcast");
+        if (!m_discovery.readable(LIMIT)) throw_missing_event("no broadcast");
         Bytes payload(2000);
         socklen_t size = sizeof m_device;
         const ssize_t count = recvfrom(m_discovery.fd(), payload.data(), payload.size(), 0,
@@ -50,13 +50,13 @@ class RawCompanion {
 
     // Waits for the device to connect, and accepts the connection. Does not answer broadcasts.
     Socket accept() const {
-        if (!m_listener.readable(LIMIT)) throw std::runtime_error("the device does not connect");
+        if (!m_listener.readable(LIMIT)) throw_missing_event("the device does not connect");
         return Socket(accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
     }
 
     Socket connection() {
         auto connection = connection_within(LIMIT);
-        if (!connection) throw std::runtime_error("the device does not connect");
+        if (!connection) throw_missing_event("the device does not connect");
         return std::move(*connection);
     }
 
@@ -74,7 +74,7 @@ class RawCompanion {
             }
             if (linked() || candidate.has_data()) return candidate;
         }
-        throw std::runtime_error("the device does not accept");
+        throw_missing_event("the device does not accept");
     }
 
     // Refuses connections from now on.

@@ -73,7 +73,7 @@ class Socket {
         while (sent < data.size()) {
             const ssize_t count =
                 ::send(m_descriptor, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-            if (count < 0) throw std::runtime_error("cannot send: the connection is gone");
+            if (count < 0) throw_missing_event("cannot send: the connection is gone");
             sent += static_cast<size_t>(count);
         }
     }
@@ -81,7 +81,7 @@ class Socket {
     // Waits until bytes are available, and returns at most `size` of them. At the end of the
     // stream, returns no bytes.
     Bytes read_some(size_t size = 65536) const {
-        if (!readable(LIMIT)) throw std::runtime_error("nothing to read");
+        if (!readable(LIMIT)) throw_missing_event("nothing to read");
         Bytes data(size);
         const ssize_t count = recv(m_descriptor, data.data(), size, 0);
         data.resize(count > 0 ? static_cast<size_t>(count) : 0);
@@ -92,7 +92,7 @@ class Socket {
         Bytes data;
         while (data.size() < size) {
             const Bytes more = read_some(size - data.size());
-            if (more.empty()) throw std::runtime_error("the stream ended");
+            if (more.empty()) throw_missing_event("the stream ended");
             data.insert(data.end(), more.begin(), more.end());
         }
         return data;
