@@ -119,8 +119,9 @@ class StreamSession : public std::enable_shared_from_this<StreamSession> {
 
 void start_stream_session(std::shared_ptr<Hub> hub, tcp::socket socket,
                           std::unique_ptr<Connections::Place> place, bool only_head) {
-    std::make_shared<StreamSession>(std::move(hub), std::move(socket), std::move(place))
-        ->run(only_head);
+    const auto session =
+        std::make_shared<StreamSession>(std::move(hub), std::move(socket), std::move(place));
+    session->run(only_head);
 }
 
 }  // namespace guilink
