@@ -160,7 +160,10 @@ class Viewer(Link):
             why = ASKS_FOR_TOKEN.replace("asks for a", "does not know this") if self._url.token else ASKS_FOR_TOKEN
         if status == 404 and self._device:
             why = f"does not serve device {self._device}; which devices it serves, its option --device says"
-        if status and 400 <= status < 500:
+        if status == 409:
+            # It may pass: a device that starts has another's identity for a moment.
+            self._disconnected(f"hears several devices with the identity {self._device}; name one by its address")
+        elif status and 400 <= status < 500:
             self._give_up(why)
         else:
             self._disconnected(why)
