@@ -40,15 +40,6 @@ constexpr auto KEEP_ALIVE_INTERVAL = 400ms;
 constexpr auto ASK_AFTER = 1s;         // of silence: ask the device for its identity
 constexpr auto CLOSE_AFTER = 3s;       // of silence: close the connection
 constexpr size_t MAX_CONNECTIONS = 8;  // a searching device opens about one per second
-// A device with two addresses searches from both until it is linked. After this time, only another
-// device still does.
-constexpr auto SURE_AFTER = 6s;
-
-// Returns when the last bytes arrived, or nothing if the connection was too short to be sure.
-Connection::Clock::time_point last_heard(const Connection& connection) {
-    if (connection.lasted() < SURE_AFTER) return {};
-    return connection.last_received();
-}
 
 }  // namespace
 
@@ -82,7 +73,6 @@ class Companion::Impl final : Ports::Member {
     void take_devices(const std::vector<SearchingDevice>& devices, bool several);
     void take_connections(std::list<Connection> connections);
     void take_choice(std::string choice);
-    void tell_wish();
     Ports::Wish wish();
     bool silent() const;
     void take_frame(Connection& from, uint16_t type, std::span<const unsigned char> payload);
@@ -102,7 +92,7 @@ class Companion::Impl final : Ports::Member {
     // Used only by the companion's thread.
     std::string m_device;                 // identity or address of the chosen device, or empty
     LinkStatus m_last;                    // the device of m_used; kept after that connection ends
-    Clock::time_point m_last_heard;       // on the last link that has ended
+    Clock::time_point m_last_heard;       // on the last link that has ended, if for sure
     std::list<Connection> m_connections;  // oldest first
     // The newest of m_connections on which a valid message has arrived, or null. A candidate, or
     // the link.
@@ -195,7 +185,7 @@ void Companion::Impl::run() {
     while (!m_stop) {
         wait();
         take_news();
-        if (silent() != m_told_silent) tell_wish();
+        if (silent() != m_told_silent) m_ports->set_wish(*this, wish());
         for (Connection& connection : m_connections) send_what_is_due(connection);
         send_messages();
         drop_ended();
@@ -264,7 +254,7 @@ void Companion::Impl::take_choice(std::string choice) {
     // If the device has not sent its identity yet, repeating the choice must not drop the new link.
     const bool chosen = (same_choice && m_last.identity.empty()) || m_device == m_last.address ||
                         m_device == m_last.identity;
-    if (m_used != nullptr && chosen) return tell_wish();
+    if (m_used != nullptr && chosen) return m_ports->set_wish(*this, wish());
     m_last = {};
     for (Connection& connection : m_connections) connection.end();
     m_ports->begin_anew(*this, wish());
@@ -277,16 +267,12 @@ void Companion::Impl::take_choice(std::string choice) {
     report();
 }
 
-void Companion::Impl::tell_wish() {
-    m_ports->set_wish(*this, wish());
-}
-
 Ports::Wish Companion::Impl::wish() {
     Ports::Wish wish;
     wish.device = m_device;
     wish.last_identity = m_last.identity;
     inet_pton(AF_INET, m_last.address.c_str(), &wish.last_address);
-    wish.last_heard = m_used != nullptr ? last_heard(*m_used) : m_last_heard;
+    wish.last_heard = m_used != nullptr ? m_used->worked_until() : m_last_heard;
     if (m_used != nullptr && !m_used->ended()) wish.link = m_used->address();
     wish.link_is_silent = m_told_silent = silent();
     return wish;
@@ -305,7 +291,8 @@ void Companion::Impl::take_frame(Connection& from, uint16_t type,
             if (from.answered < from.asked) ++from.answered;
             const std::string text(payload.begin(), payload.end());
             const std::string identity = text.substr(0, ID_SIZE);
-            if (std::exchange(m_last.identity, identity) != identity) tell_wish();
+            if (std::exchange(m_last.identity, identity) != identity)
+                m_ports->set_wish(*this, wish());
             m_last.firmware = text.substr(ID_SIZE);
             update_status();
             m_outbox.confirm(from);
@@ -341,7 +328,7 @@ void Companion::Impl::use(Connection& connection) {
     m_last = {};
     m_last.linked = true;
     m_last.address = dotted(connection.address());
-    tell_wish();
+    m_ports->set_wish(*this, wish());
 }
 
 bool Companion::Impl::linked() const {
@@ -387,11 +374,11 @@ void Companion::Impl::send_messages() {
 
 void Companion::Impl::drop_ended() {
     const bool link_ended = m_used != nullptr && m_used->ended();
-    if (link_ended) m_last_heard = last_heard(*m_used);
+    if (link_ended) m_last_heard = m_used->worked_until();
     m_connections.remove_if([](const Connection& connection) { return connection.ended(); });
     if (!link_ended) return;
     m_used = nullptr;
-    tell_wish();
+    m_ports->set_wish(*this, wish());
     m_outbox.forget();
     m_status = unlinked();
     report();

@@ -14,6 +14,8 @@ namespace guilink {
 namespace {
 
 constexpr size_t MAX_OUTGOING = 65536;  // bytes; with more unsent data, the connection ends
+// A device with two addresses searches from both until it is linked, and not for longer.
+constexpr auto SEARCHES_END_AFTER = std::chrono::seconds(6);
 
 void switch_on(int descriptor, int option) {
     const int on = 1;
@@ -29,6 +31,11 @@ bool worth_another_try() {
 Connection::Connection(int descriptor, uint32_t address)
     : m_descriptor(descriptor), m_address(address) {
     switch_on(descriptor, TCP_NODELAY);  // otherwise, the kernel delays a press by up to 40 ms
+}
+
+Connection::Clock::time_point Connection::worked_until() const {
+    if (m_last_received - m_begin < SEARCHES_END_AFTER) return {};
+    return m_last_received;
 }
 
 void Connection::receive(const FrameReader::FrameCallback& on_frame) {

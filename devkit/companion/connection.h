@@ -27,7 +27,9 @@ class Connection {
     // Returns the time at which the last bytes arrived. If no bytes have arrived yet, returns the
     // time at which this object was constructed.
     Clock::time_point last_received() const { return m_last_received; }
-    Clock::duration lasted() const { return m_last_received - m_begin; }
+    // The same, once the device's own searches must have ended, so that whoever still searches is
+    // another device. Until then, returns the clock's zero.
+    Clock::time_point worked_until() const;
 
     void receive(const FrameReader::FrameCallback& on_frame);
     void send(uint16_t type, std::span<const unsigned char> payload = {});
