@@ -370,5 +370,28 @@ TEST_F(CompanionTest, SeveralCompanionsNeverMixTheirDevicesUp) {
     EXPECT_TRUE(two.links_to("22222", "127.0.0.6"));
 }
 
+TEST_F(CompanionTest, AnotherDeviceNeverTakesThePlaceOfALostOneWithItsIdentity) {
+    Socket lost = begin("127.0.0.1", "11111");
+    std::optional<Chatter> lives(std::in_place, lost, frame(DataMessage));
+    EXPECT_TRUE(m_watched.links_to("11111", "127.0.0.1"));
+    const Socket other(SOCK_DGRAM, "127.0.0.2", 3153);
+    const auto search_until = [&](const std::function<bool()>& condition) {
+        return wait_until([&] {
+            search(other, identity("11111"));
+            return condition();
+        });
+    };
+    const auto start = std::chrono::steady_clock::now();
+    // For the first 6 s, both addresses might be the same device's.
+    EXPECT_TRUE(search_until([&] { return std::chrono::steady_clock::now() - start > 7s; }));
+    lives.reset();
+    lost.reset();
+    EXPECT_TRUE(search_until([&] { return !status().linked; }));
+    search(other, identity("11111"));
+    lost = begin("127.0.0.1", "11111");
+    EXPECT_TRUE(m_watched.links_to("11111", "127.0.0.1"));
+    EXPECT_FALSE(other.readable(0ms));
+}
+
 }  // namespace
 }  // namespace guilink
