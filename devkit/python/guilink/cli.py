@@ -224,7 +224,8 @@ def record(options: argparse.Namespace) -> Result:
         return {"device": device.identity, "file": path}, path
 
 
-def end_by_sigterm() -> None:
+@contextmanager
+def end_by_sigterm() -> Iterator[None]:
     """Lets SIGTERM end an interactive program, which catches KeyboardInterrupt."""
     def end(number: int, _: FrameType | None) -> None:
         signal.signal(number, signal.SIG_IGN)
@@ -234,15 +235,19 @@ def end_by_sigterm() -> None:
     # readline waits for a key even if a signal came just before its wait, so let another one follow.
     signal.signal(signal.SIGALRM, lambda *_: None)
     signal.setitimer(signal.ITIMER_REAL, 0.5, 0.5)
+    try:
+        yield
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)  # without the handler, which Python removes at its end, it would kill
 
 
 def shell(options: argparse.Namespace) -> Result:
     with connect(options) as device:
         names = {"device": device, "guilink": guilink}
-        end_by_sigterm()
         readline.set_completer(rlcompleter.Completer(names).complete)
         readline.parse_and_bind("tab: complete")
         banner = (f"device {device.identity} at {device.address}; try device.press('down'), "
                   "device.screen().save('x.png'), help(device)")
-        code.interact(banner, local=names, exitmsg="")
+        with end_by_sigterm():
+            code.interact(banner, local=names, exitmsg="")
         return {"device": device.identity}, ""
