@@ -157,11 +157,10 @@ def test_slow_readers_slow_nobody(viewer):
 
 
 def test_the_viewer_ends_and_comes_back(tmp_path):
-    command = BIN / "guilink-viewer", "--device", "11111"
     with pytest.raises(guilink.LinkError, match="cannot be reached.*is it running"):
         guilink.connect(viewer=URL, link_timeout=0.1)
     with ExitStack() as stack:
-        with running(*command):
+        with running(BIN / "guilink-viewer", "--device", "11111"):
             device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT, artifacts=tmp_path))
             last = device.screen()
             device.lock(3600)
@@ -169,7 +168,9 @@ def test_the_viewer_ends_and_comes_back(tmp_path):
         for shown in (last, lambda _: True):
             with pytest.raises(guilink.WaitTimeoutError, match="no link at the moment"):
                 device.wait_for(shown, timeout=0.1)
-        with running(*command):
+        with running(BIN / "guilink-viewer"):  # grants no lock before somebody chooses a device
+            until(lambda: (now := state()).get("state") == "several" and now["programs"] == 1)
+            assert ask("POST", "/device/11111")[0] == 204
             device.press("down")
             device.press("up")
             assert device.identity == "11111" and state()["held"]

@@ -44,6 +44,7 @@ class Viewer(Link):
         self._state_time = 0.0
         self._requests = 0
         self._locked_until = 0.0  # time.monotonic()
+        self._lock_ended = False  # with the connection to the viewer
         self._socket: Any = None  # the WebSocket; None while it is not connected
         self._loop = asyncio.new_event_loop()
         self._task = self._loop.create_task(self._stay_connected())
@@ -114,7 +115,7 @@ class Viewer(Link):
             if self._failure:
                 self._task.cancel()
             for order in self._orders:
-                if not order.request and (self._ready() or (order.name == "hold" and self._state)):
+                if not order.request and (self._ready() or (order.name == "hold" and self._may_lock())):
                     order.request = self._requests = self._requests + 1
                     self._send({"id": order.request, order.name: order.value})
 
@@ -138,7 +139,6 @@ class Viewer(Link):
                         self._url.link(self._device), max_size=MAX_PAYLOAD, compression=None, open_timeout=HANDSHAKE,
                         close_timeout=1, logger=LOG, **headers) as socket:
                     self._socket = socket
-                    self._lock_again()
                     async for message in socket:
                         self._take(message)
                 self._disconnected("has ended the connection")
@@ -168,11 +168,16 @@ class Viewer(Link):
         else:
             self._disconnected(why)
 
+    def _may_lock(self) -> bool:
+        """Whether the viewer knows its device: until then, it grants no lock."""
+        return self._state.get("state") == "linked" or bool(self._state.get("wanted"))
+
     def _lock_again(self) -> None:
-        """A lock has ended with the connection."""
         with self._changed:
-            if (left := self._locked_until - time.monotonic()) > 0:
-                self._send({"hold": math.ceil(left)})
+            if self._lock_ended and self._may_lock():
+                self._lock_ended = False
+                if (left := self._locked_until - time.monotonic()) > 0:
+                    self._send({"hold": math.ceil(left)})
 
     def _give_up(self, why: str) -> None:
         with self._changed:
@@ -181,7 +186,7 @@ class Viewer(Link):
 
     def _disconnected(self, why: str) -> None:
         with self._changed:
-            self._away, self._state = why, {}
+            self._away, self._state, self._lock_ended = why, {}, True
             self._lose("the connection to the viewer")
 
     def _take(self, message: str | bytes) -> None:
@@ -194,6 +199,7 @@ class Viewer(Link):
             if "state" in said:
                 self._away, self._state, self._state_time = "", said, time.monotonic()
                 self._end_old_pictures()
+                self._lock_again()
                 self._send_orders()
             for order in self._orders:
                 if order.request and order.request == said.get("delivered", said.get("failed")):
