@@ -14,6 +14,7 @@ from support.fake_device import LIMIT, FakeDevice
 from guilink import picture
 from guilink.companion import Companion
 from guilink.link import LinkError, SeveralDevicesError
+from guilink.ports import Ports
 from guilink.screen import Screen
 from guilink.viewer import Viewer
 from guilink.wire import MAX_PAYLOAD, START, FrameReader, Message, MessageType, frame
@@ -163,6 +164,15 @@ def test_links_shows_and_presses(link, device):
     assert np.array_equal(picture.decode(link.pictures.newer(0, soon()).payload), BLACK)
     device.expect(MessageType.CONTROL)  # keep-alives continue, ConnectRequests do not
     assert all(device.next().type != MessageType.CONNECT_REQUEST for _ in range(3))
+
+
+def test_may_be_found_before_it_has_joined_the_ports(device, monkeypatch):
+    with monkeypatch.context() as patch:
+        patch.setattr(Ports, "wake", lambda _: device.broadcast_until_answered())  # which ends `join`
+        link = Companion("11111")
+    with closing(link):
+        device.connect().show(BLACK)
+        link.wait_linked(soon())
 
 
 def test_answers_that_share_a_chunk_with_pictures_are_counted_in_order(link, device):

@@ -135,20 +135,20 @@ class Companion(Link):
         while self._waiting:
             self._waiting.pop()[0].close()
 
-    def on_broadcast(self, broadcast: Broadcast) -> None:
+    def on_broadcast(self, broadcast: Broadcast) -> bool:
         if (link := self.connection) and link.ready and link.address == broadcast.device.address:
             # Right after linking, ignore the device's broadcasts, because an old search may still be running.
             if time.monotonic() < (link.linked_since or 0) + GRACE:
-                return
+                return False
             link.ended = True  # the device searches again, so it has dropped the link
         elif link and link.ready:
-            return
+            return False
         with self._changed:
             self._answered.pop(broadcast.device.address, None)
             self._answered[broadcast.device.address] = Identity(broadcast.device.identity, broadcast.device.firmware)
             if len(self._answered) > MAX_ANSWERED:
                 del self._answered[next(iter(self._answered))]
-        self._ports.answer(broadcast.sender)
+        return True
 
     def _take_connection(self) -> None:
         """Takes one connection from an answered device. While there is a link, closes every new connection."""

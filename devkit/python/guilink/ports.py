@@ -14,7 +14,7 @@ from contextlib import ExitStack, closing, suppress
 from typing import NamedTuple, Protocol, Sequence
 
 from guilink.connection import Connection
-from guilink.discovery import MAX_HEARD, Broadcast, Discovery, Sender
+from guilink.discovery import MAX_HEARD, Broadcast, Discovery
 from guilink.link import HeardDevice, PortsTakenError
 
 LINK_PORT = 8399    # TCP port to which devices connect
@@ -46,12 +46,15 @@ class Wish(NamedTuple):
 
 
 class Member(Protocol):
-    """A companion. The thread of the ports calls these methods, one at a time, so they must return at once."""
+    """A companion. The thread of the ports calls these methods, one at a time, so they must return at once. The first
+    call may come before `Ports.join` has returned."""
 
     wish: Wish
     connection: Connection | None
 
-    def on_broadcast(self, broadcast: Broadcast) -> None: ...
+    def on_broadcast(self, broadcast: Broadcast) -> bool:
+        """Returns whether to answer the device, which then connects."""
+
     def on_connection(self, connected: socket.socket, address: str) -> None: ...
     def on_failure(self, error: Exception) -> None: ...
 
@@ -127,9 +130,6 @@ class Ports:
     def devices(self) -> list[HeardDevice]:
         return self._devices
 
-    def answer(self, sender: Sender) -> None:
-        self._discovery.answer(sender)
-
     def wake(self) -> None:
         """Makes the thread call `work`. Called from any thread."""
         with suppress(OSError):  # it is closed, or full; if it is full, the thread will wake anyway
@@ -195,7 +195,8 @@ class Ports:
             self._owners[device.address] = owner
             if len(self._owners) > MAX_HEARD:
                 del self._owners[next(iter(self._owners))]
-            owner.on_broadcast(broadcast)
+            if owner.on_broadcast(broadcast):
+                self._discovery.answer(broadcast.sender)
 
     @staticmethod
     def _any(broadcast: Broadcast, members: list[Member]) -> Member | None:
