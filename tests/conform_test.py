@@ -31,6 +31,7 @@ def conform(*arguments, within=()):
     """Runs the kit, and returns its verdicts."""
     done = subprocess.run([*within, sys.executable, "-m", "guilink", "conform", *map(str, arguments)],
                           stdout=subprocess.PIPE, check=False)
+    print(done.stdout.decode())  # pytest shows it if the test fails
     verdicts = json.loads(done.stdout)
     for case in verdicts["cases"]:
         if case["verdict"] == "passed" and case["attempts"] > 1:
