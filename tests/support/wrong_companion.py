@@ -199,7 +199,7 @@ class Companion:
             own |= bool(wrong("compares four characters") and said and said.id[:4] == self.called[:4])
             if not own or wrong("holds on") or now < self.linked + 1 and not wrong("leaves at any broadcast"):
                 return
-            self.leave()
+            self.lose(was_reset=False)
         if self.connection and wrong("answers no one as a candidate"):
             return
         if wrong("knows identities only") and said:
@@ -252,20 +252,23 @@ class Companion:
         self.connection = None
         self.listen()
 
+    def lose(self, was_reset):
+        reset = was_reset and (wrong("dies of a reset") or wrong("dies of the first reset") and first_time(self.path))
+        if reset or wrong("dies of the first end") and first_time(self.path):
+            sys.exit(3)
+        self.leave()
+
     def receive(self):
+        was_reset = False
         try:
             data = self.connection.recv(1 << 16)
         except ConnectionResetError:
-            if wrong("dies of a reset") or wrong("dies of the first reset") and first_time(self.path):
-                raise
-            data = b""
+            data, was_reset = b"", True
         if not data and wrong("ignores a half-close"):
             self.deaf = time.monotonic() + 9
             return
         if not data:
-            if wrong("dies of the first end") and first_time(self.path):
-                sys.exit(3)
-            self.leave()
+            self.lose(was_reset)
             return
         self.heard = time.monotonic()
         damaged = wrong("asks until a damaged image") and b"\2\0\0\4\0\3" in data
@@ -361,8 +364,8 @@ class Companion:
                 self.connection.sendall(words[-43:-1])
                 words = words[-1:]
             self.connection.sendall(words)
-        except OSError:
-            self.leave()
+        except OSError as error:
+            self.lose(isinstance(error, ConnectionResetError))
 
 
 def first_time(path):
