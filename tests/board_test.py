@@ -184,7 +184,7 @@ pid = main_pid()
 agent.run("rm -r /etc/systemd/system/guilinkd.service.d; systemctl stop viewer core")
 succeed("dpkg --purge guilinkd guilink-devkit python3-guilink")
 assert not agent.run(f"ls -d /proc/{pid}")
-expect("systemctl is-enabled guilinkd 2>&1", "No such file")
+expect("systemctl show --property LoadState guilinkd", "=not-found")
 assert not (found := agent.run("find /etc /usr /var/lib -name '*guilink*'")), found
 
 case("an installation enables the service, which starts as soon as it finds the inter-core library")
