@@ -210,6 +210,7 @@ def test_faults_of_the_core_are_reported(viewer, near_core, tmp_path):
             if fault == "lost":
                 until(lambda: device.unchanged > 1)  # the pictures from before the press have arrived
                 device.press("down")
+                device.wait_stable(pictures=10)  # so several of them were certainly sent after this press
             with pytest.raises(guilink.WaitTimeoutError, match=words):
                 device.wait_for(second, timeout=3, **look)
         new_core("--fault", "late")
