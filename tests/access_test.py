@@ -127,7 +127,7 @@ def test_programs_use_the_printed_url(tmp_path, caplog):
                 guilink.connect(viewer=page + query)
             assert WRONG not in str(error.value)
         with pytest.raises(guilink.LinkError, match="no link to device 22222"):
-            guilink.connect("22222", viewer=f"{page}?token={VIEW}", link_timeout=1)
+            guilink.connect("22222", viewer=f"{page}?token={VIEW}", link_timeout=5)
     assert not [secret for secret in (FULL, VIEW, WRONG) if secret in caplog.text]
 
 

@@ -96,7 +96,7 @@ def test_devices_with_one_identity_are_told_apart(viewer):
         twin.link()
         assert ask("GET", "/device/10.77.0.2/state")[0] == 200
         with pytest.raises(guilink.LinkError, match="several devices with the identity 22222; name one by its address"):
-            guilink.connect("22222", viewer=URL, link_timeout=1)
+            guilink.connect("22222", viewer=URL, link_timeout=5)
 
 
 @pytest.mark.parametrize("viewer", [[]], indirect=True)

@@ -158,7 +158,7 @@ def test_slow_readers_slow_nobody(viewer):
 
 def test_the_viewer_ends_and_comes_back(tmp_path):
     with pytest.raises(guilink.LinkError, match="cannot be reached.*is it running"):
-        guilink.connect(viewer=URL, link_timeout=0.1)
+        guilink.connect(viewer=URL, link_timeout=5)
     with ExitStack() as stack:
         with running(BIN / "guilink-viewer", "--device", "11111"):
             device = stack.enter_context(guilink.connect(viewer=URL, timeout=2 * LIMIT, artifacts=tmp_path))
