@@ -81,10 +81,9 @@ class Viewer(Link):
         return f"{self._name} has no link to {wanted}; heard: {heard}"
 
     def lock(self, seconds: float, deadline: float) -> None:
-        self._locked_until = 0.0
-        self._deliver(Order("hold", math.ceil(seconds)), deadline)
         with self._changed:
-            self._locked_until = time.monotonic() + seconds
+            self._locked_until = 0.0
+        self._deliver(Order("hold", math.ceil(seconds)), deadline)
 
     def _wake(self) -> None:
         if self._thread.is_alive():
@@ -204,6 +203,8 @@ class Viewer(Link):
             for order in self._orders:
                 if order.request and order.request == said.get("delivered", said.get("failed")):
                     self._finish(order, said.get("why", ""))
+                    if order.name == "hold" and not order.why_not:
+                        self._locked_until = time.monotonic() + int(order.value)
             self._changed.notify_all()
 
     def _end_old_pictures(self) -> None:
