@@ -95,8 +95,14 @@ def test_devices_with_one_identity_are_told_apart(viewer):
         assert json.loads(ask("GET", f"/device/{address}/state")[1])["state"] == "searching"
         twin.link()
         assert ask("GET", "/device/10.77.0.2/state")[0] == 200
-        with pytest.raises(guilink.LinkError, match="several devices with the identity 22222; name one by its address"):
-            guilink.connect("22222", viewer=URL, link_timeout=5)
+
+        def refused():
+            twin.broadcast()
+            with pytest.raises(guilink.LinkError) as error:
+                guilink.connect("22222", viewer=URL, link_timeout=1)
+            return "several devices with the identity 22222; name one by its address" in str(error.value)
+
+        until(refused)
 
 
 @pytest.mark.parametrize("viewer", [[]], indirect=True)
