@@ -9,6 +9,7 @@ import select
 import signal
 import subprocess
 import sys
+import tempfile
 import warnings
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import suppress
@@ -25,6 +26,13 @@ SUPPORT = ROOT / "tests/support"
 PROGRAMS = Path(os.environ.get("GUILINK_BIN", ROOT / "build/release/bin"))
 # The kit's options for three tries, the quickest first. On a busy machine, a try may report a rule that is not broken.
 TRIES = (["--attempts", "1", "--patience", "3"], ["--attempts", "2"], ["--attempts", "3", "--patience", "20"])
+
+
+@pytest.fixture
+def memory():
+    """A folder in memory. On a busy disk, a companion that saves each picture would fall silent."""
+    with tempfile.TemporaryDirectory(dir="/dev/shm") as folder:
+        yield Path(folder)
 
 
 def conform(*arguments, within=()):
@@ -77,8 +85,8 @@ def missed(programs, prove):
     return {name: (rule, *rules) for (name, rule), rules in zip(programs.items(), found) if rules != {rule}}
 
 
-def test_wrong_companions_are_caught(tmp_path):
-    assert not missed(wrong_companion.WRONG, lambda name, *options: companion(name, tmp_path, *options))
+def test_wrong_companions_are_caught(memory):
+    assert not missed(wrong_companion.WRONG, lambda name, *options: companion(name, memory, *options))
 
 
 def test_wrong_devices_are_caught(tmp_path):
@@ -87,8 +95,8 @@ def test_wrong_devices_are_caught(tmp_path):
 
 @pytest.mark.parametrize("name, options", [
     ("right", []), ("closes its port", ["-k", "closes_further"]), ("has two sizes", ["-k", "image", "-k", "pixel"])])
-def test_right_companion_is_not_blamed(name, options, tmp_path):
-    verdicts = companion(name, tmp_path, *options)
+def test_right_companion_is_not_blamed(name, options, memory):
+    verdicts = companion(name, memory, *options)
     assert verdicts["counts"]["passed"] == len(verdicts["cases"]), verdicts
     open_rules = {rule for rule, verdict in verdicts["rules"].items() if verdict["verdict"] != "passed"}
     assert options or open_rules == {"PRESS-6"}
@@ -96,24 +104,24 @@ def test_right_companion_is_not_blamed(name, options, tmp_path):
 
 @pytest.mark.parametrize("name, rule", [
     ("blue is red", "PICT-3"), ("falls silent", "TIME-1"), ("listens nowhere", "DISC-3")])
-def test_first_fault_is_the_cause(name, rule, tmp_path):
-    cases = companion(name, tmp_path, "--attempts", 2)["cases"]
+def test_first_fault_is_the_cause(name, rule, memory):
+    cases = companion(name, memory, "--attempts", 2)["cases"]
     assert {case["rule"] for case in cases if case["rule"]} == {rule}, cases
     assert any("has failed" in case["text"] for case in cases if case["verdict"] == "untestable")
 
 
 @pytest.mark.parametrize("name, found", [
     ("keeps further connections", ["warned", "passed", "passed"]), ("leaves at any broadcast", ["passed", "failed"])])
-def test_only_a_failure_ends_a_run(name, found, tmp_path):
+def test_only_a_failure_ends_a_run(name, found, memory):
     names = ["-k", "closes_further", "-k", "late_broadcast", "-k", "stream_ends"]
-    cases = companion(name, tmp_path, "-x", "--attempts", 2, *names)["cases"]
+    cases = companion(name, memory, "-x", "--attempts", 2, *names)["cases"]
     assert [case["verdict"] for case in cases] == found, cases
 
 
-def test_no_process_of_the_companion_stays(tmp_path):
-    companion("leaves a child", tmp_path, "-k", "answers_a_broadcast")
+def test_no_process_of_the_companion_stays(memory):
+    companion("leaves a child", memory, "-k", "answers_a_broadcast")
     with suppress(ProcessLookupError):  # it has ended
-        child = os.pidfd_open(int((tmp_path / "leaves-a-child.png.child").read_text()))
+        child = os.pidfd_open(int((memory / "leaves-a-child.png.child").read_text()))
         assert select.select([child], [], [], 30)[0]  # it ends just now
 
 
@@ -132,9 +140,9 @@ def test_right_device_is_not_blamed(tmp_path):
     ("serves 4 connections", ["keeps_the_link_alive", "repeats_its_request", "answers_a_broadcast",
                               "damaged_image_is_no_link", "late_broadcast"], "restarted", "LINK-3"),
 ])
-def test_no_crash_is_forgiven_and_no_run_lasts_for_ever(name, cases, verdict, rule, tmp_path):
+def test_no_crash_is_forgiven_and_no_run_lasts_for_ever(name, cases, verdict, rule, memory):
     options = [word for case in cases for word in ("-k", case)]
-    verdicts = companion(name, tmp_path, *options)
+    verdicts = companion(name, memory, *options)
     found = [(case["verdict"], case["rule"]) for case in verdicts["cases"] if case["rule"]]
     assert found == [(verdict, rule)], verdicts
 
@@ -165,8 +173,8 @@ def test_what_cannot_be_tested_is_an_error(option, words):
     [sys.executable, ROOT / "docs/examples/minimal_companion.py", "--frames", "0", "--press", "7",
      "--follow", "--timeout", "3600"],
 ], ids=["viewer", "minimal"])
-def test_our_companions_pass(command, tmp_path):
-    picture = tmp_path / "shown.png"
+def test_our_companions_pass(command, memory):
+    picture = memory / "shown.png"
     shows = ["--picture", picture] if "--follow" in command else []
     verdicts = conform("companion", "--json", *shows, "--", *command, *shows[1:])
     # LINK-5 recommends that a companion closes a second connection. The viewer lets this connection wait instead.
